@@ -1,0 +1,54 @@
+// CBufferStream: a seekable in/out stream over a TBuffer.
+#pragma once
+
+#include "zo/Buffer.h"
+#include "zo/Stream.h"
+#include "zo/URI.h"
+
+namespace zo {
+
+class CBufferStream : public CBase, public IIOStream {
+public:
+    // Over a writable buffer, which the caller keeps alive and owns; a null
+    // buffer makes the stream own a new one. Writes grow the buffer's capacity
+    // by `growFactor` (at least to what the write needs). Position 0.
+    CBufferStream(TBuffer<uint8>* buffer, double growFactor);
+    // Over a read-only buffer that the caller keeps alive; writes throw ReadOnly.
+    explicit CBufferStream(const TBuffer<uint8>* buffer);
+
+    // The buffer written to (for an owned buffer, the stream's own).
+    P<TBuffer<uint8>> getBuffer() const;
+
+    int64 getLength() override;
+    int64 getPosition() override;
+    CURI getURI() override;
+    void seek(int64 position) override;
+    void lockRange(int64 start, int64 length, LockType type) override;
+    void close() override;
+
+    void read(void* dst, int size) override;
+    int readLax(void* dst, int size) override;
+    int readAvailable(void* dst, int size) override;
+    bool waitReadable(int timeoutMillis) override;
+    bool isEndOfStream() override;
+    int isEndOfStream_NonBlocking() override;
+
+    void write(const void* src, int size, IWriteBarrier* barrier = nullptr) override;
+    void writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier = nullptr) override;
+    P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
+    void flush() override;
+    void setLength(int64 length) override;
+
+private:
+    void checkOpen() const;
+    const TBuffer<uint8>& readBuffer() const;
+
+    P<TBuffer<uint8>> m_owned;
+    TBuffer<uint8>* m_writable = nullptr;
+    const TBuffer<uint8>* m_readOnly = nullptr;
+    double m_growFactor = 2.0;
+    int64 m_position = 0;
+    bool m_closed = false;
+};
+
+} // namespace zo

@@ -1,0 +1,88 @@
+// IFileSystem: every file access of the system goes through this interface.
+// Implementations accept calls from several threads at once. The begin...
+// operations are asynchronous: they return a handle (callers may drop it at
+// once) and report completion exactly once through the listener, on a thread
+// of the file system's own, with null on success or the error. They may also
+// fail synchronously by throwing. The other operations are synchronous and
+// throw a CError (as a rule a CFileSystemError) on failure.
+//
+// Problems (CFileSystemError) that callers rely on:
+//   NotFound (1)       the file, or a folder on its path, does not exist;
+//   AlreadyExists (2)  the target already exists;
+//   NotSupported (6)   the operation is not supported.
+#pragma once
+
+#include "zo/Base.h"
+#include "zo/Containers.h"
+#include "zo/Error.h"
+#include "zo/Stream.h"
+#include "zo/URI.h"
+
+namespace zo {
+
+// Receives the completion of an asynchronous operation.
+class IDoneListener : public virtual IBase {
+public:
+    // `error` is null on success; it is only valid during the call.
+    virtual void onDone(const CError* error) = 0;
+};
+
+// Handle of an asynchronous operation.
+class IFileSystemOp : public virtual IBase {
+public:
+    // True once the listener has been called; waits up to `timeoutMillis` (-1: no limit).
+    virtual bool waitDone(int timeoutMillis) = 0;
+};
+
+class IFileInfo : public virtual IBase {
+public:
+    virtual bool exists() const = 0;
+    virtual bool isFolder() const = 0;
+    // Length in bytes (0 for a folder).
+    virtual int64 getSize() const = 0;
+};
+
+class IFileSystem : public virtual IBase {
+public:
+    // Stores `size` bytes read from `source` as `file`. The store is atomic
+    // (a reader sees the old file or the whole new one) and durable when the
+    // listener hears of success. With `overwrite` false an existing file fails
+    // with AlreadyExists; a missing folder on the path fails with NotFound.
+    // The file system holds a reference to `source` until the operation ends.
+    virtual P<IFileSystemOp> beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
+                                            IDoneListener* listener) = 0;
+    // Creates one folder. An existing folder fails with AlreadyExists, a
+    // missing parent with NotFound.
+    virtual P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) = 0;
+    // Moves a file. With `overwrite` false an existing target fails with
+    // AlreadyExists; a missing source, or a missing folder on the target's
+    // path, fails with NotFound.
+    virtual P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
+                                           IDoneListener* listener) = 0;
+    // Deletes a file; a missing file succeeds.
+    virtual P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) = 0;
+
+    // Information on a path. With `throwIfMissing` a missing path throws
+    // NotFound; otherwise the information says it does not exist.
+    virtual P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) = 0;
+    // Opens a file. AccessRead opens an existing file (NotFound when missing);
+    // AccessWrite / AccessReadWrite with OptionReplace create the file or
+    // empty an existing one. The stream's length is the file's.
+    virtual P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) = 0;
+    // Creates a folder and every missing parent; an existing folder succeeds.
+    virtual void createFolder(const CURI& folder, int mode) = 0;
+    // True when `file` exists and is a file.
+    virtual bool fileExists(const CURI& file) = 0;
+    // True when `folder` exists and is a folder.
+    virtual bool folderExists(const CURI& folder) = 0;
+    // True when anything exists at `path`.
+    virtual bool pathExists(const CURI& path) = 0;
+    // Deletes a file; with `ignoreMissing` a missing file succeeds, otherwise
+    // it throws NotFound.
+    virtual void deleteFile(const CURI& file, bool ignoreMissing) = 0;
+
+    // The names of the entries of a folder, sorted (NotFound when missing).
+    virtual TList<String> listFolder(const CURI& folder) = 0;
+};
+
+} // namespace zo

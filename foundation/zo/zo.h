@@ -1,0 +1,20 @@
+// Every public class of the base library.
+#pragma once
+
+#include "zo/Base.h"
+#include "zo/Buffer.h"
+#include "zo/BufferStream.h"
+#include "zo/Compressor.h"
+#include "zo/Containers.h"
+#include "zo/DataStream.h"
+#include "zo/Error.h"
+#include "zo/FileSystem.h"
+#include "zo/Log.h"
+#include "zo/Mutex.h"
+#include "zo/Props.h"
+#include "zo/Semaphore.h"
+#include "zo/Signal.h"
+#include "zo/Stream.h"
+#include "zo/String.h"
+#include "zo/Thread.h"
+#include "zo/URI.h"
