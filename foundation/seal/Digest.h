@@ -1,0 +1,44 @@
+// Message digests. A context is used by one thread at a time.
+#pragma once
+
+#include "zo/Base.h"
+#include "zo/String.h"
+
+namespace seal {
+
+class IDigestContext : public virtual zo::IBase {
+public:
+    // Digest length in bytes: 16 for MD5, 32 for SHA-256.
+    virtual int getSize() const = 0;
+    virtual void update(const void* data, int size) = 0;
+    // Ends the digest; getDigest then gives its bytes.
+    virtual void finish() = 0;
+    // Starts a new digest on the same context.
+    virtual void reset() = 0;
+    // The finished digest (getSize bytes); valid until the next reset.
+    virtual const zo::uint8* getDigest() const = 0;
+};
+
+class IDigestType : public virtual zo::IBase {
+public:
+    virtual zo::P<IDigestContext> createContext() const = 0;
+    virtual int getSize() const = 0;
+    virtual zo::String getID() const = 0;
+};
+
+// Makes digest types by ID: "md5" and "sha256". Any other ID throws
+// zo::CError naming it.
+class CDigestManager {
+public:
+    zo::P<IDigestType> getType(const zo::String& hashID) const;
+};
+
+// The MD5 digest type, constructible directly.
+class CDigestType_MD5 : public zo::CBase, public IDigestType {
+public:
+    zo::P<IDigestContext> createContext() const override;
+    int getSize() const override { return 16; }
+    zo::String getID() const override { return "md5"; }
+};
+
+} // namespace seal

@@ -1,0 +1,6 @@
+// Every public class of the cryptography library.
+#pragma once
+
+#include "seal/Cipher.h"
+#include "seal/Digest.h"
+#include "seal/KeyDerivation.h"
