@@ -1,4 +1,5 @@
-// Message digests. A context is used by one thread at a time.
+// Message digests. A context is used by one thread at a time; the types and
+// the manager may be used from any thread.
 #pragma once
 
 #include "zo/Base.h"
@@ -10,8 +11,11 @@ class IDigestContext : public virtual zo::IBase {
 public:
     // Digest length in bytes: 16 for MD5, 32 for SHA-256.
     virtual int getSize() const = 0;
+    // Adds `size` bytes to the digest. Throws zo::CInvalidArgError on a
+    // negative size, zo::CError after finish (until reset).
     virtual void update(const void* data, int size) = 0;
-    // Ends the digest; getDigest then gives its bytes.
+    // Ends the digest; getDigest then gives its bytes. Throws zo::CError when
+    // the digest is finished already.
     virtual void finish() = 0;
     // Starts a new digest on the same context.
     virtual void reset() = 0;
@@ -21,13 +25,14 @@ public:
 
 class IDigestType : public virtual zo::IBase {
 public:
+    // A new context, ready to take data.
     virtual zo::P<IDigestContext> createContext() const = 0;
     virtual int getSize() const = 0;
     virtual zo::String getID() const = 0;
 };
 
 // Makes digest types by ID: "md5" and "sha256". Any other ID throws
-// zo::CError naming it.
+// zo::CError "Unknown digest ID: " + ID.
 class CDigestManager {
 public:
     zo::P<IDigestType> getType(const zo::String& hashID) const;

@@ -54,20 +54,13 @@ protected:
     // Called when the last reference goes; destroys the object. Pooled objects
     // override it to return themselves to their pool instead.
     virtual void onFinalRelease() const { delete this; }
+    // Drops a reference that a constructor took on its own object to survive
+    // callbacks made before it returns; never destroys the object, which the
+    // creator's P<> then owns.
+    void releaseWithoutDestroying() const { m_refCount.fetch_sub(1, std::memory_order_acq_rel); }
 
 private:
     mutable std::atomic<int> m_refCount{0};
-};
-
-// Marks a class whose objects live on the heap only: the destructor is
-// protected, so a stack or member instance does not compile.
-template <class T>
-class TRequireNewAlloc : public T {
-public:
-    using T::T;
-
-protected:
-    ~TRequireNewAlloc() override = default;
 };
 
 // Owning pointer to a counted object. Copying adds a reference, destruction

@@ -4,8 +4,10 @@
 
 #include "zo/Base.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <string.h>
 #include <type_traits>
@@ -26,7 +28,7 @@ public:
     explicit TBuffer(int used, int capacity = -1)
     {
         reserve(capacity > used ? capacity : used);
-        m_used = used;
+        m_used = used < 0 ? 0 : used;
     }
     TBuffer(const T* data, int count)
     {
@@ -71,9 +73,15 @@ public:
     void addUsed(int count) { setUsed(m_used + count); }
     void clear() { m_used = 0; }
     // Pointer to the first unused element, after making room for `count` more.
+    // Room is made in steps of at least half the capacity, so that appending
+    // piece by piece costs amortized constant time per element.
     T* getFreePtr(int count)
     {
-        reserve(m_used + count);
+        const int64 needed = static_cast<int64>(m_used) + (count < 0 ? 0 : count);
+        if (needed > m_capacity) {
+            const int64 stepped = static_cast<int64>(m_capacity) + m_capacity / 2;
+            reserve(static_cast<int>(std::min<int64>(std::max(needed, stepped), std::numeric_limits<int>::max())));
+        }
         return m_data + m_used;
     }
     void append(const T* data, int count)
@@ -81,35 +89,50 @@ public:
         std::memcpy(getFreePtr(count), data, sizeof(T) * static_cast<size_t>(count));
         m_used += count;
     }
-    // Makes the capacity at least `capacity`; never shrinks.
+    // Makes the capacity at least `capacity`, keeping the used contents;
+    // never shrinks. Throws std::bad_alloc when memory runs out.
     void reserve(int capacity)
     {
         if (capacity <= m_capacity)
             return;
-        T* data = static_cast<T*>(std::malloc(sizeof(T) * static_cast<size_t>(capacity)));
+        const size_t bytes = sizeof(T) * static_cast<size_t>(capacity);
+        T* data = static_cast<T*>(std::malloc(bytes));
         if (!data)
             throw std::bad_alloc();
-        if (m_used > 0)
-            std::memcpy(data, m_data, sizeof(T) * static_cast<size_t>(m_used));
+        const size_t usedBytes = sizeof(T) * static_cast<size_t>(m_used);
+        if (m_data && usedBytes > 0 && usedBytes <= bytes)
+            std::memcpy(data, m_data, usedBytes);
         freeData(m_data, m_capacity);
         m_data = data;
         m_capacity = capacity;
     }
+    // Gives the memory back at once (TCryptBuffer wipes it); used size and
+    // capacity become 0.
+    void freeMemory()
+    {
+        T* data = m_data;
+        const int capacity = m_capacity;
+        detachData();
+        freeData(data, capacity);
+    }
 
+    // Equal when the used elements are equal; capacity does not count.
     friend bool operator==(const TBuffer& a, const TBuffer& b)
     {
         return a.m_used == b.m_used && (a.m_used == 0 || std::memcmp(a.m_data, b.m_data, sizeof(T) * static_cast<size_t>(a.m_used)) == 0);
     }
 
 protected:
-    // Gives memory back; TCryptBuffer wipes it first.
+    // Gives a block of `capacity` elements back to the heap; every block the
+    // buffer lets go of passes through here (TCryptBuffer wipes it first).
     virtual void deleteData(T* data, int capacity)
     {
         (void)capacity;
         std::free(data);
     }
-    // Called by destructors, where virtual dispatch no longer reaches the
-    // derived class: TCryptBuffer releases its memory in its own destructor.
+    // Hands a non-null block to deleteData. Destructors call it too, where
+    // virtual dispatch no longer reaches a derived class: TCryptBuffer
+    // therefore gives its memory back in its own destructor.
     void freeData(T* data, int capacity)
     {
         if (data)
@@ -128,8 +151,8 @@ protected:
 };
 
 // A TBuffer for secret material: every block of memory it gives back, on
-// growth and on destruction, is wiped first with a wipe the compiler cannot
-// remove.
+// growth, on freeMemory and on destruction, is wiped first with a wipe the
+// compiler cannot remove.
 template <class T = uint8>
 class TCryptBuffer : public TBuffer<T> {
 public:
@@ -142,22 +165,17 @@ public:
             this->assign(other);
         return *this;
     }
-    ~TCryptBuffer() override
-    {
-        if (this->m_data)
-            wipeAndFree(this->m_data, this->m_capacity);
-        this->detachData();
-    }
+    ~TCryptBuffer() override { this->freeMemory(); }
 
 protected:
-    void deleteData(T* data, int capacity) override { wipeAndFree(data, capacity); }
-
-private:
-    static void wipeAndFree(T* data, int capacity)
+    // Wipes the whole block (used or not), then hands it to freeWipedData.
+    void deleteData(T* data, int capacity) override
     {
         explicit_bzero(data, sizeof(T) * static_cast<size_t>(capacity));
-        std::free(data);
+        freeWipedData(data, capacity);
     }
+    // Gives an already wiped block back to the heap.
+    virtual void freeWipedData(T* data, int capacity) { TBuffer<T>::deleteData(data, capacity); }
 };
 
 // A read-only view of `size` elements owned by someone else.

@@ -161,7 +161,10 @@ void CBufferStream::setLength(int64 length)
         throw CIOError(CIOError::ReadOnly, "Buffer stream is read-only.");
     if (length < 0 || length > std::numeric_limits<int>::max())
         throw CIOError(CIOError::SeekOutOfRange, String(), CProps().add("length", length));
+    const int oldLength = m_writable->getUsed();
     m_writable->setUsed(static_cast<int>(length));
+    if (length > oldLength)
+        std::memset(m_writable->getData() + oldLength, 0, static_cast<size_t>(length - oldLength));
     m_position = std::min<int64>(m_position, length);
 }
 

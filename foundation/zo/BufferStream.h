@@ -16,7 +16,10 @@ public:
     // Over a read-only buffer that the caller keeps alive; writes throw ReadOnly.
     explicit CBufferStream(const TBuffer<uint8>* buffer);
 
-    // The buffer written to (for an owned buffer, the stream's own).
+    // The buffer written to: the stream's own, or the caller's buffer given
+    // to the writable constructor (which must then be a counted heap object,
+    // since the returned P<> holds a reference to it). Null for a stream over
+    // a caller's read-only buffer.
     P<TBuffer<uint8>> getBuffer() const;
 
     int64 getLength() override;
@@ -37,6 +40,9 @@ public:
     void writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier = nullptr) override;
     P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
     void flush() override;
+    // Cuts or extends the data (new bytes are zero); a position beyond the
+    // new end moves to it. ReadOnly for a read-only stream, SeekOutOfRange
+    // below 0 or beyond 2 GiB.
     void setLength(int64 length) override;
 
 private:

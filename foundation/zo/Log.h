@@ -14,7 +14,8 @@ enum class LogLevel { Error, Warning, Info };
 using LogSink = std::function<void(LogLevel level, const String& line)>;
 
 // Replaces the sink and returns the previous one. An empty function restores
-// the default. May be called from any thread.
+// the default. May be called from any thread. The sink is called under a lock,
+// one line at a time, so it must not log itself.
 LogSink setLogSink(LogSink sink);
 
 void logLine(LogLevel level, const String& line);

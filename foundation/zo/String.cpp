@@ -124,7 +124,9 @@ size_t String::findLast(wchar_t ch) const
 String& String::operator+=(wchar_t ch)
 {
     char32_t cp = static_cast<char32_t>(ch);
-    if (cp >= 0x10000 && cp <= 0x10FFFF) {
+    if (cp > 0x10FFFF)
+        cp = 0xFFFD; // not a Unicode character
+    if (cp >= 0x10000) {
         cp -= 0x10000;
         m_text += static_cast<char16_t>(0xD800 + (cp >> 10));
         m_text += static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
@@ -168,7 +170,9 @@ int64 parseInt64(const String& text, bool allowTrailing)
     const std::string s = text.toUTF8();
     const char* begin = s.data();
     const char* end = s.data() + s.size();
-    if (begin != end && *begin == '+')
+    // One optional sign: "+" is skipped here, "-" is read by from_chars; a
+    // second sign ("+-5") is refused there.
+    if (begin != end && *begin == '+' && (begin + 1 == end || begin[1] != '-'))
         ++begin;
     int64 value = 0;
     const auto res = std::from_chars(begin, end, value, 10);

@@ -41,6 +41,8 @@ public:
 
     String& operator+=(const String& other) { m_text += other.m_text; return *this; }
     String& operator+=(const char* utf8) { return *this += String(utf8); }
+    // Appends one character: a surrogate pair beyond U+FFFF, U+FFFD for a
+    // value beyond U+10FFFF.
     String& operator+=(wchar_t ch);
 
     friend String operator+(String a, const String& b) { a += b; return a; }

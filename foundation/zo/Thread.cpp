@@ -3,6 +3,8 @@
 #include "zo/Error.h"
 #include "zo/Log.h"
 
+#include <exception>
+
 namespace zo {
 
 CThread::CThread(IRunnable* runnable, bool joinOnStop) : m_runnable(runnable), m_joinOnStop(joinOnStop) {}
@@ -22,21 +24,33 @@ CThread::~CThread()
 
 void CThread::start()
 {
-    if (m_thread.joinable() || m_running)
-        throw CError("Thread already started.");
-    addRef(); // released by deleteThis when the thread ends
-    m_running = true;
-    try {
-        m_thread = std::thread(&CThread::threadMain, this);
-    } catch (...) {
-        m_running = false;
+    std::exception_ptr failure;
+    {
+        std::lock_guard startLock(m_startMutex);
+        if (m_started)
+            throw CError("Thread already started.");
+        addRef(); // released by deleteThis when the thread ends
+        m_running = true;
+        try {
+            m_thread = std::thread(&CThread::threadMain, this);
+            m_started = true;
+        } catch (...) {
+            m_running = false;
+            failure = std::current_exception();
+        }
+    }
+    // Outside the lock: this release may destroy the object with its mutex.
+    if (failure) {
         release();
-        throw;
+        std::rethrow_exception(failure);
     }
 }
 
 void CThread::threadMain()
 {
+    {
+        std::lock_guard waitForStart(m_startMutex);
+    }
     try {
         run();
     } catch (const std::exception& e) {
@@ -44,7 +58,13 @@ void CThread::threadMain()
     } catch (...) {
         logLine(LogLevel::Error, "Thread ended by an unknown exception.");
     }
-    onRunFinished();
+    try {
+        onRunFinished();
+    } catch (const std::exception& e) {
+        logError(e, "Thread end handler failed.", String());
+    } catch (...) {
+        logLine(LogLevel::Error, "Thread end handler failed with an unknown exception.");
+    }
     m_running = false;
     deleteThis();
 }

@@ -1,0 +1,319 @@
+#include "brick/Brick.h"
+
+#include "zo/Log.h"
+#include "zo/Time.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace brick {
+
+using zo::CFileSystemError;
+using zo::String;
+
+namespace {
+
+// Number of hexadecimal digits of `objectsPerTreeLevel` itself, the minimum
+// width of every name part of the brick tree.
+int hexDigitWidthFor(int objectsPerTreeLevel)
+{
+    int width = 1;
+    int q = objectsPerTreeLevel / 16;
+    if (q > 0) {
+        width = 1;
+        while (q != 0) {
+            ++width;
+            q >>= 4;
+        }
+    }
+    return width;
+}
+
+bool isAllZero(const TBuffer<uint8>& buffer)
+{
+    const uint8* data = buffer.getData();
+    const size_t size = static_cast<size_t>(buffer.getUsed());
+    if (size == 0)
+        return true;
+    // The first byte is zero and every byte equals the one after it.
+    return data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0;
+}
+
+} // namespace
+
+CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
+               const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps)
+    : m_fs(fs), m_diskFolder(diskFolder), m_childFolder(childFolder), m_searchFolders(parentFolders), m_header(header),
+      m_maxBackgroundOps(std::max(1, maxBackgroundOps))
+{
+    m_searchFolders.push_front(diskFolder);
+    m_hexDigitWidth = hexDigitWidthFor(m_header.getObjectsPerTreeLevel());
+    m_brickDigits.resize(static_cast<size_t>(std::max(0, m_header.getTreeLevels())));
+    m_preparer = P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, cipherKey));
+    m_maxPreparedSize = static_cast<int64>(m_header.getBrickSize() * 1.1 + 1024.0);
+    m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(20, static_cast<int>(m_maxPreparedSize), 1));
+
+    TBuffer<uint8> zeros(m_header.getBrickSize());
+    std::memset(zeros.getData(), 0, static_cast<size_t>(zeros.getUsed()));
+    m_preparedZeroBrick = m_bufferPool->checkOutItem();
+    m_preparer->prepareData(zeros, *m_preparedZeroBrick);
+}
+
+CBrick::~CBrick()
+{
+    try {
+        backgroundSaveChanges();
+        waitUntilBackgroundSavesDone(-1);
+    } catch (const std::exception& e) {
+        zo::onExceptionInDestructorIgnored("brick::CBrick", e, true);
+    }
+}
+
+void CBrick::seek(int64 brickIndex, int positionInBrick)
+{
+    if (brickIndex != m_brickIndex) {
+        backgroundSaveChanges();
+        m_brickIndex = brickIndex;
+        m_payloadLoaded = false;
+    }
+    m_positionInBrick = positionInBrick;
+}
+
+int CBrick::readLaxInsideBrick(void* dst, int size)
+{
+    if (!m_payloadLoaded)
+        loadBrickPayload();
+    const int n = std::max(0, std::min(size, m_payload.getUsed() - static_cast<int>(m_positionInBrick)));
+    if (n > 0)
+        std::memcpy(dst, m_payload.getData() + m_positionInBrick, static_cast<size_t>(n));
+    m_positionInBrick += n;
+    return n;
+}
+
+int CBrick::writeLaxInsideBrick(const void* src, int size)
+{
+    if (m_positionInBrick == 0 && size == m_header.getBrickSize()) {
+        m_payload.setUsed(size);
+        if (size > 0)
+            std::memcpy(m_payload.getData(), src, static_cast<size_t>(size));
+        m_payloadLoaded = true;
+        m_positionInBrick += size;
+        if (size > 0)
+            m_payloadDirty = true;
+        return size;
+    }
+    if (!m_payloadLoaded)
+        loadBrickPayload();
+    const int n = std::max(0, std::min(size, m_payload.getUsed() - static_cast<int>(m_positionInBrick)));
+    if (n > 0) {
+        std::memcpy(m_payload.getData() + m_positionInBrick, src, static_cast<size_t>(n));
+        m_payloadDirty = true;
+    }
+    m_positionInBrick += n;
+    return n;
+}
+
+P<CBrickStorer> CBrick::writePreparedBrick(const TBuffer<uint8>* prepared, IDoneListener* listener)
+{
+    P<CBrickStorer> storer = writePreparedBrickImpl(prepared, listener);
+    m_payload.setUsed(0);
+    m_payloadDirty = false;
+    m_payloadLoaded = false;
+    return storer;
+}
+
+CURI CBrick::getRelativeBrickURI()
+{
+    const int levels = static_cast<int>(m_brickDigits.size());
+    const int64 perLevel = m_header.getObjectsPerTreeLevel();
+    int64 n = m_brickIndex;
+    for (int level = 0; level < levels; ++level) {
+        m_brickDigits[static_cast<size_t>(level)] = static_cast<int>(n % perLevel);
+        n /= perLevel;
+    }
+    CURI uri(String("bricks"));
+    for (int level = levels - 1; level >= 0; --level) {
+        const String digits = zo::toHexString(m_brickDigits[static_cast<size_t>(level)]);
+        String name;
+        if (level > 0)
+            name += static_cast<wchar_t>(0x60 + level);
+        for (size_t i = digits.getLength(); i < static_cast<size_t>(m_hexDigitWidth); ++i)
+            name += "0";
+        name += digits;
+        if (level == 0)
+            name += ".brick";
+        uri = uri << name;
+    }
+    return uri;
+}
+
+void CBrick::loadBrickPayload()
+{
+    try {
+        if (!loadFromStorer()) {
+            bool found = false;
+            for (const CURI& folder : m_searchFolders) {
+                if (loadFromFolder(folder)) {
+                    found = true;
+                    break;
+                }
+            }
+            if (!found)
+                fillPayloadWithZeros();
+        }
+    } catch (const std::exception& e) {
+        zo::logError(e,
+                     "Error loading brick payload (diskFolder:" + m_diskFolder.toString(true) +
+                         ", brickIndex:" + zo::toDecimalString(m_brickIndex) + "). Letting through.",
+                     String::getEmptyString());
+        throw;
+    }
+    m_payloadLoaded = true;
+}
+
+bool CBrick::loadFromStorer()
+{
+    const auto it = m_storers.find(m_brickIndex);
+    if (it == m_storers.end())
+        return false;
+    const PC<TBuffer<uint8>> prepared = it->second->getBrickData();
+    if (!prepared) {
+        fillPayloadWithZeros();
+    } else {
+        m_payload.setUsed(0);
+        m_preparer->unprepareData(*prepared, m_payload);
+    }
+    return true;
+}
+
+bool CBrick::loadFromFolder(const CURI& folder)
+{
+    try {
+        P<zo::IIOStream> stream = m_fs->openStream(folder << getRelativeBrickURI(), zo::IIOStream::AccessRead, 0);
+        P<zo::CMemPoolBuffer> buffer = m_bufferPool->checkOutItem();
+        buffer->setUsed(static_cast<int>(m_maxPreparedSize));
+        const int n = stream->readLax(buffer->getData(), static_cast<int>(m_maxPreparedSize));
+        buffer->setUsed(n);
+        m_payload.setUsed(0);
+        m_preparer->unprepareData(*buffer, m_payload);
+        return true;
+    } catch (const CFileSystemError& e) {
+        if (e.getProblem() == CFileSystemError::NotFound)
+            return false;
+        throw;
+    }
+}
+
+void CBrick::fillPayloadWithZeros()
+{
+    m_payload.setUsed(m_header.getBrickSize());
+    std::memset(m_payload.getData(), 0, static_cast<size_t>(m_payload.getUsed()));
+}
+
+void CBrick::backgroundSaveChanges()
+{
+    if (!m_payloadDirty)
+        return;
+    P<zo::CMemPoolBuffer> prepared;
+    if (!isAllZero(m_payload)) {
+        prepared = m_bufferPool->checkOutItem();
+        prepared->setUsed(0);
+        m_preparer->prepareData(m_payload, *prepared);
+    }
+    try {
+        writePreparedBrickImpl(prepared.get(), nullptr);
+    } catch (const CError& e) {
+        zo::logError(e, "Error initiating background brick storing operation.", String::getEmptyString());
+        m_backgroundErrors.push_back(Error{m_brickIndex, e.clone()});
+    }
+    m_payloadDirty = false;
+}
+
+P<CBrickStorer> CBrick::writePreparedBrickImpl(const TBuffer<uint8>* prepared, IDoneListener* listener)
+{
+    const auto running = m_storers.find(m_brickIndex);
+    if (running != m_storers.end()) {
+        // Saves of one brick never overlap, so the later one always lands last.
+        running->second->waitFinished(-1);
+        handleFinishedStorers();
+        if (m_storers.count(m_brickIndex) != 0)
+            throw CError("INTERNAL ERROR: CBrick waited for storer to end, but the storer then was not removed.");
+    }
+    waitForFreeBackgroundOpSlot(-1);
+    const CURI relativeURI = getRelativeBrickURI();
+    const CURI childRelativeURI = m_childFolder.isEmpty() ? CURI() : relativeURI;
+    P<CBrickStorer> storer = CBrickStorer::start(m_fs.get(), m_diskFolder, relativeURI, m_childFolder,
+                                                 childRelativeURI, prepared, m_preparedZeroBrick.get(), listener);
+    m_storers[m_brickIndex] = storer;
+    return storer;
+}
+
+void CBrick::handleFinishedStorers()
+{
+    for (auto it = m_storers.begin(); it != m_storers.end();) {
+        if (!it->second->waitFinished(0)) {
+            ++it;
+            continue;
+        }
+        if (const PC<CError> error = it->second->getError()) {
+            zo::logError(*error, "Error during background brick storing operation.", String::getEmptyString());
+            m_backgroundErrors.push_back(Error{it->first, error->clone()});
+        }
+        it = m_storers.erase(it);
+    }
+}
+
+bool CBrick::waitForFreeBackgroundOpSlot(int timeoutMillis)
+{
+    const bool limited = timeoutMillis != -1;
+    const zo::CTime deadline = zo::CTime::now() + zo::CTimeSpan::fromMillis(limited ? timeoutMillis : 0);
+    while (static_cast<int>(m_storers.size()) >= m_maxBackgroundOps) {
+        m_storers.begin()->second->waitFinished(50);
+        handleFinishedStorers();
+        if (limited && zo::CTime::now() >= deadline)
+            break;
+    }
+    return static_cast<int>(m_storers.size()) < m_maxBackgroundOps;
+}
+
+bool CBrick::waitUntilBackgroundSavesDone(int timeoutMillis)
+{
+    const bool limited = timeoutMillis != -1;
+    const zo::CTime deadline = zo::CTime::now() + zo::CTimeSpan::fromMillis(limited ? timeoutMillis : 0);
+    handleFinishedStorers();
+    if (m_storers.empty())
+        return true;
+    for (;;) {
+        int wait = -1;
+        if (limited) {
+            wait = static_cast<int>((deadline - zo::CTime::now()).toMicros() / 1000);
+            if (wait < 0)
+                return false;
+        }
+        if (!m_storers.begin()->second->waitFinished(wait))
+            return false;
+        handleFinishedStorers();
+        if (m_storers.empty())
+            return true;
+    }
+}
+
+const zo::TList<CBrick::Error>& CBrick::getBackgroundErrorList()
+{
+    handleFinishedStorers();
+    return m_backgroundErrors;
+}
+
+int CBrick::getBackgroundSavesInProgress()
+{
+    handleFinishedStorers();
+    return static_cast<int>(m_storers.size());
+}
+
+bool CBrick::haveBackgroundErrors()
+{
+    handleFinishedStorers();
+    return !m_backgroundErrors.empty();
+}
+
+} // namespace brick

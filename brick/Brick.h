@@ -1,0 +1,109 @@
+// CBrick: one brick of a disk in memory. All reading and writing of a disk
+// passes through it: it loads a brick's payload on demand, keeps changes in
+// memory and hands changed bricks to background storers.
+#pragma once
+
+#include "brick/BrickDataPreparer.h"
+#include "brick/BrickDiskHeader.h"
+#include "brick/BrickStorer.h"
+
+#include "zo/Base.h"
+#include "zo/Buffer.h"
+#include "zo/Containers.h"
+#include "zo/Error.h"
+#include "zo/FileSystem.h"
+#include "zo/MemPool.h"
+#include "zo/URI.h"
+
+namespace brick {
+
+// Used by one thread at a time; it has no lock. Saves run on the file
+// system's threads, and this object learns of their end only by polling.
+class CBrick : public zo::CBase {
+public:
+    // One failed background save.
+    struct Error {
+        int64 brickIndex;
+        P<CError> error;
+    };
+
+    // A brick object over the disk in `diskFolder`. Bricks are searched in
+    // `diskFolder`, then in `parentFolders` in order. A changed brick first
+    // moves its old file into `childFolder` when that is not empty. At most
+    // `maxBackgroundOps` saves run at once (values below 1 count as 1).
+    // Prepares the all-zero brick once; throws what the preparer throws.
+    CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
+           const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps);
+    CBrick(const CBrick&) = default;
+    CBrick& operator=(const CBrick&) = default;
+    // Saves a changed brick and waits for every save; never throws.
+    ~CBrick() override;
+
+    // Makes `brickIndex` current, at `positionInBrick`. Leaving a changed
+    // brick starts its save. The payload is loaded on the next access.
+    void seek(int64 brickIndex, int positionInBrick);
+    // Copies up to `size` bytes from the current position, stopping at the
+    // brick's end; returns the count. Throws when the brick cannot be loaded.
+    int readLaxInsideBrick(void* dst, int size);
+    // Copies up to `size` bytes in at the current position, stopping at the
+    // brick's end; returns the count. A whole brick written at position 0 is
+    // taken without loading the old one.
+    int writeLaxInsideBrick(const void* src, int size);
+    int64 getBrickIndex() const { return m_brickIndex; }
+    int getPositionInBrick() const { return static_cast<int>(m_positionInBrick); }
+
+    // Stores already prepared data (null: an all-zero brick) as the current
+    // brick, replacing what memory held; `prepared` is a counted buffer that
+    // the storer keeps a reference to. `listener` (may be null) hears the end
+    // of the save. Waits for an earlier save of the same brick and for a free
+    // slot first. Returns the storer; throws when it cannot be started.
+    P<CBrickStorer> writePreparedBrick(const TBuffer<uint8>* prepared, IDoneListener* listener);
+
+    // The current brick's file, relative to a disk folder:
+    // "bricks/<level T-1>/.../<level 1>/<level 0>.brick".
+    CURI getRelativeBrickURI();
+
+    // Starts saving the current brick if it changed. A failure to start is
+    // logged and recorded, never thrown.
+    void backgroundSaveChanges();
+    // Waits until fewer than maxBackgroundOps saves run (-1: no limit); true then.
+    bool waitForFreeBackgroundOpSlot(int timeoutMillis);
+    // Waits until no save runs (-1: no limit); true then.
+    bool waitUntilBackgroundSavesDone(int timeoutMillis);
+    // The failed saves so far, oldest first.
+    const zo::TList<Error>& getBackgroundErrorList();
+    int getBackgroundSavesInProgress();
+    bool haveBackgroundErrors();
+
+protected:
+    void loadBrickPayload();
+    P<CBrickStorer> writePreparedBrickImpl(const TBuffer<uint8>* prepared, IDoneListener* listener);
+    void handleFinishedStorers();
+
+private:
+    bool loadFromStorer();
+    bool loadFromFolder(const CURI& folder);
+    void fillPayloadWithZeros();
+
+    P<IFileSystem> m_fs;
+    CURI m_diskFolder;
+    CURI m_childFolder;
+    zo::TList<CURI> m_searchFolders;
+    CBrickDiskHeader m_header;
+    int64 m_maxPreparedSize;
+    int64 m_brickIndex = 0;
+    bool m_payloadDirty = false;
+    bool m_payloadLoaded = false;
+    zo::TArray<int> m_brickDigits;
+    P<CBrickDataPreparer> m_preparer;
+    P<zo::CMemPool> m_bufferPool;
+    TBuffer<uint8> m_payload;
+    P<zo::CMemPoolBuffer> m_preparedZeroBrick;
+    int64 m_positionInBrick = 0;
+    int m_maxBackgroundOps;
+    zo::TMap<int64, P<CBrickStorer>> m_storers;
+    zo::TList<Error> m_backgroundErrors;
+    int m_hexDigitWidth = 1;
+};
+
+} // namespace brick

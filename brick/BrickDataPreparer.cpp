@@ -1,0 +1,152 @@
+#include "brick/BrickDataPreparer.h"
+
+#include "brick/BrickDiskHeader.h"
+#include "brick/Version.h"
+#include "zo/BufferStream.h"
+#include "zo/DataStream.h"
+#include "zo/Error.h"
+#include "zo/LZ4Compressor.h"
+#include "zo/LZMACompressor.h"
+#include "zo/NullCompressor.h"
+#include "zo/ZLibCompressor.h"
+
+#include <cstring>
+
+namespace brick {
+
+namespace {
+
+constexpr char kBrickFileID[] = "BRICK";
+constexpr int kBrickFileIDSize = 5;
+// File ID and the two version fields.
+constexpr int kFixedHeaderSize = kBrickFileIDSize + 2 + 2;
+
+zo::CProps unprepareProps()
+{
+    return zo::CProps().add("action", "CBrickDataPreparer::unprepareData");
+}
+
+[[noreturn]] void throwUnprepareError(const char* message, const zo::CProps& props = unprepareProps())
+{
+    throw zo::CError(message, zo::String(), -1, props);
+}
+
+int parseInt(const zo::String& text)
+{
+    return static_cast<int>(zo::parseInt64(text, false));
+}
+
+} // namespace
+
+CBrickDataPreparer::CBrickDataPreparer(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key)
+    : m_brickSize(header.getBrickSize()),
+      m_cipher(seal::CCipherManager().getCipher(header.getCipherID())),
+      m_key(key),
+      m_digest(seal::CDigestManager().getType(header.getCheckSumHashID())->createContext()),
+      m_digestSize(m_digest->getSize()),
+      m_compressor(createCompressor(header.getCompressID()))
+{
+}
+
+zo::P<zo::ICompressor> CBrickDataPreparer::createCompressor(const zo::String& compressID)
+{
+    if (compressID == "null")
+        return zo::P<zo::ICompressor>(new zo::CNullCompressor());
+    if (compressID == "lz4")
+        return zo::P<zo::ICompressor>(new zo::CLZ4Compressor(false));
+    if (compressID == "lz4hc")
+        return zo::P<zo::ICompressor>(new zo::CLZ4Compressor(true));
+    if (compressID.StartsWith("zlib-"))
+        return zo::P<zo::ICompressor>(new zo::CZLibCompressor(parseInt(compressID.Mid(5))));
+    if (compressID.StartsWith("lzma-")) {
+        // "lzma-A" or "lzma-A-B": the first "-" after the prefix separates A from B.
+        const size_t separator = compressID.find(L'-', 5);
+        if (separator == zo::String::npos)
+            return zo::P<zo::ICompressor>(new zo::CLZMACompressor(parseInt(compressID.Mid(5)), 0));
+        const int preset = parseInt(compressID.Mid(5, static_cast<zo::int64>(separator - 5)));
+        return zo::P<zo::ICompressor>(new zo::CLZMACompressor(preset, parseInt(compressID.Mid(separator + 1))));
+    }
+    throw zo::CError("Unknown compressor ID: " + compressID);
+}
+
+const zo::uint8* CBrickDataPreparer::digestOf(const void* data, int size)
+{
+    m_digest->reset();
+    m_digest->update(data, size);
+    m_digest->finish();
+    return m_digest->getDigest();
+}
+
+void CBrickDataPreparer::prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared)
+{
+    const int sourceSize = source.getUsed();
+    if (sourceSize > m_brickSize)
+        throw zo::CInvalidArgError("CBrickDataPreparer::prepareData",
+                                   "source buffer is bigger than brick size (" + zo::toDecimalString(sourceSize) + ").");
+    const int maxCompressed = m_compressor->getMaxCompressedSize(sourceSize);
+
+    // Room for the worst case, so that nothing below has to grow the buffer.
+    prepared.setUsed(m_cipher->getMaxPrefixSize() + kFixedHeaderSize + 2 * m_digestSize +
+                     m_cipher->getMaxPaddingSize() + maxCompressed);
+    prepared.setUsed(0);
+
+    const zo::uint8* plainDigest = digestOf(source.getData(), sourceSize);
+    {
+        zo::CBufferStream stream(&prepared, 2.0);
+        zo::CDataOutStream out(&stream);
+        out.write(kBrickFileID, kBrickFileIDSize)
+            .writeInt16(static_cast<int16_t>(kImplementationVersion))
+            .writeInt16(static_cast<int16_t>(kImplementationVersion))
+            .write(plainDigest, m_digestSize);
+        stream.close();
+    }
+
+    m_work.setUsed(maxCompressed);
+    const int compressedSize = m_compressor->compress(source.getData(), sourceSize, m_work.getData(), maxCompressed);
+    m_work.setUsed(compressedSize);
+    m_cipher->encrypt(m_key, m_work.getData(), compressedSize, prepared, true, 0);
+
+    const zo::uint8* fileDigest = digestOf(prepared.getData(), prepared.getUsed());
+    std::memcpy(prepared.getFreePtr(m_digestSize), fileDigest, static_cast<size_t>(m_digestSize));
+    prepared.addUsed(m_digestSize);
+}
+
+void CBrickDataPreparer::unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain)
+{
+    const int fullSize = prepared.getUsed();
+    if (fullSize < m_digestSize)
+        throwUnprepareError("Brick file is corrupted.");
+    const int digestedSize = fullSize - m_digestSize;
+    if (std::memcmp(digestOf(prepared.getData(), digestedSize), prepared.getData() + digestedSize,
+                    static_cast<size_t>(m_digestSize)) != 0)
+        throwUnprepareError("Brick file is corrupted.");
+
+    zo::CBufferStream stream(&prepared);
+    zo::CDataInStream in(&stream);
+    char fileID[kBrickFileIDSize];
+    in.read(fileID, kBrickFileIDSize);
+    if (std::memcmp(fileID, kBrickFileID, kBrickFileIDSize) != 0)
+        throwUnprepareError("Invalid ID in brick data.");
+    const int minReadVersion = in.readInt16();
+    const int writeVersion = in.readInt16();
+    if (minReadVersion > kImplementationVersion)
+        throwUnprepareError("Newer software version required to read brick data.",
+                            unprepareProps().add("minReadVersion", minReadVersion).add("writeVersion", writeVersion));
+
+    const int headerSize = kFixedHeaderSize + m_digestSize;
+    const int cipherTextSize = fullSize - headerSize - m_digestSize;
+    if (cipherTextSize < 0)
+        throwUnprepareError("Invalid size of prepared brick data.",
+                            unprepareProps().add("fullSize", fullSize).add("headerSize", headerSize));
+
+    m_cipher->decrypt(m_key, prepared.getData() + headerSize, cipherTextSize, m_work, false, 0);
+    const int brickSize = static_cast<int>(m_brickSize);
+    plain.setUsed(brickSize);
+    plain.setUsed(m_compressor->decompress(m_work.getData(), m_work.getUsed(), plain.getData(), brickSize));
+
+    if (std::memcmp(digestOf(plain.getData(), plain.getUsed()), prepared.getData() + kFixedHeaderSize,
+                    static_cast<size_t>(m_digestSize)) != 0)
+        throwUnprepareError("Decrypted and decompressed brick data does not match hash.");
+}
+
+} // namespace brick

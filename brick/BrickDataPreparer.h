@@ -1,0 +1,88 @@
+// CBrickDataPreparer: turns the plain bytes of one brick into the bytes of its
+// brick file (compressed, encrypted, digested) and back.
+//
+// A brick file is laid out as follows, with D the length of the checksum
+// digest named by the disk header (16 for "md5", 32 for "sha256"):
+//
+//   offset   size  field
+//   0        5     "BRICK" (raw bytes, no terminator)
+//   5        2     minReadVersion (int16, little-endian)
+//   7        2     writeVersion   (int16, little-endian)
+//   9        D     digest of the plain bytes
+//   9 + D    ...   the cipher's output for the compressed plain bytes
+//   end - D  D     digest of every byte before it
+//
+// The outer digest finds a damaged file before anything is decrypted; the
+// inner one finds a wrong key or algorithm, which turns an intact file into
+// garbage.
+//
+// Threads: both calls share one digest context and one work buffer, so calls
+// on one preparer must not overlap; a thread of its own needs a preparer of
+// its own.
+#pragma once
+
+#include "seal/Cipher.h"
+#include "seal/Digest.h"
+#include "zo/Base.h"
+#include "zo/Buffer.h"
+#include "zo/Compressor.h"
+#include "zo/String.h"
+
+namespace brick {
+
+class CBrickDiskHeader;
+
+class CBrickDataPreparer : public zo::CBase {
+public:
+    // Sets the preparer up for the disk that `header` describes: its brick
+    // size, cipher ("cipherID"), checksum digest ("checkSumHashID") and
+    // compressor ("compressID"). `key`, the disk's cipher key, is copied.
+    //
+    // Compressor IDs: "null", "lz4", "lz4hc", "zlib-"L and "lzma-"A or
+    // "lzma-"A"-"B with decimal numbers L, A, B (B is 0 when absent).
+    //
+    // Throws zo::CError "Unknown compressor ID: <ID>" for any other compressor
+    // ID, the number parser's zo::CInvalidArgError for a bad number in one,
+    // and the cryptography library's error for an unknown cipher or digest.
+    CBrickDataPreparer(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key);
+
+    // Writes the brick file bytes for `source` into `prepared` (another
+    // buffer), replacing what it held. Its capacity is made large enough for
+    // the worst case before anything is written, so a buffer that is reused
+    // does not grow again. Throws zo::CInvalidArgError
+    // ("CBrickDataPreparer::prepareData") when `source` holds more than a
+    // brick, and passes on compressor and cipher errors.
+    void prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared);
+
+    // Verifies and decodes the brick file bytes `prepared` into `plain`
+    // (another buffer), replacing what it held; `plain` gets room for a whole
+    // brick. Throws zo::CError with the property "action" =
+    // "CBrickDataPreparer::unprepareData" when the file is damaged ("Brick
+    // file is corrupted."), is not a brick file ("Invalid ID in brick data."),
+    // needs a newer reader ("Newer software version required to read brick
+    // data.", with "minReadVersion" and "writeVersion"), is too short to hold
+    // a brick ("Invalid size of prepared brick data.", with "fullSize" and
+    // "headerSize") or decodes to bytes that do not match their digest
+    // ("Decrypted and decompressed brick data does not match hash."). Cipher
+    // and compressor errors pass through unchanged. After a failure
+    // `plain` holds no meaningful bytes.
+    void unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain);
+
+private:
+    static zo::P<zo::ICompressor> createCompressor(const zo::String& compressID);
+    // Digests `size` bytes with the checksum digest; the result is valid
+    // until the next call.
+    const zo::uint8* digestOf(const void* data, int size);
+
+    zo::int64 m_brickSize;
+    zo::P<seal::ICipher> m_cipher;
+    zo::TCryptBuffer<zo::uint8> m_key;
+    zo::P<seal::IDigestContext> m_digest;
+    int m_digestSize;
+    zo::P<zo::ICompressor> m_compressor;
+    // The compressed, not yet encrypted bytes; it lives as long as the
+    // preparer and only grows.
+    zo::TBuffer<zo::uint8> m_work;
+};
+
+} // namespace brick

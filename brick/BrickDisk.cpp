@@ -1,0 +1,444 @@
+#include "brick/BrickDisk.h"
+
+#include "brick/BrickDiskError.h"
+#include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskLink.h"
+#include "brick/Version.h"
+#include "seal/Cipher.h"
+#include "seal/Digest.h"
+#include "seal/KeyDerivation.h"
+#include "zo/Error.h"
+#include "zo/FileSystem.h"
+#include "zo/Log.h"
+#include "zo/Mutex.h"
+#include "zo/Random.h"
+
+#include <algorithm>
+#include <string.h>
+#include <string>
+
+namespace brick {
+
+namespace {
+
+constexpr char kKeyDerivationSource[] = "CBrickDisk::deriveCypherKey";
+constexpr int kMinSaltSize = 8;
+constexpr int kMinIterations = 1000;
+constexpr int kFolderMode = 0x1ff;
+constexpr int kSaltSize = 8;
+
+// The UTF-8 bytes of a password, wiped when they are no longer needed.
+class CPasswordBytes {
+public:
+    explicit CPasswordBytes(const zo::String& password) : m_bytes(password.toUTF8()) {}
+    ~CPasswordBytes() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
+    CPasswordBytes(const CPasswordBytes&) = delete;
+    CPasswordBytes& operator=(const CPasswordBytes&) = delete;
+
+    const char* getData() const { return m_bytes.data(); }
+    int getSize() const { return static_cast<int>(m_bytes.size()); }
+
+private:
+    std::string m_bytes;
+};
+
+} // namespace
+
+int CBrickDisk::getImplementationVersion()
+{
+    return kImplementationVersion;
+}
+
+void CBrickDisk::deriveCipherKey(zo::TCryptBuffer<zo::uint8>& key, const zo::String& password,
+                                 const CBrickDiskHeader& header)
+{
+    const CPasswordBytes passwordBytes(password);
+    const int keySize = seal::CCipherManager().getCipher(header.getCipherID())->getKeySize();
+    key.setUsed(keySize);
+
+    const zo::String deriverID = header.getCipherKeyDeriverID();
+    if (deriverID != "PKCS5-PBKDF2-HMAC-SHA1")
+        throw zo::CInvalidArgError(kKeyDerivationSource, "Unknown key deriver ID: " + deriverID);
+    const zo::TBuffer<zo::uint8>& salt = header.getCipherKeyDerivationSalt();
+    if (salt.getUsed() < kMinSaltSize)
+        throw zo::CInvalidArgError(kKeyDerivationSource, "Key derivation salt is too small: " +
+                                                             zo::toDecimalString(salt.getUsed()) + " bytes");
+    const int iterations = header.getCipherKeyDerivationIterations();
+    if (iterations < kMinIterations)
+        throw zo::CInvalidArgError(kKeyDerivationSource,
+                                   "Key derivation iterations are too small: " + zo::toDecimalString(iterations));
+
+    seal::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(passwordBytes.getData(), passwordBytes.getSize(), salt.getData(),
+                                           salt.getUsed(), iterations, keySize, key.getData());
+}
+
+bool CBrickDisk::isCipherKeyCorrect(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key)
+{
+    const zo::String cipherID = header.getCipherID();
+    if (cipherID == "null")
+        return true;
+    const zo::P<seal::ICipher> cipher = seal::CCipherManager().getCipher(cipherID);
+    const zo::P<seal::IDigestType> digestType = seal::CDigestManager().getType(header.getCryptoHashID());
+    if (key.getUsed() != cipher->getKeySize())
+        return false;
+
+    const zo::P<seal::IDigestContext> digest = digestType->createContext();
+    digest->update(key.getData(), key.getUsed());
+    digest->finish();
+    const zo::TBuffer<zo::uint8> keyHash(digest->getDigest(), digest->getSize());
+    return keyHash == header.getCipherKeyHash();
+}
+
+bool CBrickDisk::isCipherKeyCorrect(zo::IFileSystem* fs, const zo::CURI& diskFolder,
+                                    const zo::TCryptBuffer<zo::uint8>& key)
+{
+    CBrickDiskHeader header;
+    header.load(fs, diskFolder);
+    return isCipherKeyCorrect(header, key);
+}
+
+bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
+                                          zo::TCryptBuffer<zo::uint8>* keyOut)
+{
+    if (header.getCipherID() == "null") {
+        // An unencrypted disk has no password; any other answer is wrong.
+        if (!password.isEmpty())
+            return false;
+        if (keyOut)
+            keyOut->setUsed(0);
+        return true;
+    }
+    zo::TCryptBuffer<zo::uint8> key;
+    deriveCipherKey(key, password, header);
+    const bool correct = isCipherKeyCorrect(header, key);
+    if (correct && keyOut)
+        *keyOut = key;
+    return correct;
+}
+
+bool CBrickDisk::isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& diskFolder, const zo::String& password,
+                                          zo::TCryptBuffer<zo::uint8>* keyOut)
+{
+    CBrickDiskHeader header;
+    header.load(fs, diskFolder);
+    return isEncryptPasswordCorrect(header, password, keyOut);
+}
+
+// ---- Creation ---------------------------------------------------------------
+
+void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
+                        const String& password, const String& compressorID, int brickSize)
+{
+    fs->createFolder(diskFolder, kFolderMode);
+    if (fs->fileExists(CBrickDiskHeader::getHeaderURI(diskFolder, 0)))
+        throw CError("Cannot create brick disk in a folder that already contains one.", String(), -1,
+                     zo::CProps().add("diskFolder", diskFolder.toString(true)));
+
+    CBrickDiskHeader header;
+    header.setDiskSize(diskSize);
+    header.setPayloadBlockSize(payloadBlockSize);
+    header.setCompressID(compressorID);
+    if (brickSize != -1)
+        header.setBrickSize(brickSize);
+
+    zo::TCryptBuffer<uint8> key;
+    if (password.isEmpty()) {
+        header.setCipherID("null");
+    } else {
+        TBuffer<uint8> salt(kSaltSize);
+        {
+            zo::CMutexLock lock(zo::CMTRand::getGlobalInstanceMutex());
+            zo::CMTRand::getGlobal().randData(salt.getData(), salt.getUsed());
+        }
+        header.setCipherKeyDerivationSalt(salt);
+        deriveCipherKey(key, password, header);
+    }
+
+    const P<seal::IDigestContext> digest = seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
+    digest->update(key.getData(), key.getUsed());
+    digest->finish();
+    header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
+
+    header.store(fs, diskFolder);
+}
+
+void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
+                             ChildType childType)
+{
+    const auto folderProps = [&] {
+        return zo::CProps()
+            .add("childDiskFolder", childDiskFolder.toString(true))
+            .add("parentDiskFolder", parentDiskFolder.toString(true))
+            .add("action", "CBrickDisk::createChild");
+    };
+    // A relative path between the two disks, or the error that says they
+    // cannot be joined by one.
+    const auto relative = [&](const CURI& path, const CURI& base) {
+        try {
+            return path.toRelative(base);
+        } catch (const CError& e) {
+            throw CError("Parent and child brick disk must be in same folder hierarchy.", String(), -1, folderProps(), &e);
+        }
+    };
+
+    fs->createFolder(childDiskFolder, kFolderMode);
+    if (fs->fileExists(CBrickDiskHeader::getHeaderURI(childDiskFolder, 0)))
+        throw CError("Cannot create child brick disk in a folder that already contains one.", String(), -1,
+                     folderProps());
+
+    CURI parentTarget;
+    if (childType == linkedChild)
+        parentTarget = relative(parentDiskFolder, childDiskFolder);
+    else if (childType == standAloneChild)
+        parentTarget = parentDiskFolder;
+    else
+        throw zo::CInvalidArgError("CBrickDisk::createChild",
+                                   "Invalid childType: " + zo::toDecimalString(static_cast<int>(childType)));
+
+    CBrickDiskHeader header;
+    header.load(fs, parentDiskFolder);
+    header.store(fs, childDiskFolder);
+
+    CURI oldChildFolder;
+    const CURI oldChildTarget = loadLink(fs, parentDiskFolder, getChildLinkFileName());
+    if (!oldChildTarget.isEmpty()) {
+        oldChildFolder = (parentDiskFolder << oldChildTarget).toNormalized();
+        storeLink(fs, childDiskFolder, getChildLinkFileName(), relative(oldChildFolder, childDiskFolder));
+    }
+
+    CBrickDiskLink parentLink;
+    parentLink.setTargetURI(parentTarget);
+    parentLink.store(fs, childDiskFolder, getParentLinkFileName());
+
+    if (childType == linkedChild) {
+        if (!oldChildFolder.isEmpty())
+            storeLink(fs, oldChildFolder, getParentLinkFileName(), relative(childDiskFolder, oldChildFolder));
+        storeLink(fs, parentDiskFolder, getChildLinkFileName(), relative(childDiskFolder, parentDiskFolder));
+    }
+}
+
+// ---- Opening ----------------------------------------------------------------
+
+CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& password, IIOStream::Access access,
+                       int maxBackgroundOps)
+    : m_fs(fs), m_diskFolder(diskFolder), m_access(access), m_maxBackgroundOps(maxBackgroundOps)
+{
+    m_header.load(fs, diskFolder);
+    if (access == IIOStream::AccessReadWrite && m_header.getMinWriterVersion() > getImplementationVersion())
+        throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, diskFolder);
+    if (!isEncryptPasswordCorrect(m_header, password, &m_cipherKey))
+        throw CBrickDiskError(CBrickDiskError::IncorrectPassword, diskFolder);
+    if (m_header.getCipherID() != "null")
+        m_cipher = seal::CCipherManager().getCipher(m_header.getCipherID());
+    const seal::CDigestManager digests;
+    m_checkSumDigestType = digests.getType(m_header.getCheckSumHashID());
+    m_cryptoDigestType = digests.getType(m_header.getCryptoHashID());
+    m_brickSize = m_header.getBrickSize();
+    m_diskSize = m_header.getDiskSize();
+    m_position = 0;
+    m_lastBrickIndex = -1;
+
+    const CURI childTarget = loadLink(fs, diskFolder, getChildLinkFileName());
+    if (!childTarget.isEmpty()) {
+        m_childDiskFolder = (diskFolder << childTarget).toNormalized();
+        // A child whose folder is gone is ignored: its bricks cannot be kept.
+        if (!fs->folderExists(m_childDiskFolder))
+            m_childDiskFolder = CURI();
+    }
+    followParentLinks();
+
+    m_currentBrick = newStandAloneBrickObjectWith(m_maxBackgroundOps);
+}
+
+void CBrickDisk::followParentLinks()
+{
+    // Folder strings already on the chain, the disk's own first: meeting one
+    // again means the links run in a circle.
+    zo::TSet<String> visited{m_diskFolder.toNormalized().toString(true)};
+    CURI current = m_diskFolder;
+    for (;;) {
+        const CURI target = loadLink(m_fs.get(), current, getParentLinkFileName());
+        if (target.isEmpty())
+            return;
+        const CURI parent = (current << target).toNormalized();
+        const String parentString = parent.toString(true);
+        if (visited.count(parentString) != 0)
+            throw CError("Parent link loop detected in brick disk.", String(), -1,
+                         zo::CProps().add("diskFolder", m_diskFolder.toString(true)).add("loopFolder", parentString));
+        visited.insert(parentString);
+        m_parentDiskFolders.push_back(parent);
+        current = parent;
+    }
+}
+
+CBrickDisk::~CBrickDisk()
+{
+    try {
+        if (m_currentBrick) {
+            m_currentBrick->backgroundSaveChanges();
+            m_currentBrick->waitUntilBackgroundSavesDone(-1);
+        }
+    } catch (const std::exception& e) {
+        zo::onExceptionInDestructorIgnored("brick::CBrickDisk", e, true);
+    }
+}
+
+CURI CBrickDisk::getParentDiskFolder() const
+{
+    return m_parentDiskFolders.empty() ? CURI() : m_parentDiskFolders.front();
+}
+
+int CBrickDisk::getPayloadBlockSize() const
+{
+    return m_header.getPayloadBlockSize();
+}
+
+P<CBrickDataPreparer> CBrickDisk::createDataPreparer() const
+{
+    return P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, m_cipherKey));
+}
+
+P<CBrick> CBrickDisk::newStandAloneBrickObject() const
+{
+    return newStandAloneBrickObjectWith(1);
+}
+
+P<CBrick> CBrickDisk::newStandAloneBrickObjectWith(int maxBackgroundOps) const
+{
+    return P<CBrick>(new CBrick(m_fs.get(), m_diskFolder, m_childDiskFolder, m_parentDiskFolders, m_header,
+                                m_cipherKey, maxBackgroundOps));
+}
+
+CURI CBrickDisk::loadLink(IFileSystem* fs, const CURI& diskFolder, const String& linkFileName)
+{
+    CBrickDiskLink link;
+    try {
+        link.load(fs, diskFolder, linkFileName);
+    } catch (const zo::CFileSystemError& e) {
+        if (e.getProblem() == zo::CFileSystemError::NotFound)
+            return CURI();
+        throw;
+    }
+    return link.getTargetURI();
+}
+
+void CBrickDisk::storeLink(IFileSystem* fs, const CURI& diskFolder, const String& linkFileName, const CURI& target)
+{
+    CBrickDiskLink link;
+    link.setTargetURI(target);
+    link.store(fs, diskFolder, linkFileName);
+}
+
+void CBrickDisk::flushChanges()
+{
+    m_currentBrick->backgroundSaveChanges();
+    m_currentBrick->waitUntilBackgroundSavesDone(-1);
+}
+
+bool CBrickDisk::waitForFreeBackgroundOpSlot(int timeoutMillis)
+{
+    return m_currentBrick->waitForFreeBackgroundOpSlot(timeoutMillis);
+}
+
+const zo::TList<CBrick::Error>& CBrickDisk::getBackgroundErrorList()
+{
+    return m_currentBrick->getBackgroundErrorList();
+}
+
+// ---- Positioning, reading and writing ---------------------------------------
+
+void CBrickDisk::throwIOError(zo::CIOError::Code code, const zo::CProps& props) const
+{
+    throw zo::CIOError(code, String(), zo::CProps(props).add("uri", m_diskFolder.toString(true)));
+}
+
+void CBrickDisk::throwShortBrickError() const
+{
+    // A brick file whose payload is shorter than the brick (written by other
+    // software, or prepared by a caller for a shorter range) would otherwise
+    // make a read or write inside the disk go round for ever.
+    throw zo::CIOError(zo::CIOError::InvalidData, "Brick holds fewer bytes than the disk expects.",
+                       zo::CProps()
+                           .add("diskFolder", m_diskFolder.toString(true))
+                           .add("brickIndex", m_position / m_brickSize)
+                           .add("position", m_position));
+}
+
+void CBrickDisk::seek(int64 position)
+{
+    if (position < 0 || position > m_diskSize)
+        throwIOError(zo::CIOError::SeekOutOfRange, zo::CProps().add("pos", position).add("size", m_diskSize));
+    m_position = position;
+}
+
+void CBrickDisk::read(void* buffer, int size)
+{
+    if (size < 1)
+        return;
+    auto* dst = static_cast<uint8*>(buffer);
+    int64 remaining = size;
+    while (remaining > 0) {
+        if (m_position == m_diskSize)
+            throwIOError(zo::CIOError::EndOfData, zo::CProps());
+        const int64 count = std::min(remaining, m_diskSize - m_position);
+        m_currentBrick->seek(m_position / m_brickSize, static_cast<int>(m_position % m_brickSize));
+        const int got = m_currentBrick->readLaxInsideBrick(dst, static_cast<int>(count));
+        if (got == 0)
+            throwShortBrickError();
+        dst += got;
+        m_position += got;
+        remaining -= got;
+        if (m_position > m_diskSize) {
+            m_position = m_diskSize;
+            throwIOError(zo::CIOError::EndOfData, zo::CProps());
+        }
+    }
+}
+
+void CBrickDisk::write(const void* buffer, int size)
+{
+    if (m_access != IIOStream::AccessReadWrite)
+        throw CError("Internal error: CBrickDisk::write was called, but the disk was not opened for writing.");
+    if (!m_parentDiskFolders.empty() && !m_allowWritingWithParentDisk)
+        throw CError("Cannot write to brick disk that has a parent disk attached.", String(), -1,
+                     zo::CProps().add("diskFolder", m_diskFolder.toString(true)));
+    if (m_position + size > m_diskSize)
+        throwIOError(zo::CIOError::EndOfData, zo::CProps());
+    if (size <= 0)
+        return;
+    const auto* src = static_cast<const uint8*>(buffer);
+    int64 remaining = size;
+    while (remaining > 0) {
+        const int64 count = std::min(remaining, m_diskSize - m_position);
+        m_currentBrick->seek(m_position / m_brickSize, static_cast<int>(m_position % m_brickSize));
+        const int written = m_currentBrick->writeLaxInsideBrick(src, static_cast<int>(count));
+        if (written == 0)
+            throwShortBrickError();
+        src += written;
+        m_position += written;
+        remaining -= written;
+    }
+}
+
+P<CBrickStorer> CBrickDisk::writePreparedBrickData(const TBuffer<uint8>* preparedData, IDoneListener* listener)
+{
+    const auto props = [&](const char* name, int64 value) {
+        return zo::CProps().add("diskFolder", m_diskFolder.toString(true)).add("position", m_position).add(name, value);
+    };
+    if (m_position >= m_diskSize)
+        throw zo::CIOError(zo::CIOError::WriteBeyondSize, "Prepared brick write exceeds disk size.",
+                           props("diskSize", m_diskSize));
+    if (m_position % m_brickSize != 0)
+        throw zo::CIOError(zo::CIOError::NotOnBoundary,
+                           "Prepared brick write in brick disk can only be done on a brick boundary.",
+                           props("brickSize", m_brickSize));
+    if (m_access != IIOStream::AccessReadWrite)
+        throw CError(
+            "Internal error: CBrickDisk::writePreparedBrickData was called, but the disk was not opened for writing.");
+    m_currentBrick->seek(m_position / m_brickSize, 0);
+    P<CBrickStorer> storer = m_currentBrick->writePreparedBrick(preparedData, listener);
+    m_position = std::min(m_position + m_brickSize, m_diskSize);
+    return storer;
+}
+
+} // namespace brick

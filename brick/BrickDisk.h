@@ -1,0 +1,210 @@
+// CBrickDisk: one virtual disk stored as a folder of brick files.
+#pragma once
+
+#include "brick/Brick.h"
+#include "brick/BrickDataPreparer.h"
+#include "brick/BrickDiskHeader.h"
+#include "brick/BrickStorer.h"
+
+#include "seal/Cipher.h"
+#include "seal/Digest.h"
+#include "zo/Base.h"
+#include "zo/Buffer.h"
+#include "zo/Containers.h"
+#include "zo/Error.h"
+#include "zo/FileSystem.h"
+#include "zo/Stream.h"
+#include "zo/String.h"
+#include "zo/URI.h"
+
+namespace brick {
+
+using zo::IIOStream;
+using zo::String;
+
+// An open disk: a byte range of fixed size, cut into bricks, with one current
+// position. Reads and writes go through one brick object; changed bricks are
+// saved in the background. A CBrickDisk is used by one thread at a time.
+class CBrickDisk : public zo::CBase {
+public:
+    // How a child disk relates to its parent.
+    enum ChildType { linkedChild = 0, standAloneChild = 1 };
+
+    // The version of the disk format that this library reads and writes: 1.
+    // Headers and brick files that need a newer reader are refused.
+    static int getImplementationVersion();
+
+    // Cipher keys. A disk's key is derived from its password with the
+    // deriver, salt and iteration count of its header; the header keeps only
+    // a digest of the key ("cryptoHashID" names the digest). A disk whose
+    // cipher is "null" is not encrypted. These calls keep no state and may be
+    // called from any thread at once.
+
+    // Derives the key for `password` (taken as its UTF-8 bytes) into `key`,
+    // whose used size becomes the key length of the header's cipher, also
+    // when the call then throws. Throws zo::CInvalidArgError
+    // ("CBrickDisk::deriveCypherKey") when the header names a key deriver
+    // other than "PKCS5-PBKDF2-HMAC-SHA1", a salt of fewer than 8 bytes or
+    // fewer than 1000 iterations (checked in this order), and passes on the
+    // cryptography library's error for an unknown cipher.
+    static void deriveCipherKey(zo::TCryptBuffer<zo::uint8>& key, const zo::String& password,
+                                const CBrickDiskHeader& header);
+
+    // True when `key` is the key of the disk that `header` describes: always
+    // for an unencrypted disk; otherwise when the key has the cipher's key
+    // length and its digest equals the header's key hash. Throws the
+    // cryptography library's error for an unknown cipher or digest.
+    static bool isCipherKeyCorrect(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key);
+    // The same for the disk in `diskFolder`, whose header is loaded through
+    // `fs` first; header load errors are passed on.
+    static bool isCipherKeyCorrect(zo::IFileSystem* fs, const zo::CURI& diskFolder,
+                                   const zo::TCryptBuffer<zo::uint8>& key);
+
+    // True when `password` opens the disk that `header` describes. An
+    // unencrypted disk accepts only the empty password. On success the key is
+    // written to `keyOut` when it is not null (empty for an unencrypted disk);
+    // on a wrong password `keyOut` is left as it was. A wrong password is the
+    // result false, not an error; the errors of deriveCipherKey are passed on.
+    static bool isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
+                                         zo::TCryptBuffer<zo::uint8>* keyOut);
+    // The same for the disk in `diskFolder`, whose header is loaded through
+    // `fs` first; header load errors are passed on.
+    static bool isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& diskFolder, const zo::String& password,
+                                         zo::TCryptBuffer<zo::uint8>* keyOut);
+
+    // ---- Creation -------------------------------------------------------
+
+    // Makes a new, empty disk in `diskFolder` (created with its missing
+    // parents): writes only its header, `disk.brickdisk`, and the header's
+    // fallback copy. An empty password makes an unencrypted disk; otherwise
+    // the key is derived from the password with a fresh random 8-byte salt.
+    // `brickSize` -1 keeps the default of 524288 bytes. Throws CError
+    // "Cannot create brick disk in a folder that already contains one." (with
+    // "diskFolder") when the folder holds a header already, and passes on the
+    // errors of the file system and of key derivation. Any thread.
+    static void create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
+                       const String& password, const String& compressorID, int brickSize);
+
+    // Makes a child disk of the disk in `parentDiskFolder` in `childDiskFolder`:
+    // a copy of the parent's header (so the parent's password opens it) and
+    // the link files. A linkedChild is put between the parent and the child
+    // the parent had (parent -> new child -> old child), and its parent link
+    // is relative; a standAloneChild links to the parent as given and changes
+    // no file of the parent. Throws CError "Cannot create child brick disk in
+    // a folder that already contains one.", CInvalidArgError "Invalid
+    // childType: N", CError "Parent and child brick disk must be in same
+    // folder hierarchy." (when no relative path joins them), and passes on
+    // the errors of loading and storing headers and links. Nothing written
+    // before a failure is removed.
+    static void createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
+                            ChildType childType);
+
+    // ---- Opening ------------------------------------------------------------
+
+    // Opens the disk in `diskFolder` for reading (access 1) or reading and
+    // writing (access 3). Loads the header, checks the password, follows the
+    // parent links to every ancestor (nearest first) and notes the child.
+    // At most `maxBackgroundOps` bricks are saved in the background at once.
+    // Throws CBrickDiskError IncorrectPassword for a wrong password (also for
+    // any non-empty password of an unencrypted disk), NewerSoftwareRequired
+    // when the header needs a newer reader (or, for writing, a newer writer),
+    // CError "Parent link loop detected in brick disk." (with "diskFolder"
+    // and "loopFolder") when the parent links run in a circle, and passes on
+    // the errors of the header, link files and key derivation.
+    CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& password, IIOStream::Access access,
+               int maxBackgroundOps);
+    CBrickDisk(const CBrickDisk&) = default;
+    CBrickDisk& operator=(const CBrickDisk&) = default;
+    // Saves the current brick and waits, without a time limit, until every
+    // background save is done. Never throws.
+    ~CBrickDisk() override;
+
+    CURI getDiskFolder() const { return m_diskFolder; }
+    // The child disk's folder; empty when there is none (or its folder is gone).
+    CURI getChildDiskFolder() const { return m_childDiskFolder; }
+    // The nearest parent's folder; empty when the disk has no parent.
+    CURI getParentDiskFolder() const;
+    // Every ancestor's folder, nearest first.
+    const zo::TList<CURI>& getParentDiskFolders() const { return m_parentDiskFolders; }
+    const CBrickDiskHeader& getHeader() const { return m_header; }
+    int64 getSize() const { return m_diskSize; }
+    int64 getBrickSize() const { return m_brickSize; }
+    int getPayloadBlockSize() const;
+    int64 getPosition() const { return m_position; }
+    IIOStream::Access getAccess() const { return m_access; }
+
+    // Writing to a disk that has a parent is refused unless allowed here:
+    // the parent's bricks show through, so such writes are usually a mistake.
+    void setAllowWritingWithParentDisk(bool allow) { m_allowWritingWithParentDisk = allow; }
+
+    // A new preparer for this disk's bricks (for threads that prepare or
+    // decode bricks themselves; each thread needs its own).
+    P<CBrickDataPreparer> createDataPreparer() const;
+    // A new brick object over this disk, independent of the disk's own, with
+    // one background save at a time (for threads that read bricks themselves).
+    P<CBrick> newStandAloneBrickObject() const;
+
+    // Starts saving the current brick if it changed and waits, without a
+    // time limit, until no background save runs. Failed saves are not
+    // thrown: they are in getBackgroundErrorList.
+    void flushChanges();
+    // Waits until a background save slot is free (-1: no limit); true then.
+    bool waitForFreeBackgroundOpSlot(int timeoutMillis);
+    // The background saves that failed so far, oldest first.
+    const zo::TList<CBrick::Error>& getBackgroundErrorList();
+
+    // ---- Positioning, reading and writing ---------------------------------
+
+    // Moves to `position`, from 0 to the disk size inclusive; CIOError 7
+    // ("pos", "size", "uri") otherwise, leaving the position unchanged.
+    void seek(int64 position);
+    // Reads `size` bytes from the position on (nothing for size < 1). A read
+    // that passes the end copies what there is, leaves the position at the
+    // end and then throws CIOError 4. Passes on a brick's load error.
+    void read(void* buffer, int size);
+    // Writes `size` bytes at the position. Throws CIOError 4 before writing
+    // anything when the write would pass the end, CError when the disk was
+    // not opened for writing or has a parent and writing with a parent was
+    // not allowed.
+    void write(const void* buffer, int size);
+    // Stores one whole brick of prepared data (null: an all-zero brick) at
+    // the position, which must be a brick boundary before the end, and
+    // advances by one brick (not past the end). `listener` (may be null)
+    // hears the end of the store. Throws CIOError 3 at or past the end,
+    // CIOError 11 off a boundary, CError when not opened for writing.
+    P<CBrickStorer> writePreparedBrickData(const TBuffer<uint8>* preparedData, IDoneListener* listener);
+
+    static String getParentLinkFileName() { return "parent.bricklnk"; }
+    static String getChildLinkFileName() { return "child.bricklnk"; }
+
+protected:
+    // The target of a link file, or an empty path when the file does not exist.
+    static CURI loadLink(IFileSystem* fs, const CURI& diskFolder, const String& linkFileName);
+    static void storeLink(IFileSystem* fs, const CURI& diskFolder, const String& linkFileName, const CURI& target);
+    [[noreturn]] void throwIOError(zo::CIOError::Code code, const zo::CProps& props) const;
+
+private:
+    void followParentLinks();
+    P<CBrick> newStandAloneBrickObjectWith(int maxBackgroundOps) const;
+    [[noreturn]] void throwShortBrickError() const;
+
+    P<IFileSystem> m_fs;
+    CURI m_diskFolder;
+    CURI m_childDiskFolder;
+    zo::TList<CURI> m_parentDiskFolders;
+    CBrickDiskHeader m_header;
+    zo::TCryptBuffer<uint8> m_cipherKey;
+    IIOStream::Access m_access;
+    P<seal::ICipher> m_cipher;
+    P<seal::IDigestType> m_checkSumDigestType;
+    P<seal::IDigestType> m_cryptoDigestType;
+    int64 m_brickSize = 0;
+    int64 m_diskSize = 0;
+    int64 m_position = 0;
+    int64 m_lastBrickIndex = -1;
+    P<CBrick> m_currentBrick;
+    int m_maxBackgroundOps;
+    bool m_allowWritingWithParentDisk = false;
+};
+
+} // namespace brick

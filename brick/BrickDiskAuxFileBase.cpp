@@ -1,0 +1,105 @@
+#include "brick/BrickDiskAuxFileBase.h"
+
+#include "seal/Digest.h"
+#include "zo/Error.h"
+#include "zo/Stream.h"
+
+#include <cstring>
+
+namespace brick {
+
+using zo::CError;
+using zo::CURI;
+using zo::IIOStream;
+using zo::P;
+using zo::String;
+using zo::TBuffer;
+using zo::uint8;
+
+namespace {
+
+constexpr int kPrimaryCopy = 0;
+constexpr int kFallbackCopy = 1;
+constexpr int kFolderMode = 0x1ff;
+
+P<seal::IDigestContext> createMD5Context()
+{
+    const P<seal::CDigestType_MD5> type(new seal::CDigestType_MD5());
+    return type->createContext();
+}
+
+// Reads one copy and checks its digest; throws a CError when it is missing,
+// of a size that cannot be, or damaged.
+P<TBuffer<uint8>> loadCopy(zo::IFileSystem* fs, const CURI& uri)
+{
+    const int readOptions = IIOStream::OptionNone;
+    const P<IIOStream> stream = fs->openStream(uri, IIOStream::AccessRead, readOptions);
+    zo::int64 size = stream->getSize();
+    if (size == -1)
+        size = fs->getFileInfo(uri, true)->getSize();
+
+    const P<seal::IDigestContext> digest = createMD5Context();
+    const int digestSize = digest->getSize();
+    TBuffer<uint8> storedDigest(digestSize);
+    if (size <= digestSize || size > CBrickDiskAuxFileBase::kMaxAuxFileSize)
+        throw CError("Bad brickdisk auxiliary file size: " + zo::toDecimalString(size));
+
+    const int payloadSize = static_cast<int>(size) - digestSize;
+    P<TBuffer<uint8>> payload(new TBuffer<uint8>(payloadSize));
+    stream->read(payload->getData(), payloadSize);
+    stream->read(storedDigest.getData(), digestSize);
+
+    digest->update(payload->getData(), payloadSize);
+    digest->finish();
+    if (std::memcmp(digest->getDigest(), storedDigest.getData(), static_cast<size_t>(digestSize)) != 0)
+        throw CError("Brickdisk auxiliary file is corrupted.");
+    return payload;
+}
+
+} // namespace
+
+CURI CBrickDiskAuxFileBase::getAuxFileURI(const CURI& folder, const String& fileName, int copy)
+{
+    if (copy == kPrimaryCopy)
+        return folder << fileName;
+    return (folder << "fallback") << fileName;
+}
+
+P<TBuffer<uint8>> CBrickDiskAuxFileBase::loadAuxFile(zo::IFileSystem* fs, const CURI& folder, const String& fileName)
+{
+    P<CError> firstError;
+    for (int copy = kPrimaryCopy;; ++copy) {
+        // Both copies failed: the caller sees the primary copy's error.
+        if (copy > kFallbackCopy)
+            firstError->throwClone();
+        CURI uri;
+        try {
+            uri = getAuxFileURI(folder, fileName, copy);
+            return loadCopy(fs, uri);
+        } catch (CError& error) {
+            error.getProps().add("uri", uri.toString(true));
+            if (!firstError)
+                firstError = error.clone();
+        }
+    }
+}
+
+void CBrickDiskAuxFileBase::storeAuxFile(zo::IFileSystem* fs, const CURI& folder, const String& fileName,
+                                         const TBuffer<uint8>& payload)
+{
+    const P<seal::IDigestContext> digest = createMD5Context();
+    digest->update(payload.getData(), payload.getUsed());
+    digest->finish();
+
+    const int writeOptions = IIOStream::OptionReplace;
+    for (int copy = kPrimaryCopy; copy <= kFallbackCopy; ++copy) {
+        const CURI uri = getAuxFileURI(folder, fileName, copy);
+        if (copy != kPrimaryCopy)
+            fs->createFolder(uri.getParent(), kFolderMode);
+        const P<IIOStream> stream = fs->openStream(uri, IIOStream::AccessReadWrite, writeOptions);
+        stream->write(payload.getData(), payload.getUsed(), nullptr);
+        stream->write(digest->getDigest(), digest->getSize(), nullptr);
+    }
+}
+
+} // namespace brick

@@ -1,0 +1,50 @@
+// CBrickDiskAuxFileBase: the framing of the small records of a disk folder
+// (the header and the link files). Each record N of folder F is kept twice,
+// as F/N (the primary copy) and F/fallback/N (the fallback copy), and each
+// copy is the record's bytes followed by their 16-byte MD5 digest. A damaged
+// or half-written copy is thus detected and the other one used instead.
+//
+// All operations are static and take the file system from the caller. They
+// do no locking: callers serialise the loading and storing of one record.
+#pragma once
+
+#include "zo/Base.h"
+#include "zo/Buffer.h"
+#include "zo/FileSystem.h"
+#include "zo/String.h"
+#include "zo/URI.h"
+
+namespace brick {
+
+class CBrickDiskAuxFileBase : public zo::CBase {
+public:
+    // Largest accepted file, digest included.
+    static constexpr zo::int64 kMaxAuxFileSize = 0x100000;
+
+    // Copy 0: folder << fileName (the primary copy); any other copy:
+    // folder << "fallback" << fileName.
+    static zo::CURI getAuxFileURI(const zo::CURI& folder, const zo::String& fileName, int copy);
+
+    // The payload of the first copy, primary then fallback, that can be read
+    // and whose digest matches. A file of 16 bytes or less, or of more than
+    // 1 MiB, fails with "Bad brickdisk auxiliary file size: <size>"; a digest
+    // mismatch with "Brickdisk auxiliary file is corrupted.". Every CError of
+    // a copy gets the property "uri" naming that copy; when both copies fail,
+    // the primary copy's error is thrown again with its own class. Exceptions
+    // that are not CErrors end the load at once. The caller owns the result.
+    static zo::P<zo::TBuffer<zo::uint8>> loadAuxFile(zo::IFileSystem* fs, const zo::CURI& folder,
+                                                     const zo::String& fileName);
+
+    // Writes the payload and its digest to the primary copy, then creates the
+    // "fallback" folder (an existing one is fine) and writes the fallback copy.
+    // Each file is created or overwritten in place. The first failure is
+    // thrown unchanged; after a failed primary the fallback is not touched.
+    // An empty payload is written but can never be loaded.
+    static void storeAuxFile(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& fileName,
+                             const zo::TBuffer<zo::uint8>& payload);
+
+protected:
+    CBrickDiskAuxFileBase() = default;
+};
+
+} // namespace brick

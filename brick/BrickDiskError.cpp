@@ -1,0 +1,44 @@
+#include "brick/BrickDiskError.h"
+
+#include <typeinfo>
+
+namespace brick {
+
+CBrickDiskError::CBrickDiskError(ErrorCode code, const zo::CURI& diskFolder)
+    : zo::CError(makeErrorMessage(code), "brick", static_cast<zo::int64>(code),
+                 zo::CProps().add(getDiskFolderPropertyName(), diskFolder.toString(true)))
+{
+}
+
+zo::String CBrickDiskError::makeErrorMessage(ErrorCode code)
+{
+    switch (code) {
+    case NewerSoftwareRequired:
+        return "A newer software version is required to access this disk.";
+    case IncorrectPassword:
+        return "The encryption password is incorrect.";
+    }
+    return "Unknown brick disk error.";
+}
+
+zo::CURI CBrickDiskError::getDiskFolder(const zo::CProps& props)
+{
+    return zo::CURI(props.lookup(getDiskFolderPropertyName()));
+}
+
+zo::P<zo::CError> CBrickDiskError::clone() const
+{
+    return zo::P<zo::CError>(new CBrickDiskError(*this));
+}
+
+void CBrickDiskError::throwClone() const
+{
+    throw CBrickDiskError(*this);
+}
+
+bool CBrickDiskError::checkCastAllowed(const std::type_info& type) const
+{
+    return type == typeid(CBrickDiskError) || zo::CError::checkCastAllowed(type);
+}
+
+} // namespace brick

@@ -1,0 +1,88 @@
+#include "brick/BrickDiskHeader.h"
+
+#include "brick/BrickDiskError.h"
+#include "brick/detail/RecordFields.h"
+#include "brick/Version.h"
+
+#include "zo/BufferStream.h"
+#include "zo/DataStream.h"
+#include "zo/Error.h"
+
+namespace brick {
+
+using zo::CURI;
+using zo::P;
+
+namespace {
+
+constexpr const char* kHeaderFileID = "BRCKDISK";
+constexpr double kGrowFactor = 2.0;
+
+} // namespace
+
+zo::String CBrickDiskHeader::getHeaderFilename()
+{
+    return "disk.brickdisk";
+}
+
+CURI CBrickDiskHeader::getHeaderURI(const CURI& folder, int copy)
+{
+    return getAuxFileURI(folder, getHeaderFilename(), copy);
+}
+
+// Versions and the iteration count are 32-bit values stored as 64-bit ones;
+// the field order of the record is fixed and differs from the field order of
+// the class (the key hash comes before the compressor ID).
+void CBrickDiskHeader::store(zo::IFileSystem* fs, const CURI& folder) const
+{
+    const P<zo::CBufferStream> stream(new zo::CBufferStream(nullptr, kGrowFactor));
+    zo::CDataOutStream out(stream.get());
+    record::writeFileID(out, kHeaderFileID);
+    out.writeInt64(m_version);
+    out.writeInt64(m_minReaderVersion);
+    out.writeInt64(m_minWriterVersion);
+    out.writeInt32(m_brickSize);
+    out.writeInt32(m_payloadBlockSize);
+    out.writeInt64(m_diskSize);
+    out.writeString(m_checkSumHashID);
+    out.writeString(m_cryptoHashID);
+    out.writeString(m_cipherID);
+    record::writeByteBlock(out, m_cipherKeyHash);
+    out.writeString(m_compressID);
+    out.writeString(m_cipherKeyDeriverID);
+    record::writeByteBlock(out, m_cipherKeyDerivationSalt);
+    out.writeInt64(m_cipherKeyDerivationIterations);
+    storeAuxFile(fs, folder, getHeaderFilename(), *stream->getBuffer());
+}
+
+void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
+{
+    const P<zo::TBuffer<zo::uint8>> payload = loadAuxFile(fs, folder, getHeaderFilename());
+    const P<zo::CBufferStream> stream(new zo::CBufferStream(static_cast<const zo::TBuffer<zo::uint8>*>(payload.get())));
+    zo::CDataInStream in(stream.get());
+    if (!record::readFileIDMatches(in, kHeaderFileID))
+        throw zo::CError("brickdisk header file does not start with correct file ID.");
+    // The tree shape is not stored: every disk on file has the fixed one.
+    m_objectsPerTreeLevel = kFixedObjectsPerTreeLevel;
+    m_treeLevels = kFixedTreeLevels;
+
+    m_version = static_cast<int>(in.readInt64());
+    m_minReaderVersion = static_cast<int>(in.readInt64());
+    if (m_minReaderVersion > kImplementationVersion)
+        throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, folder);
+
+    m_minWriterVersion = static_cast<int>(in.readInt64());
+    m_brickSize = in.readInt32();
+    m_payloadBlockSize = in.readInt32();
+    m_diskSize = in.readInt64();
+    m_checkSumHashID = in.readString();
+    m_cryptoHashID = in.readString();
+    m_cipherID = in.readString();
+    record::readByteBlock(in, *stream, m_cipherKeyHash);
+    m_compressID = in.readString();
+    m_cipherKeyDeriverID = in.readString();
+    record::readByteBlock(in, *stream, m_cipherKeyDerivationSalt);
+    m_cipherKeyDerivationIterations = static_cast<int>(in.readInt64());
+}
+
+} // namespace brick

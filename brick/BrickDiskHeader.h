@@ -1,0 +1,105 @@
+// CBrickDiskHeader: the description of one disk (its size, its brick size,
+// the algorithms of its bricks and its key, and the software versions that
+// may read and write it), stored in the disk folder as "disk.brickdisk"
+// with the auxiliary file framing.
+//
+// The brick folder tree is always 97 objects per level and 5 levels: those
+// two fields are not stored, so a loaded header has them whatever was set
+// before storing. A header is used by one thread at a time.
+#pragma once
+
+#include "brick/BrickDiskAuxFileBase.h"
+
+#include "zo/Buffer.h"
+#include "zo/FileSystem.h"
+#include "zo/String.h"
+#include "zo/URI.h"
+
+namespace brick {
+
+class CBrickDiskHeader : public CBrickDiskAuxFileBase {
+public:
+    // Version 1 everywhere, 512 KiB bricks, payload block size 1, disk size -1,
+    // "md5", "sha256", "aes256cbc", empty key hash, "PKCS5-PBKDF2-HMAC-SHA1",
+    // empty salt, 10000 iterations, "lz4", 97 objects per level, 5 levels.
+    CBrickDiskHeader() = default;
+    CBrickDiskHeader(const CBrickDiskHeader& other) = default;
+    CBrickDiskHeader(CBrickDiskHeader&& other) = default;
+    CBrickDiskHeader& operator=(const CBrickDiskHeader& other) = default;
+    CBrickDiskHeader& operator=(CBrickDiskHeader&& other) = default;
+    ~CBrickDiskHeader() override = default;
+
+    // The header file of `folder`: copy 0 the primary, any other the fallback.
+    static zo::CURI getHeaderURI(const zo::CURI& folder, int copy);
+
+    // Writes the header record as "disk.brickdisk" into `folder` (which must
+    // exist) and its fallback copy. File-system errors pass through unchanged.
+    void store(zo::IFileSystem* fs, const zo::CURI& folder) const;
+    // Reads "disk.brickdisk" of `folder` (falling back to the second copy)
+    // into this object. Throws the framing's error when no copy is intact,
+    // CError "brickdisk header file does not start with correct file ID."
+    // for another kind of file, CBrickDiskError NewerSoftwareRequired (with
+    // "diskFolder" = folder) when the disk needs a newer reader, and the data
+    // stream's CIOError for a record that ends early. After a failure the
+    // object may hold part of the record; callers discard it.
+    void load(zo::IFileSystem* fs, const zo::CURI& folder);
+
+    int getVersion() const { return m_version; }
+    void setVersion(int version) { m_version = version; }
+    int getMinReaderVersion() const { return m_minReaderVersion; }
+    void setMinReaderVersion(int version) { m_minReaderVersion = version; }
+    int getMinWriterVersion() const { return m_minWriterVersion; }
+    void setMinWriterVersion(int version) { m_minWriterVersion = version; }
+    int getBrickSize() const { return m_brickSize; }
+    void setBrickSize(int brickSize) { m_brickSize = brickSize; }
+    int getPayloadBlockSize() const { return m_payloadBlockSize; }
+    void setPayloadBlockSize(int payloadBlockSize) { m_payloadBlockSize = payloadBlockSize; }
+    zo::int64 getDiskSize() const { return m_diskSize; }
+    void setDiskSize(zo::int64 diskSize) { m_diskSize = diskSize; }
+    zo::String getCheckSumHashID() const { return m_checkSumHashID; }
+    void setCheckSumHashID(const zo::String& id) { m_checkSumHashID = id; }
+    zo::String getCryptoHashID() const { return m_cryptoHashID; }
+    void setCryptoHashID(const zo::String& id) { m_cryptoHashID = id; }
+    zo::String getCipherID() const { return m_cipherID; }
+    void setCipherID(const zo::String& id) { m_cipherID = id; }
+    const zo::TBuffer<zo::uint8>& getCipherKeyHash() const { return m_cipherKeyHash; }
+    void setCipherKeyHash(const zo::TBuffer<zo::uint8>& hash) { m_cipherKeyHash.assign(hash); }
+    zo::String getCipherKeyDeriverID() const { return m_cipherKeyDeriverID; }
+    void setCipherKeyDeriverID(const zo::String& id) { m_cipherKeyDeriverID = id; }
+    const zo::TBuffer<zo::uint8>& getCipherKeyDerivationSalt() const { return m_cipherKeyDerivationSalt; }
+    void setCipherKeyDerivationSalt(const zo::TBuffer<zo::uint8>& salt) { m_cipherKeyDerivationSalt.assign(salt); }
+    int getCipherKeyDerivationIterations() const { return m_cipherKeyDerivationIterations; }
+    void setCipherKeyDerivationIterations(int iterations) { m_cipherKeyDerivationIterations = iterations; }
+    zo::String getCompressID() const { return m_compressID; }
+    void setCompressID(const zo::String& id) { m_compressID = id; }
+    int getObjectsPerTreeLevel() const { return m_objectsPerTreeLevel; }
+    void setObjectsPerTreeLevel(int count) { m_objectsPerTreeLevel = count; }
+    int getTreeLevels() const { return m_treeLevels; }
+    void setTreeLevels(int levels) { m_treeLevels = levels; }
+
+protected:
+    // "disk.brickdisk".
+    static zo::String getHeaderFilename();
+
+private:
+    int m_version = 1;
+    int m_minReaderVersion = 1;
+    int m_minWriterVersion = 1;
+    int m_brickSize = 0x80000;
+    int m_payloadBlockSize = 1;
+    zo::int64 m_diskSize = -1;
+    zo::String m_checkSumHashID = "md5";
+    zo::String m_cryptoHashID = "sha256";
+    zo::String m_cipherID = "aes256cbc";
+    zo::TBuffer<zo::uint8> m_cipherKeyHash;
+    zo::String m_cipherKeyDeriverID = "PKCS5-PBKDF2-HMAC-SHA1";
+    zo::TBuffer<zo::uint8> m_cipherKeyDerivationSalt;
+    int m_cipherKeyDerivationIterations = 10000;
+    zo::String m_compressID = "lz4";
+    static constexpr int kFixedObjectsPerTreeLevel = 97;
+    static constexpr int kFixedTreeLevels = 5;
+    int m_objectsPerTreeLevel = kFixedObjectsPerTreeLevel;
+    int m_treeLevels = kFixedTreeLevels;
+};
+
+} // namespace brick

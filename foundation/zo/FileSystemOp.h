@@ -1,0 +1,60 @@
+// Pieces shared by the file systems: the handle of an asynchronous operation,
+// which also delivers its completion, and a plain file-information object.
+#pragma once
+
+#include "zo/CompletionPool.h"
+#include "zo/FileSystem.h"
+#include "zo/Signal.h"
+
+#include <functional>
+
+namespace zo {
+
+class CFileSystemOp : public CBase, public IFileSystemOp {
+public:
+    // Holds a counted reference to `listener` (may be null) until completion.
+    explicit CFileSystemOp(IDoneListener* listener);
+
+    bool waitDone(int timeoutMillis) override;
+
+    // Calls the listener with `error` (null on success), drops the listener
+    // and then marks the operation done. Called exactly once, on a worker
+    // thread; an exception thrown by the listener is logged, never passed on.
+    void complete(const CError* error) noexcept;
+
+private:
+    P<IDoneListener> m_listener;
+    CSignal m_done;
+};
+
+class CFileInfo : public CBase, public IFileInfo {
+public:
+    CFileInfo(bool exists, bool isFolder, int64 size) : m_exists(exists), m_isFolder(isFolder), m_size(size) {}
+
+    bool exists() const override { return m_exists; }
+    bool isFolder() const override { return m_isFolder; }
+    int64 getSize() const override { return m_size; }
+
+private:
+    bool m_exists;
+    bool m_isFolder;
+    int64 m_size;
+};
+
+// Queues an asynchronous operation on `pool`: after `delayMillis` a worker
+// runs `work` (unless `failure` is given, which is then the outcome), drops
+// `work` with everything it holds, and reports the outcome (the exception
+// `work` threw, or success) to `listener`. Throws CError after the pool's
+// shutdown.
+P<IFileSystemOp> postFileSystemOp(CCompletionPool& pool, IDoneListener* listener, std::function<void()> work,
+                                  int delayMillis = 0, P<CError> failure = P<CError>());
+
+// Throws CInvalidArgError (from `where`) unless `size` is not negative,
+// `source` is set and `file` names a file.
+void checkStoreFileArguments(const char* where, const CURI& file, int size, const IInStream* source);
+
+// The exception being handled as a CError (a CError keeps its own type); only
+// for use inside a catch block.
+P<CError> currentExceptionToError();
+
+} // namespace zo

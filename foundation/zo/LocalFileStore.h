@@ -1,0 +1,29 @@
+// The atomic store of CLocalFileSystem: a temporary file next to the target,
+// filled, made durable and then renamed or linked into place.
+#pragma once
+
+#include "zo/Stream.h"
+#include "zo/URI.h"
+
+namespace zo {
+
+// Stores exactly `size` bytes of `source` as `file`. With `overwrite` an
+// existing file is replaced (rename), without it an existing target fails
+// with AlreadyExists (link). With `sync` the file and its folder are fsynced
+// before the call returns. Throws CFileSystemError (NotFound when a folder on
+// the path is missing), CIOError EndOfData when the source delivers fewer
+// bytes, or whatever the source throws; no temporary file remains then.
+void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, bool sync);
+
+// The name of a temporary file for `targetName`: ".tmp-<16 random hex digits>-<name>.part",
+// with the name cut so that the whole stays a valid file name.
+std::string makeTemporaryFileName(const std::string& targetName);
+
+// fsync of a folder, so that entries made or removed in it are durable.
+// Throws CFileSystemError.
+void syncLocalFolder(const std::string& folder);
+
+// The local path of the folder that holds `path` ("." for a single relative name).
+std::string localParentFolder(const CURI& path);
+
+} // namespace zo

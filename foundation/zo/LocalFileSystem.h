@@ -1,0 +1,70 @@
+// CLocalFileSystem: IFileSystem over the folders of the local (POSIX) file
+// system. Relative paths are relative to the process's working folder.
+#pragma once
+
+#include "zo/FileSystem.h"
+
+#include <atomic>
+
+namespace zo {
+
+class CCompletionPool;
+
+class CLocalFileSystem : public CBase, public IFileSystem {
+public:
+    // The asynchronous operations run on `threadCount` worker threads of the
+    // file system's own (at least one), which also call the listeners.
+    // Throws CError when the threads cannot be started.
+    explicit CLocalFileSystem(int threadCount = 4);
+    // Waits until every queued operation has run and its listener has been
+    // called; may run on one of the worker threads (a listener that drops the
+    // last reference). Never throws.
+    ~CLocalFileSystem() override;
+    CLocalFileSystem(const CLocalFileSystem&) = delete;
+    CLocalFileSystem& operator=(const CLocalFileSystem&) = delete;
+
+    // With sync on (the default) stores, moves and stream flushes reach the
+    // disk (fsync of the file and its folder) before they report success.
+    // Turning it off is for tests and benchmarks. Any thread may call it; it
+    // applies to operations and streams started afterwards.
+    void setSyncEnabled(bool enabled);
+    bool isSyncEnabled() const;
+
+    // Waits until no operation is queued or running and every listener has
+    // been called.
+    void waitUntilIdle();
+
+    // Writes a temporary file ".tmp-<random>-<name>.part" next to `file`,
+    // fills it with exactly `size` bytes from `source` (fewer is a CIOError
+    // EndOfData), makes it durable and renames it over `file` (overwrite) or
+    // links it as `file` without replacing anything. On failure no temporary
+    // file remains. A null source or a negative size throws CInvalidArgError.
+    P<IFileSystemOp> beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
+                                    IDoneListener* listener) override;
+    // mkdir with `mode`.
+    P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
+    // rename (overwrite), or a rename that refuses an existing target (no
+    // overwrite: renameat2, or link and unlink where that is not supported).
+    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
+                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
+
+    P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
+    // A CLocalFileStream. A folder fails with IsAFolder; an access value
+    // outside IIOStream::Access throws CInvalidArgError.
+    P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override;
+    // A file in the way fails with AlreadyExists.
+    void createFolder(const CURI& folder, int mode) override;
+    bool fileExists(const CURI& file) override;
+    bool folderExists(const CURI& folder) override;
+    // A dangling symbolic link counts as existing.
+    bool pathExists(const CURI& path) override;
+    void deleteFile(const CURI& file, bool ignoreMissing) override;
+    TList<String> listFolder(const CURI& folder) override;
+
+private:
+    std::atomic<bool> m_syncEnabled{true};
+    P<CCompletionPool> m_pool;
+};
+
+} // namespace zo

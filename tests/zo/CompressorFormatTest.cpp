@@ -1,0 +1,107 @@
+// The formats the compressors write and read, checked against streams made by
+// the reference tools of each format.
+#include "zo/Error.h"
+#include "zo/LZ4Compressor.h"
+#include "zo/LZMACompressor.h"
+#include "zo/ZLibCompressor.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes fromHex(const std::string& hex)
+{
+    Bytes bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return bytes;
+}
+
+std::string decompressToText(zo::ICompressor& compressor, const Bytes& packed, int capacity)
+{
+    std::string text(static_cast<size_t>(capacity), '\0');
+    text.resize(static_cast<size_t>(compressor.decompress(packed.data(), static_cast<int>(packed.size()), text.data(), capacity)));
+    return text;
+}
+
+TEST(ZLibCompressor, ReadsStandardZlibStream)
+{
+    // "hello brick" as zlib's compress() writes it at the default level.
+    const Bytes packed = fromHex("789ccb48cdc9c957482aca4cce060019880440");
+    zo::P<zo::CZLibCompressor> compressor(new zo::CZLibCompressor(-1));
+    EXPECT_EQ(decompressToText(*compressor, packed, 100), "hello brick");
+}
+
+TEST(ZLibCompressor, WritesZlibHeaderAndAdlerTrailer)
+{
+    zo::P<zo::CZLibCompressor> compressor(new zo::CZLibCompressor(-1));
+    Bytes packed(64);
+    packed.resize(static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), 64)));
+    EXPECT_EQ(packed, fromHex("789ccb48cdc9c957482aca4cce060019880440"));
+}
+
+TEST(LZ4Compressor, WritesSizeThenBlock)
+{
+    // Five bytes are too few to search for matches: one token (5 literals,
+    // no match) and the literals, behind the original size.
+    zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(false));
+    Bytes packed(64);
+    packed.resize(static_cast<size_t>(compressor->compress("hello", 5, packed.data(), 64)));
+    EXPECT_EQ(packed, fromHex("050000005068656c6c6f"));
+}
+
+TEST(LZ4Compressor, ReadsBlockWithMatch)
+{
+    // "abcabcabcabc...": literals "abc", then a match 3 back of length 9,
+    // then the last 5 literals "abcab" the format requires.
+    const Bytes packed = fromHex("11000000" "35" "616263" "0300" "50" "6162636162");
+    zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(true));
+    EXPECT_EQ(decompressToText(*compressor, packed, 17), "abcabcabcabcabcab");
+}
+
+TEST(LZ4Compressor, RefusesBlockLongerOrShorterThanItsSize)
+{
+    zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(false));
+    char dst[64];
+    // Size 4 for a block of 5 literals, and size 6 for the same block.
+    const Bytes tooLong = fromHex("040000005068656c6c6f");
+    const Bytes tooShort = fromHex("060000005068656c6c6f");
+    EXPECT_THROW(compressor->decompress(tooLong.data(), static_cast<int>(tooLong.size()), dst, 64), zo::CError);
+    EXPECT_THROW(compressor->decompress(tooShort.data(), static_cast<int>(tooShort.size()), dst, 64), zo::CError);
+}
+
+TEST(LZ4Compressor, RefusesSizeBeyondTheDestinationBeforeDecoding)
+{
+    zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(false));
+    const Bytes packed = fromHex("050000005068656c6c6f");
+    std::string dst(8, '#');
+    EXPECT_THROW(compressor->decompress(packed.data(), static_cast<int>(packed.size()), dst.data(), 4), zo::CError);
+    EXPECT_EQ(dst, "########");
+}
+
+TEST(LZMACompressor, ReadsStandardXZStream)
+{
+    // "hello brick" as xz writes it with its default CRC64 check.
+    const Bytes packed = fromHex("fd377a585a000004e6d6b4460200210116000000742fe5a301000a68656c6c6f20627269636b000094dc"
+                                 "260ee2187c910001230bc21bfd091fb6f37d010000000004595a");
+    zo::P<zo::CLZMACompressor> compressor(new zo::CLZMACompressor(6, 0));
+    EXPECT_EQ(decompressToText(*compressor, packed, 100), "hello brick");
+}
+
+TEST(LZMACompressor, WritesXZStreamWithCRC32Check)
+{
+    zo::P<zo::CLZMACompressor> compressor(new zo::CLZMACompressor(6, 0));
+    Bytes packed(static_cast<size_t>(compressor->getMaxCompressedSize(11)));
+    packed.resize(static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), static_cast<int>(packed.size()))));
+    ASSERT_GE(packed.size(), 24u);
+    // Stream header magic and flags (check type 1, CRC32), footer magic.
+    EXPECT_EQ(Bytes(packed.begin(), packed.begin() + 8), fromHex("fd377a585a000001"));
+    EXPECT_EQ(Bytes(packed.end() - 2, packed.end()), fromHex("595a"));
+}
+
+} // namespace

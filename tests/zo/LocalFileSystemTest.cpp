@@ -1,0 +1,265 @@
+// Behaviour of the local file system beyond the shared contract: the
+// temporary files of its stores, its sync switch, working-folder paths and
+// the details of its errors.
+#include "support/TempFolder.h"
+#include "zo/BufferStream.h"
+#include "zo/LocalFileStore.h"
+#include "zo/LocalFileSystem.h"
+#include "zo/Signal.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+using namespace zo;
+
+namespace {
+
+constexpr int waitMillis = 10000;
+constexpr int folderMode = 0x1ff;
+
+class COutcomeListener : public CBase, public IDoneListener {
+public:
+    void onDone(const CError* error) override
+    {
+        std::lock_guard lock(m_mutex);
+        ++m_calls;
+        m_error = error ? error->clone() : P<CError>();
+    }
+    int getCalls()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_calls;
+    }
+    P<CError> getError()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_error;
+    }
+
+private:
+    std::mutex m_mutex;
+    int m_calls = 0;
+    P<CError> m_error;
+};
+
+// A source over fixed bytes that can look into a folder while it is read,
+// or fail when it is read.
+class CSource : public CBufferStream {
+public:
+    explicit CSource(const std::string& bytes) : CBufferStream(nullptr, 2.0)
+    {
+        write(bytes.data(), static_cast<int>(bytes.size()));
+        seek(0);
+    }
+    int readLax(void* dst, int size) override
+    {
+        if (!m_folderToWatch.empty()) {
+            for (const auto& entry : std::filesystem::directory_iterator(m_folderToWatch))
+                namesSeenWhileReading.push_back(entry.path().filename().string());
+            m_folderToWatch.clear();
+        }
+        if (m_failOnRead)
+            throw CIOError(CIOError::ReadFailed, "The source broke down.");
+        return CBufferStream::readLax(dst, size);
+    }
+    void watchFolderOnFirstRead(const std::string& folder) { m_folderToWatch = folder; }
+    void failOnRead() { m_failOnRead = true; }
+
+    std::vector<std::string> namesSeenWhileReading;
+
+private:
+    std::string m_folderToWatch;
+    bool m_failOnRead = false;
+};
+
+std::vector<std::string> folderEntries(const std::string& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+int problemOf(const P<CError>& error)
+{
+    return error ? CFileSystemError::getProblem(error->getProps()) : -1;
+}
+
+class LocalFileSystemTest : public ::testing::Test {
+protected:
+    P<CError> store(const CURI& file, IInStream* source, int size, bool overwrite)
+    {
+        P<COutcomeListener> listener(new COutcomeListener());
+        EXPECT_TRUE(fs->beginStoreFile(file, size, source, overwrite, listener.get())->waitDone(waitMillis));
+        EXPECT_EQ(listener->getCalls(), 1);
+        return listener->getError();
+    }
+    P<CError> store(const CURI& file, const std::string& bytes, bool overwrite)
+    {
+        P<CSource> source(new CSource(bytes));
+        return store(file, source.get(), static_cast<int>(bytes.size()), overwrite);
+    }
+    std::string readFile(const std::string& path)
+    {
+        P<IIOStream> stream = fs->openStream(CURI(String(path)), IIOStream::AccessRead, IIOStream::OptionNone);
+        std::string bytes(static_cast<size_t>(stream->getSize()), '\0');
+        stream->read(bytes.data(), static_cast<int>(bytes.size()));
+        return bytes;
+    }
+
+    testsupport::TempFolder temp;
+    P<CLocalFileSystem> fs{new CLocalFileSystem()};
+};
+
+TEST_F(LocalFileSystemTest, StoreLeavesExactlyTheTargetInItsFolder)
+{
+    EXPECT_FALSE(store(temp.uri() << "00.brick", "first", false));
+    EXPECT_FALSE(store(temp.uri() << "00.brick", "second", true));
+    EXPECT_EQ(problemOf(store(temp.uri() << "00.brick", "third", false)), CFileSystemError::AlreadyExists);
+    EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>{"00.brick"});
+    EXPECT_EQ(readFile(temp.path() + "/00.brick"), "second");
+}
+
+TEST_F(LocalFileSystemTest, StoreFromAShortSourceLeavesNoTemporaryFile)
+{
+    P<CSource> source(new CSource("only five"));
+    const P<CError> error = store(temp.uri() << "00.brick", source.get(), 100, true);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getCode(), CIOError::EndOfData);
+    EXPECT_TRUE(folderEntries(temp.path()).empty());
+}
+
+TEST_F(LocalFileSystemTest, StoreWhoseSourceFailsReportsTheSourcesErrorAndLeavesNoTemporaryFile)
+{
+    ASSERT_FALSE(store(temp.uri() << "00.brick", "old", false));
+    P<CSource> source(new CSource("a brick that breaks"));
+    source->failOnRead();
+    const P<CError> error = store(temp.uri() << "00.brick", source.get(), 19, true);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getCode(), CIOError::ReadFailed);
+    EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>{"00.brick"});
+    EXPECT_EQ(readFile(temp.path() + "/00.brick"), "old");
+}
+
+TEST_F(LocalFileSystemTest, StoreWritesAHiddenTemporaryFileThatNeverLooksLikeABrickOrARecord)
+{
+    for (const char* name : {"00.brick", "disk.brickdisk", "parent.bricklnk"}) {
+        P<CSource> source(new CSource("payload"));
+        source->watchFolderOnFirstRead(temp.path());
+        ASSERT_FALSE(store(temp.uri() << name, source.get(), 7, true));
+        ASSERT_EQ(source->namesSeenWhileReading.size(), 1U);
+        const std::string& temporary = source->namesSeenWhileReading.front();
+        EXPECT_EQ(temporary.rfind(".tmp-", 0), 0U) << temporary;
+        EXPECT_NE(temporary.find(name), std::string::npos) << temporary;
+        EXPECT_TRUE(temporary.ends_with(".part")) << temporary;
+        std::filesystem::remove(temp.path() + "/" + name);
+    }
+}
+
+TEST_F(LocalFileSystemTest, TemporaryNamesAreRandomAndFitAFileNameForLongTargetNames)
+{
+    std::string longName;
+    for (int i = 0; i < 150; ++i)
+        longName += "\xc3\xa9"; // 150 two-byte characters, 300 bytes
+    const std::string first = makeTemporaryFileName(longName);
+    EXPECT_LE(first.size(), 255U);
+    EXPECT_TRUE(first.ends_with(".part"));
+    EXPECT_EQ(String(first).toUTF8(), first) << "a character was cut in half";
+    EXPECT_NE(makeTemporaryFileName("00.brick"), makeTemporaryFileName("00.brick"));
+}
+
+TEST_F(LocalFileSystemTest, StoreOfALongNameWorks)
+{
+    const std::string name(240, 'n');
+    EXPECT_FALSE(store(temp.uri() << String(name), "x", false));
+    EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>{name});
+}
+
+TEST_F(LocalFileSystemTest, SyncIsOnByDefaultAndOperationsWorkWithItTurnedOff)
+{
+    EXPECT_TRUE(fs->isSyncEnabled());
+    fs->setSyncEnabled(false);
+    EXPECT_FALSE(fs->isSyncEnabled());
+    fs->createFolder(temp.uri() << "d", folderMode);
+    EXPECT_FALSE(store(temp.uri() << "d" << "a", "unsynced", false));
+    P<COutcomeListener> listener(new COutcomeListener());
+    ASSERT_TRUE(fs->beginMoveFile(temp.uri() << "d" << "a", temp.uri() << "b", false, listener.get())->waitDone(waitMillis));
+    EXPECT_FALSE(listener->getError());
+    {
+        P<IIOStream> stream = fs->openStream(temp.uri() << "c", IIOStream::AccessWrite, IIOStream::OptionReplace);
+        stream->write("flushed", 7, nullptr);
+        stream->flush();
+    }
+    EXPECT_EQ(readFile(temp.path() + "/b"), "unsynced");
+    EXPECT_EQ(readFile(temp.path() + "/c"), "flushed");
+    fs->setSyncEnabled(true);
+    EXPECT_TRUE(fs->isSyncEnabled());
+}
+
+TEST_F(LocalFileSystemTest, RelativePathsAreRelativeToTheWorkingFolder)
+{
+    const CURI workingFolder(String(std::filesystem::current_path().string()));
+    const CURI relativeFolder = temp.uri().toRelative(workingFolder);
+    ASSERT_FALSE(relativeFolder.isAbsolute());
+    EXPECT_FALSE(store(relativeFolder << "rel", "relative", false));
+    EXPECT_EQ(readFile(temp.path() + "/rel"), "relative");
+    EXPECT_TRUE(fs->fileExists(relativeFolder << "rel"));
+}
+
+TEST_F(LocalFileSystemTest, ErrorsNameThePathTheActionAndTheErrno)
+{
+    const CURI missing = temp.uri() << "missing";
+    try {
+        fs->openStream(missing, IIOStream::AccessRead, IIOStream::OptionNone);
+        FAIL() << "opening a missing file succeeded";
+    } catch (const CFileSystemError& e) {
+        EXPECT_EQ(e.getProblem(), CFileSystemError::NotFound);
+        EXPECT_EQ(e.getProps().lookup("path"), missing.toString(true));
+        EXPECT_EQ(e.getProps().lookup("action"), "open");
+        EXPECT_EQ(e.getProps().lookup("errno"), toDecimalString(ENOENT));
+    }
+}
+
+TEST_F(LocalFileSystemTest, BeginCreateFolderGivesTheFolderItsMode)
+{
+    P<COutcomeListener> listener(new COutcomeListener());
+    ASSERT_TRUE(fs->beginCreateFolder(temp.uri() << "private", 0700, listener.get())->waitDone(waitMillis));
+    ASSERT_FALSE(listener->getError());
+    struct stat info {};
+    ASSERT_EQ(::stat((temp.path() + "/private").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700U);
+}
+
+TEST_F(LocalFileSystemTest, StreamsLockRangesSharedAndExclusive)
+{
+    P<IIOStream> stream = fs->openStream(temp.uri() << "locked", IIOStream::AccessReadWrite, IIOStream::OptionReplace);
+    stream->write("0123456789", 10, nullptr);
+    EXPECT_NO_THROW(stream->lockRange(0, 5, IStreamBase::SharedLock));
+    EXPECT_NO_THROW(stream->lockRange(5, 5, IStreamBase::ExclusiveLock));
+}
+
+TEST_F(LocalFileSystemTest, StreamOpenForWritingOnlyRefusesReads)
+{
+    P<IIOStream> stream = fs->openStream(temp.uri() << "w", IIOStream::AccessWrite, IIOStream::OptionReplace);
+    stream->write("abc", 3, nullptr);
+    stream->seek(0);
+    char byte = 0;
+    EXPECT_THROW(stream->read(&byte, 1), CIOError);
+}
+
+TEST_F(LocalFileSystemTest, PathExistsCountsADanglingSymbolicLink)
+{
+    std::filesystem::create_symlink(temp.path() + "/nowhere", temp.path() + "/link");
+    EXPECT_TRUE(fs->pathExists(temp.uri() << "link"));
+    EXPECT_FALSE(fs->fileExists(temp.uri() << "link"));
+}
+
+} // namespace
