@@ -86,6 +86,8 @@ public:
     }
     void append(const T* data, int count)
     {
+        if (count <= 0)
+            return;
         std::memcpy(getFreePtr(count), data, sizeof(T) * static_cast<size_t>(count));
         m_used += count;
     }

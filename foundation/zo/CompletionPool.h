@@ -27,7 +27,7 @@ public:
     CCompletionPool& operator=(const CCompletionPool&) = delete;
 
     // Queues `task` to run on a worker after `delayMillis` (0: as soon as one is
-    // free). Tasks with the same due time run in the order they were posted.
+    // free). Tasks with the same due time start in the order they were posted.
     // An exception that leaves a task is logged. Throws CError after shutdown.
     // Any thread may call it.
     void post(Task task, int delayMillis = 0);

@@ -156,6 +156,20 @@ TEST(TBuffer, AppendsAfterUsedBytes)
     EXPECT_EQ(buffer[2], 3);
 }
 
+TEST(TBuffer, AppendingNothingFromNullPointerLeavesBufferAlone)
+{
+    TBuffer<uint8> empty;
+    empty.append(nullptr, 0);
+    EXPECT_EQ(empty.getUsed(), 0);
+    EXPECT_EQ(empty.getData(), nullptr);
+
+    TBuffer<uint8> buffer(3);
+    fillCounting(buffer);
+    buffer.append(nullptr, 0);
+    ASSERT_EQ(buffer.getUsed(), 3);
+    EXPECT_EQ(buffer[2], 3);
+}
+
 TEST(TBuffer, ReserveNeverShrinks)
 {
     TBuffer<uint8> buffer(0, 50);

@@ -1,0 +1,139 @@
+#include "brick/BrickDiskStream.h"
+
+#include "zo/Error.h"
+#include "zo/Log.h"
+
+namespace brick {
+
+using zo::CIOError;
+
+CBrickDiskStream::CBrickDiskStream(CBrickDisk* disk)
+    : m_disk(disk), m_uri(disk->getDiskFolder()), m_virtualLength(disk->getSize())
+{
+}
+
+CBrickDiskStream::~CBrickDiskStream()
+{
+    try {
+        close();
+    } catch (const std::exception& e) {
+        zo::onExceptionInDestructorIgnored("kelp::CBrickDiskStream", e, true);
+    }
+}
+
+void CBrickDiskStream::checkOpen() const
+{
+    if (!m_disk)
+        throw CIOError(CIOError::StreamClosed, String());
+}
+
+int64 CBrickDiskStream::getLength()
+{
+    checkOpen();
+    return m_virtualLength;
+}
+
+int64 CBrickDiskStream::getPosition()
+{
+    checkOpen();
+    return m_disk->getPosition();
+}
+
+CURI CBrickDiskStream::getURI()
+{
+    return m_uri;
+}
+
+void CBrickDiskStream::seek(int64 position)
+{
+    checkOpen();
+    if (position < 0 || position > m_virtualLength)
+        throw CIOError(CIOError::SeekOutOfRange, String());
+    m_disk->seek(position);
+}
+
+void CBrickDiskStream::lockRange(int64, int64, LockType)
+{
+    throw zo::CFileSystemError(zo::CFileSystemError::NotSupported,
+                               CError("Brick disk stream does not support lockRange."));
+}
+
+void CBrickDiskStream::close()
+{
+    m_disk = nullptr;
+}
+
+void CBrickDiskStream::read(void* dst, int size)
+{
+    checkOpen();
+    m_disk->read(dst, size);
+}
+
+int CBrickDiskStream::readLax(void* dst, int size)
+{
+    const int64 remaining = getLength() - getPosition();
+    const int count = size <= remaining ? size : static_cast<int>(remaining);
+    read(dst, count);
+    return count;
+}
+
+int CBrickDiskStream::readAvailable(void* dst, int size)
+{
+    return readLax(dst, size);
+}
+
+bool CBrickDiskStream::waitReadable(int)
+{
+    checkOpen();
+    return true;
+}
+
+bool CBrickDiskStream::isEndOfStream()
+{
+    return getLength() <= getPosition();
+}
+
+int CBrickDiskStream::isEndOfStream_NonBlocking()
+{
+    return isEndOfStream() ? 1 : 0;
+}
+
+void CBrickDiskStream::write(const void* src, int size, zo::IWriteBarrier*)
+{
+    checkOpen();
+    m_disk->write(src, size);
+    if (m_disk->getPosition() > m_virtualLength)
+        m_virtualLength = m_disk->getPosition();
+}
+
+void CBrickDiskStream::writeKeepBuffer(const zo::TConstBufferSlice<uint8>& slice, zo::IWriteBarrier* barrier)
+{
+    write(slice.getData(), slice.getSize(), barrier);
+}
+
+P<zo::IWriteBarrier> CBrickDiskStream::createWriteBarrier(zo::IWriteBarrier*)
+{
+    flush();
+    return P<zo::IWriteBarrier>(new zo::CDummyWriteBarrier());
+}
+
+void CBrickDiskStream::flush()
+{
+    checkOpen();
+    m_disk->flushChanges();
+}
+
+void CBrickDiskStream::setLength(int64)
+{
+    checkOpen();
+    throw CIOError(CIOError::SetLengthNotSupported, String());
+}
+
+void CBrickDiskStream::setVirtualLength(int64 length)
+{
+    if (getPosition() > length)
+        seek(length);
+    m_virtualLength = length;
+}
+
+} // namespace brick

@@ -1,0 +1,337 @@
+#include "brick/BrickDisk.h"
+
+#include "brick/BrickDiskError.h"
+#include "brick/BrickDiskHeader.h"
+#include "support/DiskTestHelpers.h"
+#include "zo/MemoryFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using brick::CBrickDisk;
+using brick::CBrickDiskHeader;
+using testsupport::Bytes;
+using testsupport::errorOf;
+using testsupport::linkTarget;
+using testsupport::messageOf;
+using testsupport::propsOf;
+using zo::CError;
+using zo::CMemoryFileSystem;
+using zo::CURI;
+using zo::IIOStream;
+using zo::P;
+using zo::int64;
+using Props = std::vector<std::pair<std::string, std::string>>;
+
+constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
+// Twelve whole bricks and a short last one.
+constexpr int64 kDiskSize = 12 * kBrickSize + 500;
+const char* const kPassword = "secret";
+
+class BrickDiskChildTest : public ::testing::Test {
+protected:
+    void createParent(const char* folder = "/disks/parent")
+    {
+        testsupport::createDisk(fs.get(), CURI(folder), kDiskSize, kPassword);
+    }
+    void createChild(const char* child, const char* parent, CBrickDisk::ChildType type = CBrickDisk::linkedChild)
+    {
+        CBrickDisk::createChild(fs.get(), CURI(child), CURI(parent), type);
+    }
+    P<CBrickDisk> open(const char* folder, IIOStream::Access access = IIOStream::AccessReadWrite)
+    {
+        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(folder), kPassword, access);
+        disk->setAllowWritingWithParentDisk(true);
+        return disk;
+    }
+    // Every byte of the disk in `folder`, read through its chain.
+    Bytes contentOf(const char* folder) { return testsupport::readWholeDisk(*open(folder, IIOStream::AccessRead)); }
+
+    // `count` writes of random bytes at random places, applied to `model` as
+    // well. On a disk without a parent some of them are zeros over whole
+    // bricks, whose files are then removed. A child stores such a brick by
+    // removing its own file too, which lets its parent's brick show through,
+    // so children get no all-zero bricks here.
+    void writeRandomly(const char* folder, Bytes& model, int count)
+    {
+        const P<CBrickDisk> disk = open(folder);
+        const bool zeroBricksAllowed = disk->getParentDiskFolders().empty();
+        for (int i = 0; i < count; ++i) {
+            const int size = static_cast<int>(rng() % (3 * kBrickSize)) + 1;
+            const int64 position = static_cast<int64>(rng() % (kDiskSize - size + 1));
+            const bool zeros = zeroBricksAllowed && rng() % 4 == 0;
+            const Bytes bytes = zeros ? testsupport::zeroBytes(kBrickSize)
+                                      : testsupport::patternBytes(size, static_cast<unsigned>(rng()));
+            const int64 at = zeros ? (position / kBrickSize) * kBrickSize : position;
+            if (at + bytes.getUsed() > kDiskSize)
+                continue;
+            testsupport::writeAt(*disk, at, bytes);
+            model = testsupport::overlay(model, at, bytes);
+        }
+        disk->flushChanges();
+        EXPECT_TRUE(disk->getBackgroundErrorList().empty());
+    }
+
+    P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
+    std::mt19937 rng{20240611};
+};
+
+// --- Files written by child creation -------------------------------------------
+
+TEST_F(BrickDiskChildTest, LinkedChildGetsAHeaderAndAParentLinkAndTheParentGetsAChildLink)
+{
+    createParent();
+
+    createChild("/disks/child", "/disks/parent");
+
+    EXPECT_EQ(testsupport::filesBelow(fs.get(), CURI("/disks/child")),
+              std::vector<std::string>(
+                  {"disk.brickdisk", "fallback/disk.brickdisk", "fallback/parent.bricklnk", "parent.bricklnk"}));
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/child"), "parent.bricklnk"), "../parent");
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/parent"), "child.bricklnk"), "../child");
+}
+
+TEST_F(BrickDiskChildTest, ChildHeaderIsACopyOfTheParentHeader)
+{
+    createParent();
+
+    createChild("/disks/child", "/disks/parent");
+
+    EXPECT_EQ(*fs->getFileData(CBrickDiskHeader::getHeaderURI(CURI("/disks/child"), 0)),
+              *fs->getFileData(CBrickDiskHeader::getHeaderURI(CURI("/disks/parent"), 0)));
+    const P<CBrickDisk> child = open("/disks/child");
+    EXPECT_EQ(child->getSize(), kDiskSize);
+    EXPECT_EQ(child->getBrickSize(), kBrickSize);
+    EXPECT_EQ(child->getParentDiskFolder(), CURI("/disks/parent"));
+}
+
+TEST_F(BrickDiskChildTest, SecondLinkedChildIsInsertedBetweenTheParentAndTheFirstChild)
+{
+    createParent();
+    createChild("/disks/first", "/disks/parent");
+
+    createChild("/disks/second", "/disks/parent");
+
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/second"), "parent.bricklnk"), "../parent");
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/second"), "child.bricklnk"), "../first");
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/first"), "parent.bricklnk"), "../second");
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/parent"), "child.bricklnk"), "../second");
+    const P<CBrickDisk> first = open("/disks/first", IIOStream::AccessRead);
+    EXPECT_EQ(first->getParentDiskFolder(), CURI("/disks/second"));
+    EXPECT_EQ(first->getParentDiskFolders().back(), CURI("/disks/parent"));
+}
+
+TEST_F(BrickDiskChildTest, StandAloneChildLinksToTheParentAsGivenAndTouchesNoParentFile)
+{
+    createParent();
+    const auto parentFiles = testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent"));
+
+    createChild("/elsewhere/child", "/disks/parent", CBrickDisk::standAloneChild);
+
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/elsewhere/child"), "parent.bricklnk"), "/disks/parent");
+    EXPECT_FALSE(fs->fileExists(CURI("/elsewhere/child/child.bricklnk")));
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent")), parentFiles);
+    EXPECT_EQ(open("/elsewhere/child")->getParentDiskFolder(), CURI("/disks/parent"));
+}
+
+TEST_F(BrickDiskChildTest, StandAloneChildOfAParentWithAChildLinksToThatChildAndChangesNothingElse)
+{
+    createParent();
+    createChild("/disks/first", "/disks/parent");
+    const auto parentFiles = testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent"));
+    const auto firstFiles = testsupport::fileContentsBelow(fs.get(), CURI("/disks/first"));
+
+    createChild("/disks/alone", "/disks/parent", CBrickDisk::standAloneChild);
+
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/alone"), "child.bricklnk"), "../first");
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent")), parentFiles);
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/first")), firstFiles);
+}
+
+TEST_F(BrickDiskChildTest, ChildOpensWithTheParentPasswordOnly)
+{
+    createParent();
+    createChild("/disks/child", "/disks/parent");
+
+    EXPECT_NO_THROW(open("/disks/child"));
+    const auto error = errorOf<brick::CBrickDiskError>(
+        [&] { testsupport::openDisk(fs.get(), CURI("/disks/child"), "other", IIOStream::AccessRead); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getCode(), brick::CBrickDiskError::IncorrectPassword);
+    EXPECT_EQ(propsOf(*error), Props({{"diskFolder", "/disks/child"}}));
+}
+
+// --- Refused child creations ------------------------------------------------------
+
+TEST_F(BrickDiskChildTest, InvalidChildTypeFailsAfterTheFolderWasCreated)
+{
+    createParent();
+
+    const auto error = errorOf<zo::CInvalidArgError>([&] {
+        CBrickDisk::createChild(fs.get(), CURI("/disks/child"), CURI("/disks/parent"),
+                                static_cast<CBrickDisk::ChildType>(2));
+    });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getWhere(), "CBrickDisk::createChild");
+    EXPECT_EQ(messageOf(*error), "Invalid childType: 2");
+    EXPECT_TRUE(error->getProps().isEmpty());
+    EXPECT_TRUE(fs->folderExists(CURI("/disks/child")));
+    EXPECT_TRUE(testsupport::filesBelow(fs.get(), CURI("/disks/child")).empty());
+    EXPECT_FALSE(fs->fileExists(CURI("/disks/parent/child.bricklnk")));
+}
+
+TEST_F(BrickDiskChildTest, FolderThatHoldsADiskAlreadyIsRefused)
+{
+    createParent();
+    createChild("/disks/child", "/disks/parent");
+    const auto before = testsupport::fileContentsBelow(fs.get(), CURI("/disks"));
+
+    const auto error = errorOf<CError>([&] { createChild("/disks/child", "/disks/parent"); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "Cannot create child brick disk in a folder that already contains one.");
+    EXPECT_EQ(error->getDomain(), "");
+    EXPECT_EQ(error->getCode(), -1);
+    EXPECT_EQ(propsOf(*error), Props({{"childDiskFolder", "/disks/child"},
+                                      {"parentDiskFolder", "/disks/parent"},
+                                      {"action", "CBrickDisk::createChild"}}));
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks")), before);
+}
+
+TEST_F(BrickDiskChildTest, FoldersWithoutACommonRootCannotBeLinked)
+{
+    createParent();
+
+    const auto error = errorOf<CError>([&] { createChild("relative/child", "/disks/parent"); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "Parent and child brick disk must be in same folder hierarchy.");
+    EXPECT_EQ(error->getCode(), -1);
+    EXPECT_EQ(propsOf(*error), Props({{"childDiskFolder", "relative/child"},
+                                      {"parentDiskFolder", "/disks/parent"},
+                                      {"action", "CBrickDisk::createChild"}}));
+    EXPECT_TRUE(error->getCause());
+    EXPECT_FALSE(fs->fileExists(CBrickDiskHeader::getHeaderURI(CURI("relative/child"), 0)));
+}
+
+TEST_F(BrickDiskChildTest, MissingParentHeaderErrorPassesThrough)
+{
+    fs->createFolder(CURI("/disks/none"), 0x1ff);
+    CBrickDiskHeader header;
+    const auto expected = errorOf<CError>([&] { header.load(fs.get(), CURI("/disks/none")); });
+
+    const auto error = errorOf<CError>([&] { createChild("/disks/child", "/disks/none"); });
+
+    ASSERT_TRUE(expected && error);
+    EXPECT_EQ(error->getMessage(), expected->getMessage());
+    EXPECT_EQ(propsOf(*error), propsOf(*expected));
+}
+
+// --- Children keep their bytes -----------------------------------------------------
+
+TEST_F(BrickDiskChildTest, ChildAndGrandchildKeepTheirBytesWhileTheParentIsWritten)
+{
+    createParent();
+    Bytes parentModel = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+    writeRandomly("/disks/parent", parentModel, 12);
+    createChild("/disks/child", "/disks/parent");
+    Bytes childModel = parentModel;
+    // The child is written while it has no child of its own.
+    writeRandomly("/disks/child", childModel, 6);
+    createChild("/disks/grandchild", "/disks/child");
+    const Bytes grandchildModel = childModel;
+    ASSERT_EQ(contentOf("/disks/grandchild"), grandchildModel);
+
+    for (int step = 0; step < 6; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        writeRandomly("/disks/parent", parentModel, 5);
+
+        EXPECT_EQ(contentOf("/disks/parent"), parentModel);
+        EXPECT_EQ(contentOf("/disks/child"), childModel);
+        EXPECT_EQ(contentOf("/disks/grandchild"), grandchildModel);
+    }
+}
+
+TEST_F(BrickDiskChildTest, ChildKeepsItsBytesWhenTheParentWritesWholeBricksOfZeros)
+{
+    createParent();
+    Bytes parentModel = testsupport::patternBytes(static_cast<int>(kDiskSize), 3);
+    testsupport::writeAt(*open("/disks/parent"), 0, parentModel);
+    createChild("/disks/child", "/disks/parent");
+
+    testsupport::writeAt(*open("/disks/parent"), 2 * kBrickSize, testsupport::zeroBytes(3 * kBrickSize));
+
+    EXPECT_EQ(contentOf("/disks/child"), parentModel);
+    EXPECT_EQ(testsupport::readAt(*open("/disks/parent", IIOStream::AccessRead), 2 * kBrickSize, 3 * kBrickSize),
+              testsupport::zeroBytes(3 * kBrickSize));
+}
+
+TEST_F(BrickDiskChildTest, GrandchildWritesStayInTheGrandchild)
+{
+    createParent();
+    Bytes parentModel = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+    writeRandomly("/disks/parent", parentModel, 8);
+    createChild("/disks/child", "/disks/parent");
+    createChild("/disks/grandchild", "/disks/child");
+    const auto parentFiles = testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent"));
+    const auto childFiles = testsupport::fileContentsBelow(fs.get(), CURI("/disks/child"));
+    Bytes grandchildModel = parentModel;
+
+    writeRandomly("/disks/grandchild", grandchildModel, 8);
+
+    EXPECT_EQ(contentOf("/disks/grandchild"), grandchildModel);
+    EXPECT_EQ(contentOf("/disks/parent"), parentModel);
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent")), parentFiles);
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/child")), childFiles);
+}
+
+TEST_F(BrickDiskChildTest, OldChildKeepsItsSnapshotThroughAnInsertedChild)
+{
+    createParent();
+    Bytes parentModel = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+    writeRandomly("/disks/parent", parentModel, 10);
+    createChild("/disks/first", "/disks/parent");
+    const Bytes firstModel = parentModel;
+    writeRandomly("/disks/parent", parentModel, 5);
+
+    createChild("/disks/second", "/disks/parent");
+    const Bytes secondModel = parentModel;
+    EXPECT_EQ(contentOf("/disks/first"), firstModel);
+
+    for (int step = 0; step < 4; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        writeRandomly("/disks/parent", parentModel, 5);
+
+        EXPECT_EQ(contentOf("/disks/parent"), parentModel);
+        EXPECT_EQ(contentOf("/disks/second"), secondModel);
+        EXPECT_EQ(contentOf("/disks/first"), firstModel);
+    }
+}
+
+TEST_F(BrickDiskChildTest, StandAloneChildReadsTheParentAndWritesOnlyItself)
+{
+    createParent();
+    Bytes parentModel = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+    writeRandomly("/disks/parent", parentModel, 8);
+    createChild("/disks/alone", "/disks/parent", CBrickDisk::standAloneChild);
+    EXPECT_EQ(contentOf("/disks/alone"), parentModel);
+    const auto parentFiles = testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent"));
+    const Bytes own = testsupport::patternBytes(kBrickSize, 77);
+
+    testsupport::writeAt(*open("/disks/alone"), 4 * kBrickSize, own);
+
+    EXPECT_EQ(contentOf("/disks/alone"), testsupport::overlay(parentModel, 4 * kBrickSize, own));
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent")), parentFiles);
+    // The parent does not know this child, so its later writes show through
+    // wherever the child has no brick of its own.
+    writeRandomly("/disks/parent", parentModel, 5);
+    EXPECT_EQ(contentOf("/disks/alone"), testsupport::overlay(parentModel, 4 * kBrickSize, own));
+}
+
+} // namespace

@@ -1,0 +1,66 @@
+#include "support/DiskStreamTestHelpers.h"
+
+#include "brick/Brick.h"
+#include "zo/Error.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace testsupport {
+
+void createStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, int brickSize,
+                          unsigned seed, Bytes* content)
+{
+    brick::CBrickDisk::create(fs, folder, diskSize, 1, streamTestPassword(), "lz4", brickSize);
+    if (!content)
+        return;
+    *content = patternBytes(static_cast<int>(diskSize), seed);
+    const zo::P<brick::CBrickDisk> disk = openStreamTestDisk(fs, folder, zo::IIOStream::AccessReadWrite);
+    disk->write(content->getData(), content->getUsed());
+    disk->flushChanges();
+    if (!disk->getBackgroundErrorList().empty())
+        throw zo::CError("A brick of the test disk could not be stored.");
+}
+
+zo::P<brick::CBrickDisk> openStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder,
+                                            zo::IIOStream::Access access)
+{
+    return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, streamTestPassword(), access, 4));
+}
+
+zo::CURI brickFileOf(const brick::CBrickDisk& disk, zo::int64 brickIndex)
+{
+    const zo::P<brick::CBrick> brick = disk.newStandAloneBrickObject();
+    brick->seek(brickIndex, 0);
+    return disk.getDiskFolder() << brick->getRelativeBrickURI();
+}
+
+void damageFile(zo::CMemoryFileSystem& fs, const zo::CURI& file)
+{
+    const zo::P<Bytes> data = fs.getFileData(file);
+    if (!data || data->getUsed() == 0)
+        throw zo::CError("No file to damage.");
+    (*data)[data->getUsed() / 2] ^= 0x5a;
+    fs.setFileData(file, *data);
+}
+
+Bytes readToEndInRandomPieces(zo::IInStream& stream, std::mt19937& random, int maxPiece)
+{
+    Bytes result;
+    std::vector<zo::uint8> piece(static_cast<size_t>(maxPiece));
+    std::uniform_int_distribution<int> pieceSize(1, maxPiece);
+    for (;;) {
+        const int got = stream.readLax(piece.data(), pieceSize(random));
+        if (got == 0)
+            return result;
+        result.append(piece.data(), got);
+    }
+}
+
+Bytes sliceOf(const Bytes& bytes, zo::int64 offset, zo::int64 count)
+{
+    return Bytes(bytes.getData() + offset, static_cast<int>(count));
+}
+
+} // namespace testsupport

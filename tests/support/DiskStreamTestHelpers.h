@@ -1,0 +1,46 @@
+// Helpers for the tests of the disk streams: small disks filled with known
+// bytes, the file of a brick, damaging a brick file, and reading a stream to
+// its end in pieces of random sizes.
+#pragma once
+
+#include "brick/BrickDisk.h"
+#include "support/BrickTestHelpers.h"
+#include "zo/FileSystem.h"
+#include "zo/MemoryFileSystem.h"
+#include "zo/Stream.h"
+
+#include <random>
+
+namespace testsupport {
+
+// The password of the test disks.
+inline const char* streamTestPassword()
+{
+    return "stream-test";
+}
+
+// Creates a disk of `diskSize` bytes in bricks of `brickSize` in `folder`
+// (lz4, aes256cbc) and, unless `content` is null, writes pattern bytes drawn
+// from `seed` to the whole disk and flushes them; `content` then receives
+// those bytes. Nothing stays open.
+void createStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, int brickSize,
+                          unsigned seed, Bytes* content);
+
+// Opens the test disk in `folder` with `access`.
+zo::P<brick::CBrickDisk> openStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder,
+                                            zo::IIOStream::Access access);
+
+// The file that holds brick `brickIndex` of `disk`.
+zo::CURI brickFileOf(const brick::CBrickDisk& disk, zo::int64 brickIndex);
+
+// Flips one byte in the middle of `file`, which must exist.
+void damageFile(zo::CMemoryFileSystem& fs, const zo::CURI& file);
+
+// Reads `stream` with readLax from its position to its end, in pieces of 1 to
+// `maxPiece` bytes drawn from `random`, and returns what it read.
+Bytes readToEndInRandomPieces(zo::IInStream& stream, std::mt19937& random, int maxPiece);
+
+// `count` bytes of `bytes` from `offset` on.
+Bytes sliceOf(const Bytes& bytes, zo::int64 offset, zo::int64 count);
+
+} // namespace testsupport

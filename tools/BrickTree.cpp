@@ -1,0 +1,146 @@
+#include "BrickTree.h"
+
+#include <algorithm>
+
+namespace cli {
+
+namespace {
+
+constexpr char kBrickSuffix[] = ".brick";
+constexpr char kTemporaryPrefix[] = ".tmp-";
+
+// The tree's naming rule, in one place for building names and for reading them.
+class CTreeNames {
+public:
+    explicit CTreeNames(const brick::CBrickDiskHeader& header)
+        : m_perLevel(header.getObjectsPerTreeLevel()), m_levels(header.getTreeLevels())
+    {
+        // Every digit is padded to the number of hexadecimal digits of the
+        // entry count itself.
+        for (int rest = m_perLevel; rest > 0; rest >>= 4)
+            ++m_digitWidth;
+        m_digitWidth = std::max(1, m_digitWidth);
+    }
+
+    int levels() const { return m_levels; }
+    int perLevel() const { return m_perLevel; }
+
+    // The name of the entry with `digit` at `level` (0: the file).
+    std::string name(int level, int digit) const
+    {
+        static const char kHex[] = "0123456789abcdef";
+        std::string digits;
+        for (int rest = digit; rest > 0; rest >>= 4)
+            digits.insert(digits.begin(), kHex[rest & 15]);
+        if (digits.empty())
+            digits = "0";
+        if (static_cast<int>(digits.size()) < m_digitWidth)
+            digits.insert(0, static_cast<size_t>(m_digitWidth) - digits.size(), '0');
+        if (level == 0)
+            return digits + kBrickSuffix;
+        return std::string(1, static_cast<char>('a' + level - 1)) + digits;
+    }
+
+    // The digit that `name` stands for at `level`, or -1 when it is no name of
+    // the tree.
+    int digitOf(int level, const std::string& name) const
+    {
+        std::string digits = name;
+        if (level == 0) {
+            const size_t suffixLength = sizeof(kBrickSuffix) - 1;
+            if (digits.size() <= suffixLength || digits.compare(digits.size() - suffixLength, suffixLength, kBrickSuffix) != 0)
+                return -1;
+            digits.resize(digits.size() - suffixLength);
+        } else {
+            if (digits.empty() || digits[0] != 'a' + level - 1)
+                return -1;
+            digits.erase(0, 1);
+        }
+        if (digits.empty() || digits.size() > 8)
+            return -1;
+        int value = 0;
+        for (const char c : digits) {
+            const int nibble = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+            if (nibble < 0)
+                return -1;
+            value = value * 16 + nibble;
+        }
+        if (value >= m_perLevel || name != this->name(level, value))
+            return -1;
+        return value;
+    }
+
+private:
+    int m_perLevel;
+    int m_levels;
+    int m_digitWidth = 0;
+};
+
+bool isTemporaryName(const std::string& name)
+{
+    return name.rfind(kTemporaryPrefix, 0) == 0;
+}
+
+// Walks one folder of the tree at `level` (the file level is 0); `prefix` is
+// the index so far, counted in units of the entries at this level.
+void walk(zo::IFileSystem* fs, const CTreeNames& names, const zo::CURI& folder, int level, zo::int64 prefix,
+          BrickTreeListing& listing)
+{
+    for (const zo::String& entry : fs->listFolder(folder)) {
+        const std::string name = entry.toUTF8();
+        const zo::CURI path = folder << entry;
+        const zo::P<zo::IFileInfo> info = fs->getFileInfo(path, false);
+        if (!info->exists())
+            continue; // removed while we looked, as a finished store's temporary file is
+        const int digit = names.digitOf(level, name);
+        if (isTemporaryName(name) && !info->isFolder()) {
+            listing.temporaryFiles.push_back(path);
+        } else if (digit < 0 || info->isFolder() != (level > 0)) {
+            listing.unexpectedEntries.push_back(path);
+        } else if (level > 0) {
+            walk(fs, names, path, level - 1, prefix * names.perLevel() + digit, listing);
+        } else {
+            listing.bricks.push_back(BrickFile{prefix * names.perLevel() + digit, path, info->getSize()});
+        }
+    }
+}
+
+} // namespace
+
+zo::int64 BrickTreeListing::totalBrickBytes() const
+{
+    zo::int64 total = 0;
+    for (const BrickFile& brick : bricks)
+        total += brick.size;
+    return total;
+}
+
+zo::CURI relativeBrickPath(const brick::CBrickDiskHeader& header, zo::int64 index)
+{
+    const CTreeNames names(header);
+    std::vector<int> digits(static_cast<size_t>(std::max(0, names.levels())));
+    for (int& digit : digits) {
+        digit = static_cast<int>(index % names.perLevel());
+        index /= names.perLevel();
+    }
+    zo::CURI path("bricks");
+    for (int level = names.levels() - 1; level >= 0; --level)
+        path = path << zo::String(names.name(level, digits[static_cast<size_t>(level)]));
+    return path;
+}
+
+BrickTreeListing listBrickTree(zo::IFileSystem* fs, const zo::CURI& diskFolder, const brick::CBrickDiskHeader& header)
+{
+    BrickTreeListing listing;
+    const zo::CURI root = diskFolder << "bricks";
+    if (!fs->folderExists(root))
+        return listing;
+    const CTreeNames names(header);
+    if (names.levels() > 0)
+        walk(fs, names, root, names.levels() - 1, 0, listing);
+    std::sort(listing.bricks.begin(), listing.bricks.end(),
+              [](const BrickFile& a, const BrickFile& b) { return a.index < b.index; });
+    return listing;
+}
+
+} // namespace cli

@@ -1,0 +1,209 @@
+// brickdisk check DISK [--read-data]: looks for damage in a disk folder: the
+// header and its fallback copy, the links to the parent and the child, and
+// every brick file's outer digest; with --read-data every brick is also
+// decrypted, decompressed and checked against its inner digest.
+#include "BrickFileCheck.h"
+#include "AuxFileCheck.h"
+#include "BrickTree.h"
+#include "Commands.h"
+#include "DiskAccess.h"
+#include "DiskChain.h"
+#include "Password.h"
+#include "Progress.h"
+#include "Units.h"
+#include "UsageError.h"
+
+#include "brick/BrickDisk.h"
+#include "zo/Error.h"
+
+#include <CLI/CLI.hpp>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace cli {
+
+namespace {
+
+struct CheckOptions {
+    std::string disk;
+    bool readData = false;
+    int jobs = defaultJobCount();
+    CPasswordSource passwords;
+};
+
+// Collects what is wrong and prints it as it is found.
+class CFindings {
+public:
+    void problem(const std::string& text)
+    {
+        std::printf("problem: %s\n", text.c_str());
+        ++m_problems;
+    }
+    void note(const std::string& text) { std::printf("note: %s\n", text.c_str()); }
+    int getProblemCount() const { return m_problems; }
+
+private:
+    int m_problems = 0;
+};
+
+void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, CFindings& findings)
+{
+    const AuxFileCopyState primary = checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
+    const AuxFileCopyState fallback = checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
+    for (const AuxFileCopyState* copy : {&primary, &fallback}) {
+        if (!copy->isIntact())
+            findings.problem("header copy " + copy->path.toLocalPath() + ": " + copy->describe());
+    }
+    if (primary.isIntact() && fallback.isIntact() && !(primary.payload == fallback.payload))
+        findings.problem("the header and its fallback copy differ");
+}
+
+// The fields that a child disk shares with its parent, as one comparable value.
+std::string sharedHeaderFields(const brick::CBrickDiskHeader& h)
+{
+    const auto hex = [](const zo::TBuffer<zo::uint8>& bytes) {
+        std::string text;
+        for (int i = 0; i < bytes.getUsed(); ++i)
+            text += std::to_string(bytes[i]) + ".";
+        return text;
+    };
+    return std::to_string(h.getDiskSize()) + "/" + std::to_string(h.getBrickSize()) + "/" +
+           h.getCipherID().toUTF8() + "/" + h.getCheckSumHashID().toUTF8() + "/" + hex(h.getCipherKeyHash()) + "/" +
+           hex(h.getCipherKeyDerivationSalt());
+}
+
+// Checks both copies of one link file and the disk it points to; returns the
+// linked folder (empty when there is no link or it cannot be read).
+zo::CURI checkLink(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrickDiskHeader& header,
+                   const zo::String& linkName, CFindings& findings)
+{
+    const AuxFileCopyState primary = checkAuxFileCopy(fs, folder, linkName, 0);
+    const AuxFileCopyState fallback = checkAuxFileCopy(fs, folder, linkName, 1);
+    if (primary.kind == AuxFileCopyState::Missing && fallback.kind == AuxFileCopyState::Missing)
+        return zo::CURI();
+    for (const AuxFileCopyState* copy : {&primary, &fallback}) {
+        if (!copy->isIntact())
+            findings.problem("link copy " + copy->path.toLocalPath() + ": " + copy->describe());
+    }
+    if (!primary.isIntact() && !fallback.isIntact())
+        return zo::CURI();
+    const zo::CURI linked = linkedDiskFolder(fs, folder, linkName);
+    try {
+        const brick::CBrickDiskHeader linkedHeader = loadDiskHeader(fs, linked);
+        if (sharedHeaderFields(linkedHeader) != sharedHeaderFields(header))
+            findings.problem(linkName.toUTF8() + " points to " + linked.toLocalPath() +
+                             ", whose header does not match this disk's (size, bricks or key)");
+    } catch (const zo::CError& e) {
+        findings.problem(linkName.toUTF8() + " points to " + linked.toLocalPath() + ": " + e.toString().toUTF8());
+        return zo::CURI();
+    }
+    return linked;
+}
+
+void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrickDiskHeader& header,
+                CFindings& findings)
+{
+    checkLink(fs, folder, header, brick::CBrickDisk::getParentLinkFileName(), findings);
+    const zo::CURI child = checkLink(fs, folder, header, brick::CBrickDisk::getChildLinkFileName(), findings);
+    if (!child.isEmpty()) {
+        const zo::CURI back = linkedDiskFolder(fs, child, brick::CBrickDisk::getParentLinkFileName());
+        if (back != folder)
+            findings.problem("the child disk " + child.toLocalPath() + " does not link back to this disk");
+    }
+    try {
+        parentDiskFolders(fs, folder);
+    } catch (const zo::CError& e) {
+        findings.problem(e.toString().toUTF8());
+    }
+}
+
+// Checks every brick file on `jobs` threads; returns one text per file, empty
+// for a good one.
+std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const BrickTreeListing& listing,
+                                         const brick::CBrickDiskHeader& header,
+                                         brick::CBrickDisk* disk, int jobs)
+{
+    std::vector<std::string> verdicts(listing.bricks.size());
+    std::atomic<size_t> next{0};
+    std::atomic<zo::int64> bytesDone{0};
+    const auto work = [&](std::unique_ptr<CBrickFileChecker> checker) {
+        for (size_t i = next++; i < listing.bricks.size(); i = next++) {
+            verdicts[i] = checker->check(listing.bricks[i]);
+            bytesDone += listing.bricks[i].size;
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < jobs; ++i)
+        threads.emplace_back(work, std::make_unique<CBrickFileChecker>(fs, header, disk));
+    CProgressBar progress("check", listing.totalBrickBytes());
+    while (next < listing.bricks.size()) {
+        progress.update(bytesDone);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    return verdicts;
+}
+
+int runCheck(const CheckOptions& options)
+{
+    if (options.jobs < 1)
+        throw UsageError("--jobs must be at least 1");
+    const zo::CURI folder = diskFolderURI(options.disk);
+    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    CFindings findings;
+
+    std::printf("checking %s\n", folder.toLocalPath().c_str());
+    checkHeaderCopies(fs.get(), folder, findings);
+    const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
+    checkLinks(fs.get(), folder, header, findings);
+
+    zo::P<brick::CBrickDisk> disk;
+    if (options.readData)
+        disk = openDisk(fs.get(), folder, options.passwords, zo::IIOStream::AccessRead, 1);
+
+    const BrickTreeListing listing = listBrickTree(fs.get(), folder, header);
+    const zo::int64 brickCount = (header.getDiskSize() + header.getBrickSize() - 1) / header.getBrickSize();
+    const std::vector<std::string> verdicts = checkBrickFiles(fs.get(), listing, header, disk.get(), options.jobs);
+    for (size_t i = 0; i < listing.bricks.size(); ++i) {
+        const BrickFile& brick = listing.bricks[i];
+        std::string verdict = verdicts[i];
+        if (verdict.empty() && brick.index >= brickCount)
+            verdict = "lies beyond the end of the disk";
+        if (!verdict.empty())
+            findings.problem("brick " + std::to_string(brick.index) + " (" + brick.path.toLocalPath() + "): " + verdict);
+    }
+    for (const zo::CURI& entry : listing.unexpectedEntries)
+        findings.problem("unexpected entry in the brick tree: " + entry.toLocalPath());
+    if (!listing.temporaryFiles.empty())
+        findings.note(std::to_string(listing.temporaryFiles.size()) +
+                      " temporary files of interrupted stores under bricks/ (harmless; they may be deleted)");
+
+    std::printf("checked the header, the links and %zu brick files (%s)%s: %s\n", listing.bricks.size(),
+                formatBytes(listing.totalBrickBytes()).c_str(), options.readData ? " with their data" : "",
+                findings.getProblemCount() == 0 ? "no problems"
+                                                : (std::to_string(findings.getProblemCount()) + " problems").c_str());
+    return findings.getProblemCount() == 0 ? 0 : 1;
+}
+
+} // namespace
+
+CommandAction addCheckCommand(CLI::App& program)
+{
+    auto options = std::make_shared<CheckOptions>();
+    CLI::App* command = program.add_subcommand(
+        "check", "Look for damage: header copies, links and the digest of every brick file");
+    command->add_option("DISK", options->disk, "Folder of the disk")->required();
+    command->add_flag("--read-data", options->readData,
+                      "Also decrypt and decompress every brick and check its inner digest (needs the password)");
+    command->add_option("-j,--jobs", options->jobs, "Threads that check brick files")->capture_default_str();
+    options->passwords.addOptionTo(*command);
+    return [options] { return runCheck(*options); };
+}
+
+} // namespace cli

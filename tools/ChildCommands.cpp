@@ -1,0 +1,76 @@
+// brickdisk snapshot DISK SNAPSHOT and brickdisk child DISK CHILD [--stand-alone]:
+// child disks, which hold only the bricks that differ from their parent.
+//
+// A linked child (what snapshot makes) is put between DISK and the child DISK
+// had before; from then on DISK moves the old version of every brick it
+// changes into the child, so the child keeps the view of the moment it was
+// made. A stand-alone child links to DISK and changes nothing of it: it is an
+// overlay to write into, and shows whatever DISK holds where it has no brick
+// of its own.
+#include "Commands.h"
+#include "DiskAccess.h"
+
+#include "brick/BrickDisk.h"
+#include "zo/Error.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <memory>
+
+namespace cli {
+
+namespace {
+
+struct ChildOptions {
+    std::string disk;
+    std::string child;
+    bool standAlone = false;
+};
+
+int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, const char* what)
+{
+    const zo::CURI parent = diskFolderURI(options.disk);
+    const zo::CURI child = diskFolderURI(options.child);
+    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    loadDiskHeader(fs.get(), parent);
+    if (!isMissingOrEmptyFolder(fs.get(), child))
+        throw zo::CError("Cannot create a child disk in a folder that is not empty.", zo::String(), -1,
+                         zo::CProps().add("diskFolder", child.toString(true)));
+    brick::CBrickDisk::createChild(fs.get(), child, parent, type);
+    std::printf("created %s %s of %s\n", what, child.toLocalPath().c_str(), parent.toLocalPath().c_str());
+    return 0;
+}
+
+void addFolderOptions(CLI::App& command, ChildOptions& options, const char* childName, const char* childHelp)
+{
+    command.add_option("DISK", options.disk, "Folder of the parent disk")->required();
+    command.add_option(childName, options.child, childHelp)->required();
+}
+
+} // namespace
+
+CommandAction addSnapshotCommand(CLI::App& program)
+{
+    auto options = std::make_shared<ChildOptions>();
+    CLI::App* command = program.add_subcommand(
+        "snapshot", "Keep today's view of a disk in SNAPSHOT (a linked child) while the disk moves on");
+    addFolderOptions(*command, *options, "SNAPSHOT", "Folder of the snapshot (made when missing; must be empty)");
+    return [options] { return makeChild(*options, brick::CBrickDisk::linkedChild, "snapshot"); };
+}
+
+CommandAction addChildCommand(CLI::App& program)
+{
+    auto options = std::make_shared<ChildOptions>();
+    CLI::App* command = program.add_subcommand(
+        "child", "Make a child disk: linked (like snapshot) or, with --stand-alone, an overlay to write into");
+    addFolderOptions(*command, *options, "CHILD", "Folder of the child (made when missing; must be empty)");
+    command->add_flag("--stand-alone", options->standAlone,
+                      "Link only the child to DISK; DISK is not changed and must not change afterwards");
+    return [options] {
+        return options->standAlone ? makeChild(*options, brick::CBrickDisk::standAloneChild, "stand-alone child")
+                                   : makeChild(*options, brick::CBrickDisk::linkedChild, "linked child");
+    };
+}
+
+} // namespace cli

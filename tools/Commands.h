@@ -1,0 +1,30 @@
+// The subcommands of the brickdisk program. Each add...Command function adds
+// its subcommand, with its options and --help, to the program's command line
+// and returns the work to run when that subcommand is chosen; the work
+// returns the exit status (0 success, 1 failure) and throws UsageError for a
+// command line that cannot be carried out (status 2) and zo::CError for
+// failures (status 1).
+#pragma once
+
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace cli {
+
+using CommandAction = std::function<int()>;
+
+CommandAction addCreateCommand(CLI::App& program);
+CommandAction addInfoCommand(CLI::App& program);
+CommandAction addImportCommand(CLI::App& program);
+CommandAction addExportCommand(CLI::App& program);
+CommandAction addSnapshotCommand(CLI::App& program);
+CommandAction addChildCommand(CLI::App& program);
+CommandAction addCheckCommand(CLI::App& program);
+
+// The default number of worker threads: one per processor.
+int defaultJobCount();
+
+} // namespace cli

@@ -1,0 +1,128 @@
+// brickdisk create DISK --size SIZE [--brick-size SIZE] [--compression ID] [--no-encryption]
+#include "Commands.h"
+#include "DiskAccess.h"
+#include "Password.h"
+#include "Units.h"
+#include "UsageError.h"
+
+#include "brick/BrickDataPreparer.h"
+#include "brick/BrickDisk.h"
+#include "brick/BrickDiskHeader.h"
+#include "zo/Error.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace cli {
+
+namespace {
+
+constexpr zo::int64 kMinBrickSize = 4096;
+constexpr zo::int64 kMaxBrickSize = 64 << 20;
+
+struct CreateOptions {
+    std::string disk;
+    std::string size;
+    std::string brickSize = "512K";
+    std::string compression = "lz4";
+    bool noEncryption = false;
+    CPasswordSource passwords;
+};
+
+// The number of bricks that the brick tree can address: entries per level to
+// the power of the number of levels.
+zo::int64 addressableBrickCount()
+{
+    const brick::CBrickDiskHeader header;
+    zo::int64 count = 1;
+    for (int level = 0; level < header.getTreeLevels(); ++level)
+        count *= header.getObjectsPerTreeLevel();
+    return count;
+}
+
+zo::int64 validBrickSize(const std::string& text)
+{
+    const zo::int64 size = parseByteSize(text, "brick size");
+    if (size < kMinBrickSize || size > kMaxBrickSize || (size & (size - 1)) != 0)
+        throw UsageError("invalid brick size '" + text + "': it must be a power of two from 4K to 64M");
+    return size;
+}
+
+// Refuses a compressor ID that the disk would not be able to use, by
+// compressing and restoring a small sample with it.
+void checkCompressorID(const std::string& id, zo::int64 brickSize)
+{
+    brick::CBrickDiskHeader header;
+    header.setBrickSize(static_cast<int>(brickSize));
+    header.setCipherID("null");
+    header.setCompressID(zo::String(id));
+    try {
+        brick::CBrickDataPreparer preparer(header, zo::TCryptBuffer<zo::uint8>());
+        zo::TBuffer<zo::uint8> sample(static_cast<int>(kMinBrickSize));
+        for (int i = 0; i < sample.getUsed(); ++i)
+            sample[i] = static_cast<zo::uint8>(i * 7 % 251);
+        zo::TBuffer<zo::uint8> prepared;
+        zo::TBuffer<zo::uint8> restored;
+        preparer.prepareData(sample, prepared);
+        preparer.unprepareData(prepared, restored);
+        if (restored.getUsed() < sample.getUsed() ||
+            std::memcmp(restored.getData(), sample.getData(), static_cast<size_t>(sample.getUsed())) != 0)
+            throw UsageError("compression '" + id + "' does not restore what it compressed");
+    } catch (const zo::CError& e) {
+        throw UsageError("unknown compression '" + id + "' (" + e.toString().toUTF8() +
+                         "); use null, lz4, lz4hc, zlib-LEVEL or lzma-PRESET[-EXTREME]");
+    }
+}
+
+int runCreate(const CreateOptions& options)
+{
+    const zo::int64 diskSize = parseByteSize(options.size, "disk size");
+    const zo::int64 brickSize = validBrickSize(options.brickSize);
+    const zo::int64 brickCount = (diskSize + brickSize - 1) / brickSize;
+    if (brickCount > addressableBrickCount())
+        throw UsageError("a disk of " + options.size + " needs " + std::to_string(brickCount) +
+                         " bricks, more than the " + std::to_string(addressableBrickCount()) +
+                         " that a disk can hold; choose larger bricks");
+    checkCompressorID(options.compression, brickSize);
+
+    const zo::CURI folder = diskFolderURI(options.disk);
+    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    if (!isMissingOrEmptyFolder(fs.get(), folder))
+        throw zo::CError("Cannot create a disk in a folder that is not empty.", zo::String(), -1,
+                         zo::CProps().add("diskFolder", folder.toString(true)));
+
+    const zo::String password = options.noEncryption ? zo::String() : options.passwords.forNewDisk(options.disk);
+    brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(options.compression),
+                              static_cast<int>(brickSize));
+    std::printf("created %s: %s in %lld bricks of %s, compression %s, %s\n", folder.toLocalPath().c_str(),
+                formatBytes(diskSize).c_str(), static_cast<long long>(brickCount), formatBytes(brickSize).c_str(),
+                options.compression.c_str(), options.noEncryption ? "not encrypted" : "encrypted with aes256cbc");
+    return 0;
+}
+
+} // namespace
+
+CommandAction addCreateCommand(CLI::App& program)
+{
+    auto options = std::make_shared<CreateOptions>();
+    CLI::App* command = program.add_subcommand("create", "Make a new, empty disk in a folder");
+    command->add_option("DISK", options->disk, "Folder of the new disk (made when missing; must be empty)")
+        ->required();
+    command->add_option("--size", options->size, "Size of the disk, e.g. 64G (K, M, G, T are powers of 1024)")
+        ->required();
+    command->add_option("--brick-size", options->brickSize, "Size of one brick, a power of two from 4K to 64M")
+        ->capture_default_str();
+    command->add_option("--compression", options->compression,
+                        "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME]")
+        ->capture_default_str();
+    CLI::Option* noEncryption =
+        command->add_flag("--no-encryption", options->noEncryption, "Store the bricks unencrypted, without a password");
+    options->passwords.addOptionTo(*command);
+    noEncryption->excludes("--password-file");
+    return [options] { return runCreate(*options); };
+}
+
+} // namespace cli

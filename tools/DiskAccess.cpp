@@ -1,0 +1,66 @@
+#include "DiskAccess.h"
+
+#include "BrickTree.h"
+
+#include "zo/Error.h"
+
+#include <filesystem>
+
+namespace cli {
+
+zo::CURI diskFolderURI(const std::string& path)
+{
+    std::string absolute = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal().string();
+    while (absolute.size() > 1 && absolute.back() == '/')
+        absolute.pop_back();
+    return zo::CURI(zo::String(absolute));
+}
+
+zo::P<zo::CLocalFileSystem> newLocalFileSystem(bool syncEnabled, int threadCount)
+{
+    zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(threadCount));
+    fs->setSyncEnabled(syncEnabled);
+    return fs;
+}
+
+brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& folder)
+{
+    const zo::CProps props = zo::CProps().add("diskFolder", folder.toString(true));
+    if (!fs->folderExists(folder))
+        throw zo::CError("Disk folder does not exist.", zo::String(), -1, props);
+    if (!fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) &&
+        !fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 1)))
+        throw zo::CError("Folder holds no brick disk: disk.brickdisk and its fallback copy are both missing.",
+                         zo::String(), -1, props);
+    brick::CBrickDiskHeader header;
+    header.load(fs, folder);
+    return header;
+}
+
+bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder)
+{
+    return !fs->pathExists(folder) || (fs->folderExists(folder) && fs->listFolder(folder).empty());
+}
+
+zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords,
+                                  zo::IIOStream::Access access, int maxBackgroundOps)
+{
+    const brick::CBrickDiskHeader header = loadDiskHeader(fs, folder);
+    const zo::String password =
+        header.getCipherID() == "null" ? zo::String() : passwords.forExistingDisk(folder.toLocalPath());
+    return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps));
+}
+
+zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index)
+{
+    const zo::CURI relative = relativeBrickPath(disk.getHeader(), index);
+    if (fs->fileExists(disk.getDiskFolder() << relative))
+        return disk.getDiskFolder() << relative;
+    for (const zo::CURI& folder : disk.getParentDiskFolders()) {
+        if (fs->fileExists(folder << relative))
+            return folder << relative;
+    }
+    return disk.getDiskFolder() << relative;
+}
+
+} // namespace cli

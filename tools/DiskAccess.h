@@ -1,0 +1,46 @@
+// Opening disks for the commands. Folders named on the command line become
+// absolute paths, so that link files and messages never depend on the
+// working folder; a folder that holds no disk is reported as such before the
+// library is asked to open it.
+#pragma once
+
+#include "Password.h"
+
+#include "brick/BrickDisk.h"
+#include "brick/BrickDiskHeader.h"
+#include "zo/LocalFileSystem.h"
+#include "zo/URI.h"
+
+#include <string>
+
+namespace cli {
+
+// `path` made absolute against the working folder and normalised.
+zo::CURI diskFolderURI(const std::string& path);
+
+// The local file system with `threadCount` worker threads; with `syncEnabled`
+// every stored brick and header reaches the disk before it counts as stored.
+zo::P<zo::CLocalFileSystem> newLocalFileSystem(bool syncEnabled, int threadCount);
+
+// The header of the disk in `folder`. Throws zo::CError "Disk folder does not
+// exist." or "Folder holds no brick disk: disk.brickdisk and its fallback copy
+// are both missing." (each with "diskFolder") before the library would fail
+// less clearly, and passes on the errors of loading the header.
+brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& folder);
+
+// True when `folder` is missing or has no entries.
+bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder);
+
+// Opens the disk in `folder` with `access` (1 read, 3 read and write). An
+// unencrypted disk opens without a password; for an encrypted one the
+// password comes from `passwords` (a wrong one throws the library's
+// CBrickDiskError IncorrectPassword).
+zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords,
+                                  zo::IIOStream::Access access, int maxBackgroundOps);
+
+// The file of brick `index` in the first folder of the disk's chain (the disk,
+// then its parents, nearest first) that holds it; the path in the disk's own
+// folder when none does.
+zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index);
+
+} // namespace cli

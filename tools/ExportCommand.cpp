@@ -1,0 +1,136 @@
+// brickdisk export DISK IMAGE|- [--jobs N]: reads a whole disk, with bricks
+// read and decoded ahead in parallel, into an image file or standard output.
+#include "Commands.h"
+#include "DiskAccess.h"
+#include "ImageSink.h"
+#include "Password.h"
+#include "Progress.h"
+#include "Units.h"
+#include "UsageError.h"
+
+#include "brick/BrickDisk.h"
+#include "brick/BrickDiskStreamWithParallelReadAhead.h"
+#include "zo/Error.h"
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace cli {
+
+namespace {
+
+struct ExportOptions {
+    std::string disk;
+    std::string image;
+    int jobs = defaultJobCount();
+    bool quiet = false;
+    CPasswordSource passwords;
+};
+
+struct ExportCounts {
+    zo::int64 bytes = 0;
+    zo::int64 dataBricks = 0;
+    zo::int64 zeroBricks = 0;
+};
+
+bool isAllZero(const zo::uint8* data, size_t size)
+{
+    return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
+}
+
+// A brick that could not be read, named by its index and its file.
+[[noreturn]] void throwBrickReadError(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index,
+                                      const zo::CError& cause)
+{
+    throw zo::CError("Cannot read brick " + zo::toDecimalString(index) + ".", zo::String(), -1,
+                     zo::CProps()
+                         .add("brickIndex", index)
+                         .add("brickFile", locateBrickFile(fs, disk, index).toString(true)),
+                     &cause);
+}
+
+ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& sink, int jobs)
+{
+    const zo::int64 length = disk.getSize();
+    const int brickSize = static_cast<int>(disk.getBrickSize());
+    const zo::P<brick::CBrickDiskStreamWithParallelReadAhead> stream(
+        new brick::CBrickDiskStreamWithParallelReadAhead(&disk, jobs));
+    std::vector<zo::uint8> buffer(static_cast<size_t>(brickSize));
+    CProgressBar progress("export", length);
+    ExportCounts counts;
+    for (zo::int64 index = 0; counts.bytes < length; ++index) {
+        const int size = static_cast<int>(std::min<zo::int64>(brickSize, length - counts.bytes));
+        try {
+            stream->read(buffer.data(), size);
+        } catch (const zo::CError& e) {
+            progress.clear();
+            throwBrickReadError(fs, disk, index, e);
+        }
+        if (isAllZero(buffer.data(), static_cast<size_t>(size))) {
+            sink.skipZeros(size);
+            ++counts.zeroBricks;
+        } else {
+            sink.write(buffer.data(), size);
+            ++counts.dataBricks;
+        }
+        counts.bytes += size;
+        progress.update(counts.bytes);
+    }
+    stream->close();
+    sink.finish();
+    return counts;
+}
+
+int runExport(const ExportOptions& options)
+{
+    if (options.jobs < 1)
+        throw UsageError("--jobs must be at least 1");
+    const auto start = std::chrono::steady_clock::now();
+    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    const zo::P<brick::CBrickDisk> disk =
+        openDisk(fs.get(), diskFolderURI(options.disk), options.passwords, zo::IIOStream::AccessRead, 1);
+
+    CImageSink sink(options.image);
+    ExportCounts counts;
+    try {
+        counts = copyDisk(fs.get(), *disk, sink, options.jobs);
+    } catch (...) {
+        sink.discard();
+        throw;
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (!options.quiet) {
+        // Standard output may be the image itself.
+        std::FILE* out = options.image == "-" ? stderr : stdout;
+        std::fprintf(out, "exported %s in %.1f s (%s): %lld bricks of data, %lld all zero%s\n",
+                     formatBytes(counts.bytes).c_str(), seconds, formatRate(counts.bytes, seconds).c_str(),
+                     static_cast<long long>(counts.dataBricks), static_cast<long long>(counts.zeroBricks),
+                     sink.leavesHoles() ? " (left as holes)" : "");
+    }
+    return 0;
+}
+
+} // namespace
+
+CommandAction addExportCommand(CLI::App& program)
+{
+    auto options = std::make_shared<ExportOptions>();
+    CLI::App* command =
+        program.add_subcommand("export", "Read a whole disk into an image file (or standard output)");
+    command->add_option("DISK", options->disk, "Folder of the disk")->required();
+    command->add_option("IMAGE", options->image,
+                        "Image file (created or replaced; all-zero bricks become holes), or - for standard output")
+        ->required();
+    command->add_option("-j,--jobs", options->jobs, "Threads that read and decode bricks ahead")
+        ->capture_default_str();
+    command->add_flag("-q,--quiet", options->quiet, "Print no summary");
+    options->passwords.addOptionTo(*command);
+    return [options] { return runExport(*options); };
+}
+
+} // namespace cli

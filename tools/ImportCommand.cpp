@@ -1,0 +1,124 @@
+// brickdisk import DISK IMAGE|- [--jobs N]: writes an image (or standard
+// input) into a disk from position 0, storing only the bricks that changed.
+#include "BrickImporter.h"
+#include "BrickTree.h"
+#include "Commands.h"
+#include "DiskAccess.h"
+#include "ImageSource.h"
+#include "Password.h"
+#include "Progress.h"
+#include "Units.h"
+#include "UsageError.h"
+
+#include "brick/BrickDisk.h"
+#include "zo/Error.h"
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+namespace cli {
+
+namespace {
+
+struct ImportOptions {
+    std::string disk;
+    std::string image;
+    int jobs = defaultJobCount();
+    bool noSync = false;
+    bool allowParent = false;
+    bool quiet = false;
+    CPasswordSource passwords;
+};
+
+// Fails with the first background save that went wrong, naming its brick.
+void throwIfAnySaveFailed(brick::CBrickDisk& disk)
+{
+    const zo::TList<brick::CBrick::Error>& errors = disk.getBackgroundErrorList();
+    if (errors.empty())
+        return;
+    const brick::CBrick::Error& first = errors.front();
+    const zo::CURI file = disk.getDiskFolder() << relativeBrickPath(disk.getHeader(), first.brickIndex);
+    throw zo::CError("Storing brick " + zo::toDecimalString(first.brickIndex) + " failed.", zo::String(), -1,
+                     zo::CProps()
+                         .add("brickIndex", first.brickIndex)
+                         .add("brickFile", file.toString(true))
+                         .add("failedBricks", static_cast<zo::int64>(errors.size())),
+                     first.error.get());
+}
+
+void printSummary(const CBrickImporter::Counts& counts, double seconds)
+{
+    std::printf("imported %s in %.1f s (%s): %lld bricks written, %lld skipped, %lld zero; %s stored\n",
+                formatBytes(counts.imageBytes).c_str(), seconds, formatRate(counts.imageBytes, seconds).c_str(),
+                static_cast<long long>(counts.written), static_cast<long long>(counts.skipped),
+                static_cast<long long>(counts.zero), formatBytes(counts.storedBytes).c_str());
+}
+
+int runImport(const ImportOptions& options)
+{
+    if (options.jobs < 1)
+        throw UsageError("--jobs must be at least 1");
+    const auto start = std::chrono::steady_clock::now();
+    const zo::CURI folder = diskFolderURI(options.disk);
+    // Saves wait for fsync, so more of them run at once than there are
+    // preparing threads.
+    const int fileSystemThreads = std::max(4, 2 * options.jobs);
+    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(!options.noSync, fileSystemThreads);
+
+    const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
+    CImageSource source(options.image, header.getDiskSize());
+    const zo::P<brick::CBrickDisk> disk =
+        openDisk(fs.get(), folder, options.passwords, zo::IIOStream::AccessReadWrite, 2 * fileSystemThreads);
+    if (!disk->getParentDiskFolders().empty()) {
+        if (!options.allowParent)
+            throw UsageError("the disk " + folder.toLocalPath() + " has a parent disk (" +
+                             disk->getParentDiskFolder().toLocalPath() +
+                             "); writing to it changes only this disk, but give --allow-parent to do so");
+        disk->setAllowWritingWithParentDisk(true);
+    }
+
+    CBrickImporter::Counts counts;
+    {
+        CProgressBar progress("import", source.getSize());
+        CBrickImporter importer(*disk, options.jobs);
+        try {
+            importer.run(source, [&](zo::int64 done) { progress.update(done); });
+        } catch (...) {
+            progress.clear();
+            disk->flushChanges();
+            throw;
+        }
+        counts = importer.getCounts();
+        disk->flushChanges();
+    }
+    throwIfAnySaveFailed(*disk);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (!options.quiet)
+        printSummary(counts, seconds);
+    return 0;
+}
+
+} // namespace
+
+CommandAction addImportCommand(CLI::App& program)
+{
+    auto options = std::make_shared<ImportOptions>();
+    CLI::App* command =
+        program.add_subcommand("import", "Write an image file (or standard input) into a disk from position 0");
+    command->add_option("DISK", options->disk, "Folder of the disk")->required();
+    command->add_option("IMAGE", options->image, "Image file, or - for standard input")->required();
+    command->add_option("-j,--jobs", options->jobs, "Threads that compare and prepare bricks")->capture_default_str();
+    command->add_flag("--allow-parent", options->allowParent,
+                      "Allow importing into a disk that has a parent (a child disk)");
+    command->add_flag("--no-sync", options->noSync,
+                      "Do not wait for each brick to reach the storage device (for tests and benchmarks: a crash "
+                      "can then lose bricks that were reported as stored)");
+    command->add_flag("-q,--quiet", options->quiet, "Print no summary");
+    options->passwords.addOptionTo(*command);
+    return [options] { return runImport(*options); };
+}
+
+} // namespace cli

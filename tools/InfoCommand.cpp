@@ -1,0 +1,180 @@
+// brickdisk info DISK [--json]: what a disk is, where it sits in its chain of
+// disks and how much it stores. Needs no password.
+#include "AuxFileCheck.h"
+#include "BrickTree.h"
+#include "Commands.h"
+#include "DiskAccess.h"
+#include "DiskChain.h"
+#include "JsonWriter.h"
+#include "Units.h"
+
+#include "brick/BrickDisk.h"
+#include "brick/BrickDiskHeader.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <vector>
+
+namespace cli {
+
+namespace {
+
+struct InfoOptions {
+    std::string disk;
+    bool json = false;
+};
+
+// Everything that info shows.
+struct DiskInfo {
+    zo::CURI folder;
+    brick::CBrickDiskHeader header;
+    AuxFileCopyState primaryHeader;
+    AuxFileCopyState fallbackHeader;
+    std::vector<zo::CURI> parents;
+    zo::CURI child;
+    BrickTreeListing bricks;
+
+    zo::int64 brickCount() const
+    {
+        return (header.getDiskSize() + header.getBrickSize() - 1) / header.getBrickSize();
+    }
+    zo::int64 storedBytes() const { return bricks.totalBrickBytes(); }
+    zo::int64 presentBytes() const { return static_cast<zo::int64>(bricks.bricks.size()) * header.getBrickSize(); }
+    // Stored bytes per byte of the bricks present; -1 when no brick is present.
+    double storedRatio() const
+    {
+        return presentBytes() == 0 ? -1.0 : static_cast<double>(storedBytes()) / static_cast<double>(presentBytes());
+    }
+    bool encrypted() const { return header.getCipherID() != "null"; }
+};
+
+DiskInfo gatherInfo(zo::IFileSystem* fs, const zo::CURI& folder)
+{
+    DiskInfo info;
+    info.folder = folder;
+    info.header = loadDiskHeader(fs, folder);
+    info.primaryHeader = checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
+    info.fallbackHeader = checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
+    info.parents = parentDiskFolders(fs, folder);
+    info.child = linkedDiskFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
+    info.bricks = listBrickTree(fs, folder, info.header);
+    return info;
+}
+
+std::string utf8(const zo::String& text)
+{
+    return text.toUTF8();
+}
+
+void printText(const DiskInfo& info)
+{
+    const brick::CBrickDiskHeader& h = info.header;
+    const auto line = [](const char* name, const std::string& value) {
+        std::printf("%-18s %s\n", name, value.c_str());
+    };
+    line("disk:", info.folder.toLocalPath());
+    line("size:", formatBytes(h.getDiskSize()) + " (" + std::to_string(h.getDiskSize()) + " bytes)");
+    line("brick size:", formatBytes(h.getBrickSize()) + ", " + std::to_string(info.brickCount()) + " bricks");
+    line("compression:", utf8(h.getCompressID()));
+    if (info.encrypted())
+        line("encryption:", utf8(h.getCipherID()) + ", key by " + utf8(h.getCipherKeyDeriverID()) + " (" +
+                                std::to_string(h.getCipherKeyDerivationIterations()) + " iterations), key digest " +
+                                utf8(h.getCryptoHashID()));
+    else
+        line("encryption:", "none");
+    line("brick digest:", utf8(h.getCheckSumHashID()));
+    line("format version:", std::to_string(h.getVersion()) + " (reader " + std::to_string(h.getMinReaderVersion()) +
+                                ", writer " + std::to_string(h.getMinWriterVersion()) + ")");
+    line("header copies:", "primary " + info.primaryHeader.describe() + ", fallback " + info.fallbackHeader.describe());
+    if (info.parents.empty())
+        line("parents:", "none");
+    for (size_t i = 0; i < info.parents.size(); ++i)
+        line(i == 0 ? "parents:" : "", info.parents[i].toLocalPath());
+    line("child:", info.child.isEmpty() ? "none" : info.child.toLocalPath());
+    line("brick files:", std::to_string(info.bricks.bricks.size()) + " of " + std::to_string(info.brickCount()) +
+                             ", " + formatBytes(info.storedBytes()));
+    if (info.storedRatio() >= 0.0) {
+        char ratio[64];
+        std::snprintf(ratio, sizeof ratio, "%.1f %% of the %s in the bricks present",
+                      info.storedRatio() * 100.0, formatBytes(info.presentBytes()).c_str());
+        line("stored:", ratio);
+    }
+    if (!info.bricks.temporaryFiles.empty())
+        line("leftovers:", std::to_string(info.bricks.temporaryFiles.size()) +
+                               " temporary files of interrupted stores (harmless)");
+}
+
+void printJson(const DiskInfo& info)
+{
+    const brick::CBrickDiskHeader& h = info.header;
+    CJsonWriter json(std::cout);
+    json.beginObject();
+    json.field("disk", info.folder.toLocalPath());
+    json.field("diskSize", h.getDiskSize());
+    json.field("brickSize", static_cast<zo::int64>(h.getBrickSize()));
+    json.field("brickCount", info.brickCount());
+    json.field("payloadBlockSize", h.getPayloadBlockSize());
+    json.field("compression", utf8(h.getCompressID()));
+    json.field("encrypted", info.encrypted());
+    json.field("cipher", utf8(h.getCipherID()));
+    json.field("keyDeriver", utf8(h.getCipherKeyDeriverID()));
+    json.field("keyDerivationIterations", h.getCipherKeyDerivationIterations());
+    json.field("keyDigest", utf8(h.getCryptoHashID()));
+    json.field("brickDigest", utf8(h.getCheckSumHashID()));
+    json.field("version", h.getVersion());
+    json.field("minReaderVersion", h.getMinReaderVersion());
+    json.field("minWriterVersion", h.getMinWriterVersion());
+    json.key("headerCopies");
+    json.beginObject();
+    json.field("primary", info.primaryHeader.describe());
+    json.field("fallback", info.fallbackHeader.describe());
+    json.endObject();
+    json.key("parents");
+    json.beginArray();
+    for (const zo::CURI& parent : info.parents)
+        json.value(parent.toLocalPath());
+    json.endArray();
+    json.key("child");
+    if (info.child.isEmpty())
+        json.nullValue();
+    else
+        json.value(info.child.toLocalPath());
+    json.field("brickFiles", static_cast<zo::int64>(info.bricks.bricks.size()));
+    json.field("storedBytes", info.storedBytes());
+    json.field("presentBytes", info.presentBytes());
+    json.key("storedRatio");
+    if (info.storedRatio() < 0.0)
+        json.nullValue();
+    else
+        json.value(info.storedRatio());
+    json.field("temporaryFiles", static_cast<zo::int64>(info.bricks.temporaryFiles.size()));
+    json.endObject();
+}
+
+int runInfo(const InfoOptions& options)
+{
+    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    const DiskInfo info = gatherInfo(fs.get(), diskFolderURI(options.disk));
+    if (options.json)
+        printJson(info);
+    else
+        printText(info);
+    return 0;
+}
+
+} // namespace
+
+CommandAction addInfoCommand(CLI::App& program)
+{
+    auto options = std::make_shared<InfoOptions>();
+    CLI::App* command = program.add_subcommand(
+        "info", "Show a disk's header, its parents and child, and how many brick files it stores");
+    command->add_option("DISK", options->disk, "Folder of the disk")->required();
+    command->add_flag("--json", options->json, "Print the same as one JSON object");
+    return [options] { return runInfo(*options); };
+}
+
+} // namespace cli

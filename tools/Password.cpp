@@ -1,0 +1,96 @@
+#include "Password.h"
+
+#include "Terminal.h"
+#include "UsageError.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string.h>
+
+namespace cli {
+
+namespace {
+
+constexpr char kEnvironmentVariable[] = "BRICKDISK_PASSWORD";
+
+// Overwrites a secret before its memory is given back.
+class CWipedString {
+public:
+    ~CWipedString() { explicit_bzero(text.data(), text.size()); }
+    std::string text;
+};
+
+std::string readPasswordFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        throw UsageError("cannot read the password file '" + path + "'");
+    std::string content((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (!content.empty() && content.back() == '\n')
+        content.pop_back();
+    if (!content.empty() && content.back() == '\r')
+        content.pop_back();
+    if (content.empty())
+        throw UsageError("the password file '" + path + "' is empty");
+    return content;
+}
+
+UsageError noPasswordSource()
+{
+    return UsageError("a password is needed: give --password-file FILE or set BRICKDISK_PASSWORD "
+                      "(there is no terminal to ask on)");
+}
+
+} // namespace
+
+void CPasswordSource::addOptionTo(CLI::App& command)
+{
+    command.add_option("--password-file", m_passwordFile,
+                       "File whose content (without a trailing newline) is the password");
+}
+
+bool CPasswordSource::fromFileOrEnvironment(std::string& password) const
+{
+    if (!m_passwordFile.empty()) {
+        password = readPasswordFile(m_passwordFile);
+        return true;
+    }
+    if (const char* value = std::getenv(kEnvironmentVariable)) {
+        if (*value == '\0')
+            throw UsageError(std::string(kEnvironmentVariable) + " is set but empty");
+        password = value;
+        return true;
+    }
+    return false;
+}
+
+zo::String CPasswordSource::forExistingDisk(const std::string& diskPath) const
+{
+    CWipedString password;
+    if (fromFileOrEnvironment(password.text))
+        return zo::String(password.text);
+    if (!askOnTerminalWithoutEcho("Password for " + diskPath + ": ", password.text))
+        throw noPasswordSource();
+    return zo::String(password.text);
+}
+
+zo::String CPasswordSource::forNewDisk(const std::string& diskPath) const
+{
+    CWipedString password;
+    if (fromFileOrEnvironment(password.text))
+        return zo::String(password.text);
+    if (!askOnTerminalWithoutEcho("New password for " + diskPath + ": ", password.text))
+        throw noPasswordSource();
+    if (password.text.empty())
+        throw UsageError("the password is empty (use --no-encryption for a disk without one)");
+    CWipedString again;
+    askOnTerminalWithoutEcho("Same password again: ", again.text);
+    if (again.text != password.text)
+        throw UsageError("the two passwords differ");
+    return zo::String(password.text);
+}
+
+} // namespace cli

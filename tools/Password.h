@@ -1,0 +1,39 @@
+// Where the password of a disk comes from. In this order: the file named by
+// --password-file, the environment variable BRICKDISK_PASSWORD, a question on
+// the terminal. A password is never taken from the command line itself,
+// where other users of the machine could read it.
+#pragma once
+
+#include "zo/String.h"
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace cli {
+
+class CPasswordSource {
+public:
+    // Adds --password-file to `command`, filling this source.
+    void addOptionTo(CLI::App& command);
+
+    // The password of an existing disk. A password file's content counts
+    // without one trailing newline ("\n" or "\r\n"). Throws UsageError when the
+    // file cannot be read or is empty, when BRICKDISK_PASSWORD is set but
+    // empty, and when there is neither a file, nor the variable, nor a terminal.
+    zo::String forExistingDisk(const std::string& diskPath) const;
+
+    // The password for a new disk: from the file or the variable as above, or
+    // asked twice on the terminal (the answers must match and not be empty).
+    zo::String forNewDisk(const std::string& diskPath) const;
+
+private:
+    // The password from the file or the variable; false when neither is given.
+    bool fromFileOrEnvironment(std::string& password) const;
+
+    std::string m_passwordFile;
+};
+
+} // namespace cli

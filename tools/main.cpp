@@ -1,0 +1,103 @@
+// brickdisk: the command-line program over the brickdisk library. Makes
+// disks, moves images in and out of them, takes snapshots and checks them.
+//
+// Exit status: 0 success, 1 failure, 2 a command line that cannot be carried
+// out. Errors are one line on stderr: "brickdisk: " and the message with its
+// context.
+#include "Commands.h"
+#include "UsageError.h"
+
+#include "zo/Error.h"
+#include "zo/Log.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <map>
+#include <thread>
+
+namespace cli {
+
+int defaultJobCount()
+{
+    const unsigned processors = std::thread::hardware_concurrency();
+    return processors == 0 ? 1 : static_cast<int>(processors);
+}
+
+} // namespace cli
+
+namespace {
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+void printError(const std::string& message)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "brickdisk: %s\n", message.c_str());
+}
+
+// The library logs the failures that it keeps rather than throws (a brick
+// that could not be loaded or stored); the commands report those themselves,
+// so the log reaches stderr only with --verbose.
+void routeLibraryLog(bool verbose)
+{
+    if (verbose)
+        return;
+    zo::setLogSink([](zo::LogLevel, const zo::String&) {});
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App program("Stores a fixed-size virtual disk as a folder of compressed, encrypted brick files.",
+                     "brickdisk");
+    program.require_subcommand(1);
+    program.fallthrough();
+    program.set_version_flag("--version", "brickdisk 0.1.0");
+    bool verbose = false;
+    program.add_flag("-v,--verbose", verbose, "Also show what the library logs (failed brick loads and stores)");
+
+    std::map<const CLI::App*, cli::CommandAction> actions;
+    const auto add = [&](cli::CommandAction (*adder)(CLI::App&)) {
+        cli::CommandAction action = adder(program);
+        actions[program.get_subcommands({}).back()] = std::move(action);
+    };
+    add(cli::addCreateCommand);
+    add(cli::addInfoCommand);
+    add(cli::addImportCommand);
+    add(cli::addExportCommand);
+    add(cli::addSnapshotCommand);
+    add(cli::addChildCommand);
+    add(cli::addCheckCommand);
+
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return program.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return program.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return program.exit(e);
+    } catch (const CLI::ParseError& e) {
+        printError(std::string(e.what()) + " (see brickdisk --help)");
+        return kExitUsage;
+    }
+    routeLibraryLog(verbose);
+
+    try {
+        for (const CLI::App* chosen : program.get_subcommands())
+            return actions.at(chosen)();
+        return kExitUsage;
+    } catch (const cli::UsageError& e) {
+        printError(e.what());
+        return kExitUsage;
+    } catch (const zo::CError& e) {
+        printError(e.toString().toUTF8());
+        return kExitFailure;
+    } catch (const std::exception& e) {
+        printError(e.what());
+        return kExitFailure;
+    }
+}
