@@ -54,7 +54,8 @@ CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
     m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(20, static_cast<int>(m_maxPreparedSize), 1));
 
     TBuffer<uint8> zeros(m_header.getBrickSize());
-    std::memset(zeros.getData(), 0, static_cast<size_t>(zeros.getUsed()));
+    if (zeros.getUsed() > 0)
+        std::memset(zeros.getData(), 0, static_cast<size_t>(zeros.getUsed()));
     m_preparedZeroBrick = m_bufferPool->checkOutItem();
     m_preparer->prepareData(zeros, *m_preparedZeroBrick);
 }
@@ -207,7 +208,8 @@ bool CBrick::loadFromFolder(const CURI& folder)
 void CBrick::fillPayloadWithZeros()
 {
     m_payload.setUsed(m_header.getBrickSize());
-    std::memset(m_payload.getData(), 0, static_cast<size_t>(m_payload.getUsed()));
+    if (m_payload.getUsed() > 0)
+        std::memset(m_payload.getData(), 0, static_cast<size_t>(m_payload.getUsed()));
 }
 
 void CBrick::backgroundSaveChanges()

@@ -360,8 +360,16 @@ void CBrickDisk::throwShortBrickError() const
     throw zo::CIOError(zo::CIOError::InvalidData, "Brick holds fewer bytes than the disk expects.",
                        zo::CProps()
                            .add("diskFolder", m_diskFolder.toString(true))
-                           .add("brickIndex", m_position / m_brickSize)
+                           .add("brickIndex", m_brickSize > 0 ? m_position / m_brickSize : 0)
                            .add("position", m_position));
+}
+
+void CBrickDisk::seekCurrentBrickToPosition()
+{
+    // Creation stores any brick size; bricks of no bytes hold no position.
+    if (m_brickSize < 1)
+        throwShortBrickError();
+    m_currentBrick->seek(m_position / m_brickSize, static_cast<int>(m_position % m_brickSize));
 }
 
 void CBrickDisk::seek(int64 position)
@@ -378,10 +386,12 @@ void CBrickDisk::read(void* buffer, int size)
     auto* dst = static_cast<uint8*>(buffer);
     int64 remaining = size;
     while (remaining > 0) {
-        if (m_position == m_diskSize)
+        // At the end; a disk whose size is below 0 (creation stores any
+        // size) is always at its end.
+        if (m_position >= m_diskSize)
             throwIOError(zo::CIOError::EndOfData, zo::CProps());
         const int64 count = std::min(remaining, m_diskSize - m_position);
-        m_currentBrick->seek(m_position / m_brickSize, static_cast<int>(m_position % m_brickSize));
+        seekCurrentBrickToPosition();
         const int got = m_currentBrick->readLaxInsideBrick(dst, static_cast<int>(count));
         if (got == 0)
             throwShortBrickError();
@@ -410,7 +420,7 @@ void CBrickDisk::write(const void* buffer, int size)
     int64 remaining = size;
     while (remaining > 0) {
         const int64 count = std::min(remaining, m_diskSize - m_position);
-        m_currentBrick->seek(m_position / m_brickSize, static_cast<int>(m_position % m_brickSize));
+        seekCurrentBrickToPosition();
         const int written = m_currentBrick->writeLaxInsideBrick(src, static_cast<int>(count));
         if (written == 0)
             throwShortBrickError();
@@ -428,6 +438,8 @@ P<CBrickStorer> CBrickDisk::writePreparedBrickData(const TBuffer<uint8>* prepare
     if (m_position >= m_diskSize)
         throw zo::CIOError(zo::CIOError::WriteBeyondSize, "Prepared brick write exceeds disk size.",
                            props("diskSize", m_diskSize));
+    if (m_brickSize < 1)
+        throwShortBrickError();
     if (m_position % m_brickSize != 0)
         throw zo::CIOError(zo::CIOError::NotOnBoundary,
                            "Prepared brick write in brick disk can only be done on a brick boundary.",

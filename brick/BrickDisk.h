@@ -160,18 +160,23 @@ public:
     void seek(int64 position);
     // Reads `size` bytes from the position on (nothing for size < 1). A read
     // that passes the end copies what there is, leaves the position at the
-    // end and then throws CIOError 4. Passes on a brick's load error.
+    // end and then throws CIOError 4. Passes on a brick's load error. A brick
+    // that holds fewer bytes than the brick size (or a brick size below 1)
+    // throws CIOError 5 ("diskFolder", "brickIndex", "position") when the
+    // read reaches past its bytes. Bytes read before an error stay counted
+    // in the position.
     void read(void* buffer, int size);
     // Writes `size` bytes at the position. Throws CIOError 4 before writing
     // anything when the write would pass the end, CError when the disk was
     // not opened for writing or has a parent and writing with a parent was
-    // not allowed.
+    // not allowed, and CIOError 5 like read for a brick of fewer bytes.
     void write(const void* buffer, int size);
     // Stores one whole brick of prepared data (null: an all-zero brick) at
     // the position, which must be a brick boundary before the end, and
     // advances by one brick (not past the end). `listener` (may be null)
     // hears the end of the store. Throws CIOError 3 at or past the end,
-    // CIOError 11 off a boundary, CError when not opened for writing.
+    // CIOError 5 when the brick size is below 1, CIOError 11 off a boundary,
+    // CError when not opened for writing, checked in this order.
     P<CBrickStorer> writePreparedBrickData(const TBuffer<uint8>* preparedData, IDoneListener* listener);
 
     static String getParentLinkFileName() { return "parent.bricklnk"; }
@@ -187,6 +192,9 @@ private:
     void followParentLinks();
     P<CBrick> newStandAloneBrickObjectWith(int maxBackgroundOps) const;
     [[noreturn]] void throwShortBrickError() const;
+    // Moves the current brick object to the position; throws the short brick
+    // error when bricks hold no bytes.
+    void seekCurrentBrickToPosition();
 
     P<IFileSystem> m_fs;
     CURI m_diskFolder;

@@ -41,9 +41,9 @@ public:
     // cipher key and folders are shared with the read threads' brick
     // objects) and starts `threadCount` read threads, which begin reading at
     // brick 0 at once. With a thread count below 1 no thread is started and
-    // every read that needs a brick waits until close(): callers pass at
-    // least 1. When a thread cannot be made or started, the threads already
-    // running are stopped and the error is thrown.
+    // a read that needs a brick waits for ever: callers pass at least 1.
+    // When a thread cannot be made or started, the threads already running
+    // are stopped and the error is thrown.
     CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk, zo::int32 threadCount);
     // A copy shares the disk, the manager, the threads, the pool and the
     // current brick data, and has its own position. Closing either copy stops

@@ -29,16 +29,19 @@ public:
     std::string name(int level, int digit) const
     {
         static const char kHex[] = "0123456789abcdef";
-        std::string digits;
-        for (int rest = digit; rest > 0; rest >>= 4)
-            digits.insert(digits.begin(), kHex[rest & 15]);
-        if (digits.empty())
-            digits = "0";
-        if (static_cast<int>(digits.size()) < m_digitWidth)
-            digits.insert(0, static_cast<size_t>(m_digitWidth) - digits.size(), '0');
+        // The digits from the last one backwards, padded with '0' to the width.
+        char reversed[16];
+        int count = 0;
+        for (int rest = digit; (rest > 0 || count < m_digitWidth) && count < 16; rest >>= 4)
+            reversed[count++] = kHex[rest & 15];
+        std::string text;
+        if (level > 0)
+            text += static_cast<char>('a' + level - 1);
+        while (count > 0)
+            text += reversed[--count];
         if (level == 0)
-            return digits + kBrickSuffix;
-        return std::string(1, static_cast<char>('a' + level - 1)) + digits;
+            text += kBrickSuffix;
+        return text;
     }
 
     // The digit that `name` stands for at `level`, or -1 when it is no name of

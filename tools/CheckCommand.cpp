@@ -187,7 +187,8 @@ int runCheck(const CheckOptions& options)
     std::printf("checked the header, the links and %zu brick files (%s)%s: %s\n", listing.bricks.size(),
                 formatBytes(listing.totalBrickBytes()).c_str(), options.readData ? " with their data" : "",
                 findings.getProblemCount() == 0 ? "no problems"
-                                                : (std::to_string(findings.getProblemCount()) + " problems").c_str());
+                                                : (std::to_string(findings.getProblemCount()) +
+                                                   (findings.getProblemCount() == 1 ? " problem" : " problems")).c_str());
     return findings.getProblemCount() == 0 ? 0 : 1;
 }
 

@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <vector>
 
 namespace cli {
 
@@ -60,24 +59,21 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
     const int brickSize = static_cast<int>(disk.getBrickSize());
     const zo::P<brick::CBrickDiskStreamWithParallelReadAhead> stream(
         new brick::CBrickDiskStreamWithParallelReadAhead(&disk, jobs));
-    std::vector<zo::uint8> buffer(static_cast<size_t>(brickSize));
     CProgressBar progress("export", length);
     ExportCounts counts;
     for (zo::int64 index = 0; counts.bytes < length; ++index) {
         const int size = static_cast<int>(std::min<zo::int64>(brickSize, length - counts.bytes));
+        CImageSink::Chunk chunk = sink.takeChunk();
+        chunk.resize(static_cast<size_t>(size));
         try {
-            stream->read(buffer.data(), size);
+            stream->read(chunk.data(), size);
         } catch (const zo::CError& e) {
             progress.clear();
             throwBrickReadError(fs, disk, index, e);
         }
-        if (isAllZero(buffer.data(), static_cast<size_t>(size))) {
-            sink.skipZeros(size);
-            ++counts.zeroBricks;
-        } else {
-            sink.write(buffer.data(), size);
-            ++counts.dataBricks;
-        }
+        const bool allZero = isAllZero(chunk.data(), chunk.size());
+        ++(allZero ? counts.zeroBricks : counts.dataBricks);
+        sink.append(std::move(chunk), allZero);
         counts.bytes += size;
         progress.update(counts.bytes);
     }
@@ -107,7 +103,7 @@ int runExport(const ExportOptions& options)
     if (!options.quiet) {
         // Standard output may be the image itself.
         std::FILE* out = options.image == "-" ? stderr : stdout;
-        std::fprintf(out, "exported %s in %.1f s (%s): %lld bricks of data, %lld all zero%s\n",
+        std::fprintf(out, "exported %s in %.1f s (%s); bricks: %lld with data, %lld all zero%s\n",
                      formatBytes(counts.bytes).c_str(), seconds, formatRate(counts.bytes, seconds).c_str(),
                      static_cast<long long>(counts.dataBricks), static_cast<long long>(counts.zeroBricks),
                      sink.leavesHoles() ? " (left as holes)" : "");

@@ -51,7 +51,7 @@ void throwIfAnySaveFailed(brick::CBrickDisk& disk)
 
 void printSummary(const CBrickImporter::Counts& counts, double seconds)
 {
-    std::printf("imported %s in %.1f s (%s): %lld bricks written, %lld skipped, %lld zero; %s stored\n",
+    std::printf("imported %s in %.1f s (%s); bricks: %lld written, %lld skipped, %lld zero; %s stored\n",
                 formatBytes(counts.imageBytes).c_str(), seconds, formatRate(counts.imageBytes, seconds).c_str(),
                 static_cast<long long>(counts.written), static_cast<long long>(counts.skipped),
                 static_cast<long long>(counts.zero), formatBytes(counts.storedBytes).c_str());

@@ -40,13 +40,17 @@ void CProgressBar::update(zo::int64 done)
 
 void CProgressBar::draw(zo::int64 done, double seconds)
 {
-    std::string line = "\r\033[K" + m_label + " ";
+    std::string line = "\r\033[K";
+    line += m_label;
+    line += ' ';
     const double rate = seconds > 0.0 ? static_cast<double>(done) / seconds : 0.0;
     if (m_total > 0) {
         const double share = std::clamp(static_cast<double>(done) / static_cast<double>(m_total), 0.0, 1.0);
         const int filled = static_cast<int>(share * kBarWidth);
-        line += "[" + std::string(static_cast<size_t>(filled), '#') +
-                std::string(static_cast<size_t>(kBarWidth - filled), ' ') + "] ";
+        line += '[';
+        line.append(static_cast<size_t>(filled), '#');
+        line.append(static_cast<size_t>(kBarWidth - filled), ' ');
+        line += "] ";
         char percent[16];
         std::snprintf(percent, sizeof percent, "%3d%% ", static_cast<int>(share * 100.0));
         line += percent;

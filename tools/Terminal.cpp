@@ -79,10 +79,12 @@ bool askOnTerminalWithoutEcho(const std::string& prompt, std::string& answer)
     const CTerminalHandle terminal;
     if (terminal.get() < 0)
         return false;
-    writeAll(terminal.get(), prompt);
     std::string line;
     {
+        // Echo goes off before the prompt shows, so nothing typed after the
+        // prompt is ever echoed.
         const CEchoOff echoOff(terminal.get());
+        writeAll(terminal.get(), prompt);
         char c;
         for (;;) {
             const ssize_t n = ::read(terminal.get(), &c, 1);

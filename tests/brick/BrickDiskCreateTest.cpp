@@ -1,5 +1,6 @@
 #include "brick/BrickDisk.h"
 
+#include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"

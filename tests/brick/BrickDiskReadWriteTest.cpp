@@ -503,4 +503,43 @@ TEST_F(BrickDiskReadWriteTest, WritingBeyondTheBytesOfAShortBrickFailsWithCode5)
     EXPECT_EQ(disk->getPosition(), kBrickSize + 2000);
 }
 
+// --- Sizes that creation stores without checks ---------------------------------------
+
+TEST_F(BrickDiskReadWriteTest, BricksOfNoBytesFailReadsAndWritesWithCode5)
+{
+    CBrickDisk::create(fs.get(), CURI("/disks/empty-bricks"), 100, 1, "", "lz4", 0);
+    const P<CBrickDisk> empty = testsupport::openDisk(fs.get(), CURI("/disks/empty-bricks"), "");
+    Bytes buffer(10);
+
+    const auto readError = errorOf<CIOError>([&] { empty->read(buffer.getData(), 10); });
+    const auto writeError = errorOf<CIOError>([&] { empty->write(buffer.getData(), 10); });
+    const auto preparedError = errorOf<CIOError>([&] { empty->writePreparedBrickData(nullptr, nullptr); });
+
+    ASSERT_TRUE(readError && writeError && preparedError);
+    EXPECT_EQ(readError->getCode(), CIOError::InvalidData);
+    EXPECT_EQ(messageOf(*readError), "Brick holds fewer bytes than the disk expects.");
+    EXPECT_EQ(propsOf(*readError),
+              Props({{"diskFolder", "/disks/empty-bricks"}, {"brickIndex", "0"}, {"position", "0"}}));
+    EXPECT_EQ(writeError->getCode(), CIOError::InvalidData);
+    EXPECT_EQ(preparedError->getCode(), CIOError::InvalidData);
+    EXPECT_EQ(empty->getPosition(), 0);
+}
+
+TEST_F(BrickDiskReadWriteTest, DiskOfNegativeSizeIsAlwaysAtItsEnd)
+{
+    CBrickDisk::create(fs.get(), CURI("/disks/negative"), -5, 1, "", "lz4", -1);
+    const P<CBrickDisk> negative = testsupport::openDisk(fs.get(), CURI("/disks/negative"), "");
+    Bytes buffer(10);
+
+    const auto readError = errorOf<CIOError>([&] { negative->read(buffer.getData(), 10); });
+    const auto writeError = errorOf<CIOError>([&] { negative->write(buffer.getData(), 10); });
+    const auto preparedError = errorOf<CIOError>([&] { negative->writePreparedBrickData(nullptr, nullptr); });
+
+    ASSERT_TRUE(readError && writeError && preparedError);
+    EXPECT_EQ(negative->getSize(), -5);
+    EXPECT_EQ(readError->getCode(), CIOError::EndOfData);
+    EXPECT_EQ(writeError->getCode(), CIOError::EndOfData);
+    EXPECT_EQ(preparedError->getCode(), CIOError::WriteBeyondSize);
+}
+
 } // namespace

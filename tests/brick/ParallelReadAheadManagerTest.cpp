@@ -92,6 +92,8 @@ public:
     BackgroundCall& operator=(const BackgroundCall&) = delete;
     ~BackgroundCall()
     {
+        if (!m_thread.joinable())
+            return;
         if (!returnsWithin(std::chrono::milliseconds(0)))
             m_manager->signalStop();
         if (returnsWithin(kPatience))
@@ -104,8 +106,14 @@ public:
     bool isBlocked() { return !returnsWithin(kSettle); }
     // True when the call returns within kPatience.
     bool returns() { return returnsWithin(kPatience); }
-    // The call's result, or its exception; call only after returns().
-    R get() { return m_future.get(); }
+    // The call's result, or its exception; call only after returns(). The
+    // thread is joined first, so that the result (an exception too) is
+    // released on this thread only.
+    R get()
+    {
+        m_thread.join();
+        return m_future.get();
+    }
 
 private:
     bool returnsWithin(std::chrono::milliseconds time)

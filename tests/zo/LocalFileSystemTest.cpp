@@ -5,7 +5,6 @@
 #include "zo/BufferStream.h"
 #include "zo/LocalFileStore.h"
 #include "zo/LocalFileSystem.h"
-#include "zo/Signal.h"
 
 #include <gtest/gtest.h>
 

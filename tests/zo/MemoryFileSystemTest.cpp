@@ -3,7 +3,6 @@
 // access to file contents, roots and relative paths.
 #include "zo/BufferStream.h"
 #include "zo/MemoryFileSystem.h"
-#include "zo/Signal.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,174 @@
+#include "CliTestFixture.h"
+
+#include "seal/Digest.h"
+
+#include <cstring>
+#include <filesystem>
+
+namespace clitest {
+namespace {
+
+class CheckCommandTest : public CliTest {
+protected:
+    // A disk of 16 bricks, every one stored.
+    void makeFullDisk()
+    {
+        createDisk("disk", "1M");
+        writeFile(path("image"), std::string(1024 * 1024, 'c'));
+        importImage("disk", "image");
+        ASSERT_EQ(brickFiles("disk").size(), 16u);
+    }
+};
+
+// Changes one byte of the encrypted part of a brick file and gives the file a
+// matching outer digest again, so that only decoding finds the damage.
+void damageInsideOuterDigest(const std::string& file)
+{
+    std::string bytes = readFile(file);
+    const size_t digestSize = 16;
+    bytes[bytes.size() / 2] ^= 0x40;
+    const zo::P<seal::IDigestContext> md5 = seal::CDigestManager().getType("md5")->createContext();
+    md5->update(bytes.data(), static_cast<int>(bytes.size() - digestSize));
+    md5->finish();
+    std::memcpy(bytes.data() + bytes.size() - digestSize, md5->getDigest(), digestSize);
+    writeFile(file, bytes);
+}
+
+TEST_F(CheckCommandTest, GoodDiskHasNoProblems)
+{
+    makeFullDisk();
+
+    const RunResult result = runWithPassword({"check", path("disk"), "--read-data"});
+    EXPECT_EQ(result.exitStatus, 0) << result.out << result.err;
+    EXPECT_NE(result.out.find("16 brick files"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("no problems"), std::string::npos);
+}
+
+TEST_F(CheckCommandTest, FindsADamagedBrickWithItsIndexAndPath)
+{
+    makeFullDisk();
+    const std::string victim = brickFiles("disk")[5];
+    std::string bytes = readFile(victim);
+    bytes[bytes.size() - 3] ^= 0x01;
+    writeFile(victim, bytes);
+
+    // No password is needed to compare the outer digests.
+    const RunResult result = run({"check", path("disk")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.out.find("problem: brick 5 (" + victim + "): damaged"), std::string::npos) << result.out;
+    EXPECT_EQ(countOf(result.out, "problem:"), 1u);
+    EXPECT_NE(result.out.find("1 problem"), std::string::npos);
+}
+
+TEST_F(CheckCommandTest, TruncatedBrickIsFound)
+{
+    makeFullDisk();
+    const std::string victim = brickFiles("disk")[15];
+    std::filesystem::resize_file(victim, 20);
+
+    const RunResult result = run({"check", path("disk")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.out.find("problem: brick 15"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("too short"), std::string::npos);
+}
+
+TEST_F(CheckCommandTest, ReadDataFindsDamageThatTheOuterDigestMisses)
+{
+    makeFullDisk();
+    damageInsideOuterDigest(brickFiles("disk")[9]);
+
+    const RunResult outer = run({"check", path("disk")});
+    EXPECT_EQ(outer.exitStatus, 0) << outer.out;
+
+    const RunResult deep = runWithPassword({"check", path("disk"), "--read-data", "--jobs", "2"});
+    EXPECT_EQ(deep.exitStatus, 1);
+    EXPECT_NE(deep.out.find("problem: brick 9 "), std::string::npos) << deep.out;
+    EXPECT_NE(deep.out.find("do not decode"), std::string::npos);
+    EXPECT_EQ(countOf(deep.out, "problem:"), 1u);
+}
+
+TEST_F(CheckCommandTest, ReadDataWithAWrongPasswordFails)
+{
+    makeFullDisk();
+    RunOptions wrong;
+    wrong.passwordVariable = "wrong";
+
+    const RunResult result = run({"check", path("disk"), "--read-data"}, wrong);
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("The encryption password is incorrect."), std::string::npos) << result.err;
+}
+
+TEST_F(CheckCommandTest, MissingFallbackHeaderIsAProblem)
+{
+    createDisk("disk", "1M");
+    std::filesystem::remove(path("disk/fallback/disk.brickdisk"));
+
+    const RunResult result = run({"check", path("disk")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.out.find("problem: header copy " + path("disk/fallback/disk.brickdisk") + ": missing"),
+              std::string::npos)
+        << result.out;
+}
+
+TEST_F(CheckCommandTest, DamagedPrimaryHeaderIsAProblemWhileTheDiskStillOpens)
+{
+    createDisk("disk", "1M");
+    std::string header = readFile(path("disk/disk.brickdisk"));
+    header[header.size() - 1] ^= 0x22;
+    writeFile(path("disk/disk.brickdisk"), header);
+
+    const RunResult result = runWithPassword({"check", path("disk"), "--read-data"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.out.find("disk.brickdisk: damaged (digest mismatch)"), std::string::npos) << result.out;
+}
+
+TEST_F(CheckCommandTest, FolderWithoutAnyHeaderFails)
+{
+    std::filesystem::create_directories(path("empty"));
+
+    const RunResult result = run({"check", path("empty")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("Folder holds no brick disk"), std::string::npos) << result.err;
+}
+
+TEST_F(CheckCommandTest, DamagedLinkCopyAndABrokenChildAreProblems)
+{
+    createDisk("disk", "1M");
+    ASSERT_EQ(run({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
+    EXPECT_EQ(run({"check", path("disk")}).exitStatus, 0);
+    EXPECT_EQ(run({"check", path("snap")}).exitStatus, 0);
+
+    std::string link = readFile(path("disk/child.bricklnk"));
+    link[0] ^= 0x01;
+    writeFile(path("disk/child.bricklnk"), link);
+    const RunResult damaged = run({"check", path("disk")});
+    EXPECT_EQ(damaged.exitStatus, 1);
+    EXPECT_NE(damaged.out.find("problem: link copy " + path("disk/child.bricklnk")), std::string::npos)
+        << damaged.out;
+
+    std::filesystem::remove(path("snap/parent.bricklnk"));
+    std::filesystem::remove(path("snap/fallback/parent.bricklnk"));
+    const RunResult broken = run({"check", path("disk")});
+    EXPECT_NE(broken.out.find("does not link back to this disk"), std::string::npos) << broken.out;
+}
+
+TEST_F(CheckCommandTest, LeftoverTemporaryFilesAreANoteAndStrayFilesAProblem)
+{
+    makeFullDisk();
+    const std::filesystem::path folder = std::filesystem::path(brickFiles("disk")[0]).parent_path();
+    writeFile((folder / ".tmp-12345-00.brick.part").string(), "half a brick");
+
+    const RunResult withLeftover = run({"check", path("disk")});
+    EXPECT_EQ(withLeftover.exitStatus, 0) << withLeftover.out;
+    EXPECT_NE(withLeftover.out.find("note: 1 temporary files"), std::string::npos) << withLeftover.out;
+
+    writeFile((folder / "readme.txt").string(), "not a brick");
+    const RunResult withStray = run({"check", path("disk")});
+    EXPECT_EQ(withStray.exitStatus, 1);
+    EXPECT_NE(withStray.out.find("unexpected entry in the brick tree: " + (folder / "readme.txt").string()),
+              std::string::npos)
+        << withStray.out;
+}
+
+} // namespace
+} // namespace clitest

@@ -1,0 +1,58 @@
+// The fixture of the command-line tests: a temporary folder with a password
+// file, helpers that make images and disks in it, and helpers that look at
+// the files of a disk folder the way a user would.
+#pragma once
+
+#include "ProgramRunner.h"
+#include "support/TempFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace clitest {
+
+class CliTest : public ::testing::Test {
+protected:
+    static constexpr int kBrickSize = 64 * 1024;
+    static constexpr const char* kPassword = "correct horse battery";
+
+    CliTest();
+
+    // A path inside the test's folder.
+    std::string path(const std::string& name) const;
+
+    // The arguments that give the password through the password file.
+    std::vector<std::string> passwordArgs() const;
+
+    // Runs `brickdisk command args... --password-file <file>`.
+    RunResult runWithPassword(std::vector<std::string> args, const RunOptions& options = {}) const;
+
+    // Creates an encrypted disk of `size` with 64 KiB bricks; fails the test
+    // when that does not work.
+    void createDisk(const std::string& name, const std::string& size = "4M",
+                    const std::vector<std::string>& extra = {}) const;
+
+    // Imports and exports and asserts success.
+    void importImage(const std::string& disk, const std::string& image) const;
+    std::string exportImage(const std::string& disk) const;
+
+    // Brick files under a disk folder's "bricks", sorted.
+    std::vector<std::string> brickFiles(const std::string& disk) const;
+
+    testsupport::TempFolder m_folder;
+};
+
+// `size` bytes that look like a disk image: runs of random bytes, of text and
+// of zeros, drawn from `seed`.
+std::string makeImage(size_t size, unsigned seed);
+
+// Writes and reads whole files.
+void writeFile(const std::string& path, const std::string& bytes);
+std::string readFile(const std::string& path);
+
+// The number of times `needle` occurs in `text`.
+size_t countOf(const std::string& text, const std::string& needle);
+
+} // namespace clitest

@@ -1,0 +1,119 @@
+#include "CliTestFixture.h"
+
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace clitest {
+namespace {
+
+class ExportCommandTest : public CliTest {};
+
+TEST_F(ExportCommandTest, RegularFileGetsHolesWhereTheDiskReadsZeros)
+{
+    createDisk("disk", "8M");
+    // Two bricks of data at the start, the rest of the disk never written.
+    const std::string image = makeImage(2 * kBrickSize, 20) + std::string(kBrickSize, 'z');
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+
+    const RunResult result = runWithPassword({"export", path("disk"), path("out"), "--jobs", "2"});
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_NE(result.out.find("(left as holes)"), std::string::npos) << result.out;
+    struct stat info {};
+    ASSERT_EQ(::stat(path("out").c_str(), &info), 0);
+    EXPECT_EQ(info.st_size, 8 * 1024 * 1024);
+    EXPECT_LT(info.st_blocks * 512, 1024 * 1024) << "the zero bricks should be holes";
+    const std::string exported = readFile(path("out"));
+    EXPECT_EQ(exported.substr(0, image.size()), image);
+    EXPECT_EQ(exported.find_first_not_of('\0', image.size()), std::string::npos);
+}
+
+TEST_F(ExportCommandTest, StandardOutputGetsEveryByteAndTheSummaryGoesToStderr)
+{
+    createDisk("disk", "1M");
+    const std::string image = makeImage(1024 * 1024, 21);
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+
+    const RunResult result = runWithPassword({"export", path("disk"), "-", "--jobs", "1"});
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_EQ(result.out, image);
+    EXPECT_NE(result.err.find("exported 1.00 MiB"), std::string::npos) << result.err;
+}
+
+TEST_F(ExportCommandTest, ReplacesAnExistingFileWhole)
+{
+    createDisk("disk", "1M");
+    const std::string image = makeImage(1024 * 1024, 22);
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+    writeFile(path("out"), std::string(3 * 1024 * 1024, 'o'));
+
+    ASSERT_EQ(runWithPassword({"export", path("disk"), path("out")}).exitStatus, 0);
+    EXPECT_EQ(readFile(path("out")), image);
+}
+
+TEST_F(ExportCommandTest, DamagedBrickFailsTheExportNamingTheBrick)
+{
+    createDisk("disk", "1M");
+    writeFile(path("image"), std::string(1024 * 1024, 'd'));
+    importImage("disk", "image");
+    // Brick 6 is the seventh file in index order.
+    const std::string victim = brickFiles("disk")[6];
+    std::string bytes = readFile(victim);
+    bytes[20] ^= 0x10;
+    writeFile(victim, bytes);
+
+    const RunResult result = runWithPassword({"export", path("disk"), path("out")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.err.rfind("brickdisk: Cannot read brick 6.", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find("brickIndex: 6"), std::string::npos);
+    EXPECT_NE(result.err.find(victim), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("Brick file is corrupted."), std::string::npos);
+    EXPECT_EQ(countOf(result.err, "\n"), 1u) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(path("out"))) << "a partial image is removed";
+}
+
+TEST_F(ExportCommandTest, WrongPasswordFails)
+{
+    createDisk("disk", "1M");
+    RunOptions wrong;
+    wrong.passwordVariable = "nope";
+
+    const RunResult result = run({"export", path("disk"), path("out")}, wrong);
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("The encryption password is incorrect."), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find(path("disk")), std::string::npos);
+}
+
+TEST_F(ExportCommandTest, NoPasswordAndNoTerminalIsAUsageError)
+{
+    createDisk("disk", "1M");
+
+    const RunResult result = run({"export", path("disk"), path("out")});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.err.find("no terminal"), std::string::npos) << result.err;
+}
+
+TEST_F(ExportCommandTest, MissingDiskFails)
+{
+    const RunResult result = runWithPassword({"export", path("missing"), path("out")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("Disk folder does not exist."), std::string::npos) << result.err;
+}
+
+TEST_F(ExportCommandTest, HeaderReadFromTheFallbackWhenThePrimaryIsDamaged)
+{
+    createDisk("disk", "1M");
+    const std::string image = makeImage(1024 * 1024, 23);
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+    std::string header = readFile(path("disk/disk.brickdisk"));
+    header[10] ^= 1;
+    writeFile(path("disk/disk.brickdisk"), header);
+
+    EXPECT_EQ(exportImage("disk"), image);
+}
+
+} // namespace
+} // namespace clitest
