@@ -242,6 +242,10 @@ P<CBrickStorer> CBrick::writePreparedBrickImpl(const TBuffer<uint8>* prepared, I
             throw CError("INTERNAL ERROR: CBrick waited for storer to end, but the storer then was not removed.");
     }
     waitForFreeBackgroundOpSlot(-1);
+    // Deleting the file of an all-zero brick would let a parent's brick show
+    // through again: on a disk with parents such a brick is stored as a file.
+    if (!prepared && m_searchFolders.size() > 1)
+        prepared = m_preparedZeroBrick.get();
     const CURI relativeURI = getRelativeBrickURI();
     const CURI childRelativeURI = m_childFolder.isEmpty() ? CURI() : relativeURI;
     P<CBrickStorer> storer = CBrickStorer::start(m_fs.get(), m_diskFolder, relativeURI, m_childFolder,

@@ -52,8 +52,9 @@ public:
     int64 getBrickIndex() const { return m_brickIndex; }
     int getPositionInBrick() const { return static_cast<int>(m_positionInBrick); }
 
-    // Stores already prepared data (null: an all-zero brick) as the current
-    // brick, replacing what memory held; `prepared` is a counted buffer that
+    // Stores already prepared data (null: an all-zero brick, whose file is
+    // deleted, or stored when a parent folder could show through) as the
+    // current brick, replacing what memory held; `prepared` is a counted buffer that
     // the storer keeps a reference to. `listener` (may be null) hears the end
     // of the save. Waits for an earlier save of the same brick and for a free
     // slot first. Returns the storer; throws when it cannot be started.

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <string>
 #include <vector>
 
@@ -31,11 +33,14 @@ constexpr int64 kDiskSize = 8 * kBrickSize;
 const char* const kFolder = "/disks/a";
 const char* const kSaveFailed = "Error during background brick storing operation.";
 
+// The indexes of the failed bricks, sorted: saves of different bricks end in
+// any order, and errors are listed in the order they were found.
 std::vector<int64> brickIndexesOf(const zo::TList<brick::CBrick::Error>& errors)
 {
     std::vector<int64> indexes;
     for (const brick::CBrick::Error& error : errors)
         indexes.push_back(error.brickIndex);
+    std::sort(indexes.begin(), indexes.end());
     return indexes;
 }
 

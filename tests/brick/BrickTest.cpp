@@ -554,6 +554,21 @@ TEST_F(BrickTest, SavesAnAllZeroChangedBrickByDeletingItsFile)
     EXPECT_TRUE(sameBytes(readWhole(*reader, 3), testsupport::zeroBytes(kBrickSize)));
 }
 
+TEST_F(BrickTest, StoresAnAllZeroBrickAsAFileWhenAParentHoldsTheBrick)
+{
+    storeBrick("/parent", 3, testsupport::patternBytes(kBrickSize, 39));
+    {
+        const P<CBrick> object = makeBrick("/disk", "", {"/parent"});
+        writeAt(*object, 3, 0, testsupport::zeroBytes(kBrickSize));
+        object->seek(4, 0);
+        flush(*object);
+        EXPECT_FALSE(object->haveBackgroundErrors());
+    }
+    EXPECT_TRUE(fileExists(brickFile("/disk", 3)));
+    const P<CBrick> reader = makeBrick("/disk", "", {"/parent"});
+    EXPECT_TRUE(sameBytes(readWhole(*reader, 3), testsupport::zeroBytes(kBrickSize)));
+}
+
 TEST_F(BrickTest, BackgroundSavesInProgressNeverCountsEndedSaves)
 {
     const P<CBrick> object = makeBrick();
