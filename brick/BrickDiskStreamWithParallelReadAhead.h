@@ -43,7 +43,8 @@ public:
     // brick 0 at once. With a thread count below 1 no thread is started and
     // a read that needs a brick waits for ever: callers pass at least 1.
     // When a thread cannot be made or started, the threads already running
-    // are stopped and the error is thrown.
+    // are stopped and the error is thrown. Throws zo::CInvalidArgError
+    // ("diskFolder", "brickSize") when the disk's brick size is below 1.
     CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk, zo::int32 threadCount);
     // A copy shares the disk, the manager, the threads, the pool and the
     // current brick data, and has its own position. Closing either copy stops
