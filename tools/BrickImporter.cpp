@@ -1,5 +1,7 @@
 #include "BrickImporter.h"
 
+#include "BrickTree.h"
+
 #include "zo/Error.h"
 
 #include <algorithm>
@@ -16,10 +18,13 @@ bool isAllZero(const zo::uint8* data, size_t size)
 
 } // namespace
 
-CBrickImporter::CBrickImporter(brick::CBrickDisk& disk, int jobs)
-    : m_disk(disk), m_brickSize(static_cast<int>(disk.getBrickSize())), m_diskSize(disk.getSize()),
+CBrickImporter::CBrickImporter(zo::IFileSystem* fs, brick::CBrickDisk& disk, int jobs)
+    : m_fs(fs), m_disk(disk), m_brickSize(static_cast<int>(disk.getBrickSize())), m_diskSize(disk.getSize()),
       m_hasParents(!disk.getParentDiskFolders().empty()), m_window(2 * std::max(1, jobs) + 2)
 {
+    m_chainFolders.push_back(disk.getDiskFolder());
+    for (const zo::CURI& parent : disk.getParentDiskFolders())
+        m_chainFolders.push_back(parent);
     for (int i = 0; i < std::max(1, jobs); ++i) {
         zo::P<brick::CBrickDataPreparer> preparer = disk.createDataPreparer();
         zo::P<brick::CBrick> brick = disk.newStandAloneBrickObject();
@@ -65,21 +70,48 @@ void CBrickImporter::workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P
     }
 }
 
+bool CBrickImporter::isStoredInChain(zo::int64 index) const
+{
+    const zo::CURI relative = relativeBrickPath(m_disk.getHeader(), index);
+    for (const zo::CURI& folder : m_chainFolders) {
+        if (m_fs->pathExists(folder << relative))
+            return true;
+    }
+    return false;
+}
+
 void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, brick::CBrick& brick,
                             zo::TBuffer<zo::uint8>& current) const
 {
-    // What the disk holds now. A brick that cannot be read (a damaged file)
-    // counts as different, so the import replaces it.
-    bool currentKnown = true;
-    brick.seek(task.index, 0);
-    current.setUsed(m_brickSize);
-    try {
-        current.setUsed(brick.readLaxInsideBrick(current.getData(), m_brickSize));
-    } catch (const zo::CError&) {
-        currentKnown = false;
-        current.setUsed(0);
+    // What the disk holds now. A brick that no disk of the chain has a file
+    // for reads as zeros without being read; a brick that cannot be read (a
+    // damaged file) counts as different, so that the import replaces it.
+    enum { Absent, Read, Unreadable } state = Absent;
+    current.setUsed(0);
+    const bool stored = isStoredInChain(task.index);
+    if (task.hole) {
+        // A hole of the image where no disk of the chain holds the brick.
+        if (!stored) {
+            task.zero = true;
+            task.outcome = Task::Unchanged;
+            return;
+        }
+        task.plain.setUsed(m_brickSize);
+        std::memset(task.plain.getData(), 0, static_cast<size_t>(m_brickSize));
+    }
+    if (stored) {
+        state = Read;
+        brick.seek(task.index, 0);
+        current.setUsed(m_brickSize);
+        try {
+            current.setUsed(brick.readLaxInsideBrick(current.getData(), m_brickSize));
+        } catch (const zo::CError&) {
+            state = Unreadable;
+            current.setUsed(0);
+        }
     }
 
+    // Bytes of the brick beyond the image's end keep what the disk holds.
     zo::uint8* plain = task.plain.getData();
     if (task.imageBytes < m_brickSize) {
         const int kept = std::max(0, current.getUsed() - task.imageBytes);
@@ -88,9 +120,12 @@ void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, bri
         std::memset(plain + task.imageBytes + kept, 0, static_cast<size_t>(m_brickSize - task.imageBytes - kept));
     }
 
-    task.zero = isAllZero(plain, static_cast<size_t>(m_brickSize));
-    if (currentKnown && current.getUsed() == m_brickSize &&
-        std::memcmp(current.getData(), plain, static_cast<size_t>(m_brickSize)) == 0) {
+    task.zero = task.hole || isAllZero(plain, static_cast<size_t>(m_brickSize));
+    const bool unchanged =
+        state == Absent ? task.zero
+                        : state == Read && current.getUsed() == m_brickSize &&
+                              std::memcmp(current.getData(), plain, static_cast<size_t>(m_brickSize)) == 0;
+    if (unchanged) {
         task.outcome = Task::Unchanged;
         return;
     }
@@ -140,8 +175,13 @@ void CBrickImporter::run(CImageSource& source, const std::function<void(zo::int6
             const int wanted = static_cast<int>(std::min<zo::int64>(m_brickSize, m_diskSize - start));
             auto task = std::make_unique<Task>();
             task->index = nextToRead;
-            task->plain.setUsed(m_brickSize);
-            task->imageBytes = wanted > 0 ? source.read(task->plain.getData(), wanted) : 0;
+            if (wanted == m_brickSize && source.skipHole(wanted)) {
+                task->hole = true;
+                task->imageBytes = wanted;
+            } else {
+                task->plain.setUsed(m_brickSize);
+                task->imageBytes = wanted > 0 ? source.read(task->plain.getData(), wanted) : 0;
+            }
             if (task->imageBytes < wanted || start + wanted >= m_diskSize)
                 endOfImage = true;
             if (task->imageBytes == wanted && start + wanted >= m_diskSize) {

@@ -35,8 +35,9 @@ public:
         zo::int64 storedBytes = 0;  // size of the brick files handed over
     };
 
-    // Starts `jobs` worker threads over `disk`, which must be open for writing.
-    CBrickImporter(brick::CBrickDisk& disk, int jobs);
+    // Starts `jobs` worker threads over `disk`, which must be open for writing
+    // through `fs`.
+    CBrickImporter(zo::IFileSystem* fs, brick::CBrickDisk& disk, int jobs);
     // Stops and joins the workers; never throws.
     ~CBrickImporter();
     CBrickImporter(const CBrickImporter&) = delete;
@@ -58,7 +59,10 @@ private:
     struct Task {
         enum Outcome { Pending, Store, Unchanged, Failed };
         zo::int64 index = 0;
+        // The brick's bytes; left empty for a hole of the image, which reads
+        // as zeros.
         zo::TBuffer<zo::uint8> plain;
+        bool hole = false;
         int imageBytes = 0;
         Outcome outcome = Pending;
         bool zero = false;
@@ -68,12 +72,17 @@ private:
     };
 
     void workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P<brick::CBrick> brick);
+    // True when the disk or one of its parents has a file for brick `index`.
+    bool isStoredInChain(zo::int64 index) const;
     void decide(Task& task, brick::CBrickDataPreparer& preparer, brick::CBrick& brick,
                 zo::TBuffer<zo::uint8>& current) const;
     std::unique_ptr<Task> waitForResult(zo::int64 index);
     void handOver(Task& task);
 
+    zo::P<zo::IFileSystem> m_fs;
     brick::CBrickDisk& m_disk;
+    // The disk's folder and its parents' folders, nearest first.
+    std::vector<zo::CURI> m_chainFolders;
     const int m_brickSize;
     const zo::int64 m_diskSize;
     const bool m_hasParents;

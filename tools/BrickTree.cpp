@@ -136,8 +136,11 @@ BrickTreeListing listBrickTree(zo::IFileSystem* fs, const zo::CURI& diskFolder, 
 {
     BrickTreeListing listing;
     const zo::CURI root = diskFolder << "bricks";
-    if (!fs->folderExists(root))
+    if (!fs->folderExists(root)) {
+        if (fs->pathExists(root))
+            listing.unexpectedEntries.push_back(root);
         return listing;
+    }
     const CTreeNames names(header);
     if (names.levels() > 0)
         walk(fs, names, root, names.levels() - 1, 0, listing);

@@ -2,8 +2,8 @@
 // header and its fallback copy, the links to the parent and the child, and
 // every brick file's outer digest; with --read-data every brick is also
 // decrypted, decompressed and checked against its inner digest.
-#include "BrickFileCheck.h"
 #include "AuxFileCheck.h"
+#include "BrickFileCheck.h"
 #include "BrickTree.h"
 #include "Commands.h"
 #include "DiskAccess.h"
@@ -19,6 +19,7 @@
 #include <CLI/CLI.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -66,15 +67,15 @@ void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, CFindings& f
 // The fields that a child disk shares with its parent, as one comparable value.
 std::string sharedHeaderFields(const brick::CBrickDiskHeader& h)
 {
-    const auto hex = [](const zo::TBuffer<zo::uint8>& bytes) {
+    const auto bytes = [](const zo::TBuffer<zo::uint8>& buffer) {
         std::string text;
-        for (int i = 0; i < bytes.getUsed(); ++i)
-            text += std::to_string(bytes[i]) + ".";
+        for (int i = 0; i < buffer.getUsed(); ++i)
+            text += std::to_string(buffer[i]) + ".";
         return text;
     };
     return std::to_string(h.getDiskSize()) + "/" + std::to_string(h.getBrickSize()) + "/" +
-           h.getCipherID().toUTF8() + "/" + h.getCheckSumHashID().toUTF8() + "/" + hex(h.getCipherKeyHash()) + "/" +
-           hex(h.getCipherKeyDerivationSalt());
+           h.getCipherID().toUTF8() + "/" + h.getCheckSumHashID().toUTF8() + "/" + bytes(h.getCipherKeyHash()) + "/" +
+           bytes(h.getCipherKeyDerivationSalt());
 }
 
 // Checks both copies of one link file and the disk it points to; returns the

@@ -1,4 +1,5 @@
-// brickdisk create DISK --size SIZE [--brick-size SIZE] [--compression ID] [--no-encryption]
+// brickdisk create DISK --size SIZE [--brick-size SIZE] [--compression ID] [--checksum ID]
+//                  [--no-encryption]
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "Password.h"
@@ -28,6 +29,7 @@ struct CreateOptions {
     std::string size;
     std::string brickSize = "512K";
     std::string compression = "lz4";
+    std::string checksum = "md5";
     bool noEncryption = false;
     CPasswordSource passwords;
 };
@@ -77,6 +79,18 @@ void checkCompressorID(const std::string& id, zo::int64 brickSize)
     }
 }
 
+// Gives the new disk's bricks another digest than the one a new header has:
+// the header is written again with it before any brick exists.
+void setBrickDigest(zo::IFileSystem* fs, const zo::CURI& folder, const std::string& checksum)
+{
+    brick::CBrickDiskHeader header;
+    header.load(fs, folder);
+    if (header.getCheckSumHashID() == zo::String(checksum))
+        return;
+    header.setCheckSumHashID(zo::String(checksum));
+    header.store(fs, folder);
+}
+
 int runCreate(const CreateOptions& options)
 {
     const zo::int64 diskSize = parseByteSize(options.size, "disk size");
@@ -97,9 +111,11 @@ int runCreate(const CreateOptions& options)
     const zo::String password = options.noEncryption ? zo::String() : options.passwords.forNewDisk(options.disk);
     brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(options.compression),
                               static_cast<int>(brickSize));
-    std::printf("created %s: %s in %lld bricks of %s, compression %s, %s\n", folder.toLocalPath().c_str(),
-                formatBytes(diskSize).c_str(), static_cast<long long>(brickCount), formatBytes(brickSize).c_str(),
-                options.compression.c_str(), options.noEncryption ? "not encrypted" : "encrypted with aes256cbc");
+    setBrickDigest(fs.get(), folder, options.checksum);
+    std::printf("created %s: %s in %lld bricks of %s, compression %s, %s, brick digest %s\n",
+                folder.toLocalPath().c_str(), formatBytes(diskSize).c_str(), static_cast<long long>(brickCount),
+                formatBytes(brickSize).c_str(), options.compression.c_str(),
+                options.noEncryption ? "not encrypted" : "encrypted with aes256cbc", options.checksum.c_str());
     return 0;
 }
 
@@ -117,6 +133,10 @@ CommandAction addCreateCommand(CLI::App& program)
         ->capture_default_str();
     command->add_option("--compression", options->compression,
                         "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME]")
+        ->capture_default_str();
+    command->add_option("--checksum", options->checksum,
+                        "Digest of every brick: md5, or sha256 (faster on processors with SHA instructions)")
+        ->check(CLI::IsMember({"md5", "sha256"}))
         ->capture_default_str();
     CLI::Option* noEncryption =
         command->add_flag("--no-encryption", options->noEncryption, "Store the bricks unencrypted, without a password");

@@ -25,7 +25,10 @@ CImageSource::CImageSource(const std::string& path, zo::int64 diskSize) : m_disk
     struct stat info {};
     if (::fstat(m_fd, &info) == 0) {
         if (S_ISREG(info.st_mode)) {
-            m_size = info.st_size;
+            // Standard input may be a file that was partly read already.
+            const off_t start = ::lseek(m_fd, 0, SEEK_CUR);
+            m_regularFileStart = start >= 0 ? start : 0;
+            m_size = info.st_size - m_regularFileStart;
         } else if (S_ISBLK(info.st_mode)) {
             const off_t end = ::lseek(m_fd, 0, SEEK_END);
             if (end >= 0 && ::lseek(m_fd, 0, SEEK_SET) == 0)
@@ -45,6 +48,20 @@ CImageSource::~CImageSource()
 {
     if (m_ownsFd)
         ::close(m_fd);
+}
+
+bool CImageSource::skipHole(int size)
+{
+    if (m_regularFileStart < 0 || size < 1 || m_position + size > m_size)
+        return false;
+    const off_t at = static_cast<off_t>(m_regularFileStart + m_position);
+    const off_t data = ::lseek(m_fd, at, SEEK_DATA);
+    const bool hole = (data < 0 && errno == ENXIO) || (data >= 0 && data >= at + size);
+    if (::lseek(m_fd, hole ? at + size : at, SEEK_SET) < 0)
+        throw zo::makeErrnoError(errno, "lseek", zo::String(m_name));
+    if (hole)
+        m_position += size;
+    return hole;
 }
 
 int CImageSource::readFully(zo::uint8* dst, int size)

@@ -28,6 +28,10 @@ public:
     // Reads up to `size` bytes into `dst`, fewer only at the end of the image
     // or of the disk. Passes on read errors.
     int read(zo::uint8* dst, int size);
+    // When the next `size` bytes of a regular file are a hole (they read as
+    // zeros and take no room), moves past them without reading and returns
+    // true; otherwise returns false and reads nothing.
+    bool skipHole(int size);
     // Once everything up to the end of the disk has been read, looks for one
     // byte more: if the image goes on, throws zo::CError "Image holds more
     // than the disk size." (with "image" and "diskSize").
@@ -41,6 +45,8 @@ private:
     bool m_ownsFd = false;
     std::string m_name;
     zo::int64 m_size = -1;
+    // Where the image starts in a regular file; -1 for other kinds of input.
+    zo::int64 m_regularFileStart = -1;
     zo::int64 m_position = 0;
     zo::int64 m_diskSize;
 };

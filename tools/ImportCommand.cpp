@@ -4,6 +4,7 @@
 #include "BrickTree.h"
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "DiskChain.h"
 #include "ImageSource.h"
 #include "Password.h"
 #include "Progress.h"
@@ -33,20 +34,24 @@ struct ImportOptions {
     CPasswordSource passwords;
 };
 
-// Fails with the first background save that went wrong, naming its brick.
+// Fails naming the lowest brick whose background save went wrong.
 void throwIfAnySaveFailed(brick::CBrickDisk& disk)
 {
     const zo::TList<brick::CBrick::Error>& errors = disk.getBackgroundErrorList();
     if (errors.empty())
         return;
-    const brick::CBrick::Error& first = errors.front();
-    const zo::CURI file = disk.getDiskFolder() << relativeBrickPath(disk.getHeader(), first.brickIndex);
-    throw zo::CError("Storing brick " + zo::toDecimalString(first.brickIndex) + " failed.", zo::String(), -1,
+    const brick::CBrick::Error* lowest = &errors.front();
+    for (const brick::CBrick::Error& error : errors) {
+        if (error.brickIndex < lowest->brickIndex)
+            lowest = &error;
+    }
+    const zo::CURI file = disk.getDiskFolder() << relativeBrickPath(disk.getHeader(), lowest->brickIndex);
+    throw zo::CError("Storing brick " + zo::toDecimalString(lowest->brickIndex) + " failed.", zo::String(), -1,
                      zo::CProps()
-                         .add("brickIndex", first.brickIndex)
+                         .add("brickIndex", lowest->brickIndex)
                          .add("brickFile", file.toString(true))
                          .add("failedBricks", static_cast<zo::int64>(errors.size())),
-                     first.error.get());
+                     lowest->error.get());
 }
 
 void printSummary(const CBrickImporter::Counts& counts, double seconds)
@@ -69,21 +74,19 @@ int runImport(const ImportOptions& options)
     const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(!options.noSync, fileSystemThreads);
 
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
+    const zo::CURI parent = linkedDiskFolder(fs.get(), folder, brick::CBrickDisk::getParentLinkFileName());
+    if (!parent.isEmpty() && !options.allowParent)
+        throw UsageError("the disk " + folder.toLocalPath() + " has a parent disk (" + parent.toLocalPath() +
+                         "); give --allow-parent to write into it (its parent is never changed)");
     CImageSource source(options.image, header.getDiskSize());
     const zo::P<brick::CBrickDisk> disk =
         openDisk(fs.get(), folder, options.passwords, zo::IIOStream::AccessReadWrite, 2 * fileSystemThreads);
-    if (!disk->getParentDiskFolders().empty()) {
-        if (!options.allowParent)
-            throw UsageError("the disk " + folder.toLocalPath() + " has a parent disk (" +
-                             disk->getParentDiskFolder().toLocalPath() +
-                             "); writing to it changes only this disk, but give --allow-parent to do so");
-        disk->setAllowWritingWithParentDisk(true);
-    }
+    disk->setAllowWritingWithParentDisk(options.allowParent);
 
     CBrickImporter::Counts counts;
     {
         CProgressBar progress("import", source.getSize());
-        CBrickImporter importer(*disk, options.jobs);
+        CBrickImporter importer(fs.get(), *disk, options.jobs);
         try {
             importer.run(source, [&](zo::int64 done) { progress.update(done); });
         } catch (...) {

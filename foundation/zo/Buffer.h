@@ -95,7 +95,7 @@ public:
     // never shrinks. Throws std::bad_alloc when memory runs out.
     void reserve(int capacity)
     {
-        if (capacity <= m_capacity)
+        if (capacity <= 0 || capacity <= m_capacity)
             return;
         const size_t bytes = sizeof(T) * static_cast<size_t>(capacity);
         T* data = static_cast<T*>(std::malloc(bytes));

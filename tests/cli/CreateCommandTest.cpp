@@ -59,6 +59,33 @@ TEST_F(CreateCommandTest, EveryCompressorFamilyStoresAndRestoresAnImage)
     }
 }
 
+TEST_F(CreateCommandTest, Sha256BrickDigestIsUsedForEveryBrick)
+{
+    createDisk("disk", "1M", {"--checksum", "sha256"});
+    const std::string image(1024 * 1024, 'h');
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+
+    EXPECT_NE(run({"info", path("disk"), "--json"}).out.find("\"brickDigest\": \"sha256\""), std::string::npos);
+    EXPECT_EQ(exportImage("disk"), image);
+    EXPECT_EQ(runWithPassword({"check", path("disk"), "--read-data"}).exitStatus, 0);
+    // The last 32 bytes of a brick file are now its outer digest.
+    const std::string victim = brickFiles("disk")[1];
+    std::string bytes = readFile(victim);
+    bytes[bytes.size() - 20] ^= 0x08;
+    writeFile(victim, bytes);
+    const RunResult check = run({"check", path("disk")});
+    EXPECT_EQ(check.exitStatus, 1);
+    EXPECT_NE(check.out.find("problem: brick 1 "), std::string::npos) << check.out;
+}
+
+TEST_F(CreateCommandTest, UnknownChecksumIsAUsageError)
+{
+    const RunResult result = runWithPassword({"create", path("disk"), "--size", "1M", "--checksum", "crc32"});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_FALSE(std::filesystem::exists(path("disk")));
+}
+
 TEST_F(CreateCommandTest, UnknownCompressionIsAUsageErrorAndCreatesNothing)
 {
     for (const std::string id : {"lz5", "zlib-99", "zlib-x", "lzma-"}) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 namespace clitest {
@@ -87,6 +88,33 @@ TEST_F(ImportCommandTest, BrickThatBecameAllZeroLosesItsFile)
     EXPECT_EQ(exportImage("disk"), image);
 }
 
+TEST_F(ImportCommandTest, HolesOfASparseImageReadAsZeros)
+{
+    createDisk("disk", "2M");
+    writeFile(path("full"), std::string(2 * 1024 * 1024, 'f'));
+    importImage("disk", "full");
+    // A sparse image: data in bricks 3 and 20 only, holes everywhere else.
+    std::string sparse(2 * 1024 * 1024, '\0');
+    {
+        std::ofstream file(path("sparse"), std::ios::binary | std::ios::trunc);
+        for (const size_t brick : {3, 20}) {
+            sparse.replace(brick * kBrickSize + 100, 5, "data!");
+            file.seekp(static_cast<std::streamoff>(brick * kBrickSize + 100));
+            file.write("data!", 5);
+        }
+    }
+    std::filesystem::resize_file(path("sparse"), sparse.size());
+
+    const RunResult first = runWithPassword({"import", path("disk"), path("sparse")});
+    ASSERT_EQ(first.exitStatus, 0) << first.err;
+    EXPECT_NE(first.out.find("bricks: 2 written, 0 skipped, 30 zero"), std::string::npos) << first.out;
+    EXPECT_EQ(exportImage("disk"), sparse);
+    EXPECT_EQ(brickFiles("disk").size(), 2u);
+
+    const RunResult again = runWithPassword({"import", path("disk"), path("sparse")});
+    EXPECT_NE(again.out.find("bricks: 0 written, 32 skipped, 0 zero"), std::string::npos) << again.out;
+}
+
 TEST_F(ImportCommandTest, ShortImageKeepsTheRestOfItsLastBrick)
 {
     createDisk("disk", "1M");
@@ -163,6 +191,27 @@ TEST_F(ImportCommandTest, DiskWhoseFallbackHeaderIsMissingStillImports)
 
     importImage("disk", "image");
     EXPECT_EQ(exportImage("disk"), image);
+}
+
+TEST_F(ImportCommandTest, FailedBrickStoreFailsTheImportNamingTheBrick)
+{
+    createDisk("disk", "1M");
+    // A file where the brick tree's folder belongs: no brick can be stored.
+    writeFile(path("disk/bricks"), "in the way");
+    writeFile(path("image"), std::string(3 * kBrickSize, 's'));
+
+    const RunResult result = runWithPassword({"import", path("disk"), path("image")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.err.rfind("brickdisk: Storing brick 0 failed.", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find("brickFile: " + path("disk/bricks/d00/c00/b00/a00/00.brick")), std::string::npos)
+        << result.err;
+    EXPECT_NE(result.err.find("failedBricks: 3"), std::string::npos) << result.err;
+    EXPECT_EQ(countOf(result.err, "\n"), 1u) << result.err;
+
+    const RunResult check = run({"check", path("disk")});
+    EXPECT_EQ(check.exitStatus, 1);
+    EXPECT_NE(check.out.find("unexpected entry in the brick tree: " + path("disk/bricks")), std::string::npos)
+        << check.out;
 }
 
 TEST_F(ImportCommandTest, RunAgainAfterBeingKilledPartWayItCompletes)
