@@ -189,19 +189,57 @@ bool CBrick::loadFromStorer()
 
 bool CBrick::loadFromFolder(const CURI& folder)
 {
+    const P<zo::CMemPoolBuffer> file = readBrickFile(folder);
+    if (!file)
+        return false;
+    m_payload.setUsed(0);
+    m_preparer->unprepareData(*file, m_payload);
+    return true;
+}
+
+P<zo::CMemPoolBuffer> CBrick::readBrickFile(const CURI& folder)
+{
     try {
         P<zo::IIOStream> stream = m_fs->openStream(folder << getRelativeBrickURI(), zo::IIOStream::AccessRead, 0);
         P<zo::CMemPoolBuffer> buffer = m_bufferPool->checkOutItem();
         buffer->setUsed(static_cast<int>(m_maxPreparedSize));
-        const int n = stream->readLax(buffer->getData(), static_cast<int>(m_maxPreparedSize));
-        buffer->setUsed(n);
-        m_payload.setUsed(0);
-        m_preparer->unprepareData(*buffer, m_payload);
-        return true;
+        buffer->setUsed(stream->readLax(buffer->getData(), static_cast<int>(m_maxPreparedSize)));
+        return buffer;
     } catch (const CFileSystemError& e) {
         if (e.getProblem() == CFileSystemError::NotFound)
-            return false;
+            return P<zo::CMemPoolBuffer>();
         throw;
+    }
+}
+
+// A disk between a parent and a child shows, where it has no file of its own,
+// the brick of its nearest parent, and so does its child. Before such a brick
+// is written, the child receives a copy of that parent's file: the storer then
+// finds the brick already present in the child and leaves it there, so the
+// child keeps reading what it read before (instead of the zeros the storer
+// would give a child when this disk has no old file to move).
+void CBrick::copyParentBrickIntoChild(const CURI& relativeURI)
+{
+    if (m_childFolder.isEmpty() || m_searchFolders.size() < 2)
+        return;
+    if (m_fs->pathExists(m_diskFolder << relativeURI) || m_fs->pathExists(m_childFolder << relativeURI))
+        return;
+    for (auto parent = std::next(m_searchFolders.begin()); parent != m_searchFolders.end(); ++parent) {
+        const P<zo::CMemPoolBuffer> file = readBrickFile(*parent);
+        if (!file)
+            continue;
+        const P<CBrickStorer> copier = CBrickStorer::start(m_fs.get(), m_childFolder, relativeURI, CURI(), CURI(),
+                                                           file.get(), m_preparedZeroBrick.get(), nullptr);
+        copier->waitFinished(-1);
+        if (const PC<CError> error = copier->getError()) {
+            throw CError("Copying a parent disk's brick into the child disk failed.", String(), -1,
+                         zo::CProps()
+                             .add("brickIndex", m_brickIndex)
+                             .add("parentFile", (*parent << relativeURI).toString(true))
+                             .add("childFolder", m_childFolder.toString(true)),
+                         error.get());
+        }
+        return;
     }
 }
 
@@ -247,6 +285,7 @@ P<CBrickStorer> CBrick::writePreparedBrickImpl(const TBuffer<uint8>* prepared, I
     if (!prepared && m_searchFolders.size() > 1)
         prepared = m_preparedZeroBrick.get();
     const CURI relativeURI = getRelativeBrickURI();
+    copyParentBrickIntoChild(relativeURI);
     const CURI childRelativeURI = m_childFolder.isEmpty() ? CURI() : relativeURI;
     P<CBrickStorer> storer = CBrickStorer::start(m_fs.get(), m_diskFolder, relativeURI, m_childFolder,
                                                  childRelativeURI, prepared, m_preparedZeroBrick.get(), listener);

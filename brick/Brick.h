@@ -84,6 +84,10 @@ protected:
 private:
     bool loadFromStorer();
     bool loadFromFolder(const CURI& folder);
+    // The bytes of the current brick's file in `folder`; null when the folder
+    // has no file for it.
+    P<zo::CMemPoolBuffer> readBrickFile(const CURI& folder);
+    void copyParentBrickIntoChild(const CURI& relativeURI);
     void fillPayloadWithZeros();
 
     P<IFileSystem> m_fs;

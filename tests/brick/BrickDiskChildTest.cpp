@@ -291,6 +291,78 @@ TEST_F(BrickDiskChildTest, GrandchildWritesStayInTheGrandchild)
     EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/child")), childFiles);
 }
 
+TEST_F(BrickDiskChildTest, MiddleDiskWrittenWhereOnlyItsParentHoldsABrickLeavesTheGrandchildItsBytes)
+{
+    createParent();
+    const Bytes parentModel = testsupport::patternBytes(static_cast<int>(kDiskSize), 5);
+    testsupport::writeAt(*open("/disks/parent"), 0, parentModel);
+    createChild("/disks/child", "/disks/parent");
+    createChild("/disks/grandchild", "/disks/child");
+
+    // Brick 2 as a whole and part of brick 4: the child holds neither yet.
+    Bytes childModel = parentModel;
+    for (const auto& [at, size] : {std::pair<int64, int>{2 * kBrickSize, kBrickSize}, {4 * kBrickSize + 7, 100}}) {
+        const Bytes bytes = testsupport::patternBytes(size, static_cast<unsigned>(at));
+        testsupport::writeAt(*open("/disks/child"), at, bytes);
+        childModel = testsupport::overlay(childModel, at, bytes);
+    }
+
+    EXPECT_EQ(contentOf("/disks/grandchild"), parentModel);
+    EXPECT_EQ(contentOf("/disks/child"), childModel);
+    EXPECT_EQ(contentOf("/disks/parent"), parentModel);
+    // The grandchild holds the parent's own brick files, byte for byte.
+    const P<CBrickDisk> parent = open("/disks/parent", IIOStream::AccessRead);
+    for (const int64 index : {2, 4}) {
+        const P<zo::TBuffer<zo::uint8>> copied =
+            fs->getFileData(testsupport::brickFileOf(*parent, CURI("/disks/grandchild"), index));
+        ASSERT_TRUE(copied) << "brick " << index;
+        EXPECT_EQ(*copied, *fs->getFileData(testsupport::brickFileOf(*parent, CURI("/disks/parent"), index)));
+    }
+}
+
+TEST_F(BrickDiskChildTest, EveryDiskOfAChainKeepsItsViewWhileTheMiddleDiskIsWrittenRandomly)
+{
+    createParent();
+    Bytes parentModel = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+    writeRandomly("/disks/parent", parentModel, 10);
+    createChild("/disks/child", "/disks/parent");
+    Bytes childModel = parentModel;
+    writeRandomly("/disks/child", childModel, 3);
+    createChild("/disks/grandchild", "/disks/child");
+    const Bytes grandchildModel = childModel;
+
+    for (int step = 0; step < 5; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        writeRandomly("/disks/child", childModel, 4);
+
+        EXPECT_EQ(contentOf("/disks/parent"), parentModel);
+        EXPECT_EQ(contentOf("/disks/child"), childModel);
+        EXPECT_EQ(contentOf("/disks/grandchild"), grandchildModel);
+    }
+}
+
+TEST_F(BrickDiskChildTest, FailedCopyOfTheParentBrickIntoTheGrandchildStoresNothing)
+{
+    createParent();
+    const Bytes parentModel = testsupport::patternBytes(static_cast<int>(kDiskSize), 6);
+    testsupport::writeAt(*open("/disks/parent"), 0, parentModel);
+    createChild("/disks/child", "/disks/parent");
+    createChild("/disks/grandchild", "/disks/child");
+    fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 1, zo::CFileSystemError::NoSpace, true,
+                      CURI("/disks/grandchild"));
+
+    const P<CBrickDisk> child = open("/disks/child");
+    testsupport::writeAt(*child, 3 * kBrickSize, testsupport::patternBytes(kBrickSize, 9));
+    child->flushChanges();
+
+    ASSERT_EQ(child->getBackgroundErrorList().size(), 1u);
+    const brick::CBrick::Error& failure = child->getBackgroundErrorList().front();
+    EXPECT_EQ(failure.brickIndex, 3);
+    EXPECT_EQ(failure.error->getMessage(), "Copying a parent disk's brick into the child disk failed.");
+    EXPECT_EQ(contentOf("/disks/child"), parentModel);
+    EXPECT_EQ(contentOf("/disks/grandchild"), parentModel);
+}
+
 TEST_F(BrickDiskChildTest, OldChildKeepsItsSnapshotThroughAnInsertedChild)
 {
     createParent();
