@@ -29,7 +29,7 @@ struct CreateOptions {
     std::string size;
     std::string brickSize = "512K";
     std::string compression = "lz4";
-    std::string checksum = "md5";
+    std::string checksum = "sha256";
     bool noEncryption = false;
     CPasswordSource passwords;
 };
@@ -135,8 +135,8 @@ CommandAction addCreateCommand(CLI::App& program)
                         "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME]")
         ->capture_default_str();
     command->add_option("--checksum", options->checksum,
-                        "Digest of every brick: md5, or sha256 (faster on processors with SHA instructions)")
-        ->check(CLI::IsMember({"md5", "sha256"}))
+                        "Digest of every brick: sha256, or md5 (faster on processors without SHA instructions)")
+        ->check(CLI::IsMember({"sha256", "md5"}))
         ->capture_default_str();
     CLI::Option* noEncryption =
         command->add_flag("--no-encryption", options->noEncryption, "Store the bricks unencrypted, without a password");

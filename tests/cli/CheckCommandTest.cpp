@@ -21,16 +21,17 @@ protected:
 };
 
 // Changes one byte of the encrypted part of a brick file and gives the file a
-// matching outer digest again, so that only decoding finds the damage.
+// matching outer digest (the disk's default, SHA-256) again, so that only
+// decoding finds the damage.
 void damageInsideOuterDigest(const std::string& file)
 {
     std::string bytes = readFile(file);
-    const size_t digestSize = 16;
+    const zo::P<seal::IDigestContext> digest = seal::CDigestManager().getType("sha256")->createContext();
+    const size_t digestSize = static_cast<size_t>(digest->getSize());
     bytes[bytes.size() / 2] ^= 0x40;
-    const zo::P<seal::IDigestContext> md5 = seal::CDigestManager().getType("md5")->createContext();
-    md5->update(bytes.data(), static_cast<int>(bytes.size() - digestSize));
-    md5->finish();
-    std::memcpy(bytes.data() + bytes.size() - digestSize, md5->getDigest(), digestSize);
+    digest->update(bytes.data(), static_cast<int>(bytes.size() - digestSize));
+    digest->finish();
+    std::memcpy(bytes.data() + bytes.size() - digestSize, digest->getDigest(), digestSize);
     writeFile(file, bytes);
 }
 

@@ -59,24 +59,37 @@ TEST_F(CreateCommandTest, EveryCompressorFamilyStoresAndRestoresAnImage)
     }
 }
 
-TEST_F(CreateCommandTest, Sha256BrickDigestIsUsedForEveryBrick)
+TEST_F(CreateCommandTest, BrickDigestIsSha256UnlessMd5IsChosen)
 {
-    createDisk("disk", "1M", {"--checksum", "sha256"});
     const std::string image(1024 * 1024, 'h');
     writeFile(path("image"), image);
-    importImage("disk", "image");
+    for (const auto& [digest, size] : {std::pair<std::string, size_t>{"sha256", 32}, {"md5", 16}}) {
+        SCOPED_TRACE(digest);
+        const std::string disk = "disk-" + digest;
+        if (digest == "sha256")
+            createDisk(disk, "1M");
+        else
+            createDisk(disk, "1M", {"--checksum", digest});
+        importImage(disk, "image");
 
-    EXPECT_NE(run({"info", path("disk"), "--json"}).out.find("\"brickDigest\": \"sha256\""), std::string::npos);
-    EXPECT_EQ(exportImage("disk"), image);
-    EXPECT_EQ(runWithPassword({"check", path("disk"), "--read-data"}).exitStatus, 0);
-    // The last 32 bytes of a brick file are now its outer digest.
-    const std::string victim = brickFiles("disk")[1];
-    std::string bytes = readFile(victim);
-    bytes[bytes.size() - 20] ^= 0x08;
-    writeFile(victim, bytes);
-    const RunResult check = run({"check", path("disk")});
-    EXPECT_EQ(check.exitStatus, 1);
-    EXPECT_NE(check.out.find("problem: brick 1 "), std::string::npos) << check.out;
+        EXPECT_NE(run({"info", path(disk), "--json"}).out.find("\"brickDigest\": \"" + digest + "\""),
+                  std::string::npos);
+        EXPECT_EQ(exportImage(disk), image);
+        EXPECT_EQ(runWithPassword({"check", path(disk), "--read-data"}).exitStatus, 0);
+        // The last `size` bytes of a brick file are its outer digest: a
+        // changed byte there is found, one just before them is found too.
+        for (const size_t fromEnd : {size, size + 1}) {
+            const std::string victim = brickFiles(disk)[1];
+            const std::string good = readFile(victim);
+            std::string bytes = good;
+            bytes[bytes.size() - fromEnd] ^= 0x08;
+            writeFile(victim, bytes);
+            const RunResult check = run({"check", path(disk)});
+            EXPECT_EQ(check.exitStatus, 1);
+            EXPECT_NE(check.out.find("problem: brick 1 "), std::string::npos) << check.out;
+            writeFile(victim, good);
+        }
+    }
 }
 
 TEST_F(CreateCommandTest, UnknownChecksumIsAUsageError)
