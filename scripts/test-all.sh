@@ -10,14 +10,19 @@ scripts/install-deps.sh
 
 jobs=$(nproc)
 
-# build_and_test NAME LABEL CMAKE-ARGS...: configures build/NAME, builds it and
-# runs its tests (only those with LABEL when one is given).
+# build_and_test NAME LABEL TARGET CMAKE-ARGS...: configures build/NAME, builds
+# TARGET (everything when empty) and runs its tests (only those with LABEL
+# when one is given).
 build_and_test() {
-  local name=$1 label=$2
-  shift 2
+  local name=$1 label=$2 target=$3
+  shift 3
   echo "=== ${name}: configure and build"
   cmake -S . -B "build/${name}" -G Ninja -DBRICKDISK_WERROR=ON "$@" >/dev/null
-  cmake --build "build/${name}" -j "${jobs}"
+  local targets=()
+  if [ -n "${target}" ]; then
+    targets=(--target "${target}")
+  fi
+  cmake --build "build/${name}" -j "${jobs}" "${targets[@]}"
   echo "=== ${name}: test"
   local filter=()
   if [ -n "${label}" ]; then
@@ -26,13 +31,13 @@ build_and_test() {
   (cd "build/${name}" && ctest --output-on-failure --timeout 600 -j "${jobs}" "${filter[@]}")
 }
 
-build_and_test normal "" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+build_and_test normal "" "" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-build_and_test asan "" -DCMAKE_BUILD_TYPE=Debug -DBRICKDISK_SANITIZE=address,undefined -DBRICKDISK_BUILD_EXAMPLES=OFF
+build_and_test asan "" "" -DCMAKE_BUILD_TYPE=Debug -DBRICKDISK_SANITIZE=address,undefined -DBRICKDISK_BUILD_EXAMPLES=OFF
 
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-build_and_test tsan concurrency -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRICKDISK_SANITIZE=thread -DBRICKDISK_BUILD_EXAMPLES=OFF
+build_and_test tsan concurrency brickdisk_concurrency_tests -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRICKDISK_SANITIZE=thread -DBRICKDISK_BUILD_EXAMPLES=OFF
 
 echo "=== all test runs passed"
