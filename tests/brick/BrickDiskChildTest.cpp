@@ -77,6 +77,32 @@ protected:
         EXPECT_TRUE(disk->getBackgroundErrorList().empty());
     }
 
+    // What each disk of a parent -> child -> grandchild chain reads.
+    struct ChainModel {
+        Bytes parent, child, grandchild;
+    };
+    // Makes that chain with random writes to the parent and to the child
+    // (before the grandchild exists).
+    ChainModel makeChain(int parentWrites, int childWrites)
+    {
+        ChainModel model;
+        createParent();
+        model.parent = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+        writeRandomly("/disks/parent", model.parent, parentWrites);
+        createChild("/disks/child", "/disks/parent");
+        model.child = model.parent;
+        writeRandomly("/disks/child", model.child, childWrites);
+        createChild("/disks/grandchild", "/disks/child");
+        model.grandchild = model.child;
+        return model;
+    }
+    void expectChainReads(const ChainModel& model)
+    {
+        EXPECT_EQ(contentOf("/disks/parent"), model.parent);
+        EXPECT_EQ(contentOf("/disks/child"), model.child);
+        EXPECT_EQ(contentOf("/disks/grandchild"), model.grandchild);
+    }
+
     P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
     std::mt19937 rng{20240611};
 };
@@ -237,24 +263,13 @@ TEST_F(BrickDiskChildTest, MissingParentHeaderErrorPassesThrough)
 
 TEST_F(BrickDiskChildTest, ChildAndGrandchildKeepTheirBytesWhileTheParentIsWritten)
 {
-    createParent();
-    Bytes parentModel = testsupport::zeroBytes(static_cast<int>(kDiskSize));
-    writeRandomly("/disks/parent", parentModel, 12);
-    createChild("/disks/child", "/disks/parent");
-    Bytes childModel = parentModel;
-    // The child is written while it has no child of its own.
-    writeRandomly("/disks/child", childModel, 6);
-    createChild("/disks/grandchild", "/disks/child");
-    const Bytes grandchildModel = childModel;
-    ASSERT_EQ(contentOf("/disks/grandchild"), grandchildModel);
+    ChainModel model = makeChain(12, 6);
+    ASSERT_EQ(contentOf("/disks/grandchild"), model.grandchild);
 
     for (int step = 0; step < 6; ++step) {
         SCOPED_TRACE("step " + std::to_string(step));
-        writeRandomly("/disks/parent", parentModel, 5);
-
-        EXPECT_EQ(contentOf("/disks/parent"), parentModel);
-        EXPECT_EQ(contentOf("/disks/child"), childModel);
-        EXPECT_EQ(contentOf("/disks/grandchild"), grandchildModel);
+        writeRandomly("/disks/parent", model.parent, 5);
+        expectChainReads(model);
     }
 }
 
@@ -322,22 +337,12 @@ TEST_F(BrickDiskChildTest, MiddleDiskWrittenWhereOnlyItsParentHoldsABrickLeavesT
 
 TEST_F(BrickDiskChildTest, EveryDiskOfAChainKeepsItsViewWhileTheMiddleDiskIsWrittenRandomly)
 {
-    createParent();
-    Bytes parentModel = testsupport::zeroBytes(static_cast<int>(kDiskSize));
-    writeRandomly("/disks/parent", parentModel, 10);
-    createChild("/disks/child", "/disks/parent");
-    Bytes childModel = parentModel;
-    writeRandomly("/disks/child", childModel, 3);
-    createChild("/disks/grandchild", "/disks/child");
-    const Bytes grandchildModel = childModel;
+    ChainModel model = makeChain(10, 3);
 
     for (int step = 0; step < 5; ++step) {
         SCOPED_TRACE("step " + std::to_string(step));
-        writeRandomly("/disks/child", childModel, 4);
-
-        EXPECT_EQ(contentOf("/disks/parent"), parentModel);
-        EXPECT_EQ(contentOf("/disks/child"), childModel);
-        EXPECT_EQ(contentOf("/disks/grandchild"), grandchildModel);
+        writeRandomly("/disks/child", model.child, 4);
+        expectChainReads(model);
     }
 }
 
