@@ -49,9 +49,10 @@ CImageSink::Chunk CImageSink::takeChunk()
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_spare.empty())
         return Chunk();
+    // The old bytes stay: the caller overwrites them, and resizing to the
+    // same size then costs no clearing.
     Chunk chunk = std::move(m_spare.back());
     m_spare.pop_back();
-    chunk.clear();
     return chunk;
 }
 

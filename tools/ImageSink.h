@@ -37,7 +37,9 @@ public:
     // True when all-zero chunks become holes.
     bool leavesHoles() const { return m_sparse; }
 
-    // An empty chunk to fill, reusing the memory of chunks already written.
+    // A chunk to fill, reusing the memory of chunks already written: it may
+    // hold the bytes of an earlier chunk, which the caller resizes and
+    // overwrites.
     Chunk takeChunk();
     // Appends the chunk's bytes (`allZero`: they are all zero), waiting while
     // a few chunks are already queued. Throws the error that an earlier write
