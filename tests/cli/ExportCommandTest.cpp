@@ -28,6 +28,32 @@ TEST_F(ExportCommandTest, RegularFileGetsHolesWhereTheDiskReadsZeros)
     EXPECT_EQ(exported.find_first_not_of('\0', image.size()), std::string::npos);
 }
 
+TEST_F(ExportCommandTest, DataAndZeroBricksInTurnAndAShortLastBrickComeBackExactly)
+{
+    // 20 bricks and 1000 bytes: data, zeros, data, ... so that buffers that
+    // held data are filled with zeros next, and the other way round.
+    createDisk("disk", std::to_string(20 * kBrickSize + 1000));
+    // (makeImage has runs of zeros: the first byte makes sure a data brick is not all zero.)
+    const auto dataBrick = [](int size, unsigned seed) { return "d" + makeImage(size - 1, seed); };
+    std::string image;
+    for (int brick = 0; brick < 20; ++brick)
+        image += brick % 2 == 0 ? dataBrick(kBrickSize, 30 + brick) : std::string(kBrickSize, '\0');
+    image += dataBrick(1000, 60);
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+
+    for (const std::string jobs : {"1", "3"}) {
+        SCOPED_TRACE("jobs " + jobs);
+        const RunResult toFile = runWithPassword({"export", path("disk"), path("out"), "--jobs", jobs});
+        ASSERT_EQ(toFile.exitStatus, 0) << toFile.err;
+        EXPECT_NE(toFile.out.find("bricks: 11 with data, 10 all zero"), std::string::npos) << toFile.out;
+        EXPECT_TRUE(readFile(path("out")) == image);
+        const RunResult toPipe = runWithPassword({"export", path("disk"), "-", "--jobs", jobs});
+        ASSERT_EQ(toPipe.exitStatus, 0) << toPipe.err;
+        EXPECT_TRUE(toPipe.out == image);
+    }
+}
+
 TEST_F(ExportCommandTest, StandardOutputGetsEveryByteAndTheSummaryGoesToStderr)
 {
     createDisk("disk", "1M");
