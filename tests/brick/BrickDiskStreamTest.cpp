@@ -403,26 +403,11 @@ TEST_F(BrickDiskStreamTest, ADamagedBrickFailsOnlyWhenTheReaderReachesIt)
 
 TEST(BrickDiskStreamOnLocalFilesTest, ReadsBackWhatWasWrittenThroughIt)
 {
-    const testsupport::TempFolder temp;
-    const P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(2));
-    fs->setSyncEnabled(false);
-    const CURI folder = temp.uri() << "disk";
-    testsupport::createStreamTestDisk(fs.get(), folder, kDiskSize, kBrickSize, 0, nullptr);
-    const Bytes content = testsupport::patternBytes(static_cast<int>(kDiskSize), 31);
-    {
-        const P<CBrickDisk> disk = testsupport::openStreamTestDisk(fs.get(), folder, IIOStream::AccessReadWrite);
-        CBrickDiskStream writer(disk.get());
-        for (int64 done = 0; done < kDiskSize;) {
-            const int piece = static_cast<int>(std::min<int64>(1000, kDiskSize - done));
-            writer.write(content.getData() + done, piece);
-            done += piece;
-        }
-        writer.flush();
-    }
-    const P<CBrickDisk> disk = testsupport::openStreamTestDisk(fs.get(), folder, IIOStream::AccessRead);
-    CBrickDiskStream reader(disk.get());
-    std::mt19937 random(5);
-    EXPECT_TRUE(testsupport::sameBytes(testsupport::readToEndInRandomPieces(reader, random, 5000), content));
+    Bytes written, read;
+    testsupport::roundTripOnLocalFiles(
+        kDiskSize, kBrickSize, 1000, 31, [](CBrickDisk* disk) { return P<IIOStream>(new CBrickDiskStream(disk)); },
+        written, read);
+    EXPECT_TRUE(testsupport::sameBytes(read, written));
 }
 
 } // namespace

@@ -138,20 +138,7 @@ TEST_F(BrickDiskStreamWithCacheTest, SeekOutsideTheLengthThrows)
 
 TEST_F(BrickDiskStreamWithCacheTest, ReadPastTheLengthCopiesWhatRemainsThenThrows)
 {
-    stream->seek(kDiskSize - 10);
-    Bytes got(20);
-    try {
-        stream->read(got.getData(), 20);
-        FAIL() << "no error thrown";
-    } catch (const CIOError& e) {
-        EXPECT_EQ(e.getCode(), CIOError::EndOfData);
-        EXPECT_TRUE(e.getMessage().isEmpty());
-        ASSERT_EQ(e.getProps().getCount(), 1u);
-        EXPECT_EQ(e.getProps().lookup("uri"), kFolder.toString(true));
-    }
-    got.setUsed(10);
-    EXPECT_TRUE(testsupport::sameBytes(got, expected(kDiskSize - 10, 10)));
-    EXPECT_EQ(stream->getPosition(), kDiskSize);
+    testsupport::expectReadPastTheEndCopiesWhatRemains(*stream, kFolder, content);
 }
 
 TEST_F(BrickDiskStreamWithCacheTest, ReadOfNothingDoesNothingEvenAtTheEnd)
@@ -492,26 +479,11 @@ TEST(BrickDiskStreamWithCacheOfEmptyBricksTest, RefusesADiskWhoseBricksHoldNoByt
 
 TEST(BrickDiskStreamWithCacheOnLocalFilesTest, ReadsBackWhatWasWrittenThroughIt)
 {
-    const testsupport::TempFolder temp;
-    const P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(2));
-    fs->setSyncEnabled(false);
-    const CURI folder = temp.uri() << "disk";
-    testsupport::createStreamTestDisk(fs.get(), folder, kDiskSize, kBrickSize, 0, nullptr);
-    const Bytes content = testsupport::patternBytes(static_cast<int>(kDiskSize), 32);
-    {
-        const P<CBrickDisk> disk = testsupport::openStreamTestDisk(fs.get(), folder, IIOStream::AccessReadWrite);
-        CBrickDiskStreamWithCache writer(disk.get());
-        for (int64 done = 0; done < kDiskSize;) {
-            const int piece = static_cast<int>(std::min<int64>(3000, kDiskSize - done));
-            writer.write(content.getData() + done, piece);
-            done += piece;
-        }
-        writer.flush();
-    }
-    const P<CBrickDisk> disk = testsupport::openStreamTestDisk(fs.get(), folder, IIOStream::AccessRead);
-    CBrickDiskStreamWithCache reader(disk.get());
-    std::mt19937 random(6);
-    EXPECT_TRUE(testsupport::sameBytes(testsupport::readToEndInRandomPieces(reader, random, 5000), content));
+    Bytes written, read;
+    testsupport::roundTripOnLocalFiles(
+        kDiskSize, kBrickSize, 3000, 32,
+        [](CBrickDisk* disk) { return P<IIOStream>(new CBrickDiskStreamWithCache(disk)); }, written, read);
+    EXPECT_TRUE(testsupport::sameBytes(read, written));
 }
 
 } // namespace

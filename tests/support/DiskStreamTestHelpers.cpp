@@ -1,7 +1,11 @@
 #include "support/DiskStreamTestHelpers.h"
 
 #include "brick/Brick.h"
+#include "support/TempFolder.h"
 #include "zo/Error.h"
+#include "zo/LocalFileSystem.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
@@ -61,6 +65,50 @@ Bytes readToEndInRandomPieces(zo::IInStream& stream, std::mt19937& random, int m
 Bytes sliceOf(const Bytes& bytes, zo::int64 offset, zo::int64 count)
 {
     return Bytes(bytes.getData() + offset, static_cast<int>(count));
+}
+
+void roundTripOnLocalFiles(zo::int64 diskSize, int brickSize, int writePiece, unsigned seed,
+                           const StreamMaker& makeStream, Bytes& written, Bytes& read)
+{
+    const TempFolder temp;
+    const zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(2));
+    fs->setSyncEnabled(false);
+    const zo::CURI folder = temp.uri() << "disk";
+    createStreamTestDisk(fs.get(), folder, diskSize, brickSize, 0, nullptr);
+    written = patternBytes(static_cast<int>(diskSize), seed);
+    {
+        const zo::P<brick::CBrickDisk> disk = openStreamTestDisk(fs.get(), folder, zo::IIOStream::AccessReadWrite);
+        const zo::P<zo::IIOStream> writer = makeStream(disk.get());
+        for (zo::int64 done = 0; done < diskSize;) {
+            const int piece = static_cast<int>(std::min<zo::int64>(writePiece, diskSize - done));
+            writer->write(written.getData() + done, piece);
+            done += piece;
+        }
+        writer->flush();
+    }
+    const zo::P<brick::CBrickDisk> disk = openStreamTestDisk(fs.get(), folder, zo::IIOStream::AccessRead);
+    const zo::P<zo::IIOStream> reader = makeStream(disk.get());
+    std::mt19937 random(seed);
+    read = readToEndInRandomPieces(*reader, random, 5000);
+}
+
+void expectReadPastTheEndCopiesWhatRemains(zo::IInStream& stream, const zo::CURI& uri, const Bytes& content)
+{
+    const zo::int64 length = content.getUsed();
+    stream.seek(length - 10);
+    Bytes got(20);
+    try {
+        stream.read(got.getData(), 20);
+        ADD_FAILURE() << "no error thrown";
+    } catch (const zo::CIOError& e) {
+        EXPECT_EQ(e.getCode(), zo::CIOError::EndOfData);
+        EXPECT_TRUE(e.getMessage().isEmpty());
+        EXPECT_EQ(e.getProps().getCount(), 1u);
+        EXPECT_EQ(e.getProps().lookup("uri"), uri.toString(true));
+    }
+    got.setUsed(10);
+    EXPECT_TRUE(sameBytes(got, sliceOf(content, length - 10, 10)));
+    EXPECT_EQ(stream.getPosition(), length);
 }
 
 } // namespace testsupport

@@ -9,6 +9,7 @@
 #include "zo/MemoryFileSystem.h"
 #include "zo/Stream.h"
 
+#include <functional>
 #include <random>
 
 namespace testsupport {
@@ -39,6 +40,23 @@ void damageFile(zo::CMemoryFileSystem& fs, const zo::CURI& file);
 // Reads `stream` with readLax from its position to its end, in pieces of 1 to
 // `maxPiece` bytes drawn from `random`, and returns what it read.
 Bytes readToEndInRandomPieces(zo::IInStream& stream, std::mt19937& random, int maxPiece);
+
+// A stream over an open disk, as a test makes it.
+using StreamMaker = std::function<zo::P<zo::IIOStream>(brick::CBrickDisk* disk)>;
+
+// Creates a disk of `diskSize` bytes in bricks of `brickSize` on local files
+// in a temporary folder, writes pattern bytes drawn from `seed` over all of it
+// through a stream from `makeStream` in pieces of `writePiece` bytes, flushes
+// and closes it, then opens the disk again and reads it whole through another
+// such stream, in random pieces. `written` and `read` receive both.
+void roundTripOnLocalFiles(zo::int64 diskSize, int brickSize, int writePiece, unsigned seed,
+                           const StreamMaker& makeStream, Bytes& written, Bytes& read);
+
+// Reads 20 bytes from 10 bytes before the end of `stream`, whose length is
+// the size of `content`, and expects zo::CIOError EndOfData with an empty
+// message and "uri" (`uri`) as its only property, the 10 bytes that remain
+// copied, and the position left at the end.
+void expectReadPastTheEndCopiesWhatRemains(zo::IInStream& stream, const zo::CURI& uri, const Bytes& content);
 
 // `count` bytes of `bytes` from `offset` on.
 Bytes sliceOf(const Bytes& bytes, zo::int64 offset, zo::int64 count);
