@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace brick {
 
@@ -47,8 +48,6 @@ CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
       m_maxBackgroundOps(std::max(1, maxBackgroundOps))
 {
     m_searchFolders.push_front(diskFolder);
-    m_hexDigitWidth = hexDigitWidthFor(m_header.getObjectsPerTreeLevel());
-    m_brickDigits.resize(static_cast<size_t>(std::max(0, m_header.getTreeLevels())));
     m_preparer = P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, cipherKey));
     m_maxPreparedSize = static_cast<int64>(m_header.getBrickSize() * 1.1 + 1024.0);
     m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(20, static_cast<int>(m_maxPreparedSize), 1));
@@ -125,22 +124,29 @@ P<CBrickStorer> CBrick::writePreparedBrick(const TBuffer<uint8>* prepared, IDone
 
 CURI CBrick::getRelativeBrickURI()
 {
-    const int levels = static_cast<int>(m_brickDigits.size());
-    const int64 perLevel = m_header.getObjectsPerTreeLevel();
-    int64 n = m_brickIndex;
+    return getRelativeBrickURI(m_header, m_brickIndex);
+}
+
+CURI CBrick::getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickIndex)
+{
+    const int levels = std::max(0, header.getTreeLevels());
+    const int64 perLevel = header.getObjectsPerTreeLevel();
+    const int hexDigitWidth = hexDigitWidthFor(header.getObjectsPerTreeLevel());
+    std::vector<int> digits(static_cast<size_t>(levels));
+    int64 n = brickIndex;
     for (int level = 0; level < levels; ++level) {
-        m_brickDigits[static_cast<size_t>(level)] = static_cast<int>(n % perLevel);
+        digits[static_cast<size_t>(level)] = static_cast<int>(n % perLevel);
         n /= perLevel;
     }
     CURI uri(String("bricks"));
     for (int level = levels - 1; level >= 0; --level) {
-        const String digits = zo::toHexString(m_brickDigits[static_cast<size_t>(level)]);
+        const String hex = zo::toHexString(digits[static_cast<size_t>(level)]);
         String name;
         if (level > 0)
             name += static_cast<wchar_t>(0x60 + level);
-        for (size_t i = digits.getLength(); i < static_cast<size_t>(m_hexDigitWidth); ++i)
+        for (size_t i = hex.getLength(); i < static_cast<size_t>(hexDigitWidth); ++i)
             name += "0";
-        name += digits;
+        name += hex;
         if (level == 0)
             name += ".brick";
         uri = uri << name;
@@ -225,20 +231,27 @@ void CBrick::copyParentBrickIntoChild(const CURI& relativeURI)
     if (m_fs->pathExists(m_diskFolder << relativeURI) || m_fs->pathExists(m_childFolder << relativeURI))
         return;
     for (auto parent = std::next(m_searchFolders.begin()); parent != m_searchFolders.end(); ++parent) {
-        const P<zo::CMemPoolBuffer> file = readBrickFile(*parent);
-        if (!file)
-            continue;
-        const P<CBrickStorer> copier = CBrickStorer::start(m_fs.get(), m_childFolder, relativeURI, CURI(), CURI(),
-                                                           file.get(), m_preparedZeroBrick.get(), nullptr);
-        copier->waitFinished(-1);
-        if (const PC<CError> error = copier->getError()) {
+        const auto fail = [&](const CError& cause) {
             throw CError("Copying a parent disk's brick into the child disk failed.", String(), -1,
                          zo::CProps()
                              .add("brickIndex", m_brickIndex)
                              .add("parentFile", (*parent << relativeURI).toString(true))
                              .add("childFolder", m_childFolder.toString(true)),
-                         error.get());
+                         &cause);
+        };
+        P<zo::CMemPoolBuffer> file;
+        try {
+            file = readBrickFile(*parent);
+        } catch (const CError& e) {
+            fail(e);
         }
+        if (!file)
+            continue;
+        const P<CBrickStorer> copier = CBrickStorer::start(m_fs.get(), m_childFolder, relativeURI, CURI(), CURI(),
+                                                           file.get(), m_preparedZeroBrick.get(), nullptr);
+        copier->waitFinished(-1);
+        if (const PC<CError> error = copier->getError())
+            fail(*error);
         return;
     }
 }

@@ -63,6 +63,9 @@ public:
     // The current brick's file, relative to a disk folder:
     // "bricks/<level T-1>/.../<level 1>/<level 0>.brick".
     CURI getRelativeBrickURI();
+    // The file of brick `brickIndex` of any disk with `header`'s tree shape,
+    // relative to its folder; needs no brick object. Thread-safe.
+    static CURI getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickIndex);
 
     // Starts saving the current brick if it changed. A failure to start is
     // logged and recorded, never thrown.
@@ -99,7 +102,6 @@ private:
     int64 m_brickIndex = 0;
     bool m_payloadDirty = false;
     bool m_payloadLoaded = false;
-    zo::TArray<int> m_brickDigits;
     P<CBrickDataPreparer> m_preparer;
     P<zo::CMemPool> m_bufferPool;
     TBuffer<uint8> m_payload;
@@ -108,7 +110,6 @@ private:
     int m_maxBackgroundOps;
     zo::TMap<int64, P<CBrickStorer>> m_storers;
     zo::TList<Error> m_backgroundErrors;
-    int m_hexDigitWidth = 1;
 };
 
 } // namespace brick

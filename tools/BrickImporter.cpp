@@ -1,7 +1,6 @@
 #include "BrickImporter.h"
 
-#include "BrickTree.h"
-
+#include "brick/Brick.h"
 #include "zo/Error.h"
 
 #include <algorithm>
@@ -72,7 +71,7 @@ void CBrickImporter::workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P
 
 bool CBrickImporter::isStoredInChain(zo::int64 index) const
 {
-    const zo::CURI relative = relativeBrickPath(m_disk.getHeader(), index);
+    const zo::CURI relative = brick::CBrick::getRelativeBrickURI(m_disk.getHeader(), index);
     for (const zo::CURI& folder : m_chainFolders) {
         if (m_fs->pathExists(folder << relative))
             return true;

@@ -118,20 +118,6 @@ zo::int64 BrickTreeListing::totalBrickBytes() const
     return total;
 }
 
-zo::CURI relativeBrickPath(const brick::CBrickDiskHeader& header, zo::int64 index)
-{
-    const CTreeNames names(header);
-    std::vector<int> digits(static_cast<size_t>(std::max(0, names.levels())));
-    for (int& digit : digits) {
-        digit = static_cast<int>(index % names.perLevel());
-        index /= names.perLevel();
-    }
-    zo::CURI path("bricks");
-    for (int level = names.levels() - 1; level >= 0; --level)
-        path = path << zo::String(names.name(level, digits[static_cast<size_t>(level)]));
-    return path;
-}
-
 BrickTreeListing listBrickTree(zo::IFileSystem* fs, const zo::CURI& diskFolder, const brick::CBrickDiskHeader& header)
 {
     BrickTreeListing listing;

@@ -29,10 +29,6 @@ struct BrickTreeListing {
     zo::int64 totalBrickBytes() const;
 };
 
-// The path of brick `index`'s file relative to a disk folder, as the disk
-// lays out its tree.
-zo::CURI relativeBrickPath(const brick::CBrickDiskHeader& header, zo::int64 index);
-
 // Walks the brick tree of `diskFolder` with IFileSystem::listFolder. A folder
 // without "bricks" (a disk that never stored a brick) gives an empty listing.
 // Passes on the file system's errors.

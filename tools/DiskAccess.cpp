@@ -2,6 +2,7 @@
 
 #include "BrickTree.h"
 
+#include "brick/Brick.h"
 #include "zo/Error.h"
 
 #include <filesystem>
@@ -53,7 +54,7 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
 
 zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index)
 {
-    const zo::CURI relative = relativeBrickPath(disk.getHeader(), index);
+    const zo::CURI relative = brick::CBrick::getRelativeBrickURI(disk.getHeader(), index);
     if (fs->fileExists(disk.getDiskFolder() << relative))
         return disk.getDiskFolder() << relative;
     for (const zo::CURI& folder : disk.getParentDiskFolders()) {

@@ -1,7 +1,6 @@
 // brickdisk import DISK IMAGE|- [--jobs N]: writes an image (or standard
 // input) into a disk from position 0, storing only the bricks that changed.
 #include "BrickImporter.h"
-#include "BrickTree.h"
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "DiskChain.h"
@@ -11,6 +10,7 @@
 #include "Units.h"
 #include "UsageError.h"
 
+#include "brick/Brick.h"
 #include "brick/BrickDisk.h"
 #include "zo/Error.h"
 
@@ -45,7 +45,7 @@ void throwIfAnySaveFailed(brick::CBrickDisk& disk)
         if (error.brickIndex < lowest->brickIndex)
             lowest = &error;
     }
-    const zo::CURI file = disk.getDiskFolder() << relativeBrickPath(disk.getHeader(), lowest->brickIndex);
+    const zo::CURI file = disk.getDiskFolder() << brick::CBrick::getRelativeBrickURI(disk.getHeader(), lowest->brickIndex);
     throw zo::CError("Storing brick " + zo::toDecimalString(lowest->brickIndex) + " failed.", zo::String(), -1,
                      zo::CProps()
                          .add("brickIndex", lowest->brickIndex)

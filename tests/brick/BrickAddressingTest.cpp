@@ -22,15 +22,18 @@ using zo::int64;
 constexpr int kBrickSize = 4096;
 
 // The path of brick `index` relative to a disk folder, in a tree of
-// `treeLevels` levels with `objectsPerTreeLevel` entries each.
+// `treeLevels` levels with `objectsPerTreeLevel` entries each, as a brick
+// object names it; the path that needs no brick object must be the same.
 std::string relativePath(int treeLevels, int objectsPerTreeLevel, int64 index)
 {
     const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem(1));
-    const P<CBrick> object(new CBrick(fs.get(), CURI("/disk"), CURI(), {},
-                                      testsupport::makeBrickHeader(kBrickSize, treeLevels, objectsPerTreeLevel, "null"),
-                                      testsupport::makeBrickKey("null"), 1));
+    const brick::CBrickDiskHeader header =
+        testsupport::makeBrickHeader(kBrickSize, treeLevels, objectsPerTreeLevel, "null");
+    const P<CBrick> object(new CBrick(fs.get(), CURI("/disk"), CURI(), {}, header, testsupport::makeBrickKey("null"), 1));
     object->seek(index, 0);
-    return object->getRelativeBrickURI().toString(true).toUTF8();
+    const std::string path = object->getRelativeBrickURI().toString(true).toUTF8();
+    EXPECT_EQ(CBrick::getRelativeBrickURI(header, index).toString(true).toUTF8(), path);
+    return path;
 }
 
 TEST(BrickAddressing, NamesEachFolderLevelWithItsLetterAndTheFileWithBrick)

@@ -368,6 +368,33 @@ TEST_F(BrickDiskChildTest, FailedCopyOfTheParentBrickIntoTheGrandchildStoresNoth
     EXPECT_EQ(contentOf("/disks/grandchild"), parentModel);
 }
 
+TEST_F(BrickDiskChildTest, UnreadableParentBrickStopsTheMiddleDiskWriteAndNamesTheFile)
+{
+    createParent();
+    const Bytes parentModel = testsupport::patternBytes(static_cast<int>(kDiskSize), 8);
+    testsupport::writeAt(*open("/disks/parent"), 0, parentModel);
+    createChild("/disks/child", "/disks/parent");
+    createChild("/disks/grandchild", "/disks/child");
+    const P<CBrickDisk> child = open("/disks/child");
+    fs->failStreamReads(CURI("/disks/parent"), zo::CFileSystemError::Unclassified);
+
+    // A whole brick: the write itself needs nothing of the parent.
+    testsupport::writeAt(*child, 5 * kBrickSize, testsupport::patternBytes(kBrickSize, 10));
+    child->flushChanges();
+    fs->clearFailures();
+
+    ASSERT_EQ(child->getBackgroundErrorList().size(), 1u);
+    const brick::CBrick::Error& failure = child->getBackgroundErrorList().front();
+    EXPECT_EQ(failure.brickIndex, 5);
+    EXPECT_EQ(failure.error->getMessage(), "Copying a parent disk's brick into the child disk failed.");
+    EXPECT_EQ(failure.error->getProps().lookup("parentFile"),
+              testsupport::brickFileOf(*child, CURI("/disks/parent"), 5).toString(true));
+    ASSERT_TRUE(failure.error->getCause());
+    EXPECT_TRUE(dynamic_cast<const zo::CFileSystemError*>(failure.error->getCause().get()));
+    EXPECT_EQ(contentOf("/disks/child"), parentModel);
+    EXPECT_EQ(contentOf("/disks/grandchild"), parentModel);
+}
+
 TEST_F(BrickDiskChildTest, OldChildKeepsItsSnapshotThroughAnInsertedChild)
 {
     createParent();

@@ -63,18 +63,6 @@ int64 ioErrorCodeOf(const std::function<void()>& operation)
     return -1;
 }
 
-void expectBareIOError(const std::function<void()>& operation, CIOError::Code code)
-{
-    try {
-        operation();
-        ADD_FAILURE() << "no error thrown";
-    } catch (const CIOError& e) {
-        EXPECT_EQ(e.getCode(), code);
-        EXPECT_TRUE(e.getMessage().isEmpty());
-        EXPECT_TRUE(e.getProps().isEmpty());
-    }
-}
-
 TEST_F(BrickDiskStreamTest, StartsAtTheDiskSizeAndFolderAndLeavesTheDiskPositionAlone)
 {
     disk->seek(1000);
@@ -151,8 +139,8 @@ TEST_F(BrickDiskStreamTest, SeekToTheLengthIsAllowedButNotBeyondOrBelowZero)
 {
     stream->seek(stream->getLength());
     EXPECT_EQ(stream->getPosition(), kDiskSize);
-    expectBareIOError([&] { stream->seek(kDiskSize + 1); }, CIOError::SeekOutOfRange);
-    expectBareIOError([&] { stream->seek(-1); }, CIOError::SeekOutOfRange);
+    testsupport::expectBareIOError([&] { stream->seek(kDiskSize + 1); }, CIOError::SeekOutOfRange);
+    testsupport::expectBareIOError([&] { stream->seek(-1); }, CIOError::SeekOutOfRange);
     EXPECT_EQ(stream->getPosition(), kDiskSize);
 }
 
@@ -160,7 +148,7 @@ TEST_F(BrickDiskStreamTest, SeekIsBoundedByTheVirtualLength)
 {
     stream->setVirtualLength(5000);
     stream->seek(5000);
-    expectBareIOError([&] { stream->seek(5001); }, CIOError::SeekOutOfRange);
+    testsupport::expectBareIOError([&] { stream->seek(5001); }, CIOError::SeekOutOfRange);
 }
 
 TEST_F(BrickDiskStreamTest, WriteEndingBeyondTheVirtualLengthRaisesIt)
@@ -239,7 +227,7 @@ TEST_F(BrickDiskStreamTest, SetVirtualLengthAboveThePositionKeepsThePosition)
 
 TEST_F(BrickDiskStreamTest, SetVirtualLengthBelowZeroFailsAsASeek)
 {
-    expectBareIOError([&] { stream->setVirtualLength(-1); }, CIOError::SeekOutOfRange);
+    testsupport::expectBareIOError([&] { stream->setVirtualLength(-1); }, CIOError::SeekOutOfRange);
     EXPECT_EQ(stream->getLength(), kDiskSize);
 }
 
@@ -294,7 +282,7 @@ TEST_F(BrickDiskStreamTest, LockRangeIsNeverSupported)
 
 TEST_F(BrickDiskStreamTest, SetLengthIsNotSupported)
 {
-    expectBareIOError([&] { stream->setLength(100); }, CIOError::SetLengthNotSupported);
+    testsupport::expectBareIOError([&] { stream->setLength(100); }, CIOError::SetLengthNotSupported);
     EXPECT_EQ(stream->getLength(), kDiskSize);
 }
 
@@ -387,7 +375,7 @@ TEST_F(BrickDiskStreamTest, AClosedStreamAnswersOnlyGetURICloseAndLockRange)
         [&] { stream->setVirtualLength(0); },
     };
     for (const auto& operation : operations)
-        expectBareIOError(operation, CIOError::StreamClosed);
+        testsupport::expectBareIOError(operation, CIOError::StreamClosed);
 }
 
 TEST_F(BrickDiskStreamTest, ADamagedBrickFailsOnlyWhenTheReaderReachesIt)

@@ -79,18 +79,6 @@ protected:
     P<CBrickDiskStreamWithCache> stream;
 };
 
-void expectBareIOError(const std::function<void()>& operation, CIOError::Code code)
-{
-    try {
-        operation();
-        ADD_FAILURE() << "no error thrown";
-    } catch (const CIOError& e) {
-        EXPECT_EQ(e.getCode(), code);
-        EXPECT_TRUE(e.getMessage().isEmpty());
-        EXPECT_TRUE(e.getProps().isEmpty());
-    }
-}
-
 TEST_F(BrickDiskStreamWithCacheTest, StartsAtZeroWithTheDiskSizeAndFolder)
 {
     disk->seek(1000);
@@ -131,8 +119,8 @@ TEST_F(BrickDiskStreamWithCacheTest, SeekMovesOnlyTheStreamPosition)
 TEST_F(BrickDiskStreamWithCacheTest, SeekOutsideTheLengthThrows)
 {
     stream->seek(kDiskSize);
-    expectBareIOError([&] { stream->seek(kDiskSize + 1); }, CIOError::SeekOutOfRange);
-    expectBareIOError([&] { stream->seek(-1); }, CIOError::SeekOutOfRange);
+    testsupport::expectBareIOError([&] { stream->seek(kDiskSize + 1); }, CIOError::SeekOutOfRange);
+    testsupport::expectBareIOError([&] { stream->seek(-1); }, CIOError::SeekOutOfRange);
     EXPECT_EQ(stream->getPosition(), kDiskSize);
 }
 
@@ -271,7 +259,7 @@ TEST_F(BrickDiskStreamWithCacheTest, SetVirtualLengthMovesAPositionBeyondItAndSe
     EXPECT_EQ(stream->getPosition(), 3000);
     // The inner stream moved the disk to its new virtual length.
     EXPECT_EQ(disk->getPosition(), 3000);
-    expectBareIOError([&] { stream->seek(3001); }, CIOError::SeekOutOfRange);
+    testsupport::expectBareIOError([&] { stream->seek(3001); }, CIOError::SeekOutOfRange);
 }
 
 TEST_F(BrickDiskStreamWithCacheTest, SetVirtualLengthAboveThePositionKeepsIt)
@@ -297,7 +285,7 @@ TEST_F(BrickDiskStreamWithCacheTest, LockRangeIsNeverSupported)
 
 TEST_F(BrickDiskStreamWithCacheTest, SetLengthIsNotSupported)
 {
-    expectBareIOError([&] { stream->setLength(10); }, CIOError::SetLengthNotSupported);
+    testsupport::expectBareIOError([&] { stream->setLength(10); }, CIOError::SetLengthNotSupported);
 }
 
 TEST_F(BrickDiskStreamWithCacheTest, CreateWriteBarrierFlushesTheDisk)
@@ -342,9 +330,9 @@ TEST_F(BrickDiskStreamWithCacheTest, AfterCloseCachedBricksStillReadAndTheRestNe
     EXPECT_EQ(stream->getPosition(), 150);
 
     char byte = 0;
-    expectBareIOError([&] { readAt(*stream, 5 * kBrickSize, 1); }, CIOError::StreamClosed);
-    expectBareIOError([&] { stream->write(&byte, 1); }, CIOError::StreamClosed);
-    expectBareIOError([&] { stream->flush(); }, CIOError::StreamClosed);
+    testsupport::expectBareIOError([&] { readAt(*stream, 5 * kBrickSize, 1); }, CIOError::StreamClosed);
+    testsupport::expectBareIOError([&] { stream->write(&byte, 1); }, CIOError::StreamClosed);
+    testsupport::expectBareIOError([&] { stream->flush(); }, CIOError::StreamClosed);
     EXPECT_THROW(stream->lockRange(0, 1, zo::IStreamBase::SharedLock), CFileSystemError);
 }
 

@@ -62,18 +62,6 @@ protected:
     P<CBrickDisk> disk;
 };
 
-void expectBareIOError(const std::function<void()>& operation, CIOError::Code code)
-{
-    try {
-        operation();
-        ADD_FAILURE() << "no error thrown";
-    } catch (const CIOError& e) {
-        EXPECT_EQ(e.getCode(), code);
-        EXPECT_TRUE(e.getMessage().isEmpty());
-        EXPECT_TRUE(e.getProps().isEmpty());
-    }
-}
-
 TEST_F(BrickDiskStreamWithParallelReadAheadTest, StartsAtZeroWithTheDiskSizeAndFolder)
 {
     const auto stream = openStream(2);
@@ -224,7 +212,7 @@ TEST_F(BrickDiskStreamWithParallelReadAheadTest, AClosedStreamStillAnswersItsLen
         [&] { stream->isEndOfStream_NonBlocking(); },
     };
     for (const auto& operation : operations)
-        expectBareIOError(operation, CIOError::StreamClosed);
+        testsupport::expectBareIOError(operation, CIOError::StreamClosed);
 }
 
 TEST_F(BrickDiskStreamWithParallelReadAheadTest, CloseEndsTheThreadsAndReleasesTheDisk)

@@ -92,6 +92,18 @@ void roundTripOnLocalFiles(zo::int64 diskSize, int brickSize, int writePiece, un
     read = readToEndInRandomPieces(*reader, random, 5000);
 }
 
+void expectBareIOError(const std::function<void()>& operation, zo::CIOError::Code code)
+{
+    try {
+        operation();
+        ADD_FAILURE() << "no error thrown";
+    } catch (const zo::CIOError& e) {
+        EXPECT_EQ(e.getCode(), code);
+        EXPECT_TRUE(e.getMessage().isEmpty());
+        EXPECT_TRUE(e.getProps().isEmpty());
+    }
+}
+
 void expectReadPastTheEndCopiesWhatRemains(zo::IInStream& stream, const zo::CURI& uri, const Bytes& content)
 {
     const zo::int64 length = content.getUsed();

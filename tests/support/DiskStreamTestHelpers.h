@@ -5,6 +5,7 @@
 
 #include "brick/BrickDisk.h"
 #include "support/BrickTestHelpers.h"
+#include "zo/Error.h"
 #include "zo/FileSystem.h"
 #include "zo/MemoryFileSystem.h"
 #include "zo/Stream.h"
@@ -57,6 +58,11 @@ void roundTripOnLocalFiles(zo::int64 diskSize, int brickSize, int writePiece, un
 // message and "uri" (`uri`) as its only property, the 10 bytes that remain
 // copied, and the position left at the end.
 void expectReadPastTheEndCopiesWhatRemains(zo::IInStream& stream, const zo::CURI& uri, const Bytes& content);
+
+// Runs `operation` and expects it to throw zo::CIOError `code` with an empty
+// message and no properties, as the streams do for misuse such as a seek
+// out of range or any call on a closed stream.
+void expectBareIOError(const std::function<void()>& operation, zo::CIOError::Code code);
 
 // `count` bytes of `bytes` from `offset` on.
 Bytes sliceOf(const Bytes& bytes, zo::int64 offset, zo::int64 count);
