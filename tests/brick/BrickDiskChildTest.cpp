@@ -96,6 +96,17 @@ protected:
         model.grandchild = model.child;
         return model;
     }
+    // Makes that chain with pattern bytes drawn from `seed` over the whole
+    // parent and nothing in the child and the grandchild; returns the bytes.
+    Bytes makeChainOverAFullParent(unsigned seed)
+    {
+        createParent();
+        const Bytes bytes = testsupport::patternBytes(static_cast<int>(kDiskSize), seed);
+        testsupport::writeAt(*open("/disks/parent"), 0, bytes);
+        createChild("/disks/child", "/disks/parent");
+        createChild("/disks/grandchild", "/disks/child");
+        return bytes;
+    }
     void expectChainReads(const ChainModel& model)
     {
         EXPECT_EQ(contentOf("/disks/parent"), model.parent);
@@ -308,11 +319,7 @@ TEST_F(BrickDiskChildTest, GrandchildWritesStayInTheGrandchild)
 
 TEST_F(BrickDiskChildTest, MiddleDiskWrittenWhereOnlyItsParentHoldsABrickLeavesTheGrandchildItsBytes)
 {
-    createParent();
-    const Bytes parentModel = testsupport::patternBytes(static_cast<int>(kDiskSize), 5);
-    testsupport::writeAt(*open("/disks/parent"), 0, parentModel);
-    createChild("/disks/child", "/disks/parent");
-    createChild("/disks/grandchild", "/disks/child");
+    const Bytes parentModel = makeChainOverAFullParent(5);
 
     // Brick 2 as a whole and part of brick 4: the child holds neither yet.
     Bytes childModel = parentModel;
@@ -348,11 +355,7 @@ TEST_F(BrickDiskChildTest, EveryDiskOfAChainKeepsItsViewWhileTheMiddleDiskIsWrit
 
 TEST_F(BrickDiskChildTest, FailedCopyOfTheParentBrickIntoTheGrandchildStoresNothing)
 {
-    createParent();
-    const Bytes parentModel = testsupport::patternBytes(static_cast<int>(kDiskSize), 6);
-    testsupport::writeAt(*open("/disks/parent"), 0, parentModel);
-    createChild("/disks/child", "/disks/parent");
-    createChild("/disks/grandchild", "/disks/child");
+    const Bytes parentModel = makeChainOverAFullParent(6);
     fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 1, zo::CFileSystemError::NoSpace, true,
                       CURI("/disks/grandchild"));
 
@@ -370,11 +373,7 @@ TEST_F(BrickDiskChildTest, FailedCopyOfTheParentBrickIntoTheGrandchildStoresNoth
 
 TEST_F(BrickDiskChildTest, UnreadableParentBrickStopsTheMiddleDiskWriteAndNamesTheFile)
 {
-    createParent();
-    const Bytes parentModel = testsupport::patternBytes(static_cast<int>(kDiskSize), 8);
-    testsupport::writeAt(*open("/disks/parent"), 0, parentModel);
-    createChild("/disks/child", "/disks/parent");
-    createChild("/disks/grandchild", "/disks/child");
+    const Bytes parentModel = makeChainOverAFullParent(8);
     const P<CBrickDisk> child = open("/disks/child");
     fs->failStreamReads(CURI("/disks/parent"), zo::CFileSystemError::Unclassified);
 
