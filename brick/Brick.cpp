@@ -157,17 +157,8 @@ CURI CBrick::getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickInde
 void CBrick::loadBrickPayload()
 {
     try {
-        if (!loadFromStorer()) {
-            bool found = false;
-            for (const CURI& folder : m_searchFolders) {
-                if (loadFromFolder(folder)) {
-                    found = true;
-                    break;
-                }
-            }
-            if (!found)
-                fillPayloadWithZeros();
-        }
+        if (!loadFromStorer() && !loadFromSearchFolders())
+            fillPayloadWithZeros();
     } catch (const std::exception& e) {
         zo::logError(e,
                      "Error loading brick payload (diskFolder:" + m_diskFolder.toString(true) +
@@ -193,14 +184,44 @@ bool CBrick::loadFromStorer()
     return true;
 }
 
-bool CBrick::loadFromFolder(const CURI& folder)
+// A parent disk may be written by another process or thread while this disk
+// reads it (a snapshot read while its origin changes). Its writer always
+// copies a brick's old file into the child before it replaces the brick, so a
+// file taken from an ancestor's folder is the right version only if the nearer
+// folders still lack the brick after the file was read: had the writer
+// replaced the file in the meantime, the nearer folder would already hold the
+// old copy. So after each read from an ancestor the nearer folders are looked
+// at again, and when one of them has gained the brick it is read from there.
+bool CBrick::loadFromSearchFolders()
 {
-    const P<zo::CMemPoolBuffer> file = readBrickFile(folder);
-    if (!file)
-        return false;
-    m_payload.setUsed(0);
-    m_preparer->unprepareData(*file, m_payload);
-    return true;
+    const std::vector<CURI> folders(m_searchFolders.begin(), m_searchFolders.end());
+    const CURI relativeURI = getRelativeBrickURI();
+    size_t first = 0;
+    // Each legitimate retry reads from a nearer folder than the one before, so
+    // there are fewer retries than folders; past that a file that is listed
+    // but cannot be read is taken as missing, as on the first pass.
+    for (size_t attempt = 0;; ++attempt) {
+        P<zo::CMemPoolBuffer> file;
+        size_t found = first;
+        for (; found < folders.size() && !file; ++found)
+            file = readBrickFile(folders[found]);
+        if (!file)
+            return false;
+        --found;
+        size_t nearer = 0;
+        if (attempt < folders.size()) {
+            while (nearer < found && !m_fs->fileExists(folders[nearer] << relativeURI))
+                ++nearer;
+        } else {
+            nearer = found;
+        }
+        if (nearer == found) {
+            m_payload.setUsed(0);
+            m_preparer->unprepareData(*file, m_payload);
+            return true;
+        }
+        first = nearer;
+    }
 }
 
 P<zo::CMemPoolBuffer> CBrick::readBrickFile(const CURI& folder)
@@ -223,7 +244,7 @@ P<zo::CMemPoolBuffer> CBrick::readBrickFile(const CURI& folder)
 // is written, the child receives a copy of that parent's file: the storer then
 // finds the brick already present in the child and leaves it there, so the
 // child keeps reading what it read before (instead of the zeros the storer
-// would give a child when this disk has no old file to move).
+// would give a child when this disk has no old file to copy).
 void CBrick::copyParentBrickIntoChild(const CURI& relativeURI)
 {
     if (m_childFolder.isEmpty() || m_searchFolders.size() < 2)

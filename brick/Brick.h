@@ -29,7 +29,7 @@ public:
 
     // A brick object over the disk in `diskFolder`. Bricks are searched in
     // `diskFolder`, then in `parentFolders` in order. A changed brick first
-    // moves its old file into `childFolder` when that is not empty. At most
+    // copies its old file into `childFolder` when that is not empty. At most
     // `maxBackgroundOps` saves run at once (values below 1 count as 1).
     // Prepares the all-zero brick once; throws what the preparer throws.
     CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
@@ -86,7 +86,9 @@ protected:
 
 private:
     bool loadFromStorer();
-    bool loadFromFolder(const CURI& folder);
+    // Loads the brick from the nearest search folder that holds its file;
+    // false when none does.
+    bool loadFromSearchFolders();
     // The bytes of the current brick's file in `folder`; null when the folder
     // has no file for it.
     P<zo::CMemPoolBuffer> readBrickFile(const CURI& folder);

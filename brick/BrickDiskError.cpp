@@ -10,6 +10,12 @@ CBrickDiskError::CBrickDiskError(ErrorCode code, const zo::CURI& diskFolder)
 {
 }
 
+CBrickDiskError::CBrickDiskError(ErrorCode code, const zo::CURI& diskFolder, const zo::CError* cause)
+    : zo::CError(makeErrorMessage(code), "brick", static_cast<zo::int64>(code),
+                 zo::CProps().add(getDiskFolderPropertyName(), diskFolder.toString(true)), cause)
+{
+}
+
 zo::String CBrickDiskError::makeErrorMessage(ErrorCode code)
 {
     switch (code) {
@@ -17,6 +23,8 @@ zo::String CBrickDiskError::makeErrorMessage(ErrorCode code)
         return "A newer software version is required to access this disk.";
     case IncorrectPassword:
         return "The encryption password is incorrect.";
+    case DiskInUse:
+        return "The disk is in use by another process.";
     }
     return "Unknown brick disk error.";
 }

@@ -17,12 +17,18 @@ public:
         NewerSoftwareRequired = 0,
         // The password does not give the key recorded in the disk header.
         IncorrectPassword = 1,
+        // Another process (or another lock in this one) uses the disk in a
+        // way that excludes this use; the property "holder" says who, where
+        // it is known.
+        DiskInUse = 2,
     };
 
     // Message from makeErrorMessage(code), domain "brick", the code as the
     // error code, and one property "diskFolder" with diskFolder.toString(true).
     // No cause.
     CBrickDiskError(ErrorCode code, const zo::CURI& diskFolder);
+    // The same with `cause` (copied) as the cause.
+    CBrickDiskError(ErrorCode code, const zo::CURI& diskFolder, const zo::CError* cause);
     CBrickDiskError(const CBrickDiskError& other) = default;
     CBrickDiskError& operator=(const CBrickDiskError& other) = default;
     ~CBrickDiskError() override = default;

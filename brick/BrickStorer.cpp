@@ -77,7 +77,7 @@ void CBrickStorer::begin()
     } else {
         m_expectedOps = 2;
         m_overwrite = false;
-        doMoveToChild();
+        doCopyToChild();
     }
 }
 
@@ -112,11 +112,11 @@ void CBrickStorer::onDone(const CError* error)
 {
     const P<CBrickStorer> keepAlive(this);
     const int state = m_state.load();
-    if (state < moveToChild || state >= end)
+    if (state < copyToChild || state >= end)
         throw CError("INTERNAL ERROR: Unknown state in CBrickStorer::onDone: " + zo::toDecimalString(state));
     try {
         switch (state) {
-        case moveToChild: onDone_moveToChild(error); break;
+        case copyToChild: onDone_copyToChild(error); break;
         case storeBrick: onDone_storeBrick(error); break;
         case storeZeroBrickInChild: onDone_storeZeroBrickInChild(error); break;
         default: onCreateFolderStepDone(error); break;
@@ -130,10 +130,10 @@ void CBrickStorer::onDone(const CError* error)
     }
 }
 
-void CBrickStorer::doMoveToChild()
+void CBrickStorer::doCopyToChild()
 {
-    m_state = moveToChild;
-    m_fs->beginMoveFile(m_diskFolder << m_relativeURI, m_childFolder << m_childRelativeURI, false, this);
+    m_state = copyToChild;
+    m_fs->beginCopyFile(m_diskFolder << m_relativeURI, m_childFolder << m_childRelativeURI, false, this);
 }
 
 void CBrickStorer::countFinishedStep()
@@ -143,11 +143,12 @@ void CBrickStorer::countFinishedStep()
     m_uploadedBytes = 0;
 }
 
-void CBrickStorer::onDone_moveToChild(const CError* error)
+void CBrickStorer::onDone_copyToChild(const CError* error)
 {
     countFinishedStep();
     if (!error) {
-        m_overwrite = false;
+        // The old file is still here: the new one replaces it.
+        m_overwrite = true;
         doStoreBrick();
         return;
     }
@@ -319,7 +320,7 @@ void CBrickStorer::onDone_createChildParentFolder()
 {
     countFinishedStep();
     m_childParentFolderCreated = true;
-    doMoveToChild();
+    doCopyToChild();
 }
 
 void CBrickStorer::onDone_createParentFolder()

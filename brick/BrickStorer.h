@@ -30,13 +30,14 @@ using zo::uint8;
 // asynchronous file-system operation, and its completion (onDone, on a thread
 // of the file system) chooses the next step.
 //
-//   moveToChild (0)             when the disk has a child: move the old brick
+//   copyToChild (0)             when the disk has a child: copy the old brick
 //                               file into the child, so the child keeps it.
-//                               Success: store without overwrite. The child
-//                               already has the brick: store with overwrite.
-//                               First other failure: create the child's brick
-//                               folders, then move again. The old file is
-//                               missing: store a zero brick into the child.
+//                               Success, or the child already has the brick:
+//                               store with overwrite. First other failure:
+//                               create the child's brick folders, then copy
+//                               again. The old file is missing: store a zero
+//                               brick into the child, then store without
+//                               overwrite.
 //   createChildParentFolder (1) creating the child's brick folders.
 //   storeZeroBrickInChild (2)   the child gets an all-zero brick, because this
 //                               disk had no file (skipped when the new content
@@ -49,6 +50,11 @@ using zo::uint8;
 //   createParentFolder (4)      creating this disk's brick folders.
 //   end (5)                     done; the error, if any, is kept.
 //
+// The old file stays in this disk until the new one replaces it in one atomic
+// store, so a stop at any step leaves every disk of the chain reading each
+// brick with its old or its new content: the child gains its copy before this
+// disk changes, and this disk never lacks the brick in between.
+//
 // Folders are created from the deepest up: while the parent of a folder is
 // missing the creation climbs one level, and once one level exists it comes
 // back down creating each folder.
@@ -59,7 +65,7 @@ using zo::uint8;
 class CBrickStorer : public zo::CBase, public IDoneListener {
 public:
     enum State {
-        moveToChild = 0,
+        copyToChild = 0,
         createChildParentFolder = 1,
         storeZeroBrickInChild = 2,
         storeBrick = 3,
@@ -81,7 +87,7 @@ public:
     };
 
     // Creates a storer and starts its first operation on the calling thread:
-    // with an empty `childRelativeURI` the store itself, otherwise the move of
+    // with an empty `childRelativeURI` the store itself, otherwise the copy of
     // the old brick into the child. `preparedData` null stores an all-zero
     // brick (by deleting the file); `preparedZeroBrick` is the prepared form
     // of an all-zero brick, stored into the child when this disk has no file
@@ -127,7 +133,7 @@ protected:
     // Starts the first operation (see start).
     void begin();
 
-    void doMoveToChild();
+    void doCopyToChild();
     void doCreateChildParentFolder();
     void doStoreZeroBrickInChild();
     void doStoreBrick();
@@ -138,7 +144,7 @@ protected:
     void initCreateFolderURIs(const CURI& base, const CURI& relativeFolder);
     void beginCreateFolderOp();
     void onCreateFolderStepDone(const CError* error);
-    void onDone_moveToChild(const CError* error);
+    void onDone_copyToChild(const CError* error);
     void onDone_createChildParentFolder();
     void onDone_storeZeroBrickInChild(const CError* error);
     void onDone_storeBrick(const CError* error);

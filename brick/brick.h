@@ -8,6 +8,7 @@
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskLink.h"
+#include "brick/BrickDiskLock.h"
 #include "brick/BrickDiskStream.h"
 #include "brick/BrickDiskStreamWithCache.h"
 #include "brick/BrickDiskStreamWithParallelReadAhead.h"

@@ -112,6 +112,7 @@ public:
         IsAFolder = 7,     // a file operation named a folder
         FolderNotEmpty = 8,
         InvalidName = 9,
+        Locked = 10,       // a lock held by someone else is in the way
     };
 
     // Takes the cause's message and properties, adds the problem and keeps the

@@ -9,7 +9,8 @@
 // Problems (CFileSystemError) that callers rely on:
 //   NotFound (1)       the file, or a folder on its path, does not exist;
 //   AlreadyExists (2)  the target already exists;
-//   NotSupported (6)   the operation is not supported.
+//   NotSupported (6)   the operation is not supported;
+//   Locked (10)        a lock held by someone else is in the way.
 #pragma once
 
 #include "zo/Base.h"
@@ -42,6 +43,14 @@ public:
     virtual int64 getSize() const = 0;
 };
 
+// A lock taken with IFileSystem::lockFolder. Dropping the last reference
+// releases it (never throwing); a process that dies releases its locks too,
+// at once on a local file system, after a lease on a remote one.
+class IFileSystemLock : public virtual IBase {
+public:
+    virtual bool isExclusive() const = 0;
+};
+
 class IFileSystem : public virtual IBase {
 public:
     // Stores `size` bytes read from `source` as `file`. The store is atomic
@@ -58,6 +67,13 @@ public:
     // AlreadyExists; a missing source, or a missing folder on the target's
     // path, fails with NotFound.
     virtual P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
+                                           IDoneListener* listener) = 0;
+    // Copies a file and leaves the source in place. The copy is complete and
+    // durable when the listener hears of success; a reader of `to` sees no
+    // file or the whole copy. With `overwrite` false an existing target fails
+    // with AlreadyExists; a missing source, or a missing folder on the
+    // target's path, fails with NotFound.
+    virtual P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
                                            IDoneListener* listener) = 0;
     // Deletes a file; a missing file succeeds.
     virtual P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) = 0;
@@ -83,6 +99,20 @@ public:
 
     // The names of the entries of a folder, sorted (NotFound when missing).
     virtual TList<String> listFolder(const CURI& folder) = 0;
+
+    // Takes a shared or an exclusive lock on the existing folder `folder`,
+    // without waiting: a conflicting lock held by anyone else, this process
+    // included, fails at once with Locked and, where the file system can tell,
+    // the property "holder" describing who holds it. Locks are advisory: they
+    // keep out only those who lock too. A file system that cannot lock fails
+    // with NotSupported. The lock is held until the returned object goes.
+    virtual P<IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) = 0;
+    // Removes, from `folder` and every folder below it, the temporary files
+    // that stores and copies of this file system leave behind when their
+    // process dies before they end; returns how many it removed. Call it only
+    // while no store or copy into that tree can run (under an exclusive lock).
+    // A file system whose stores leave nothing behind returns 0 at once.
+    virtual int removeTemporaryFiles(const CURI& folder) = 0;
 };
 
 } // namespace zo

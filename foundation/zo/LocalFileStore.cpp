@@ -154,13 +154,14 @@ void syncLocalFolder(const std::string& folder)
         throw makeErrnoError(syncErrno, "fsync", String(folder));
 }
 
-void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, bool sync)
+namespace {
+
+// Makes a filled temporary file durable and puts it in place as `file`:
+// renamed over it (overwrite) or linked without replacing anything.
+void placeTemporaryFile(CTemporaryFile& temporary, const CURI& file, bool overwrite, bool sync)
 {
     const String targetPath = file.toString(true);
     const std::string target = file.toLocalPath();
-    const std::string folder = localParentFolder(file);
-    CTemporaryFile temporary(folder, file.getName().toUTF8(), targetPath);
-    copyFromSource(temporary.getFd(), size, source, targetPath);
     if (sync && ::fsync(temporary.getFd()) != 0)
         throw makeErrnoError(errno, "fsync", targetPath);
     temporary.close(targetPath);
@@ -174,7 +175,108 @@ void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrit
         temporary.remove();
     }
     if (sync)
+        syncLocalFolder(localParentFolder(file));
+}
+
+CFileSystemError copyError(int errnoValue, const char* action, const CURI& from, const CURI& to)
+{
+    CFileSystemError error = makeErrnoError(errnoValue, action, from.toString(true));
+    error.getProps().add("targetPath", to.toString(true));
+    return error;
+}
+
+// An open file descriptor, closed when the object goes.
+class CFileDescriptor {
+public:
+    explicit CFileDescriptor(int fd) : m_fd(fd) {}
+    ~CFileDescriptor() { ::close(m_fd); }
+    CFileDescriptor(const CFileDescriptor&) = delete;
+    CFileDescriptor& operator=(const CFileDescriptor&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+// The whole-file copy for targets on another file system than the source.
+void copyLocalFileBytes(const CURI& from, const CURI& to, bool overwrite, bool sync)
+{
+    const int sourceFd = ::open(from.toLocalPath().c_str(), O_RDONLY | O_CLOEXEC);
+    if (sourceFd < 0)
+        throw copyError(errno, "open", from, to);
+    const CFileDescriptor source(sourceFd);
+    const String targetPath = to.toString(true);
+    CTemporaryFile temporary(localParentFolder(to), to.getName().toUTF8(), targetPath);
+    std::vector<uint8> chunk(static_cast<size_t>(copyChunkSize));
+    for (;;) {
+        const ssize_t got = ::read(source.get(), chunk.data(), chunk.size());
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            throw copyError(errno, "read", from, to);
+        }
+        if (got == 0)
+            break;
+        writeAll(temporary.getFd(), chunk.data(), static_cast<int>(got), targetPath);
+    }
+    placeTemporaryFile(temporary, to, overwrite, sync);
+}
+
+// errno values of a link that the file systems involved cannot make, where a
+// byte copy still can: another file system, no hard links, too many links.
+bool linkImpossible(int errnoValue)
+{
+    return errnoValue == EXDEV || errnoValue == EPERM || errnoValue == EMLINK || errnoValue == ENOTSUP;
+}
+
+} // namespace
+
+void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, bool sync)
+{
+    CTemporaryFile temporary(localParentFolder(file), file.getName().toUTF8(), file.toString(true));
+    copyFromSource(temporary.getFd(), size, source, file.toString(true));
+    placeTemporaryFile(temporary, file, overwrite, sync);
+}
+
+void copyLocalFile(const CURI& from, const CURI& to, bool overwrite, bool sync)
+{
+    const std::string source = from.toLocalPath();
+    const std::string target = to.toLocalPath();
+    const std::string folder = localParentFolder(to);
+    if (!overwrite) {
+        if (::link(source.c_str(), target.c_str()) != 0) {
+            if (!linkImpossible(errno))
+                throw copyError(errno, "link", from, to);
+            copyLocalFileBytes(from, to, overwrite, sync);
+            return;
+        }
+    } else {
+        // A link under a temporary name, renamed over the target, replaces
+        // the target atomically.
+        const std::string temporary = folder + "/" + makeTemporaryFileName(to.getName().toUTF8());
+        if (::link(source.c_str(), temporary.c_str()) != 0) {
+            if (!linkImpossible(errno))
+                throw copyError(errno, "link", from, to);
+            copyLocalFileBytes(from, to, overwrite, sync);
+            return;
+        }
+        if (::rename(temporary.c_str(), target.c_str()) != 0) {
+            const int renameErrno = errno;
+            ::unlink(temporary.c_str());
+            throw copyError(renameErrno, "rename", from, to);
+        }
+    }
+    if (sync)
         syncLocalFolder(folder);
+}
+
+bool isTemporaryFileName(const std::string& name)
+{
+    static const std::string prefix = ".tmp-";
+    static const std::string suffix = ".part";
+    return name.size() >= prefix.size() + 16 + 1 + suffix.size() && name.compare(0, prefix.size(), prefix) == 0 &&
+           name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0 &&
+           name[prefix.size() + 16] == '-';
 }
 
 } // namespace zo

@@ -15,9 +15,22 @@ namespace zo {
 // bytes, or whatever the source throws; no temporary file remains then.
 void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, bool sync);
 
+// Copies `from` to `to`, leaving `from` in place: a hard link where both lie
+// on one file system (this file system replaces files by renaming, never
+// changes their bytes in place, so the link keeps the source's content for
+// good), otherwise a full copy through a temporary file as a store makes it.
+// With `overwrite` the target is replaced atomically, without it an existing
+// target fails with AlreadyExists. With `sync` the copy and its folder entry
+// are durable before the call returns. Throws CFileSystemError (NotFound for
+// a missing source or target folder).
+void copyLocalFile(const CURI& from, const CURI& to, bool overwrite, bool sync);
+
 // The name of a temporary file for `targetName`: ".tmp-<16 random hex digits>-<name>.part",
 // with the name cut so that the whole stays a valid file name.
 std::string makeTemporaryFileName(const std::string& targetName);
+
+// True for names that makeTemporaryFileName makes.
+bool isTemporaryFileName(const std::string& name);
 
 // fsync of a folder, so that entries made or removed in it are durable.
 // Throws CFileSystemError.

@@ -4,6 +4,7 @@
 #include "zo/FileSystemOp.h"
 #include "zo/LocalFileStore.h"
 #include "zo/LocalFileStream.h"
+#include "zo/LocalFolderLock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -125,6 +126,51 @@ int openFlags(const CURI& file, IIOStream::Access access, int options)
                            CProps().add("uri", file.toString(true)).add("access", static_cast<int>(access)));
 }
 
+// Removes temporary files from `folder` and the folders below it; returns how many.
+int removeTemporaryFilesBelow(const std::string& folder)
+{
+    DIR* dir = ::opendir(folder.c_str());
+    if (!dir) {
+        if (isMissingErrno(errno))
+            return 0;
+        throw makeErrnoError(errno, "opendir", String(folder));
+    }
+    TArray<std::string> subfolders;
+    TArray<std::string> temporaries;
+    errno = 0;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        errno = 0;
+        if (name == "." || name == "..")
+            continue;
+        unsigned char type = entry->d_type;
+        if (type == DT_UNKNOWN) {
+            struct stat info {};
+            if (::lstat((folder + "/" + name).c_str(), &info) != 0)
+                continue;
+            type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_UNKNOWN;
+        }
+        if (type == DT_DIR)
+            subfolders.push_back(folder + "/" + name);
+        else if (type == DT_REG && isTemporaryFileName(name))
+            temporaries.push_back(folder + "/" + name);
+    }
+    const int readErrno = errno;
+    ::closedir(dir);
+    if (readErrno != 0)
+        throw makeErrnoError(readErrno, "readdir", String(folder));
+    int removed = 0;
+    for (const std::string& file : temporaries) {
+        if (::unlink(file.c_str()) == 0)
+            ++removed;
+        else if (errno != ENOENT)
+            throw makeErrnoError(errno, "unlink", String(file));
+    }
+    for (const std::string& subfolder : subfolders)
+        removed += removeTemporaryFilesBelow(subfolder);
+    return removed;
+}
+
 } // namespace
 
 CLocalFileSystem::CLocalFileSystem(int threadCount) : m_pool(CCompletionPool::create(threadCount)) {}
@@ -167,6 +213,12 @@ P<IFileSystemOp> CLocalFileSystem::beginMoveFile(const CURI& from, const CURI& t
                                                  IDoneListener* listener)
 {
     return postFileSystemOp(*m_pool, listener, [from, to, overwrite, sync = isSyncEnabled()] { moveLocalFile(from, to, overwrite, sync); });
+}
+
+P<IFileSystemOp> CLocalFileSystem::beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                                 IDoneListener* listener)
+{
+    return postFileSystemOp(*m_pool, listener, [from, to, overwrite, sync = isSyncEnabled()] { copyLocalFile(from, to, overwrite, sync); });
 }
 
 P<IFileSystemOp> CLocalFileSystem::beginDeleteFile(const CURI& file, IDoneListener* listener)
@@ -248,6 +300,16 @@ TList<String> CLocalFileSystem::listFolder(const CURI& folder)
         throw makeErrnoError(readErrno, "readdir", folder.toString(true));
     std::sort(names.begin(), names.end());
     return TList<String>(names.begin(), names.end());
+}
+
+P<IFileSystemLock> CLocalFileSystem::lockFolder(const CURI& folder, bool exclusive)
+{
+    return lockLocalFolder(folder, exclusive);
+}
+
+int CLocalFileSystem::removeTemporaryFiles(const CURI& folder)
+{
+    return removeTemporaryFilesBelow(folder.toLocalPath());
 }
 
 } // namespace zo

@@ -47,6 +47,10 @@ public:
     // overwrite: renameat2, or link and unlink where that is not supported).
     P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
                                    IDoneListener* listener) override;
+    // A hard link where source and target lie on one file system (see
+    // copyLocalFile), otherwise a durable full copy.
+    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                   IDoneListener* listener) override;
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
 
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
@@ -61,6 +65,12 @@ public:
     bool pathExists(const CURI& path) override;
     void deleteFile(const CURI& file, bool ignoreMissing) override;
     TList<String> listFolder(const CURI& folder) override;
+    // An open-file-description lock on the file ".lock" in the folder (see
+    // lockLocalFolder): released by the kernel when the process dies.
+    P<IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override;
+    // Removes the ".tmp-<16 hex digits>-<name>.part" files of interrupted
+    // stores and copies from the tree; symbolic links are not followed.
+    int removeTemporaryFiles(const CURI& folder) override;
 
 private:
     std::atomic<bool> m_syncEnabled{true};

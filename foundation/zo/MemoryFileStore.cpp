@@ -20,6 +20,7 @@ const char* describeProblem(Problem problem)
     case CFileSystemError::NotAFolder: return "A part of the path is not a folder";
     case CFileSystemError::IsAFolder: return "It is a folder";
     case CFileSystemError::InvalidName: return "The path is empty";
+    case CFileSystemError::Locked: return "It is locked by someone else";
     default: return "It cannot be done";
     }
 }
@@ -131,24 +132,68 @@ void CMemoryFileStore::createFolderWithParentsLocked(const String& key)
     m_folders.insert(key);
 }
 
+TMap<String, P<CMemoryFileStore::FileData>>::iterator CMemoryFileStore::findSourceFile(const String& fromKey,
+                                                                                      const char* action)
+{
+    const auto source = m_files.find(fromKey);
+    if (source == m_files.end()) {
+        if (isFolder(fromKey))
+            throw memoryError(CFileSystemError::IsAFolder, action, fromKey);
+        checkParentFolder(fromKey, action);
+        throw memoryError(CFileSystemError::NotFound, action, fromKey);
+    }
+    return source;
+}
+
 void CMemoryFileStore::moveFile(const CURI& from, const CURI& to, bool overwrite)
 {
     const String fromKey = toKey(from);
     const String targetKey = toKey(to);
     std::lock_guard lock(m_mutex);
-    const auto source = m_files.find(fromKey);
-    if (source == m_files.end()) {
-        if (isFolder(fromKey))
-            throw memoryError(CFileSystemError::IsAFolder, "moveFile", fromKey);
-        checkParentFolder(fromKey, "moveFile");
-        throw memoryError(CFileSystemError::NotFound, "moveFile", fromKey);
-    }
+    const auto source = findSourceFile(fromKey, "moveFile");
     checkStoreTarget(targetKey, overwrite, "moveFile");
     if (fromKey == targetKey)
         return;
     P<FileData> data = source->second;
     m_files.erase(source);
     m_files[targetKey] = data;
+}
+
+void CMemoryFileStore::copyFile(const CURI& from, const CURI& to, bool overwrite)
+{
+    const String fromKey = toKey(from);
+    const String targetKey = toKey(to);
+    std::lock_guard lock(m_mutex);
+    const auto source = findSourceFile(fromKey, "copyFile");
+    checkStoreTarget(targetKey, overwrite, "copyFile");
+    if (fromKey == targetKey)
+        return;
+    m_files[targetKey] = P<FileData>(new FileData(*source->second));
+}
+
+void CMemoryFileStore::lockFolder(const CURI& folder, bool exclusive)
+{
+    const String key = toKey(folder);
+    std::lock_guard lock(m_mutex);
+    if (!isFolder(key))
+        throw memoryError(isFile(key) ? CFileSystemError::NotAFolder : CFileSystemError::NotFound, "lockFolder", key);
+    int& holders = m_locks[key];
+    if (holders < 0 || (exclusive && holders > 0))
+        throw memoryError(CFileSystemError::Locked, "lockFolder", key);
+    holders = exclusive ? -1 : holders + 1;
+}
+
+void CMemoryFileStore::unlockFolder(const CURI& folder, bool exclusive)
+{
+    const String key = toKey(folder);
+    std::lock_guard lock(m_mutex);
+    const auto found = m_locks.find(key);
+    if (found == m_locks.end())
+        return;
+    if (exclusive || found->second <= 1)
+        m_locks.erase(found);
+    else
+        --found->second;
 }
 
 void CMemoryFileStore::deleteFile(const CURI& file, bool ignoreMissing)

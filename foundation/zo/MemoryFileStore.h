@@ -32,6 +32,8 @@ public:
     // in the way fails with AlreadyExists.
     void createFolderWithParents(const CURI& folder);
     void moveFile(const CURI& from, const CURI& to, bool overwrite);
+    // The target gets bytes of its own, equal to the source's.
+    void copyFile(const CURI& from, const CURI& to, bool overwrite);
     // A missing file fails with NotFound unless `ignoreMissing`.
     void deleteFile(const CURI& file, bool ignoreMissing);
 
@@ -64,6 +66,11 @@ public:
     void failReads(const CURI& pathPrefix, CFileSystemError::Problem problem);
     void clearReadFailures();
 
+    // Takes a shared or exclusive lock on an existing folder: NotFound when
+    // it is missing, Locked when a conflicting lock is held.
+    void lockFolder(const CURI& folder, bool exclusive);
+    void unlockFolder(const CURI& folder, bool exclusive);
+
     // The normalized form in which paths are compared; an empty path throws
     // CFileSystemError InvalidName.
     static String toKey(const CURI& path);
@@ -80,6 +87,10 @@ private:
     TMap<String, P<FileData>> m_files;
     TSet<String> m_folders;
     TList<std::pair<String, CFileSystemError::Problem>> m_readFailures;
+    // Per locked folder: the number of shared holders, or -1 for an exclusive one.
+    TMap<String, int> m_locks;
+    // Looks up the source of a move or copy; throws as a POSIX file system would.
+    TMap<String, P<FileData>>::iterator findSourceFile(const String& fromKey, const char* action);
 };
 
 } // namespace zo

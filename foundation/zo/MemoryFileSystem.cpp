@@ -4,6 +4,7 @@
 #include "zo/FileSystemOp.h"
 #include "zo/MemoryFileStore.h"
 #include "zo/MemoryFileStream.h"
+#include "zo/Log.h"
 
 namespace zo {
 
@@ -29,6 +30,29 @@ void checkAccess(const CURI& file, IIOStream::Access access)
                                CProps().add("uri", file.toString(true)).add("access", static_cast<int>(access)));
 }
 
+// A lock of the store's lock table, released when the object goes.
+class CMemoryFolderLock : public CBase, public IFileSystemLock {
+public:
+    CMemoryFolderLock(CMemoryFileStore* store, const CURI& folder, bool exclusive)
+        : m_store(store), m_folder(folder), m_exclusive(exclusive)
+    {
+    }
+    ~CMemoryFolderLock() override
+    {
+        try {
+            m_store->unlockFolder(m_folder, m_exclusive);
+        } catch (const std::exception& e) {
+            onExceptionInDestructorIgnored("zo::CMemoryFolderLock", e, true);
+        }
+    }
+    bool isExclusive() const override { return m_exclusive; }
+
+private:
+    P<CMemoryFileStore> m_store;
+    CURI m_folder;
+    bool m_exclusive;
+};
+
 } // namespace
 
 const char* CMemoryFileSystem::getOperationName(Operation kind)
@@ -46,6 +70,8 @@ const char* CMemoryFileSystem::getOperationName(Operation kind)
     case Operation::PathExists: return "pathExists";
     case Operation::DeleteFileSync: return "deleteFileSync";
     case Operation::ListFolder: return "listFolder";
+    case Operation::CopyFile: return "copyFile";
+    case Operation::LockFolder: return "lockFolder";
     }
     return "unknown";
 }
@@ -129,7 +155,7 @@ P<CError> CMemoryFileSystem::startOperation(Operation kind, const CURI& path, co
     std::lock_guard lock(m_mutex);
     ++m_counts[static_cast<size_t>(kind)];
     String entry = String(getOperationName(kind)) + " " + path.toString(true);
-    if (kind == Operation::MoveFile)
+    if (kind == Operation::MoveFile || kind == Operation::CopyFile)
         entry += " -> " + otherPath.toString(true);
     m_log.push_back(entry);
     P<CError> failure;
@@ -193,6 +219,13 @@ P<IFileSystemOp> CMemoryFileSystem::beginMoveFile(const CURI& from, const CURI& 
     return postOperation(failure, listener, [store = m_store, from, to, overwrite] { store->moveFile(from, to, overwrite); });
 }
 
+P<IFileSystemOp> CMemoryFileSystem::beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                                  IDoneListener* listener)
+{
+    const P<CError> failure = startOperation(Operation::CopyFile, from, to);
+    return postOperation(failure, listener, [store = m_store, from, to, overwrite] { store->copyFile(from, to, overwrite); });
+}
+
 P<IFileSystemOp> CMemoryFileSystem::beginDeleteFile(const CURI& file, IDoneListener* listener)
 {
     const P<CError> failure = startOperation(Operation::DeleteFile, file);
@@ -247,6 +280,18 @@ TList<String> CMemoryFileSystem::listFolder(const CURI& folder)
 {
     startSyncOperation(Operation::ListFolder, folder);
     return m_store->listFolder(folder);
+}
+
+P<IFileSystemLock> CMemoryFileSystem::lockFolder(const CURI& folder, bool exclusive)
+{
+    startSyncOperation(Operation::LockFolder, folder);
+    m_store->lockFolder(folder, exclusive);
+    return P<IFileSystemLock>(new CMemoryFolderLock(m_store.get(), folder, exclusive));
+}
+
+int CMemoryFileSystem::removeTemporaryFiles(const CURI&)
+{
+    return 0;
 }
 
 } // namespace zo

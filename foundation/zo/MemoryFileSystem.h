@@ -36,12 +36,14 @@ public:
         PathExists,       // pathExists
         DeleteFileSync,   // deleteFile
         ListFolder,       // listFolder
+        CopyFile,         // beginCopyFile
+        LockFolder,       // lockFolder
     };
-    static constexpr int operationKindCount = 12;
+    static constexpr int operationKindCount = 14;
     // The name used in the operation log: "storeFile", "createFolder",
     // "moveFile", "deleteFile", "getFileInfo", "openStream",
     // "createFolderSync", "fileExists", "folderExists", "pathExists",
-    // "deleteFileSync", "listFolder".
+    // "deleteFileSync", "listFolder", "copyFile", "lockFolder".
     static const char* getOperationName(Operation kind);
 
     // Completions run on `threadCount` threads of the file system's own (at
@@ -82,7 +84,8 @@ public:
     int getOperationCount(Operation kind) const;
     // One entry per operation in the order they were started: the
     // operation's name, a space and its path as given, e.g.
-    // "storeFile /d/bricks/a00/00.brick"; a move reads "moveFile /a -> /b".
+    // "storeFile /d/bricks/a00/00.brick"; a move reads "moveFile /a -> /b",
+    // a copy "copyFile /a -> /b".
     TList<String> getOperationLog() const;
     // Sets the counters to zero and empties the log (failure rules keep counting).
     void resetCounters();
@@ -100,6 +103,9 @@ public:
     P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
     P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
                                    IDoneListener* listener) override;
+    // The copy gets bytes of its own.
+    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                   IDoneListener* listener) override;
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
 
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
@@ -112,6 +118,11 @@ public:
     bool pathExists(const CURI& path) override;
     void deleteFile(const CURI& file, bool ignoreMissing) override;
     TList<String> listFolder(const CURI& folder) override;
+    // Locks within this file system object: a second lock that conflicts
+    // fails with Locked, whichever thread asks. The holder is not known.
+    P<IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override;
+    // Stores are atomic here and leave nothing behind: returns 0.
+    int removeTemporaryFiles(const CURI& folder) override;
 
 private:
     struct FailureRule {

@@ -106,6 +106,10 @@ public:
     {
         return m_inner->beginMoveFile(from, to, overwrite, listener);
     }
+    P<zo::IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite, zo::IDoneListener* listener) override
+    {
+        return m_inner->beginCopyFile(from, to, overwrite, listener);
+    }
     P<zo::IFileSystemOp> beginDeleteFile(const CURI& file, zo::IDoneListener* listener) override
     {
         return m_inner->beginDeleteFile(file, listener);
@@ -127,6 +131,8 @@ public:
     bool pathExists(const CURI& path) override { return m_inner->pathExists(path); }
     void deleteFile(const CURI& file, bool ignoreMissing) override { m_inner->deleteFile(file, ignoreMissing); }
     zo::TList<zo::String> listFolder(const CURI& folder) override { return m_inner->listFolder(folder); }
+    P<zo::IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override { return m_inner->lockFolder(folder, exclusive); }
+    int removeTemporaryFiles(const CURI& folder) override { return m_inner->removeTemporaryFiles(folder); }
 
 private:
     P<CMemoryFileSystem> m_inner;

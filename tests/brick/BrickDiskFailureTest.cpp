@@ -174,13 +174,13 @@ TEST_F(BrickDiskFailureTest, FolderCreationThatAlwaysFailsIsRecordedForEveryBric
         EXPECT_EQ(problemOf(error), CFileSystemError::NoSpace);
 }
 
-TEST_F(BrickDiskFailureTest, MoveIntoTheChildThatFailsOnceIsRetriedAfterCreatingTheChildFolders)
+TEST_F(BrickDiskFailureTest, CopyIntoTheChildThatFailsOnceIsRetriedAfterCreatingTheChildFolders)
 {
     const Bytes old = testsupport::patternBytes(kBrickSize, 8);
     store(kFolder, 0, old);
     CBrickDisk::createChild(fs.get(), CURI("/disks/child"), CURI(kFolder), CBrickDisk::linkedChild);
     const P<CBrickDisk> disk = open();
-    fs->failOperation(Op::MoveFile, 1, CFileSystemError::AccessDenied, false);
+    fs->failOperation(Op::CopyFile, 1, CFileSystemError::AccessDenied, false);
     const Bytes fresh = testsupport::patternBytes(kBrickSize, 9);
 
     writeAt(*disk, 0, fresh);
@@ -191,14 +191,14 @@ TEST_F(BrickDiskFailureTest, MoveIntoTheChildThatFailsOnceIsRetriedAfterCreating
     EXPECT_EQ(readAt(*open(kFolder, IIOStream::AccessRead), 0, kBrickSize), fresh);
 }
 
-TEST_F(BrickDiskFailureTest, MoveIntoTheChildThatAlwaysFailsIsRecordedAndLeavesBothDisksAsTheyWere)
+TEST_F(BrickDiskFailureTest, CopyIntoTheChildThatAlwaysFailsIsRecordedAndLeavesBothDisksAsTheyWere)
 {
     const Bytes old = testsupport::patternBytes(kBrickSize, 10);
     store(kFolder, 0, old);
     CBrickDisk::createChild(fs.get(), CURI("/disks/child"), CURI(kFolder), CBrickDisk::linkedChild);
     const P<CBrickDisk> disk = open();
     const P<Bytes> fileBefore = fs->getFileData(brickFile(disk, kFolder, 0));
-    fs->failOperation(Op::MoveFile, 1, CFileSystemError::AccessDenied, true);
+    fs->failOperation(Op::CopyFile, 1, CFileSystemError::AccessDenied, true);
 
     writeAt(*disk, 0, testsupport::patternBytes(kBrickSize, 11));
     disk->flushChanges();

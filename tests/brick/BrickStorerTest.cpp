@@ -297,7 +297,7 @@ TEST_F(BrickStorerTest, StoresABrickThatLiesDirectlyInTheDiskFolder)
                             testsupport::countedCopy(newPrepared).get(),
                             testsupport::countedCopy(zeroPrepared).get(), nullptr);
     finish(*second);
-    EXPECT_EQ(log(), Lines({"moveFile /disk/bricks -> /child/bricks", "moveFile /disk/bricks -> /child/bricks",
+    EXPECT_EQ(log(), Lines({"copyFile /disk/bricks -> /child/bricks", "copyFile /disk/bricks -> /child/bricks",
                             "storeFile /child/bricks", "storeFile /disk/bricks"}));
     EXPECT_EQ(second->getError(), nullptr);
     EXPECT_TRUE(fileHolds("/disk/bricks", newPrepared));
@@ -306,7 +306,7 @@ TEST_F(BrickStorerTest, StoresABrickThatLiesDirectlyInTheDiskFolder)
 
 // --- With a child folder ----------------------------------------------------
 
-TEST_F(BrickStorerTest, MovesTheOldBrickIntoTheChildAndStoresWithoutOverwrite)
+TEST_F(BrickStorerTest, CopiesTheOldBrickIntoTheChildAndThenReplacesIt)
 {
     putFile(kDiskFile, oldPrepared);
     makeFolder(childFolder("bricks/b001/a023"));
@@ -316,18 +316,18 @@ TEST_F(BrickStorerTest, MovesTheOldBrickIntoTheChildAndStoresWithoutOverwrite)
     const P<CBrickStorer> storer = start(recorder.get(), true, &newPrepared, nullptr);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"moveFile " + kDiskFile + " -> " + kChildFile, "storeFile " + kDiskFile}));
-    ASSERT_EQ(recorder->getMoves().size(), 1u);
-    EXPECT_FALSE(recorder->getMoves()[0].overwrite);
+    EXPECT_EQ(log(), Lines({"copyFile " + kDiskFile + " -> " + kChildFile, "storeFile " + kDiskFile}));
+    ASSERT_EQ(recorder->getCopies().size(), 1u);
+    EXPECT_FALSE(recorder->getCopies()[0].overwrite);
     ASSERT_EQ(recorder->getStores().size(), 1u);
-    EXPECT_FALSE(recorder->getStores()[0].overwrite);
+    EXPECT_TRUE(recorder->getStores()[0].overwrite);
     EXPECT_TRUE(fileHolds(kChildFile, oldPrepared));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
     EXPECT_EQ(storer->getError(), nullptr);
     EXPECT_EQ(storer->getProgress(), 1.0);
 }
 
-TEST_F(BrickStorerTest, CreatesTheChildFoldersWhenTheMoveFindsThemMissing)
+TEST_F(BrickStorerTest, CreatesTheChildFoldersWhenTheCopyFindsThemMissing)
 {
     putFile(kDiskFile, oldPrepared);
     makeFolder("/child");
@@ -336,11 +336,11 @@ TEST_F(BrickStorerTest, CreatesTheChildFoldersWhenTheMoveFindsThemMissing)
     const P<CBrickStorer> storer = start(true, &newPrepared);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"),
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"),
                             "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks"),
                             "createFolder " + childFolder("bricks/b001"),
-                            "createFolder " + childFolder("bricks/b001/a023"), move, "storeFile " + kDiskFile}));
+                            "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kDiskFile}));
     EXPECT_TRUE(fileHolds(kChildFile, oldPrepared));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
     EXPECT_EQ(storer->getError(), nullptr);
@@ -356,11 +356,11 @@ TEST_F(BrickStorerTest, StoresAZeroBrickInTheChildWhenThisDiskHasNoFile)
     const P<CBrickStorer> storer = start(recorder.get(), true, &newPrepared, nullptr);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"),
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"),
                             "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks"),
                             "createFolder " + childFolder("bricks/b001"),
-                            "createFolder " + childFolder("bricks/b001/a023"), move, "storeFile " + kChildFile,
+                            "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
                             "storeFile " + kDiskFile}));
     const auto stores = recorder->getStores();
     ASSERT_EQ(stores.size(), 2u);
@@ -381,7 +381,7 @@ TEST_F(BrickStorerTest, OverwritesThisDisksFileWhenTheChildAlreadyHoldsTheBrick)
     const P<CBrickStorer> storer = start(recorder.get(), true, &newPrepared, nullptr);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"moveFile " + kDiskFile + " -> " + kChildFile, "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(), Lines({"copyFile " + kDiskFile + " -> " + kChildFile, "storeFile " + kDiskFile}));
     ASSERT_EQ(recorder->getStores().size(), 1u);
     EXPECT_TRUE(recorder->getStores()[0].overwrite);
     EXPECT_TRUE(fileHolds(kChildFile, childOwnPrepared));
@@ -398,18 +398,18 @@ TEST_F(BrickStorerTest, StoresNothingInTheChildForAnAllZeroBrickWithoutOldFile)
     const P<CBrickStorer> storer = start(true, nullptr);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"),
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"),
                             "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks"),
                             "createFolder " + childFolder("bricks/b001"),
-                            "createFolder " + childFolder("bricks/b001/a023"), move, "deleteFile " + kDiskFile}));
+                            "createFolder " + childFolder("bricks/b001/a023"), copy, "deleteFile " + kDiskFile}));
     EXPECT_FALSE(fileExists(kChildFile));
     EXPECT_FALSE(fileExists(kDiskFile));
     EXPECT_EQ(storer->getError(), nullptr);
     EXPECT_EQ(storer->getProgress(), 1.0);
 }
 
-TEST_F(BrickStorerTest, MovesTheOldBrickIntoTheChildBeforeDeletingForAnAllZeroBrick)
+TEST_F(BrickStorerTest, CopiesTheOldBrickIntoTheChildBeforeDeletingForAnAllZeroBrick)
 {
     putFile(kDiskFile, oldPrepared);
     makeFolder(childFolder("bricks/b001/a023"));
@@ -418,7 +418,7 @@ TEST_F(BrickStorerTest, MovesTheOldBrickIntoTheChildBeforeDeletingForAnAllZeroBr
     const P<CBrickStorer> storer = start(true, nullptr);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"moveFile " + kDiskFile + " -> " + kChildFile, "deleteFile " + kDiskFile}));
+    EXPECT_EQ(log(), Lines({"copyFile " + kDiskFile + " -> " + kChildFile, "deleteFile " + kDiskFile}));
     EXPECT_TRUE(fileHolds(kChildFile, oldPrepared));
     EXPECT_FALSE(fileExists(kDiskFile));
 }
@@ -432,8 +432,8 @@ TEST_F(BrickStorerTest, CreatesThisDisksFoldersAfterStoringTheZeroBrickInTheChil
     const P<CBrickStorer> storer = start(true, &newPrepared);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "storeFile " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
                             "storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
                             "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks"),
                             "createFolder " + diskFolder("bricks/b001"),
@@ -442,19 +442,19 @@ TEST_F(BrickStorerTest, CreatesThisDisksFoldersAfterStoringTheZeroBrickInTheChil
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
 }
 
-TEST_F(BrickStorerTest, EndsWithTheMoveErrorWhenOnlyThisDiskHoldsTheFileAndTheMoveKeepsFailing)
+TEST_F(BrickStorerTest, EndsWithTheCopyErrorWhenOnlyThisDiskHoldsTheFileAndTheCopyKeepsFailing)
 {
     putFile(kDiskFile, oldPrepared);
     makeFolder(childFolder("bricks/b001/a023"));
-    fs->failOperation(Op::MoveFile, 1, CFileSystemError::AccessDenied, true);
+    fs->failOperation(Op::CopyFile, 1, CFileSystemError::AccessDenied, true);
     startLogging();
     const P<CountingListener> listener(new CountingListener());
 
     const P<CBrickStorer> storer = start(true, &newPrepared, listener.get());
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "pathExists " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
                             "pathExists " + kDiskFile}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_EQ(CFileSystemError::getProblem(storer->getError()->getProps()), CFileSystemError::AccessDenied);
@@ -463,19 +463,19 @@ TEST_F(BrickStorerTest, EndsWithTheMoveErrorWhenOnlyThisDiskHoldsTheFileAndTheMo
     EXPECT_FALSE(fileExists(kChildFile));
 }
 
-TEST_F(BrickStorerTest, OverwritesWhenTheMoveKeepsFailingButTheChildHoldsTheBrick)
+TEST_F(BrickStorerTest, OverwritesWhenTheCopyKeepsFailingButTheChildHoldsTheBrick)
 {
     putFile(kDiskFile, oldPrepared);
     putFile(kChildFile, childOwnPrepared);
-    fs->failOperation(Op::MoveFile, 1, CFileSystemError::AccessDenied, true);
+    fs->failOperation(Op::CopyFile, 1, CFileSystemError::AccessDenied, true);
     startLogging();
     const P<SteppedFileSystem> recorder(new SteppedFileSystem(fs.get(), false));
 
     const P<CBrickStorer> storer = start(recorder.get(), true, &newPrepared, nullptr);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "pathExists " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
                             "storeFile " + kDiskFile}));
     ASSERT_EQ(recorder->getStores().size(), 1u);
     EXPECT_TRUE(recorder->getStores()[0].overwrite);
@@ -484,18 +484,18 @@ TEST_F(BrickStorerTest, OverwritesWhenTheMoveKeepsFailingButTheChildHoldsTheBric
     EXPECT_TRUE(fileHolds(kChildFile, childOwnPrepared));
 }
 
-TEST_F(BrickStorerTest, StoresTheZeroBrickWhenTheMoveKeepsFailingAndNeitherDiskHoldsTheBrick)
+TEST_F(BrickStorerTest, StoresTheZeroBrickWhenTheCopyKeepsFailingAndNeitherDiskHoldsTheBrick)
 {
     makeFolder(diskFolder("bricks/b001/a023"));
     makeFolder(childFolder("bricks/b001/a023"));
-    fs->failOperation(Op::MoveFile, 1, CFileSystemError::AccessDenied, true);
+    fs->failOperation(Op::CopyFile, 1, CFileSystemError::AccessDenied, true);
     startLogging();
 
     const P<CBrickStorer> storer = start(true, &newPrepared);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "pathExists " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
                             "pathExists " + kDiskFile, "storeFile " + kChildFile, "storeFile " + kDiskFile}));
     EXPECT_EQ(storer->getError(), nullptr);
     EXPECT_TRUE(fileHolds(kChildFile, zeroPrepared));
@@ -512,8 +512,8 @@ TEST_F(BrickStorerTest, TakesAnUnclassifiedZeroBrickFailureAsAlreadyThereWhenThe
     const P<CBrickStorer> storer = start(true, &newPrepared);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "storeFile " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
                             "fileExists " + kChildFile, "storeFile " + kDiskFile}));
     EXPECT_EQ(storer->getError(), nullptr);
     EXPECT_TRUE(fileHolds(kChildFile, childOwnPrepared));
@@ -530,8 +530,8 @@ TEST_F(BrickStorerTest, EndsWhenTheZeroBrickCannotBeStoredInTheChild)
     const P<CBrickStorer> storer = start(true, &newPrepared);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "storeFile " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
                             "fileExists " + kChildFile}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_FALSE(fileExists(kDiskFile));
@@ -549,8 +549,8 @@ TEST_F(BrickStorerTest, RemovesTheChildsZeroBrickWhenTheFinalStoreFails)
     const P<CBrickStorer> storer = start(true, &newPrepared, listener.get());
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "storeFile " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
                             "storeFile " + kDiskFile, "deleteFileSync " + kChildFile}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_EQ(CFileSystemError::getProblem(storer->getError()->getProps()), CFileSystemError::AccessDenied);
@@ -569,8 +569,8 @@ TEST_F(BrickStorerTest, RemovesTheChildsZeroBrickWhenTheStoreStillFailsAfterMaki
     const P<CBrickStorer> storer = start(true, &newPrepared);
     finish(*storer);
 
-    const std::string move = "moveFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({move, "createFolder " + childFolder("bricks/b001/a023"), move, "storeFile " + kChildFile,
+    const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
+    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
                             "storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
                             "storeFile " + kDiskFile, "deleteFileSync " + kChildFile}));
     ASSERT_NE(storer->getError(), nullptr);
@@ -598,7 +598,7 @@ TEST_F(BrickStorerTest, EndsWithTheErrorWhenTheFileSystemCannotTellWhetherAPathE
 {
     putFile(kDiskFile, oldPrepared);
     makeFolder(childFolder("bricks/b001/a023"));
-    fs->failOperation(Op::MoveFile, 1, CFileSystemError::AccessDenied, true);
+    fs->failOperation(Op::CopyFile, 1, CFileSystemError::AccessDenied, true);
     fs->failOperation(Op::PathExists, 1, CFileSystemError::AccessDenied, true);
     const P<CountingListener> listener(new CountingListener());
 
@@ -632,7 +632,7 @@ TEST_F(BrickStorerTest, EndsWithTheErrorWhenALaterOperationCannotBeStarted)
 TEST_F(BrickStorerTest, ThrowsFromStartWhenTheFirstOperationCannotBeStarted)
 {
     const P<SteppedFileSystem> refusing(new SteppedFileSystem(fs.get(), false));
-    refusing->throwOnStart(Op::MoveFile, 1, CFileSystemError::AccessDenied);
+    refusing->throwOnStart(Op::CopyFile, 1, CFileSystemError::AccessDenied);
     const P<CountingListener> listener(new CountingListener());
 
     EXPECT_THROW(start(refusing.get(), true, &newPrepared, listener.get()), CFileSystemError);
@@ -783,7 +783,7 @@ std::ostream& operator<<(std::ostream& out, const StorePath& path)
 }
 
 const std::map<std::string, Op> kOperationByName = {
-    {"storeFile", Op::StoreFile},   {"createFolder", Op::CreateFolder}, {"moveFile", Op::MoveFile},
+    {"storeFile", Op::StoreFile},   {"createFolder", Op::CreateFolder}, {"copyFile", Op::CopyFile},
     {"deleteFile", Op::DeleteFile}, {"pathExists", Op::PathExists},     {"fileExists", Op::FileExists},
     {"deleteFileSync", Op::DeleteFileSync}};
 
@@ -866,8 +866,8 @@ protected:
             expectFile(kChildFile, expectedChildAfterSuccess(), context);
     }
 
-    // A failed save leaves the brick's old content visible: in this disk
-    // when the old file was not moved, otherwise in the child.
+    // A failed save leaves the brick's old content in this disk, and the
+    // child either still without the brick or with its copy of it.
     void expectFailedOutcome(const std::string& context)
     {
         const StorePath& path = GetParam();
@@ -878,9 +878,8 @@ protected:
         if (path.childHoldsBrick) {
             expectFile(kChildFile, &childOwnPrepared, context);
         } else if (path.oldFileInDisk) {
-            const bool moved = fileExists(kChildFile);
-            expectFile(kChildFile, moved ? &oldPrepared : nullptr, context);
-            expectFile(kDiskFile, moved ? nullptr : &oldPrepared, context);
+            expectFile(kDiskFile, &oldPrepared, context);
+            expectFile(kChildFile, fileExists(kChildFile) ? &oldPrepared : nullptr, context);
         } else {
             // A zero brick may stay in the child when this disk's folders
             // could not be made; it reads as this disk's missing file does.
@@ -990,11 +989,11 @@ INSTANTIATE_TEST_SUITE_P(
         StorePath{"NoChildFolderExists", false, false, false, false, {"/disk/bricks/b001/a023"}},
         StorePath{"NoChildFoldersMissing", false, false, false, false, {"/disk"}},
         StorePath{"NoChildAllZero", false, true, true, false, {}},
-        StorePath{"ChildMovesOldFile", true, false, true, false, {"/child"}},
+        StorePath{"ChildCopiesOldFile", true, false, true, false, {"/child"}},
         StorePath{"ChildGetsZeroBrick", true, false, false, false, {"/disk/bricks/b001/a023", "/child"}},
         StorePath{"ChildHoldsBrick", true, false, true, true, {}},
         StorePath{"ChildAllZeroWithoutOldFile", true, true, false, false, {"/disk", "/child"}},
-        StorePath{"ChildAllZeroMovesOldFile", true, true, true, false, {"/child/bricks/b001/a023"}},
+        StorePath{"ChildAllZeroCopiesOldFile", true, true, true, false, {"/child/bricks/b001/a023"}},
         StorePath{"EverythingMissing", true, false, false, false, {"/disk", "/child"}}),
     [](const ::testing::TestParamInfo<StorePath>& info) { return std::string(info.param.name); });
 

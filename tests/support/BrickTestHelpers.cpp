@@ -194,10 +194,10 @@ std::vector<SteppedFileSystem::FlaggedCall> SteppedFileSystem::getStores() const
     return m_stores;
 }
 
-std::vector<SteppedFileSystem::FlaggedCall> SteppedFileSystem::getMoves() const
+std::vector<SteppedFileSystem::FlaggedCall> SteppedFileSystem::getCopies() const
 {
     std::lock_guard lock(m_mutex);
-    return m_moves;
+    return m_copies;
 }
 
 void SteppedFileSystem::checkStart(Operation kind, const zo::CURI& path)
@@ -249,11 +249,18 @@ zo::P<zo::IFileSystemOp> SteppedFileSystem::beginMoveFile(const zo::CURI& from, 
                                                           zo::IDoneListener* listener)
 {
     checkStart(Operation::MoveFile, from);
+    return m_inner->beginMoveFile(from, to, overwrite, wrap(listener).get());
+}
+
+zo::P<zo::IFileSystemOp> SteppedFileSystem::beginCopyFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
+                                                          zo::IDoneListener* listener)
+{
+    checkStart(Operation::CopyFile, from);
     {
         std::lock_guard lock(m_mutex);
-        m_moves.push_back(FlaggedCall{from.toString(true).toUTF8(), overwrite});
+        m_copies.push_back(FlaggedCall{from.toString(true).toUTF8(), overwrite});
     }
-    return m_inner->beginMoveFile(from, to, overwrite, wrap(listener).get());
+    return m_inner->beginCopyFile(from, to, overwrite, wrap(listener).get());
 }
 
 zo::P<zo::IFileSystemOp> SteppedFileSystem::beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener)
@@ -301,6 +308,16 @@ void SteppedFileSystem::deleteFile(const zo::CURI& file, bool ignoreMissing)
 zo::TList<zo::String> SteppedFileSystem::listFolder(const zo::CURI& folder)
 {
     return m_inner->listFolder(folder);
+}
+
+zo::P<zo::IFileSystemLock> SteppedFileSystem::lockFolder(const zo::CURI& folder, bool exclusive)
+{
+    return m_inner->lockFolder(folder, exclusive);
+}
+
+int SteppedFileSystem::removeTemporaryFiles(const zo::CURI& folder)
+{
+    return m_inner->removeTemporaryFiles(folder);
 }
 
 } // namespace testsupport

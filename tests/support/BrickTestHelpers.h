@@ -111,12 +111,14 @@ public:
     void throwOnStart(Operation kind, int nth, zo::CFileSystemError::Problem problem);
 
     std::vector<FlaggedCall> getStores() const;
-    std::vector<FlaggedCall> getMoves() const;
+    std::vector<FlaggedCall> getCopies() const;
 
     zo::P<zo::IFileSystemOp> beginStoreFile(const zo::CURI& file, int size, zo::IInStream* source, bool overwrite,
                                             zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginCreateFolder(const zo::CURI& folder, int mode, zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginMoveFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
+                                           zo::IDoneListener* listener) override;
+    zo::P<zo::IFileSystemOp> beginCopyFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
                                            zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener) override;
     zo::P<zo::IFileInfo> getFileInfo(const zo::CURI& path, bool throwIfMissing) override;
@@ -127,6 +129,8 @@ public:
     bool pathExists(const zo::CURI& path) override;
     void deleteFile(const zo::CURI& file, bool ignoreMissing) override;
     zo::TList<zo::String> listFolder(const zo::CURI& folder) override;
+    zo::P<zo::IFileSystemLock> lockFolder(const zo::CURI& folder, bool exclusive) override;
+    int removeTemporaryFiles(const zo::CURI& folder) override;
 
 private:
     struct HeldCompletion {
@@ -147,7 +151,7 @@ private:
     std::condition_variable m_heldChanged;
     std::deque<HeldCompletion> m_held;
     std::vector<FlaggedCall> m_stores;
-    std::vector<FlaggedCall> m_moves;
+    std::vector<FlaggedCall> m_copies;
     int m_startCounts[zo::CMemoryFileSystem::operationKindCount] = {};
     Operation m_throwKind = Operation::StoreFile;
     int m_throwNth = 0;

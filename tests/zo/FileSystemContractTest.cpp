@@ -188,6 +188,11 @@ protected:
         P<CRecordingListener> listener(new CRecordingListener());
         return finish(fs().beginMoveFile(from, to, overwrite, listener.get()), *listener);
     }
+    P<CError> copy(const CURI& from, const CURI& to, bool overwrite)
+    {
+        P<CRecordingListener> listener(new CRecordingListener());
+        return finish(fs().beginCopyFile(from, to, overwrite, listener.get()), *listener);
+    }
     P<CError> deleteAsync(const CURI& file)
     {
         P<CRecordingListener> listener(new CRecordingListener());
@@ -368,6 +373,94 @@ TYPED_TEST(FileSystemContractTest, MoveFileIntoAMissingFolderFailsWithNotFoundAn
     EXPECT_EQ(problemOf(this->move(this->path("a"), this->path("missing/a"), false)), CFileSystemError::NotFound);
     EXPECT_EQ(problemOf(this->move(this->path("a"), this->path("missing/a"), true)), CFileSystemError::NotFound);
     EXPECT_EQ(this->readFile(this->path("a")), "source");
+}
+
+// --- beginCopyFile ---
+
+TYPED_TEST(FileSystemContractTest, CopyFileCopiesTheBytesAndKeepsTheSource)
+{
+    this->fs().createFolder(this->path("child"), folderMode);
+    ASSERT_FALSE(this->store(this->path("a"), "payload", false));
+    EXPECT_FALSE(this->copy(this->path("a"), this->path("child/a"), false));
+    EXPECT_EQ(this->readFile(this->path("a")), "payload");
+    EXPECT_EQ(this->readFile(this->path("child/a")), "payload");
+}
+
+TYPED_TEST(FileSystemContractTest, CopyFileKeepsItsBytesWhenTheSourceIsReplacedLater)
+{
+    ASSERT_FALSE(this->store(this->path("a"), "old", false));
+    ASSERT_FALSE(this->copy(this->path("a"), this->path("b"), false));
+    ASSERT_FALSE(this->store(this->path("a"), "new", true));
+    EXPECT_EQ(this->readFile(this->path("b")), "old");
+    EXPECT_FALSE(this->deleteAsync(this->path("a")));
+    EXPECT_EQ(this->readFile(this->path("b")), "old");
+}
+
+TYPED_TEST(FileSystemContractTest, CopyFileWithoutOverwriteFailsWithAlreadyExistsAndTouchesNeitherFile)
+{
+    ASSERT_FALSE(this->store(this->path("a"), "source", false));
+    ASSERT_FALSE(this->store(this->path("b"), "target", false));
+    EXPECT_EQ(problemOf(this->copy(this->path("a"), this->path("b"), false)), CFileSystemError::AlreadyExists);
+    EXPECT_EQ(this->readFile(this->path("a")), "source");
+    EXPECT_EQ(this->readFile(this->path("b")), "target");
+}
+
+TYPED_TEST(FileSystemContractTest, CopyFileWithOverwriteReplacesTheTargetAndLeavesNoTemporaryFile)
+{
+    ASSERT_FALSE(this->store(this->path("a"), "source", false));
+    ASSERT_FALSE(this->store(this->path("b"), "target", false));
+    EXPECT_FALSE(this->copy(this->path("a"), this->path("b"), true));
+    EXPECT_EQ(this->readFile(this->path("a")), "source");
+    EXPECT_EQ(this->readFile(this->path("b")), "source");
+    EXPECT_EQ(this->list(this->env.root()), std::vector<std::string>({"a", "b"}));
+}
+
+TYPED_TEST(FileSystemContractTest, CopyFileOfAMissingSourceFailsWithNotFound)
+{
+    EXPECT_EQ(problemOf(this->copy(this->path("missing"), this->path("b"), false)), CFileSystemError::NotFound);
+    EXPECT_EQ(problemOf(this->copy(this->path("missing"), this->path("b"), true)), CFileSystemError::NotFound);
+    EXPECT_FALSE(this->fs().pathExists(this->path("b")));
+}
+
+TYPED_TEST(FileSystemContractTest, CopyFileIntoAMissingFolderFailsWithNotFoundAndKeepsTheSource)
+{
+    ASSERT_FALSE(this->store(this->path("a"), "source", false));
+    EXPECT_EQ(problemOf(this->copy(this->path("a"), this->path("missing/a"), false)), CFileSystemError::NotFound);
+    EXPECT_EQ(problemOf(this->copy(this->path("a"), this->path("missing/a"), true)), CFileSystemError::NotFound);
+    EXPECT_EQ(this->readFile(this->path("a")), "source");
+}
+
+// --- lockFolder ---
+
+TYPED_TEST(FileSystemContractTest, SharedLocksOfAFolderGoTogether)
+{
+    const P<zo::IFileSystemLock> first = this->fs().lockFolder(this->env.root(), false);
+    const P<zo::IFileSystemLock> second = this->fs().lockFolder(this->env.root(), false);
+    EXPECT_FALSE(first->isExclusive());
+    EXPECT_FALSE(second->isExclusive());
+    EXPECT_EQ(thrownProblem([&] { this->fs().lockFolder(this->env.root(), true); }), CFileSystemError::Locked);
+}
+
+TYPED_TEST(FileSystemContractTest, AnExclusiveLockKeepsOutEveryOtherLockUntilItIsDropped)
+{
+    P<zo::IFileSystemLock> exclusive = this->fs().lockFolder(this->env.root(), true);
+    EXPECT_TRUE(exclusive->isExclusive());
+    EXPECT_EQ(thrownProblem([&] { this->fs().lockFolder(this->env.root(), true); }), CFileSystemError::Locked);
+    EXPECT_EQ(thrownProblem([&] { this->fs().lockFolder(this->env.root(), false); }), CFileSystemError::Locked);
+    exclusive.reset();
+    EXPECT_TRUE(this->fs().lockFolder(this->env.root(), true));
+}
+
+TYPED_TEST(FileSystemContractTest, LocksOfDifferentFoldersDoNotConflict)
+{
+    this->fs().createFolder(this->path("other"), folderMode);
+    const P<zo::IFileSystemLock> first = this->fs().lockFolder(this->env.root(), true);
+    EXPECT_TRUE(this->fs().lockFolder(this->path("other"), true));
+}
+
+TYPED_TEST(FileSystemContractTest, LockOfAMissingFolderFailsWithNotFound)
+{
+    EXPECT_EQ(thrownProblem([&] { this->fs().lockFolder(this->path("missing"), false); }), CFileSystemError::NotFound);
 }
 
 // --- beginDeleteFile ---

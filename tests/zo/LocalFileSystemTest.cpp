@@ -10,10 +10,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace zo;
@@ -259,6 +264,138 @@ TEST_F(LocalFileSystemTest, PathExistsCountsADanglingSymbolicLink)
     std::filesystem::create_symlink(temp.path() + "/nowhere", temp.path() + "/link");
     EXPECT_TRUE(fs->pathExists(temp.uri() << "link"));
     EXPECT_FALSE(fs->fileExists(temp.uri() << "link"));
+}
+
+
+// --- copies, locks and leftovers ---
+
+class LocalFileSystemCopyTest : public LocalFileSystemTest {
+protected:
+    P<CError> copy(const std::string& from, const std::string& to, bool overwrite)
+    {
+        P<COutcomeListener> listener(new COutcomeListener());
+        EXPECT_TRUE(fs->beginCopyFile(CURI(String(from)), CURI(String(to)), overwrite, listener.get())->waitDone(waitMillis));
+        EXPECT_EQ(listener->getCalls(), 1);
+        return listener->getError();
+    }
+    static struct stat statOf(const std::string& path)
+    {
+        struct stat info {};
+        EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
+        return info;
+    }
+};
+
+TEST_F(LocalFileSystemCopyTest, CopyOnOneFileSystemIsAHardLinkThatKeepsTheOldBytesWhenTheSourceIsReplaced)
+{
+    const std::string source = temp.path() + "/a";
+    const std::string target = temp.path() + "/b";
+    ASSERT_FALSE(store(CURI(String(source)), "old", false));
+    ASSERT_FALSE(copy(source, target, false));
+    EXPECT_EQ(statOf(source).st_ino, statOf(target).st_ino);
+    EXPECT_EQ(statOf(target).st_nlink, 2u);
+
+    ASSERT_FALSE(store(CURI(String(source)), "new", true));
+    EXPECT_EQ(readFile(target), "old");
+    EXPECT_EQ(readFile(source), "new");
+}
+
+TEST_F(LocalFileSystemCopyTest, CopyToAnotherFileSystemWritesTheBytesDurablyAndLeavesNoTemporaryFile)
+{
+    struct stat shm {};
+    if (::stat("/dev/shm", &shm) != 0 || shm.st_dev == statOf(temp.path()).st_dev)
+        GTEST_SKIP() << "this machine has no second file system at /dev/shm to copy across";
+    char pattern[] = "/dev/shm/brickdisk-copy-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    const std::string other = pattern;
+    const std::string source = temp.path() + "/a";
+    ASSERT_FALSE(store(CURI(String(source)), "bytes of the brick", false));
+
+    EXPECT_FALSE(copy(source, other + "/b", false));
+    EXPECT_EQ(problemOf(copy(source, other + "/b", false)), CFileSystemError::AlreadyExists);
+    ASSERT_FALSE(store(CURI(String(source)), "newer bytes", true));
+    EXPECT_FALSE(copy(source, other + "/b", true));
+    EXPECT_EQ(readFile(other + "/b"), "newer bytes");
+    EXPECT_EQ(folderEntries(other), std::vector<std::string>({"b"}));
+    EXPECT_EQ(problemOf(copy(temp.path() + "/missing", other + "/c", false)), CFileSystemError::NotFound);
+    std::filesystem::remove_all(other);
+}
+
+TEST_F(LocalFileSystemTest, ExclusiveLockNamesItsProcessToARefusedLocker)
+{
+    const P<IFileSystemLock> held = fs->lockFolder(temp.uri(), true);
+    try {
+        fs->lockFolder(temp.uri(), false);
+        FAIL() << "a second lock was granted";
+    } catch (const CFileSystemError& e) {
+        EXPECT_EQ(e.getProblem(), CFileSystemError::Locked);
+        const std::string holder = e.getProps().lookup("holder").toUTF8();
+        EXPECT_EQ(holder.rfind("process " + std::to_string(::getpid()) + " (", 0), 0u) << holder;
+    }
+}
+
+TEST_F(LocalFileSystemTest, SharedLockHoldersAreDescribedAsReaders)
+{
+    const P<IFileSystemLock> held = fs->lockFolder(temp.uri(), false);
+    try {
+        fs->lockFolder(temp.uri(), true);
+        FAIL() << "an exclusive lock was granted beside a shared one";
+    } catch (const CFileSystemError& e) {
+        EXPECT_EQ(e.getProblem(), CFileSystemError::Locked);
+        EXPECT_EQ(e.getProps().lookup("holder").toUTF8(), "processes that read it");
+    }
+}
+
+TEST_F(LocalFileSystemTest, LockOfAKilledProcessIsReleasedAtOnce)
+{
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The child takes the lock with plain system calls (no threads after fork).
+        const std::string lockFile = temp.path() + "/.lock";
+        const int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT, 0666);
+        struct flock request {};
+        request.l_type = F_WRLCK;
+        request.l_whence = SEEK_SET;
+        const char answer = (fd >= 0 && ::fcntl(fd, F_OFD_SETLK, &request) == 0) ? 'y' : 'n';
+        if (::write(ready[1], &answer, 1) != 1)
+            ::_exit(1);
+        ::pause();
+        ::_exit(0);
+    }
+    char answer = 0;
+    ASSERT_EQ(::read(ready[0], &answer, 1), 1);
+    ASSERT_EQ(answer, 'y');
+    EXPECT_THROW(fs->lockFolder(temp.uri(), false), CFileSystemError);
+
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    EXPECT_TRUE(fs->lockFolder(temp.uri(), true));
+}
+
+TEST_F(LocalFileSystemTest, RemoveTemporaryFilesRemovesOnlyTheLeftoversOfStoresInTheWholeTree)
+{
+    std::filesystem::create_directories(temp.path() + "/bricks/b000/a000");
+    const auto touch = [&](const std::string& relative) {
+        std::ofstream(temp.path() + "/" + relative) << "x";
+    };
+    touch("disk.brickdisk");
+    touch("bricks/b000/a000/00.brick");
+    touch("bricks/b000/a000/" + makeTemporaryFileName("01.brick"));
+    touch("bricks/b000/" + makeTemporaryFileName("a001"));
+    touch(makeTemporaryFileName("disk.brickdisk"));
+    touch(".tmp-not-ours.part");
+
+    EXPECT_EQ(fs->removeTemporaryFiles(temp.uri()), 3);
+    EXPECT_EQ(folderEntries(temp.path() + "/bricks/b000/a000"), std::vector<std::string>({"00.brick"}));
+    EXPECT_EQ(folderEntries(temp.path() + "/bricks/b000"), std::vector<std::string>({"a000"}));
+    EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>({".tmp-not-ours.part", "bricks", "disk.brickdisk"}));
+    EXPECT_EQ(fs->removeTemporaryFiles(temp.uri()), 0);
 }
 
 } // namespace

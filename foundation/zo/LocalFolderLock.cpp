@@ -1,0 +1,128 @@
+#include "zo/LocalFolderLock.h"
+
+#include "zo/Log.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zo {
+
+namespace {
+
+constexpr int maxHolderLength = 200;
+
+class CLocalFolderLock : public CBase, public IFileSystemLock {
+public:
+    CLocalFolderLock(int fd, bool exclusive) : m_fd(fd), m_exclusive(exclusive) {}
+    // Closing the only descriptor of the open file description releases the
+    // lock; an exclusive holder first wipes its name from the file.
+    ~CLocalFolderLock() override
+    {
+        if (m_exclusive && ::ftruncate(m_fd, 0) != 0) {
+            // The lock goes with the close all the same; a stale name in the
+            // file is only reported while someone holds the lock again.
+        }
+        ::close(m_fd);
+    }
+    CLocalFolderLock(const CLocalFolderLock&) = delete;
+    CLocalFolderLock& operator=(const CLocalFolderLock&) = delete;
+    bool isExclusive() const override { return m_exclusive; }
+
+private:
+    int m_fd;
+    bool m_exclusive;
+};
+
+CFileSystemError lockError(CFileSystemError::Problem problem, const String& message, const String& path,
+                           const String& holder = String())
+{
+    CProps props;
+    props.add("path", path).add("action", String("lock"));
+    if (!holder.isEmpty())
+        props.add("holder", holder);
+    return CFileSystemError(problem, CError(message, String(), -1, props));
+}
+
+// Who holds the lock that refused ours: the exclusive holder's own words from
+// the file, or a note that readers hold it.
+String describeHolder(int fd)
+{
+    struct flock probe {};
+    probe.l_type = F_WRLCK;
+    probe.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_OFD_GETLK, &probe) != 0 || probe.l_type == F_UNLCK)
+        return String();
+    if (probe.l_type == F_RDLCK)
+        return String("processes that read it");
+    char text[maxHolderLength + 1];
+    const ssize_t got = ::pread(fd, text, maxHolderLength, 0);
+    if (got <= 0)
+        return String("another process");
+    return String(std::string(text, static_cast<size_t>(got)));
+}
+
+int openLockFile(const std::string& path, bool exclusive, const String& pathText)
+{
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd >= 0)
+        return fd;
+    const int openErrno = errno;
+    if (openErrno == EACCES || openErrno == EROFS) {
+        // A reader of a folder it may not write can still share a lock on a
+        // lock file that exists.
+        if (!exclusive) {
+            const int readFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            if (readFd >= 0)
+                return readFd;
+        }
+        throw lockError(CFileSystemError::NotSupported, "The folder cannot hold a lock file.", pathText);
+    }
+    throw makeErrnoError(openErrno, "open", pathText);
+}
+
+} // namespace
+
+const char* getLocalFolderLockFileName()
+{
+    return ".lock";
+}
+
+P<IFileSystemLock> lockLocalFolder(const CURI& folder, bool exclusive)
+{
+    const String folderText = folder.toString(true);
+    const std::string folderPath = folder.toLocalPath();
+    struct stat info {};
+    if (::stat(folderPath.c_str(), &info) != 0)
+        throw makeErrnoError(errno, "stat", folderText);
+    if (!S_ISDIR(info.st_mode))
+        throw makeErrnoError(ENOTDIR, "lock", folderText);
+
+    const int fd = openLockFile(folderPath + "/" + getLocalFolderLockFileName(), exclusive, folderText);
+    struct flock request {};
+    request.l_type = exclusive ? F_WRLCK : F_RDLCK;
+    request.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_OFD_SETLK, &request) != 0) {
+        const int lockErrno = errno;
+        const String holder = (lockErrno == EAGAIN || lockErrno == EACCES) ? describeHolder(fd) : String();
+        ::close(fd);
+        if (lockErrno == EAGAIN || lockErrno == EACCES)
+            throw lockError(CFileSystemError::Locked, "The folder is locked by someone else.", folderText, holder);
+        if (lockErrno == EINVAL || lockErrno == ENOLCK || lockErrno == ENOSYS)
+            throw lockError(CFileSystemError::NotSupported, "The folder's file system cannot lock files.",
+                            folderText);
+        throw makeErrnoError(lockErrno, "lock", folderText);
+    }
+    P<IFileSystemLock> lock(new CLocalFolderLock(fd, exclusive));
+    if (exclusive) {
+        const std::string holder = "process " + std::to_string(::getpid()) + " (" + program_invocation_short_name + ")";
+        if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, holder.data(), holder.size(), 0) < 0) {
+            // Only the description of the holder is missing; the lock holds.
+        }
+    }
+    return lock;
+}
+
+} // namespace zo
