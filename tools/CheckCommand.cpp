@@ -34,6 +34,7 @@ struct CheckOptions {
     std::string disk;
     bool readData = false;
     int jobs = defaultJobCount();
+    bool forceShare = false;
     CPasswordSource passwords;
 };
 
@@ -162,6 +163,8 @@ int runCheck(const CheckOptions& options)
     std::printf("checking %s\n", folder.toLocalPath().c_str());
     checkHeaderCopies(fs.get(), folder, findings);
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
+    const zo::P<brick::CBrickDiskLock> lock =
+        lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForReading, options.forceShare);
     checkLinks(fs.get(), folder, header, findings);
 
     zo::P<brick::CBrickDisk> disk;
@@ -204,6 +207,7 @@ CommandAction addCheckCommand(CLI::App& program)
     command->add_flag("--read-data", options->readData,
                       "Also decrypt and decompress every brick and check its inner digest (needs the password)");
     command->add_option("-j,--jobs", options->jobs, "Threads that check brick files")->capture_default_str();
+    addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
     return [options] { return runCheck(*options); };
 }

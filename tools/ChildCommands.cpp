@@ -34,6 +34,8 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
     const zo::CURI child = diskFolderURI(options.child);
     const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
     loadDiskHeader(fs.get(), parent);
+    // Making a child rewrites the parent's link to its child.
+    const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
     if (!isMissingOrEmptyFolder(fs.get(), child))
         throw zo::CError("Cannot create a child disk in a folder that is not empty.", zo::String(), -1,
                          zo::CProps().add("diskFolder", child.toString(true)));

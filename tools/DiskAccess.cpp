@@ -3,8 +3,12 @@
 #include "BrickTree.h"
 
 #include "brick/Brick.h"
+#include "brick/BrickDiskError.h"
 #include "zo/Error.h"
 
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
 #include <filesystem>
 
 namespace cli {
@@ -50,6 +54,41 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
     const zo::String password =
         header.getCipherID() == "null" ? zo::String() : passwords.forExistingDisk(folder.toLocalPath());
     return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps));
+}
+
+void addForceShareOption(CLI::App& command, bool& forceShare)
+{
+    command.add_flag("--force-share", forceShare,
+                     "Read the disk even while another process writes it, at your own risk: what is read may "
+                     "mix bricks from before and after that process's changes");
+}
+
+zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
+                                      bool forceShare)
+{
+    if (forceShare && mode == brick::CBrickDiskLock::ForReading)
+        return zo::P<brick::CBrickDiskLock>();
+    zo::P<brick::CBrickDiskLock> lock;
+    try {
+        lock = brick::CBrickDiskLock::acquire(fs, folder, mode);
+    } catch (const brick::CBrickDiskError& e) {
+        if (e.getErrorCode() != brick::CBrickDiskError::DiskInUse)
+            throw;
+        zo::String holder = e.getProps().lookup("holder");
+        zo::String message = "The disk is in use by another process.";
+        if (mode == brick::CBrickDiskLock::ForReading)
+            message += " Give --force-share to read it all the same, at your own risk.";
+        zo::CProps props;
+        props.add("diskFolder", e.getDiskFolder().toLocalPath());
+        if (!holder.isEmpty())
+            props.add("holder", holder);
+        throw zo::CError(message, zo::String(), -1, props);
+    }
+    if (!lock->isHeld())
+        std::fprintf(stderr, "brickdisk: warning: the file system of %s cannot lock it; nothing keeps other "
+                             "processes from using it at the same time\n",
+                     folder.toLocalPath().c_str());
+    return lock;
 }
 
 zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index)

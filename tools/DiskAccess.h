@@ -8,10 +8,15 @@
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskLock.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/URI.h"
 
 #include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace cli {
 
@@ -37,6 +42,19 @@ bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder);
 // CBrickDiskError IncorrectPassword).
 zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords,
                                   zo::IIOStream::Access access, int maxBackgroundOps);
+
+// Adds --force-share to a command that only reads a disk.
+void addForceShareOption(CLI::App& command, bool& forceShare);
+
+// Locks the disk in `folder` for `mode` for as long as the returned lock
+// lives: readers share a disk, a writer has it alone (and keeps writers off
+// its child). A reader with `forceShare` takes no lock and gets null. A disk
+// that is in use throws zo::CError "The disk is in use by another process."
+// with "diskFolder" and "holder" (who holds it, where the file system can
+// tell) and, for a reader, a hint at --force-share. A file system that cannot
+// lock gives a warning on stderr.
+zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
+                                      bool forceShare = false);
 
 // The file of brick `index` in the first folder of the disk's chain (the disk,
 // then its parents, nearest first) that holds it; the path in the disk's own

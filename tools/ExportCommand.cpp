@@ -29,6 +29,7 @@ struct ExportOptions {
     std::string image;
     int jobs = defaultJobCount();
     bool quiet = false;
+    bool forceShare = false;
     CPasswordSource passwords;
 };
 
@@ -89,8 +90,11 @@ int runExport(const ExportOptions& options)
         throw UsageError("--jobs must be at least 1");
     const auto start = std::chrono::steady_clock::now();
     const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
-    const zo::P<brick::CBrickDisk> disk =
-        openDisk(fs.get(), diskFolderURI(options.disk), options.passwords, zo::IIOStream::AccessRead, 1);
+    const zo::CURI folder = diskFolderURI(options.disk);
+    loadDiskHeader(fs.get(), folder);
+    const zo::P<brick::CBrickDiskLock> lock =
+        lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForReading, options.forceShare);
+    const zo::P<brick::CBrickDisk> disk = openDisk(fs.get(), folder, options.passwords, zo::IIOStream::AccessRead, 1);
 
     CImageSink sink(options.image);
     ExportCounts counts;
@@ -126,6 +130,7 @@ CommandAction addExportCommand(CLI::App& program)
     command->add_option("-j,--jobs", options->jobs, "Threads that read and decode bricks ahead")
         ->capture_default_str();
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");
+    addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
     return [options] { return runExport(*options); };
 }

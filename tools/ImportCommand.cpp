@@ -74,6 +74,7 @@ int runImport(const ImportOptions& options)
     const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(!options.noSync, fileSystemThreads);
 
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
+    const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);
     const zo::CURI parent = linkedDiskFolder(fs.get(), folder, brick::CBrickDisk::getParentLinkFileName());
     if (!parent.isEmpty() && !options.allowParent)
         throw UsageError("the disk " + folder.toLocalPath() + " has a parent disk (" + parent.toLocalPath() +

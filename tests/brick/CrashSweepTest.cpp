@@ -1,0 +1,336 @@
+// What a crash does to every disk of a chain, swept step by step: a run is
+// repeated once for every operation that changes the file system, stopping
+// the file system before that operation, and after each stop the disks are
+// reopened and every brick of every disk is compared with what it may hold:
+// a disk that was not written reads exactly as before, a written one reads
+// each brick with its old or its new content, never zeros where data was and
+// never a mix.
+#include "brick/BrickDisk.h"
+#include "support/CrashingFileSystem.h"
+#include "support/DiskTestHelpers.h"
+#include "support/TempFolder.h"
+#include "zo/LocalFileSystem.h"
+#include "zo/MemoryFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+using brick::CBrickDisk;
+using testsupport::Bytes;
+using zo::CURI;
+using zo::IFileSystem;
+using zo::IIOStream;
+using zo::P;
+
+namespace {
+
+constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
+constexpr int kBrickCount = 12;
+constexpr zo::int64 kDiskSize = static_cast<zo::int64>(kBrickSize) * kBrickCount;
+const char* const kPassword = "crash";
+
+// The bricks of a disk's view, one entry per brick.
+using View = std::vector<Bytes>;
+
+View readView(IFileSystem* fs, const CURI& folder)
+{
+    const P<CBrickDisk> disk = testsupport::openDisk(fs, folder, kPassword, IIOStream::AccessRead);
+    View view;
+    for (int i = 0; i < kBrickCount; ++i)
+        view.push_back(testsupport::readAt(*disk, static_cast<zo::int64>(i) * kBrickSize, kBrickSize));
+    return view;
+}
+
+// Writes every brick of `view` that differs from `before`: whole bricks as
+// one write, the others as the changed range only, so both paths are swept.
+void writeView(CBrickDisk& disk, const View& before, const View& view)
+{
+    for (int i = 0; i < kBrickCount; ++i) {
+        const Bytes& old = before[static_cast<size_t>(i)];
+        const Bytes& fresh = view[static_cast<size_t>(i)];
+        if (old == fresh)
+            continue;
+        int first = 0;
+        int last = kBrickSize;
+        while (first < kBrickSize && old.getData()[first] == fresh.getData()[first])
+            ++first;
+        while (last > first && old.getData()[last - 1] == fresh.getData()[last - 1])
+            --last;
+        const bool whole = i % 3 != 1;
+        if (whole) {
+            first = 0;
+            last = kBrickSize;
+        }
+        Bytes part(last - first);
+        std::memcpy(part.getData(), fresh.getData() + first, static_cast<size_t>(last - first));
+        testsupport::writeAt(disk, static_cast<zo::int64>(i) * kBrickSize + first, part);
+    }
+}
+
+// A view with data in the bricks that `pattern` marks ('d'), zeros elsewhere.
+View makeView(const std::string& pattern, unsigned seed)
+{
+    View view;
+    for (int i = 0; i < kBrickCount; ++i)
+        view.push_back(pattern[static_cast<size_t>(i)] == 'd' ? testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(i))
+                                                               : testsupport::zeroBytes(kBrickSize));
+    return view;
+}
+
+// `base` with the first quarter of every brick that `pattern` marks ('p')
+// changed, and every brick marked 'z' cleared: partial changes and clearing.
+View changeView(const View& base, const std::string& pattern, unsigned seed)
+{
+    View view = base;
+    for (int i = 0; i < kBrickCount; ++i) {
+        const char mark = pattern[static_cast<size_t>(i)];
+        if (mark == 'p') {
+            const Bytes part = testsupport::patternBytes(kBrickSize / 4, seed + static_cast<unsigned>(i));
+            std::memcpy(view[static_cast<size_t>(i)].getData() + kBrickSize / 8, part.getData(), kBrickSize / 4);
+        } else if (mark == 'z') {
+            view[static_cast<size_t>(i)] = testsupport::zeroBytes(kBrickSize);
+        } else if (mark == 'n') {
+            view[static_cast<size_t>(i)] = testsupport::patternBytes(kBrickSize, seed + 100 + static_cast<unsigned>(i));
+        }
+    }
+    return view;
+}
+
+void storeView(IFileSystem* fs, const CURI& folder, const View& before, const View& view, bool allowParent)
+{
+    const P<CBrickDisk> disk = testsupport::openDisk(fs, folder, kPassword, IIOStream::AccessReadWrite, 1);
+    disk->setAllowWritingWithParentDisk(allowParent);
+    writeView(*disk, before, view);
+    disk->flushChanges();
+}
+
+// Counts of a sweep, for the summary line.
+struct SweepCounts {
+    int operations = 0;
+    int crashes = 0;
+    zo::int64 bricksVerified = 0;
+};
+
+// One scenario: builds its disks without crashing, runs its work on the
+// crashing file system, and checks the disks afterwards, returning how many
+// bricks it compared.
+struct Scenario {
+    std::function<void(IFileSystem* fs)> setUp;
+    std::function<void(IFileSystem* fs)> work;
+    std::function<int(IFileSystem* fs, const std::string& context)> verify;
+};
+
+// Every brick of `folder` equals `expected`; returns the number compared.
+int expectView(IFileSystem* fs, const char* folder, const View& expected, const std::string& context)
+{
+    const View actual = readView(fs, CURI(folder));
+    for (int i = 0; i < kBrickCount; ++i)
+        EXPECT_TRUE(actual[static_cast<size_t>(i)] == expected[static_cast<size_t>(i)])
+            << folder << " brick " << i << " changed after " << context;
+    return kBrickCount;
+}
+
+// Every brick of `folder` equals the same brick of `before` or of `after`.
+int expectOldOrNew(IFileSystem* fs, const char* folder, const View& before, const View& after,
+                   const std::string& context)
+{
+    const View actual = readView(fs, CURI(folder));
+    for (int i = 0; i < kBrickCount; ++i) {
+        const Bytes& brick = actual[static_cast<size_t>(i)];
+        EXPECT_TRUE(brick == before[static_cast<size_t>(i)] || brick == after[static_cast<size_t>(i)])
+            << folder << " brick " << i << " holds neither its old nor its new content after " << context;
+    }
+    return kBrickCount;
+}
+
+// Runs the scenario once to count its changing operations, then once for
+// every crash point, each on a file system of its own from `makeFileSystem`.
+SweepCounts sweep(const std::string& name, const std::function<P<IFileSystem>()>& makeFileSystem,
+                  const Scenario& scenario)
+{
+    SweepCounts counts;
+    {
+        const P<IFileSystem> fs = makeFileSystem();
+        scenario.setUp(fs.get());
+        const P<testsupport::CrashingFileSystem> counting(new testsupport::CrashingFileSystem(fs.get(), -1));
+        scenario.work(counting.get());
+        counts.operations = counting->getChangeCount();
+        counts.bricksVerified += scenario.verify(fs.get(), "a run without a crash");
+    }
+    EXPECT_GT(counts.operations, 0);
+    for (int allowed = 0; allowed < counts.operations; ++allowed) {
+        const std::string context = name + ", crash before changing operation " + std::to_string(allowed + 1) +
+                                    " of " + std::to_string(counts.operations);
+        const P<IFileSystem> fs = makeFileSystem();
+        scenario.setUp(fs.get());
+        {
+            const P<testsupport::CrashingFileSystem> crashing(new testsupport::CrashingFileSystem(fs.get(), allowed));
+            try {
+                scenario.work(crashing.get());
+            } catch (const std::exception&) {
+                // The crash stops the work wherever it is.
+            }
+            EXPECT_TRUE(crashing->hasCrashed()) << context;
+        }
+        ++counts.crashes;
+        counts.bricksVerified += scenario.verify(fs.get(), context);
+        if (::testing::Test::HasFailure())
+            break;
+    }
+    std::cout << "[ sweep    ] " << name << ": " << counts.operations << " changing operations, " << counts.crashes
+              << " crashes, " << counts.bricksVerified << " bricks verified" << std::endl;
+    return counts;
+}
+
+P<IFileSystem> memoryFileSystem()
+{
+    return P<IFileSystem>(new zo::CMemoryFileSystem(2));
+}
+
+// Old content: data in most bricks, a few never written.
+const View kOld = makeView("dd.ddd.dd.dd", 1);
+// The new content: whole bricks replaced ('n'), partly changed ('p'),
+// cleared ('z'), and data where there was none.
+const View kNew = changeView(kOld, "npz.pnz.npnz", 50);
+
+Scenario importIntoDiskWithSnapshot()
+{
+    Scenario scenario;
+    scenario.setUp = [](IFileSystem* fs) {
+        testsupport::createDisk(fs, CURI("/disk"), kDiskSize, kPassword);
+        storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
+        CBrickDisk::createChild(fs, CURI("/snapshot"), CURI("/disk"), CBrickDisk::linkedChild);
+    };
+    scenario.work = [](IFileSystem* fs) { storeView(fs, CURI("/disk"), kOld, kNew, false); };
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        return expectView(fs, "/snapshot", kOld, context) + expectOldOrNew(fs, "/disk", kOld, kNew, context);
+    };
+    return scenario;
+}
+
+Scenario clearBricksOfDiskWithSnapshot()
+{
+    const View cleared = changeView(kOld, "zz.zpz.zz.zz", 70);
+    Scenario scenario = importIntoDiskWithSnapshot();
+    scenario.work = [cleared](IFileSystem* fs) { storeView(fs, CURI("/disk"), kOld, cleared, false); };
+    scenario.verify = [cleared](IFileSystem* fs, const std::string& context) {
+        return expectView(fs, "/snapshot", kOld, context) + expectOldOrNew(fs, "/disk", kOld, cleared, context);
+    };
+    return scenario;
+}
+
+// parent <- middle <- child: the middle disk is written while the parent
+// holds bricks that the middle one lacks, and the child keeps the middle
+// disk's old view.
+const View kParent = makeView("dddddd.ddd..", 200);
+const View kMiddle = changeView(kParent, "n.p...n..n..", 300);
+const View kMiddleNew = changeView(kMiddle, "pnnzz.nn.npn", 400);
+
+Scenario writeMiddleDiskOfChain()
+{
+    Scenario scenario;
+    scenario.setUp = [](IFileSystem* fs) {
+        testsupport::createDisk(fs, CURI("/parent"), kDiskSize, kPassword);
+        storeView(fs, CURI("/parent"), makeView("............", 0), kParent, false);
+        CBrickDisk::createChild(fs, CURI("/middle"), CURI("/parent"), CBrickDisk::linkedChild);
+        storeView(fs, CURI("/middle"), kParent, kMiddle, true);
+        CBrickDisk::createChild(fs, CURI("/child"), CURI("/middle"), CBrickDisk::linkedChild);
+    };
+    scenario.work = [](IFileSystem* fs) { storeView(fs, CURI("/middle"), kMiddle, kMiddleNew, true); };
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        return expectView(fs, "/parent", kParent, context) + expectView(fs, "/child", kMiddle, context) +
+               expectOldOrNew(fs, "/middle", kMiddle, kMiddleNew, context);
+    };
+    return scenario;
+}
+
+// A snapshot taken of a disk that already has one: the new snapshot goes
+// between the disk and the older one.
+Scenario makeChildOfDiskWithSnapshot()
+{
+    Scenario scenario;
+    scenario.setUp = [](IFileSystem* fs) {
+        testsupport::createDisk(fs, CURI("/disk"), kDiskSize, kPassword);
+        storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
+        CBrickDisk::createChild(fs, CURI("/older"), CURI("/disk"), CBrickDisk::linkedChild);
+        storeView(fs, CURI("/disk"), kOld, kNew, false);
+    };
+    scenario.work = [](IFileSystem* fs) {
+        CBrickDisk::createChild(fs, CURI("/newer"), CURI("/disk"), CBrickDisk::linkedChild);
+    };
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        int bricks = expectView(fs, "/disk", kNew, context) + expectView(fs, "/older", kOld, context);
+        // A snapshot whose making was cut short before its link to the disk
+        // was written is not tied to the disk yet (it may not even open);
+        // once it is, it shows the disk as it is.
+        if (fs->fileExists(CURI("/newer") << CBrickDisk::getParentLinkFileName()))
+            bricks += expectView(fs, "/newer", kNew, context);
+        // Later writes of the disk keep every snapshot that was complete.
+        const View later = changeView(kNew, "nnnnnnnnnnnn", 500);
+        storeView(fs, CURI("/disk"), kNew, later, false);
+        bricks += expectView(fs, "/older", kOld, context + " and a later write of the disk");
+        return bricks;
+    };
+    return scenario;
+}
+
+TEST(CrashSweep, ImportIntoADiskWithASnapshotLeavesEveryBrickOldOrNewAndTheSnapshotIntact)
+{
+    const SweepCounts counts = sweep("import into a disk with a snapshot", memoryFileSystem, importIntoDiskWithSnapshot());
+    EXPECT_EQ(counts.crashes, counts.operations);
+}
+
+TEST(CrashSweep, ClearingBricksOfADiskWithASnapshotLeavesEveryBrickOldOrNew)
+{
+    sweep("clearing bricks of a disk with a snapshot", memoryFileSystem, clearBricksOfDiskWithSnapshot());
+}
+
+TEST(CrashSweep, WritingTheMiddleDiskOfAChainKeepsTheParentAndTheChildIntact)
+{
+    sweep("writing the middle disk of a chain", memoryFileSystem, writeMiddleDiskOfChain());
+}
+
+TEST(CrashSweep, MakingAChildOfADiskWithASnapshotKeepsEveryCompleteDiskIntact)
+{
+    sweep("making a child of a disk with a snapshot", memoryFileSystem, makeChildOfDiskWithSnapshot());
+}
+
+TEST(CrashSweep, ImportIntoADiskWithASnapshotOnTheLocalFileSystem)
+{
+    // The local file system syncs every store before it reports it, so what
+    // the folders hold after a stop is exactly what happened before it.
+    std::vector<std::unique_ptr<testsupport::TempFolder>> folders;
+    const auto makeFileSystem = [&folders]() {
+        folders.push_back(std::make_unique<testsupport::TempFolder>());
+        return P<IFileSystem>(new zo::CLocalFileSystem(2));
+    };
+    // The scenario's absolute paths are placed in the newest folder.
+    Scenario local;
+    const auto root = [&folders](const char* name) { return folders.back()->uri() << name; };
+    local.setUp = [&](IFileSystem* fs) {
+        testsupport::createDisk(fs, root("disk"), kDiskSize, kPassword);
+        storeView(fs, root("disk"), makeView("............", 0), kOld, false);
+        CBrickDisk::createChild(fs, root("snapshot"), root("disk"), CBrickDisk::linkedChild);
+    };
+    local.work = [&](IFileSystem* fs) { storeView(fs, root("disk"), kOld, kNew, false); };
+    local.verify = [&](IFileSystem* fs, const std::string& context) {
+        const View snapshot = readView(fs, root("snapshot"));
+        const View disk = readView(fs, root("disk"));
+        for (int i = 0; i < kBrickCount; ++i) {
+            EXPECT_TRUE(snapshot[static_cast<size_t>(i)] == kOld[static_cast<size_t>(i)]) << "snapshot brick " << i << " after " << context;
+            EXPECT_TRUE(disk[static_cast<size_t>(i)] == kOld[static_cast<size_t>(i)] || disk[static_cast<size_t>(i)] == kNew[static_cast<size_t>(i)])
+                << "disk brick " << i << " after " << context;
+        }
+        EXPECT_EQ(fs->removeTemporaryFiles(folders.back()->uri()), 0) << context;
+        return 2 * kBrickCount;
+    };
+    sweep("import into a disk with a snapshot, local files", makeFileSystem, local);
+}
+
+} // namespace
