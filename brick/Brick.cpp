@@ -131,7 +131,6 @@ CURI CBrick::getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickInde
 {
     const int levels = std::max(0, header.getTreeLevels());
     const int64 perLevel = header.getObjectsPerTreeLevel();
-    const int hexDigitWidth = hexDigitWidthFor(header.getObjectsPerTreeLevel());
     std::vector<int> digits(static_cast<size_t>(levels));
     int64 n = brickIndex;
     for (int level = 0; level < levels; ++level) {
@@ -139,19 +138,24 @@ CURI CBrick::getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickInde
         n /= perLevel;
     }
     CURI uri(String("bricks"));
-    for (int level = levels - 1; level >= 0; --level) {
-        const String hex = zo::toHexString(digits[static_cast<size_t>(level)]);
-        String name;
-        if (level > 0)
-            name += static_cast<wchar_t>(0x60 + level);
-        for (size_t i = hex.getLength(); i < static_cast<size_t>(hexDigitWidth); ++i)
-            name += "0";
-        name += hex;
-        if (level == 0)
-            name += ".brick";
-        uri = uri << name;
-    }
+    for (int level = levels - 1; level >= 0; --level)
+        uri = uri << getTreeEntryName(header, level, digits[static_cast<size_t>(level)]);
     return uri;
+}
+
+String CBrick::getTreeEntryName(const CBrickDiskHeader& header, int level, int digit)
+{
+    const int hexDigitWidth = hexDigitWidthFor(header.getObjectsPerTreeLevel());
+    const String hex = zo::toHexString(digit);
+    String name;
+    if (level > 0)
+        name += static_cast<wchar_t>(0x60 + level);
+    for (size_t i = hex.getLength(); i < static_cast<size_t>(hexDigitWidth); ++i)
+        name += "0";
+    name += hex;
+    if (level == 0)
+        name += ".brick";
+    return name;
 }
 
 void CBrick::loadBrickPayload()

@@ -66,6 +66,9 @@ public:
     // The file of brick `brickIndex` of any disk with `header`'s tree shape,
     // relative to its folder; needs no brick object. Thread-safe.
     static CURI getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickIndex);
+    // The name of the entry of the brick tree at `level` (0: the brick file,
+    // "<digits>.brick"; above: a folder, "<letter><digits>") for `digit`.
+    static zo::String getTreeEntryName(const CBrickDiskHeader& header, int level, int digit);
 
     // Starts saving the current brick if it changed. A failure to start is
     // logged and recorded, never thrown.

@@ -2,7 +2,7 @@
 // child disks, which hold only the bricks that differ from their parent.
 //
 // A linked child (what snapshot makes) is put between DISK and the child DISK
-// had before; from then on DISK moves the old version of every brick it
+// had before; from then on DISK copies the old version of every brick it
 // changes into the child, so the child keeps the view of the moment it was
 // made. A stand-alone child links to DISK and changes nothing of it: it is an
 // overlay to write into, and shows whatever DISK holds where it has no brick
@@ -11,12 +11,14 @@
 #include "DiskAccess.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 namespace cli {
 
@@ -28,12 +30,34 @@ struct ChildOptions {
     bool standAlone = false;
 };
 
+// A child inside a folder of the chain would become part of that disk's
+// folder, where it does not belong and could be deleted with it.
+void refuseFolderInsideChain(const brick::CBrickDiskChain& chain, const zo::CURI& child)
+{
+    std::vector<zo::CURI> disks;
+    for (const brick::CBrickDiskChain::Member& member : chain.getMembers())
+        disks.push_back(member.folder);
+    if (!chain.getChildFolder().isEmpty())
+        disks.push_back(chain.getChildFolder());
+    const std::string childPath = child.toLocalPath() + "/";
+    for (const zo::CURI& disk : disks) {
+        if (childPath.rfind(disk.toLocalPath() + "/", 0) == 0)
+            throw zo::CError("The new disk would lie inside the folder of a disk of the chain.", zo::String(), -1,
+                             zo::CProps()
+                                 .add("diskFolder", child.toLocalPath())
+                                 .add("insideDisk", disk.toLocalPath()));
+    }
+}
+
 int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, const char* what)
 {
     const zo::CURI parent = diskFolderURI(options.disk);
     const zo::CURI child = diskFolderURI(options.child);
     const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
     loadDiskHeader(fs.get(), parent);
+    const brick::CBrickDiskChain chain(fs.get(), parent);
+    chain.validate();
+    refuseFolderInsideChain(chain, child);
     // Making a child rewrites the parent's link to its child.
     const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
     if (!isMissingOrEmptyFolder(fs.get(), child))

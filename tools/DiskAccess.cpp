@@ -3,6 +3,7 @@
 #include "BrickTree.h"
 
 #include "brick/Brick.h"
+#include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskError.h"
 #include "zo/Error.h"
 
@@ -51,6 +52,7 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
                                   zo::IIOStream::Access access, int maxBackgroundOps)
 {
     const brick::CBrickDiskHeader header = loadDiskHeader(fs, folder);
+    brick::CBrickDiskChain(fs, folder).validate();
     const zo::String password =
         header.getCipherID() == "null" ? zo::String() : passwords.forExistingDisk(folder.toLocalPath());
     return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps));

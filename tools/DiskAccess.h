@@ -36,7 +36,9 @@ brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& fold
 // True when `folder` is missing or has no entries.
 bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder);
 
-// Opens the disk in `folder` with `access` (1 read, 3 read and write). An
+// Opens the disk in `folder` with `access` (1 read, 3 read and write), after
+// checking that every parent disk of its chain is there and made for it (a
+// missing or different one throws zo::CError naming it and what differs). An
 // unencrypted disk opens without a password; for an encrypted one the
 // password comes from `passwords` (a wrong one throws the library's
 // CBrickDiskError IncorrectPassword).

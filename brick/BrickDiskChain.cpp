@@ -1,0 +1,131 @@
+#include "brick/BrickDiskChain.h"
+
+#include "brick/Brick.h"
+#include "brick/BrickDisk.h"
+#include "brick/BrickDiskLink.h"
+
+#include "zo/Error.h"
+
+#include <set>
+
+namespace brick {
+
+using zo::CError;
+using zo::CURI;
+using zo::String;
+
+namespace {
+
+bool holdsHeader(zo::IFileSystem* fs, const CURI& folder)
+{
+    return fs->fileExists(CBrickDiskHeader::getHeaderURI(folder, 0)) ||
+           fs->fileExists(CBrickDiskHeader::getHeaderURI(folder, 1));
+}
+
+void addDifference(String& text, const String& part)
+{
+    if (!text.isEmpty())
+        text += ", ";
+    text += part;
+}
+
+} // namespace
+
+CBrickDiskChain::CBrickDiskChain(zo::IFileSystem* fs, const CURI& diskFolder)
+{
+    Member disk;
+    disk.folder = diskFolder.toNormalized();
+    disk.header.load(fs, disk.folder);
+    m_members.push_back(disk);
+    m_childFolder = loadLinkedFolder(fs, disk.folder, CBrickDisk::getChildLinkFileName());
+
+    std::set<String> visited{disk.folder.toString(true)};
+    for (CURI current = disk.folder;;) {
+        const CURI parent = loadLinkedFolder(fs, current, CBrickDisk::getParentLinkFileName());
+        if (parent.isEmpty())
+            return;
+        if (!visited.insert(parent.toString(true)).second)
+            throw CError("Parent link loop detected in brick disk.", String(), -1,
+                         zo::CProps()
+                             .add("diskFolder", disk.folder.toString(true))
+                             .add("loopFolder", parent.toString(true)));
+        Member member;
+        member.folder = parent;
+        if (!fs->folderExists(parent)) {
+            member.problem = "the folder is missing";
+        } else if (!holdsHeader(fs, parent)) {
+            member.problem = "the folder holds no disk";
+        } else {
+            try {
+                member.header.load(fs, parent);
+                member.problem = describeDifference(member.header, m_members.front().header);
+            } catch (const CError& e) {
+                member.problem = "its header cannot be read: " + e.toString();
+            }
+        }
+        m_members.push_back(member);
+        if (!member.problem.isEmpty())
+            return;
+        current = parent;
+    }
+}
+
+const CBrickDiskChain::Member* CBrickDiskChain::findProblem() const
+{
+    for (const Member& member : m_members) {
+        if (!member.problem.isEmpty())
+            return &member;
+    }
+    return nullptr;
+}
+
+void CBrickDiskChain::validate() const
+{
+    const Member* bad = findProblem();
+    if (!bad)
+        return;
+    throw CError("A parent disk of the disk is missing or does not match it.", String(), -1,
+                 zo::CProps()
+                     .add("diskFolder", getDiskFolder().toString(true))
+                     .add("parentFolder", bad->folder.toString(true))
+                     .add("problem", bad->problem));
+}
+
+CURI CBrickDiskChain::locateBrick(zo::IFileSystem* fs, zo::int64 brickIndex) const
+{
+    const CURI relative = CBrick::getRelativeBrickURI(getHeader(), brickIndex);
+    for (const Member& member : m_members) {
+        if (member.problem.isEmpty() && fs->fileExists(member.folder << relative))
+            return member.folder << relative;
+    }
+    return CURI();
+}
+
+CURI CBrickDiskChain::loadLinkedFolder(zo::IFileSystem* fs, const CURI& diskFolder, const String& linkFileName)
+{
+    if (!fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, linkFileName, 0)) &&
+        !fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, linkFileName, 1)))
+        return CURI();
+    CBrickDiskLink link;
+    link.load(fs, diskFolder, linkFileName);
+    return (diskFolder << link.getTargetURI()).toNormalized();
+}
+
+String CBrickDiskChain::describeDifference(const CBrickDiskHeader& parent, const CBrickDiskHeader& disk)
+{
+    String text;
+    if (parent.getDiskSize() != disk.getDiskSize())
+        addDifference(text, "disk size " + zo::toDecimalString(parent.getDiskSize()) + " instead of " +
+                                zo::toDecimalString(disk.getDiskSize()));
+    if (parent.getBrickSize() != disk.getBrickSize())
+        addDifference(text, "brick size " + zo::toDecimalString(parent.getBrickSize()) + " instead of " +
+                                zo::toDecimalString(disk.getBrickSize()));
+    if (parent.getCipherID() != disk.getCipherID())
+        addDifference(text, "cipher \"" + parent.getCipherID() + "\" instead of \"" + disk.getCipherID() + "\"");
+    if (!(parent.getCipherKeyDerivationSalt() == disk.getCipherKeyDerivationSalt()) ||
+        !(parent.getCipherKeyHash() == disk.getCipherKeyHash()))
+        addDifference(text, "another password or key");
+    return text;
+}
+
+} // namespace brick

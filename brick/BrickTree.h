@@ -1,0 +1,46 @@
+// CBrickTree: the brick files that a disk folder holds, found by walking its
+// tree of brick folders ("bricks/..."): each file's brick index, path and
+// size, the temporary files of stores that never finished, and whatever else
+// lies in the tree and does not belong there.
+#pragma once
+
+#include "brick/BrickDiskHeader.h"
+
+#include "zo/FileSystem.h"
+#include "zo/URI.h"
+
+#include <vector>
+
+namespace brick {
+
+class CBrickTree {
+public:
+    struct BrickFile {
+        zo::int64 index;
+        zo::CURI path;
+        zo::int64 size;
+    };
+
+    struct Listing {
+        // In index order.
+        std::vector<BrickFile> bricks;
+        // ".tmp-*" files of stores that never finished.
+        std::vector<zo::CURI> temporaryFiles;
+        // Entries whose names or kinds the tree does not have.
+        std::vector<zo::CURI> unexpectedEntries;
+
+        zo::int64 totalBrickBytes() const;
+    };
+
+    // Walks the tree of `diskFolder` (shaped by `header`) with
+    // IFileSystem::listFolder. A disk that never stored a brick (no "bricks")
+    // gives an empty listing; a "bricks" that is no folder is unexpected.
+    // Passes on the file system's errors.
+    static Listing list(zo::IFileSystem* fs, const zo::CURI& diskFolder, const CBrickDiskHeader& header);
+
+    // The digit that `name` stands for at `level` of the tree (0: the brick
+    // files), or -1 when it is no name of the tree.
+    static int parseEntryName(const CBrickDiskHeader& header, int level, const std::string& name);
+};
+
+} // namespace brick
