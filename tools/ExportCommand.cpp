@@ -30,6 +30,7 @@ struct ExportOptions {
     int jobs = defaultJobCount();
     bool quiet = false;
     bool forceShare = false;
+    bool force = false;
     CPasswordSource passwords;
 };
 
@@ -96,7 +97,7 @@ int runExport(const ExportOptions& options)
         lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForReading, options.forceShare);
     const zo::P<brick::CBrickDisk> disk = openDisk(fs.get(), folder, options.passwords, zo::IIOStream::AccessRead, 1);
 
-    CImageSink sink(options.image);
+    CImageSink sink(options.image, disk->getHeader().getDiskSize(), options.force);
     ExportCounts counts;
     try {
         counts = copyDisk(fs.get(), *disk, sink, options.jobs);
@@ -125,8 +126,10 @@ CommandAction addExportCommand(CLI::App& program)
         program.add_subcommand("export", "Read a whole disk into an image file (or standard output)");
     command->add_option("DISK", options->disk, "Folder of the disk")->required();
     command->add_option("IMAGE", options->image,
-                        "Image file (created or replaced; all-zero bricks become holes), or - for standard output")
+                        "Image file (created, or replaced with --force; all-zero bricks become holes), a block "
+                        "device, or - for standard output")
         ->required();
+    command->add_flag("--force", options->force, "Replace an image file that exists and is not empty");
     command->add_option("-j,--jobs", options->jobs, "Threads that read and decode bricks ahead")
         ->capture_default_str();
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");

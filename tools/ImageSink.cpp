@@ -1,7 +1,10 @@
 #include "ImageSink.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,24 +15,94 @@ namespace {
 // Chunks queued for the writer before append waits.
 constexpr size_t kMaxQueued = 4;
 
+// The process's file mode creation mask, read without changing it for good.
+mode_t currentUmask()
+{
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
+// The folder that holds `path` ("." for a bare name).
+std::string folderOf(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void syncFolder(const std::string& folder)
+{
+    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        throw zo::makeErrnoError(errno, "open", zo::String(folder));
+    const bool failed = ::fsync(fd) != 0 && errno != EINVAL;
+    const int syncErrno = errno;
+    ::close(fd);
+    if (failed)
+        throw zo::makeErrnoError(syncErrno, "fsync", zo::String(folder));
+}
+
 } // namespace
 
-CImageSink::CImageSink(const std::string& path) : m_path(path)
+CImageSink::CImageSink(const std::string& path, zo::int64 size, bool force) : m_path(path)
 {
-    if (path == "-") {
-        m_fd = STDOUT_FILENO;
-        m_path = "standard output";
+    struct stat info {};
+    const bool exists = path != "-" && ::lstat(path.c_str(), &info) == 0;
+    if (path == "-" || (exists && !S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode) && !S_ISDIR(info.st_mode))) {
+        openInPlace(size);
     } else {
-        struct stat info {};
-        const bool existsAsOther = ::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode);
-        const int flags = O_WRONLY | O_CLOEXEC | (existsAsOther ? 0 : O_CREAT | O_TRUNC);
-        m_fd = ::open(path.c_str(), flags, 0666);
-        if (m_fd < 0)
-            throw zo::makeErrnoError(errno, "open", zo::String(path));
-        m_ownsFd = true;
-        m_sparse = ::fstat(m_fd, &info) == 0 && S_ISREG(info.st_mode);
+        if (exists && S_ISDIR(info.st_mode))
+            throw zo::CError("The image path is a folder.", zo::String(), -1, zo::CProps().add("image", path));
+        if (exists && S_ISLNK(info.st_mode) && !force)
+            throw zo::CError("The image path is a symbolic link; give --force to replace the link with the image.",
+                             zo::String(), -1, zo::CProps().add("image", path));
+        if (exists && S_ISREG(info.st_mode) && info.st_size > 0 && !force)
+            throw zo::CError("The image file exists and is not empty; give --force to replace it.", zo::String(), -1,
+                             zo::CProps().add("image", path));
+        openTemporary();
     }
     m_writer = std::thread([this] { writerLoop(); });
+}
+
+void CImageSink::openInPlace(zo::int64 size)
+{
+    if (m_path == "-") {
+        m_fd = STDOUT_FILENO;
+        m_path = "standard output";
+        return;
+    }
+    m_fd = ::open(m_path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (m_fd < 0)
+        throw zo::makeErrnoError(errno, "open", zo::String(m_path));
+    m_ownsFd = true;
+    struct stat info {};
+    if (::fstat(m_fd, &info) == 0 && S_ISBLK(info.st_mode)) {
+        unsigned long long deviceSize = 0;
+        if (::ioctl(m_fd, BLKGETSIZE64, &deviceSize) != 0)
+            throw zo::makeErrnoError(errno, "ioctl BLKGETSIZE64", zo::String(m_path));
+        if (static_cast<zo::int64>(deviceSize) < size)
+            throw zo::CError("The block device is smaller than the disk.", zo::String(), -1,
+                             zo::CProps()
+                                 .add("image", m_path)
+                                 .add("deviceSize", static_cast<zo::int64>(deviceSize))
+                                 .add("diskSize", size));
+    }
+}
+
+void CImageSink::openTemporary()
+{
+    const std::string folder = folderOf(m_path);
+    const std::string name = m_path.substr(m_path.rfind('/') == std::string::npos ? 0 : m_path.rfind('/') + 1);
+    std::string pattern = folder + "/." + name + ".XXXXXX.part";
+    m_fd = ::mkostemps(pattern.data(), 5, O_CLOEXEC);
+    if (m_fd < 0)
+        throw zo::makeErrnoError(errno, "create", zo::String(m_path));
+    ::fchmod(m_fd, 0666 & ~currentUmask());
+    m_ownsFd = true;
+    m_sparse = true;
+    m_temporaryPath = pattern;
 }
 
 CImageSink::~CImageSink()
@@ -42,6 +115,7 @@ CImageSink::~CImageSink()
     m_writer.join();
     if (m_ownsFd)
         ::close(m_fd);
+    discard();
 }
 
 CImageSink::Chunk CImageSink::takeChunk()
@@ -78,14 +152,23 @@ void CImageSink::finish()
         m_changed.wait(lock, [this] { return (m_queue.empty() && !m_writing) || m_error; });
         rethrowWriteError();
     }
-    if (m_sparse && ::ftruncate(m_fd, m_position) != 0)
+    if (m_temporaryPath.empty())
+        return;
+    if (::ftruncate(m_fd, m_position) != 0)
         throw zo::makeErrnoError(errno, "ftruncate", zo::String(m_path));
+    if (::fsync(m_fd) != 0)
+        throw zo::makeErrnoError(errno, "fsync", zo::String(m_path));
+    if (::rename(m_temporaryPath.c_str(), m_path.c_str()) != 0)
+        throw zo::makeErrnoError(errno, "rename", zo::String(m_path));
+    m_temporaryPath.clear();
+    syncFolder(folderOf(m_path));
 }
 
 void CImageSink::discard()
 {
-    if (m_sparse)
-        ::unlink(m_path.c_str());
+    if (!m_temporaryPath.empty())
+        ::unlink(m_temporaryPath.c_str());
+    m_temporaryPath.clear();
 }
 
 void CImageSink::writerLoop()

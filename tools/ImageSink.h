@@ -1,8 +1,10 @@
-// CImageSink: where an export writes a disk's bytes. Into a regular file it
-// leaves holes where the disk reads zeros (it seeks over them and sets the
-// file's size at the end), so an image of a mostly empty disk takes little
-// room; to standard output or another kind of file (a pipe, a device) every
-// byte is written in order.
+// CImageSink: where an export writes a disk's bytes. A regular file is
+// written as a temporary file beside it, with holes where the disk reads
+// zeros (it seeks over them and sets the file's size at the end), and only
+// renamed over the target once complete and durable: an interrupted export
+// leaves the old file as it was and no partial image. Standard output and
+// other kinds of file (a pipe, a block device) get every byte in place, in
+// order.
 //
 // The writing happens on a thread of the sink's own, so that the caller goes
 // on reading the disk while the output takes the bytes. The caller's calls
@@ -25,11 +27,15 @@ class CImageSink {
 public:
     using Chunk = std::vector<zo::uint8>;
 
-    // Opens `path`; "-" is standard output. A regular file is created or
-    // emptied. Throws the file system's error when it cannot be opened.
-    explicit CImageSink(const std::string& path);
-    // Stops the writing thread (dropping what was not written yet) and closes
-    // a file that it opened; never throws.
+    // Opens `path` for `size` bytes; "-" is standard output. An existing
+    // regular file that is not empty, or a symbolic link, is refused with
+    // zo::CError unless `force` (the link itself is then replaced, not what
+    // it points to); a block device smaller than `size` is always refused.
+    // Throws the file system's error when it cannot be opened.
+    CImageSink(const std::string& path, zo::int64 size, bool force);
+    // Stops the writing thread (dropping what was not written yet), closes a
+    // file that it opened and removes a temporary file that was not put in
+    // place; never throws.
     ~CImageSink();
     CImageSink(const CImageSink&) = delete;
     CImageSink& operator=(const CImageSink&) = delete;
@@ -46,11 +52,14 @@ public:
     // ran into.
     void append(Chunk chunk, bool allZero);
     // Waits until everything is written, then sets a regular file's size to
-    // everything appended (the holes at its end included). Throws the error
-    // of any write.
+    // everything appended (the holes at its end included), makes it durable
+    // and renames it over the target. Throws the error of any write.
     void finish();
-    // Removes a regular file that was being written, after a failure.
+    // Removes the temporary file after a failure; the target stays as it was.
+    // Safe to call from a signal handler's aftermath, and more than once.
     void discard();
+    // The temporary file being written, empty when there is none.
+    const std::string& getTemporaryPath() const { return m_temporaryPath; }
 
 private:
     struct Queued {
@@ -63,10 +72,16 @@ private:
     void writeAll(const zo::uint8* data, size_t size);
     void rethrowWriteError();
 
+    // Opens the target in place: standard output, a pipe or a device.
+    void openInPlace(zo::int64 size);
+    // Creates the temporary file beside the target.
+    void openTemporary();
+
     int m_fd = -1;
     bool m_ownsFd = false;
     bool m_sparse = false;
     std::string m_path;
+    std::string m_temporaryPath;
     zo::int64 m_position = 0;  // the writer thread's alone
 
     std::mutex m_mutex;

@@ -47,6 +47,7 @@ void CliTest::importImage(const std::string& disk, const std::string& image) con
 std::string CliTest::exportImage(const std::string& disk) const
 {
     const std::string image = path(disk + ".exported");
+    std::filesystem::remove(image);
     const RunResult result = runWithPassword({"export", path(disk), image});
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     return readFile(image);

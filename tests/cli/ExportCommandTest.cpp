@@ -1,7 +1,9 @@
 #include "CliTestFixture.h"
 
+#include <chrono>
 #include <filesystem>
 #include <sys/stat.h>
+#include <thread>
 
 namespace clitest {
 namespace {
@@ -44,7 +46,7 @@ TEST_F(ExportCommandTest, DataAndZeroBricksInTurnAndAShortLastBrickComeBackExact
 
     for (const std::string jobs : {"1", "3"}) {
         SCOPED_TRACE("jobs " + jobs);
-        const RunResult toFile = runWithPassword({"export", path("disk"), path("out"), "--jobs", jobs});
+        const RunResult toFile = runWithPassword({"export", path("disk"), path("out"), "--jobs", jobs, "--force"});
         ASSERT_EQ(toFile.exitStatus, 0) << toFile.err;
         EXPECT_NE(toFile.out.find("bricks: 11 with data, 10 all zero"), std::string::npos) << toFile.out;
         EXPECT_TRUE(readFile(path("out")) == image);
@@ -67,16 +69,71 @@ TEST_F(ExportCommandTest, StandardOutputGetsEveryByteAndTheSummaryGoesToStderr)
     EXPECT_NE(result.err.find("exported 1.00 MiB"), std::string::npos) << result.err;
 }
 
-TEST_F(ExportCommandTest, ReplacesAnExistingFileWhole)
+TEST_F(ExportCommandTest, RefusesAnExistingFileAndReplacesItWholeOnlyWithForce)
 {
     createDisk("disk", "1M");
     const std::string image = makeImage(1024 * 1024, 22);
     writeFile(path("image"), image);
     importImage("disk", "image");
-    writeFile(path("out"), std::string(3 * 1024 * 1024, 'o'));
+    const std::string old(3 * 1024 * 1024, 'o');
+    writeFile(path("out"), old);
 
-    ASSERT_EQ(runWithPassword({"export", path("disk"), path("out")}).exitStatus, 0);
+    const RunResult refused = runWithPassword({"export", path("disk"), path("out")});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.err.find("exists and is not empty; give --force"), std::string::npos) << refused.err;
+    EXPECT_TRUE(readFile(path("out")) == old);
+
+    ASSERT_EQ(runWithPassword({"export", path("disk"), path("out"), "--force"}).exitStatus, 0);
     EXPECT_EQ(readFile(path("out")), image);
+}
+
+TEST_F(ExportCommandTest, TypedForAnImportItRefusesToOverwriteTheImage)
+{
+    createDisk("disk", "1M");
+    const std::string image = makeImage(1024 * 1024, 23);
+    writeFile(path("image"), image);
+    const RunResult mistaken = runWithPassword({"export", path("disk"), path("image")});
+    EXPECT_EQ(mistaken.exitStatus, 1);
+    EXPECT_TRUE(readFile(path("image")) == image);
+}
+
+TEST_F(ExportCommandTest, SymbolicLinkIsNotFollowedAndWithForceTheLinkItselfIsReplaced)
+{
+    createDisk("disk", "1M");
+    writeFile(path("precious"), "keep me");
+    std::filesystem::create_symlink(path("precious"), path("link"));
+
+    const RunResult refused = runWithPassword({"export", path("disk"), path("link")});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.err.find("symbolic link"), std::string::npos) << refused.err;
+    ASSERT_EQ(runWithPassword({"export", path("disk"), path("link"), "--force"}).exitStatus, 0);
+    EXPECT_EQ(readFile(path("precious")), "keep me");
+    EXPECT_FALSE(std::filesystem::is_symlink(path("link")));
+    EXPECT_EQ(std::filesystem::file_size(path("link")), 1024u * 1024u);
+}
+
+TEST_F(ExportCommandTest, KilledExportLeavesTheOldFileAndNoPartialImage)
+{
+    createDisk("disk", "32M");
+    const std::string image = makeImage(32 * 1024 * 1024, 24);
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+    writeFile(path("out"), "the old image");
+    {
+        RunningProgram exporting({"export", path("disk"), path("out"), "--force", "--password-file", path("pw")},
+                                 RunOptions{});
+        // Wait until the temporary image is being written, then kill.
+        bool started = false;
+        for (int i = 0; i < 400 && !started; ++i) {
+            for (const auto& entry : std::filesystem::directory_iterator(path("")))
+                started = started || entry.path().filename().string().rfind(".out.", 0) == 0;
+            if (!started)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        exporting.kill();
+        exporting.wait();
+    }
+    EXPECT_EQ(readFile(path("out")), "the old image");
 }
 
 TEST_F(ExportCommandTest, DamagedBrickFailsTheExportNamingTheBrick)
