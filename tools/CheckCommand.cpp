@@ -7,6 +7,7 @@
 #include "BrickTree.h"
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "Interrupt.h"
 #include "DiskChain.h"
 #include "Password.h"
 #include "Progress.h"
@@ -144,11 +145,17 @@ std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const BrickTreeLis
         threads.emplace_back(work, std::make_unique<CBrickFileChecker>(fs, header, disk));
     CProgressBar progress("check", listing.totalBrickBytes());
     while (next < listing.bricks.size()) {
+        if (wasInterrupted()) {
+            // The workers take no further brick.
+            next = listing.bricks.size();
+            break;
+        }
         progress.update(bytesDone);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     for (std::thread& thread : threads)
         thread.join();
+    throwIfInterrupted();
     return verdicts;
 }
 

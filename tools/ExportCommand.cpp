@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "ImageSink.h"
+#include "Interrupt.h"
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
@@ -78,6 +79,7 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
         ++(allZero ? counts.zeroBricks : counts.dataBricks);
         sink.append(std::move(chunk), allZero);
         counts.bytes += size;
+        throwIfInterrupted();
         progress.update(counts.bytes);
     }
     stream->close();

@@ -1,5 +1,7 @@
 #include "ImageSource.h"
 
+#include "Interrupt.h"
+
 #include "zo/Error.h"
 
 #include <algorithm>
@@ -69,8 +71,10 @@ int CImageSource::readFully(zo::uint8* dst, int size)
     int total = 0;
     while (total < size) {
         const ssize_t n = ::read(m_fd, dst + total, static_cast<size_t>(size - total));
-        if (n < 0 && errno == EINTR)
+        if (n < 0 && errno == EINTR) {
+            throwIfInterrupted();
             continue;
+        }
         if (n < 0)
             throw zo::makeErrnoError(errno, "read", zo::String(m_name));
         if (n == 0)

@@ -5,6 +5,7 @@
 #include "DiskAccess.h"
 #include "DiskChain.h"
 #include "ImageSource.h"
+#include "Interrupt.h"
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
@@ -89,7 +90,10 @@ int runImport(const ImportOptions& options)
         CProgressBar progress("import", source.getSize());
         CBrickImporter importer(fs.get(), *disk, options.jobs);
         try {
-            importer.run(source, [&](zo::int64 done) { progress.update(done); });
+            importer.run(source, [&](zo::int64 done) {
+                throwIfInterrupted();
+                progress.update(done);
+            });
         } catch (...) {
             progress.clear();
             disk->flushChanges();

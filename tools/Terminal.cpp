@@ -1,5 +1,7 @@
 #include "Terminal.h"
 
+#include "Interrupt.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <termios.h>
@@ -88,8 +90,11 @@ bool askOnTerminalWithoutEcho(const std::string& prompt, std::string& answer)
         char c;
         for (;;) {
             const ssize_t n = ::read(terminal.get(), &c, 1);
-            if (n < 0 && errno == EINTR)
+            if (n < 0 && errno == EINTR) {
+                // Echo comes back as the guard goes.
+                throwIfInterrupted();
                 continue;
+            }
             if (n <= 0 || c == '\n')
                 break;
             line += c;

@@ -5,6 +5,7 @@
 // out. Errors are one line on stderr: "brickdisk: " and the message with its
 // context.
 #include "Commands.h"
+#include "Interrupt.h"
 #include "UsageError.h"
 
 #include "zo/Error.h"
@@ -51,6 +52,7 @@ void routeLibraryLog(bool verbose)
 
 int main(int argc, char** argv)
 {
+    cli::installInterruptHandlers();
     CLI::App program("Stores a fixed-size virtual disk as a folder of compressed, encrypted brick files.",
                      "brickdisk");
     program.require_subcommand(1);
@@ -90,6 +92,9 @@ int main(int argc, char** argv)
         for (const CLI::App* chosen : program.get_subcommands())
             return actions.at(chosen)();
         return kExitUsage;
+    } catch (const cli::CInterrupted&) {
+        printError("interrupted");
+        return cli::kExitInterrupted;
     } catch (const cli::UsageError& e) {
         printError(e.what());
         return kExitUsage;

@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace clitest {
@@ -133,6 +134,12 @@ void RunningProgram::closeInput()
     m_input = -1;
 }
 
+void RunningProgram::signal(int signal)
+{
+    if (m_pid > 0)
+        ::kill(m_pid, signal);
+}
+
 void RunningProgram::kill()
 {
     ::kill(m_pid, SIGKILL);
@@ -222,6 +229,8 @@ RunResult runOnTerminal(const std::vector<std::string>& args, const std::vector<
             break;
         result.err.append(buffer, static_cast<size_t>(n));
     }
+    termios settings {};
+    result.terminalEchoes = ::tcgetattr(master, &settings) == 0 && (settings.c_lflag & ECHO) != 0;
     ::close(master);
     int status = 0;
     for (int waited = 0; ::waitpid(pid, &status, WNOHANG) == 0; ++waited) {

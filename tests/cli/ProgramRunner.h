@@ -15,6 +15,9 @@ struct RunResult {
     int exitStatus = -1;  // -1 when the program did not exit normally
     std::string out;
     std::string err;
+    // For runOnTerminal: whether the terminal echoes typing once the program
+    // has ended.
+    bool terminalEchoes = false;
 };
 
 struct RunOptions {
@@ -56,6 +59,8 @@ public:
     void closeInput();
     // Kills the program with SIGKILL and waits for it.
     void kill();
+    // Sends `signal` to the program (it goes on running until it ends).
+    void signal(int signal);
     RunResult wait();
 
 private:
