@@ -1,6 +1,7 @@
 #include "DiskAccess.h"
 
 #include "BrickTree.h"
+#include "UsageError.h"
 
 #include "brick/Brick.h"
 #include "brick/BrickDiskChain.h"
@@ -16,6 +17,8 @@ namespace cli {
 
 zo::CURI diskFolderURI(const std::string& path)
 {
+    if (path.empty())
+        throw UsageError("the disk path is empty");
     std::string absolute = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal().string();
     while (absolute.size() > 1 && absolute.back() == '/')
         absolute.pop_back();
@@ -32,6 +35,8 @@ zo::P<zo::CLocalFileSystem> newLocalFileSystem(bool syncEnabled, int threadCount
 brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& folder)
 {
     const zo::CProps props = zo::CProps().add("diskFolder", folder.toString(true));
+    if (fs->fileExists(folder))
+        throw zo::CError("The disk path is a file, not a folder.", zo::String(), -1, props);
     if (!fs->folderExists(folder))
         throw zo::CError("Disk folder does not exist.", zo::String(), -1, props);
     if (!fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) &&

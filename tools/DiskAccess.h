@@ -20,15 +20,16 @@ class App;
 
 namespace cli {
 
-// `path` made absolute against the working folder and normalised.
+// `path` made absolute against the working folder and normalised; an empty
+// path throws UsageError.
 zo::CURI diskFolderURI(const std::string& path);
 
 // The local file system with `threadCount` worker threads; with `syncEnabled`
 // every stored brick and header reaches the disk before it counts as stored.
 zo::P<zo::CLocalFileSystem> newLocalFileSystem(bool syncEnabled, int threadCount);
 
-// The header of the disk in `folder`. Throws zo::CError "Disk folder does not
-// exist." or "Folder holds no brick disk: disk.brickdisk and its fallback copy
+// The header of the disk in `folder`. Throws zo::CError "The disk path is a
+// file, not a folder.", "Disk folder does not exist." or "Folder holds no brick disk: disk.brickdisk and its fallback copy
 // are both missing." (each with "diskFolder") before the library would fail
 // less clearly, and passes on the errors of loading the header.
 brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& folder);

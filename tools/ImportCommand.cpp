@@ -103,6 +103,9 @@ int runImport(const ImportOptions& options)
         disk->flushChanges();
     }
     throwIfAnySaveFailed(*disk);
+    if (counts.imageBytes == 0)
+        std::fprintf(stderr, "brickdisk: warning: the image %s is empty; the disk was not changed\n",
+                     options.image == "-" ? "on standard input" : options.image.c_str());
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (!options.quiet)
         printSummary(counts, seconds);

@@ -5,6 +5,7 @@
 // out. Errors are one line on stderr: "brickdisk: " and the message with its
 // context.
 #include "Commands.h"
+#include "ErrorText.h"
 #include "Interrupt.h"
 #include "UsageError.h"
 
@@ -74,6 +75,16 @@ int main(int argc, char** argv)
     add(cli::addChildCommand);
     add(cli::addCheckCommand);
 
+    // CLI11 would take an unknown first word for a missing subcommand.
+    if (argc > 1 && argv[1][0] != '-') {
+        bool known = false;
+        for (const CLI::App* command : program.get_subcommands({}))
+            known = known || command->get_name() == argv[1];
+        if (!known) {
+            printError("unknown command '" + std::string(argv[1]) + "' (see brickdisk --help)");
+            return kExitUsage;
+        }
+    }
     try {
         program.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -99,7 +110,7 @@ int main(int argc, char** argv)
         printError(e.what());
         return kExitUsage;
     } catch (const zo::CError& e) {
-        printError(e.toString().toUTF8());
+        printError(cli::describeForUser(e));
         return kExitFailure;
     } catch (const std::exception& e) {
         printError(e.what());

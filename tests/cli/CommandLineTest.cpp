@@ -59,3 +59,56 @@ TEST_F(CommandLineTest, EmptyPasswordFileIsRefused)
 
 } // namespace
 } // namespace clitest
+
+namespace clitest {
+namespace {
+
+class BadInputTest : public CliTest {};
+
+TEST_F(BadInputTest, UnknownCommandIsNamed)
+{
+    const RunResult result = run({"frobnicate", path("disk")});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.err.find("unknown command 'frobnicate'"), std::string::npos) << result.err;
+}
+
+TEST_F(BadInputTest, DiskPathThatIsAFileIsCalledOne)
+{
+    writeFile(path("file"), "not a disk");
+    const RunResult result = run({"info", path("file")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("The disk path is a file, not a folder."), std::string::npos) << result.err;
+}
+
+TEST_F(BadInputTest, EmptyDiskPathIsAUsageError)
+{
+    const RunResult result = run({"info", ""});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.err.find("the disk path is empty"), std::string::npos) << result.err;
+}
+
+TEST_F(BadInputTest, EmptyImportWarnsAndChangesNothing)
+{
+    createDisk("disk", "1M");
+    writeFile(path("empty"), "");
+    const RunResult result = runWithPassword({"import", path("disk"), path("empty")});
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_NE(result.err.find("warning: the image " + path("empty") + " is empty"), std::string::npos) << result.err;
+    EXPECT_TRUE(brickFiles("disk").empty());
+}
+
+TEST_F(BadInputTest, FileSystemFailuresAreToldInWordsWithoutInternalNumbers)
+{
+    createDisk("disk", "1M");
+    // A file where the brick folders belong: every brick store fails.
+    writeFile(path("disk/bricks"), "in the way");
+    writeFile(path("image"), makeImage(1024 * 1024, 81));
+    const RunResult result = runWithPassword({"import", path("disk"), path("image")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("Not a directory"), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("fileSystemProblem"), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("errno"), std::string::npos) << result.err;
+}
+
+} // namespace
+} // namespace clitest
