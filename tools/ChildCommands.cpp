@@ -12,6 +12,7 @@
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
+#include "brick/BrickDiskLink.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -64,6 +65,14 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
         throw zo::CError("Cannot create a child disk in a folder that is not empty.", zo::String(), -1,
                          zo::CProps().add("diskFolder", child.toString(true)));
     brick::CBrickDisk::createChild(fs.get(), child, parent, type);
+    if (type == brick::CBrickDisk::standAloneChild) {
+        // The library gives a stand-alone child a link to the parent's own
+        // child; writing the stand-alone child would then store old bricks
+        // into that other disk. A stand-alone child has no child.
+        for (int copy = 0; copy < 2; ++copy)
+            fs->deleteFile(brick::CBrickDiskLink::getAuxFileURI(child, brick::CBrickDisk::getChildLinkFileName(), copy),
+                           true);
+    }
     std::printf("created %s %s of %s\n", what, child.toLocalPath().c_str(), parent.toLocalPath().c_str());
     return 0;
 }

@@ -1,5 +1,7 @@
 #include "CliTestFixture.h"
 
+#include <filesystem>
+
 namespace clitest {
 namespace {
 
@@ -92,6 +94,34 @@ TEST_F(SnapshotCommandTest, RefusesAFolderThatIsNotEmptyAndAMissingParent)
     const RunResult missing = run({"snapshot", path("nothing"), path("snap")});
     EXPECT_EQ(missing.exitStatus, 1);
     EXPECT_NE(missing.err.find("Disk folder does not exist."), std::string::npos) << missing.err;
+}
+
+} // namespace
+} // namespace clitest
+
+namespace clitest {
+namespace {
+
+class StandAloneChildTest : public CliTest {};
+
+TEST_F(StandAloneChildTest, StandAloneChildOfADiskWithASnapshotLeavesTheSnapshotAlone)
+{
+    createDisk("disk", "1M");
+    const std::string image = makeImage(1024 * 1024, 91);
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+    ASSERT_EQ(run({"snapshot", path("disk"), path("monday")}).exitStatus, 0);
+    ASSERT_EQ(run({"child", path("disk"), path("overlay"), "--stand-alone"}).exitStatus, 0);
+    EXPECT_FALSE(std::filesystem::exists(path("overlay/child.bricklnk")));
+    EXPECT_FALSE(std::filesystem::exists(path("overlay/fallback/child.bricklnk")));
+
+    writeFile(path("other"), makeImage(1024 * 1024, 92));
+    const RunResult written = runWithPassword({"import", path("overlay"), path("other"), "--allow-parent"});
+    ASSERT_EQ(written.exitStatus, 0) << written.err;
+    EXPECT_TRUE(brickFiles("monday").empty());
+    EXPECT_EQ(exportImage("monday"), image);
+    const RunResult check = runWithPassword({"check", path("monday"), "--read-data"});
+    EXPECT_EQ(check.exitStatus, 0) << check.out;
 }
 
 } // namespace
