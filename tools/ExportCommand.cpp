@@ -32,6 +32,7 @@ struct ExportOptions {
     bool quiet = false;
     bool forceShare = false;
     bool force = false;
+    bool skipDamaged = false;
     CPasswordSource passwords;
 };
 
@@ -39,6 +40,8 @@ struct ExportCounts {
     zo::int64 bytes = 0;
     zo::int64 dataBricks = 0;
     zo::int64 zeroBricks = 0;
+    // Bricks that could not be read and were written as zeros (--skip-damaged).
+    zo::int64 damagedBricks = 0;
 };
 
 bool isAllZero(const zo::uint8* data, size_t size)
@@ -57,7 +60,9 @@ bool isAllZero(const zo::uint8* data, size_t size)
                      &cause);
 }
 
-ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& sink, int jobs)
+// With `skipDamaged` a brick that cannot be read becomes zeros and is
+// reported on stderr; otherwise it ends the export.
+ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& sink, int jobs, bool skipDamaged)
 {
     const zo::int64 length = disk.getSize();
     const int brickSize = static_cast<int>(disk.getBrickSize());
@@ -69,14 +74,21 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
         const int size = static_cast<int>(std::min<zo::int64>(brickSize, length - counts.bytes));
         CImageSink::Chunk chunk = sink.takeChunk();
         chunk.resize(static_cast<size_t>(size));
+        bool damaged = false;
         try {
             stream->read(chunk.data(), size);
         } catch (const zo::CError& e) {
             progress.clear();
-            throwBrickReadError(fs, disk, index, e);
+            if (!skipDamaged)
+                throwBrickReadError(fs, disk, index, e);
+            std::fprintf(stderr, "brickdisk: damaged brick %lld written as zeros (%s)\n", static_cast<long long>(index),
+                         locateBrickFile(fs, disk, index).toLocalPath().c_str());
+            std::memset(chunk.data(), 0, chunk.size());
+            damaged = true;
+            stream->seek(counts.bytes + size);
         }
         const bool allZero = isAllZero(chunk.data(), chunk.size());
-        ++(allZero ? counts.zeroBricks : counts.dataBricks);
+        ++(damaged ? counts.damagedBricks : allZero ? counts.zeroBricks : counts.dataBricks);
         sink.append(std::move(chunk), allZero);
         counts.bytes += size;
         throwIfInterrupted();
@@ -102,7 +114,7 @@ int runExport(const ExportOptions& options)
     CImageSink sink(options.image, disk->getHeader().getDiskSize(), options.force);
     ExportCounts counts;
     try {
-        counts = copyDisk(fs.get(), *disk, sink, options.jobs);
+        counts = copyDisk(fs.get(), *disk, sink, options.jobs, options.skipDamaged);
     } catch (...) {
         sink.discard();
         throw;
@@ -111,12 +123,15 @@ int runExport(const ExportOptions& options)
     if (!options.quiet) {
         // Standard output may be the image itself.
         std::FILE* out = options.image == "-" ? stderr : stdout;
-        std::fprintf(out, "exported %s in %.1f s (%s); bricks: %lld with data, %lld all zero%s\n",
+        std::fprintf(out, "exported %s in %.1f s (%s); bricks: %lld with data, %lld all zero%s",
                      formatBytes(counts.bytes).c_str(), seconds, formatRate(counts.bytes, seconds).c_str(),
                      static_cast<long long>(counts.dataBricks), static_cast<long long>(counts.zeroBricks),
                      sink.leavesHoles() ? " (left as holes)" : "");
+        if (counts.damagedBricks > 0)
+            std::fprintf(out, ", %lld damaged (written as zeros)", static_cast<long long>(counts.damagedBricks));
+        std::fprintf(out, "\n");
     }
-    return 0;
+    return counts.damagedBricks > 0 ? 1 : 0;
 }
 
 } // namespace
@@ -132,6 +147,8 @@ CommandAction addExportCommand(CLI::App& program)
                         "device, or - for standard output")
         ->required();
     command->add_flag("--force", options->force, "Replace an image file that exists and is not empty");
+    command->add_flag("--skip-damaged", options->skipDamaged,
+                      "Write a brick that cannot be read as zeros, list it, and go on (the exit status is still 1)");
     command->add_option("-j,--jobs", options->jobs, "Threads that read and decode bricks ahead")
         ->capture_default_str();
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");

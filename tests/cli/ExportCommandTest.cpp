@@ -157,6 +157,30 @@ TEST_F(ExportCommandTest, DamagedBrickFailsTheExportNamingTheBrick)
     EXPECT_FALSE(std::filesystem::exists(path("out"))) << "a partial image is removed";
 }
 
+TEST_F(ExportCommandTest, SkipDamagedWritesDamagedBricksAsZerosListsThemAndStillFails)
+{
+    createDisk("disk", "1M");
+    const std::string image(1024 * 1024, 'd');
+    writeFile(path("image"), image);
+    importImage("disk", "image");
+    const std::vector<std::string> files = brickFiles("disk");
+    for (const size_t victim : {6u, 9u}) {
+        std::string bytes = readFile(files[victim]);
+        bytes[20] ^= 0x10;
+        writeFile(files[victim], bytes);
+    }
+
+    const RunResult result = runWithPassword({"export", path("disk"), path("out"), "--skip-damaged", "--jobs", "2"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("damaged brick 6 written as zeros (" + files[6] + ")"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("damaged brick 9 written as zeros (" + files[9] + ")"), std::string::npos) << result.err;
+    EXPECT_NE(result.out.find("2 damaged (written as zeros)"), std::string::npos) << result.out;
+    std::string expected = image;
+    for (const size_t victim : {6u, 9u})
+        expected.replace(victim * kBrickSize, kBrickSize, std::string(kBrickSize, '\0'));
+    EXPECT_TRUE(readFile(path("out")) == expected);
+}
+
 TEST_F(ExportCommandTest, WrongPasswordFails)
 {
     createDisk("disk", "1M");
