@@ -7,14 +7,15 @@
 #include "BrickTree.h"
 #include "Commands.h"
 #include "DiskAccess.h"
-#include "Interrupt.h"
 #include "DiskChain.h"
+#include "Interrupt.h"
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
 #include "UsageError.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskLink.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -36,6 +37,7 @@ struct CheckOptions {
     bool readData = false;
     int jobs = defaultJobCount();
     bool forceShare = false;
+    bool repair = false;
     CPasswordSource passwords;
 };
 
@@ -48,16 +50,47 @@ public:
         ++m_problems;
     }
     void note(const std::string& text) { std::printf("note: %s\n", text.c_str()); }
+    void repaired(const std::string& text)
+    {
+        std::printf("repaired: %s\n", text.c_str());
+        ++m_repairs;
+    }
+    int getRepairCount() const { return m_repairs; }
     int getProblemCount() const { return m_problems; }
 
 private:
     int m_problems = 0;
+    int m_repairs = 0;
 };
 
-void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, CFindings& findings)
+// With --repair, a record with one intact copy and one that is not is stored
+// again whole from the intact one (both copies are rewritten, each
+// atomically); returns true when it did so.
+bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& fileName,
+                    const AuxFileCopyState& primary, const AuxFileCopyState& fallback, CFindings& findings)
+{
+    if (primary.isIntact() == fallback.isIntact())
+        return false;
+    if (fileName == "disk.brickdisk") {
+        brick::CBrickDiskHeader header;
+        header.load(fs, folder);
+        header.store(fs, folder);
+    } else {
+        brick::CBrickDiskLink link;
+        link.load(fs, folder, fileName);
+        link.store(fs, folder, fileName);
+    }
+    const AuxFileCopyState& bad = primary.isIntact() ? fallback : primary;
+    findings.repaired(bad.path.toLocalPath() + " (" + bad.describe() + ") rewritten from its intact copy");
+    return true;
+}
+
+void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, bool repair, CFindings& findings)
 {
     const AuxFileCopyState primary = checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
     const AuxFileCopyState fallback = checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
+    if (repair && repairFromTwin(fs, folder, "disk.brickdisk", primary, fallback, findings))
+        return;
     for (const AuxFileCopyState* copy : {&primary, &fallback}) {
         if (!copy->isIntact())
             findings.problem("header copy " + copy->path.toLocalPath() + ": " + copy->describe());
@@ -83,14 +116,15 @@ std::string sharedHeaderFields(const brick::CBrickDiskHeader& h)
 // Checks both copies of one link file and the disk it points to; returns the
 // linked folder (empty when there is no link or it cannot be read).
 zo::CURI checkLink(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrickDiskHeader& header,
-                   const zo::String& linkName, CFindings& findings)
+                   const zo::String& linkName, bool repair, CFindings& findings)
 {
     const AuxFileCopyState primary = checkAuxFileCopy(fs, folder, linkName, 0);
     const AuxFileCopyState fallback = checkAuxFileCopy(fs, folder, linkName, 1);
     if (primary.kind == AuxFileCopyState::Missing && fallback.kind == AuxFileCopyState::Missing)
         return zo::CURI();
+    const bool repaired = repair && repairFromTwin(fs, folder, linkName, primary, fallback, findings);
     for (const AuxFileCopyState* copy : {&primary, &fallback}) {
-        if (!copy->isIntact())
+        if (!copy->isIntact() && !repaired)
             findings.problem("link copy " + copy->path.toLocalPath() + ": " + copy->describe());
     }
     if (!primary.isIntact() && !fallback.isIntact())
@@ -108,11 +142,11 @@ zo::CURI checkLink(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBr
     return linked;
 }
 
-void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrickDiskHeader& header,
+void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrickDiskHeader& header, bool repair,
                 CFindings& findings)
 {
-    checkLink(fs, folder, header, brick::CBrickDisk::getParentLinkFileName(), findings);
-    const zo::CURI child = checkLink(fs, folder, header, brick::CBrickDisk::getChildLinkFileName(), findings);
+    checkLink(fs, folder, header, brick::CBrickDisk::getParentLinkFileName(), repair, findings);
+    const zo::CURI child = checkLink(fs, folder, header, brick::CBrickDisk::getChildLinkFileName(), repair, findings);
     if (!child.isEmpty()) {
         const zo::CURI back = linkedDiskFolder(fs, child, brick::CBrickDisk::getParentLinkFileName());
         if (back != folder)
@@ -168,11 +202,17 @@ int runCheck(const CheckOptions& options)
     CFindings findings;
 
     std::printf("checking %s\n", folder.toLocalPath().c_str());
-    checkHeaderCopies(fs.get(), folder, findings);
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
+    // Repairs change the disk: then nobody else may use it meanwhile, and
+    // taking the lock for writing removes the leftovers of interrupted stores.
     const zo::P<brick::CBrickDiskLock> lock =
-        lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForReading, options.forceShare);
-    checkLinks(fs.get(), folder, header, findings);
+        lockDisk(fs.get(), folder, options.repair ? brick::CBrickDiskLock::ForWriting : brick::CBrickDiskLock::ForReading,
+                 options.forceShare);
+    if (lock && lock->getRemovedTemporaryFileCount() > 0)
+        findings.repaired("removed " + std::to_string(lock->getRemovedTemporaryFileCount()) +
+                          " temporary files of interrupted stores");
+    checkHeaderCopies(fs.get(), folder, options.repair, findings);
+    checkLinks(fs.get(), folder, header, options.repair, findings);
 
     zo::P<brick::CBrickDisk> disk;
     if (options.readData)
@@ -195,11 +235,14 @@ int runCheck(const CheckOptions& options)
         findings.note(std::to_string(listing.temporaryFiles.size()) +
                       " temporary files of interrupted stores under bricks/ (harmless; they may be deleted)");
 
-    std::printf("checked the header, the links and %zu brick files (%s)%s: %s\n", listing.bricks.size(),
+    const std::string repairs =
+        findings.getRepairCount() == 0 ? std::string() : ", " + std::to_string(findings.getRepairCount()) + " repaired";
+    std::printf("checked the header, the links and %zu brick files (%s)%s: %s%s\n", listing.bricks.size(),
                 formatBytes(listing.totalBrickBytes()).c_str(), options.readData ? " with their data" : "",
                 findings.getProblemCount() == 0 ? "no problems"
                                                 : (std::to_string(findings.getProblemCount()) +
-                                                   (findings.getProblemCount() == 1 ? " problem" : " problems")).c_str());
+                                                   (findings.getProblemCount() == 1 ? " problem" : " problems")).c_str(),
+                repairs.c_str());
     return findings.getProblemCount() == 0 ? 0 : 1;
 }
 
@@ -214,6 +257,9 @@ CommandAction addCheckCommand(CLI::App& program)
     command->add_flag("--read-data", options->readData,
                       "Also decrypt and decompress every brick and check its inner digest (needs the password)");
     command->add_option("-j,--jobs", options->jobs, "Threads that check brick files")->capture_default_str();
+    command->add_flag("--repair", options->repair,
+                      "Rewrite a damaged or missing copy of the header or a link from its intact copy, and remove "
+                      "temporary files of interrupted stores; reports what it changed");
     addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
     return [options] { return runCheck(*options); };

@@ -173,3 +173,43 @@ TEST_F(CheckCommandTest, LeftoverTemporaryFilesAreANoteAndStrayFilesAProblem)
 
 } // namespace
 } // namespace clitest
+
+namespace clitest {
+namespace {
+
+class CheckRepairTest : public CliTest {};
+
+TEST_F(CheckRepairTest, RepairRewritesADamagedHeaderOrLinkCopyFromItsTwinAndRemovesLeftovers)
+{
+    createDisk("disk", "1M");
+    writeFile(path("image"), makeImage(1024 * 1024, 95));
+    importImage("disk", "image");
+    ASSERT_EQ(run({"snapshot", path("disk"), path("monday")}).exitStatus, 0);
+    std::string header = readFile(path("disk/disk.brickdisk"));
+    header[12] ^= 0x40;
+    writeFile(path("disk/disk.brickdisk"), header);
+    std::filesystem::remove(path("monday/fallback/parent.bricklnk"));
+    const std::string leftover = brickFiles("disk")[0];
+    const std::string temporary = leftover.substr(0, leftover.rfind('/') + 1) + ".tmp-0123456789abcdef-00.brick.part";
+    writeFile(temporary, "half");
+
+    const RunResult before = run({"check", path("disk")});
+    EXPECT_EQ(before.exitStatus, 1) << before.out;
+    const RunResult repaired = run({"check", path("disk"), "--repair"});
+    EXPECT_EQ(repaired.exitStatus, 0) << repaired.out << repaired.err;
+    EXPECT_NE(repaired.out.find("repaired: " + path("disk/disk.brickdisk")), std::string::npos) << repaired.out;
+    EXPECT_NE(repaired.out.find("repaired: removed 1 temporary files"), std::string::npos) << repaired.out;
+    EXPECT_FALSE(std::filesystem::exists(temporary));
+    EXPECT_EQ(readFile(path("disk/disk.brickdisk")), readFile(path("disk/fallback/disk.brickdisk")));
+    EXPECT_EQ(run({"check", path("disk")}).exitStatus, 0);
+
+    const RunResult child = run({"check", path("monday"), "--repair"});
+    EXPECT_EQ(child.exitStatus, 0) << child.out << child.err;
+    EXPECT_NE(child.out.find("repaired: " + path("monday/fallback/parent.bricklnk") + " (missing)"), std::string::npos)
+        << child.out;
+    EXPECT_TRUE(std::filesystem::exists(path("monday/fallback/parent.bricklnk")));
+    EXPECT_EQ(runWithPassword({"check", path("monday"), "--read-data"}).exitStatus, 0);
+}
+
+} // namespace
+} // namespace clitest
