@@ -10,6 +10,7 @@
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickDiskLock.h"
+#include "brick/BrickDiskRemover.h"
 #include "brick/BrickDiskStream.h"
 #include "brick/BrickDiskStreamWithCache.h"
 #include "brick/BrickDiskStreamWithParallelReadAhead.h"

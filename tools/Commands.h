@@ -23,6 +23,9 @@ CommandAction addExportCommand(CLI::App& program);
 CommandAction addSnapshotCommand(CLI::App& program);
 CommandAction addChildCommand(CLI::App& program);
 CommandAction addCheckCommand(CLI::App& program);
+CommandAction addDeleteCommand(CLI::App& program);
+CommandAction addSnapshotsCommand(CLI::App& program);
+CommandAction addDiffCommand(CLI::App& program);
 
 // The default number of worker threads: one per processor.
 int defaultJobCount();

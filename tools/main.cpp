@@ -74,6 +74,9 @@ int main(int argc, char** argv)
     add(cli::addSnapshotCommand);
     add(cli::addChildCommand);
     add(cli::addCheckCommand);
+    add(cli::addSnapshotsCommand);
+    add(cli::addDeleteCommand);
+    add(cli::addDiffCommand);
 
     // CLI11 would take an unknown first word for a missing subcommand.
     if (argc > 1 && argv[1][0] != '-') {

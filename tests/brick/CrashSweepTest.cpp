@@ -6,6 +6,8 @@
 // each brick with its old or its new content, never zeros where data was and
 // never a mix.
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
+#include "brick/BrickDiskRemover.h"
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
@@ -278,6 +280,69 @@ Scenario makeChildOfDiskWithSnapshot()
         return bricks;
     };
     return scenario;
+}
+
+// disk <- newer <- older: the middle snapshot is removed; the disk and the
+// older snapshot must read exactly as before at every step, and the middle
+// one too until its removal is decided (the disk's child link leaves it).
+const View kNewer = changeView(kOld, "nn.p.zn.....", 600);
+const View kDiskNow = changeView(kNewer, "p.n.n.zp.nn.", 700);
+
+Scenario removeMiddleSnapshot()
+{
+    Scenario scenario;
+    scenario.setUp = [](IFileSystem* fs) {
+        testsupport::createDisk(fs, CURI("/disk"), kDiskSize, kPassword);
+        storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
+        CBrickDisk::createChild(fs, CURI("/older"), CURI("/disk"), CBrickDisk::linkedChild);
+        storeView(fs, CURI("/disk"), kOld, kNewer, false);
+        CBrickDisk::createChild(fs, CURI("/newer"), CURI("/disk"), CBrickDisk::linkedChild);
+        storeView(fs, CURI("/disk"), kNewer, kDiskNow, false);
+    };
+    scenario.work = [](IFileSystem* fs) { brick::CBrickDiskRemover::remove(fs, CURI("/newer")); };
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        int bricks = expectView(fs, "/disk", kDiskNow, context) + expectView(fs, "/older", kOld, context);
+        const bool decided = brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/disk"), CBrickDisk::getChildLinkFileName())
+                                 .toString(true) != "/newer";
+        if (!decided)
+            bricks += expectView(fs, "/newer", kNewer, context);
+        // Removing it again finishes the work, and later writes of the disk
+        // keep preserving the older snapshot.
+        if (!testsupport::filesBelow(fs, CURI("/newer")).empty())
+            brick::CBrickDiskRemover::remove(fs, CURI("/newer"));
+        EXPECT_TRUE(testsupport::filesBelow(fs, CURI("/newer")).empty()) << context;
+        bricks += expectView(fs, "/older", kOld, context + " and finishing the removal");
+        storeView(fs, CURI("/disk"), kDiskNow, kNew, false);
+        bricks += expectView(fs, "/older", kOld, context + " and a later write of the disk");
+        return bricks;
+    };
+    return scenario;
+}
+
+// The oldest snapshot, at the end of the chain, is removed.
+Scenario removeOldestSnapshot()
+{
+    Scenario scenario = removeMiddleSnapshot();
+    scenario.work = [](IFileSystem* fs) { brick::CBrickDiskRemover::remove(fs, CURI("/older")); };
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        int bricks = expectView(fs, "/disk", kDiskNow, context) + expectView(fs, "/newer", kNewer, context);
+        if (fs->fileExists(CURI("/older/disk.brickdisk")) &&
+            brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/newer"), CBrickDisk::getChildLinkFileName())
+                    .toString(true) == "/older")
+            bricks += expectView(fs, "/older", kOld, context);
+        return bricks;
+    };
+    return scenario;
+}
+
+TEST(CrashSweep, RemovingTheMiddleSnapshotKeepsEveryOtherDiskIntact)
+{
+    sweep("removing the middle snapshot of a chain", memoryFileSystem, removeMiddleSnapshot());
+}
+
+TEST(CrashSweep, RemovingTheOldestSnapshotKeepsEveryOtherDiskIntact)
+{
+    sweep("removing the oldest snapshot of a chain", memoryFileSystem, removeOldestSnapshot());
 }
 
 TEST(CrashSweep, ImportIntoADiskWithASnapshotLeavesEveryBrickOldOrNewAndTheSnapshotIntact)

@@ -1,0 +1,48 @@
+// CBrickDiskRemover: takes one disk out of a chain without changing what any
+// other disk of the chain reads. The disk's parent (the newer disk) and its
+// child (the older snapshot) are tied to each other instead, after the child
+// has been given every brick of the disk that it lacked.
+//
+// The steps, each safe to be cut short:
+//   1. every brick file of the disk that the child lacks is copied into the
+//      child (the child reads the same bytes from its own file as it did
+//      through the disk);
+//   2. the parent's child link is made to name the child (or removed when the
+//      disk has no child): from here on the parent's writer preserves old
+//      bricks in the child, and the disk counts as removed;
+//   3. the child's parent link is made to name the parent;
+//   4. the disk's files are deleted, its header last.
+// A stop before step 2 leaves the chain as it was (the child merely holds
+// copies of bricks it read through the disk anyway); a stop after it leaves
+// every other disk reading as before, and removing the disk again finishes
+// steps 3 and 4. Step 4 deletes the header and then the parent link last, so
+// a folder cut short there still says what it was.
+#pragma once
+
+#include "zo/FileSystem.h"
+#include "zo/URI.h"
+
+namespace brick {
+
+class CBrickDiskRemover {
+public:
+    struct Outcome {
+        // The bricks copied into the child.
+        zo::int64 bricksCopied = 0;
+        // The files of the disk deleted.
+        zo::int64 filesDeleted = 0;
+    };
+
+    // Removes the disk in `diskFolder`, which must have a parent; a folder
+    // that holds only the parent link of a removal cut short at its end is
+    // emptied. Throws
+    // CError "Only a disk with a parent disk can be removed from its chain."
+    // for a disk without one, the chain's errors for a broken chain, and the
+    // file system's errors (the chain then reads as before, or as after the
+    // removal; see above). Empty folders of the disk may remain, for the
+    // caller to remove where its file system keeps folders. The caller keeps
+    // other writers of the disk, its parent and its child away meanwhile.
+    static Outcome remove(zo::IFileSystem* fs, const zo::CURI& diskFolder);
+};
+
+} // namespace brick

@@ -1,0 +1,80 @@
+// brickdisk delete SNAPSHOT: takes one disk out of the middle or the end of
+// its chain without changing what any other disk reads (see
+// CBrickDiskRemover), then removes its folder.
+#include "Commands.h"
+#include "DiskAccess.h"
+
+#include "brick/BrickDiskChain.h"
+#include "brick/BrickDiskRemover.h"
+#include "zo/Error.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+namespace cli {
+
+namespace {
+
+struct DeleteOptions {
+    std::string disk;
+};
+
+// Removes the folders that the removal left empty, deepest first; anything
+// that is not an empty folder stays.
+void removeEmptyFolders(const std::filesystem::path& folder)
+{
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+        if (entry.is_directory(ignored) && !entry.is_symlink(ignored))
+            removeEmptyFolders(entry.path());
+    }
+    std::filesystem::remove(folder, ignored);
+}
+
+int runDelete(const DeleteOptions& options)
+{
+    const zo::CURI folder = diskFolderURI(options.disk);
+    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 2);
+    zo::P<brick::CBrickDiskLock> diskLock;
+    zo::P<brick::CBrickDiskLock> parentLock;
+    zo::CURI child;
+    if (fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) ||
+        fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 1))) {
+        loadDiskHeader(fs.get(), folder);
+        const brick::CBrickDiskChain chain(fs.get(), folder);
+        child = chain.getChildFolder();
+        // The disk alone, and its child kept from writers (it receives
+        // bricks); the parent kept from writers (they would store old bricks
+        // into the disk while it goes), readers of both may go on.
+        diskLock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);
+        if (chain.getMembers().size() > 1 && chain.getMembers()[1].problem.isEmpty())
+            parentLock = lockDisk(fs.get(), chain.getMembers()[1].folder, brick::CBrickDiskLock::ForReading);
+    }
+    const brick::CBrickDiskRemover::Outcome outcome = brick::CBrickDiskRemover::remove(fs.get(), folder);
+    diskLock.reset();
+    removeEmptyFolders(folder.toLocalPath());
+    if (child.isEmpty())
+        std::printf("deleted %s (%lld files)\n", folder.toLocalPath().c_str(),
+                    static_cast<long long>(outcome.filesDeleted));
+    else
+        std::printf("deleted %s (%lld files); %lld bricks it held for %s were kept there\n",
+                    folder.toLocalPath().c_str(), static_cast<long long>(outcome.filesDeleted),
+                    static_cast<long long>(outcome.bricksCopied), child.toLocalPath().c_str());
+    return 0;
+}
+
+} // namespace
+
+CommandAction addDeleteCommand(CLI::App& program)
+{
+    auto options = std::make_shared<DeleteOptions>();
+    CLI::App* command = program.add_subcommand(
+        "delete", "Delete a snapshot (or child) from its chain; every other disk reads exactly as before");
+    command->add_option("SNAPSHOT", options->disk, "Folder of the snapshot to delete")->required();
+    return [options] { return runDelete(*options); };
+}
+
+} // namespace cli
