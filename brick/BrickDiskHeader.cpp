@@ -20,6 +20,11 @@ constexpr double kGrowFactor = 2.0;
 
 } // namespace
 
+bool CBrickDiskHeader::hasKeyWrapFields() const
+{
+    return m_cipherKeyDeriverID == kKeyWrappingDeriverID;
+}
+
 zo::String CBrickDiskHeader::getHeaderFilename()
 {
     return "disk.brickdisk";
@@ -52,6 +57,11 @@ void CBrickDiskHeader::store(zo::IFileSystem* fs, const CURI& folder) const
     out.writeString(m_cipherKeyDeriverID);
     record::writeByteBlock(out, m_cipherKeyDerivationSalt);
     out.writeInt64(m_cipherKeyDerivationIterations);
+    if (hasKeyWrapFields()) {
+        out.writeInt32(m_cipherKeyDerivationMemoryKiB);
+        out.writeInt32(m_cipherKeyDerivationLanes);
+        record::writeByteBlock(out, m_wrappedCipherKey);
+    }
     storeAuxFile(fs, folder, getHeaderFilename(), *stream->getBuffer());
 }
 
@@ -83,6 +93,16 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     m_cipherKeyDeriverID = in.readString();
     record::readByteBlock(in, *stream, m_cipherKeyDerivationSalt);
     m_cipherKeyDerivationIterations = static_cast<int>(in.readInt64());
+
+    // Other derivers end the record here; what may follow is not read.
+    m_cipherKeyDerivationMemoryKiB = 0;
+    m_cipherKeyDerivationLanes = 0;
+    m_wrappedCipherKey.setUsed(0);
+    if (hasKeyWrapFields()) {
+        m_cipherKeyDerivationMemoryKiB = in.readInt32();
+        m_cipherKeyDerivationLanes = in.readInt32();
+        record::readByteBlock(in, *stream, m_wrappedCipherKey);
+    }
 }
 
 } // namespace brick
