@@ -253,9 +253,12 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
         throw CBrickDiskError(CBrickDiskError::IncorrectPassword, diskFolder);
     if (m_header.getCipherID() != "null")
         m_cipher = seal::CCipherManager().getCipher(m_header.getCipherID());
+    // Unknown digest IDs are refused here, before any brick is read.
     const seal::CDigestManager digests;
-    m_checkSumDigestType = digests.getType(m_header.getCheckSumHashID());
-    m_cryptoDigestType = digests.getType(m_header.getCryptoHashID());
+    if (m_header.getCheckSumHashID() != kAuthenticatedCheckSumID)
+        digests.getType(m_header.getCheckSumHashID());
+    if (m_header.getCryptoHashID() != CBrickDiskKeyWrap::kKeyCheckID)
+        digests.getType(m_header.getCryptoHashID());
     m_brickSize = m_header.getBrickSize();
     m_diskSize = m_header.getDiskSize();
     m_position = 0;

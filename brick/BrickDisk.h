@@ -233,8 +233,6 @@ private:
     zo::TCryptBuffer<uint8> m_cipherKey;
     IIOStream::Access m_access;
     P<seal::ICipher> m_cipher;
-    P<seal::IDigestType> m_checkSumDigestType;
-    P<seal::IDigestType> m_cryptoDigestType;
     int64 m_brickSize = 0;
     int64 m_diskSize = 0;
     int64 m_position = 0;

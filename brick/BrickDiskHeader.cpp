@@ -76,12 +76,15 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     m_objectsPerTreeLevel = kFixedObjectsPerTreeLevel;
     m_treeLevels = kFixedTreeLevels;
 
-    m_version = static_cast<int>(in.readInt64());
-    m_minReaderVersion = static_cast<int>(in.readInt64());
+    const zo::int64 version = in.readInt64();
+    const zo::int64 minReaderVersion = in.readInt64();
+    m_version = static_cast<int>(version);
+    m_minReaderVersion = static_cast<int>(minReaderVersion);
     if (m_minReaderVersion > kImplementationVersion)
         throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, folder);
 
-    m_minWriterVersion = static_cast<int>(in.readInt64());
+    const zo::int64 minWriterVersion = in.readInt64();
+    m_minWriterVersion = static_cast<int>(minWriterVersion);
     m_brickSize = in.readInt32();
     m_payloadBlockSize = in.readInt32();
     m_diskSize = in.readInt64();
@@ -92,13 +95,19 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     m_compressID = in.readString();
     m_cipherKeyDeriverID = in.readString();
     record::readByteBlock(in, *stream, m_cipherKeyDerivationSalt);
-    m_cipherKeyDerivationIterations = static_cast<int>(in.readInt64());
+    const zo::int64 iterations = in.readInt64();
+    m_cipherKeyDerivationIterations = static_cast<int>(iterations);
 
     // Other derivers end the record here; what may follow is not read.
     m_cipherKeyDerivationMemoryKiB = 0;
     m_cipherKeyDerivationLanes = 0;
     m_wrappedCipherKey.setUsed(0);
     if (hasKeyWrapFields()) {
+        // Every stored bit of these headers counts: a 64-bit field must
+        // hold its 32-bit value, sign-extended, and nothing else.
+        for (const zo::int64 value : {version, minReaderVersion, minWriterVersion, iterations})
+            if (value != static_cast<int>(value))
+                throw zo::CError("brickdisk header holds a value beyond 32 bits.");
         m_cipherKeyDerivationMemoryKiB = in.readInt32();
         m_cipherKeyDerivationLanes = in.readInt32();
         record::readByteBlock(in, *stream, m_wrappedCipherKey);

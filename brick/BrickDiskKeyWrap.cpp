@@ -3,6 +3,8 @@
 #include "brick/BrickDiskError.h"
 #include "brick/detail/PasswordBytes.h"
 #include "seal/KeyWrap.h"
+#include "zo/BufferStream.h"
+#include "zo/DataStream.h"
 #include "seal/Random.h"
 #include "zo/Error.h"
 
@@ -18,19 +20,45 @@ constexpr int kSaltSize = 16;
 constexpr char kKeyCheckInfo[] = "brickdisk key check";
 constexpr char kWrapLabel[] = "brickdisk wrapped cipher key";
 
-zo::TBuffer<zo::uint8> textBytes(const char* text, int size)
+// What the wrap authenticates besides the key: a label and every field of
+// the header that the password does not choose, so that a header changed
+// anywhere no longer opens. (The derivation fields choose the wrapping key
+// and the key hash is checked against the key, so they are covered too.)
+zo::TBuffer<zo::uint8> boundFields(const CBrickDiskHeader& header)
 {
-    return zo::TBuffer<zo::uint8>(reinterpret_cast<const zo::uint8*>(text), size);
+    const zo::P<zo::CBufferStream> stream(new zo::CBufferStream(nullptr, 2.0));
+    zo::CDataOutStream out(stream.get());
+    out.write(kWrapLabel, static_cast<int>(sizeof(kWrapLabel) - 1));
+    out.writeInt64(header.getVersion());
+    out.writeInt64(header.getMinReaderVersion());
+    out.writeInt64(header.getMinWriterVersion());
+    out.writeInt32(header.getBrickSize());
+    out.writeInt32(header.getPayloadBlockSize());
+    out.writeInt64(header.getDiskSize());
+    out.writeString(header.getCheckSumHashID());
+    out.writeString(header.getCryptoHashID());
+    out.writeString(header.getCipherID());
+    out.writeString(header.getCompressID());
+    out.writeString(header.getCipherKeyDeriverID());
+    return *stream->getBuffer();
 }
 
 // The key that wraps the disk's key: Argon2id of the password with the
-// header's salt and cost.
+// header's salt and cost. A cost beyond the limits is refused before any
+// work, so that a changed header cannot make the derivation run for hours.
 zo::TCryptBuffer<zo::uint8> wrappingKeyFor(const CBrickDiskHeader& header, const zo::String& password)
 {
-    const detail::CPasswordBytes passwordBytes(password);
-    const zo::TBuffer<zo::uint8>& salt = header.getCipherKeyDerivationSalt();
     const seal::Argon2idCost cost{header.getCipherKeyDerivationIterations(), header.getCipherKeyDerivationMemoryKiB(),
                                   header.getCipherKeyDerivationLanes()};
+    const seal::Argon2idCost limit = CBrickDiskKeyWrap::getCostLimit();
+    if (cost.passes > limit.passes || cost.memoryKiB > limit.memoryKiB || cost.lanes > limit.lanes)
+        throw zo::CError("The key derivation cost of the disk is beyond the limits.", zo::String(), -1,
+                         zo::CProps()
+                             .add("passes", cost.passes)
+                             .add("memoryKiB", cost.memoryKiB)
+                             .add("lanes", cost.lanes));
+    const detail::CPasswordBytes passwordBytes(password);
+    const zo::TBuffer<zo::uint8>& salt = header.getCipherKeyDerivationSalt();
     zo::TCryptBuffer<zo::uint8> wrappingKey(kKeySize);
     seal::deriveKey_Argon2id(passwordBytes.getData(), passwordBytes.getSize(), salt.getData(), salt.getUsed(), cost,
                              kKeySize, wrappingKey.getData());
@@ -48,10 +76,9 @@ void wrapUnder(CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key,
     wrapped.setCipherKeyDerivationIterations(cost.passes);
     wrapped.setCipherKeyDerivationMemoryKiB(cost.memoryKiB);
     wrapped.setCipherKeyDerivationLanes(cost.lanes);
-    wrapped.setWrappedCipherKey(
-        seal::wrapKey(wrappingKeyFor(wrapped, password), key, textBytes(kWrapLabel, sizeof(kWrapLabel) - 1)));
     wrapped.setCryptoHashID(CBrickDiskKeyWrap::kKeyCheckID);
     wrapped.setCipherKeyHash(CBrickDiskKeyWrap::keyCheckValue(key));
+    wrapped.setWrappedCipherKey(seal::wrapKey(wrappingKeyFor(wrapped, password), key, boundFields(wrapped)));
     header = wrapped;
 }
 
@@ -60,6 +87,11 @@ void wrapUnder(CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key,
 seal::Argon2idCost CBrickDiskKeyWrap::getDefaultCost()
 {
     return seal::Argon2idCost{2, 64 * 1024, 1};
+}
+
+seal::Argon2idCost CBrickDiskKeyWrap::getCostLimit()
+{
+    return seal::Argon2idCost{64, 4 * 1024 * 1024, 64};
 }
 
 bool CBrickDiskKeyWrap::isKeyWrapped(const CBrickDiskHeader& header)
@@ -84,8 +116,7 @@ bool CBrickDiskKeyWrap::unwrapKey(const CBrickDiskHeader& header, const zo::Stri
                                    "The disk's key is not wrapped: its key deriver is " +
                                        header.getCipherKeyDeriverID() + ".");
     zo::TCryptBuffer<zo::uint8> key;
-    if (!seal::unwrapKey(wrappingKeyFor(header, password), header.getWrappedCipherKey(),
-                         textBytes(kWrapLabel, sizeof(kWrapLabel) - 1), key))
+    if (!seal::unwrapKey(wrappingKeyFor(header, password), header.getWrappedCipherKey(), boundFields(header), key))
         return false;
     // The key hash must belong to the same key, or the header was put
     // together from two disks.

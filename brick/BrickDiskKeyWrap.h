@@ -4,7 +4,9 @@
 // password with Argon2id, and a check value of the key (HKDF-SHA256 of it,
 // digest ID "hkdf-sha256") in place of the key's digest. Changing the
 // password wraps the same key anew, so no brick is touched, and a wrong
-// password is found by the wrap's own authentication.
+// password is found by the wrap's own authentication, which also covers
+// every other field of the header (sizes, algorithm IDs, versions): a header
+// changed anywhere does not open.
 //
 // Every call is static, keeps no state and may run on any thread at once.
 #pragma once
@@ -28,6 +30,10 @@ public:
     // The default cost: 2 passes over 64 MiB in one lane, about half a second
     // on the machine the defaults were chosen on.
     static seal::Argon2idCost getDefaultCost();
+    // The largest cost accepted, in each parameter: 64 passes, 4 GiB, 64
+    // lanes. Deriving with a header's cost beyond it throws zo::CError "The
+    // key derivation cost of the disk is beyond the limits.".
+    static seal::Argon2idCost getCostLimit();
 
     // True when `header` names the deriver "argon2id".
     static bool isKeyWrapped(const CBrickDiskHeader& header);
@@ -42,8 +48,9 @@ public:
                             zo::TCryptBuffer<zo::uint8>& keyOut);
 
     // Unwraps the key of `header` with `password` into `keyOut`. False, with
-    // `keyOut` untouched, when the password is wrong or the wrapped key or
-    // the derivation fields were changed. Throws zo::CInvalidArgError
+    // `keyOut` untouched, when the password is wrong or any field of the
+    // header was changed. Throws the error of a cost beyond the limits,
+    // zo::CInvalidArgError
     // ("CBrickDiskKeyWrap::unwrapKey") when the header is not key-wrapped
     // and the errors of key derivation (a cost or salt that Argon2id refuses).
     static bool unwrapKey(const CBrickDiskHeader& header, const zo::String& password,
