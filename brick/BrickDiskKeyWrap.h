@@ -27,8 +27,8 @@ public:
     // The key check digest ID of such disks ("hkdf-sha256").
     static constexpr const char* kKeyCheckID = "hkdf-sha256";
 
-    // The default cost: 2 passes over 64 MiB in one lane, about half a second
-    // on the machine the defaults were chosen on.
+    // The default cost: 12 passes over 64 MiB in one lane, about half a
+    // second on the machine the defaults were chosen on (docs/security.md).
     static seal::Argon2idCost getDefaultCost();
     // The largest cost accepted, in each parameter: 64 passes, 4 GiB, 64
     // lanes. Deriving with a header's cost beyond it throws zo::CError "The

@@ -23,6 +23,7 @@ CommandAction addExportCommand(CLI::App& program);
 CommandAction addSnapshotCommand(CLI::App& program);
 CommandAction addChildCommand(CLI::App& program);
 CommandAction addCheckCommand(CLI::App& program);
+CommandAction addPasswdCommand(CLI::App& program);
 
 // The default number of worker threads: one per processor.
 int defaultJobCount();

@@ -74,6 +74,7 @@ int main(int argc, char** argv)
     add(cli::addSnapshotCommand);
     add(cli::addChildCommand);
     add(cli::addCheckCommand);
+    add(cli::addPasswdCommand);
 
     // CLI11 would take an unknown first word for a missing subcommand.
     if (argc > 1 && argv[1][0] != '-') {
