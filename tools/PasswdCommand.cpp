@@ -19,6 +19,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 namespace cli {
 
@@ -68,6 +69,12 @@ int runPasswd(const PasswdOptions& options)
     const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
     checkPasswordCanChange(loadDiskHeader(fs.get(), folder), folder);
     const zo::TList<zo::CURI> folders = sharedKeyFolders(fs.get(), folder);
+    // Shared locks: readers may go on (they find each header whole in one
+    // of its copies), while writers, which need a disk alone, stay out; so
+    // does a new snapshot, which would copy a header being rewritten.
+    std::vector<zo::P<brick::CBrickDiskLock>> locks;
+    for (const zo::CURI& shared : folders)
+        locks.push_back(lockDisk(fs.get(), shared, brick::CBrickDiskLock::ForReading));
 
     const zo::String oldPassword = options.passwords.forExistingDisk(options.disk);
     const zo::String newPassword = options.newPasswords.forNewDisk(options.disk);
