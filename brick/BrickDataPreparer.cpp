@@ -2,6 +2,7 @@
 
 #include "brick/BrickDiskHeader.h"
 #include "brick/Version.h"
+#include "seal/KeyDerivation.h"
 #include "zo/BufferStream.h"
 #include "zo/DataStream.h"
 #include "zo/Error.h"
@@ -9,7 +10,6 @@
 #include "zo/LZMACompressor.h"
 #include "zo/NullCompressor.h"
 #include "zo/ZLibCompressor.h"
-#include "seal/KeyDerivation.h"
 
 #include <cstring>
 

@@ -2,9 +2,9 @@
 
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/Version.h"
-#include "brick/BrickDiskKeyWrap.h"
 #include "brick/detail/PasswordBytes.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
@@ -16,8 +16,6 @@
 #include "zo/Random.h"
 
 #include <algorithm>
-#include <string.h>
-#include <string>
 
 namespace brick {
 
