@@ -25,15 +25,39 @@
 # WORK_FOLDER (default: a fresh folder under ${TMPDIR:-/var/tmp}, removed at
 # the end) needs about 4 GB per round. Run it on a quiet machine: the script
 # prints the load average before and after.
+#
+#   bench/compare.sh --formats [WORK_FOLDER]
+#
+# instead times brickdisk alone, its two disk formats side by side on the same
+# image: import and export of a disk made by `create` (authenticated bricks,
+# HMAC-SHA256 bound to the brick index, Argon2id-wrapped key), of the same
+# with a key derivation of 1 pass over 8 MiB ("quickkey", which separates
+# the per-brick cost from the derivation's), and of one made by `create --kdf
+# pbkdf2` (SHA-256 brick digests, PBKDF2 key), in interleaved rounds (5 by
+# default; the order of the formats alternates)
+# so that the machine's load falls on both alike. Prints the median, the
+# shortest and the longest time of each step, the ratio of the medians, and
+# the time and peak memory of opening each disk (mostly its key derivation).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo_root=$PWD
-rounds=${BRICKDISK_BENCH_ROUNDS:-2}
+mode=tools
+if [ "${1:-}" = "--formats" ]; then
+  mode=formats
+  shift
+fi
+if [ "$mode" = formats ]; then
+  rounds=${BRICKDISK_BENCH_ROUNDS:-5}
+else
+  rounds=${BRICKDISK_BENCH_ROUNDS:-2}
+fi
 
 scripts/install-deps.sh
 tools=()
-command -v qemu-img >/dev/null || tools+=(qemu-utils)
-command -v borg >/dev/null || tools+=(borgbackup)
+if [ "$mode" = tools ]; then
+  command -v qemu-img >/dev/null || tools+=(qemu-utils)
+  command -v borg >/dev/null || tools+=(borgbackup)
+fi
 if ((${#tools[@]} > 0)); then
   sudo=""
   [ "$(id -u)" -eq 0 ] || sudo=sudo
@@ -59,10 +83,10 @@ else
 fi
 cd "$work"
 
-declare -A took
+declare -A took all open_seconds open_kib
 # timed NAME COMMAND...: runs the command after flushing earlier writes, and
-# keeps the shortest wall-clock time of NAME in seconds; its output goes to
-# NAME.out.
+# keeps the shortest wall-clock time of NAME in seconds (and every time in
+# all[NAME]); its output goes to NAME.out.
 timed() {
   local name=$1
   shift
@@ -72,6 +96,7 @@ timed() {
   "$@" >"$work/$name.out" || return 1
   end=$(date +%s.%N)
   seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.2f", e - s }')
+  all[$name]="${all[$name]:-} $seconds"
   if [ -z "${took[$name]:-}" ] || awk -v a="$seconds" -v b="${took[$name]}" 'BEGIN { exit !(a < b) }'; then
     took[$name]=$seconds
   fi
@@ -129,6 +154,66 @@ BORG_PASSPHRASE=$(cat password)
 qemu_secret=(--object "secret,id=sec0,file=$work/password")
 pw=(--password-file password)
 
+# median / shortest / longest of the times of NAME.
+sorted_times() { tr ' ' '\n' <<<"${all[$1]}" | sed '/^$/d' | sort -n; }
+median() { sorted_times "$1" | awk '{ v[NR] = $1 } END { print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }'; }
+shortest() { sorted_times "$1" | head -1; }
+longest() { sorted_times "$1" | tail -1; }
+
+# The two disk formats side by side (--formats).
+if [ "$mode" = formats ]; then
+  # "quickkey": the authenticated format with a key derivation of 1 pass
+  # over 8 MiB, which tells the per-brick cost from the derivation's.
+  formats=(authenticated quickkey original)
+  declare -A create_args=([authenticated]="" [quickkey]="--kdf-passes 1 --kdf-memory 8M" [original]="--kdf pbkdf2")
+  for ((round = 1; round <= rounds; round++)); do
+    echo "round $round of $rounds"
+    cat image.raw >/dev/null
+    order=("${formats[@]}")
+    ((round % 2 == 0)) && order=(original quickkey authenticated)
+    for format in "${order[@]}"; do
+      # shellcheck disable=SC2086 # the arguments are meant to split
+      "$brickdisk" create "$format$round" --size 2G ${create_args[$format]} "${pw[@]}" >/dev/null
+      timed "$format-import" "$brickdisk" import "$format$round" image.raw "${pw[@]}"
+      timed "$format-export" "$brickdisk" export "$format$round" "$format.raw" "${pw[@]}"
+      same image.raw "$format.raw"
+    done
+  done
+  # Opening an empty disk is reading its header and deriving its key.
+  for format in authenticated original; do
+    # shellcheck disable=SC2086
+    "$brickdisk" create "empty-$format" --size 2G ${create_args[$format]} "${pw[@]}" >/dev/null
+    for ((i = 1; i <= 5; i++)); do
+      /usr/bin/time -f "%e %M" -o "open-$format.$i" "$brickdisk" check "empty-$format" --read-data "${pw[@]}" >/dev/null
+    done
+    open_seconds[$format]=$(cat open-"$format".* | cut -d' ' -f1 | sort -n | sed -n 3p)
+    open_kib[$format]=$(cat open-"$format".* | cut -d' ' -f2 | sort -n | tail -1)
+  done
+  load_after=$(cut -d' ' -f1-3 /proc/loadavg)
+  frow() {
+    local format
+    for format in "${formats[@]}"; do
+      printf '| %s, %s | %s | %s-%s | %s |\n' "$1" "$format" "$(median "$format-$1")" "$(shortest "$format-$1")" \
+        "$(longest "$format-$1")" "$(ratio "$(median "$format-$1")" "$(median "original-$1")")"
+    done
+  }
+  passes=$("$brickdisk" info empty-authenticated --json | sed -n 's/^ *"keyDerivationIterations": \([0-9]*\),$/\1/p')
+  echo
+  echo "Image: 2 GiB ext4 with $(mib "$(du -s -B1 image.raw | cut -f1)") MiB in use. ${rounds} interleaved rounds."
+  echo "Load average before / after: ${load_before} / ${load_after}."
+  echo
+  echo "| step, format | median s | range s | median / original's |"
+  echo "|---|---:|---|---:|"
+  frow import
+  frow export
+  echo
+  echo "| opening an empty disk (median of 5) | seconds | peak memory MiB |"
+  echo "|---|---:|---:|"
+  echo "| authenticated (Argon2id, $passes passes, 64 MiB) | ${open_seconds[authenticated]} | $(mib $((open_kib[authenticated] * 1024))) |"
+  echo "| original (PBKDF2-HMAC-SHA1, 10000 iterations) | ${open_seconds[original]} | $(mib $((open_kib[original] * 1024))) |"
+  exit 0
+fi
+
 # Each round works in folders of its own, and nothing of the brick folders is
 # deleted before the end: on ext4, creating files soon after many were
 # deleted is slower (new inodes avoid recently freed ones), which would burden
@@ -156,7 +241,7 @@ for ((round = 1; round <= rounds; round++)); do
 
   "$brickdisk" create "nosync$round" --size 2G "${pw[@]}" >/dev/null
   timed brickdisk-import-nosync "$brickdisk" import "nosync$round" image.raw --no-sync "${pw[@]}"
-  "$brickdisk" create "md5-$round" --size 2G --checksum md5 "${pw[@]}" >/dev/null
+  "$brickdisk" create "md5-$round" --size 2G --kdf pbkdf2 --checksum md5 "${pw[@]}" >/dev/null
   timed brickdisk-import-md5 "$brickdisk" import "md5-$round" image.raw "${pw[@]}"
   timed brickdisk-export-md5 "$brickdisk" export "md5-$round" md5.raw "${pw[@]}"
   same image.raw md5.raw

@@ -56,7 +56,7 @@ CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
     if (zeros.getUsed() > 0)
         std::memset(zeros.getData(), 0, static_cast<size_t>(zeros.getUsed()));
     m_preparedZeroBrick = m_bufferPool->checkOutItem();
-    m_preparer->prepareData(zeros, *m_preparedZeroBrick);
+    m_preparer->prepareData(zeros, *m_preparedZeroBrick, m_zeroBrickIndex);
 }
 
 CBrick::~CBrick()
@@ -183,7 +183,7 @@ bool CBrick::loadFromStorer()
         fillPayloadWithZeros();
     } else {
         m_payload.setUsed(0);
-        m_preparer->unprepareData(*prepared, m_payload);
+        m_preparer->unprepareData(*prepared, m_payload, m_brickIndex);
     }
     return true;
 }
@@ -221,7 +221,7 @@ bool CBrick::loadFromSearchFolders()
         }
         if (nearer == found) {
             m_payload.setUsed(0);
-            m_preparer->unprepareData(*file, m_payload);
+            m_preparer->unprepareData(*file, m_payload, m_brickIndex);
             return true;
         }
         first = nearer;
@@ -296,7 +296,7 @@ void CBrick::backgroundSaveChanges()
     if (!isAllZero(m_payload)) {
         prepared = m_bufferPool->checkOutItem();
         prepared->setUsed(0);
-        m_preparer->prepareData(m_payload, *prepared);
+        m_preparer->prepareData(m_payload, *prepared, m_brickIndex);
     }
     try {
         writePreparedBrickImpl(prepared.get(), nullptr);
@@ -318,6 +318,7 @@ P<CBrickStorer> CBrick::writePreparedBrickImpl(const TBuffer<uint8>* prepared, I
             throw CError("INTERNAL ERROR: CBrick waited for storer to end, but the storer then was not removed.");
     }
     waitForFreeBackgroundOpSlot(-1);
+    prepareZeroBrickForCurrentIndex();
     // Deleting the file of an all-zero brick would let a parent's brick show
     // through again: on a disk with parents such a brick is stored as a file.
     if (!prepared && m_searchFolders.size() > 1)
@@ -329,6 +330,23 @@ P<CBrickStorer> CBrick::writePreparedBrickImpl(const TBuffer<uint8>* prepared, I
                                                  childRelativeURI, prepared, m_preparedZeroBrick.get(), listener);
     m_storers[m_brickIndex] = storer;
     return storer;
+}
+
+void CBrick::prepareZeroBrickForCurrentIndex()
+{
+    // Only disks with a parent or a child ever store the zero brick.
+    if (!m_preparer->bindsBrickIndex() || m_zeroBrickIndex == m_brickIndex ||
+        (m_childFolder.isEmpty() && m_searchFolders.size() < 2))
+        return;
+    // Storers still in flight keep their reference to the former buffer.
+    const P<zo::CMemPoolBuffer> zeroBrick = m_bufferPool->checkOutItem();
+    TBuffer<uint8> zeros(m_header.getBrickSize());
+    if (zeros.getUsed() > 0)
+        std::memset(zeros.getData(), 0, static_cast<size_t>(zeros.getUsed()));
+    zeroBrick->setUsed(0);
+    m_preparer->prepareData(zeros, *zeroBrick, m_brickIndex);
+    m_preparedZeroBrick = zeroBrick;
+    m_zeroBrickIndex = m_brickIndex;
 }
 
 void CBrick::handleFinishedStorers()

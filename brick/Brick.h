@@ -97,6 +97,9 @@ private:
     P<zo::CMemPoolBuffer> readBrickFile(const CURI& folder);
     void copyParentBrickIntoChild(const CURI& relativeURI);
     void fillPayloadWithZeros();
+    // Makes the prepared zero brick the one of the current brick index, for
+    // disks whose bricks are bound to their index.
+    void prepareZeroBrickForCurrentIndex();
 
     P<IFileSystem> m_fs;
     CURI m_diskFolder;
@@ -111,6 +114,9 @@ private:
     P<zo::CMemPool> m_bufferPool;
     TBuffer<uint8> m_payload;
     P<zo::CMemPoolBuffer> m_preparedZeroBrick;
+    // The brick index that the prepared zero brick is bound to (when the
+    // disk's bricks are bound to their index).
+    int64 m_zeroBrickIndex = 0;
     int64 m_positionInBrick = 0;
     int m_maxBackgroundOps;
     zo::TMap<int64, P<CBrickStorer>> m_storers;

@@ -2,6 +2,7 @@
 
 #include "brick/BrickDiskHeader.h"
 #include "brick/Version.h"
+#include "seal/KeyDerivation.h"
 #include "zo/BufferStream.h"
 #include "zo/DataStream.h"
 #include "zo/Error.h"
@@ -20,6 +21,26 @@ constexpr char kBrickFileID[] = "BRICK";
 constexpr int kBrickFileIDSize = 5;
 // File ID and the two version fields.
 constexpr int kFixedHeaderSize = kBrickFileIDSize + 2 + 2;
+constexpr int kBrickIndexSize = 8;
+constexpr char kIndexBoundDigestID[] = "hmac-sha256";
+constexpr char kDigestKeyInfo[] = "brickdisk brick digest";
+constexpr int kDigestKeySize = 32;
+
+// The brick index as the digests and the file hold it: 8 bytes, little-endian.
+void encodeBrickIndex(zo::int64 brickIndex, zo::uint8* out)
+{
+    const auto value = static_cast<zo::uint64>(brickIndex);
+    for (int i = 0; i < kBrickIndexSize; ++i)
+        out[i] = static_cast<zo::uint8>(value >> (8 * i));
+}
+
+zo::int64 decodeBrickIndex(const zo::uint8* in)
+{
+    zo::uint64 value = 0;
+    for (int i = kBrickIndexSize - 1; i >= 0; --i)
+        value = (value << 8) | in[i];
+    return static_cast<zo::int64>(value);
+}
 
 zo::CProps unprepareProps()
 {
@@ -42,10 +63,33 @@ CBrickDataPreparer::CBrickDataPreparer(const CBrickDiskHeader& header, const zo:
     : m_brickSize(header.getBrickSize()),
       m_cipher(seal::CCipherManager().getCipher(header.getCipherID())),
       m_key(key),
-      m_digest(seal::CDigestManager().getType(header.getCheckSumHashID())->createContext()),
+      m_digest(createDigest(header.getCheckSumHashID(), key)),
       m_digestSize(m_digest->getSize()),
+      m_bindsBrickIndex(header.getCheckSumHashID() == kIndexBoundDigestID),
+      m_fixedHeaderSize(kFixedHeaderSize + (m_bindsBrickIndex ? kBrickIndexSize : 0)),
       m_compressor(createCompressor(header.getCompressID()))
 {
+}
+
+zo::P<seal::IDigestContext> CBrickDataPreparer::createDigest(const zo::String& checkSumHashID,
+                                                             const zo::TCryptBuffer<zo::uint8>& key)
+{
+    if (checkSumHashID != kIndexBoundDigestID)
+        return seal::CDigestManager().getType(checkSumHashID)->createContext();
+    // The digest key is derived, so that it never equals the cipher key.
+    zo::TCryptBuffer<zo::uint8> digestKey;
+    if (key.getUsed() > 0) {
+        digestKey.setUsed(kDigestKeySize);
+        seal::deriveKey_HKDF_SHA256(key.getData(), key.getUsed(), nullptr, 0, kDigestKeyInfo,
+                                    static_cast<int>(sizeof(kDigestKeyInfo) - 1), kDigestKeySize, digestKey.getData());
+    }
+    return seal::createHMACSHA256Context(digestKey.getData(), digestKey.getUsed());
+}
+
+void CBrickDataPreparer::checkIndexNotNeeded(const char* where) const
+{
+    if (m_bindsBrickIndex)
+        throw zo::CInvalidArgError(where, "The disk's bricks are bound to their index: give the brick index.");
 }
 
 zo::P<zo::ICompressor> CBrickDataPreparer::createCompressor(const zo::String& compressID)
@@ -69,9 +113,14 @@ zo::P<zo::ICompressor> CBrickDataPreparer::createCompressor(const zo::String& co
     throw zo::CError("Unknown compressor ID: " + compressID);
 }
 
-const zo::uint8* CBrickDataPreparer::digestOf(const void* data, int size)
+const zo::uint8* CBrickDataPreparer::digestOf(const void* data, int size, const zo::int64* brickIndex)
 {
     m_digest->reset();
+    if (brickIndex) {
+        zo::uint8 encoded[kBrickIndexSize];
+        encodeBrickIndex(*brickIndex, encoded);
+        m_digest->update(encoded, kBrickIndexSize);
+    }
     m_digest->update(data, size);
     m_digest->finish();
     return m_digest->getDigest();
@@ -79,6 +128,32 @@ const zo::uint8* CBrickDataPreparer::digestOf(const void* data, int size)
 
 void CBrickDataPreparer::prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared)
 {
+    checkIndexNotNeeded("CBrickDataPreparer::prepareData");
+    prepare(source, prepared, 0);
+}
+
+void CBrickDataPreparer::prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared,
+                                     zo::int64 brickIndex)
+{
+    prepare(source, prepared, brickIndex);
+}
+
+void CBrickDataPreparer::unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain)
+{
+    checkIndexNotNeeded("CBrickDataPreparer::unprepareData");
+    unprepare(prepared, plain, 0);
+}
+
+void CBrickDataPreparer::unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain,
+                                       zo::int64 brickIndex)
+{
+    unprepare(prepared, plain, brickIndex);
+}
+
+void CBrickDataPreparer::prepare(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared,
+                                 zo::int64 brickIndex)
+{
+    const zo::int64* boundIndex = m_bindsBrickIndex ? &brickIndex : nullptr;
     const int sourceSize = source.getUsed();
     if (sourceSize > m_brickSize)
         throw zo::CInvalidArgError("CBrickDataPreparer::prepareData",
@@ -86,18 +161,23 @@ void CBrickDataPreparer::prepareData(const zo::TBuffer<zo::uint8>& source, zo::T
     const int maxCompressed = m_compressor->getMaxCompressedSize(sourceSize);
 
     // Room for the worst case, so that nothing below has to grow the buffer.
-    prepared.setUsed(m_cipher->getMaxPrefixSize() + kFixedHeaderSize + 2 * m_digestSize +
+    prepared.setUsed(m_cipher->getMaxPrefixSize() + m_fixedHeaderSize + 2 * m_digestSize +
                      m_cipher->getMaxPaddingSize() + maxCompressed);
     prepared.setUsed(0);
 
-    const zo::uint8* plainDigest = digestOf(source.getData(), sourceSize);
+    const zo::uint8* plainDigest = digestOf(source.getData(), sourceSize, boundIndex);
     {
         zo::CBufferStream stream(&prepared, 2.0);
         zo::CDataOutStream out(&stream);
         out.write(kBrickFileID, kBrickFileIDSize)
             .writeInt16(static_cast<int16_t>(kImplementationVersion))
-            .writeInt16(static_cast<int16_t>(kImplementationVersion))
-            .write(plainDigest, m_digestSize);
+            .writeInt16(static_cast<int16_t>(kImplementationVersion));
+        if (boundIndex) {
+            zo::uint8 encoded[kBrickIndexSize];
+            encodeBrickIndex(brickIndex, encoded);
+            out.write(encoded, kBrickIndexSize);
+        }
+        out.write(plainDigest, m_digestSize);
         stream.close();
     }
 
@@ -111,8 +191,10 @@ void CBrickDataPreparer::prepareData(const zo::TBuffer<zo::uint8>& source, zo::T
     prepared.addUsed(m_digestSize);
 }
 
-void CBrickDataPreparer::unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain)
+void CBrickDataPreparer::unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain,
+                                   zo::int64 brickIndex)
 {
+    const zo::int64* boundIndex = m_bindsBrickIndex ? &brickIndex : nullptr;
     const int fullSize = prepared.getUsed();
     if (fullSize < m_digestSize)
         throwUnprepareError("Brick file is corrupted.");
@@ -133,18 +215,24 @@ void CBrickDataPreparer::unprepareData(const zo::TBuffer<zo::uint8>& prepared, z
         throwUnprepareError("Newer software version required to read brick data.",
                             unprepareProps().add("minReadVersion", minReadVersion).add("writeVersion", writeVersion));
 
-    const int headerSize = kFixedHeaderSize + m_digestSize;
+    const int headerSize = m_fixedHeaderSize + m_digestSize;
     const int cipherTextSize = fullSize - headerSize - m_digestSize;
     if (cipherTextSize < 0)
         throwUnprepareError("Invalid size of prepared brick data.",
                             unprepareProps().add("fullSize", fullSize).add("headerSize", headerSize));
+    if (boundIndex) {
+        const zo::int64 storedIndex = decodeBrickIndex(prepared.getData() + kFixedHeaderSize);
+        if (storedIndex != brickIndex)
+            throwUnprepareError("Brick file belongs to another brick index.",
+                                unprepareProps().add("brickIndex", brickIndex).add("storedBrickIndex", storedIndex));
+    }
 
     m_cipher->decrypt(m_key, prepared.getData() + headerSize, cipherTextSize, m_work, false, 0);
     const int brickSize = static_cast<int>(m_brickSize);
     plain.setUsed(brickSize);
     plain.setUsed(m_compressor->decompress(m_work.getData(), m_work.getUsed(), plain.getData(), brickSize));
 
-    if (std::memcmp(digestOf(plain.getData(), plain.getUsed()), prepared.getData() + kFixedHeaderSize,
+    if (std::memcmp(digestOf(plain.getData(), plain.getUsed(), boundIndex), prepared.getData() + m_fixedHeaderSize,
                     static_cast<size_t>(m_digestSize)) != 0)
         throwUnprepareError("Decrypted and decompressed brick data does not match hash.");
 }

@@ -16,6 +16,17 @@
 // inner one finds a wrong key or algorithm, which turns an intact file into
 // garbage.
 //
+// Under the checksum ID "hmac-sha256" the file is bound to its brick index
+// and both digests are keyed: after the version fields comes the brick's
+// index (int64, little-endian), so every field moves 8 bytes on, and both
+// digests are HMAC-SHA256 under a key derived from the disk's key (HKDF-
+// SHA256, info "brickdisk brick digest"; an unencrypted disk's key is empty
+// and so is the HMAC key). The inner one covers the brick index (8 bytes,
+// little-endian) followed by the plain bytes, so equal bricks at different
+// indexes do not show as equal; the outer one covers every byte before it,
+// the stored index included. A file copied to another index, or changed
+// anywhere, is refused before anything is decrypted.
+//
 // Threads: both calls share one digest context and one work buffer, so calls
 // on one preparer must not overlap; a thread of its own needs a preparer of
 // its own.
@@ -46,12 +57,27 @@ public:
     // and the cryptography library's error for an unknown cipher or digest.
     CBrickDataPreparer(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key);
 
+    // True when the disk's brick files are bound to their brick index
+    // (checksum ID "hmac-sha256"): then only the calls that take the index
+    // may be used.
+    bool bindsBrickIndex() const { return m_bindsBrickIndex; }
+
+    // The brick file bytes of the brick at `brickIndex`, as prepareData below.
+    // The index is ignored when the disk's bricks are not bound to theirs.
+    void prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared, zo::int64 brickIndex);
+    // Decodes the brick file of the brick at `brickIndex`, as unprepareData
+    // below. When the bricks are bound to their index, a file that holds
+    // another brick's index throws zo::CError "Brick file belongs to another
+    // brick index." with "action", "brickIndex" and "storedBrickIndex".
+    void unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain, zo::int64 brickIndex);
+
     // Writes the brick file bytes for `source` into `prepared` (another
     // buffer), replacing what it held. Its capacity is made large enough for
     // the worst case before anything is written, so a buffer that is reused
     // does not grow again. Throws zo::CInvalidArgError
     // ("CBrickDataPreparer::prepareData") when `source` holds more than a
-    // brick, and passes on compressor and cipher errors.
+    // brick or when the bricks are bound to their index, and passes on
+    // compressor and cipher errors.
     void prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared);
 
     // Verifies and decodes the brick file bytes `prepared` into `plain`
@@ -65,20 +91,32 @@ public:
     // "headerSize") or decodes to bytes that do not match their digest
     // ("Decrypted and decompressed brick data does not match hash."). Cipher
     // and compressor errors pass through unchanged. After a failure
-    // `plain` holds no meaningful bytes.
+    // `plain` holds no meaningful bytes. Throws zo::CInvalidArgError
+    // ("CBrickDataPreparer::unprepareData") when the bricks are bound to
+    // their index.
     void unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain);
 
 private:
     static zo::P<zo::ICompressor> createCompressor(const zo::String& compressID);
-    // Digests `size` bytes with the checksum digest; the result is valid
-    // until the next call.
-    const zo::uint8* digestOf(const void* data, int size);
+    static zo::P<seal::IDigestContext> createDigest(const zo::String& checkSumHashID,
+                                                    const zo::TCryptBuffer<zo::uint8>& key);
+    // Throws the zo::CInvalidArgError of a call without brick index on a disk
+    // whose bricks are bound to theirs.
+    void checkIndexNotNeeded(const char* where) const;
+    // Digests `size` bytes with the checksum digest, preceded by the brick
+    // index when `brickIndex` is given; the result is valid until the next call.
+    const zo::uint8* digestOf(const void* data, int size, const zo::int64* brickIndex = nullptr);
+    void prepare(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared, zo::int64 brickIndex);
+    void unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain, zo::int64 brickIndex);
 
     zo::int64 m_brickSize;
     zo::P<seal::ICipher> m_cipher;
     zo::TCryptBuffer<zo::uint8> m_key;
     zo::P<seal::IDigestContext> m_digest;
     int m_digestSize;
+    bool m_bindsBrickIndex;
+    // The version fields, and the brick index when the bricks are bound to it.
+    int m_fixedHeaderSize;
     zo::P<zo::ICompressor> m_compressor;
     // The compressed, not yet encrypted bytes; it lives as long as the
     // preparer and only grows.

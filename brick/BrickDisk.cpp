@@ -2,8 +2,10 @@
 
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/Version.h"
+#include "brick/detail/PasswordBytes.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
@@ -14,8 +16,6 @@
 #include "zo/Random.h"
 
 #include <algorithm>
-#include <string.h>
-#include <string>
 
 namespace brick {
 
@@ -27,21 +27,6 @@ constexpr int kMinIterations = 1000;
 constexpr int kFolderMode = 0x1ff;
 constexpr int kSaltSize = 8;
 
-// The UTF-8 bytes of a password, wiped when they are no longer needed.
-class CPasswordBytes {
-public:
-    explicit CPasswordBytes(const zo::String& password) : m_bytes(password.toUTF8()) {}
-    ~CPasswordBytes() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
-    CPasswordBytes(const CPasswordBytes&) = delete;
-    CPasswordBytes& operator=(const CPasswordBytes&) = delete;
-
-    const char* getData() const { return m_bytes.data(); }
-    int getSize() const { return static_cast<int>(m_bytes.size()); }
-
-private:
-    std::string m_bytes;
-};
-
 } // namespace
 
 int CBrickDisk::getImplementationVersion()
@@ -52,7 +37,7 @@ int CBrickDisk::getImplementationVersion()
 void CBrickDisk::deriveCipherKey(zo::TCryptBuffer<zo::uint8>& key, const zo::String& password,
                                  const CBrickDiskHeader& header)
 {
-    const CPasswordBytes passwordBytes(password);
+    const detail::CPasswordBytes passwordBytes(password);
     const int keySize = seal::CCipherManager().getCipher(header.getCipherID())->getKeySize();
     key.setUsed(keySize);
 
@@ -78,6 +63,8 @@ bool CBrickDisk::isCipherKeyCorrect(const CBrickDiskHeader& header, const zo::TC
     if (cipherID == "null")
         return true;
     const zo::P<seal::ICipher> cipher = seal::CCipherManager().getCipher(cipherID);
+    if (header.getCryptoHashID() == CBrickDiskKeyWrap::kKeyCheckID)
+        return key.getUsed() == cipher->getKeySize() && CBrickDiskKeyWrap::keyCheckValue(key) == header.getCipherKeyHash();
     const zo::P<seal::IDigestType> digestType = seal::CDigestManager().getType(header.getCryptoHashID());
     if (key.getUsed() != cipher->getKeySize())
         return false;
@@ -109,8 +96,13 @@ bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const 
         return true;
     }
     zo::TCryptBuffer<zo::uint8> key;
-    deriveCipherKey(key, password, header);
-    const bool correct = isCipherKeyCorrect(header, key);
+    bool correct = false;
+    if (CBrickDiskKeyWrap::isKeyWrapped(header)) {
+        correct = CBrickDiskKeyWrap::unwrapKey(header, password, key) && isCipherKeyCorrect(header, key);
+    } else {
+        deriveCipherKey(key, password, header);
+        correct = isCipherKeyCorrect(header, key);
+    }
     if (correct && keyOut)
         *keyOut = key;
     return correct;
@@ -126,8 +118,8 @@ bool CBrickDisk::isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& d
 
 // ---- Creation ---------------------------------------------------------------
 
-void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
-                        const String& password, const String& compressorID, int brickSize)
+CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
+                                          int payloadBlockSize, const String& compressorID, int brickSize)
 {
     fs->createFolder(diskFolder, kFolderMode);
     if (fs->fileExists(CBrickDiskHeader::getHeaderURI(diskFolder, 0)))
@@ -140,7 +132,36 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
     header.setCompressID(compressorID);
     if (brickSize != -1)
         header.setBrickSize(brickSize);
+    return header;
+}
 
+void CBrickDisk::setEmptyKeyHash(CBrickDiskHeader& header)
+{
+    const P<seal::IDigestContext> digest = seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
+    digest->finish();
+    header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
+}
+
+void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
+                                     const String& password, const String& compressorID, int brickSize,
+                                     const seal::Argon2idCost& cost)
+{
+    CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
+    header.setCheckSumHashID(kAuthenticatedCheckSumID);
+    if (password.isEmpty()) {
+        header.setCipherID("null");
+        setEmptyKeyHash(header);
+    } else {
+        zo::TCryptBuffer<uint8> key;
+        CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
+    }
+    header.store(fs, diskFolder);
+}
+
+void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
+                        const String& password, const String& compressorID, int brickSize)
+{
+    CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
     zo::TCryptBuffer<uint8> key;
     if (password.isEmpty()) {
         header.setCipherID("null");
@@ -230,9 +251,12 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
         throw CBrickDiskError(CBrickDiskError::IncorrectPassword, diskFolder);
     if (m_header.getCipherID() != "null")
         m_cipher = seal::CCipherManager().getCipher(m_header.getCipherID());
+    // Unknown digest IDs are refused here, before any brick is read.
     const seal::CDigestManager digests;
-    m_checkSumDigestType = digests.getType(m_header.getCheckSumHashID());
-    m_cryptoDigestType = digests.getType(m_header.getCryptoHashID());
+    if (m_header.getCheckSumHashID() != kAuthenticatedCheckSumID)
+        digests.getType(m_header.getCheckSumHashID());
+    if (m_header.getCryptoHashID() != CBrickDiskKeyWrap::kKeyCheckID)
+        digests.getType(m_header.getCryptoHashID());
     m_brickSize = m_header.getBrickSize();
     m_diskSize = m_header.getDiskSize();
     m_position = 0;

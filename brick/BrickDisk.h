@@ -8,6 +8,7 @@
 
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
+#include "seal/KeyDerivation.h"
 #include "zo/Base.h"
 #include "zo/Buffer.h"
 #include "zo/Containers.h"
@@ -37,7 +38,11 @@ public:
     // Cipher keys. A disk's key is derived from its password with the
     // deriver, salt and iteration count of its header; the header keeps only
     // a digest of the key ("cryptoHashID" names the digest). A disk whose
-    // cipher is "null" is not encrypted. These calls keep no state and may be
+    // header names the deriver "argon2id" instead has a random key, wrapped
+    // in its header under a key derived from the password, and a check value
+    // of the key (digest ID "hkdf-sha256"; see CBrickDiskKeyWrap); the key
+    // checks below handle both. A disk whose cipher is "null" is not
+    // encrypted. These calls keep no state and may be
     // called from any thread at once.
 
     // Derives the key for `password` (taken as its UTF-8 bytes) into `key`,
@@ -46,7 +51,9 @@ public:
     // ("CBrickDisk::deriveCypherKey") when the header names a key deriver
     // other than "PKCS5-PBKDF2-HMAC-SHA1", a salt of fewer than 8 bytes or
     // fewer than 1000 iterations (checked in this order), and passes on the
-    // cryptography library's error for an unknown cipher.
+    // cryptography library's error for an unknown cipher. A header of a
+    // wrapped key ("argon2id") is refused as unknown here: its key is
+    // unwrapped, not derived (isEncryptPasswordCorrect does it).
     static void deriveCipherKey(zo::TCryptBuffer<zo::uint8>& key, const zo::String& password,
                                 const CBrickDiskHeader& header);
 
@@ -60,8 +67,9 @@ public:
     static bool isCipherKeyCorrect(zo::IFileSystem* fs, const zo::CURI& diskFolder,
                                    const zo::TCryptBuffer<zo::uint8>& key);
 
-    // True when `password` opens the disk that `header` describes. An
-    // unencrypted disk accepts only the empty password. On success the key is
+    // True when `password` opens the disk that `header` describes (for a
+    // wrapped key: when it unwraps the key). An unencrypted disk accepts only
+    // the empty password. On success the key is
     // written to `keyOut` when it is not null (empty for an unencrypted disk);
     // on a wrong password `keyOut` is left as it was. A wrong password is the
     // result false, not an error; the errors of deriveCipherKey are passed on.
@@ -84,6 +92,21 @@ public:
     // errors of the file system and of key derivation. Any thread.
     static void create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                        const String& password, const String& compressorID, int brickSize);
+
+    // The checksum ID of authenticated disks: "hmac-sha256".
+    static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";
+
+    // Makes a new, empty disk like create, but with authenticated bricks:
+    // checksum ID "hmac-sha256" (keyed digests, every brick file bound to
+    // its brick index) and, for a non-empty password, a random cipher key
+    // wrapped under an Argon2id key of the password with `cost` (see
+    // CBrickDiskKeyWrap), so that the password can be changed later without
+    // touching a brick. An empty password makes an unencrypted disk whose
+    // digests still bind each brick file to its index. Throws what create
+    // throws, and zo::CInvalidArgError for a cost that Argon2id refuses.
+    static void createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
+                                    const String& password, const String& compressorID, int brickSize,
+                                    const seal::Argon2idCost& cost);
 
     // Makes a child disk of the disk in `parentDiskFolder` in `childDiskFolder`:
     // a copy of the parent's header (so the parent's password opens it) and
@@ -189,6 +212,12 @@ protected:
     [[noreturn]] void throwIOError(zo::CIOError::Code code, const zo::CProps& props) const;
 
 private:
+    // Creates the folder of a new disk, checks that it holds no disk yet and
+    // returns a default header with the caller's choices.
+    static CBrickDiskHeader startNewDisk(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
+                                         int payloadBlockSize, const String& compressorID, int brickSize);
+    // Sets the key hash of an unencrypted disk: the digest of no bytes.
+    static void setEmptyKeyHash(CBrickDiskHeader& header);
     void followParentLinks();
     P<CBrick> newStandAloneBrickObjectWith(int maxBackgroundOps) const;
     [[noreturn]] void throwShortBrickError() const;
@@ -204,8 +233,6 @@ private:
     zo::TCryptBuffer<uint8> m_cipherKey;
     IIOStream::Access m_access;
     P<seal::ICipher> m_cipher;
-    P<seal::IDigestType> m_checkSumDigestType;
-    P<seal::IDigestType> m_cryptoDigestType;
     int64 m_brickSize = 0;
     int64 m_diskSize = 0;
     int64 m_position = 0;

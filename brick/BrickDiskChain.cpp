@@ -122,8 +122,13 @@ String CBrickDiskChain::describeDifference(const CBrickDiskHeader& parent, const
                                 zo::toDecimalString(disk.getBrickSize()));
     if (parent.getCipherID() != disk.getCipherID())
         addDifference(text, "cipher \"" + parent.getCipherID() + "\" instead of \"" + disk.getCipherID() + "\"");
-    if (!(parent.getCipherKeyDerivationSalt() == disk.getCipherKeyDerivationSalt()) ||
-        !(parent.getCipherKeyHash() == disk.getCipherKeyHash()))
+    // Disks of one chain share their key: the key's check value is the same.
+    // Where the key comes from the password itself (PBKDF2) so is the salt;
+    // a wrapped key is rewrapped with a salt of its own when the password
+    // changes, disk by disk.
+    const bool keyFromPassword = disk.getCipherKeyDeriverID() != "argon2id";
+    if (!(parent.getCipherKeyHash() == disk.getCipherKeyHash()) ||
+        (keyFromPassword && !(parent.getCipherKeyDerivationSalt() == disk.getCipherKeyDerivationSalt())))
         addDifference(text, "another password or key");
     return text;
 }

@@ -20,6 +20,11 @@ constexpr double kGrowFactor = 2.0;
 
 } // namespace
 
+bool CBrickDiskHeader::hasKeyWrapFields() const
+{
+    return m_cipherKeyDeriverID == kKeyWrappingDeriverID;
+}
+
 zo::String CBrickDiskHeader::getHeaderFilename()
 {
     return "disk.brickdisk";
@@ -52,6 +57,11 @@ void CBrickDiskHeader::store(zo::IFileSystem* fs, const CURI& folder) const
     out.writeString(m_cipherKeyDeriverID);
     record::writeByteBlock(out, m_cipherKeyDerivationSalt);
     out.writeInt64(m_cipherKeyDerivationIterations);
+    if (hasKeyWrapFields()) {
+        out.writeInt32(m_cipherKeyDerivationMemoryKiB);
+        out.writeInt32(m_cipherKeyDerivationLanes);
+        record::writeByteBlock(out, m_wrappedCipherKey);
+    }
     storeAuxFile(fs, folder, getHeaderFilename(), *stream->getBuffer());
 }
 
@@ -66,12 +76,15 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     m_objectsPerTreeLevel = kFixedObjectsPerTreeLevel;
     m_treeLevels = kFixedTreeLevels;
 
-    m_version = static_cast<int>(in.readInt64());
-    m_minReaderVersion = static_cast<int>(in.readInt64());
+    const zo::int64 version = in.readInt64();
+    const zo::int64 minReaderVersion = in.readInt64();
+    m_version = static_cast<int>(version);
+    m_minReaderVersion = static_cast<int>(minReaderVersion);
     if (m_minReaderVersion > kImplementationVersion)
         throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, folder);
 
-    m_minWriterVersion = static_cast<int>(in.readInt64());
+    const zo::int64 minWriterVersion = in.readInt64();
+    m_minWriterVersion = static_cast<int>(minWriterVersion);
     m_brickSize = in.readInt32();
     m_payloadBlockSize = in.readInt32();
     m_diskSize = in.readInt64();
@@ -82,7 +95,23 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     m_compressID = in.readString();
     m_cipherKeyDeriverID = in.readString();
     record::readByteBlock(in, *stream, m_cipherKeyDerivationSalt);
-    m_cipherKeyDerivationIterations = static_cast<int>(in.readInt64());
+    const zo::int64 iterations = in.readInt64();
+    m_cipherKeyDerivationIterations = static_cast<int>(iterations);
+
+    // Other derivers end the record here; what may follow is not read.
+    m_cipherKeyDerivationMemoryKiB = 0;
+    m_cipherKeyDerivationLanes = 0;
+    m_wrappedCipherKey.setUsed(0);
+    if (hasKeyWrapFields()) {
+        // Every stored bit of these headers counts: a 64-bit field must
+        // hold its 32-bit value, sign-extended, and nothing else.
+        for (const zo::int64 value : {version, minReaderVersion, minWriterVersion, iterations})
+            if (value != static_cast<int>(value))
+                throw zo::CError("brickdisk header holds a value beyond 32 bits.");
+        m_cipherKeyDerivationMemoryKiB = in.readInt32();
+        m_cipherKeyDerivationLanes = in.readInt32();
+        record::readByteBlock(in, *stream, m_wrappedCipherKey);
+    }
 }
 
 } // namespace brick

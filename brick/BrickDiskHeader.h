@@ -19,9 +19,14 @@ namespace brick {
 
 class CBrickDiskHeader : public CBrickDiskAuxFileBase {
 public:
+    // The deriver ID of disks whose cipher key is random and stored wrapped
+    // under an Argon2id key derived from the password.
+    static constexpr const char* kKeyWrappingDeriverID = "argon2id";
+
     // Version 1 everywhere, 512 KiB bricks, payload block size 1, disk size -1,
     // "md5", "sha256", "aes256cbc", empty key hash, "PKCS5-PBKDF2-HMAC-SHA1",
-    // empty salt, 10000 iterations, "lz4", 97 objects per level, 5 levels.
+    // empty salt, 10000 iterations, "lz4", 97 objects per level, 5 levels,
+    // no derivation memory or lanes and no wrapped key.
     CBrickDiskHeader() = default;
     CBrickDiskHeader(const CBrickDiskHeader& other) = default;
     CBrickDiskHeader(CBrickDiskHeader&& other) = default;
@@ -70,12 +75,27 @@ public:
     void setCipherKeyDerivationSalt(const zo::TBuffer<zo::uint8>& salt) { m_cipherKeyDerivationSalt.assign(salt); }
     int getCipherKeyDerivationIterations() const { return m_cipherKeyDerivationIterations; }
     void setCipherKeyDerivationIterations(int iterations) { m_cipherKeyDerivationIterations = iterations; }
+    // The memory (KiB) and lanes of a memory-hard key derivation; 0 for the
+    // derivers that use neither.
+    int getCipherKeyDerivationMemoryKiB() const { return m_cipherKeyDerivationMemoryKiB; }
+    void setCipherKeyDerivationMemoryKiB(int memoryKiB) { m_cipherKeyDerivationMemoryKiB = memoryKiB; }
+    int getCipherKeyDerivationLanes() const { return m_cipherKeyDerivationLanes; }
+    void setCipherKeyDerivationLanes(int lanes) { m_cipherKeyDerivationLanes = lanes; }
+    // The disk's cipher key wrapped under the key derived from the password;
+    // empty when the derived key is the cipher key itself. A header whose
+    // deriver is kKeyWrappingDeriverID stores it, with the memory and lanes
+    // above, after the iteration count, where other headers end.
+    const zo::TBuffer<zo::uint8>& getWrappedCipherKey() const { return m_wrappedCipherKey; }
+    void setWrappedCipherKey(const zo::TBuffer<zo::uint8>& wrapped) { m_wrappedCipherKey.assign(wrapped); }
     zo::String getCompressID() const { return m_compressID; }
     void setCompressID(const zo::String& id) { m_compressID = id; }
     int getObjectsPerTreeLevel() const { return m_objectsPerTreeLevel; }
     void setObjectsPerTreeLevel(int count) { m_objectsPerTreeLevel = count; }
     int getTreeLevels() const { return m_treeLevels; }
     void setTreeLevels(int levels) { m_treeLevels = levels; }
+
+    // True when the record holds the memory, lanes and wrapped key fields.
+    bool hasKeyWrapFields() const;
 
 protected:
     // "disk.brickdisk".
@@ -95,6 +115,9 @@ private:
     zo::String m_cipherKeyDeriverID = "PKCS5-PBKDF2-HMAC-SHA1";
     zo::TBuffer<zo::uint8> m_cipherKeyDerivationSalt;
     int m_cipherKeyDerivationIterations = 10000;
+    int m_cipherKeyDerivationMemoryKiB = 0;
+    int m_cipherKeyDerivationLanes = 0;
+    zo::TBuffer<zo::uint8> m_wrappedCipherKey;
     zo::String m_compressID = "lz4";
     static constexpr int kFixedObjectsPerTreeLevel = 97;
     static constexpr int kFixedTreeLevels = 5;

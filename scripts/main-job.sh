@@ -11,7 +11,9 @@
 #   4. both versions exported again (the second from the disk, the first from
 #      the snapshot) and compared byte for byte with the originals;
 #   5. both disks checked with their data, the disk described, and a table of
-#      sizes and rates.
+#      sizes and rates;
+#   6. the password of the disk and its snapshot changed, and the snapshot
+#      checked again with the new one.
 #
 # Every run works in a fresh folder under ${TMPDIR:-/var/tmp}, removed at the
 # end (set BRICKDISK_KEEP_WORK=1 to keep it). Safe to run again.
@@ -86,6 +88,12 @@ t7=$(now)
 
 step "the disk"
 "$brickdisk" info "$work/disk"
+
+step "changing the password of the disk and its snapshot (headers only)"
+head -c 32 /dev/urandom | base64 >"$work/new-password"
+chmod 600 "$work/new-password"
+"$brickdisk" passwd "$work/disk" "${pw[@]}" --new-password-file "$work/new-password"
+"$brickdisk" check "$work/snapshot" --read-data --password-file "$work/new-password"
 
 step "summary"
 {

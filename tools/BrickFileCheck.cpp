@@ -11,13 +11,21 @@ namespace {
 constexpr char kBrickFileID[] = "BRICK";
 // "BRICK", the version to read with and the version written with.
 constexpr int kFixedHeaderSize = 5 + 2 + 2;
+// Keyed digests: the brick index follows the versions; each digest is 32 bytes.
+constexpr int kKeyedMinimumSize = kFixedHeaderSize + 8 + 2 * 32;
+
+bool isKeyed(const brick::CBrickDiskHeader& header)
+{
+    return header.getCheckSumHashID() == brick::CBrickDisk::kAuthenticatedCheckSumID;
+}
 
 } // namespace
 
 CBrickFileChecker::CBrickFileChecker(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header,
                                      brick::CBrickDisk* disk)
     : m_fs(fs), m_brickSize(header.getBrickSize()),
-      m_digest(seal::CDigestManager().getType(header.getCheckSumHashID())->createContext())
+      m_digest(isKeyed(header) ? nullptr : seal::CDigestManager().getType(header.getCheckSumHashID())->createContext()),
+      m_minimumSize(m_digest ? kFixedHeaderSize + 2 * m_digest->getSize() : kKeyedMinimumSize)
 {
     if (disk)
         m_preparer = disk->createDataPreparer();
@@ -25,11 +33,14 @@ CBrickFileChecker::CBrickFileChecker(zo::IFileSystem* fs, const brick::CBrickDis
 
 std::string CBrickFileChecker::checkOuter(const zo::TBuffer<zo::uint8>& bytes)
 {
-    const int digestSize = m_digest->getSize();
-    if (bytes.getUsed() < kFixedHeaderSize + 2 * digestSize)
+    if (bytes.getUsed() < m_minimumSize)
         return "too short to be a brick file (" + std::to_string(bytes.getUsed()) + " bytes)";
     if (std::memcmp(bytes.getData(), kBrickFileID, sizeof(kBrickFileID) - 1) != 0)
         return "is not a brick file (it does not start with BRICK)";
+    // Keyed digests are checked when the data are read, with the key.
+    if (!m_digest)
+        return std::string();
+    const int digestSize = m_digest->getSize();
     const int covered = bytes.getUsed() - digestSize;
     m_digest->reset();
     m_digest->update(bytes.getData(), covered);
@@ -53,8 +64,14 @@ std::string CBrickFileChecker::check(const BrickFile& file)
         return verdict;
     try {
         m_plain.setUsed(0);
-        m_preparer->unprepareData(m_bytes, m_plain);
+        m_preparer->unprepareData(m_bytes, m_plain, file.index);
     } catch (const zo::CError& e) {
+        const zo::String storedIndex = e.getProps().lookup("storedBrickIndex");
+        if (!storedIndex.isEmpty())
+            return "at the wrong index: it is the brick file of brick " + storedIndex.toUTF8() +
+                   " (moved or copied here)";
+        if (!m_digest && std::string(e.what()) == "Brick file is corrupted.")
+            return "damaged: its keyed digest does not match its content";
         return "its data do not decode: " + e.toString().toUTF8();
     }
     if (m_plain.getUsed() != m_brickSize)

@@ -1,8 +1,10 @@
 // CBrickFileChecker: checks one brick file. Without a disk it checks what can
-// be checked without the key: the file's start ("BRICK") and its outer digest
-// (the last D bytes, D the length of the header's checksum digest, are the
-// digest of everything before them). With an open disk it also decodes the
-// brick (decrypt, decompress, compare with the inner digest). One checker per
+// be checked without the key: the file's start ("BRICK") and, unless the
+// digests are keyed ("hmac-sha256"), its outer digest (the last D bytes, D
+// the length of the header's checksum digest, are the digest of everything
+// before them). With an open disk it also decodes the brick at its index
+// (keyed digests, decrypt, decompress, compare with the inner digest), which
+// finds a brick file moved or copied from another index. One checker per
 // thread.
 #pragma once
 
@@ -31,7 +33,9 @@ private:
 
     zo::P<zo::IFileSystem> m_fs;
     int m_brickSize;
+    // Null when the digests are keyed.
     zo::P<seal::IDigestContext> m_digest;
+    int m_minimumSize;
     zo::P<brick::CBrickDataPreparer> m_preparer;
     zo::TBuffer<zo::uint8> m_bytes;
     zo::TBuffer<zo::uint8> m_plain;

@@ -134,7 +134,7 @@ void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, bri
     if (task.zero && !m_hasParents)
         return;
     task.prepared = zo::P<zo::TBuffer<zo::uint8>>(new zo::TBuffer<zo::uint8>());
-    preparer.prepareData(task.plain, *task.prepared);
+    preparer.prepareData(task.plain, *task.prepared, task.index);
 }
 
 std::unique_ptr<CBrickImporter::Task> CBrickImporter::waitForResult(zo::int64 index)

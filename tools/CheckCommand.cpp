@@ -15,6 +15,7 @@
 #include "UsageError.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "zo/Error.h"
 
@@ -108,9 +109,11 @@ std::string sharedHeaderFields(const brick::CBrickDiskHeader& h)
             text += std::to_string(buffer[i]) + ".";
         return text;
     };
+    // A wrapped key is named by its check value alone: a password change
+    // gives every disk of the chain a new salt, one disk after the other.
     return std::to_string(h.getDiskSize()) + "/" + std::to_string(h.getBrickSize()) + "/" +
            h.getCipherID().toUTF8() + "/" + h.getCheckSumHashID().toUTF8() + "/" + bytes(h.getCipherKeyHash()) + "/" +
-           bytes(h.getCipherKeyDerivationSalt());
+           (brick::CBrickDiskKeyWrap::isKeyWrapped(h) ? std::string() : bytes(h.getCipherKeyDerivationSalt()));
 }
 
 // Checks both copies of one link file and the disk it points to; returns the
@@ -231,6 +234,8 @@ int runCheck(const CheckOptions& options)
     }
     for (const zo::CURI& entry : listing.unexpectedEntries)
         findings.problem("unexpected entry in the brick tree: " + entry.toLocalPath());
+    if (!options.readData && header.getCheckSumHashID() == brick::CBrickDisk::kAuthenticatedCheckSumID)
+        findings.note("the brick digests are keyed: only --read-data, with the password, checks them");
     if (!listing.temporaryFiles.empty())
         findings.note(std::to_string(listing.temporaryFiles.size()) +
                       " temporary files of interrupted stores under bricks/ (harmless; they may be deleted)");

@@ -1,7 +1,13 @@
 // brickdisk create DISK --size SIZE [--brick-size SIZE] [--compression ID] [--checksum ID]
+//                  [--kdf argon2id|pbkdf2] [--kdf-memory SIZE] [--kdf-passes N] [--kdf-lanes N]
 //                  [--no-encryption]
+//
+// New disks get authenticated bricks and a wrapped key (--kdf argon2id);
+// --kdf pbkdf2 makes a disk that older readers open too, whose key is
+// derived from the password itself (so its password can never change).
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "KeyDerivationOptions.h"
 #include "Password.h"
 #include "Units.h"
 #include "UsageError.h"
@@ -29,10 +35,39 @@ struct CreateOptions {
     std::string size;
     std::string brickSize = "512K";
     std::string compression = "lz4";
-    std::string checksum = "sha256";
+    // Empty: "hmac-sha256" for argon2id, "sha256" for pbkdf2.
+    std::string checksum;
+    std::string kdf = "argon2id";
+    CKeyDerivationOptions cost;
     bool noEncryption = false;
     CPasswordSource passwords;
 };
+
+bool isAuthenticated(const CreateOptions& options)
+{
+    return options.kdf == "argon2id";
+}
+
+// The brick digest for the chosen key derivation; a combination that the
+// disk could not use is a usage error.
+std::string brickDigestFor(const CreateOptions& options)
+{
+    if (options.checksum.empty())
+        return isAuthenticated(options) ? brick::CBrickDisk::kAuthenticatedCheckSumID : "sha256";
+    if (isAuthenticated(options) != (options.checksum == brick::CBrickDisk::kAuthenticatedCheckSumID))
+        throw UsageError("--checksum " + options.checksum + " does not go with --kdf " + options.kdf +
+                         ": argon2id disks use hmac-sha256, pbkdf2 disks sha256 or md5");
+    return options.checksum;
+}
+
+std::string encryptionDescription(const CreateOptions& options, const seal::Argon2idCost& cost)
+{
+    if (options.noEncryption)
+        return "not encrypted";
+    if (isAuthenticated(options))
+        return "encrypted with aes256cbc, key wrapped under argon2id (" + CKeyDerivationOptions::describe(cost) + ")";
+    return "encrypted with aes256cbc, key by PKCS5-PBKDF2-HMAC-SHA1";
+}
 
 // The number of bricks that the brick tree can address: entries per level to
 // the power of the number of levels.
@@ -101,6 +136,8 @@ int runCreate(const CreateOptions& options)
                          " bricks, more than the " + std::to_string(addressableBrickCount()) +
                          " that a disk can hold; choose larger bricks");
     checkCompressorID(options.compression, brickSize);
+    const std::string checksum = brickDigestFor(options);
+    const seal::Argon2idCost cost = options.cost.cost();
 
     const zo::CURI folder = diskFolderURI(options.disk);
     const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
@@ -109,13 +146,18 @@ int runCreate(const CreateOptions& options)
                          zo::CProps().add("diskFolder", folder.toString(true)));
 
     const zo::String password = options.noEncryption ? zo::String() : options.passwords.forNewDisk(options.disk);
-    brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(options.compression),
-                              static_cast<int>(brickSize));
-    setBrickDigest(fs.get(), folder, options.checksum);
+    if (isAuthenticated(options)) {
+        brick::CBrickDisk::createAuthenticated(fs.get(), folder, diskSize, 1, password,
+                                               zo::String(options.compression), static_cast<int>(brickSize), cost);
+    } else {
+        brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(options.compression),
+                                  static_cast<int>(brickSize));
+        setBrickDigest(fs.get(), folder, checksum);
+    }
     std::printf("created %s: %s in %lld bricks of %s, compression %s, %s, brick digest %s\n",
                 folder.toLocalPath().c_str(), formatBytes(diskSize).c_str(), static_cast<long long>(brickCount),
                 formatBytes(brickSize).c_str(), options.compression.c_str(),
-                options.noEncryption ? "not encrypted" : "encrypted with aes256cbc", options.checksum.c_str());
+                encryptionDescription(options, cost).c_str(), checksum.c_str());
     return 0;
 }
 
@@ -135,9 +177,16 @@ CommandAction addCreateCommand(CLI::App& program)
                         "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME]")
         ->capture_default_str();
     command->add_option("--checksum", options->checksum,
-                        "Digest of every brick: sha256, or md5 (faster on processors without SHA instructions)")
-        ->check(CLI::IsMember({"sha256", "md5"}))
+                        "Digest of every brick: hmac-sha256 (keyed, bound to the brick's index; the default with "
+                        "--kdf argon2id), or with --kdf pbkdf2 sha256 (its default) or md5")
+        ->check(CLI::IsMember({"hmac-sha256", "sha256", "md5"}));
+    command->add_option("--kdf", options->kdf,
+                        "Key derivation: argon2id (a random key wrapped under a memory-hard derivation of the "
+                        "password, which passwd can change) or pbkdf2 (the key derived from the password itself, "
+                        "as older disks have it)")
+        ->check(CLI::IsMember({"argon2id", "pbkdf2"}))
         ->capture_default_str();
+    options->cost.addTo(*command);
     CLI::Option* noEncryption =
         command->add_flag("--no-encryption", options->noEncryption, "Store the bricks unencrypted, without a password");
     options->passwords.addOptionTo(*command);

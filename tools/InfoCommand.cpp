@@ -6,10 +6,12 @@
 #include "DiskAccess.h"
 #include "DiskChain.h"
 #include "JsonWriter.h"
+#include "KeyDerivationOptions.h"
 #include "Units.h"
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskKeyWrap.h"
 
 #include <CLI/CLI.hpp>
 
@@ -49,6 +51,35 @@ struct DiskInfo {
         return presentBytes() == 0 ? -1.0 : static_cast<double>(storedBytes()) / static_cast<double>(presentBytes());
     }
     bool encrypted() const { return header.getCipherID() != "null"; }
+    bool keyWrapped() const { return brick::CBrickDiskKeyWrap::isKeyWrapped(header); }
+    // "authenticated": keyed brick digests bound to the brick's index;
+    // "original": plain digests, and a key derived from the password itself.
+    std::string format() const
+    {
+        return header.getCheckSumHashID() == brick::CBrickDisk::kAuthenticatedCheckSumID ? "authenticated"
+                                                                                        : "original";
+    }
+    std::string formatDescription() const
+    {
+        if (format() == "original")
+            return "original (plain brick digests; an encrypted disk's key is derived from its password, which "
+                   "cannot change)";
+        return std::string("authenticated (keyed brick digests, each brick bound to its index") +
+               (keyWrapped() ? "; random key wrapped under the password, which passwd can change)" : ")");
+    }
+    std::string keyDerivation() const
+    {
+        const brick::CBrickDiskHeader& h = header;
+        if (keyWrapped())
+            return "key wrapped under argon2id (" +
+                   CKeyDerivationOptions::describe({h.getCipherKeyDerivationIterations(),
+                                                    h.getCipherKeyDerivationMemoryKiB(),
+                                                    h.getCipherKeyDerivationLanes()}) +
+                   "), key check " + h.getCryptoHashID().toUTF8();
+        return "key by " + h.getCipherKeyDeriverID().toUTF8() + " (" +
+               std::to_string(h.getCipherKeyDerivationIterations()) + " iterations), key digest " +
+               h.getCryptoHashID().toUTF8();
+    }
 };
 
 DiskInfo gatherInfo(zo::IFileSystem* fs, const zo::CURI& folder)
@@ -79,10 +110,9 @@ void printText(const DiskInfo& info)
     line("size:", formatBytes(h.getDiskSize()) + " (" + std::to_string(h.getDiskSize()) + " bytes)");
     line("brick size:", formatBytes(h.getBrickSize()) + ", " + std::to_string(info.brickCount()) + " bricks");
     line("compression:", utf8(h.getCompressID()));
+    line("format:", info.formatDescription());
     if (info.encrypted())
-        line("encryption:", utf8(h.getCipherID()) + ", key by " + utf8(h.getCipherKeyDeriverID()) + " (" +
-                                std::to_string(h.getCipherKeyDerivationIterations()) + " iterations), key digest " +
-                                utf8(h.getCryptoHashID()));
+        line("encryption:", utf8(h.getCipherID()) + ", " + info.keyDerivation());
     else
         line("encryption:", "none");
     line("brick digest:", utf8(h.getCheckSumHashID()));
@@ -122,6 +152,9 @@ void printJson(const DiskInfo& info)
     json.field("cipher", utf8(h.getCipherID()));
     json.field("keyDeriver", utf8(h.getCipherKeyDeriverID()));
     json.field("keyDerivationIterations", h.getCipherKeyDerivationIterations());
+    json.field("keyDerivationMemoryKiB", h.getCipherKeyDerivationMemoryKiB());
+    json.field("keyDerivationLanes", h.getCipherKeyDerivationLanes());
+    json.field("format", info.format());
     json.field("keyDigest", utf8(h.getCryptoHashID()));
     json.field("brickDigest", utf8(h.getCheckSumHashID()));
     json.field("version", h.getVersion());

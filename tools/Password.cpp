@@ -9,12 +9,11 @@
 #include <fstream>
 #include <iterator>
 #include <string.h>
+#include <utility>
 
 namespace cli {
 
 namespace {
-
-constexpr char kEnvironmentVariable[] = "BRICKDISK_PASSWORD";
 
 // Overwrites a secret before its memory is given back.
 class CWipedString {
@@ -38,18 +37,27 @@ std::string readPasswordFile(const std::string& path)
     return content;
 }
 
-UsageError noPasswordSource()
+UsageError noPasswordSource(const std::string& what, const std::string& fileOption,
+                            const std::string& environmentVariable)
 {
-    return UsageError("a password is needed: give --password-file FILE or set BRICKDISK_PASSWORD "
-                      "(there is no terminal to ask on)");
+    return UsageError("a " + what + " is needed: give " + fileOption + " FILE or set " + environmentVariable +
+                      " (there is no terminal to ask on)");
 }
 
 } // namespace
 
+CPasswordSource::CPasswordSource() : CPasswordSource("--password-file", "BRICKDISK_PASSWORD", "password") {}
+
+CPasswordSource::CPasswordSource(std::string fileOption, std::string environmentVariable, std::string what)
+    : m_fileOption(std::move(fileOption)), m_environmentVariable(std::move(environmentVariable)),
+      m_what(std::move(what))
+{
+}
+
 void CPasswordSource::addOptionTo(CLI::App& command)
 {
-    command.add_option("--password-file", m_passwordFile,
-                       "File whose content (without a trailing newline) is the password");
+    command.add_option(m_fileOption, m_passwordFile,
+                       "File whose content (without a trailing newline) is the " + m_what);
 }
 
 bool CPasswordSource::fromFileOrEnvironment(std::string& password) const
@@ -58,9 +66,9 @@ bool CPasswordSource::fromFileOrEnvironment(std::string& password) const
         password = readPasswordFile(m_passwordFile);
         return true;
     }
-    if (const char* value = std::getenv(kEnvironmentVariable)) {
+    if (const char* value = std::getenv(m_environmentVariable.c_str())) {
         if (*value == '\0')
-            throw UsageError(std::string(kEnvironmentVariable) + " is set but empty");
+            throw UsageError(m_environmentVariable + " is set but empty");
         password = value;
         return true;
     }
@@ -73,7 +81,7 @@ zo::String CPasswordSource::forExistingDisk(const std::string& diskPath) const
     if (fromFileOrEnvironment(password.text))
         return zo::String(password.text);
     if (!askOnTerminalWithoutEcho("Password for " + diskPath + ": ", password.text))
-        throw noPasswordSource();
+        throw noPasswordSource(m_what, m_fileOption, m_environmentVariable);
     return zo::String(password.text);
 }
 
@@ -83,7 +91,7 @@ zo::String CPasswordSource::forNewDisk(const std::string& diskPath) const
     if (fromFileOrEnvironment(password.text))
         return zo::String(password.text);
     if (!askOnTerminalWithoutEcho("New password for " + diskPath + ": ", password.text))
-        throw noPasswordSource();
+        throw noPasswordSource(m_what, m_fileOption, m_environmentVariable);
     if (password.text.empty())
         throw UsageError("the password is empty (use --no-encryption for a disk without one)");
     CWipedString again;

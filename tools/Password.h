@@ -16,7 +16,15 @@ namespace cli {
 
 class CPasswordSource {
 public:
-    // Adds --password-file to `command`, filling this source.
+    // The password of --password-file and BRICKDISK_PASSWORD.
+    CPasswordSource();
+    // A password from the file option `fileOption` (e.g.
+    // "--new-password-file") and the variable `environmentVariable`, in the
+    // same order as above; `what` names it on the terminal and in --help
+    // ("new password").
+    CPasswordSource(std::string fileOption, std::string environmentVariable, std::string what);
+
+    // Adds the file option to `command`, filling this source.
     void addOptionTo(CLI::App& command);
 
     // The password of an existing disk. A password file's content counts
@@ -33,6 +41,9 @@ private:
     // The password from the file or the variable; false when neither is given.
     bool fromFileOrEnvironment(std::string& password) const;
 
+    std::string m_fileOption;
+    std::string m_environmentVariable;
+    std::string m_what;
     std::string m_passwordFile;
 };
 

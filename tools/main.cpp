@@ -77,6 +77,7 @@ int main(int argc, char** argv)
     add(cli::addSnapshotsCommand);
     add(cli::addDeleteCommand);
     add(cli::addDiffCommand);
+    add(cli::addPasswdCommand);
 
     // CLI11 would take an unknown first word for a missing subcommand.
     if (argc > 1 && argv[1][0] != '-') {

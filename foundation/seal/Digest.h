@@ -38,6 +38,13 @@ public:
     zo::P<IDigestType> getType(const zo::String& hashID) const;
 };
 
+// A context that computes HMAC-SHA256 (32 bytes) under `key` (a copy is
+// kept; an empty key is allowed) instead of a plain digest. reset starts a
+// new message under the same key without setting the key up again. Throws
+// zo::CInvalidArgError for a negative size or a null key of non-zero size,
+// and zo::CError when the library cannot set HMAC up.
+zo::P<IDigestContext> createHMACSHA256Context(const void* key, int keySize);
+
 // The MD5 digest type, constructible directly.
 class CDigestType_MD5 : public zo::CBase, public IDigestType {
 public:

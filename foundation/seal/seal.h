@@ -4,3 +4,5 @@
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
+#include "seal/KeyWrap.h"
+#include "seal/Random.h"

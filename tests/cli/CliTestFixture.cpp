@@ -33,6 +33,10 @@ RunResult CliTest::runWithPassword(std::vector<std::string> args, const RunOptio
 void CliTest::createDisk(const std::string& name, const std::string& size, const std::vector<std::string>& extra) const
 {
     std::vector<std::string> args{"create", path(name), "--size", size, "--brick-size", "64K"};
+    // Disks in the format with a password-derived key and SHA-256 digests
+    // unless a test chooses the key derivation itself.
+    if (std::find(extra.begin(), extra.end(), "--kdf") == extra.end())
+        args.insert(args.end(), {"--kdf", "pbkdf2"});
     args.insert(args.end(), extra.begin(), extra.end());
     const RunResult result = runWithPassword(args);
     ASSERT_EQ(result.exitStatus, 0) << result.err;

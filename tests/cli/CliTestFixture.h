@@ -30,7 +30,8 @@ protected:
     RunResult runWithPassword(std::vector<std::string> args, const RunOptions& options = {}) const;
 
     // Creates an encrypted disk of `size` with 64 KiB bricks; fails the test
-    // when that does not work.
+    // when that does not work. The disk's key is derived from the password
+    // ("--kdf pbkdf2") unless `extra` holds "--kdf".
     void createDisk(const std::string& name, const std::string& size = "4M",
                     const std::vector<std::string>& extra = {}) const;
 

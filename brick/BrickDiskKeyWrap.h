@@ -1,0 +1,90 @@
+// CBrickDiskKeyWrap: the cipher key of a disk whose header names the deriver
+// "argon2id". Such a disk's key is 32 random bytes made once, at creation;
+// the header holds it wrapped (AES-256-GCM) under a key derived from the
+// password with Argon2id, and a check value of the key (HKDF-SHA256 of it,
+// digest ID "hkdf-sha256") in place of the key's digest. Changing the
+// password wraps the same key anew, so no brick is touched, and a wrong
+// password is found by the wrap's own authentication, which also covers
+// every other field of the header (sizes, algorithm IDs, versions): a header
+// changed anywhere does not open.
+//
+// Every call is static, keeps no state and may run on any thread at once.
+#pragma once
+
+#include "brick/BrickDiskHeader.h"
+
+#include "seal/KeyDerivation.h"
+#include "zo/Buffer.h"
+#include "zo/Containers.h"
+#include "zo/FileSystem.h"
+#include "zo/String.h"
+#include "zo/URI.h"
+
+namespace brick {
+
+class CBrickDiskKeyWrap {
+public:
+    // The key check digest ID of such disks ("hkdf-sha256").
+    static constexpr const char* kKeyCheckID = "hkdf-sha256";
+
+    // The default cost: 12 passes over 64 MiB in one lane, about half a
+    // second on the machine the defaults were chosen on (docs/security.md).
+    static seal::Argon2idCost getDefaultCost();
+    // The largest cost accepted, in each parameter: 64 passes, 4 GiB, 64
+    // lanes. Deriving with a header's cost beyond it throws zo::CError "The
+    // key derivation cost of the disk is beyond the limits.".
+    static seal::Argon2idCost getCostLimit();
+
+    // True when `header` names the deriver "argon2id".
+    static bool isKeyWrapped(const CBrickDiskHeader& header);
+
+    // Makes a new random key, writes it into `keyOut` and sets `header` up
+    // for it: deriver "argon2id" with `cost` and a fresh random 16-byte salt,
+    // the key wrapped under the key derived from `password`, and its check
+    // value as key hash with the digest ID "hkdf-sha256". Other fields are
+    // left alone. Throws the errors of key derivation (a cost that Argon2id
+    // refuses: zo::CInvalidArgError) and of the random generator.
+    static void setUpNewKey(CBrickDiskHeader& header, const zo::String& password, const seal::Argon2idCost& cost,
+                            zo::TCryptBuffer<zo::uint8>& keyOut);
+
+    // Unwraps the key of `header` with `password` into `keyOut`. False, with
+    // `keyOut` untouched, when the password is wrong or any field of the
+    // header was changed. Throws the error of a cost beyond the limits,
+    // zo::CInvalidArgError
+    // ("CBrickDiskKeyWrap::unwrapKey") when the header is not key-wrapped
+    // and the errors of key derivation (a cost or salt that Argon2id refuses).
+    static bool unwrapKey(const CBrickDiskHeader& header, const zo::String& password,
+                          zo::TCryptBuffer<zo::uint8>& keyOut);
+
+    // Wraps `key`, the disk's key, anew under `newPassword` with `cost` and a
+    // fresh salt, replacing the derivation fields and the wrapped key of
+    // `header`. Throws zo::CInvalidArgError when `key` is not the key of
+    // `header` (its check value differs), and the errors of setUpNewKey.
+    static void rewrapKey(CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key,
+                          const zo::String& newPassword, const seal::Argon2idCost& cost);
+
+    // Changes the password of the disks in `diskFolders` (a disk with its
+    // parents and children, which share one key) from `oldPassword` to
+    // `newPassword`, wrapping the key anew with `cost`, by rewriting their
+    // headers only (each header's primary copy, then its fallback copy).
+    // A disk that opens with `newPassword` already (a change that was
+    // interrupted) is accepted as well. Nothing is written until every
+    // header is loaded and opened. Interrupted while writing, every disk
+    // still opens with the old or the new password: a torn copy fails its
+    // checksum and the other copy is read. Throws zo::CInvalidArgError
+    // ("CBrickDiskKeyWrap::changePassword") for an empty list, an empty new
+    // password, or a disk whose key is not wrapped (nothing is written then);
+    // CBrickDiskError IncorrectPassword (with the disk's folder) when a disk
+    // opens with neither password; zo::CError "Disk does not share the key
+    // of the other disks." (with "diskFolder"); and the errors of loading
+    // and storing headers.
+    static void changePassword(zo::IFileSystem* fs, const zo::TList<zo::CURI>& diskFolders,
+                               const zo::String& oldPassword, const zo::String& newPassword,
+                               const seal::Argon2idCost& cost);
+
+    // The check value of `key` that such headers hold as key hash: 32 bytes
+    // of HKDF-SHA256 over the key, which reveal nothing of it.
+    static zo::TBuffer<zo::uint8> keyCheckValue(const zo::TCryptBuffer<zo::uint8>& key);
+};
+
+} // namespace brick
