@@ -9,6 +9,7 @@
 #pragma once
 
 #include "brick/BrickDiskAuxFileBase.h"
+#include "zo/Export.h"
 
 #include "zo/Buffer.h"
 #include "zo/FileSystem.h"
@@ -17,7 +18,7 @@
 
 namespace brick {
 
-class CBrickDiskHeader : public CBrickDiskAuxFileBase {
+class BRICKDISK_EXPORT CBrickDiskHeader : public CBrickDiskAuxFileBase {
 public:
     // Version 1 everywhere, 512 KiB bricks, payload block size 1, disk size -1,
     // "md5", "sha256", "aes256cbc", empty key hash, "PKCS5-PBKDF2-HMAC-SHA1",

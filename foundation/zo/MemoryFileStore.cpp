@@ -1,6 +1,6 @@
-#include "zo/MemoryFileStore.h"
+#include "zo/detail/MemoryFileStore.h"
 
-#include "zo/FileSystemOp.h"
+#include "zo/detail/FileSystemOp.h"
 
 #include <algorithm>
 #include <cstring>

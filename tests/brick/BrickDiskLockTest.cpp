@@ -6,7 +6,6 @@
 #include "brick/BrickDiskLock.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
-#include "zo/LocalFileStore.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -14,6 +13,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <string>
 
 using brick::CBrickDisk;
 using brick::CBrickDiskError;
@@ -24,6 +24,12 @@ using zo::P;
 namespace {
 
 constexpr zo::int64 kDiskSize = 8 * testsupport::kDiskTestBrickSize;
+
+// The name the local file system gives the temporary file of a store of `name`.
+std::string temporaryFileName(const std::string& name)
+{
+    return ".tmp-0123456789abcdef-" + name + ".part";
+}
 
 class BrickDiskLockTest : public ::testing::Test {
 protected:
@@ -123,8 +129,8 @@ TEST(BrickDiskLockLocal, WritingRemovesTheLeftoversOfInterruptedStoresInTheDiskA
     testsupport::createDisk(fs.get(), disk, kDiskSize, "pw");
     CBrickDisk::createChild(fs.get(), snapshot, disk, CBrickDisk::linkedChild);
     std::filesystem::create_directories(snapshot.toLocalPath() + "/bricks/e00");
-    const std::string diskLeftover = disk.toLocalPath() + "/" + zo::makeTemporaryFileName("disk.brickdisk");
-    const std::string childLeftover = snapshot.toLocalPath() + "/bricks/e00/" + zo::makeTemporaryFileName("d00");
+    const std::string diskLeftover = disk.toLocalPath() + "/" + temporaryFileName("disk.brickdisk");
+    const std::string childLeftover = snapshot.toLocalPath() + "/bricks/e00/" + temporaryFileName("d00");
     std::ofstream(diskLeftover) << "half";
     std::ofstream(childLeftover) << "half";
 

@@ -2,7 +2,7 @@
 // which also delivers its completion, and a plain file-information object.
 #pragma once
 
-#include "zo/CompletionPool.h"
+#include "zo/detail/CompletionPool.h"
 #include "zo/FileSystem.h"
 #include "zo/Signal.h"
 
