@@ -4,6 +4,7 @@
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/Version.h"
+#include "brick/detail/FolderMode.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
@@ -24,7 +25,6 @@ namespace {
 constexpr char kKeyDerivationSource[] = "CBrickDisk::deriveCypherKey";
 constexpr int kMinSaltSize = 8;
 constexpr int kMinIterations = 1000;
-constexpr int kFolderMode = 0x1ff;
 constexpr int kSaltSize = 8;
 
 // The UTF-8 bytes of a password, wiped when they are no longer needed.
