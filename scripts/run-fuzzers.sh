@@ -22,10 +22,11 @@ for corpus in fuzz/corpus/*/; do
   [ -x "${fuzzer}" ] || { echo "run-fuzzers: ${fuzzer} is not built" >&2; exit 1; }
   mkdir -p "${build}/fuzz-new/${name}"
   echo "=== fuzz: ${name} for ${seconds} s"
-  # -timeout: one input taking longer than this is a finding. The log goes to
+  # -timeout: one input taking longer than this is a finding (generous, so
+  # that a busy machine does not make one). The log goes to
   # a file and is shown only when the fuzzer finds something.
   if ! "${fuzzer}" "${build}/fuzz-new/${name}" "${corpus}" \
-      -max_total_time="${seconds}" -timeout=10 -rss_limit_mb=2048 \
+      -max_total_time="${seconds}" -timeout=25 -rss_limit_mb=2048 \
       -artifact_prefix="${build}/fuzz-findings/${name}-" -print_final_stats=1 \
       >"${build}/fuzz-findings/${name}.log" 2>&1; then
     tail -n 60 "${build}/fuzz-findings/${name}.log" >&2
