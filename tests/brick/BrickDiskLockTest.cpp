@@ -13,7 +13,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <string>
 
 using brick::CBrickDisk;
 using brick::CBrickDiskError;
@@ -24,12 +23,6 @@ using zo::P;
 namespace {
 
 constexpr zo::int64 kDiskSize = 8 * testsupport::kDiskTestBrickSize;
-
-// The name the local file system gives the temporary file of a store of `name`.
-std::string temporaryFileName(const std::string& name)
-{
-    return ".tmp-0123456789abcdef-" + name + ".part";
-}
 
 class BrickDiskLockTest : public ::testing::Test {
 protected:
@@ -129,8 +122,8 @@ TEST(BrickDiskLockLocal, WritingRemovesTheLeftoversOfInterruptedStoresInTheDiskA
     testsupport::createDisk(fs.get(), disk, kDiskSize, "pw");
     CBrickDisk::createChild(fs.get(), snapshot, disk, CBrickDisk::linkedChild);
     std::filesystem::create_directories(snapshot.toLocalPath() + "/bricks/e00");
-    const std::string diskLeftover = disk.toLocalPath() + "/" + temporaryFileName("disk.brickdisk");
-    const std::string childLeftover = snapshot.toLocalPath() + "/bricks/e00/" + temporaryFileName("d00");
+    const std::string diskLeftover = disk.toLocalPath() + "/" + testsupport::storeLeftoverName("disk.brickdisk");
+    const std::string childLeftover = snapshot.toLocalPath() + "/bricks/e00/" + testsupport::storeLeftoverName("d00");
     std::ofstream(diskLeftover) << "half";
     std::ofstream(childLeftover) << "half";
 

@@ -373,9 +373,9 @@ TEST_F(LocalFileSystemTest, RemoveTemporaryFilesRemovesOnlyTheLeftoversOfStoresI
     };
     touch("disk.brickdisk");
     touch("bricks/b000/a000/00.brick");
-    touch("bricks/b000/a000/" + makeTemporaryFileName("01.brick"));
-    touch("bricks/b000/" + makeTemporaryFileName("a001"));
-    touch(makeTemporaryFileName("disk.brickdisk"));
+    touch("bricks/b000/a000/" + testsupport::storeLeftoverName("01.brick"));
+    touch("bricks/b000/" + testsupport::storeLeftoverName("a001"));
+    touch(testsupport::storeLeftoverName("disk.brickdisk"));
     touch(".tmp-not-ours.part");
 
     EXPECT_EQ(fs->removeTemporaryFiles(temp.uri()), 3);
