@@ -26,7 +26,7 @@ if [ -n "$(find "${prefix}/include" -path '*/detail/*' -print -quit)" ]; then
 fi
 # Helpers that stay inside the library; the exported interface must not name them.
 exported=$(nm -D --defined-only -C "${libdir}/libbrickdisk.so")
-for internal in 'zo::makeTemporaryFileName' 'zo::CCompletionPool' 'seal::detail::CAES256CBCCipher'; do
+for internal in 'zo::makeTemporaryFileName' 'zo::CLocalFileStream' 'seal::detail::CAES256CBCCipher'; do
   if grep -qF "${internal}" <<<"${exported}"; then
     fail "the library exports ${internal}"
   fi

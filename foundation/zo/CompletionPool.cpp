@@ -1,4 +1,4 @@
-#include "zo/detail/CompletionPool.h"
+#include "zo/CompletionPool.h"
 
 #include "zo/Error.h"
 #include "zo/Log.h"

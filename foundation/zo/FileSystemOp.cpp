@@ -1,4 +1,4 @@
-#include "zo/detail/FileSystemOp.h"
+#include "zo/FileSystemOp.h"
 
 #include "zo/Log.h"
 

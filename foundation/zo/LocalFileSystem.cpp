@@ -1,7 +1,7 @@
 #include "zo/LocalFileSystem.h"
 
-#include "zo/detail/CompletionPool.h"
-#include "zo/detail/FileSystemOp.h"
+#include "zo/CompletionPool.h"
+#include "zo/FileSystemOp.h"
 #include "zo/detail/LocalFileStore.h"
 #include "zo/detail/LocalFileStream.h"
 #include "zo/detail/LocalFolderLock.h"

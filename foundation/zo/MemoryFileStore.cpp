@@ -1,6 +1,6 @@
 #include "zo/detail/MemoryFileStore.h"
 
-#include "zo/detail/FileSystemOp.h"
+#include "zo/FileSystemOp.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,8 +1,8 @@
 #include "zo/MemoryFileSystem.h"
 
+#include "zo/CompletionPool.h"
+#include "zo/FileSystemOp.h"
 #include "zo/Log.h"
-#include "zo/detail/CompletionPool.h"
-#include "zo/detail/FileSystemOp.h"
 #include "zo/detail/MemoryFileStore.h"
 #include "zo/detail/MemoryFileStream.h"
 
