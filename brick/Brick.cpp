@@ -30,16 +30,6 @@ int hexDigitWidthFor(int objectsPerTreeLevel)
     return width;
 }
 
-bool isAllZero(const TBuffer<uint8>& buffer)
-{
-    const uint8* data = buffer.getData();
-    const size_t size = static_cast<size_t>(buffer.getUsed());
-    if (size == 0)
-        return true;
-    // The first byte is zero and every byte equals the one after it.
-    return data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0;
-}
-
 } // namespace
 
 CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
@@ -293,7 +283,7 @@ void CBrick::backgroundSaveChanges()
     if (!m_payloadDirty)
         return;
     P<zo::CMemPoolBuffer> prepared;
-    if (!isAllZero(m_payload)) {
+    if (!zo::isAllZero(m_payload.getData(), static_cast<size_t>(m_payload.getUsed()))) {
         prepared = m_bufferPool->checkOutItem();
         prepared->setUsed(0);
         m_preparer->prepareData(m_payload, *prepared, m_brickIndex);

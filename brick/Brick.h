@@ -6,6 +6,7 @@
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickStorer.h"
+#include "zo/Export.h"
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
@@ -19,7 +20,7 @@ namespace brick {
 
 // Used by one thread at a time; it has no lock. Saves run on the file
 // system's threads, and this object learns of their end only by polling.
-class CBrick : public zo::CBase {
+class BRICKDISK_EXPORT CBrick : public zo::CBase {
 public:
     // One failed background save.
     struct Error {

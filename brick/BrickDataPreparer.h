@@ -37,13 +37,14 @@
 #include "zo/Base.h"
 #include "zo/Buffer.h"
 #include "zo/Compressor.h"
+#include "zo/Export.h"
 #include "zo/String.h"
 
 namespace brick {
 
 class CBrickDiskHeader;
 
-class CBrickDataPreparer : public zo::CBase {
+class BRICKDISK_EXPORT CBrickDataPreparer : public zo::CBase {
 public:
     // Sets the preparer up for the disk that `header` describes: its brick
     // size, cipher ("cipherID"), checksum digest ("checkSumHashID") and

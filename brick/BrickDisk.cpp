@@ -5,6 +5,7 @@
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/Version.h"
+#include "brick/detail/FolderMode.h"
 #include "brick/detail/PasswordBytes.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
@@ -24,7 +25,6 @@ namespace {
 constexpr char kKeyDerivationSource[] = "CBrickDisk::deriveCypherKey";
 constexpr int kMinSaltSize = 8;
 constexpr int kMinIterations = 1000;
-constexpr int kFolderMode = 0x1ff;
 constexpr int kSaltSize = 8;
 
 } // namespace

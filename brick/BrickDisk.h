@@ -5,6 +5,7 @@
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickStorer.h"
+#include "zo/Export.h"
 
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
@@ -26,7 +27,7 @@ using zo::String;
 // An open disk: a byte range of fixed size, cut into bricks, with one current
 // position. Reads and writes go through one brick object; changed bricks are
 // saved in the background. A CBrickDisk is used by one thread at a time.
-class CBrickDisk : public zo::CBase {
+class BRICKDISK_EXPORT CBrickDisk : public zo::CBase {
 public:
     // How a child disk relates to its parent.
     enum ChildType { linkedChild = 0, standAloneChild = 1 };

@@ -1,5 +1,6 @@
 #include "brick/BrickDiskAuxFileBase.h"
 
+#include "brick/detail/FolderMode.h"
 #include "seal/Digest.h"
 #include "zo/Error.h"
 #include "zo/Stream.h"
@@ -20,7 +21,6 @@ namespace {
 
 constexpr int kPrimaryCopy = 0;
 constexpr int kFallbackCopy = 1;
-constexpr int kFolderMode = 0x1ff;
 
 P<seal::IDigestContext> createMD5Context()
 {

@@ -10,13 +10,14 @@
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/String.h"
 #include "zo/URI.h"
 
 namespace brick {
 
-class CBrickDiskAuxFileBase : public zo::CBase {
+class BRICKDISK_EXPORT CBrickDiskAuxFileBase : public zo::CBase {
 public:
     // Largest accepted file, digest included.
     static constexpr zo::int64 kMaxAuxFileSize = 0x100000;

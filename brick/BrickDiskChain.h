@@ -10,13 +10,14 @@
 
 #include "zo/Base.h"
 #include "zo/Containers.h"
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/String.h"
 #include "zo/URI.h"
 
 namespace brick {
 
-class CBrickDiskChain : public zo::CBase {
+class BRICKDISK_EXPORT CBrickDiskChain : public zo::CBase {
 public:
     // One disk of the chain.
     struct Member {

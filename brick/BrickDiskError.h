@@ -4,12 +4,13 @@
 #pragma once
 
 #include "zo/Error.h"
+#include "zo/Export.h"
 #include "zo/Props.h"
 #include "zo/URI.h"
 
 namespace brick {
 
-class CBrickDiskError : public zo::CError {
+class BRICKDISK_EXPORT CBrickDiskError : public zo::CError {
 public:
     // The kinds of brick disk errors; the numbers are part of the contract.
     enum ErrorCode : int {

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "brick/BrickDiskAuxFileBase.h"
+#include "zo/Export.h"
 
 #include "zo/Buffer.h"
 #include "zo/FileSystem.h"
@@ -17,7 +18,7 @@
 
 namespace brick {
 
-class CBrickDiskHeader : public CBrickDiskAuxFileBase {
+class BRICKDISK_EXPORT CBrickDiskHeader : public CBrickDiskAuxFileBase {
 public:
     // The deriver ID of disks whose cipher key is random and stored wrapped
     // under an Argon2id key derived from the password.

@@ -11,6 +11,8 @@
 // Every call is static, keeps no state and may run on any thread at once.
 #pragma once
 
+#include "zo/Export.h"
+
 #include "brick/BrickDiskHeader.h"
 
 #include "seal/KeyDerivation.h"
@@ -22,7 +24,7 @@
 
 namespace brick {
 
-class CBrickDiskKeyWrap {
+class BRICKDISK_EXPORT CBrickDiskKeyWrap {
 public:
     // The key check digest ID of such disks ("hkdf-sha256").
     static constexpr const char* kKeyCheckID = "hkdf-sha256";

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "brick/BrickDiskAuxFileBase.h"
+#include "zo/Export.h"
 
 #include "zo/FileSystem.h"
 #include "zo/String.h"
@@ -14,7 +15,7 @@
 
 namespace brick {
 
-class CBrickDiskLink : public CBrickDiskAuxFileBase {
+class BRICKDISK_EXPORT CBrickDiskLink : public CBrickDiskAuxFileBase {
 public:
     // A link with an empty target.
     CBrickDiskLink() = default;

@@ -5,12 +5,13 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/URI.h"
 
 namespace brick {
 
-class CBrickDiskLock : public zo::CBase {
+class BRICKDISK_EXPORT CBrickDiskLock : public zo::CBase {
 public:
     enum Mode {
         // Shared with other readers. Reading a snapshot while its parent is

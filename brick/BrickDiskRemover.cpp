@@ -5,6 +5,7 @@
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickTree.h"
+#include "brick/detail/FolderMode.h"
 
 #include "zo/Error.h"
 #include "zo/Signal.h"
@@ -18,8 +19,6 @@ using zo::CURI;
 using zo::String;
 
 namespace {
-
-constexpr int kFolderMode = 0x1ff;
 
 // Waits for one asynchronous operation and keeps its error.
 class CWaitingListener : public zo::CBase, public zo::IDoneListener {

@@ -19,12 +19,13 @@
 // a folder cut short there still says what it was.
 #pragma once
 
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/URI.h"
 
 namespace brick {
 
-class CBrickDiskRemover {
+class BRICKDISK_EXPORT CBrickDiskRemover {
 public:
     struct Outcome {
         // The bricks copied into the child.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "brick/BrickDisk.h"
+#include "zo/Export.h"
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
@@ -21,7 +22,7 @@ namespace brick {
 //
 // Threads: one thread at a time. Copies share the disk object and so one
 // position; they must not be used on different threads at once either.
-class CBrickDiskStream : public zo::CBase, public zo::IIOStream {
+class BRICKDISK_EXPORT CBrickDiskStream : public zo::CBase, public zo::IIOStream {
 public:
     // Holds a counted reference to `disk` (which must not be null) until
     // close(). The virtual length starts at the disk's size; the disk's

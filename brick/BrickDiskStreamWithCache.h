@@ -4,6 +4,7 @@
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskStream.h"
+#include "zo/Export.h"
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
@@ -33,7 +34,7 @@ namespace brick {
 // Threads: one thread at a time. Copies share the inner stream, the cache and
 // the buffer pool without locking, so they must not be used on different
 // threads at once either.
-class CBrickDiskStreamWithCache : public zo::CBase, public zo::IIOStream {
+class BRICKDISK_EXPORT CBrickDiskStreamWithCache : public zo::CBase, public zo::IIOStream {
 public:
     // Builds the inner stream over `disk` (which must not be null), with
     // position 0 and the disk's size as length, and allocates the cache's

@@ -5,6 +5,7 @@
 #include "brick/Brick.h"
 #include "brick/BrickDisk.h"
 #include "brick/ParallelReadAheadManager.h"
+#include "zo/Export.h"
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
@@ -35,7 +36,7 @@ namespace brick {
 // Threads: the stream's own operations are for one thread at a time. The
 // read threads run from construction until close() (or destruction) and touch
 // only their own brick objects, the read-ahead manager and the buffer pool.
-class CBrickDiskStreamWithParallelReadAhead : public zo::CBase, public zo::IInStream {
+class BRICKDISK_EXPORT CBrickDiskStreamWithParallelReadAhead : public zo::CBase, public zo::IInStream {
 public:
     // Holds a counted reference to `disk` (which must not be null; its
     // cipher key and folders are shared with the read threads' brick

@@ -1,5 +1,7 @@
 #include "brick/BrickStorer.h"
 
+#include "brick/detail/FolderMode.h"
+
 #include <algorithm>
 
 namespace brick {
@@ -10,7 +12,6 @@ using zo::String;
 
 namespace {
 
-constexpr int kFolderMode = 0x1ff;
 // One operation weighs as much as this many bytes of upload in the progress figure.
 constexpr double kProgressBytesUnit = 51200.0;
 constexpr double kProgressOpWeight = 0.15;

@@ -7,6 +7,7 @@
 #include "zo/BufferStream.h"
 #include "zo/Containers.h"
 #include "zo/Error.h"
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/Mutex.h"
 #include "zo/Signal.h"
@@ -62,7 +63,7 @@ using zo::uint8;
 // Only one operation is in flight at a time, so the state, the flags and the
 // folder list are touched by one thread at a time. The progress counters are
 // written under a mutex and read without it by getProgress.
-class CBrickStorer : public zo::CBase, public IDoneListener {
+class BRICKDISK_EXPORT CBrickStorer : public zo::CBase, public IDoneListener {
 public:
     enum State {
         copyToChild = 0,

@@ -6,6 +6,7 @@
 
 #include "brick/BrickDiskHeader.h"
 
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/URI.h"
 
@@ -13,7 +14,7 @@
 
 namespace brick {
 
-class CBrickTree {
+class BRICKDISK_EXPORT CBrickTree {
 public:
     struct BrickFile {
         zo::int64 index;

@@ -11,6 +11,7 @@
 #include "zo/Buffer.h"
 #include "zo/Containers.h"
 #include "zo/Error.h"
+#include "zo/Export.h"
 #include "zo/Mutex.h"
 #include "zo/Semaphore.h"
 #include "zo/Signal.h"
@@ -25,7 +26,7 @@ namespace brick {
 // Lifecycle: running from construction until signalStop, stopped for ever
 // after. The destructor does not stop anything: the owner calls signalStop
 // and ends the read threads before it drops the last reference.
-class CParallelReadAheadManager : public zo::CBase {
+class BRICKDISK_EXPORT CParallelReadAheadManager : public zo::CBase {
 public:
     // Hands out the indexes 0 ... brickCount - 1. At most `slotCount` indexes
     // are claimed by read threads and not yet consumed by the reader at any

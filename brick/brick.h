@@ -8,6 +8,7 @@
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickDiskLock.h"
 #include "brick/BrickDiskRemover.h"

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs the whole test suite three
-# times: a normal build, an AddressSanitizer + UndefinedBehaviorSanitizer
-# build, and the concurrency tests under ThreadSanitizer. Stops at the first
-# failure.
+# times: a normal build (whose installation is then checked as a user's
+# program meets it), an AddressSanitizer + UndefinedBehaviorSanitizer build,
+# and the concurrency tests under ThreadSanitizer; last it runs every fuzzer
+# for BRICKDISK_FUZZ_SECONDS (60) each. Stops at the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,6 +33,7 @@ build_and_test() {
 }
 
 build_and_test normal "" "" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+scripts/check-install.sh build/normal
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -39,5 +41,11 @@ build_and_test asan "" "" -DCMAKE_BUILD_TYPE=Debug -DBRICKDISK_SANITIZE=address,
 
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 build_and_test tsan concurrency brickdisk_concurrency_tests -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRICKDISK_SANITIZE=thread -DBRICKDISK_BUILD_EXAMPLES=OFF
+
+echo "=== fuzz: configure and build"
+CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DBRICKDISK_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DBRICKDISK_FUZZ=ON -DBRICKDISK_BUILD_TESTS=OFF -DBRICKDISK_BUILD_TOOLS=OFF -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build build/fuzz -j "${jobs}" --target brickdisk_fuzzers
+scripts/run-fuzzers.sh build/fuzz "${BRICKDISK_FUZZ_SECONDS:-60}"
 
 echo "=== all test runs passed"

@@ -1,21 +1,13 @@
 #include "BrickImporter.h"
 
 #include "brick/Brick.h"
+#include "zo/Buffer.h"
 #include "zo/Error.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace cli {
-
-namespace {
-
-bool isAllZero(const zo::uint8* data, size_t size)
-{
-    return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
-}
-
-} // namespace
 
 CBrickImporter::CBrickImporter(zo::IFileSystem* fs, brick::CBrickDisk& disk, int jobs)
     : m_fs(fs), m_disk(disk), m_brickSize(static_cast<int>(disk.getBrickSize())), m_diskSize(disk.getSize()),
@@ -119,7 +111,7 @@ void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, bri
         std::memset(plain + task.imageBytes + kept, 0, static_cast<size_t>(m_brickSize - task.imageBytes - kept));
     }
 
-    task.zero = task.hole || isAllZero(plain, static_cast<size_t>(m_brickSize));
+    task.zero = task.hole || zo::isAllZero(plain, static_cast<size_t>(m_brickSize));
     const bool unchanged =
         state == Absent ? task.zero
                         : state == Read && current.getUsed() == m_brickSize &&

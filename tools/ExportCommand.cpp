@@ -11,6 +11,7 @@
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskStreamWithParallelReadAhead.h"
+#include "zo/Buffer.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -43,11 +44,6 @@ struct ExportCounts {
     // Bricks that could not be read and were written as zeros (--skip-damaged).
     zo::int64 damagedBricks = 0;
 };
-
-bool isAllZero(const zo::uint8* data, size_t size)
-{
-    return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
-}
 
 // A brick that could not be read, named by its index and its file.
 [[noreturn]] void throwBrickReadError(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index,
@@ -87,7 +83,7 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
             damaged = true;
             stream->seek(counts.bytes + size);
         }
-        const bool allZero = isAllZero(chunk.data(), chunk.size());
+        const bool allZero = zo::isAllZero(chunk.data(), chunk.size());
         ++(damaged ? counts.damagedBricks : allZero ? counts.zeroBricks : counts.dataBricks);
         sink.append(std::move(chunk), allZero);
         counts.bytes += size;

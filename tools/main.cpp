@@ -9,6 +9,7 @@
 #include "Interrupt.h"
 #include "UsageError.h"
 
+#include "brick/Version.h"
 #include "zo/Error.h"
 #include "zo/Log.h"
 
@@ -16,6 +17,7 @@
 
 #include <cstdio>
 #include <map>
+#include <string>
 #include <thread>
 
 namespace cli {
@@ -58,7 +60,7 @@ int main(int argc, char** argv)
                      "brickdisk");
     program.require_subcommand(1);
     program.fallthrough();
-    program.set_version_flag("--version", "brickdisk 0.1.0");
+    program.set_version_flag("--version", std::string("brickdisk ") + brick::getLibraryVersion());
     bool verbose = false;
     program.add_flag("-v,--verbose", verbose, "Also show what the library logs (failed brick loads and stores)");
 

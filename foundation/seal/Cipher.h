@@ -6,11 +6,12 @@
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
+#include "zo/Export.h"
 #include "zo/String.h"
 
 namespace seal {
 
-class ICipher : public virtual zo::IBase {
+class BRICKDISK_EXPORT ICipher : public virtual zo::IBase {
 public:
     // Most bytes the cipher puts in front of a message (its IV).
     virtual int getMaxPrefixSize() const = 0;
@@ -40,7 +41,7 @@ public:
 // random 16-byte IV in front of every ciphertext) and "null" (copies bytes,
 // key length 0). Any other ID throws zo::CError "Unknown cipher ID: " + ID.
 // Every call makes a new cipher object; any thread may call it.
-class CCipherManager {
+class BRICKDISK_EXPORT CCipherManager {
 public:
     zo::P<ICipher> getCipher(const zo::String& cipherID) const;
 };

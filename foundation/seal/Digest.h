@@ -3,11 +3,12 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 #include "zo/String.h"
 
 namespace seal {
 
-class IDigestContext : public virtual zo::IBase {
+class BRICKDISK_EXPORT IDigestContext : public virtual zo::IBase {
 public:
     // Digest length in bytes: 16 for MD5, 32 for SHA-256.
     virtual int getSize() const = 0;
@@ -23,7 +24,7 @@ public:
     virtual const zo::uint8* getDigest() const = 0;
 };
 
-class IDigestType : public virtual zo::IBase {
+class BRICKDISK_EXPORT IDigestType : public virtual zo::IBase {
 public:
     // A new context, ready to take data.
     virtual zo::P<IDigestContext> createContext() const = 0;
@@ -33,7 +34,7 @@ public:
 
 // Makes digest types by ID: "md5" and "sha256". Any other ID throws
 // zo::CError "Unknown digest ID: " + ID.
-class CDigestManager {
+class BRICKDISK_EXPORT CDigestManager {
 public:
     zo::P<IDigestType> getType(const zo::String& hashID) const;
 };
@@ -43,10 +44,10 @@ public:
 // new message under the same key without setting the key up again. Throws
 // zo::CInvalidArgError for a negative size or a null key of non-zero size,
 // and zo::CError when the library cannot set HMAC up.
-zo::P<IDigestContext> createHMACSHA256Context(const void* key, int keySize);
+BRICKDISK_EXPORT zo::P<IDigestContext> createHMACSHA256Context(const void* key, int keySize);
 
 // The MD5 digest type, constructible directly.
-class CDigestType_MD5 : public zo::CBase, public IDigestType {
+class BRICKDISK_EXPORT CDigestType_MD5 : public zo::CBase, public IDigestType {
 public:
     zo::P<IDigestContext> createContext() const override;
     int getSize() const override { return 16; }

@@ -1,6 +1,8 @@
 // Key derivation: from passwords (PBKDF2, Argon2id) and from keys (HKDF).
 #pragma once
 
+#include "zo/Export.h"
+
 namespace seal {
 
 // PBKDF2 with HMAC-SHA1 (PKCS #5): writes `keySize` bytes derived from the
@@ -8,8 +10,8 @@ namespace seal {
 // call it. Throws zo::CInvalidArgError on negative sizes, a null buffer of
 // non-zero size or fewer than 1 iteration, and zo::CError on a failure of
 // the library. A key size of 0 writes nothing.
-void deriveKey_PKCS5_PBKDF2_HMAC_SHA1(const void* password, int passwordSize, const void* salt, int saltSize,
-                                      int iterations, int keySize, void* keyOut);
+BRICKDISK_EXPORT void deriveKey_PKCS5_PBKDF2_HMAC_SHA1(const void* password, int passwordSize, const void* salt,
+                                                       int saltSize, int iterations, int keySize, void* keyOut);
 
 // The cost of one Argon2id derivation: `passes` over `memoryKiB` KiB of
 // memory, split into `lanes` lanes computed one after the other.
@@ -26,7 +28,7 @@ struct Argon2idCost {
 // zo::CInvalidArgError for negative sizes, null buffers of non-zero size and
 // a cost, salt or key size that Argon2 refuses (the message names the
 // reason), and zo::CError when the memory cannot be had.
-void deriveKey_Argon2id(const void* password, int passwordSize, const void* salt, int saltSize,
+BRICKDISK_EXPORT void deriveKey_Argon2id(const void* password, int passwordSize, const void* salt, int saltSize,
                         const Argon2idCost& cost, int keySize, void* keyOut, const void* secret = nullptr,
                         int secretSize = 0, const void* associatedData = nullptr, int associatedDataSize = 0);
 
@@ -35,7 +37,7 @@ void deriveKey_Argon2id(const void* password, int passwordSize, const void* salt
 // optional `salt` and the context text `info` into `keyOut`. Any thread may
 // call it. Throws zo::CInvalidArgError on bad sizes or null buffers and
 // zo::CError on a failure of the library.
-void deriveKey_HKDF_SHA256(const void* key, int keySize, const void* salt, int saltSize, const void* info,
+BRICKDISK_EXPORT void deriveKey_HKDF_SHA256(const void* key, int keySize, const void* salt, int saltSize, const void* info,
                            int infoSize, int outSize, void* keyOut);
 
 } // namespace seal

@@ -4,6 +4,8 @@
 // key or any changed byte is detected.
 #pragma once
 
+#include "zo/Export.h"
+
 #include "zo/Buffer.h"
 
 namespace seal {
@@ -15,7 +17,7 @@ constexpr int kKeyWrapOverhead = 12 + 16;
 // `associatedData` (may be empty). Any thread may call it. Throws
 // zo::CInvalidArgError when the wrapping key is not 32 bytes or `key` is
 // empty, and zo::CError on a failure of the library.
-zo::TBuffer<zo::uint8> wrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey, const zo::TCryptBuffer<zo::uint8>& key,
+BRICKDISK_EXPORT zo::TBuffer<zo::uint8> wrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey, const zo::TCryptBuffer<zo::uint8>& key,
                                const zo::TBuffer<zo::uint8>& associatedData);
 
 // Restores into `keyOut` a key that wrapKey wrapped under `wrappingKey` with
@@ -23,7 +25,7 @@ zo::TBuffer<zo::uint8> wrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey, c
 // the wrapping key is wrong or `wrapped` or `associatedData` was changed.
 // Throws zo::CInvalidArgError when the wrapping key is not 32 bytes, and
 // zo::CError on a failure of the library.
-bool unwrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey, const zo::TBuffer<zo::uint8>& wrapped,
+BRICKDISK_EXPORT bool unwrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey, const zo::TBuffer<zo::uint8>& wrapped,
                const zo::TBuffer<zo::uint8>& associatedData, zo::TCryptBuffer<zo::uint8>& keyOut);
 
 } // namespace seal

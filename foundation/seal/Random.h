@@ -2,11 +2,13 @@
 // generator through OpenSSL.
 #pragma once
 
+#include "zo/Export.h"
+
 namespace seal {
 
 // Fills `size` bytes at `dst` with cryptographically strong random bytes.
 // Any thread may call it. Throws zo::CInvalidArgError for a negative size or
 // a null buffer of non-zero size, and zo::CError when the generator fails.
-void fillRandomBytes(void* dst, int size);
+BRICKDISK_EXPORT void fillRandomBytes(void* dst, int size);
 
 } // namespace seal

@@ -2,6 +2,8 @@
 // and the owning pointers P<T> / PC<T>.
 #pragma once
 
+#include "zo/Export.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -17,7 +19,7 @@ using uint32 = std::uint32_t;
 using uint8 = std::uint8_t;
 
 // Root of every counted object. addRef/release may be called from any thread.
-class IBase {
+class BRICKDISK_EXPORT IBase {
 public:
     virtual ~IBase() = default;
     virtual void addRef() const = 0;
@@ -31,7 +33,7 @@ public:
 // Implementation of IBase with an atomic intrusive count. A new object starts
 // with no reference; the first P<> that takes it owns it. Copying an object
 // never copies its count.
-class CBase : public virtual IBase {
+class BRICKDISK_EXPORT CBase : public virtual IBase {
 public:
     CBase() = default;
     CBase(const CBase&) noexcept {}
@@ -66,7 +68,7 @@ private:
 // Owning pointer to a counted object. Copying adds a reference, destruction
 // releases one. A null P is valid.
 template <class T>
-class P {
+class BRICKDISK_EXPORT P {
 public:
     P() noexcept = default;
     P(std::nullptr_t) noexcept {}

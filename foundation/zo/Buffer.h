@@ -3,6 +3,7 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,12 +15,19 @@
 
 namespace zo {
 
+// True when all `size` bytes at `data` are zero (and for no bytes at all).
+inline bool isAllZero(const uint8* data, size_t size)
+{
+    // The first byte is zero and every byte equals the one after it.
+    return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
+}
+
 // A growable array of trivially copyable T with a used size and a capacity
 // (both int32). Growing keeps the used contents; the contents of newly used
 // elements are unspecified. Counted, so it can be shared through P<TBuffer>,
 // and copyable by value. Not thread-safe.
 template <class T = uint8>
-class TBuffer : public CBase {
+class BRICKDISK_EXPORT TBuffer : public CBase {
     static_assert(std::is_trivially_copyable_v<T>);
 
 public:
@@ -156,7 +164,7 @@ protected:
 // growth, on freeMemory and on destruction, is wiped first with a wipe the
 // compiler cannot remove.
 template <class T = uint8>
-class TCryptBuffer : public TBuffer<T> {
+class BRICKDISK_EXPORT TCryptBuffer : public TBuffer<T> {
 public:
     using TBuffer<T>::TBuffer;
     TCryptBuffer() = default;
@@ -182,7 +190,7 @@ protected:
 
 // A read-only view of `size` elements owned by someone else.
 template <class T = uint8>
-class TConstBufferSlice {
+class BRICKDISK_EXPORT TConstBufferSlice {
 public:
     TConstBufferSlice() = default;
     TConstBufferSlice(const T* data, int size) : m_data(data), m_size(size) {}

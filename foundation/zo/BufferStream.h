@@ -2,12 +2,13 @@
 #pragma once
 
 #include "zo/Buffer.h"
+#include "zo/Export.h"
 #include "zo/Stream.h"
 #include "zo/URI.h"
 
 namespace zo {
 
-class CBufferStream : public CBase, public IIOStream {
+class BRICKDISK_EXPORT CBufferStream : public CBase, public IIOStream {
 public:
     // Over a writable buffer, which the caller keeps alive and owns; a null
     // buffer makes the stream own a new one. Writes grow the buffer's capacity

@@ -1,9 +1,10 @@
 // CCompletionPool: a few worker threads that run queued tasks, each no earlier
 // than its due time. The file systems run their asynchronous operations and
-// completions on it.
+// completions on it, and so may any other IFileSystem implementation.
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -15,7 +16,7 @@
 
 namespace zo {
 
-class CCompletionPool : public CBase {
+class BRICKDISK_EXPORT CCompletionPool : public CBase {
 public:
     using Task = std::function<void()>;
 

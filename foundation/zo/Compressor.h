@@ -5,10 +5,11 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 namespace zo {
 
-class ICompressor : public virtual IBase {
+class BRICKDISK_EXPORT ICompressor : public virtual IBase {
 public:
     // The most bytes compress() can write for `sourceSize` bytes of input.
     virtual int getMaxCompressedSize(int sourceSize) = 0;

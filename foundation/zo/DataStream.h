@@ -2,13 +2,14 @@
 // int32 byte count followed by that many UTF-8 bytes.
 #pragma once
 
+#include "zo/Export.h"
 #include "zo/Stream.h"
 #include "zo/String.h"
 
 namespace zo {
 
 // Writes to a stream that the caller keeps alive.
-class CDataOutStream {
+class BRICKDISK_EXPORT CDataOutStream {
 public:
     explicit CDataOutStream(IOutStream* stream) : m_stream(stream) {}
 
@@ -24,7 +25,7 @@ private:
 
 // Reads from a stream that the caller keeps alive. Every read takes exactly
 // the bytes it needs or throws CIOError EndOfData.
-class CDataInStream {
+class BRICKDISK_EXPORT CDataInStream {
 public:
     explicit CDataInStream(IInStream* stream) : m_stream(stream) {}
 

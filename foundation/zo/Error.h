@@ -5,6 +5,7 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 #include "zo/Props.h"
 #include "zo/String.h"
 
@@ -13,7 +14,7 @@
 
 namespace zo {
 
-class CError : public std::exception, public CBase {
+class BRICKDISK_EXPORT CError : public std::exception, public CBase {
 public:
     explicit CError(const String& message, const String& domain = String(), int64 code = -1,
                     const CProps& props = CProps(), const CError* cause = nullptr);
@@ -54,7 +55,7 @@ private:
 };
 
 // Stream and data errors. The numbers are part of the system's contract.
-class CIOError : public CError {
+class BRICKDISK_EXPORT CIOError : public CError {
 public:
     enum Code : int {
         Unspecified = 0,
@@ -83,7 +84,7 @@ public:
 };
 
 // A bad argument. `where` is the qualified name of the function that refused it.
-class CInvalidArgError : public CError {
+class BRICKDISK_EXPORT CInvalidArgError : public CError {
 public:
     CInvalidArgError(const String& where, const String& message, const CProps& props = CProps());
     const String& getWhere() const { return m_where; }
@@ -99,7 +100,7 @@ private:
 // A failed file-system operation, classified by problem. The problem travels
 // as the property "fileSystemProblem", so it can be read from any error's
 // properties with getProblem(const CProps&). The numbers are fixed.
-class CFileSystemError : public CError {
+class BRICKDISK_EXPORT CFileSystemError : public CError {
 public:
     enum Problem : int {
         Unclassified = 0,  // the caller may ask the file system itself what is there
@@ -130,7 +131,7 @@ public:
 };
 
 // Any other std::exception, wrapped as a CError.
-class CStdExceptionError : public CError {
+class BRICKDISK_EXPORT CStdExceptionError : public CError {
 public:
     explicit CStdExceptionError(const std::exception& e);
     // A copy of `e` as a CError: a CError is cloned with its own type, any other
@@ -145,6 +146,6 @@ public:
 // The one place that turns an errno value into an error: a CFileSystemError
 // whose problem follows the errno, with the properties "path", "action",
 // "errno" and "systemMessage".
-CFileSystemError makeErrnoError(int errnoValue, const String& action, const String& path);
+BRICKDISK_EXPORT CFileSystemError makeErrnoError(int errnoValue, const String& action, const String& path);
 
 } // namespace zo

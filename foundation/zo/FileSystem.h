@@ -16,26 +16,27 @@
 #include "zo/Base.h"
 #include "zo/Containers.h"
 #include "zo/Error.h"
+#include "zo/Export.h"
 #include "zo/Stream.h"
 #include "zo/URI.h"
 
 namespace zo {
 
 // Receives the completion of an asynchronous operation.
-class IDoneListener : public virtual IBase {
+class BRICKDISK_EXPORT IDoneListener : public virtual IBase {
 public:
     // `error` is null on success; it is only valid during the call.
     virtual void onDone(const CError* error) = 0;
 };
 
 // Handle of an asynchronous operation.
-class IFileSystemOp : public virtual IBase {
+class BRICKDISK_EXPORT IFileSystemOp : public virtual IBase {
 public:
     // True once the listener has been called; waits up to `timeoutMillis` (-1: no limit).
     virtual bool waitDone(int timeoutMillis) = 0;
 };
 
-class IFileInfo : public virtual IBase {
+class BRICKDISK_EXPORT IFileInfo : public virtual IBase {
 public:
     virtual bool exists() const = 0;
     virtual bool isFolder() const = 0;
@@ -46,12 +47,12 @@ public:
 // A lock taken with IFileSystem::lockFolder. Dropping the last reference
 // releases it (never throwing); a process that dies releases its locks too,
 // at once on a local file system, after a lease on a remote one.
-class IFileSystemLock : public virtual IBase {
+class BRICKDISK_EXPORT IFileSystemLock : public virtual IBase {
 public:
     virtual bool isExclusive() const = 0;
 };
 
-class IFileSystem : public virtual IBase {
+class BRICKDISK_EXPORT IFileSystem : public virtual IBase {
 public:
     // Stores `size` bytes read from `source` as `file`. The store is atomic
     // (a reader sees the old file or the whole new one) and durable when the

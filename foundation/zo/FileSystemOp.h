@@ -1,8 +1,10 @@
-// Pieces shared by the file systems: the handle of an asynchronous operation,
-// which also delivers its completion, and a plain file-information object.
+// Pieces for implementing IFileSystem, shared by the file systems of this
+// library: the handle of an asynchronous operation, which also delivers its
+// completion, and a plain file-information object.
 #pragma once
 
 #include "zo/CompletionPool.h"
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/Signal.h"
 
@@ -10,7 +12,7 @@
 
 namespace zo {
 
-class CFileSystemOp : public CBase, public IFileSystemOp {
+class BRICKDISK_EXPORT CFileSystemOp : public CBase, public IFileSystemOp {
 public:
     // Holds a counted reference to `listener` (may be null) until completion.
     explicit CFileSystemOp(IDoneListener* listener);
@@ -27,7 +29,7 @@ private:
     CSignal m_done;
 };
 
-class CFileInfo : public CBase, public IFileInfo {
+class BRICKDISK_EXPORT CFileInfo : public CBase, public IFileInfo {
 public:
     CFileInfo(bool exists, bool isFolder, int64 size) : m_exists(exists), m_isFolder(isFolder), m_size(size) {}
 
@@ -46,15 +48,16 @@ private:
 // `work` with everything it holds, and reports the outcome (the exception
 // `work` threw, or success) to `listener`. Throws CError after the pool's
 // shutdown.
-P<IFileSystemOp> postFileSystemOp(CCompletionPool& pool, IDoneListener* listener, std::function<void()> work,
-                                  int delayMillis = 0, P<CError> failure = P<CError>());
+BRICKDISK_EXPORT P<IFileSystemOp> postFileSystemOp(CCompletionPool& pool, IDoneListener* listener,
+                                                   std::function<void()> work, int delayMillis = 0,
+                                                   P<CError> failure = P<CError>());
 
 // Throws CInvalidArgError (from `where`) unless `size` is not negative,
 // `source` is set and `file` names a file.
-void checkStoreFileArguments(const char* where, const CURI& file, int size, const IInStream* source);
+BRICKDISK_EXPORT void checkStoreFileArguments(const char* where, const CURI& file, int size, const IInStream* source);
 
 // The exception being handled as a CError (a CError keeps its own type); only
 // for use inside a catch block.
-P<CError> currentExceptionToError();
+BRICKDISK_EXPORT P<CError> currentExceptionToError();
 
 } // namespace zo

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "zo/Compressor.h"
+#include "zo/Export.h"
 
 #include <vector>
 
@@ -14,7 +15,7 @@ namespace zo {
 //
 // The compressor's working state is allocated on first use and kept, so a
 // steady stream of blocks allocates nothing. Used by one thread at a time.
-class CLZ4Compressor : public CBase, public ICompressor {
+class BRICKDISK_EXPORT CLZ4Compressor : public CBase, public ICompressor {
 public:
     // `highCompression` false: LZ4's fast compressor; true: LZ4 HC at its
     // default level (9), slower to compress, smaller, as fast to decompress.

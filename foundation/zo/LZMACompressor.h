@@ -3,6 +3,7 @@
 #pragma once
 
 #include "zo/Compressor.h"
+#include "zo/Export.h"
 
 #include <memory>
 
@@ -16,7 +17,7 @@ namespace zo {
 // Decompressing refuses any stream whose decoder would need more than
 // 64 MiB plus the destination capacity of memory. Used by one thread at a
 // time.
-class CLZMACompressor : public CBase, public ICompressor {
+class BRICKDISK_EXPORT CLZMACompressor : public CBase, public ICompressor {
 public:
     // `preset` 0 (fastest) to 9 (smallest), the levels of xz's -0 to -9.
     // `extreme` other than 0 adds LZMA_PRESET_EXTREME (xz's --extreme):

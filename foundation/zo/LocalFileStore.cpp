@@ -1,4 +1,4 @@
-#include "zo/LocalFileStore.h"
+#include "zo/detail/LocalFileStore.h"
 
 #include "zo/Error.h"
 

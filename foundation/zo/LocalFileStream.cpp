@@ -1,4 +1,4 @@
-#include "zo/LocalFileStream.h"
+#include "zo/detail/LocalFileStream.h"
 
 #include "zo/Log.h"
 

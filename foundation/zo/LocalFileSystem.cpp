@@ -2,9 +2,9 @@
 
 #include "zo/CompletionPool.h"
 #include "zo/FileSystemOp.h"
-#include "zo/LocalFileStore.h"
-#include "zo/LocalFileStream.h"
-#include "zo/LocalFolderLock.h"
+#include "zo/detail/LocalFileStore.h"
+#include "zo/detail/LocalFileStream.h"
+#include "zo/detail/LocalFolderLock.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,6 +2,7 @@
 // system. Relative paths are relative to the process's working folder.
 #pragma once
 
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 
 #include <atomic>
@@ -10,7 +11,7 @@ namespace zo {
 
 class CCompletionPool;
 
-class CLocalFileSystem : public CBase, public IFileSystem {
+class BRICKDISK_EXPORT CLocalFileSystem : public CBase, public IFileSystem {
 public:
     // The asynchronous operations run on `threadCount` worker threads of the
     // file system's own (at least one), which also call the listeners.

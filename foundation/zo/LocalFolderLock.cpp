@@ -1,4 +1,4 @@
-#include "zo/LocalFolderLock.h"
+#include "zo/detail/LocalFolderLock.h"
 
 #include "zo/Log.h"
 

@@ -2,6 +2,7 @@
 // a program may replace; the default sink writes the line to stderr.
 #pragma once
 
+#include "zo/Export.h"
 #include "zo/String.h"
 
 #include <exception>
@@ -16,18 +17,18 @@ using LogSink = std::function<void(LogLevel level, const String& line)>;
 // Replaces the sink and returns the previous one. An empty function restores
 // the default. May be called from any thread. The sink is called under a lock,
 // one line at a time, so it must not log itself.
-LogSink setLogSink(LogSink sink);
+BRICKDISK_EXPORT LogSink setLogSink(LogSink sink);
 
-void logLine(LogLevel level, const String& line);
+BRICKDISK_EXPORT void logLine(LogLevel level, const String& line);
 
 // Logs an error that is kept or dropped rather than rethrown: one line with
 // `context`, `message` (either may be empty) and the error's description,
 // properties and causes.
-void logError(const std::exception& error, const String& context, const String& message);
+BRICKDISK_EXPORT void logError(const std::exception& error, const String& context, const String& message);
 
 // Reports an exception swallowed by a destructor (destructors never throw).
 // `where` names the class, e.g. "brick::CBrickDisk"; with `log` false nothing
 // is written.
-void onExceptionInDestructorIgnored(const char* where, const std::exception& error, bool log);
+BRICKDISK_EXPORT void onExceptionInDestructorIgnored(const char* where, const std::exception& error, bool log);
 
 } // namespace zo

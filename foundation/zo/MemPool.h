@@ -5,6 +5,7 @@
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
+#include "zo/Export.h"
 
 #include <mutex>
 #include <vector>
@@ -22,7 +23,7 @@ class TRecyclePool;
 // pool (a copy, say) is destroyed as usual. Copying an item copies its Base
 // part only: the copy belongs to no pool.
 template <class T, class Base = CBase>
-class TRecyclable : public Base {
+class BRICKDISK_EXPORT TRecyclable : public Base {
 public:
     using Base::Base;
     TRecyclable() = default;
@@ -61,7 +62,7 @@ private:
 // checked out. A pool must be held by a P<> (it is counted, and its items
 // hold references to it). All operations may be called from any thread.
 template <class T>
-class TRecyclePool : public CBase {
+class BRICKDISK_EXPORT TRecyclePool : public CBase {
 public:
     TRecyclePool(const TRecyclePool&) = delete;
     TRecyclePool& operator=(const TRecyclePool&) = delete;
@@ -152,7 +153,7 @@ private:
 
 // A byte buffer that belongs to a CMemPool: when its last reference goes it
 // returns to the pool, keeping its capacity.
-class CMemPoolBuffer : public TRecyclable<CMemPoolBuffer, TBuffer<uint8>> {
+class BRICKDISK_EXPORT CMemPoolBuffer : public TRecyclable<CMemPoolBuffer, TBuffer<uint8>> {
 public:
     using TRecyclable::TRecyclable;
 };
@@ -160,7 +161,7 @@ public:
 // A pool of byte buffers of one capacity. A checked-out buffer has a used size
 // of 0 and at least the pool's capacity (more when an earlier user grew it).
 // Thread-safe: buffers may be checked out and released on any thread.
-class CMemPool : public TRecyclePool<CMemPoolBuffer> {
+class BRICKDISK_EXPORT CMemPool : public TRecyclePool<CMemPoolBuffer> {
 public:
     // initialCount: buffers made at once (values below 0 count as 0).
     // bufferCapacity: the capacity in bytes that every new buffer gets.

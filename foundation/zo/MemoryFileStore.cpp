@@ -1,4 +1,4 @@
-#include "zo/MemoryFileStore.h"
+#include "zo/detail/MemoryFileStore.h"
 
 #include "zo/FileSystemOp.h"
 

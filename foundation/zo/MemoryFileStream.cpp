@@ -1,4 +1,4 @@
-#include "zo/MemoryFileStream.h"
+#include "zo/detail/MemoryFileStream.h"
 
 #include "zo/Error.h"
 

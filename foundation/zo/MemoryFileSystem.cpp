@@ -2,9 +2,9 @@
 
 #include "zo/CompletionPool.h"
 #include "zo/FileSystemOp.h"
-#include "zo/MemoryFileStore.h"
-#include "zo/MemoryFileStream.h"
 #include "zo/Log.h"
+#include "zo/detail/MemoryFileStore.h"
+#include "zo/detail/MemoryFileStream.h"
 
 namespace zo {
 

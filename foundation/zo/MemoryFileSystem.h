@@ -8,6 +8,7 @@
 // and the start of relative paths) always exists as a folder.
 #pragma once
 
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 
 #include <array>
@@ -20,7 +21,7 @@ namespace zo {
 class CCompletionPool;
 class CMemoryFileStore;
 
-class CMemoryFileSystem : public CBase, public IFileSystem {
+class BRICKDISK_EXPORT CMemoryFileSystem : public CBase, public IFileSystem {
 public:
     // The kinds of operation that are counted, logged and can be made to fail.
     enum class Operation {

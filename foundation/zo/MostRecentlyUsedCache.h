@@ -4,6 +4,7 @@
 
 #include "zo/Base.h"
 #include "zo/Containers.h"
+#include "zo/Export.h"
 
 #include <utility>
 
@@ -20,7 +21,7 @@ namespace zo {
 // threads lock around every call. The eviction list is the caller's; it must
 // outlive the cache or every call that can evict.
 template <class K, class V>
-class TMostRecentlyUsedCache : public CBase {
+class BRICKDISK_EXPORT TMostRecentlyUsedCache : public CBase {
 public:
     using EvictionList = TList<std::pair<K, P<V>>>;
 

@@ -1,11 +1,13 @@
 // Mutual exclusion: CMutex (recursive) and the scoped CMutexLock / CMutexUnlock.
 #pragma once
 
+#include "zo/Export.h"
+
 #include <mutex>
 
 namespace zo {
 
-class IMutex {
+class BRICKDISK_EXPORT IMutex {
 public:
     virtual ~IMutex() = default;
     virtual void lock() = 0;
@@ -14,7 +16,7 @@ public:
 };
 
 // A recursive mutex: the thread that holds it may lock it again.
-class CMutex : public IMutex {
+class BRICKDISK_EXPORT CMutex : public IMutex {
 public:
     CMutex() = default;
     CMutex(const CMutex&) = delete;
@@ -29,7 +31,7 @@ private:
 };
 
 // Holds a mutex for its lifetime.
-class CMutexLock {
+class BRICKDISK_EXPORT CMutexLock {
 public:
     explicit CMutexLock(IMutex& mutex) : m_mutex(mutex) { m_mutex.lock(); }
     explicit CMutexLock(IMutex* mutex) : CMutexLock(*mutex) {}
@@ -43,7 +45,7 @@ private:
 
 // Releases a mutex that the thread holds (once) for its lifetime and takes it
 // again at its end.
-class CMutexUnlock {
+class BRICKDISK_EXPORT CMutexUnlock {
 public:
     explicit CMutexUnlock(CMutex& mutex) : m_mutex(mutex) { m_mutex.unlock(); }
     ~CMutexUnlock() { m_mutex.lock(); }

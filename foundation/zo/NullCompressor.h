@@ -2,13 +2,14 @@
 #pragma once
 
 #include "zo/Compressor.h"
+#include "zo/Export.h"
 
 namespace zo {
 
 // Copies blocks unchanged both ways. A copy carries neither its size nor a
 // check, so decompress cannot tell a truncated or damaged block from a good
 // one: it copies whatever it is given. Used by one thread at a time.
-class CNullCompressor : public CBase, public ICompressor {
+class BRICKDISK_EXPORT CNullCompressor : public CBase, public ICompressor {
 public:
     CNullCompressor() = default;
 

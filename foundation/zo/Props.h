@@ -2,6 +2,7 @@
 // which they were added.
 #pragma once
 
+#include "zo/Export.h"
 #include "zo/String.h"
 
 #include <utility>
@@ -9,7 +10,7 @@
 
 namespace zo {
 
-class CProps {
+class BRICKDISK_EXPORT CProps {
 public:
     using Entry = std::pair<String, String>;
 

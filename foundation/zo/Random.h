@@ -2,6 +2,7 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 #include "zo/Mutex.h"
 
 #include <random>
@@ -11,7 +12,7 @@ namespace zo {
 // A 32-bit Mersenne Twister (std::mt19937). Not thread-safe: one thread at a
 // time per instance. The global instance is shared by the whole program, so
 // every use of it is wrapped in a CMutexLock on getGlobalInstanceMutex().
-class CMTRand {
+class BRICKDISK_EXPORT CMTRand {
 public:
     // Seeded from the operating system's random source. Throws CError when
     // no random source can be read.

@@ -2,13 +2,14 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 #include <condition_variable>
 #include <mutex>
 
 namespace zo {
 
-class CSemaphore : public CBase {
+class BRICKDISK_EXPORT CSemaphore : public CBase {
 public:
     explicit CSemaphore(unsigned initialCount = 0) : m_count(initialCount) {}
 

@@ -2,13 +2,14 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 #include <condition_variable>
 #include <mutex>
 
 namespace zo {
 
-class CSignal : public CBase {
+class BRICKDISK_EXPORT CSignal : public CBase {
 public:
     explicit CSignal(bool initiallySet = false) : m_set(initiallySet) {}
 

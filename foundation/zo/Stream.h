@@ -4,13 +4,14 @@
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
+#include "zo/Export.h"
 
 namespace zo {
 
 class CURI;
 
 // A point in a stream's writes that a writer can wait for.
-class IWriteBarrier : public virtual IBase {
+class BRICKDISK_EXPORT IWriteBarrier : public virtual IBase {
 public:
     // True once every write before the barrier is done.
     virtual bool isPassed() const = 0;
@@ -19,13 +20,13 @@ public:
 };
 
 // A barrier that is passed from the start, for streams that write synchronously.
-class CDummyWriteBarrier : public CBase, public IWriteBarrier {
+class BRICKDISK_EXPORT CDummyWriteBarrier : public CBase, public IWriteBarrier {
 public:
     bool isPassed() const override { return true; }
     bool wait(int) override { return true; }
 };
 
-class IStreamBase : public virtual IBase {
+class BRICKDISK_EXPORT IStreamBase : public virtual IBase {
 public:
     enum LockType { SharedLock = 0, ExclusiveLock = 1 };
 
@@ -42,7 +43,7 @@ public:
     int64 getSize() { return getLength(); }
 };
 
-class IInStream : public virtual IStreamBase {
+class BRICKDISK_EXPORT IInStream : public virtual IStreamBase {
 public:
     // Reads exactly `size` bytes or throws a CIOError (EndOfData when the data end).
     virtual void read(void* dst, int size) = 0;
@@ -57,7 +58,7 @@ public:
     virtual int isEndOfStream_NonBlocking() = 0;
 };
 
-class IOutStream : public virtual IStreamBase {
+class BRICKDISK_EXPORT IOutStream : public virtual IStreamBase {
 public:
     // Writes `size` bytes. The barrier, when given, is passed once they are written.
     virtual void write(const void* src, int size, IWriteBarrier* barrier = nullptr) = 0;
@@ -69,7 +70,7 @@ public:
     virtual void setLength(int64 length) = 0;
 };
 
-class IIOStream : public virtual IInStream, public virtual IOutStream {
+class BRICKDISK_EXPORT IIOStream : public virtual IInStream, public virtual IOutStream {
 public:
     // How a file is opened.
     enum Access { AccessRead = 1, AccessWrite = 2, AccessReadWrite = 3 };

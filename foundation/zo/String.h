@@ -3,13 +3,14 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 #include <string>
 #include <string_view>
 
 namespace zo {
 
-class String {
+class BRICKDISK_EXPORT String {
 public:
     static constexpr size_t npos = std::u16string::npos;
 
@@ -58,13 +59,13 @@ private:
 };
 
 // Decimal text of a signed 64-bit number.
-String toDecimalString(int64 value);
+BRICKDISK_EXPORT String toDecimalString(int64 value);
 // Lower-case hexadecimal text of `value` without prefix or padding; negative
 // values show their 32-bit two's complement.
-String toHexString(int value);
+BRICKDISK_EXPORT String toHexString(int value);
 // Parses a decimal number with an optional sign. `allowTrailing` false: the
 // whole text must be the number. Throws CInvalidArgError on bad text or overflow.
-int64 parseInt64(const String& text, bool allowTrailing);
+BRICKDISK_EXPORT int64 parseInt64(const String& text, bool allowTrailing);
 
 } // namespace zo
 

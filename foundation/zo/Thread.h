@@ -4,6 +4,7 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 #include <atomic>
 #include <mutex>
@@ -11,14 +12,14 @@
 
 namespace zo {
 
-class IRunnable : public virtual IBase {
+class BRICKDISK_EXPORT IRunnable : public virtual IBase {
 public:
     virtual void run() = 0;
 };
 
 // Every public call may be made from any thread. An exception that leaves
 // run() is logged and ends the thread; it never reaches the caller.
-class CThread : public CBase {
+class BRICKDISK_EXPORT CThread : public CBase {
 public:
     // `runnable` (may be null when a derived class overrides run) is held by a
     // counted reference. With `joinOnStop` true, stop(false) waits for the

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "zo/Base.h"
+#include "zo/Export.h"
 
 #include <compare>
 #include <limits>
@@ -12,7 +13,7 @@ namespace zo {
 // A signed length of time in microseconds. One special value, invalid(),
 // stands for "no time span" (for example "no time limit"); isValid() tells it
 // apart. Adding or subtracting spans where either is invalid gives invalid.
-class CTimeSpan {
+class BRICKDISK_EXPORT CTimeSpan {
 public:
     // A span of zero.
     constexpr CTimeSpan() = default;
@@ -43,7 +44,7 @@ private:
 
 // A point in time: microseconds since 1970-01-01 00:00 UTC, from the system
 // clock. The default value is that start itself.
-class CTime {
+class BRICKDISK_EXPORT CTime {
 public:
     constexpr CTime() = default;
 

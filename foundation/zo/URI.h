@@ -3,11 +3,12 @@
 // it is relative. The empty path is neither.
 #pragma once
 
+#include "zo/Export.h"
 #include "zo/String.h"
 
 namespace zo {
 
-class CURI {
+class BRICKDISK_EXPORT CURI {
 public:
     CURI() = default;
     CURI(const String& path) : m_path(path) {}

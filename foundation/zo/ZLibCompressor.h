@@ -3,6 +3,7 @@
 #pragma once
 
 #include "zo/Compressor.h"
+#include "zo/Export.h"
 
 #include <memory>
 
@@ -12,7 +13,7 @@ namespace zo {
 // zlib's compress2 writes. The deflate and inflate states are built on first
 // use and then reset for every block, so a steady stream of blocks allocates
 // nothing. Used by one thread at a time.
-class CZLibCompressor : public CBase, public ICompressor {
+class BRICKDISK_EXPORT CZLibCompressor : public CBase, public ICompressor {
 public:
     // `level` 0 (store only) to 9 (smallest), or -1 for zlib's default.
     // Throws CInvalidArgError for any other value.

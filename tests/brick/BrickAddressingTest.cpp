@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <ostream>
 #include <set>
 #include <string>
 
@@ -102,6 +103,12 @@ struct LocalBrick {
     int64 index;
     const char* path;
 };
+
+void PrintTo(const LocalBrick& brick, std::ostream* out)
+{
+    *out << "brick " << brick.index << " of " << brick.treeLevels << " levels of " << brick.objectsPerTreeLevel
+         << " at " << brick.path;
+}
 
 class BrickAddressingOnDisk : public ::testing::TestWithParam<LocalBrick> {};
 

@@ -6,7 +6,6 @@
 #include "brick/BrickDiskLock.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
-#include "zo/LocalFileStore.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -123,8 +122,8 @@ TEST(BrickDiskLockLocal, WritingRemovesTheLeftoversOfInterruptedStoresInTheDiskA
     testsupport::createDisk(fs.get(), disk, kDiskSize, "pw");
     CBrickDisk::createChild(fs.get(), snapshot, disk, CBrickDisk::linkedChild);
     std::filesystem::create_directories(snapshot.toLocalPath() + "/bricks/e00");
-    const std::string diskLeftover = disk.toLocalPath() + "/" + zo::makeTemporaryFileName("disk.brickdisk");
-    const std::string childLeftover = snapshot.toLocalPath() + "/bricks/e00/" + zo::makeTemporaryFileName("d00");
+    const std::string diskLeftover = disk.toLocalPath() + "/" + testsupport::storeLeftoverName("disk.brickdisk");
+    const std::string childLeftover = snapshot.toLocalPath() + "/bricks/e00/" + testsupport::storeLeftoverName("d00");
     std::ofstream(diskLeftover) << "half";
     std::ofstream(childLeftover) << "half";
 

@@ -14,6 +14,7 @@
 #include <cctype>
 #include <cstdint>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 #include <tuple>
@@ -34,6 +35,11 @@ constexpr int64 kDiskSize = 40 * kBrickSize + 1234;
 constexpr int kOperations = 300;
 
 enum class FileSystemKind { memory, local };
+
+void PrintTo(FileSystemKind kind, std::ostream* out)
+{
+    *out << (kind == FileSystemKind::memory ? "memory" : "local");
+}
 
 using ModelCase = std::tuple<FileSystemKind, bool, const char*>;
 

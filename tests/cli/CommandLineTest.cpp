@@ -19,6 +19,13 @@ TEST_F(CommandLineTest, EverySubcommandHasHelp)
     EXPECT_NE(top.out.find("snapshot"), std::string::npos);
 }
 
+TEST_F(CommandLineTest, VersionIsTheProjectsVersion)
+{
+    const RunResult result = run({"--version"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out, std::string("brickdisk ") + BRICKDISK_PROJECT_VERSION + "\n");
+}
+
 TEST_F(CommandLineTest, UnknownSubcommandIsAUsageErrorOnOneLine)
 {
     const RunResult result = run({"frobnicate"});

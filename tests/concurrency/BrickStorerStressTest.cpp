@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -33,6 +34,12 @@ struct StressSetting {
     int maxBackgroundOps;
     bool withChild;
 };
+
+void PrintTo(const StressSetting& setting, std::ostream* out)
+{
+    *out << "at most " << setting.maxBackgroundOps << " saves, " << (setting.withChild ? "with" : "without")
+         << " a child";
+}
 
 std::string settingName(const ::testing::TestParamInfo<StressSetting>& info)
 {

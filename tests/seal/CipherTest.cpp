@@ -1,5 +1,4 @@
 #include "seal/Cipher.h"
-#include "seal/detail/AES256CBCCipher.h"
 #include "zo/Error.h"
 
 #include <gtest/gtest.h>

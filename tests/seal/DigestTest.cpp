@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ostream>
 #include <string>
 
 namespace {
@@ -22,6 +23,11 @@ struct DigestVector {
     std::string message;
     std::string expectedHex;
 };
+
+void PrintTo(const DigestVector& vector, std::ostream* out)
+{
+    *out << '"' << vector.message << '"';
+}
 
 // The test suite of RFC 1321.
 const DigestVector md5Vectors[] = {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,12 @@ const PBKDF2Vector rfc6070Vectors[] = {
      "3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038"},
     {std::string("pass\0word", 9), std::string("sa\0lt", 5), 4096, "56fa6aa75548099dcc37d7f03425e0c3"},
 };
+
+void PrintTo(const PBKDF2Vector& vector, std::ostream* out)
+{
+    *out << "password of " << vector.password.size() << " bytes, salt of " << vector.salt.size() << " bytes, "
+         << vector.iterations << " iterations";
+}
 
 class PBKDF2HMACSHA1 : public ::testing::TestWithParam<PBKDF2Vector> {};
 

@@ -20,4 +20,9 @@ TempFolder::~TempFolder()
     std::filesystem::remove_all(m_path, ignored);
 }
 
+std::string storeLeftoverName(const std::string& name)
+{
+    return ".tmp-0123456789abcdef-" + name + ".part";
+}
+
 } // namespace testsupport

@@ -22,4 +22,9 @@ private:
     std::string m_path;
 };
 
+// The name of a temporary file that the local file system's store of `name`
+// writes next to its target (and leaves behind when it is interrupted):
+// ".tmp-<16 hex digits>-<name>.part".
+std::string storeLeftoverName(const std::string& name);
+
 } // namespace testsupport

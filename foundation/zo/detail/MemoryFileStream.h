@@ -5,7 +5,7 @@
 // and to every other stream on the same file. Used by one thread at a time.
 #pragma once
 
-#include "zo/MemoryFileStore.h"
+#include "zo/detail/MemoryFileStore.h"
 #include "zo/Stream.h"
 #include "zo/URI.h"
 

@@ -1,0 +1,10 @@
+#include "brick/Version.h"
+
+namespace brick {
+
+const char* getLibraryVersion()
+{
+    return kVersion;
+}
+
+} // namespace brick
