@@ -9,6 +9,8 @@ packages=(
   libssl-dev zlib1g-dev liblz4-dev liblzma-dev libargon2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang e2fsprogs
+  librados-dev libradospp-dev
+  ceph-mon ceph-mgr ceph-osd ceph-common radosgw curl
 )
 
 missing=()
