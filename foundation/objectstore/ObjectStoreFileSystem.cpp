@@ -1,0 +1,381 @@
+#include "objectstore/ObjectStoreFileSystem.h"
+
+#include "objectstore/ObjectStream.h"
+#include "zo/CompletionPool.h"
+#include "zo/FileSystemOp.h"
+#include "zo/Signal.h"
+
+#include <condition_variable>
+#include <thread>
+
+namespace zo {
+
+namespace {
+
+const char* lockObjectName = ".lock";
+
+CFileSystemError pathError(CFileSystemError::Problem problem, const char* message, const CURI& path)
+{
+    return CFileSystemError(problem, CError(message, String(), -1, CProps().add("path", path.toString(true))));
+}
+
+bool hasProblem(const CError* error, CFileSystemError::Problem problem)
+{
+    return error && CFileSystemError::getProblem(error->getProps()) == problem;
+}
+
+std::string parentKey(const std::string& key)
+{
+    const size_t slash = key.rfind('/');
+    return slash == std::string::npos ? std::string() : key.substr(0, slash);
+}
+
+ObjectName markerOf(const ObjectName& folder)
+{
+    return ObjectName{folder.container, folder.key + "/"};
+}
+
+// Runs one asynchronous call of the store and waits for its outcome, which it
+// throws when it is an error.
+void runSync(const std::function<void(IObjectStore::Done)>& call)
+{
+    struct Outcome {
+        CSignal done;
+        P<CError> error;
+    };
+    auto outcome = std::make_shared<Outcome>();
+    call([outcome](const CError* error) {
+        outcome->error = error ? error->clone() : P<CError>();
+        outcome->done.set();
+    });
+    outcome->done.wait(-1);
+    if (outcome->error)
+        outcome->error->throwClone();
+}
+
+void checkAccess(const CURI& file, IIOStream::Access access)
+{
+    if (access != IIOStream::AccessRead && access != IIOStream::AccessWrite && access != IIOStream::AccessReadWrite)
+        throw CInvalidArgError("zo::CObjectStoreFileSystem::openStream", "Unknown access value.",
+                               CProps().add("uri", file.toString(true)).add("access", static_cast<int>(access)));
+}
+
+} // namespace
+
+// The operations under way: begun and not yet through their listener. The
+// destructor waits for them, except those whose listener runs on its own
+// thread (a listener that drops the last reference).
+struct CObjectStoreFileSystem::Pending {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int count = 0;
+    std::multiset<std::thread::id> completing;
+
+    void enter()
+    {
+        std::lock_guard lock(mutex);
+        ++count;
+    }
+    void complete(CFileSystemOp& op, const CError* error)
+    {
+        {
+            std::lock_guard lock(mutex);
+            completing.insert(std::this_thread::get_id());
+        }
+        op.complete(error);
+        std::lock_guard lock(mutex);
+        completing.erase(completing.find(std::this_thread::get_id()));
+        --count;
+        changed.notify_all();
+    }
+    void waitForOthers()
+    {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return count == static_cast<int>(completing.count(std::this_thread::get_id())); });
+    }
+};
+
+CObjectStoreFileSystem::CObjectStoreFileSystem(IObjectStore* store, const String& scheme, int threadCount)
+    : m_store(store), m_scheme(scheme), m_pool(CCompletionPool::create(threadCount)), m_pending(std::make_shared<Pending>())
+{
+}
+
+CObjectStoreFileSystem::~CObjectStoreFileSystem()
+{
+    m_pool->shutdown();
+    m_pending->waitForOthers();
+}
+
+void CObjectStoreFileSystem::waitUntilIdle()
+{
+    m_pending->waitForOthers();
+}
+
+ObjectName CObjectStoreFileSystem::toObjectName(const CURI& path) const
+{
+    const std::string text = path.toNormalized().toString(true).toUTF8();
+    const std::string root = m_scheme.toUTF8() + "://";
+    const size_t slash = text.find('/', root.size());
+    const std::string container = text.substr(root.size(), slash == std::string::npos ? std::string::npos : slash - root.size());
+    if (text.compare(0, root.size(), root) != 0 || container.empty())
+        throw CInvalidArgError("zo::CObjectStoreFileSystem", "The path does not name a place in this object store.",
+                               CProps().add("path", path.toString(true)).add("scheme", m_scheme));
+    return ObjectName{container, slash == std::string::npos ? std::string() : text.substr(slash + 1)};
+}
+
+P<IFileSystemOp> CObjectStoreFileSystem::startOperation(IDoneListener* listener, Work work)
+{
+    P<CFileSystemOp> op(new CFileSystemOp(listener));
+    auto completed = std::make_shared<std::atomic<bool>>(false);
+    std::function<void(const CError*)> finish = [op, completed, pool = m_pool, pending = m_pending](const CError* error) {
+        if (completed->exchange(true))
+            return;
+        if (pool->isWorkerThread()) {
+            pending->complete(*op, error);
+            return;
+        }
+        const P<CError> outcome = error ? error->clone() : P<CError>();
+        try {
+            pool->post([op, outcome, pending] { pending->complete(*op, outcome.get()); });
+        } catch (const CError&) {
+            pending->complete(*op, outcome.get()); // the pool is shutting down
+        }
+    };
+    m_pending->enter();
+    try {
+        m_pool->post([work = std::move(work), finish] {
+            try {
+                work(finish);
+            } catch (...) {
+                finish(currentExceptionToError().get());
+            }
+        });
+    } catch (...) {
+        finish(currentExceptionToError().get());
+        throw;
+    }
+    return P<IFileSystemOp>(op.get());
+}
+
+bool CObjectStoreFileSystem::isFolder(const ObjectName& name)
+{
+    if (name.key.empty())
+        return true;
+    {
+        std::lock_guard lock(m_foldersMutex);
+        if (m_knownFolders.count({name.container, name.key}))
+            return true;
+    }
+    if (!m_store->stat(markerOf(name)) && m_store->list(name.container, name.key + "/", 1).empty())
+        return false;
+    rememberFolder(name);
+    return true;
+}
+
+void CObjectStoreFileSystem::rememberFolder(const ObjectName& name)
+{
+    std::lock_guard lock(m_foldersMutex);
+    m_knownFolders.insert({name.container, name.key});
+}
+
+void CObjectStoreFileSystem::checkParentFolder(const ObjectName& name, const CURI& path)
+{
+    if (!isFolder(ObjectName{name.container, parentKey(name.key)}))
+        throw pathError(CFileSystemError::NotFound, "The folder of the path does not exist.", path);
+}
+
+void CObjectStoreFileSystem::checkNotAFolder(const ObjectName& name, const CURI& path, bool overwrite)
+{
+    bool folder = name.key.empty();
+    if (!folder) {
+        std::lock_guard lock(m_foldersMutex);
+        folder = m_knownFolders.count({name.container, name.key}) > 0;
+    }
+    if (folder || m_store->stat(markerOf(name)))
+        throw pathError(overwrite ? CFileSystemError::IsAFolder : CFileSystemError::AlreadyExists,
+                        "A folder is in the way of the file.", path);
+}
+
+void CObjectStoreFileSystem::removeSync(const ObjectName& name)
+{
+    runSync([&](IObjectStore::Done done) { m_store->beginRemove(name, std::move(done)); });
+}
+
+P<IFileSystemOp> CObjectStoreFileSystem::beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
+                                                        IDoneListener* listener)
+{
+    checkStoreFileArguments("zo::CObjectStoreFileSystem::beginStoreFile", file, size, source);
+    const ObjectName name = toObjectName(file);
+    return startOperation(listener, [this, file, name, size, source = P<IInStream>(source), overwrite](const auto& finish) {
+        checkParentFolder(name, file);
+        checkNotAFolder(name, file, overwrite);
+        std::string bytes(static_cast<size_t>(size), '\0');
+        const int got = size > 0 ? source->readLax(bytes.data(), size) : 0;
+        if (got < size)
+            throw CIOError(CIOError::EndOfData, "The source delivered fewer bytes than the store expected.",
+                           CProps().add("path", file.toString(true)).add("size", size).add("got", got));
+        m_store->beginPut(name, std::move(bytes), !overwrite, finish);
+    });
+}
+
+P<IFileSystemOp> CObjectStoreFileSystem::beginCreateFolder(const CURI& folder, int, IDoneListener* listener)
+{
+    const ObjectName name = toObjectName(folder);
+    return startOperation(listener, [this, folder, name](const auto& finish) {
+        checkParentFolder(name, folder);
+        if (isFolder(name) || m_store->stat(name))
+            throw pathError(CFileSystemError::AlreadyExists, "The folder already exists.", folder);
+        m_store->beginPut(markerOf(name), std::string(), true, [this, name, finish](const CError* error) {
+            if (!error)
+                rememberFolder(name);
+            finish(error);
+        });
+    });
+}
+
+P<IFileSystemOp> CObjectStoreFileSystem::beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
+                                                       IDoneListener* listener)
+{
+    const ObjectName source = toObjectName(from);
+    const ObjectName target = toObjectName(to);
+    return startOperation(listener, [this, from, to, source, target, overwrite](const auto& finish) {
+        if (!m_store->stat(source))
+            throw pathError(CFileSystemError::NotFound, "The file to move does not exist.", from);
+        checkParentFolder(target, to);
+        checkNotAFolder(target, to, overwrite);
+        runSync([&](IObjectStore::Done done) { m_store->beginCopy(source, target, !overwrite, std::move(done)); });
+        m_store->beginRemove(source, finish);
+    });
+}
+
+P<IFileSystemOp> CObjectStoreFileSystem::beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                                       IDoneListener* listener)
+{
+    const ObjectName source = toObjectName(from);
+    const ObjectName target = toObjectName(to);
+    return startOperation(listener, [this, to, source, target, overwrite](const auto& finish) {
+        checkParentFolder(target, to);
+        checkNotAFolder(target, to, overwrite);
+        m_store->beginCopy(source, target, !overwrite, finish);
+    });
+}
+
+P<IFileSystemOp> CObjectStoreFileSystem::beginDeleteFile(const CURI& file, IDoneListener* listener)
+{
+    const ObjectName name = toObjectName(file);
+    return startOperation(listener, [this, name](const auto& finish) {
+        m_store->beginRemove(name, [finish](const CError* error) {
+            finish(hasProblem(error, CFileSystemError::NotFound) ? nullptr : error);
+        });
+    });
+}
+
+P<IFileInfo> CObjectStoreFileSystem::getFileInfo(const CURI& path, bool throwIfMissing)
+{
+    const ObjectName name = toObjectName(path);
+    if (!name.key.empty()) {
+        if (const std::optional<int64> size = m_store->stat(name))
+            return P<IFileInfo>(new CFileInfo(true, false, *size));
+    }
+    if (isFolder(name))
+        return P<IFileInfo>(new CFileInfo(true, true, 0));
+    if (throwIfMissing)
+        throw pathError(CFileSystemError::NotFound, "The path does not exist.", path);
+    return P<IFileInfo>(new CFileInfo(false, false, 0));
+}
+
+P<IIOStream> CObjectStoreFileSystem::openStream(const CURI& file, IIOStream::Access access, const int& options)
+{
+    checkAccess(file, access);
+    const ObjectName name = toObjectName(file);
+    if (name.key.empty() || m_store->stat(markerOf(name)))
+        throw pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file);
+    std::string bytes;
+    if (access != IIOStream::AccessRead && (options & IIOStream::OptionReplace)) {
+        checkParentFolder(name, file);
+        runSync([&](IObjectStore::Done done) { m_store->beginPut(name, std::string(), false, std::move(done)); });
+    } else {
+        bytes = m_store->read(name);
+    }
+    return P<IIOStream>(new CObjectStream(m_store.get(), file, name, std::move(bytes), access));
+}
+
+void CObjectStoreFileSystem::createFolder(const CURI& folder, int)
+{
+    const ObjectName name = toObjectName(folder);
+    ObjectName level{name.container, std::string()};
+    size_t start = 0;
+    while (start < name.key.size()) {
+        const size_t slash = name.key.find('/', start);
+        level.key = name.key.substr(0, slash);
+        start = slash == std::string::npos ? name.key.size() : slash + 1;
+        if (m_store->stat(level))
+            throw pathError(CFileSystemError::AlreadyExists, "A file is in the way of the folder.", folder);
+        if (isFolder(level))
+            continue;
+        runSync([&](IObjectStore::Done done) { m_store->beginPut(markerOf(level), std::string(), false, std::move(done)); });
+        rememberFolder(level);
+    }
+}
+
+bool CObjectStoreFileSystem::fileExists(const CURI& file)
+{
+    const ObjectName name = toObjectName(file);
+    return !name.key.empty() && m_store->stat(name).has_value();
+}
+
+bool CObjectStoreFileSystem::folderExists(const CURI& folder)
+{
+    return isFolder(toObjectName(folder));
+}
+
+bool CObjectStoreFileSystem::pathExists(const CURI& path)
+{
+    return fileExists(path) || folderExists(path);
+}
+
+void CObjectStoreFileSystem::deleteFile(const CURI& file, bool ignoreMissing)
+{
+    try {
+        removeSync(toObjectName(file));
+    } catch (const CFileSystemError& e) {
+        if (!ignoreMissing || e.getProblem() != CFileSystemError::NotFound)
+            throw;
+    }
+}
+
+TList<String> CObjectStoreFileSystem::listFolder(const CURI& folder)
+{
+    const ObjectName name = toObjectName(folder);
+    if (!isFolder(name)) {
+        if (m_store->stat(name))
+            throw pathError(CFileSystemError::NotAFolder, "The path names a file, not a folder.", folder);
+        throw pathError(CFileSystemError::NotFound, "The folder does not exist.", folder);
+    }
+    const std::string prefix = name.key.empty() ? std::string() : name.key + "/";
+    std::set<std::string> entries;
+    for (const std::string& key : m_store->list(name.container, prefix, 0)) {
+        const std::string entry = key.substr(prefix.size(), key.find('/', prefix.size()) - prefix.size());
+        if (!entry.empty())
+            entries.insert(entry);
+    }
+    TList<String> names;
+    for (const std::string& entry : entries)
+        names.push_back(String::fromUTF8(entry));
+    return names;
+}
+
+P<IFileSystemLock> CObjectStoreFileSystem::lockFolder(const CURI& folder, bool exclusive)
+{
+    const ObjectName name = toObjectName(folder);
+    if (!isFolder(name))
+        throw pathError(CFileSystemError::NotFound, "The folder to lock does not exist.", folder);
+    return m_store->lock(ObjectName{name.container, name.key.empty() ? lockObjectName : name.key + "/" + lockObjectName}, exclusive);
+}
+
+int CObjectStoreFileSystem::removeTemporaryFiles(const CURI&)
+{
+    return 0;
+}
+
+} // namespace zo

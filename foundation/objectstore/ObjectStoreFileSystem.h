@@ -1,0 +1,96 @@
+// CObjectStoreFileSystem: IFileSystem over an object store (IObjectStore).
+//
+// Paths are "scheme://CONTAINER/key/of/the/file": the container is a pool or a
+// bucket, the rest of the path is the object's key. Folders are implied by
+// the keys: creating one writes an empty marker object "key/"; a folder
+// exists when its marker does or any object's key lies under it; the root
+// of a container always exists. A store is one atomic whole-object write
+// (an exclusive one without overwrite); a copy happens inside the store; a
+// move is a copy, then the removal of the source, so a process that dies
+// between the two leaves both. Listing filters the container's keys by
+// prefix. A folder lock is the store's lock on the object "key/.lock".
+//
+// The asynchronous operations check their paths on worker threads of the
+// file system's own, then hand the write to the store; the listeners are
+// called on the worker threads. Any thread may call any operation.
+#pragma once
+
+#include "objectstore/ObjectStore.h"
+#include "zo/Export.h"
+#include "zo/FileSystem.h"
+
+#include <memory>
+#include <mutex>
+#include <set>
+
+namespace zo {
+
+class CCompletionPool;
+
+class BRICKDISK_EXPORT CObjectStoreFileSystem : public CBase, public IFileSystem {
+public:
+    // Over `store`, for paths that start with `scheme` + "://". The checks run
+    // on `threadCount` workers (at least one). Throws CError when the threads
+    // cannot be started.
+    CObjectStoreFileSystem(IObjectStore* store, const String& scheme, int threadCount);
+    // Waits until every operation has completed and its listener has been
+    // called; may run on a worker thread. Never throws.
+    ~CObjectStoreFileSystem() override;
+    CObjectStoreFileSystem(const CObjectStoreFileSystem&) = delete;
+    CObjectStoreFileSystem& operator=(const CObjectStoreFileSystem&) = delete;
+
+    // Waits until no operation is under way.
+    void waitUntilIdle();
+    // The container and key of `path` (CInvalidArgError for another scheme
+    // or a path without container).
+    ObjectName toObjectName(const CURI& path) const;
+
+    P<IFileSystemOp> beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
+                                    IDoneListener* listener) override;
+    // `mode` is ignored.
+    P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
+    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
+                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
+
+    P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
+    // A CObjectStream: a reader gets the object's bytes as they were at the
+    // open; a writer's writes go to the object at once.
+    P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override;
+    // `mode` is ignored.
+    void createFolder(const CURI& folder, int mode) override;
+    bool fileExists(const CURI& file) override;
+    bool folderExists(const CURI& folder) override;
+    bool pathExists(const CURI& path) override;
+    void deleteFile(const CURI& file, bool ignoreMissing) override;
+    TList<String> listFolder(const CURI& folder) override;
+    P<IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override;
+    // Stores and copies are atomic in the store and leave nothing behind: 0.
+    int removeTemporaryFiles(const CURI& folder) override;
+
+private:
+    struct Pending;
+    using Work = std::function<void(const std::function<void(const CError*)>& finish)>;
+
+    // Runs `work` on a worker; `work` ends the operation by calling finish
+    // once (at once or later, from a store's callback) or by throwing.
+    P<IFileSystemOp> startOperation(IDoneListener* listener, Work work);
+    bool isFolder(const ObjectName& name);
+    // Throws NotFound unless the folder that holds `name` exists.
+    void checkParentFolder(const ObjectName& name, const CURI& path);
+    // Throws when a folder is where a file is to be written.
+    void checkNotAFolder(const ObjectName& name, const CURI& path, bool overwrite);
+    void rememberFolder(const ObjectName& name);
+    void removeSync(const ObjectName& name);
+
+    P<IObjectStore> m_store;
+    String m_scheme;
+    P<CCompletionPool> m_pool;
+    std::shared_ptr<Pending> m_pending;
+    std::mutex m_foldersMutex;
+    std::set<std::pair<std::string, std::string>> m_knownFolders;
+};
+
+} // namespace zo
