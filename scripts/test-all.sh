@@ -3,13 +3,19 @@
 # times: a normal build (whose installation is then checked as a user's
 # program meets it), an AddressSanitizer + UndefinedBehaviorSanitizer build,
 # and the concurrency tests under ThreadSanitizer; last it runs every fuzzer
-# for BRICKDISK_FUZZ_SECONDS (60) each. Stops at the first failure.
+# for BRICKDISK_FUZZ_SECONDS (60) each. The tests labelled ceph run against a
+# throwaway Ceph cluster started here and stopped at the end. Stops at the
+# first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 
 jobs=$(nproc)
+
+# The Ceph test cluster (its environment names the cluster and the pool).
+eval "$(scripts/ceph-test-cluster.sh start)"
+trap 'scripts/ceph-test-cluster.sh stop >/dev/null' EXIT
 
 # build_and_test NAME LABEL TARGET CMAKE-ARGS...: configures build/NAME, builds
 # TARGET (everything when empty) and runs its tests (only those with LABEL

@@ -201,7 +201,7 @@ int runCheck(const CheckOptions& options)
     if (options.jobs < 1)
         throw UsageError("--jobs must be at least 1");
     const zo::CURI folder = diskFolderURI(options.disk);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     CFindings findings;
 
     std::printf("checking %s\n", folder.toLocalPath().c_str());

@@ -9,6 +9,7 @@
 // of its own.
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "UsageError.h"
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
@@ -54,7 +55,9 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
 {
     const zo::CURI parent = diskFolderURI(options.disk);
     const zo::CURI child = diskFolderURI(options.child);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    if (isCephFolder(parent) != isCephFolder(child))
+        throw UsageError("a child disk lives where its parent does: both on Ceph (rados://) or both in local folders");
+    const zo::P<zo::IFileSystem> fs = newFileSystem(parent, true, 1);
     loadDiskHeader(fs.get(), parent);
     const brick::CBrickDiskChain chain(fs.get(), parent);
     chain.validate();

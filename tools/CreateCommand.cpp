@@ -140,7 +140,7 @@ int runCreate(const CreateOptions& options)
     const seal::Argon2idCost cost = options.cost.cost();
 
     const zo::CURI folder = diskFolderURI(options.disk);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     if (!isMissingOrEmptyFolder(fs.get(), folder))
         throw zo::CError("Cannot create a disk in a folder that is not empty.", zo::String(), -1,
                          zo::CProps().add("diskFolder", folder.toString(true)));

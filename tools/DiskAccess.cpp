@@ -7,6 +7,9 @@
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskError.h"
 #include "zo/Error.h"
+#ifdef BRICKDISK_HAVE_RADOS
+#include "rados/RadosFileSystem.h"
+#endif
 
 #include <CLI/CLI.hpp>
 
@@ -15,21 +18,65 @@
 
 namespace cli {
 
+namespace {
+
+const std::string radosPrefix = "rados://";
+
+CephCluster& cephCluster()
+{
+    static CephCluster cluster;
+    return cluster;
+}
+
+bool isOnCeph(const std::string& path)
+{
+    return path.compare(0, radosPrefix.size(), radosPrefix) == 0;
+}
+
+zo::P<zo::IFileSystem> newCephFileSystem([[maybe_unused]] int threadCount)
+{
+#ifdef BRICKDISK_HAVE_RADOS
+    zo::RadosOptions options;
+    options.configFile = zo::String::fromUTF8(cephCluster().configFile);
+    options.clientId = zo::String::fromUTF8(cephCluster().clientId);
+    options.threadCount = threadCount;
+    return zo::P<zo::IFileSystem>(new zo::CRadosFileSystem(options));
+#else
+    throw UsageError("this brickdisk was built without Ceph (librados): rados:// disks are not available");
+#endif
+}
+
+} // namespace
+
+bool isCephFolder(const zo::CURI& folder)
+{
+    return isOnCeph(folder.toLocalPath());
+}
+
+void setCephCluster(const CephCluster& cluster)
+{
+    cephCluster() = cluster;
+}
+
 zo::CURI diskFolderURI(const std::string& path)
 {
     if (path.empty())
         throw UsageError("the disk path is empty");
+    if (isOnCeph(path))
+        return zo::CURI(zo::String::fromUTF8(path)).toNormalized();
     std::string absolute = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal().string();
     while (absolute.size() > 1 && absolute.back() == '/')
         absolute.pop_back();
     return zo::CURI(zo::String(absolute));
 }
 
-zo::P<zo::CLocalFileSystem> newLocalFileSystem(bool syncEnabled, int threadCount)
+zo::P<zo::IFileSystem> newFileSystem(const zo::CURI& folder, bool syncEnabled, int threadCount)
 {
+    if (isCephFolder(folder))
+        return newCephFileSystem(threadCount);
     zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(threadCount));
     fs->setSyncEnabled(syncEnabled);
-    return fs;
+    return zo::P<zo::IFileSystem>(fs.get());
 }
 
 brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& folder)

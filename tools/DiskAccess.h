@@ -20,13 +20,28 @@ class App;
 
 namespace cli {
 
-// `path` made absolute against the working folder and normalised; an empty
-// path throws UsageError.
+// `path` made absolute against the working folder and normalised; a disk on
+// Ceph, "rados://POOL/path/to/disk", only normalised. An empty path throws
+// UsageError.
 zo::CURI diskFolderURI(const std::string& path);
 
-// The local file system with `threadCount` worker threads; with `syncEnabled`
-// every stored brick and header reaches the disk before it counts as stored.
-zo::P<zo::CLocalFileSystem> newLocalFileSystem(bool syncEnabled, int threadCount);
+// The Ceph cluster of the disks on Ceph: the program's --ceph-conf (empty:
+// CEPH_CONF, then Ceph's default places) and --ceph-id (the user without
+// "client.").
+struct CephCluster {
+    std::string configFile;
+    std::string clientId = "admin";
+};
+void setCephCluster(const CephCluster& cluster);
+
+// True for a folder on Ceph ("rados://POOL/path").
+bool isCephFolder(const zo::CURI& folder);
+
+// The file system that holds `folder`, with `threadCount` worker threads: the
+// Ceph cluster's for "rados://" folders (connecting to it throws
+// zo::CFileSystemError), else the local one, where with `syncEnabled` every
+// stored brick and header reaches the disk before it counts as stored.
+zo::P<zo::IFileSystem> newFileSystem(const zo::CURI& folder, bool syncEnabled, int threadCount);
 
 // The header of the disk in `folder`. Throws zo::CError "The disk path is a
 // file, not a folder.", "Disk folder does not exist." or "Folder holds no brick disk: disk.brickdisk and its fallback copy

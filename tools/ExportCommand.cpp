@@ -100,8 +100,8 @@ int runExport(const ExportOptions& options)
     if (options.jobs < 1)
         throw UsageError("--jobs must be at least 1");
     const auto start = std::chrono::steady_clock::now();
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
     const zo::CURI folder = diskFolderURI(options.disk);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     loadDiskHeader(fs.get(), folder);
     const zo::P<brick::CBrickDiskLock> lock =
         lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForReading, options.forceShare);

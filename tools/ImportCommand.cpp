@@ -72,7 +72,7 @@ int runImport(const ImportOptions& options)
     // Saves wait for fsync, so more of them run at once than there are
     // preparing threads.
     const int fileSystemThreads = std::max(4, 2 * options.jobs);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(!options.noSync, fileSystemThreads);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, !options.noSync, fileSystemThreads);
 
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
     const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);

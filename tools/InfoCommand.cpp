@@ -189,8 +189,9 @@ void printJson(const DiskInfo& info)
 
 int runInfo(const InfoOptions& options)
 {
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
-    const DiskInfo info = gatherInfo(fs.get(), diskFolderURI(options.disk));
+    const zo::CURI folder = diskFolderURI(options.disk);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
+    const DiskInfo info = gatherInfo(fs.get(), folder);
     if (options.json)
         printJson(info);
     else

@@ -5,6 +5,7 @@
 // out. Errors are one line on stderr: "brickdisk: " and the message with its
 // context.
 #include "Commands.h"
+#include "DiskAccess.h"
 #include "ErrorText.h"
 #include "Interrupt.h"
 #include "UsageError.h"
@@ -63,6 +64,11 @@ int main(int argc, char** argv)
     program.set_version_flag("--version", std::string("brickdisk ") + brick::getLibraryVersion());
     bool verbose = false;
     program.add_flag("-v,--verbose", verbose, "Also show what the library logs (failed brick loads and stores)");
+    cli::CephCluster ceph;
+    program.add_option("--ceph-conf", ceph.configFile, "Ceph configuration file for rados://POOL/path disks")
+        ->envname("CEPH_CONF");
+    program.add_option("--ceph-id", ceph.clientId, "Ceph user for rados:// disks, without \"client.\"")
+        ->capture_default_str();
 
     std::map<const CLI::App*, cli::CommandAction> actions;
     const auto add = [&](cli::CommandAction (*adder)(CLI::App&)) {
@@ -104,6 +110,7 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
     routeLibraryLog(verbose);
+    cli::setCephCluster(ceph);
 
     try {
         for (const CLI::App* chosen : program.get_subcommands())
