@@ -1,0 +1,137 @@
+#!/usr/bin/env bash
+# Times brickdisk's import and export on a Ceph disk (rados://) side by side
+# with Ceph's own block images (`rbd import` / `rbd export`), in one run, on
+# the same 2 GiB ext4 image (bench/ext4-image.sh) and the same throwaway
+# cluster (scripts/ceph-test-cluster.sh, started here when none runs):
+#
+#   - brickdisk import into a new encrypted disk (lz4, AES-256-CBC, 512 KiB
+#     bricks) in the pool "bench-brickdisk", and its export back to a file;
+#   - rbd import of the image into the pool "bench-rbd" (sparse, 4 MiB
+#     objects) and rbd export back to a file.
+#
+# Each result is compared byte for byte with the image. The stored bytes are
+# the pool's bytes in the cluster's statistics. Every step runs ROUNDS times
+# (BRICKDISK_BENCH_ROUNDS, default 2) and the shortest time counts; the
+# objects are removed between rounds. Prints a Markdown table.
+#
+#   bench/ceph-compare.sh [WORK_FOLDER]
+#
+# WORK_FOLDER (default: a fresh folder under ${TMPDIR:-/var/tmp}, removed at
+# the end) needs about 5 GB. The cluster keeps its objects in memory: about
+# 6 GB of memory at the peak.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repo_root=$PWD
+rounds=${BRICKDISK_BENCH_ROUNDS:-2}
+
+scripts/install-deps.sh
+cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
+  -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build build/release -j "$(nproc)" --target brickdisk_cli
+brickdisk=$repo_root/build/release/tools/brickdisk
+
+started_cluster=0
+if ! scripts/ceph-test-cluster.sh env >/dev/null 2>&1; then
+  started_cluster=1
+fi
+eval "$(scripts/ceph-test-cluster.sh start)"
+
+keep_work=0
+if [ $# -ge 1 ]; then
+  work=$(realpath -m "$1")
+  mkdir -p "$work"
+  keep_work=1
+else
+  work=$(mktemp -d "${TMPDIR:-/var/tmp}/brickdisk-ceph-compare.XXXXXX")
+fi
+cleanup() {
+  ceph osd pool rm bench-brickdisk bench-brickdisk --yes-i-really-really-mean-it >/dev/null 2>&1 || true
+  ceph osd pool rm bench-rbd bench-rbd --yes-i-really-really-mean-it >/dev/null 2>&1 || true
+  [ "$started_cluster" = 1 ] && scripts/ceph-test-cluster.sh stop >/dev/null
+  [ "$keep_work" = 1 ] || rm -rf "$work"
+}
+trap cleanup EXIT
+cd "$work"
+
+for pool in bench-brickdisk bench-rbd; do
+  ceph osd pool create "$pool" 8 8 >/dev/null 2>&1
+done
+ceph osd pool application enable bench-brickdisk rados >/dev/null 2>&1
+rbd pool init bench-rbd
+
+declare -A took
+# timed NAME COMMAND...: keeps the shortest wall-clock time of NAME.
+timed() {
+  local name=$1 start end seconds
+  shift
+  sync
+  start=$(date +%s.%N)
+  "$@" >"$work/$name.out"
+  end=$(date +%s.%N)
+  seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.2f", e - s }')
+  if [ -z "${took[$name]:-}" ] || awk -v a="$seconds" -v b="${took[$name]}" 'BEGIN { exit !(a < b) }'; then
+    took[$name]=$seconds
+  fi
+  printf '  %-18s %8s s\n' "$name" "$seconds"
+}
+same() {
+  cmp "$1" "$2"
+  rm -f "$2"
+}
+# pool_bytes POOL: the bytes of the pool's objects, from the cluster's pool
+# statistics, which follow writes by a few seconds: read until two readings
+# 6 s apart agree.
+pool_bytes() {
+  local before=-1 now
+  while :; do
+    now=$(rados df --format json | POOL=$1 python3 -c \
+      'import json, os, sys; print(next(p["size_bytes"] for p in json.load(sys.stdin)["pools"] if p["name"] == os.environ["POOL"]))')
+    [ "$now" = "$before" ] && break
+    before=$now
+    sleep 6
+  done
+  echo "$now"
+}
+empty_pool() { rados purge "$1" --yes-i-really-really-mean-it >/dev/null; }
+mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
+mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+
+echo "machine: $(nproc) cores; load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
+echo "making the image"
+"$repo_root/bench/ext4-image.sh" make image.raw 2G 1000000000
+image_bytes=$(stat -c %s image.raw)
+head -c 32 /dev/urandom | base64 >password
+chmod 600 password
+pw=(--password-file password)
+
+for ((round = 1; round <= rounds; round++)); do
+  echo "round $round of $rounds"
+  cat image.raw >/dev/null
+  disk=rados://bench-brickdisk/disk$round
+  "$brickdisk" create "$disk" --size 2G "${pw[@]}" >/dev/null
+  timed brickdisk-import "$brickdisk" import "$disk" image.raw "${pw[@]}"
+  brickdisk_stored=$(pool_bytes bench-brickdisk)
+  timed brickdisk-export "$brickdisk" export "$disk" disk.raw "${pw[@]}"
+  same image.raw disk.raw
+  empty_pool bench-brickdisk
+
+  timed rbd-import rbd import --no-progress image.raw "bench-rbd/image$round"
+  rbd_stored=$(pool_bytes bench-rbd)
+  timed rbd-export rbd export --no-progress "bench-rbd/image$round" rbd.raw
+  same image.raw rbd.raw
+  rbd rm --no-progress "bench-rbd/image$round" >/dev/null
+done
+
+echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
+echo
+echo "| step | seconds | MB/s of image | stored MiB |"
+echo "|---|---:|---:|---:|"
+echo "| brickdisk import | ${took[brickdisk-import]} | $(mbps "$image_bytes" "${took[brickdisk-import]}") | $(mib "$brickdisk_stored") |"
+echo "| brickdisk export | ${took[brickdisk-export]} | $(mbps "$image_bytes" "${took[brickdisk-export]}") | |"
+echo "| rbd import | ${took[rbd-import]} | $(mbps "$image_bytes" "${took[rbd-import]}") | $(mib "$rbd_stored") |"
+echo "| rbd export | ${took[rbd-export]} | $(mbps "$image_bytes" "${took[rbd-export]}") | |"
+echo
+echo "import speed, brickdisk / rbd: $(ratio "${took[rbd-import]}" "${took[brickdisk-import]}") (goal at least 1.5)"
+echo "stored bytes, brickdisk / rbd: $(ratio "$brickdisk_stored" "$rbd_stored") (goal at most 0.5)"
+echo "export speed, brickdisk / rbd: $(ratio "${took[rbd-export]}" "${took[brickdisk-export]}") (goal at least 1.0)"

@@ -1,0 +1,82 @@
+// The brickdisk program on disks in the Ceph test cluster: the main job
+// (import, snapshot, re-import, export of both, check with data), and the
+// errors of a wrong pool and a wrong user's key.
+#include "../RadosTestCluster.h"
+#include "CliTestFixture.h"
+
+namespace {
+
+using clitest::RunResult;
+using clitest::readFile;
+using clitest::writeFile;
+
+class CephCommandsTest : public clitest::CliTest {
+protected:
+    void TearDown() override { testsupport::removeRadosFolder(zo::CURI(zo::String::fromUTF8(folder))); }
+
+    RunResult runOk(const std::vector<std::string>& args) const
+    {
+        const RunResult result = runWithPassword(args);
+        EXPECT_EQ(result.exitStatus, 0) << result.err;
+        return result;
+    }
+
+    std::string folder = testsupport::uniqueRadosFolder("cli").toString(true).toUTF8();
+    std::string disk = folder + "/disk";
+    std::string snapshot = folder + "/snapshot";
+};
+
+TEST_F(CephCommandsTest, MainJobOnACephDiskGivesBothVersionsBackByteForByte)
+{
+    const std::string first = clitest::makeImage(3 * 1024 * 1024 + 12345, 11);
+    std::string second = first;
+    for (size_t at = 100000; at < second.size(); at += 700000)
+        second.replace(at, 5000, std::string(5000, 'x'));
+    writeFile(path("v1.img"), first);
+    writeFile(path("v2.img"), second);
+
+    runOk({"create", disk, "--size", std::to_string(first.size()), "--brick-size", "64K"});
+    runOk({"import", disk, path("v1.img")});
+    runOk({"snapshot", disk, snapshot});
+    runOk({"import", disk, path("v2.img")});
+    runOk({"export", disk, path("v2.exported")});
+    runOk({"export", snapshot, path("v1.exported")});
+    EXPECT_TRUE(readFile(path("v2.exported")) == second);
+    EXPECT_TRUE(readFile(path("v1.exported")) == first);
+    runOk({"check", disk, "--read-data"});
+    runOk({"check", snapshot, "--read-data"});
+    const RunResult info = runOk({"info", snapshot});
+    EXPECT_NE(info.out.find("disk"), std::string::npos) << info.out;
+}
+
+TEST_F(CephCommandsTest, AMissingPoolIsReportedWithItsName)
+{
+    const RunResult result = runWithPassword({"create", "rados://no-such-pool/disk", "--size", "1M"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("no-such-pool"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("No such file or directory"), std::string::npos) << result.err;
+}
+
+TEST_F(CephCommandsTest, AWrongKeyIsRefusedWithAClearError)
+{
+    const std::string conf = readFile(std::getenv("CEPH_CONF"));
+    writeFile(path("keyring"), "[client.admin]\n\tkey = AQBLAAAAAAAAABAAm8uF6mJZ3PX9vWg0rUbj3A==\n");
+    std::string wrongConf = conf;
+    const size_t keyring = wrongConf.find("keyring = ");
+    ASSERT_NE(keyring, std::string::npos);
+    wrongConf.replace(keyring, wrongConf.find('\n', keyring) - keyring, "keyring = " + path("keyring"));
+    writeFile(path("ceph.conf"), wrongConf);
+
+    const RunResult result = runWithPassword({"--ceph-conf", path("ceph.conf"), "create", disk, "--size", "1M"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("connect to the Ceph cluster"), std::string::npos) << result.err;
+}
+
+TEST_F(CephCommandsTest, AChildOnAnotherKindOfFolderIsAUsageError)
+{
+    runOk({"create", disk, "--size", "1M", "--brick-size", "64K"});
+    const RunResult result = runWithPassword({"snapshot", disk, path("local-snapshot")});
+    EXPECT_EQ(result.exitStatus, 2) << result.err;
+}
+
+} // namespace
