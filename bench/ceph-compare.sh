@@ -25,10 +25,15 @@ repo_root=$PWD
 rounds=${BRICKDISK_BENCH_ROUNDS:-2}
 
 scripts/install-deps.sh
-cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
-  -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build build/release -j "$(nproc)" --target brickdisk_cli
-brickdisk=$repo_root/build/release/tools/brickdisk
+# BRICKDISK_BENCH_PROGRAM: a brickdisk program already built (default: a
+# Release build made here).
+brickdisk=${BRICKDISK_BENCH_PROGRAM:-}
+if [ -z "$brickdisk" ]; then
+  cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
+    -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
+  cmake --build build/release -j "$(nproc)" --target brickdisk_cli
+  brickdisk=$repo_root/build/release/tools/brickdisk
+fi
 
 started_cluster=0
 if ! scripts/ceph-test-cluster.sh env >/dev/null 2>&1; then

@@ -39,6 +39,7 @@ zo::P<zo::IFileSystem> newCephFileSystem([[maybe_unused]] int threadCount)
     zo::RadosOptions options;
     options.configFile = zo::String::fromUTF8(cephCluster().configFile);
     options.clientId = zo::String::fromUTF8(cephCluster().clientId);
+    options.lockLeaseSeconds = cephCluster().lockLeaseSeconds;
     options.threadCount = threadCount;
     return zo::P<zo::IFileSystem>(new zo::CRadosFileSystem(options));
 #else

@@ -26,11 +26,13 @@ namespace cli {
 zo::CURI diskFolderURI(const std::string& path);
 
 // The Ceph cluster of the disks on Ceph: the program's --ceph-conf (empty:
-// CEPH_CONF, then Ceph's default places) and --ceph-id (the user without
-// "client.").
+// CEPH_CONF, then Ceph's default places), --ceph-id (the user without
+// "client.") and --ceph-lock-lease (how long the disk lock of a killed
+// program keeps others out).
 struct CephCluster {
     std::string configFile;
     std::string clientId = "admin";
+    int lockLeaseSeconds = 30;
 };
 void setCephCluster(const CephCluster& cluster);
 

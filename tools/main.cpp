@@ -69,6 +69,10 @@ int main(int argc, char** argv)
         ->envname("CEPH_CONF");
     program.add_option("--ceph-id", ceph.clientId, "Ceph user for rados:// disks, without \"client.\"")
         ->capture_default_str();
+    program.add_option("--ceph-lock-lease", ceph.lockLeaseSeconds,
+                       "Seconds that the disk lock of a killed program keeps others out of a rados:// disk")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
 
     std::map<const CLI::App*, cli::CommandAction> actions;
     const auto add = [&](cli::CommandAction (*adder)(CLI::App&)) {
