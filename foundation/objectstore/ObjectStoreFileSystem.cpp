@@ -297,7 +297,7 @@ P<IIOStream> CObjectStoreFileSystem::openStream(const CURI& file, IIOStream::Acc
     } else {
         bytes = m_store->read(name);
     }
-    return P<IIOStream>(new CObjectStream(m_store.get(), file, name, std::move(bytes), access));
+    return P<IIOStream>(new CObjectStream(m_store.get(), file, name, bytes, access));
 }
 
 void CObjectStoreFileSystem::createFolder(const CURI& folder, int)
