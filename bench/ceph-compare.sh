@@ -2,23 +2,25 @@
 # Times brickdisk's import and export on a Ceph disk (rados://) side by side
 # with Ceph's own block images (`rbd import` / `rbd export`), in one run, on
 # the same 2 GiB ext4 image (bench/ext4-image.sh) and the same throwaway
-# cluster (scripts/ceph-test-cluster.sh, started here when none runs):
+# cluster (scripts/ceph-test-cluster.sh, a cluster of its own in
+# /tmp/brickdisk-ceph-bench, stopped at the end):
 #
 #   - brickdisk import into a new encrypted disk (lz4, AES-256-CBC, 512 KiB
-#     bricks) in the pool "bench-brickdisk", and its export back to a file;
-#   - rbd import of the image into the pool "bench-rbd" (sparse, 4 MiB
+#     bricks) in a pool of its own, and its export back to a file;
+#   - rbd import of the image into a pool of its own (sparse, 4 MiB
 #     objects) and rbd export back to a file.
 #
 # Each result is compared byte for byte with the image. The stored bytes are
 # the pool's bytes in the cluster's statistics. Every step runs ROUNDS times
-# (BRICKDISK_BENCH_ROUNDS, default 2) and the shortest time counts; the
-# objects are removed between rounds. Prints a Markdown table.
+# (BRICKDISK_BENCH_ROUNDS, default 2), each round in new pools (the
+# in-memory OSD miscounts its space after removals), and the shortest time
+# counts. Prints a Markdown table.
 #
 #   bench/ceph-compare.sh [WORK_FOLDER]
 #
 # WORK_FOLDER (default: a fresh folder under ${TMPDIR:-/var/tmp}, removed at
 # the end) needs about 5 GB. The cluster keeps its objects in memory: about
-# 6 GB of memory at the peak.
+# 3 GB per round.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo_root=$PWD
@@ -35,10 +37,8 @@ if [ -z "$brickdisk" ]; then
   brickdisk=$repo_root/build/release/tools/brickdisk
 fi
 
-started_cluster=0
-if ! scripts/ceph-test-cluster.sh env >/dev/null 2>&1; then
-  started_cluster=1
-fi
+export BRICKDISK_CEPH_DIR=/tmp/brickdisk-ceph-bench BRICKDISK_CEPH_RGW=0
+export BRICKDISK_CEPH_STORE_BYTES=$((rounds * 2 * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
 eval "$(scripts/ceph-test-cluster.sh start)"
 
 keep_work=0
@@ -50,19 +50,12 @@ else
   work=$(mktemp -d "${TMPDIR:-/var/tmp}/brickdisk-ceph-compare.XXXXXX")
 fi
 cleanup() {
-  ceph osd pool rm bench-brickdisk bench-brickdisk --yes-i-really-really-mean-it >/dev/null 2>&1 || true
-  ceph osd pool rm bench-rbd bench-rbd --yes-i-really-really-mean-it >/dev/null 2>&1 || true
-  [ "$started_cluster" = 1 ] && scripts/ceph-test-cluster.sh stop >/dev/null
+  "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null
   [ "$keep_work" = 1 ] || rm -rf "$work"
 }
 trap cleanup EXIT
 cd "$work"
 
-for pool in bench-brickdisk bench-rbd; do
-  ceph osd pool create "$pool" 8 8 >/dev/null 2>&1
-done
-ceph osd pool application enable bench-brickdisk rados >/dev/null 2>&1
-rbd pool init bench-rbd
 
 declare -A took
 # timed NAME COMMAND...: keeps the shortest wall-clock time of NAME.
@@ -97,7 +90,6 @@ pool_bytes() {
   done
   echo "$now"
 }
-empty_pool() { rados purge "$1" --yes-i-really-really-mean-it >/dev/null; }
 mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
 mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
@@ -113,19 +105,21 @@ pw=(--password-file password)
 for ((round = 1; round <= rounds; round++)); do
   echo "round $round of $rounds"
   cat image.raw >/dev/null
-  disk=rados://bench-brickdisk/disk$round
+  ceph osd pool create "bench-brickdisk-$round" 8 8 >/dev/null 2>&1
+  ceph osd pool application enable "bench-brickdisk-$round" rados >/dev/null 2>&1
+  ceph osd pool create "bench-rbd-$round" 8 8 >/dev/null 2>&1
+  rbd pool init "bench-rbd-$round"
+  disk=rados://bench-brickdisk-$round/disk
   "$brickdisk" create "$disk" --size 2G "${pw[@]}" >/dev/null
   timed brickdisk-import "$brickdisk" import "$disk" image.raw "${pw[@]}"
-  brickdisk_stored=$(pool_bytes bench-brickdisk)
+  brickdisk_stored=$(pool_bytes "bench-brickdisk-$round")
   timed brickdisk-export "$brickdisk" export "$disk" disk.raw "${pw[@]}"
   same image.raw disk.raw
-  empty_pool bench-brickdisk
 
-  timed rbd-import rbd import --no-progress image.raw "bench-rbd/image$round"
-  rbd_stored=$(pool_bytes bench-rbd)
-  timed rbd-export rbd export --no-progress "bench-rbd/image$round" rbd.raw
+  timed rbd-import rbd import --no-progress image.raw "bench-rbd-$round/image"
+  rbd_stored=$(pool_bytes "bench-rbd-$round")
+  timed rbd-export rbd export --no-progress "bench-rbd-$round/image" rbd.raw
   same image.raw rbd.raw
-  rbd rm --no-progress "bench-rbd/image$round" >/dev/null
 done
 
 echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"

@@ -157,7 +157,7 @@ P<IFileSystemOp> CObjectStoreFileSystem::startOperation(IDoneListener* listener,
     return P<IFileSystemOp>(op.get());
 }
 
-bool CObjectStoreFileSystem::isFolder(const ObjectName& name)
+bool CObjectStoreFileSystem::isFolder(const ObjectName& name, bool lookUnder)
 {
     if (name.key.empty())
         return true;
@@ -166,7 +166,7 @@ bool CObjectStoreFileSystem::isFolder(const ObjectName& name)
         if (m_knownFolders.count({name.container, name.key}))
             return true;
     }
-    if (!m_store->stat(markerOf(name)) && m_store->list(name.container, name.key + "/", 1).empty())
+    if (!m_store->stat(markerOf(name)) && (!lookUnder || m_store->list(name.container, name.key + "/", 1).empty()))
         return false;
     rememberFolder(name);
     return true;
@@ -180,7 +180,7 @@ void CObjectStoreFileSystem::rememberFolder(const ObjectName& name)
 
 void CObjectStoreFileSystem::checkParentFolder(const ObjectName& name, const CURI& path)
 {
-    if (!isFolder(ObjectName{name.container, parentKey(name.key)}))
+    if (!isFolder(ObjectName{name.container, parentKey(name.key)}, true))
         throw pathError(CFileSystemError::NotFound, "The folder of the path does not exist.", path);
 }
 
@@ -223,7 +223,7 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginCreateFolder(const CURI& folder, i
     const ObjectName name = toObjectName(folder);
     return startOperation(listener, [this, folder, name](const auto& finish) {
         checkParentFolder(name, folder);
-        if (isFolder(name) || m_store->stat(name))
+        if (isFolder(name, false) || m_store->stat(name))
             throw pathError(CFileSystemError::AlreadyExists, "The folder already exists.", folder);
         m_store->beginPut(markerOf(name), std::string(), true, [this, name, finish](const CError* error) {
             if (!error)
@@ -277,7 +277,7 @@ P<IFileInfo> CObjectStoreFileSystem::getFileInfo(const CURI& path, bool throwIfM
         if (const std::optional<int64> size = m_store->stat(name))
             return P<IFileInfo>(new CFileInfo(true, false, *size));
     }
-    if (isFolder(name))
+    if (isFolder(name, false))
         return P<IFileInfo>(new CFileInfo(true, true, 0));
     if (throwIfMissing)
         throw pathError(CFileSystemError::NotFound, "The path does not exist.", path);
@@ -311,7 +311,7 @@ void CObjectStoreFileSystem::createFolder(const CURI& folder, int)
         start = slash == std::string::npos ? name.key.size() : slash + 1;
         if (m_store->stat(level))
             throw pathError(CFileSystemError::AlreadyExists, "A file is in the way of the folder.", folder);
-        if (isFolder(level))
+        if (isFolder(level, false))
             continue;
         runSync([&](IObjectStore::Done done) { m_store->beginPut(markerOf(level), std::string(), false, std::move(done)); });
         rememberFolder(level);
@@ -326,12 +326,12 @@ bool CObjectStoreFileSystem::fileExists(const CURI& file)
 
 bool CObjectStoreFileSystem::folderExists(const CURI& folder)
 {
-    return isFolder(toObjectName(folder));
+    return isFolder(toObjectName(folder), true);
 }
 
 bool CObjectStoreFileSystem::pathExists(const CURI& path)
 {
-    return fileExists(path) || folderExists(path);
+    return fileExists(path) || isFolder(toObjectName(path), false);
 }
 
 void CObjectStoreFileSystem::deleteFile(const CURI& file, bool ignoreMissing)
@@ -347,7 +347,7 @@ void CObjectStoreFileSystem::deleteFile(const CURI& file, bool ignoreMissing)
 TList<String> CObjectStoreFileSystem::listFolder(const CURI& folder)
 {
     const ObjectName name = toObjectName(folder);
-    if (!isFolder(name)) {
+    if (!isFolder(name, true)) {
         if (m_store->stat(name))
             throw pathError(CFileSystemError::NotAFolder, "The path names a file, not a folder.", folder);
         throw pathError(CFileSystemError::NotFound, "The folder does not exist.", folder);
@@ -368,7 +368,7 @@ TList<String> CObjectStoreFileSystem::listFolder(const CURI& folder)
 P<IFileSystemLock> CObjectStoreFileSystem::lockFolder(const CURI& folder, bool exclusive)
 {
     const ObjectName name = toObjectName(folder);
-    if (!isFolder(name))
+    if (!isFolder(name, true))
         throw pathError(CFileSystemError::NotFound, "The folder to lock does not exist.", folder);
     return m_store->lock(ObjectName{name.container, name.key.empty() ? lockObjectName : name.key + "/" + lockObjectName}, exclusive);
 }

@@ -2,9 +2,13 @@
 //
 // Paths are "scheme://CONTAINER/key/of/the/file": the container is a pool or a
 // bucket, the rest of the path is the object's key. Folders are implied by
-// the keys: creating one writes an empty marker object "key/"; a folder
-// exists when its marker does or any object's key lies under it; the root
-// of a container always exists. A store is one atomic whole-object write
+// the keys: creating one writes an empty marker object "key/" (and one for
+// each missing parent). A folder exists when its marker does; the questions
+// about folders themselves (folderExists, listFolder, lockFolder, the folder
+// of a file to store) also find a folder without marker that has objects
+// under it, by listing the container. The other queries (pathExists,
+// getFileInfo) look at markers only, so that asking for a missing file never
+// lists the container. The root of a container always exists. A store is one atomic whole-object write
 // (an exclusive one without overwrite); a copy happens inside the store; a
 // move is a copy, then the removal of the source, so a process that dies
 // between the two leaves both. Listing filters the container's keys by
@@ -77,7 +81,9 @@ private:
     // Runs `work` on a worker; `work` ends the operation by calling finish
     // once (at once or later, from a store's callback) or by throwing.
     P<IFileSystemOp> startOperation(IDoneListener* listener, Work work);
-    bool isFolder(const ObjectName& name);
+    // True when `name` is a known folder or has a marker; with `lookUnder`
+    // also when an object lies under it.
+    bool isFolder(const ObjectName& name, bool lookUnder);
     // Throws NotFound unless the folder that holds `name` exists.
     void checkParentFolder(const ObjectName& name, const CURI& path);
     // Throws when a folder is where a file is to be written.
