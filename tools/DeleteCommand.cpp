@@ -37,7 +37,7 @@ void removeEmptyFolders(const std::filesystem::path& folder)
 int runDelete(const DeleteOptions& options)
 {
     const zo::CURI folder = diskFolderURI(options.disk);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 2);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 2);
     zo::P<brick::CBrickDiskLock> diskLock;
     zo::P<brick::CBrickDiskLock> parentLock;
     zo::CURI child;

@@ -8,6 +8,7 @@
 #include "JsonWriter.h"
 #include "Password.h"
 #include "Units.h"
+#include "UsageError.h"
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
@@ -58,7 +59,9 @@ int runDiff(const DiffOptions& options)
 {
     const zo::CURI first = diskFolderURI(options.first);
     const zo::CURI second = diskFolderURI(options.second);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    if (isCephFolder(first) != isCephFolder(second))
+        throw UsageError("the two disks of a diff are of one chain: both on Ceph (rados://) or both in local folders");
+    const zo::P<zo::IFileSystem> fs = newFileSystem(first, true, 1);
     loadDiskHeader(fs.get(), first);
     loadDiskHeader(fs.get(), second);
     const brick::CBrickDiskChain firstChain(fs.get(), first);

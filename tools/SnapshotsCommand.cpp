@@ -96,7 +96,7 @@ std::vector<ChainDisk> walkChain(zo::IFileSystem* fs, const zo::CURI& folder)
 int runSnapshots(const SnapshotsOptions& options)
 {
     const zo::CURI folder = diskFolderURI(options.disk);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     loadDiskHeader(fs.get(), folder);
     const std::vector<ChainDisk> disks = walkChain(fs.get(), folder);
     if (options.json) {
