@@ -89,9 +89,9 @@ TEST_F(CephCommandsTest, ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndT
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         runOk({"check", disk, "--read-data"});
         runOk({"check", snapshot, "--read-data"});
-        runOk({"export", snapshot, path("snapshot.img")});
+        runOk({"export", snapshot, path("snapshot.img"), "--force"});
         EXPECT_TRUE(readFile(path("snapshot.img")) == old) << context;
-        runOk({"export", disk, path("disk.img")});
+        runOk({"export", disk, path("disk.img"), "--force"});
         const std::string exported = readFile(path("disk.img"));
         ASSERT_EQ(exported.size(), size) << context;
         for (size_t at = 0; at < size; at += kBrickSize) {
@@ -101,7 +101,7 @@ TEST_F(CephCommandsTest, ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndT
         }
     }
     runOk({"import", disk, path("fresh")});
-    runOk({"export", disk, path("disk.img")});
+    runOk({"export", disk, path("disk.img"), "--force"});
     EXPECT_TRUE(readFile(path("disk.img")) == fresh);
 }
 
