@@ -66,7 +66,7 @@ int runPasswd(const PasswdOptions& options)
 {
     const seal::Argon2idCost cost = options.cost.cost();
     const zo::CURI folder = diskFolderURI(options.disk);
-    const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(true, 1);
+    const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     checkPasswordCanChange(loadDiskHeader(fs.get(), folder), folder);
     const zo::TList<zo::CURI> folders = sharedKeyFolders(fs.get(), folder);
     // Shared locks: readers may go on (they find each header whole in one
