@@ -50,7 +50,7 @@ std::string CBrickFileChecker::checkOuter(const zo::TBuffer<zo::uint8>& bytes)
     return std::string();
 }
 
-std::string CBrickFileChecker::check(const BrickFile& file)
+std::string CBrickFileChecker::check(const brick::CBrickTree::BrickFile& file)
 {
     try {
         const zo::P<zo::IIOStream> stream = m_fs->openStream(file.path, zo::IIOStream::AccessRead, 0);

@@ -8,11 +8,10 @@
 // thread.
 #pragma once
 
-#include "BrickTree.h"
-
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickTree.h"
 #include "seal/Digest.h"
 #include "zo/FileSystem.h"
 
@@ -26,7 +25,7 @@ public:
     CBrickFileChecker(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header, brick::CBrickDisk* disk);
 
     // Empty for a good file, otherwise what is wrong with it.
-    std::string check(const BrickFile& file);
+    std::string check(const brick::CBrickTree::BrickFile& file);
 
 private:
     std::string checkOuter(const zo::TBuffer<zo::uint8>& bytes);

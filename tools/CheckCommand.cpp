@@ -4,10 +4,8 @@
 // decrypted, decompressed and checked against its inner digest.
 #include "AuxFileCheck.h"
 #include "BrickFileCheck.h"
-#include "BrickTree.h"
 #include "Commands.h"
 #include "DiskAccess.h"
-#include "DiskChain.h"
 #include "Interrupt.h"
 #include "Password.h"
 #include "Progress.h"
@@ -15,8 +13,10 @@
 #include "UsageError.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
+#include "brick/BrickTree.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -132,7 +132,7 @@ zo::CURI checkLink(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBr
     }
     if (!primary.isIntact() && !fallback.isIntact())
         return zo::CURI();
-    const zo::CURI linked = linkedDiskFolder(fs, folder, linkName);
+    const zo::CURI linked = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, linkName);
     try {
         const brick::CBrickDiskHeader linkedHeader = loadDiskHeader(fs, linked);
         if (sharedHeaderFields(linkedHeader) != sharedHeaderFields(header))
@@ -151,7 +151,7 @@ void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrick
     checkLink(fs, folder, header, brick::CBrickDisk::getParentLinkFileName(), repair, findings);
     const zo::CURI child = checkLink(fs, folder, header, brick::CBrickDisk::getChildLinkFileName(), repair, findings);
     if (!child.isEmpty()) {
-        const zo::CURI back = linkedDiskFolder(fs, child, brick::CBrickDisk::getParentLinkFileName());
+        const zo::CURI back = brick::CBrickDiskChain::loadLinkedFolder(fs, child, brick::CBrickDisk::getParentLinkFileName());
         if (back != folder)
             findings.problem("the child disk " + child.toLocalPath() + " does not link back to this disk");
     }
@@ -164,7 +164,7 @@ void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrick
 
 // Checks every brick file on `jobs` threads; returns one text per file, empty
 // for a good one.
-std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const BrickTreeListing& listing,
+std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const brick::CBrickTree::Listing& listing,
                                          const brick::CBrickDiskHeader& header,
                                          brick::CBrickDisk* disk, int jobs)
 {
@@ -221,11 +221,11 @@ int runCheck(const CheckOptions& options)
     if (options.readData)
         disk = openDisk(fs.get(), folder, options.passwords, zo::IIOStream::AccessRead, 1);
 
-    const BrickTreeListing listing = listBrickTree(fs.get(), folder, header);
+    const brick::CBrickTree::Listing listing = brick::CBrickTree::list(fs.get(), folder, header);
     const zo::int64 brickCount = (header.getDiskSize() + header.getBrickSize() - 1) / header.getBrickSize();
     const std::vector<std::string> verdicts = checkBrickFiles(fs.get(), listing, header, disk.get(), options.jobs);
     for (size_t i = 0; i < listing.bricks.size(); ++i) {
-        const BrickFile& brick = listing.bricks[i];
+        const brick::CBrickTree::BrickFile& brick = listing.bricks[i];
         std::string verdict = verdicts[i];
         if (verdict.empty() && brick.index >= brickCount)
             verdict = "lies beyond the end of the disk";

@@ -1,6 +1,5 @@
 #include "DiskAccess.h"
 
-#include "BrickTree.h"
 #include "UsageError.h"
 
 #include "brick/Brick.h"
@@ -144,6 +143,15 @@ zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folde
                              "processes from using it at the same time\n",
                      folder.toLocalPath().c_str());
     return lock;
+}
+
+std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& folder)
+{
+    const brick::CBrickDiskChain chain(fs, folder);
+    std::vector<zo::CURI> parents;
+    for (size_t i = 1; i < chain.getMembers().size(); ++i)
+        parents.push_back(chain.getMembers()[i].folder);
+    return parents;
 }
 
 zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index)

@@ -13,6 +13,7 @@
 #include "zo/URI.h"
 
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -75,6 +76,11 @@ void addForceShareOption(CLI::App& command, bool& forceShare);
 // lock gives a warning on stderr.
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
                                       bool forceShare = false);
+
+// Every ancestor folder of the disk in `folder`, nearest first, as its chain
+// names them (the walk stops at one that is missing or does not match).
+// Throws the chain's errors (a link loop among them).
+std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& folder);
 
 // The file of brick `index` in the first folder of the disk's chain (the disk,
 // then its parents, nearest first) that holds it; the path in the disk's own

@@ -3,7 +3,6 @@
 #include "BrickImporter.h"
 #include "Commands.h"
 #include "DiskAccess.h"
-#include "DiskChain.h"
 #include "ImageSource.h"
 #include "Interrupt.h"
 #include "Password.h"
@@ -13,6 +12,7 @@
 
 #include "brick/Brick.h"
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -76,7 +76,7 @@ int runImport(const ImportOptions& options)
 
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
     const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);
-    const zo::CURI parent = linkedDiskFolder(fs.get(), folder, brick::CBrickDisk::getParentLinkFileName());
+    const zo::CURI parent = brick::CBrickDiskChain::loadLinkedFolder(fs.get(), folder, brick::CBrickDisk::getParentLinkFileName());
     if (!parent.isEmpty() && !options.allowParent)
         throw UsageError("the disk " + folder.toLocalPath() + " has a parent disk (" + parent.toLocalPath() +
                          "); give --allow-parent to write into it (its parent is never changed)");

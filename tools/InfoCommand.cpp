@@ -1,17 +1,17 @@
 // brickdisk info DISK [--json]: what a disk is, where it sits in its chain of
 // disks and how much it stores. Needs no password.
 #include "AuxFileCheck.h"
-#include "BrickTree.h"
 #include "Commands.h"
 #include "DiskAccess.h"
-#include "DiskChain.h"
 #include "JsonWriter.h"
 #include "KeyDerivationOptions.h"
 #include "Units.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskKeyWrap.h"
+#include "brick/BrickTree.h"
 
 #include <CLI/CLI.hpp>
 
@@ -37,7 +37,7 @@ struct DiskInfo {
     AuxFileCopyState fallbackHeader;
     std::vector<zo::CURI> parents;
     zo::CURI child;
-    BrickTreeListing bricks;
+    brick::CBrickTree::Listing bricks;
 
     zo::int64 brickCount() const
     {
@@ -90,8 +90,8 @@ DiskInfo gatherInfo(zo::IFileSystem* fs, const zo::CURI& folder)
     info.primaryHeader = checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
     info.fallbackHeader = checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
     info.parents = parentDiskFolders(fs, folder);
-    info.child = linkedDiskFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
-    info.bricks = listBrickTree(fs, folder, info.header);
+    info.child = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
+    info.bricks = brick::CBrickTree::list(fs, folder, info.header);
     return info;
 }
 

@@ -6,11 +6,11 @@
 // (made with --kdf pbkdf2, or by older versions) cannot change its password.
 #include "Commands.h"
 #include "DiskAccess.h"
-#include "DiskChain.h"
 #include "KeyDerivationOptions.h"
 #include "Password.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "zo/Containers.h"
 #include "zo/Error.h"
@@ -55,9 +55,9 @@ zo::TList<zo::CURI> sharedKeyFolders(zo::IFileSystem* fs, const zo::CURI& folder
         folders.push_back(parent);
         seen.insert(parent.toString(true));
     }
-    for (zo::CURI child = linkedDiskFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
+    for (zo::CURI child = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
          !child.isEmpty() && seen.insert(child.toString(true)).second;
-         child = linkedDiskFolder(fs, child, brick::CBrickDisk::getChildLinkFileName()))
+         child = brick::CBrickDiskChain::loadLinkedFolder(fs, child, brick::CBrickDisk::getChildLinkFileName()))
         folders.push_back(child);
     return folders;
 }
