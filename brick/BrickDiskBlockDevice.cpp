@@ -48,9 +48,7 @@ namespace {
 
 bool isAllZero(const zo::TBuffer<uint8>& buffer)
 {
-    const uint8* data = buffer.getData();
-    const size_t size = static_cast<size_t>(buffer.getUsed());
-    return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
+    return zo::isAllZero(buffer.getData(), static_cast<size_t>(buffer.getUsed()));
 }
 
 constexpr size_t kMinimumCachedBricks = 4;

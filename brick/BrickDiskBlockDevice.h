@@ -9,6 +9,7 @@
 #include "zo/Base.h"
 #include "zo/Buffer.h"
 #include "zo/Error.h"
+#include "zo/Export.h"
 
 #include <condition_variable>
 #include <functional>
@@ -34,7 +35,7 @@ namespace brick {
 //
 // The device holds a counted reference to its disk and is the disk's only
 // user while it lives: nobody else may read, write or flush the disk.
-class CBrickDiskBlockDevice : public zo::CBase {
+class BRICKDISK_EXPORT CBrickDiskBlockDevice : public zo::CBase {
 public:
     // What a byte range holds, as mapExtents reports it.
     enum class ExtentKind {

@@ -9,6 +9,7 @@ packages=(
   libssl-dev zlib1g-dev liblz4-dev liblzma-dev libargon2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang e2fsprogs
+  nbdkit nbdkit-plugin-dev libnbd-bin fuse3 fio qemu-utils
 )
 
 missing=()
