@@ -243,6 +243,10 @@ CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::loadBrick(int64 index)
     P<CBrick> loader = borrowLoader();
     BrickData data = newBrickData();
     try {
+        // A brick object keeps the payload of the brick it was last moved
+        // to; that brick may have been stored anew since, so the loader is
+        // moved off it first and reads the files again.
+        loader->seek(-1, 0);
         loader->seek(index, 0);
         const int got = loader->readLaxInsideBrick(data->getData(), static_cast<int>(m_brickSize));
         if (got < m_brickSize)

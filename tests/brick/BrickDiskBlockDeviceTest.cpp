@@ -120,6 +120,27 @@ TEST_F(BrickDiskBlockDeviceTest, RewritingABrickWhileItsStoreRunsKeepsTheNewestB
             << "brick " << i;
 }
 
+TEST_F(BrickDiskBlockDeviceTest, ABrickLoadedAgainAfterItWasStoredReadsItsNewBytes)
+{
+    const P<CBrickDiskBlockDevice> device = openDevice(0);
+    const Bytes old = testsupport::patternBytes(kBrickSize, 1);
+    device->write(old.getData(), 0, kBrickSize);
+    device->flush();
+    const Bytes whole = testsupport::patternBytes(kBrickSize, 2);
+    for (int i = 1; i <= 5; ++i)
+        device->write(whole.getData(), static_cast<int64>(i) * kBrickSize, kBrickSize);
+    // Brick 0 is loaded, changed, then evicted by whole-brick writes that
+    // load nothing, and stored.
+    EXPECT_EQ(readDevice(*device, 0, 10), Bytes(old.getData(), 10));
+    const Bytes change = testsupport::patternBytes(10, 3);
+    device->write(change.getData(), 0, 10);
+    for (int i = 6; i <= 10; ++i)
+        device->write(whole.getData(), static_cast<int64>(i) * kBrickSize, kBrickSize);
+    device->flush();
+
+    EXPECT_EQ(readDevice(*device, 0, 10), change);
+}
+
 TEST_F(BrickDiskBlockDeviceTest, ZeroOfWholeBricksLeavesNoFilesAndZerosTheEdges)
 {
     const P<CBrickDiskBlockDevice> device = openDevice();
