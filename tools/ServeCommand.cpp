@@ -16,6 +16,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -54,7 +55,23 @@ std::string defaultPlugin()
     return "brickdisk";
 }
 
-bool canConnect(const std::string& socketPath, int port)
+bool readExactly(int fd, void* buffer, size_t size)
+{
+    auto* bytes = static_cast<char*>(buffer);
+    while (size > 0) {
+        const ssize_t n = ::recv(fd, bytes, size, 0);
+        if (n <= 0)
+            return false;
+        bytes += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// True when an NBD server answers on the socket (or port): it greets with
+// its newstyle handshake, and the probe then ends the session politely with
+// NBD_OPT_ABORT, so the server has nothing to complain about.
+bool serverAnswers(const std::string& socketPath, int port)
 {
     const int fd = ::socket(socketPath.empty() ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
@@ -72,8 +89,21 @@ bool canConnect(const std::string& socketPath, int port)
         socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
         result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
+    // NBDMAGIC, IHAVEOPT and the 16-bit handshake flags.
+    char greeting[18];
+    bool answered = result == 0 && readExactly(fd, greeting, sizeof greeting) &&
+                    std::memcmp(greeting, "NBDMAGICIHAVEOPT", 16) == 0;
+    if (answered) {
+        // Client flags (fixed newstyle, no zeroes), then IHAVEOPT, option 2
+        // (abort) with no data; the server's reply is 20 bytes.
+        const unsigned char abort[] = {0, 0, 0, 3, 'I', 'H', 'A', 'V', 'E', 'O', 'P', 'T',
+                                       0, 0, 0, 2, 0, 0, 0, 0};
+        char reply[20];
+        answered = ::send(fd, abort, sizeof abort, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof abort) &&
+                   readExactly(fd, reply, sizeof reply);
+    }
     ::close(fd);
-    return result == 0;
+    return answered;
 }
 
 // A file only the user can read, removed when it goes.
@@ -140,7 +170,7 @@ public:
     bool waitUntilReady(CStopSignals& signals)
     {
         while (m_process->isRunning()) {
-            if (canConnect(m_socket, m_port)) {
+            if (serverAnswers(m_socket, m_port)) {
                 m_passwordFile.reset();
                 return true;
             }

@@ -145,15 +145,18 @@ case_fio_verify_after_restart() {
   fio "${common[@]}" --number_ios=3000 --verify_only=1 || fail "fio verify failed: $(cat "$work/fio.txt")"
 }
 
+# An encrypted disk, served with its password file.
 case_kill_after_flush() {
-  make_disk "$work/disk" 16M
+  printf 'secret words\n' >"$work/password"
+  "$brickdisk" create "$work/disk" --size 16M --password-file "$work/password" >/dev/null
   head -c 16777216 /dev/urandom >"$work/image"
-  serve a "$work/disk" cache=64M
+  serve a "$work/disk" cache=64M password-file="$work/password"
   nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")"
   kill -9 "$last_pid"
   wait "$last_pid" 2>/dev/null || true
-  "$brickdisk" check --read-data "$work/disk" >"$work/check.log" 2>&1 || fail "check failed"
-  "$brickdisk" export "$work/disk" "$work/out" -q
+  "$brickdisk" check --read-data "$work/disk" --password-file "$work/password" >"$work/check.log" 2>&1 ||
+    fail "check failed"
+  "$brickdisk" export "$work/disk" "$work/out" -q --password-file "$work/password"
   cmp "$work/image" "$work/out" || fail "flushed bytes are missing after kill -9"
 }
 
@@ -230,14 +233,23 @@ PYTHON
     echo "snapshot $snapshot holds all $acked blocks acknowledged before it"
   done
   [ "$(cat "$work/acked-10")" -gt "$(cat "$work/acked-1")" ] || fail "the writer made no progress between snapshots"
+  # The last block was written long after the last snapshot: not in it.
+  [ "$(cat "$work/acked-10")" -lt $((blocks - 100)) ] || fail "the writer ended before the snapshots"
+  python3 - "$work/snap10.img" "$blocks" <<'PYTHON' || fail "the last snapshot holds a block written after it"
+import sys
+data = open(sys.argv[1], "rb").read()
+last = int(sys.argv[2]) - 1
+sys.exit(0 if data[last * 4096:(last + 1) * 4096] == bytes(4096) else 1)
+PYTHON
 }
 
 # brickdisk serve prints the URI, serves until SIGINT (Ctrl-C) and flushes
 # before it ends; a snapshot is served read-only.
 case_serve_command() {
-  make_disk "$work/disk" 8M
+  printf 'pass phrase\n' >"$work/password"
+  "$brickdisk" create "$work/disk" --size 8M --password-file "$work/password" >/dev/null
   head -c 8388608 /dev/urandom >"$work/image"
-  "$brickdisk" serve "$work/disk" --socket "$work/s.sock" >"$work/serve.log" 2>&1 &
+  "$brickdisk" serve "$work/disk" --socket "$work/s.sock" --password-file "$work/password" >"$work/serve.log" 2>&1 &
   local serve=$! i
   cleanups+=("kill $serve 2>/dev/null")
   for i in $(seq 1 200); do
@@ -248,11 +260,12 @@ case_serve_command() {
   nbdcopy "$work/image" "nbd+unix:///?socket=$work/s.sock"
   kill -INT "$serve"
   wait "$serve" || fail "serve did not end cleanly: $(cat "$work/serve.log")"
-  "$brickdisk" export "$work/disk" "$work/out" -q
+  "$brickdisk" export "$work/disk" "$work/out" -q --password-file "$work/password"
   cmp "$work/image" "$work/out" || fail "what was written before Ctrl-C is not stored"
 
   "$brickdisk" snapshot "$work/disk" "$work/snap" >/dev/null
-  "$brickdisk" serve "$work/snap" --socket "$work/t.sock" >"$work/serve-snap.log" 2>&1 &
+  BRICKDISK_PASSWORD='pass phrase' "$brickdisk" serve "$work/snap" --socket "$work/t.sock" \
+    >"$work/serve-snap.log" 2>&1 &
   serve=$!
   cleanups+=("kill $serve 2>/dev/null")
   for i in $(seq 1 200); do
