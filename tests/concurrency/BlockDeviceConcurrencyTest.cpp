@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstring>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -60,24 +61,21 @@ void runWriter(CBrickDiskBlockDevice& device, int writer, Bytes& model, std::ato
     }
 }
 
-TEST(BlockDeviceConcurrency, ParallelWritersReadersAndFlushesKeepEveryByte)
+// Runs the writers against one device while `sideWork` runs in a loop on
+// another thread; returns what the disk must hold afterwards.
+template <class SideWork>
+Bytes runWritersBeside(zo::IFileSystem* fs, const CURI& folder, SideWork&& sideWork, std::atomic<int>& mismatches)
 {
-    const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem(3));
-    fs->setCompletionDelay(0, 2);
-    const CURI folder("/disks/a");
-    testsupport::createDisk(fs.get(), folder, kDiskSize, kPassword);
+    testsupport::createDisk(fs, folder, kDiskSize, kPassword);
     // Each writer's model holds the whole disk; only its own slices change.
     std::vector<Bytes> models(kWriters, testsupport::zeroBytes(static_cast<int>(kDiskSize)));
-    std::atomic<int> mismatches{0};
     {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), folder, kPassword);
+        const P<CBrickDisk> disk = testsupport::openDisk(fs, folder, kPassword);
         const P<CBrickDiskBlockDevice> device(new CBrickDiskBlockDevice(disk.get(), 6 * kBrickSize));
         std::atomic<bool> writing{true};
-        std::thread flusher([&] {
-            while (writing) {
-                device->flush();
-                device->mapExtents(0, kDiskSize);
-            }
+        std::thread side([&] {
+            for (int round = 0; writing; ++round)
+                sideWork(*device, round);
         });
         std::vector<std::thread> writers;
         for (int w = 0; w < kWriters; ++w)
@@ -85,17 +83,60 @@ TEST(BlockDeviceConcurrency, ParallelWritersReadersAndFlushesKeepEveryByte)
         for (std::thread& thread : writers)
             thread.join();
         writing = false;
-        flusher.join();
+        side.join();
         device->flush();
     }
-    EXPECT_EQ(mismatches.load(), 0);
-
     Bytes expected = testsupport::zeroBytes(static_cast<int>(kDiskSize));
     for (int slice = 0; slice < kSliceCount; ++slice) {
         const int64 offset = static_cast<int64>(slice) * kSliceSize;
         std::memcpy(expected.getData() + offset, models[static_cast<size_t>(slice % kWriters)].getData() + offset,
                     kSliceSize);
     }
+    return expected;
+}
+
+TEST(BlockDeviceConcurrency, ParallelWritersReadersAndFlushesKeepEveryByte)
+{
+    const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem(3));
+    fs->setCompletionDelay(0, 2);
+    const CURI folder("/disks/a");
+    std::atomic<int> mismatches{0};
+    const Bytes expected = runWritersBeside(
+        fs.get(), folder,
+        [](CBrickDiskBlockDevice& device, int) {
+            device.flush();
+            device.mapExtents(0, kDiskSize);
+        },
+        mismatches);
+
+    EXPECT_EQ(mismatches.load(), 0);
+    const P<CBrickDisk> reopened = testsupport::openDisk(fs.get(), folder, kPassword, zo::IIOStream::AccessRead);
+    EXPECT_EQ(testsupport::readWholeDisk(*reopened), expected);
+}
+
+TEST(BlockDeviceConcurrency, SnapshotsTakenWhileThreadsWriteLoseNothing)
+{
+    const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem(3));
+    fs->setCompletionDelay(0, 2);
+    const CURI folder("/disks/a");
+    std::atomic<int> mismatches{0};
+    int snapshots = 0;
+    const Bytes expected = runWritersBeside(
+        fs.get(), folder,
+        [&](CBrickDiskBlockDevice& device, int round) {
+            if (round >= 3)
+                return std::this_thread::yield();
+            device.pauseAndReplaceDisk([&](const P<CBrickDisk>&) {
+                CBrickDisk::createChild(fs.get(), CURI("/disks/snap" + std::to_string(round)), folder,
+                                        CBrickDisk::linkedChild);
+                ++snapshots;
+                return testsupport::openDisk(fs.get(), folder, kPassword);
+            });
+        },
+        mismatches);
+
+    EXPECT_EQ(mismatches.load(), 0);
+    EXPECT_GT(snapshots, 0);
     const P<CBrickDisk> reopened = testsupport::openDisk(fs.get(), folder, kPassword, zo::IIOStream::AccessRead);
     EXPECT_EQ(testsupport::readWholeDisk(*reopened), expected);
 }
