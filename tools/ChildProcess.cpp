@@ -1,13 +1,14 @@
 #include "ChildProcess.h"
+#include "Interrupt.h"
 
 #include "zo/Error.h"
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 extern char** environ;
 
@@ -15,6 +16,8 @@ namespace cli {
 
 namespace {
 
+// The signals that stop a program, at their default action in the programs
+// started (whatever this program does with them).
 sigset_t stopSignalSet()
 {
     sigset_t set;
@@ -91,31 +94,15 @@ int CChildProcess::wait()
     return m_exitStatus;
 }
 
-CStopSignals::CStopSignals()
+bool waitForInterrupt(int millis)
 {
-    // A program started in the background of a script inherits SIGINT
-    // ignored; Ctrl-C and kill -INT are meant to stop it all the same.
-    std::signal(SIGINT, SIG_DFL);
-    const sigset_t stops = stopSignalSet();
-    sigprocmask(SIG_BLOCK, &stops, &m_savedMask);
-}
-
-CStopSignals::~CStopSignals()
-{
-    // Signals that came while blocked are taken here rather than ending the
-    // program once the mask is restored.
-    const sigset_t stops = stopSignalSet();
-    const timespec now{0, 0};
-    while (sigtimedwait(&stops, nullptr, &now) > 0) {
+    constexpr int kStepMillis = 20;
+    for (int waited = 0; !wasInterrupted(); waited += kStepMillis) {
+        if (waited >= millis)
+            return false;
+        ::usleep(kStepMillis * 1000);
     }
-    sigprocmask(SIG_SETMASK, &m_savedMask, nullptr);
-}
-
-bool CStopSignals::waitForStop(int millis)
-{
-    const sigset_t stops = stopSignalSet();
-    const timespec timeout{millis / 1000, static_cast<long>(millis % 1000) * 1000000L};
-    return sigtimedwait(&stops, nullptr, &timeout) > 0;
+    return true;
 }
 
 } // namespace cli

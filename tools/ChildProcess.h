@@ -1,8 +1,7 @@
 // Programs that the serving commands run beside themselves (nbdkit, nbdfuse),
-// and the stop signals of the user (Ctrl-C, kill) that end them.
+// and waiting for the user to stop them (Ctrl-C, kill).
 #pragma once
 
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -38,21 +37,8 @@ private:
     int m_exitStatus = 0;
 };
 
-// Blocks SIGINT, SIGTERM and SIGHUP for the calling process while it lives,
-// so that they can be waited for; programs started meanwhile get them
-// unblocked. Restores the old mask when it goes.
-class CStopSignals {
-public:
-    CStopSignals();
-    ~CStopSignals();
-    CStopSignals(const CStopSignals&) = delete;
-    CStopSignals& operator=(const CStopSignals&) = delete;
-
-    // Waits up to `millis` for a stop signal; true when one came.
-    bool waitForStop(int millis);
-
-private:
-    sigset_t m_savedMask;
-};
+// Waits up to `millis` for Ctrl-C or SIGTERM (see Interrupt.h); true when
+// one came, now or before.
+bool waitForInterrupt(int millis);
 
 } // namespace cli

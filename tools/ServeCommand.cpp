@@ -166,15 +166,15 @@ public:
     }
 
     // Waits until the server accepts connections; false when it ended first
-    // or a stop signal came.
-    bool waitUntilReady(CStopSignals& signals)
+    // or Ctrl-C came.
+    bool waitUntilReady()
     {
         while (m_process->isRunning()) {
             if (serverAnswers(m_socket, m_port)) {
                 m_passwordFile.reset();
                 return true;
             }
-            if (signals.waitForStop(50))
+            if (waitForInterrupt(50))
                 return false;
         }
         return false;
@@ -213,9 +213,8 @@ int runServe(const ServeOptions& options)
     if (options.port == 0)
         socketPath = options.socket.empty() ? "/tmp/brickdisk-" + std::to_string(::getpid()) + ".sock"
                                             : std::filesystem::absolute(options.socket).string();
-    CStopSignals signals;
     CServer server(options, socketPath);
-    if (!server.waitUntilReady(signals)) {
+    if (!server.waitUntilReady()) {
         if (!server.process().isRunning())
             serverEndedEarly(server.process());
         server.process().terminate();
@@ -224,7 +223,7 @@ int runServe(const ServeOptions& options)
     std::printf("Serving %s%s at %s\nPress Ctrl-C to stop.\n", options.disk.c_str(),
                 server.readOnly() ? " (read-only)" : "", server.uri().c_str());
     std::fflush(stdout);
-    while (server.process().isRunning() && !signals.waitForStop(200)) {
+    while (server.process().isRunning() && !waitForInterrupt(200)) {
     }
     // nbdkit flushes the disk before it ends.
     const int status = server.process().terminate();
@@ -242,11 +241,10 @@ int runMount(const ServeOptions& options, const std::string& mountFolder)
     const std::string privateFolder = pattern;
     const std::string socketPath = privateFolder + "/nbd.sock";
     const std::string folder = std::filesystem::absolute(mountFolder).lexically_normal().string();
-    CStopSignals signals;
     int status = 0;
     {
         CServer server(options, socketPath);
-        if (!server.waitUntilReady(signals)) {
+        if (!server.waitUntilReady()) {
             const bool ended = !server.process().isRunning();
             server.process().terminate();
             ::rmdir(privateFolder.c_str());
@@ -265,7 +263,7 @@ int runMount(const ServeOptions& options, const std::string& mountFolder)
                     options.disk.c_str(), server.readOnly() ? " (read-only)" : "", folder.c_str(),
                     kMountedFileName, folder.c_str(), kMountedFileName, folder.c_str());
         std::fflush(stdout);
-        while (mount.isRunning() && server.process().isRunning() && !signals.waitForStop(200)) {
+        while (mount.isRunning() && server.process().isRunning() && !waitForInterrupt(200)) {
         }
         if (mount.isRunning()) {
             CChildProcess unmount({"fusermount3", "-u", folder});
