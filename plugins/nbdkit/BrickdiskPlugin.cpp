@@ -217,13 +217,19 @@ int brickdiskFlush(void*, uint32_t)
     return request("flush", [] { served->device().flush(); });
 }
 
-// Trimmed ranges read as zeros afterwards: whole bricks then store nothing.
-int brickdiskTrim(void*, uint32_t count, uint64_t offset, uint32_t flags)
+// Trimmed ranges read as zeros afterwards, like zeroed ones: whole bricks
+// then store nothing.
+int zeroRange(const char* what, uint32_t count, uint64_t offset, uint32_t flags)
 {
-    return request("trim", [&] {
+    return request(what, [&] {
         served->device().zero(static_cast<int64_t>(offset), count);
         flushIfAsked(flags);
     });
+}
+
+int brickdiskTrim(void*, uint32_t count, uint64_t offset, uint32_t flags)
+{
+    return zeroRange("trim", count, offset, flags);
 }
 
 int brickdiskZero(void*, uint32_t count, uint64_t offset, uint32_t flags)
@@ -232,7 +238,7 @@ int brickdiskZero(void*, uint32_t count, uint64_t offset, uint32_t flags)
         nbdkit_set_error(ENOTSUP);
         return -1;
     }
-    return brickdiskTrim(nullptr, count, offset, flags);
+    return zeroRange("zero", count, offset, flags);
 }
 
 int brickdiskExtents(void*, uint32_t count, uint64_t offset, uint32_t, struct nbdkit_extents* extents)
