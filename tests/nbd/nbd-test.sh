@@ -110,6 +110,14 @@ case_info_and_map() {
   grep -Eq '^ *2097152 +3145728 +0 +data$' "$work/map.txt" || fail "no data at 2 MiB: $(cat "$work/map.txt")"
   grep -Eq '^ *9437184 +524288 +0 +data$' "$work/map.txt" || fail "no data brick at 9 MiB: $(cat "$work/map.txt")"
   grep -Eq '^ *9961472 +5767168 +3 +hole,zero$' "$work/map.txt" || fail "no hole after 9.5 MiB: $(cat "$work/map.txt")"
+
+  # Trim and zero of whole bricks leave holes behind and read as zeros.
+  command -v qemu-io >/dev/null || return 0
+  qemu-io -f raw "$uri" -c "discard 2M 1M" -c "write -z 3M 512k" -c flush >"$work/trim.log" ||
+    fail "trim and zero failed: $(cat "$work/trim.log")"
+  qemu-io -f raw "$uri" -c "read -P 0 2M 1536k" >"$work/read-zeros.log" || fail "trimmed bytes do not read as zeros"
+  nbdinfo --map "$uri" >"$work/map2.txt"
+  grep -Eq '^ *0 +3670016 +3 +hole,zero$' "$work/map2.txt" || fail "no hole where trimmed: $(cat "$work/map2.txt")"
 }
 
 case_copy_in_and_out() {
