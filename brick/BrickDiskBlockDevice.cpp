@@ -319,7 +319,7 @@ void CBrickDiskBlockDevice::startStore(const std::shared_ptr<PendingStore>& stor
         P<zo::TBuffer<uint8>> prepared;
         if (!isAllZero(*store->data)) {
             prepared = P<zo::TBuffer<uint8>>(new zo::TBuffer<uint8>());
-            worker.preparer->prepareData(*store->data, *prepared);
+            worker.preparer->prepareData(*store->data, *prepared, store->index);
         }
         waitForEarlierStore(*store);
         worker.brick->seek(store->index, 0);
