@@ -40,7 +40,7 @@ CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
     m_searchFolders.push_front(diskFolder);
     m_preparer = P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, cipherKey));
     m_maxPreparedSize = static_cast<int64>(m_header.getBrickSize() * 1.1 + 1024.0);
-    m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(20, static_cast<int>(m_maxPreparedSize), 1));
+    m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(m_maxBackgroundOps + 2, static_cast<int>(m_maxPreparedSize), 1));
 
     TBuffer<uint8> zeros(m_header.getBrickSize());
     if (zeros.getUsed() > 0)

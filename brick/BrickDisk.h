@@ -143,6 +143,8 @@ public:
     // background save is done. Never throws.
     ~CBrickDisk() override;
 
+    // The file system that the disk was opened through.
+    IFileSystem* getFileSystem() const { return m_fs.get(); }
     CURI getDiskFolder() const { return m_diskFolder; }
     // The child disk's folder; empty when there is none (or its folder is gone).
     CURI getChildDiskFolder() const { return m_childDiskFolder; }

@@ -10,6 +10,7 @@
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
+#include "brick/BrickDiskBlockDevice.h"
 #include "brick/BrickDiskLock.h"
 #include "brick/BrickDiskRemover.h"
 #include "brick/BrickDiskStream.h"

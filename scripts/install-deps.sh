@@ -11,6 +11,7 @@ packages=(
   clang e2fsprogs
   librados-dev libradospp-dev
   ceph-mon ceph-mgr ceph-osd ceph-common radosgw curl
+  nbdkit nbdkit-plugin-dev libnbd-bin fuse3 fio qemu-utils
 )
 
 missing=()

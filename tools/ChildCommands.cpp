@@ -11,6 +11,8 @@
 #include "DiskAccess.h"
 #include "UsageError.h"
 
+#include "plugins/nbdkit/ControlSocket.h"
+
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskLink.h"
@@ -20,6 +22,8 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace cli {
@@ -51,6 +55,23 @@ void refuseFolderInsideChain(const brick::CBrickDiskChain& chain, const zo::CURI
     }
 }
 
+// A served disk is snapshotted by its server, which holds new requests back
+// while it makes the child, so the snapshot holds every write acknowledged
+// before. False when no server serves the disk.
+bool takenByServer(const zo::CURI& parent, const zo::CURI& child)
+{
+    const std::optional<std::string> answer =
+        nbdplugin::requestSnapshotFromServer(parent.toLocalPath(), child.toLocalPath());
+    if (!answer)
+        return false;
+    if (!answer->empty())
+        throw zo::CError("The server of the disk could not take the snapshot: " + zo::String(*answer), zo::String(),
+                         -1, zo::CProps().add("diskFolder", parent.toString(true)));
+    std::printf("created snapshot %s of %s (taken by the server of the disk)\n", child.toLocalPath().c_str(),
+                parent.toLocalPath().c_str());
+    return true;
+}
+
 int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, const char* what)
 {
     const zo::CURI parent = diskFolderURI(options.disk);
@@ -62,11 +83,13 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
     const brick::CBrickDiskChain chain(fs.get(), parent);
     chain.validate();
     refuseFolderInsideChain(chain, child);
-    // Making a child rewrites the parent's link to its child.
-    const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
     if (!isMissingOrEmptyFolder(fs.get(), child))
         throw zo::CError("Cannot create a child disk in a folder that is not empty.", zo::String(), -1,
                          zo::CProps().add("diskFolder", child.toString(true)));
+    if (type == brick::CBrickDisk::linkedChild && takenByServer(parent, child))
+        return 0;
+    // Making a child rewrites the parent's link to its child.
+    const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
     brick::CBrickDisk::createChild(fs.get(), child, parent, type);
     if (type == brick::CBrickDisk::standAloneChild) {
         // The library gives a stand-alone child a link to the parent's own

@@ -27,6 +27,9 @@ CommandAction addDeleteCommand(CLI::App& program);
 CommandAction addSnapshotsCommand(CLI::App& program);
 CommandAction addDiffCommand(CLI::App& program);
 CommandAction addPasswdCommand(CLI::App& program);
+CommandAction addServeCommand(CLI::App& program);
+CommandAction addMountCommand(CLI::App& program);
+CommandAction addUnmountCommand(CLI::App& program);
 
 // The default number of worker threads: one per processor.
 int defaultJobCount();

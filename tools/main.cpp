@@ -90,6 +90,9 @@ int main(int argc, char** argv)
     add(cli::addDeleteCommand);
     add(cli::addDiffCommand);
     add(cli::addPasswdCommand);
+    add(cli::addServeCommand);
+    add(cli::addMountCommand);
+    add(cli::addUnmountCommand);
 
     // CLI11 would take an unknown first word for a missing subcommand.
     if (argc > 1 && argv[1][0] != '-') {

@@ -7,7 +7,8 @@ class CommandLineTest : public CliTest {};
 
 TEST_F(CommandLineTest, EverySubcommandHasHelp)
 {
-    for (const std::string command : {"create", "info", "import", "export", "snapshot", "child", "check"}) {
+    for (const std::string command :
+         {"create", "info", "import", "export", "snapshot", "child", "check", "serve", "mount", "unmount"}) {
         SCOPED_TRACE(command);
         const RunResult result = run({command, "--help"});
         EXPECT_EQ(result.exitStatus, 0);

@@ -1,0 +1,532 @@
+#include "brick/BrickDiskBlockDevice.h"
+
+#include "zo/Log.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+namespace brick {
+
+using zo::CIOError;
+using zo::CProps;
+
+// One brick in the cache. `data` is null while the brick is being loaded;
+// its bytes are guarded by `bytes`, everything else by the device's mutex.
+struct CBrickDiskBlockDevice::CachedBrick {
+    int64 index = 0;
+    BrickData data;
+    bool loading = false;
+    bool dirty = false;
+    int users = 0;
+    std::list<int64>::iterator recency;
+    std::shared_mutex bytes;
+};
+
+// The bytes of a brick that is on its way to the file system. They answer
+// reads of the brick until the store has ended, because the store moves and
+// replaces files that a load would otherwise read half-way.
+struct CBrickDiskBlockDevice::PendingStore {
+    int64 index = 0;
+    BrickData data;
+    // The earlier store of the same brick that has to end first, if any.
+    std::shared_ptr<PendingStore> previous;
+    // Set, under the device's mutex, once the store was started or failed to.
+    bool started = false;
+    P<CBrickStorer> storer;
+};
+
+// A brick object and a preparer of the current disk, lent to one thread at a
+// time for storing.
+struct CBrickDiskBlockDevice::StoreWorker {
+    P<CBrick> brick;
+    P<CBrickDataPreparer> preparer;
+};
+
+namespace {
+
+bool isAllZero(const zo::TBuffer<uint8>& buffer)
+{
+    return zo::isAllZero(buffer.getData(), static_cast<size_t>(buffer.getUsed()));
+}
+
+constexpr size_t kMinimumCachedBricks = 4;
+
+} // namespace
+
+CBrickDiskBlockDevice::CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes)
+    : m_diskSize(disk->getSize()), m_brickSize(disk->getBrickSize()),
+      m_writable(disk->getAccess() == zo::IIOStream::AccessReadWrite),
+      m_capacity(std::max<size_t>(kMinimumCachedBricks,
+                                  static_cast<size_t>(std::max<int64>(0, cacheBytes) / std::max<int64>(1, m_brickSize)))),
+      m_disk(disk)
+{
+    if (m_brickSize < 1)
+        throw CIOError(CIOError::InvalidData, "Brick disk has no valid brick size.",
+                       CProps().add("diskFolder", disk->getDiskFolder().toString(true)));
+}
+
+CBrickDiskBlockDevice::~CBrickDiskBlockDevice()
+{
+    try {
+        std::unique_lock gate(m_gate);
+        flushLocked();
+    } catch (const std::exception& e) {
+        zo::onExceptionInDestructorIgnored("brick::CBrickDiskBlockDevice", e, true);
+    }
+}
+
+P<CBrickDisk> CBrickDiskBlockDevice::getDisk()
+{
+    std::lock_guard lock(m_mutex);
+    return m_disk;
+}
+
+// ---- Reading and writing ----------------------------------------------------
+
+void CBrickDiskBlockDevice::read(void* dst, int64 offset, int64 size)
+{
+    std::shared_lock gate(m_gate);
+    checkRange(offset, size, CIOError::EndOfData);
+    auto* out = static_cast<uint8*>(dst);
+    while (size > 0) {
+        const int64 index = offset / m_brickSize;
+        const int64 inBrick = offset % m_brickSize;
+        const int64 count = std::min(size, m_brickSize - inBrick);
+        const std::shared_ptr<CachedBrick> brick = acquire(index, false);
+        {
+            std::shared_lock bytes(brick->bytes);
+            std::memcpy(out, brick->data->getData() + inBrick, static_cast<size_t>(count));
+        }
+        releaseBrick(brick, false);
+        out += count;
+        offset += count;
+        size -= count;
+    }
+}
+
+void CBrickDiskBlockDevice::write(const void* src, int64 offset, int64 size)
+{
+    const auto* in = static_cast<const uint8*>(src);
+    modify(offset, size, [&in](uint8* dst, int64 count) {
+        std::memcpy(dst, in, static_cast<size_t>(count));
+        in += count;
+    });
+}
+
+void CBrickDiskBlockDevice::zero(int64 offset, int64 size)
+{
+    modify(offset, size, [](uint8* dst, int64 count) { std::memset(dst, 0, static_cast<size_t>(count)); });
+}
+
+void CBrickDiskBlockDevice::modify(int64 offset, int64 size, const std::function<void(uint8*, int64)>& change)
+{
+    std::shared_lock gate(m_gate);
+    if (!m_writable)
+        throw CIOError(CIOError::ReadOnly, "Brick disk is served read-only.",
+                       CProps().add("position", offset).add("size", size));
+    checkRange(offset, size, CIOError::WriteBeyondSize);
+    while (size > 0) {
+        const int64 index = offset / m_brickSize;
+        const int64 inBrick = offset % m_brickSize;
+        const int64 count = std::min(size, m_brickSize - inBrick);
+        const int64 bytesInBrick = std::min(m_brickSize, m_diskSize - index * m_brickSize);
+        const std::shared_ptr<CachedBrick> brick = acquire(index, inBrick == 0 && count == bytesInBrick);
+        {
+            std::unique_lock bytes(brick->bytes);
+            change(brick->data->getData() + inBrick, count);
+        }
+        releaseBrick(brick, true);
+        offset += count;
+        size -= count;
+    }
+}
+
+void CBrickDiskBlockDevice::checkRange(int64 offset, int64 size, CIOError::Code code) const
+{
+    if (offset < 0 || size < 0 || offset > m_diskSize || size > m_diskSize - offset)
+        throw CIOError(code, "Range lies outside the brick disk.",
+                       CProps().add("position", offset).add("size", size).add("diskSize", m_diskSize));
+}
+
+// ---- The cache ------------------------------------------------------------------
+
+std::shared_ptr<CBrickDiskBlockDevice::CachedBrick> CBrickDiskBlockDevice::acquire(int64 index, bool overwriteWhole)
+{
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        const auto found = m_cache.find(index);
+        if (found == m_cache.end())
+            break;
+        const std::shared_ptr<CachedBrick> brick = found->second;
+        if (brick->loading) {
+            // Another thread loads it; a failed load removes it, and this
+            // thread then tries for itself.
+            m_changed.wait(lock);
+            continue;
+        }
+        ++brick->users;
+        m_recency.splice(m_recency.begin(), m_recency, brick->recency);
+        return brick;
+    }
+
+    auto brick = std::make_shared<CachedBrick>();
+    brick->index = index;
+    brick->users = 1;
+    m_recency.push_front(index);
+    brick->recency = m_recency.begin();
+    m_cache[index] = brick;
+    if (overwriteWhole) {
+        brick->data = newBrickData();
+        return brick;
+    }
+    const auto pending = m_pendingStores.find(index);
+    if (pending != m_pendingStores.end()) {
+        brick->data = BrickData(new zo::TBuffer<uint8>(*pending->second->data));
+        return brick;
+    }
+
+    brick->loading = true;
+    lock.unlock();
+    BrickData data;
+    try {
+        data = loadBrick(index);
+    } catch (...) {
+        lock.lock();
+        m_recency.erase(brick->recency);
+        m_cache.erase(index);
+        m_changed.notify_all();
+        throw;
+    }
+    lock.lock();
+    brick->data = data;
+    brick->loading = false;
+    m_changed.notify_all();
+    return brick;
+}
+
+void CBrickDiskBlockDevice::releaseBrick(const std::shared_ptr<CachedBrick>& brick, bool changed)
+{
+    std::unique_lock lock(m_mutex);
+    if (changed)
+        brick->dirty = true;
+    --brick->users;
+    evictWhileOverCapacity(lock);
+}
+
+void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>& lock)
+{
+    while (m_cache.size() > m_capacity) {
+        // The least recently used brick that no thread holds.
+        auto victim = m_recency.end();
+        for (auto it = m_recency.end(); it != m_recency.begin();) {
+            --it;
+            const CachedBrick& candidate = *m_cache.at(*it);
+            if (candidate.users == 0 && !candidate.loading) {
+                victim = it;
+                break;
+            }
+        }
+        if (victim == m_recency.end())
+            return;
+        const std::shared_ptr<CachedBrick> brick = m_cache.at(*victim);
+        m_recency.erase(victim);
+        m_cache.erase(brick->index);
+        if (brick->dirty)
+            storeInBackground(brick->index, brick->data, lock);
+    }
+}
+
+CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::loadBrick(int64 index)
+{
+    P<CBrick> loader = borrowLoader();
+    BrickData data = newBrickData();
+    try {
+        // A brick object keeps the payload of the brick it was last moved
+        // to; that brick may have been stored anew since, so the loader is
+        // moved off it first and reads the files again.
+        loader->seek(-1, 0);
+        loader->seek(index, 0);
+        const int got = loader->readLaxInsideBrick(data->getData(), static_cast<int>(m_brickSize));
+        if (got < m_brickSize)
+            std::memset(data->getData() + got, 0, static_cast<size_t>(m_brickSize - got));
+    } catch (...) {
+        returnLoader(loader);
+        throw;
+    }
+    returnLoader(loader);
+    return data;
+}
+
+CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::newBrickData() const
+{
+    BrickData data(new zo::TBuffer<uint8>(static_cast<int>(m_brickSize)));
+    std::memset(data->getData(), 0, static_cast<size_t>(m_brickSize));
+    return data;
+}
+
+P<CBrick> CBrickDiskBlockDevice::borrowLoader()
+{
+    std::unique_lock lock(m_mutex);
+    if (!m_idleLoaders.empty()) {
+        P<CBrick> loader = m_idleLoaders.back();
+        m_idleLoaders.pop_back();
+        return loader;
+    }
+    const P<CBrickDisk> disk = m_disk;
+    lock.unlock();
+    return disk->newStandAloneBrickObject();
+}
+
+void CBrickDiskBlockDevice::returnLoader(P<CBrick> loader)
+{
+    std::lock_guard lock(m_mutex);
+    m_idleLoaders.push_back(std::move(loader));
+}
+
+// ---- Storing ------------------------------------------------------------------------
+
+void CBrickDiskBlockDevice::storeInBackground(int64 index, BrickData data, std::unique_lock<std::mutex>& lock)
+{
+    const std::shared_ptr<PendingStore> store = addPendingStore(index, std::move(data));
+    lock.unlock();
+    startStore(store);
+    lock.lock();
+}
+
+std::shared_ptr<CBrickDiskBlockDevice::PendingStore> CBrickDiskBlockDevice::addPendingStore(int64 index,
+                                                                                           BrickData data)
+{
+    auto store = std::make_shared<PendingStore>();
+    store->index = index;
+    store->data = std::move(data);
+    std::shared_ptr<PendingStore>& newest = m_pendingStores[index];
+    store->previous = newest;
+    newest = store;
+    m_allPendingStores.push_back(store);
+    return store;
+}
+
+// Prepares the brick on the calling thread and starts its store. A failure
+// is kept for the next flush, which reports it.
+void CBrickDiskBlockDevice::startStore(const std::shared_ptr<PendingStore>& store)
+{
+    StoreWorker worker = borrowStoreWorker();
+    P<CBrickStorer> storer;
+    P<zo::CError> failure;
+    try {
+        P<zo::TBuffer<uint8>> prepared;
+        if (!isAllZero(*store->data)) {
+            prepared = P<zo::TBuffer<uint8>>(new zo::TBuffer<uint8>());
+            worker.preparer->prepareData(*store->data, *prepared, store->index);
+        }
+        waitForEarlierStore(*store);
+        worker.brick->seek(store->index, 0);
+        storer = worker.brick->writePreparedBrick(prepared.get(), nullptr);
+    } catch (const zo::CError& e) {
+        zo::logError(e, "Error initiating background brick storing operation.", zo::String::getEmptyString());
+        failure = e.clone();
+    } catch (const std::exception& e) {
+        failure = zo::CStdExceptionError::exceptionToError(&e);
+    }
+    std::lock_guard lock(m_mutex);
+    m_idleStoreWorkers.push_back(std::move(worker));
+    store->previous.reset();
+    store->storer = storer;
+    store->started = true;
+    if (failure)
+        m_storeErrors.push_back(failure);
+    forgetEndedStores();
+    m_changed.notify_all();
+}
+
+// Stores of one brick never overlap, so that the later one lands last.
+void CBrickDiskBlockDevice::waitForEarlierStore(const PendingStore& store)
+{
+    if (!store.previous)
+        return;
+    const PendingStore& previous = *store.previous;
+    P<CBrickStorer> storer;
+    {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [&previous] { return previous.started; });
+        storer = previous.storer;
+    }
+    if (storer)
+        storer->waitFinished(-1);
+}
+
+CBrickDiskBlockDevice::StoreWorker CBrickDiskBlockDevice::borrowStoreWorker()
+{
+    std::unique_lock lock(m_mutex);
+    if (!m_idleStoreWorkers.empty()) {
+        StoreWorker worker = m_idleStoreWorkers.back();
+        m_idleStoreWorkers.pop_back();
+        return worker;
+    }
+    const P<CBrickDisk> disk = m_disk;
+    lock.unlock();
+    return StoreWorker{disk->newStandAloneBrickObject(), disk->createDataPreparer()};
+}
+
+void CBrickDiskBlockDevice::forgetEndedStores()
+{
+    std::erase_if(m_allPendingStores, [this](const std::shared_ptr<PendingStore>& store) {
+        if (!store->started || (store->storer && !store->storer->waitFinished(0)))
+            return false;
+        if (store->storer) {
+            if (const PC<zo::CError> error = store->storer->getError())
+                m_storeErrors.push_back(error->clone());
+        }
+        const auto newest = m_pendingStores.find(store->index);
+        if (newest != m_pendingStores.end() && newest->second == store)
+            m_pendingStores.erase(newest);
+        return true;
+    });
+}
+
+void CBrickDiskBlockDevice::flush()
+{
+    std::shared_lock gate(m_gate);
+    flushLocked();
+}
+
+void CBrickDiskBlockDevice::flushLocked()
+{
+    std::vector<std::shared_ptr<PendingStore>> stores;
+    std::vector<std::shared_ptr<PendingStore>> waitFor;
+    {
+        std::lock_guard lock(m_mutex);
+        for (const auto& [index, brick] : m_cache) {
+            if (brick->loading || !brick->dirty)
+                continue;
+            BrickData copy;
+            {
+                std::shared_lock bytes(brick->bytes);
+                copy = BrickData(new zo::TBuffer<uint8>(*brick->data));
+            }
+            brick->dirty = false;
+            stores.push_back(addPendingStore(index, copy));
+        }
+        waitFor = m_allPendingStores;
+    }
+    startStoresInParallel(stores);
+    for (const std::shared_ptr<PendingStore>& store : waitFor) {
+        P<CBrickStorer> storer;
+        {
+            std::unique_lock lock(m_mutex);
+            m_changed.wait(lock, [&store] { return store->started; });
+            storer = store->storer;
+        }
+        if (storer)
+            storer->waitFinished(-1);
+    }
+
+    std::lock_guard lock(m_mutex);
+    forgetEndedStores();
+    if (m_storeErrors.empty())
+        return;
+    const P<zo::CError> first = m_storeErrors.front();
+    m_storeErrors.clear();
+    throw zo::CError("Storing changed bricks failed.", zo::String(), -1,
+                     CProps().add("diskFolder", m_disk->getDiskFolder().toString(true)), first.get());
+}
+
+// Preparing a brick (compressing, encrypting) is the costly part of a store,
+// so a flush of many bricks prepares them on one thread per processor.
+void CBrickDiskBlockDevice::startStoresInParallel(const std::vector<std::shared_ptr<PendingStore>>& stores)
+{
+    const size_t threadCount =
+        std::min<size_t>(stores.size(), std::max(1u, std::thread::hardware_concurrency()));
+    std::atomic<size_t> next{0};
+    const auto work = [&] {
+        for (size_t i = next++; i < stores.size(); i = next++)
+            startStore(stores[i]);
+    };
+    std::vector<std::thread> threads;
+    for (size_t t = 1; t < threadCount; ++t)
+        threads.emplace_back(work);
+    work();
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+// ---- Extents ------------------------------------------------------------------------
+
+std::vector<CBrickDiskBlockDevice::Extent> CBrickDiskBlockDevice::mapExtents(int64 offset, int64 size)
+{
+    std::shared_lock gate(m_gate);
+    if (offset < 0 || offset >= m_diskSize)
+        throw CIOError(CIOError::EndOfData, "Range lies outside the brick disk.",
+                       CProps().add("position", offset).add("size", size).add("diskSize", m_diskSize));
+    const int64 end = offset + std::min(std::max<int64>(0, size), m_diskSize - offset);
+    std::vector<Extent> extents;
+    for (int64 position = offset; position < end;) {
+        const int64 index = position / m_brickSize;
+        const int64 brickEnd = std::min(end, (index + 1) * m_brickSize);
+        const ExtentKind kind = kindOfBrick(index);
+        if (!extents.empty() && extents.back().kind == kind)
+            extents.back().length += brickEnd - position;
+        else
+            extents.push_back(Extent{position, brickEnd - position, kind});
+        position = brickEnd;
+    }
+    return extents;
+}
+
+CBrickDiskBlockDevice::ExtentKind CBrickDiskBlockDevice::kindOfBrick(int64 index)
+{
+    P<CBrickDisk> disk;
+    {
+        std::lock_guard lock(m_mutex);
+        const auto cached = m_cache.find(index);
+        if (cached != m_cache.end()) {
+            const CachedBrick& brick = *cached->second;
+            if (brick.loading)
+                return ExtentKind::Data;
+            // A clean brick reads as it is stored, so the files tell.
+            if (brick.dirty) {
+                std::shared_lock bytes(cached->second->bytes);
+                return isAllZero(*brick.data) ? ExtentKind::Zero : ExtentKind::Data;
+            }
+        }
+        const auto pending = m_pendingStores.find(index);
+        if (pending != m_pendingStores.end())
+            return isAllZero(*pending->second->data) ? ExtentKind::Zero : ExtentKind::Data;
+        disk = m_disk;
+    }
+    const zo::CURI relativeURI = CBrick::getRelativeBrickURI(disk->getHeader(), index);
+    zo::IFileSystem* fs = disk->getFileSystem();
+    if (fs->fileExists(disk->getDiskFolder() << relativeURI))
+        return ExtentKind::Data;
+    for (const zo::CURI& parent : disk->getParentDiskFolders()) {
+        if (fs->fileExists(parent << relativeURI))
+            return ExtentKind::Data;
+    }
+    return ExtentKind::Hole;
+}
+
+// ---- Replacing the disk ---------------------------------------------------------------
+
+void CBrickDiskBlockDevice::pauseAndReplaceDisk(const std::function<P<CBrickDisk>(P<CBrickDisk>)>& replaceDisk)
+{
+    std::unique_lock gate(m_gate);
+    flushLocked();
+    P<CBrickDisk> current;
+    {
+        std::lock_guard lock(m_mutex);
+        current = m_disk;
+    }
+    const P<CBrickDisk> replacement = replaceDisk(current);
+    if (!replacement)
+        return;
+    std::lock_guard lock(m_mutex);
+    // The brick objects know the old disk's child and parents; new ones are
+    // made from the replacement on demand.
+    m_idleLoaders.clear();
+    m_idleStoreWorkers.clear();
+    m_disk = replacement;
+}
+
+} // namespace brick

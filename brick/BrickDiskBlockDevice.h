@@ -1,0 +1,158 @@
+// CBrickDiskBlockDevice: a disk as a block device that many threads read and
+// write at byte offsets at once, for servers that present a disk to clients.
+#pragma once
+
+#include "brick/Brick.h"
+#include "brick/BrickDataPreparer.h"
+#include "brick/BrickDisk.h"
+
+#include "zo/Base.h"
+#include "zo/Buffer.h"
+#include "zo/Error.h"
+#include "zo/Export.h"
+
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+namespace brick {
+
+// Positional, thread-safe access to one open disk through a cache of decoded
+// bricks.
+//
+// Every call may come from any thread, at the same time as any other call.
+// A brick that several threads need is loaded and decoded once, by the first
+// of them, while the others wait for it; different bricks load in parallel.
+// Writes change the cached brick; a changed brick is prepared (compressed,
+// encrypted) and handed to a background store when the cache evicts it or
+// when flush() is called. Until its store has ended, its bytes stay in memory
+// and every read sees them.
+//
+// The device holds a counted reference to its disk and is the disk's only
+// user while it lives: nobody else may read, write or flush the disk.
+class BRICKDISK_EXPORT CBrickDiskBlockDevice : public zo::CBase {
+public:
+    // What a byte range holds, as mapExtents reports it.
+    enum class ExtentKind {
+        Data,  // bytes stored somewhere in the chain, or written since
+        Zero,  // written since, and all zero
+        Hole,  // stored nowhere in the chain: reads as zeros
+    };
+    struct Extent {
+        int64 offset;
+        int64 length;
+        ExtentKind kind;
+    };
+
+    // A device over `disk`, whose bricks it reads through its own brick
+    // objects. The cache keeps about `cacheBytes` of decoded bricks (never
+    // fewer than 4 bricks). Writable when the disk was opened for reading and
+    // writing. Throws what making the brick objects throws.
+    CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes);
+    // Flushes what was written and waits for every store; a failure is
+    // logged, never thrown.
+    ~CBrickDiskBlockDevice() override;
+
+    int64 getSize() const { return m_diskSize; }
+    int64 getBrickSize() const { return m_brickSize; }
+    bool isWritable() const { return m_writable; }
+    // The disk that the device currently serves.
+    P<CBrickDisk> getDisk();
+
+    // Copies `size` bytes at `offset` into `dst`. Throws zo::CIOError
+    // EndOfData when the range passes the end of the disk (before copying),
+    // and the brick's load error when a brick cannot be loaded or decoded.
+    void read(void* dst, int64 offset, int64 size);
+    // Writes `size` bytes at `offset`. Throws zo::CIOError ReadOnly on a
+    // device that is not writable, WriteBeyondSize when the range passes the
+    // end (both before writing anything), and a load error when a brick that
+    // is partly written cannot be loaded. Whole bricks are written without
+    // loading their old content.
+    void write(const void* src, int64 offset, int64 size);
+    // Makes `size` bytes at `offset` read as zeros, with the errors of
+    // write(). Whole bricks in the range become all-zero bricks, which are
+    // stored as no file (or as the small all-zero brick where a parent's
+    // brick would show through); the edges are written as zeros.
+    void zero(int64 offset, int64 size);
+    // Returns once everything written before the call is stored by the file
+    // system (durably, when it stores durably). Throws a zo::CError "Storing
+    // changed bricks failed." with the first failure as its cause when any
+    // store since the last flush failed; the failures are then forgotten.
+    void flush();
+    // What the bytes from `offset` on hold, as consecutive extents that cover
+    // the range (clipped to the disk); whole bricks at a time. Throws
+    // zo::CIOError EndOfData when `offset` is outside the disk.
+    std::vector<Extent> mapExtents(int64 offset, int64 size);
+
+    // Waits for the calls in progress and holds new ones back, flushes, runs
+    // `replaceDisk` and serves the disk that it returns from then on (the
+    // cache stays: the new disk must hold what the old one held, such as the
+    // same disk reopened after a child was made). A null result keeps the old
+    // disk. Errors of the flush and of `replaceDisk` are thrown, and the old
+    // disk is kept.
+    void pauseAndReplaceDisk(const std::function<P<CBrickDisk>(P<CBrickDisk> current)>& replaceDisk);
+
+private:
+    struct CachedBrick;
+    struct PendingStore;
+    struct StoreWorker;
+    using BrickData = P<zo::TBuffer<uint8>>;
+
+    void modify(int64 offset, int64 size, const std::function<void(uint8* dst, int64 count)>& change);
+    void checkRange(int64 offset, int64 size, zo::CIOError::Code code) const;
+
+    // The cached brick `index`, loaded when needed, held until releaseBrick().
+    // With `overwriteWhole` a missing brick is not loaded but starts as
+    // zeros (it is about to be overwritten whole).
+    std::shared_ptr<CachedBrick> acquire(int64 index, bool overwriteWhole);
+    void releaseBrick(const std::shared_ptr<CachedBrick>& brick, bool changed);
+    void evictWhileOverCapacity(std::unique_lock<std::mutex>& lock);
+    BrickData loadBrick(int64 index);
+    BrickData newBrickData() const;
+    ExtentKind kindOfBrick(int64 index);
+
+    // Brick objects of the current disk, each lent to one thread at a time.
+    P<CBrick> borrowLoader();
+    void returnLoader(P<CBrick> loader);
+    StoreWorker borrowStoreWorker();
+
+    // Called with the mutex held.
+    std::shared_ptr<PendingStore> addPendingStore(int64 index, BrickData data);
+    void storeInBackground(int64 index, BrickData data, std::unique_lock<std::mutex>& lock);
+    void forgetEndedStores();
+    // Called without the mutex.
+    void startStore(const std::shared_ptr<PendingStore>& store);
+    void startStoresInParallel(const std::vector<std::shared_ptr<PendingStore>>& stores);
+    void waitForEarlierStore(const PendingStore& store);
+    // Called with the gate held.
+    void flushLocked();
+
+    int64 m_diskSize;
+    int64 m_brickSize;
+    bool m_writable;
+    size_t m_capacity;
+
+    // Held shared by every call, and alone while the disk is replaced.
+    std::shared_mutex m_gate;
+
+    // Guards everything below.
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    P<CBrickDisk> m_disk;
+    std::vector<P<CBrick>> m_idleLoaders;
+    std::vector<StoreWorker> m_idleStoreWorkers;
+    std::map<int64, std::shared_ptr<CachedBrick>> m_cache;
+    // Least recently used last.
+    std::list<int64> m_recency;
+    // The newest store of each brick whose store has not been seen to end.
+    std::map<int64, std::shared_ptr<PendingStore>> m_pendingStores;
+    std::vector<std::shared_ptr<PendingStore>> m_allPendingStores;
+    std::vector<P<zo::CError>> m_storeErrors;
+};
+
+} // namespace brick

@@ -1,0 +1,300 @@
+// nbdkit-brickdisk-plugin: serves one brick disk over NBD.
+//
+//   nbdkit brickdisk disk=FOLDER [readonly=true] [cache=SIZE] [password-file=FILE]
+//
+// All connections share one block device, so a flush on any connection makes
+// every write acknowledged before it durable (multi-conn consistent).
+#define NBDKIT_API_VERSION 2
+#include <nbdkit-plugin.h>
+
+#include "ServedDisk.h"
+#include "SnapshotControl.h"
+
+#include "brick/BrickDiskError.h"
+#include "zo/Error.h"
+#include "zo/Log.h"
+
+#include <cerrno>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#define THREAD_MODEL NBDKIT_THREAD_MODEL_PARALLEL
+
+namespace {
+
+using brick::CBrickDiskBlockDevice;
+using nbdplugin::CServedDisk;
+
+nbdplugin::ServeOptions options;
+bool diskGiven = false;
+std::unique_ptr<CServedDisk> served;
+std::unique_ptr<nbdplugin::CSnapshotControl> snapshotControl;
+
+int errnoFor(const zo::CError& error)
+{
+    if (const auto* io = dynamic_cast<const zo::CIOError*>(&error)) {
+        switch (io->getIOCode()) {
+        case zo::CIOError::ReadOnly:
+            return EROFS;
+        case zo::CIOError::EndOfData:
+        case zo::CIOError::WriteBeyondSize:
+            return EINVAL;
+        default:
+            break;
+        }
+    }
+    switch (zo::CFileSystemError::getProblem(error.getProps())) {
+    case zo::CFileSystemError::NoSpace:
+        return ENOSPC;
+    case zo::CFileSystemError::AccessDenied:
+        return EACCES;
+    default:
+        break;
+    }
+    if (error.getCause())
+        return errnoFor(*error.getCause());
+    return EIO;
+}
+
+// Runs a request; a failure reaches the client as an errno and nbdkit's log
+// as the error's message.
+template <class F>
+int request(const char* what, F&& action)
+{
+    try {
+        action();
+        return 0;
+    } catch (const zo::CError& e) {
+        nbdkit_error("%s: %s", what, e.what());
+        nbdkit_set_error(errnoFor(e));
+    } catch (const std::exception& e) {
+        nbdkit_error("%s: %s", what, e.what());
+        nbdkit_set_error(EIO);
+    }
+    return -1;
+}
+
+bool readPasswordFile(const char* path)
+{
+    std::ifstream file(path);
+    if (!file) {
+        nbdkit_error("cannot read password-file %s", path);
+        return false;
+    }
+    std::getline(file, options.password);
+    return true;
+}
+
+int brickdiskConfig(const char* key, const char* value)
+{
+    const std::string name(key);
+    if (name == "disk") {
+        std::unique_ptr<char, decltype(&free)> absolute(nbdkit_absolute_path(value), &free);
+        if (!absolute)
+            return -1;
+        options.diskFolder = absolute.get();
+        diskGiven = true;
+        return 0;
+    }
+    if (name == "readonly") {
+        const int flag = nbdkit_parse_bool(value);
+        if (flag == -1)
+            return -1;
+        options.readOnly = flag != 0;
+        return 0;
+    }
+    if (name == "cache") {
+        const int64_t size = nbdkit_parse_size(value);
+        if (size == -1)
+            return -1;
+        options.cacheBytes = size;
+        return 0;
+    }
+    if (name == "password-file")
+        return readPasswordFile(value) ? 0 : -1;
+    nbdkit_error("unknown parameter '%s'", key);
+    return -1;
+}
+
+int brickdiskConfigComplete()
+{
+    if (!diskGiven) {
+        nbdkit_error("the parameter disk=FOLDER is required");
+        return -1;
+    }
+    return 0;
+}
+
+// The library's own log (failed background stores and loads) goes to
+// nbdkit's log.
+void routeLibraryLog()
+{
+    zo::setLogSink([](zo::LogLevel level, const zo::String& line) {
+        if (level == zo::LogLevel::Error)
+            nbdkit_error("%s", line.toUTF8().c_str());
+        else
+            nbdkit_debug("%s", line.toUTF8().c_str());
+    });
+}
+
+// The disk is opened after nbdkit has forked into the background: the file
+// system's threads would not survive the fork.
+int brickdiskAfterFork()
+{
+    routeLibraryLog();
+    try {
+        served = std::make_unique<CServedDisk>(options);
+        if (!options.readOnly)
+            snapshotControl = std::make_unique<nbdplugin::CSnapshotControl>(*served);
+        return 0;
+    } catch (const std::exception& e) {
+        nbdkit_error("%s", e.what());
+        return -1;
+    }
+}
+
+void brickdiskCleanup()
+{
+    snapshotControl.reset();
+    served.reset();
+}
+
+void* brickdiskOpen(int)
+{
+    return served.get();
+}
+
+int64_t brickdiskGetSize(void*)
+{
+    return served->device().getSize();
+}
+
+int brickdiskCanWrite(void*)
+{
+    return served->device().isWritable() ? 1 : 0;
+}
+
+int brickdiskOne(void*)
+{
+    return 1;
+}
+
+int brickdiskCanFua(void*)
+{
+    return NBDKIT_FUA_NATIVE;
+}
+
+int brickdiskBlockSize(void*, uint32_t* minimum, uint32_t* preferred, uint32_t* maximum)
+{
+    *minimum = 1;
+    *preferred = static_cast<uint32_t>(served->device().getBrickSize());
+    *maximum = 0xffffffff;
+    return 0;
+}
+
+void flushIfAsked(uint32_t flags)
+{
+    if (flags & NBDKIT_FLAG_FUA)
+        served->device().flush();
+}
+
+int brickdiskPread(void*, void* buffer, uint32_t count, uint64_t offset, uint32_t)
+{
+    return request("read", [&] { served->device().read(buffer, static_cast<int64_t>(offset), count); });
+}
+
+int brickdiskPwrite(void*, const void* buffer, uint32_t count, uint64_t offset, uint32_t flags)
+{
+    return request("write", [&] {
+        served->device().write(buffer, static_cast<int64_t>(offset), count);
+        flushIfAsked(flags);
+    });
+}
+
+int brickdiskFlush(void*, uint32_t)
+{
+    return request("flush", [] { served->device().flush(); });
+}
+
+// Trimmed ranges read as zeros afterwards, like zeroed ones: whole bricks
+// then store nothing.
+int zeroRange(const char* what, uint32_t count, uint64_t offset, uint32_t flags)
+{
+    return request(what, [&] {
+        served->device().zero(static_cast<int64_t>(offset), count);
+        flushIfAsked(flags);
+    });
+}
+
+int brickdiskTrim(void*, uint32_t count, uint64_t offset, uint32_t flags)
+{
+    return zeroRange("trim", count, offset, flags);
+}
+
+int brickdiskZero(void*, uint32_t count, uint64_t offset, uint32_t flags)
+{
+    if (flags & NBDKIT_FLAG_FAST_ZERO) {
+        nbdkit_set_error(ENOTSUP);
+        return -1;
+    }
+    return zeroRange("zero", count, offset, flags);
+}
+
+int brickdiskExtents(void*, uint32_t count, uint64_t offset, uint32_t, struct nbdkit_extents* extents)
+{
+    return request("extents", [&] {
+        for (const CBrickDiskBlockDevice::Extent& extent :
+             served->device().mapExtents(static_cast<int64_t>(offset), count)) {
+            uint32_t type = 0;
+            if (extent.kind == CBrickDiskBlockDevice::ExtentKind::Hole)
+                type = NBDKIT_EXTENT_HOLE | NBDKIT_EXTENT_ZERO;
+            else if (extent.kind == CBrickDiskBlockDevice::ExtentKind::Zero)
+                type = NBDKIT_EXTENT_ZERO;
+            if (nbdkit_add_extent(extents, static_cast<uint64_t>(extent.offset),
+                                  static_cast<uint64_t>(extent.length), type) == -1)
+                throw zo::CError("Adding an extent failed.");
+        }
+    });
+}
+
+struct nbdkit_plugin makePlugin()
+{
+    struct nbdkit_plugin plugin {};
+    plugin.name = "brickdisk";
+    plugin.longname = "brickdisk: a virtual disk stored as compressed, encrypted brick files";
+    plugin.version = "0.1.0";
+    plugin.description = "Serves one brick disk folder.";
+    plugin.config = brickdiskConfig;
+    plugin.config_complete = brickdiskConfigComplete;
+    plugin.config_help = "disk=FOLDER          (required) The brick disk to serve.\n"
+                         "readonly=true        Serve it read-only.\n"
+                         "cache=SIZE           Memory for decoded bricks (default 256M).\n"
+                         "password-file=FILE   The password of an encrypted disk (first line).";
+    plugin.magic_config_key = "disk";
+    plugin.after_fork = brickdiskAfterFork;
+    plugin.cleanup = brickdiskCleanup;
+    plugin.open = brickdiskOpen;
+    plugin.get_size = brickdiskGetSize;
+    plugin.can_write = brickdiskCanWrite;
+    plugin.can_flush = brickdiskOne;
+    plugin.can_trim = brickdiskOne;
+    plugin.can_zero = brickdiskOne;
+    plugin.can_fua = brickdiskCanFua;
+    plugin.can_multi_conn = brickdiskOne;
+    plugin.can_extents = brickdiskOne;
+    plugin.block_size = brickdiskBlockSize;
+    plugin.pread = brickdiskPread;
+    plugin.pwrite = brickdiskPwrite;
+    plugin.flush = brickdiskFlush;
+    plugin.trim = brickdiskTrim;
+    plugin.zero = brickdiskZero;
+    plugin.extents = brickdiskExtents;
+    return plugin;
+}
+
+struct nbdkit_plugin plugin = makePlugin();
+
+} // namespace
+
+NBDKIT_REGISTER_PLUGIN(plugin)

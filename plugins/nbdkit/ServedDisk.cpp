@@ -1,0 +1,68 @@
+#include "ServedDisk.h"
+
+#include "zo/Log.h"
+
+namespace nbdplugin {
+
+using brick::CBrickDisk;
+using brick::CBrickDiskBlockDevice;
+using brick::CBrickDiskLock;
+
+namespace {
+
+// Stores that may run at once for the disk's own brick object; the block
+// device adds its own per thread.
+constexpr int kMaxBackgroundOps = 16;
+constexpr int kFileSystemThreads = 8;
+
+} // namespace
+
+CServedDisk::CServedDisk(const ServeOptions& options)
+    : m_options(options), m_folder(zo::String(options.diskFolder)), m_fs(new zo::CLocalFileSystem(kFileSystemThreads))
+{
+    // A flush answers for durability, so every stored brick reaches the disk.
+    m_fs->setSyncEnabled(true);
+    m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder,
+                                     options.readOnly ? CBrickDiskLock::ForReading : CBrickDiskLock::ForWriting);
+    const zo::P<CBrickDisk> disk = openDisk();
+    m_device = zo::P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(disk.get(), options.cacheBytes));
+}
+
+CServedDisk::~CServedDisk()
+{
+    try {
+        m_device->flush();
+    } catch (const std::exception& e) {
+        zo::logError(e, "Flushing the served disk at the end failed.", zo::String());
+    }
+}
+
+zo::P<CBrickDisk> CServedDisk::openDisk() const
+{
+    const zo::P<CBrickDisk> disk(new CBrickDisk(m_fs.get(), m_folder, zo::String(m_options.password),
+                                                m_options.readOnly ? zo::IIOStream::AccessRead
+                                                                   : zo::IIOStream::AccessReadWrite,
+                                                kMaxBackgroundOps));
+    // Serving a snapshot writable was asked for explicitly.
+    disk->setAllowWritingWithParentDisk(true);
+    return disk;
+}
+
+void CServedDisk::takeSnapshot(const zo::CURI& snapshotFolder)
+{
+    if (m_options.readOnly)
+        throw zo::CError("A disk served read-only cannot be snapshotted while it is served.", zo::String(), -1,
+                         zo::CProps().add("diskFolder", m_folder.toString(true)));
+    m_device->pauseAndReplaceDisk([&](const zo::P<CBrickDisk>&) {
+        CBrickDisk::createChild(m_fs.get(), snapshotFolder, m_folder, CBrickDisk::linkedChild);
+        // Reopened, the disk knows its new child and copies old bricks there.
+        const zo::P<CBrickDisk> reopened = openDisk();
+        // The lock now covers the new child, which writers must keep off.
+        // Locks of one process exclude each other too: the old one goes first.
+        m_lock = zo::P<CBrickDiskLock>();
+        m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder, CBrickDiskLock::ForWriting);
+        return reopened;
+    });
+}
+
+} // namespace nbdplugin

@@ -1,0 +1,54 @@
+// The disk that the nbdkit plugin serves: opened, locked and wrapped in a
+// block device for as long as the server runs.
+#pragma once
+
+#include "brick/BrickDiskBlockDevice.h"
+#include "brick/BrickDiskLock.h"
+#include "zo/LocalFileSystem.h"
+
+#include <string>
+
+namespace nbdplugin {
+
+struct ServeOptions {
+    std::string diskFolder;
+    bool readOnly = false;
+    zo::int64 cacheBytes = 256ll << 20;
+    // Empty: the disk is not encrypted.
+    std::string password;
+};
+
+class CServedDisk {
+public:
+    // Opens the disk (reading and writing unless read-only, durable stores),
+    // locks it (for writing, or shared for reading) and makes the block
+    // device. Throws the errors of locking and opening, such as
+    // CBrickDiskError DiskInUse or IncorrectPassword.
+    explicit CServedDisk(const ServeOptions& options);
+    // Flushes and releases the disk and its lock; never throws.
+    ~CServedDisk();
+    CServedDisk(const CServedDisk&) = delete;
+    CServedDisk& operator=(const CServedDisk&) = delete;
+
+    brick::CBrickDiskBlockDevice& device() { return *m_device; }
+
+    // Makes `snapshotFolder` a snapshot of the disk as it is now: holds new
+    // requests back, waits for those in progress, flushes, makes the child
+    // and goes on serving the disk, whose old bricks now go to the child.
+    // Throws the errors of flushing, locking and making the child; the disk
+    // is then served as before.
+    void takeSnapshot(const zo::CURI& snapshotFolder);
+
+    const ServeOptions& options() const { return m_options; }
+
+private:
+    zo::P<brick::CBrickDisk> openDisk() const;
+
+    ServeOptions m_options;
+    zo::CURI m_folder;
+    zo::P<zo::CLocalFileSystem> m_fs;
+    zo::P<brick::CBrickDiskLock> m_lock;
+    zo::P<brick::CBrickDiskBlockDevice> m_device;
+};
+
+} // namespace nbdplugin

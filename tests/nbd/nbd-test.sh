@@ -1,0 +1,338 @@
+#!/usr/bin/env bash
+# Serves brick disks with nbdkit and the brickdisk plugin and drives them with
+# real NBD clients (nbdinfo, nbdcopy, qemu-img, qemu-io, fio, nbdfuse).
+#
+#   nbd-test.sh CASE BRICKDISK_PROGRAM PLUGIN WORK_FOLDER
+#
+# Every server listens on a Unix socket in the case's own folder and is
+# stopped by its pid. A case that needs what the machine lacks prints
+# "SKIPPED: reason" and exits 77 (CTest's skip code).
+set -euo pipefail
+
+case_name=$1
+brickdisk=$2
+plugin=$3
+work=$4/$case_name
+
+rm -rf "$work"
+mkdir -p "$work"
+declare -a server_pids=()
+declare -a cleanups=()
+
+cleanup() {
+  local command pid
+  for command in "${cleanups[@]}"; do eval "$command" || true; done
+  for pid in "${server_pids[@]}"; do
+    kill "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true
+  done
+}
+trap cleanup EXIT
+
+fail() {
+  echo "FAILED: $*" >&2
+  for log in "$work"/*.log; do
+    [ -f "$log" ] && { echo "--- $log" >&2; tail -n 20 "$log" >&2; }
+  done
+  exit 1
+}
+
+skip() {
+  echo "SKIPPED: $*"
+  exit 77
+}
+
+need() {
+  local tool
+  for tool in "$@"; do
+    command -v "$tool" >/dev/null || skip "$tool is not installed"
+  done
+}
+
+need nbdkit nbdinfo nbdcopy
+
+uri_of() { echo "nbd+unix:///?socket=$1"; }
+
+# make_disk FOLDER SIZE [create options...]: an unencrypted disk.
+make_disk() {
+  local folder=$1 size=$2
+  shift 2
+  "$brickdisk" create "$folder" --size "$size" --no-encryption "$@" >/dev/null
+}
+
+# serve NAME DISK [plugin parameters...]: starts a server on $work/NAME.sock,
+# waits until it accepts connections and sets $last_pid.
+serve() {
+  local name=$1 disk=$2
+  shift 2
+  local socket=$work/$name.sock
+  rm -f "$socket"
+  nbdkit -f -U "$socket" "$plugin" disk="$disk" "$@" >"$work/$name.log" 2>&1 &
+  last_pid=$!
+  server_pids+=("$last_pid")
+  local i
+  for i in $(seq 1 200); do
+    if nbdinfo --size "$(uri_of "$socket")" >/dev/null 2>&1; then
+      return 0
+    fi
+    kill -0 "$last_pid" 2>/dev/null || fail "server $name ended at start: $(cat "$work/$name.log")"
+    sleep 0.05
+  done
+  fail "server $name did not start"
+}
+
+stop() {
+  local pid=$1
+  kill "$pid"
+  wait "$pid" || true
+}
+
+# An image with data in some places and holes elsewhere.
+make_sparse_image() {
+  local image=$1 size_mib=$2
+  truncate -s "${size_mib}M" "$image"
+  head -c 3145728 /dev/urandom | dd of="$image" bs=1M seek=2 conv=notrunc status=none
+  head -c 1048576 /dev/urandom | dd of="$image" bs=1M seek=$((size_mib - 1)) conv=notrunc status=none
+  printf 'a few bytes' | dd of="$image" bs=1 seek=$((9 * 1048576 + 77)) conv=notrunc status=none
+}
+
+case_info_and_map() {
+  make_disk "$work/disk" 16M
+  make_sparse_image "$work/image" 16
+  serve a "$work/disk"
+  local uri
+  uri=$(uri_of "$work/a.sock")
+  [ "$(nbdinfo --size "$uri")" = 16777216 ] || fail "size is $(nbdinfo --size "$uri")"
+  nbdcopy --flush "$work/image" "$uri"
+  nbdinfo --map "$uri" >"$work/map.txt"
+  # Bricks of 512 KiB: data at 2-5 MiB, 9-9.5 MiB, 15-16 MiB; holes around.
+  grep -Eq '^ *0 +2097152 +3 +hole,zero$' "$work/map.txt" || fail "no leading hole: $(cat "$work/map.txt")"
+  grep -Eq '^ *2097152 +3145728 +0 +data$' "$work/map.txt" || fail "no data at 2 MiB: $(cat "$work/map.txt")"
+  grep -Eq '^ *9437184 +524288 +0 +data$' "$work/map.txt" || fail "no data brick at 9 MiB: $(cat "$work/map.txt")"
+  grep -Eq '^ *9961472 +5767168 +3 +hole,zero$' "$work/map.txt" || fail "no hole after 9.5 MiB: $(cat "$work/map.txt")"
+
+  # Trim and zero of whole bricks leave holes behind and read as zeros.
+  command -v qemu-io >/dev/null || return 0
+  qemu-io -f raw "$uri" -c "discard 2M 1M" -c "write -z 3M 512k" -c flush >"$work/trim.log" ||
+    fail "trim and zero failed: $(cat "$work/trim.log")"
+  qemu-io -f raw "$uri" -c "read -P 0 2M 1536k" >"$work/read-zeros.log" || fail "trimmed bytes do not read as zeros"
+  nbdinfo --map "$uri" >"$work/map2.txt"
+  grep -Eq '^ *0 +3670016 +3 +hole,zero$' "$work/map2.txt" || fail "no hole where trimmed: $(cat "$work/map2.txt")"
+}
+
+case_copy_in_and_out() {
+  need qemu-img
+  make_disk "$work/disk" 24M
+  make_sparse_image "$work/image" 24
+  serve a "$work/disk" cache=2M
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")"
+  stop "$last_pid"
+  serve b "$work/disk" readonly=true
+  local uri
+  uri=$(uri_of "$work/b.sock")
+  nbdcopy "$uri" "$work/out"
+  cmp "$work/image" "$work/out" || fail "image read back differs"
+  qemu-img compare -f raw -F raw "$work/image" "$uri" || fail "qemu-img compare found a difference"
+  # The copy out stays sparse: only the data bricks take room.
+  local used
+  used=$(du -k "$work/out" | cut -f1)
+  [ "$used" -lt 8192 ] || fail "the copy out is not sparse ($used KiB used)"
+}
+
+case_fio_verify_after_restart() {
+  need fio
+  fio --enghelp 2>/dev/null | grep -qx '[[:space:]]*nbd' || skip "fio has no nbd engine"
+  make_disk "$work/disk" 32M
+  serve a "$work/disk" cache=4M
+  local common=(--name=verify --ioengine=nbd --uri="$(uri_of "$work/a.sock")" --rw=randwrite --bs=4k
+    --size=32M --iodepth=16 --verify=crc32c --randseed=42 --output="$work/fio.txt")
+  fio "${common[@]}" --number_ios=3000 --do_verify=0 --end_fsync=1 || fail "fio writing failed"
+  stop "$last_pid"
+  serve a "$work/disk"
+  common[2]=--uri="$(uri_of "$work/a.sock")"
+  fio "${common[@]}" --number_ios=3000 --verify_only=1 || fail "fio verify failed: $(cat "$work/fio.txt")"
+}
+
+# An encrypted disk, served with its password file.
+case_kill_after_flush() {
+  printf 'secret words\n' >"$work/password"
+  "$brickdisk" create "$work/disk" --size 16M --password-file "$work/password" >/dev/null
+  head -c 16777216 /dev/urandom >"$work/image"
+  serve a "$work/disk" cache=64M password-file="$work/password"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")"
+  kill -9 "$last_pid"
+  wait "$last_pid" 2>/dev/null || true
+  "$brickdisk" check --read-data "$work/disk" --password-file "$work/password" >"$work/check.log" 2>&1 ||
+    fail "check failed"
+  "$brickdisk" export "$work/disk" "$work/out" -q --password-file "$work/password"
+  cmp "$work/image" "$work/out" || fail "flushed bytes are missing after kill -9"
+}
+
+case_second_server_refused() {
+  make_disk "$work/disk" 8M
+  serve a "$work/disk"
+  if nbdkit -f -U "$work/b.sock" "$plugin" disk="$work/disk" >"$work/b.log" 2>&1; then
+    fail "a second server on the same disk started"
+  fi
+  grep -q "in use" "$work/b.log" || fail "the refusal does not say the disk is in use: $(cat "$work/b.log")"
+  # Readers are refused too while a writer serves the disk.
+  if nbdkit -f -U "$work/c.sock" "$plugin" disk="$work/disk" readonly=true >"$work/c.log" 2>&1; then
+    fail "a read-only server started while a writer serves the disk"
+  fi
+}
+
+case_snapshot_unchanged_while_parent_written() {
+  make_disk "$work/disk" 16M
+  head -c 16777216 /dev/urandom >"$work/first"
+  head -c 16777216 /dev/urandom >"$work/second"
+  serve a "$work/disk"
+  nbdcopy --flush "$work/first" "$(uri_of "$work/a.sock")"
+  stop "$last_pid"
+  "$brickdisk" snapshot "$work/disk" "$work/snap" >/dev/null
+  serve parent "$work/disk" cache=1M
+  serve snap "$work/snap" readonly=true cache=1M
+  nbdcopy "$(uri_of "$work/snap.sock")" "$work/before"
+  nbdcopy --flush "$work/second" "$(uri_of "$work/parent.sock")" &
+  local writer=$!
+  nbdcopy "$(uri_of "$work/snap.sock")" "$work/during"
+  wait "$writer" || fail "writing the parent failed"
+  nbdcopy "$(uri_of "$work/snap.sock")" "$work/after"
+  nbdcopy "$(uri_of "$work/parent.sock")" "$work/parent-now"
+  cmp "$work/first" "$work/before" || fail "the snapshot does not hold the first image"
+  cmp "$work/first" "$work/during" || fail "the snapshot changed while the parent was written"
+  cmp "$work/first" "$work/after" || fail "the snapshot changed after the parent was written"
+  cmp "$work/second" "$work/parent-now" || fail "the parent does not hold the second image"
+}
+
+# A writer writes 4 KiB blocks one after the other, each filled with its
+# number; qemu-io prints a line for each write once it is acknowledged. Ten
+# snapshots are taken while it writes; every block acknowledged before a
+# snapshot was asked for must be in that snapshot.
+case_live_snapshots() {
+  need qemu-io
+  make_disk "$work/disk" 8M
+  serve a "$work/disk"
+  local blocks=1500 commands=() i
+  for ((i = 0; i < blocks; i++)); do
+    commands+=(-c "write -P $((i % 250 + 1)) $((i * 4096)) 4k")
+  done
+  stdbuf -oL qemu-io -f raw "$(uri_of "$work/a.sock")" "${commands[@]}" >"$work/acks.txt" 2>"$work/writer.log" &
+  local writer=$! snapshot
+  for snapshot in $(seq 1 10); do
+    sleep 0.2
+    # Acknowledged before the request: lines written before it.
+    grep -c '^wrote' "$work/acks.txt" >"$work/acked-$snapshot" || true
+    "$brickdisk" snapshot "$work/disk" "$work/snap$snapshot" >"$work/snapshot-$snapshot.log" 2>&1 ||
+      fail "snapshot $snapshot failed: $(cat "$work/snapshot-$snapshot.log")"
+  done
+  wait "$writer" || fail "the writer failed"
+  stop "$last_pid"
+  local acked
+  for snapshot in $(seq 1 10); do
+    acked=$(cat "$work/acked-$snapshot")
+    "$brickdisk" export "$work/snap$snapshot" "$work/snap$snapshot.img" -q
+    python3 - "$work/snap$snapshot.img" "$acked" <<'PYTHON' || fail "snapshot $snapshot lacks an acknowledged block"
+import sys
+data = open(sys.argv[1], "rb").read()
+for block in range(int(sys.argv[2])):
+    if data[block * 4096:(block + 1) * 4096] != bytes([block % 250 + 1]) * 4096:
+        sys.exit("block %d is not there" % block)
+PYTHON
+    echo "snapshot $snapshot holds all $acked blocks acknowledged before it"
+  done
+  [ "$(cat "$work/acked-10")" -gt "$(cat "$work/acked-1")" ] || fail "the writer made no progress between snapshots"
+  # The last block was written long after the last snapshot: not in it.
+  [ "$(cat "$work/acked-10")" -lt $((blocks - 100)) ] || fail "the writer ended before the snapshots"
+  python3 - "$work/snap10.img" "$blocks" <<'PYTHON' || fail "the last snapshot holds a block written after it"
+import sys
+data = open(sys.argv[1], "rb").read()
+last = int(sys.argv[2]) - 1
+sys.exit(0 if data[last * 4096:(last + 1) * 4096] == bytes(4096) else 1)
+PYTHON
+}
+
+# brickdisk serve prints the URI, serves until SIGINT (Ctrl-C) and flushes
+# before it ends; a snapshot is served read-only.
+case_serve_command() {
+  printf 'pass phrase\n' >"$work/password"
+  "$brickdisk" create "$work/disk" --size 8M --password-file "$work/password" >/dev/null
+  head -c 8388608 /dev/urandom >"$work/image"
+  "$brickdisk" serve "$work/disk" --socket "$work/s.sock" --password-file "$work/password" >"$work/serve.log" 2>&1 &
+  local serve=$! i
+  cleanups+=("kill $serve 2>/dev/null")
+  for i in $(seq 1 200); do
+    grep -q '^Serving' "$work/serve.log" && break
+    sleep 0.05
+  done
+  grep -q "nbd+unix:///?socket=$work/s.sock" "$work/serve.log" || fail "no URI printed: $(cat "$work/serve.log")"
+  nbdcopy "$work/image" "nbd+unix:///?socket=$work/s.sock"
+  kill -INT "$serve"
+  wait "$serve" || fail "serve did not end cleanly: $(cat "$work/serve.log")"
+  "$brickdisk" export "$work/disk" "$work/out" -q --password-file "$work/password"
+  cmp "$work/image" "$work/out" || fail "what was written before Ctrl-C is not stored"
+
+  "$brickdisk" snapshot "$work/disk" "$work/snap" >/dev/null
+  BRICKDISK_PASSWORD='pass phrase' "$brickdisk" serve "$work/snap" --socket "$work/t.sock" \
+    >"$work/serve-snap.log" 2>&1 &
+  serve=$!
+  cleanups+=("kill $serve 2>/dev/null")
+  for i in $(seq 1 200); do
+    grep -q '^Serving' "$work/serve-snap.log" && break
+    sleep 0.05
+  done
+  grep -q "(read-only)" "$work/serve-snap.log" || fail "the snapshot is not served read-only"
+  if nbdcopy "$work/image" "nbd+unix:///?socket=$work/t.sock" 2>/dev/null; then
+    fail "a snapshot served by default accepted a write"
+  fi
+  kill -INT "$serve"
+  wait "$serve" || fail "serving the snapshot did not end cleanly"
+}
+
+# brickdisk mount: mkfs.ext4 and e2fsck through nbdfuse's file, a loop mount
+# with files copied in and out where the machine allows it, then unmount.
+case_mount_ext4() {
+  need nbdfuse fusermount3 mkfs.ext4 e2fsck
+  [ -c /dev/fuse ] || skip "no /dev/fuse"
+  make_disk "$work/disk" 64M
+  mkdir "$work/mnt"
+  "$brickdisk" mount "$work/disk" "$work/mnt" >"$work/mount.log" 2>&1 &
+  local mount=$! i
+  cleanups+=("fusermount3 -u $work/mnt 2>/dev/null; kill $mount 2>/dev/null")
+  for i in $(seq 1 200); do
+    [ -f "$work/mnt/disk" ] && break
+    kill -0 "$mount" 2>/dev/null || break
+    sleep 0.05
+  done
+  if [ ! -f "$work/mnt/disk" ]; then
+    grep -qi "fuse" "$work/mount.log" && skip "FUSE mounts are not allowed here: $(cat "$work/mount.log")"
+    fail "the disk file did not appear"
+  fi
+  [ "$(stat -c %s "$work/mnt/disk")" = 67108864 ] || fail "the disk file has the wrong size"
+  mkfs.ext4 -q -F "$work/mnt/disk" || fail "mkfs.ext4 failed"
+  e2fsck -fn "$work/mnt/disk" >"$work/fsck.log" 2>&1 || fail "e2fsck found errors"
+  head -c 3000000 /dev/urandom >"$work/file1"
+  local mounted=no
+  mkdir "$work/fs"
+  if [ "$(id -u)" = 0 ] && mount -o loop "$work/mnt/disk" "$work/fs" 2>"$work/loop.log"; then
+    mounted=yes
+    cleanups+=("umount $work/fs 2>/dev/null")
+    cp "$work/file1" "$work/fs/file1"
+    mkdir "$work/fs/sub" && cp "$work/file1" "$work/fs/sub/copy"
+    umount "$work/fs"
+    mount -o loop,ro "$work/mnt/disk" "$work/fs" || fail "remounting failed"
+    cmp "$work/file1" "$work/fs/sub/copy" || fail "a file copied in reads back differently"
+    cp "$work/fs/file1" "$work/file1.out"
+    umount "$work/fs"
+    cmp "$work/file1" "$work/file1.out" || fail "a file copied out differs"
+  fi
+  "$brickdisk" unmount "$work/mnt" || fail "unmount failed"
+  wait "$mount" || fail "mount did not end cleanly: $(cat "$work/mount.log")"
+  "$brickdisk" export "$work/disk" "$work/out" -q
+  e2fsck -fn "$work/out" >"$work/fsck2.log" 2>&1 || fail "the stored file system has errors"
+  if [ "$mounted" = no ]; then
+    echo "loop mount not allowed here; checked mkfs.ext4 and e2fsck only"
+  fi
+}
+
+"case_$case_name"
+echo "PASSED: $case_name"
