@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -37,6 +38,13 @@ void installInterruptHandlers()
     action.sa_flags = 0;
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+    // A program may be started with the signals blocked (a parent's mask is
+    // inherited); Ctrl-C must reach this one all the same.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 bool wasInterrupted()

@@ -139,7 +139,7 @@ public:
         : m_socket(socketPath), m_port(options.port)
     {
         const zo::CURI folder = diskFolderURI(options.disk);
-        const zo::P<zo::CLocalFileSystem> fs = newLocalFileSystem(false, 1);
+        const zo::P<zo::IFileSystem> fs = newFileSystem(folder, false, 1);
         const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
         // A disk with a parent is a snapshot: it keeps its view unless
         // writing it is asked for.

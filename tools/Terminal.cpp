@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -89,12 +90,16 @@ bool askOnTerminalWithoutEcho(const std::string& prompt, std::string& answer)
         writeAll(terminal.get(), prompt);
         char c;
         for (;;) {
-            const ssize_t n = ::read(terminal.get(), &c, 1);
-            if (n < 0 && errno == EINTR) {
-                // Echo comes back as the guard goes.
-                throwIfInterrupted();
+            // An interrupt that arrives just before the read would not end
+            // it: the wait for input looks at the note between short polls.
+            // Echo comes back as the guard goes.
+            throwIfInterrupted();
+            pollfd readable{terminal.get(), POLLIN, 0};
+            if (::poll(&readable, 1, 100) == 0)
                 continue;
-            }
+            const ssize_t n = ::read(terminal.get(), &c, 1);
+            if (n < 0 && errno == EINTR)
+                continue;
             if (n <= 0 || c == '\n')
                 break;
             line += c;

@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 namespace clitest {
@@ -229,8 +228,6 @@ RunResult runOnTerminal(const std::vector<std::string>& args, const std::vector<
             break;
         result.err.append(buffer, static_cast<size_t>(n));
     }
-    termios settings {};
-    result.terminalEchoes = ::tcgetattr(master, &settings) == 0 && (settings.c_lflag & ECHO) != 0;
     ::close(master);
     int status = 0;
     for (int waited = 0; ::waitpid(pid, &status, WNOHANG) == 0; ++waited) {

@@ -15,9 +15,6 @@ struct RunResult {
     int exitStatus = -1;  // -1 when the program did not exit normally
     std::string out;
     std::string err;
-    // For runOnTerminal: whether the terminal echoes typing once the program
-    // has ended.
-    bool terminalEchoes = false;
 };
 
 struct RunOptions {
