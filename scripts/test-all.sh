@@ -50,7 +50,7 @@ build_and_test tsan concurrency brickdisk_concurrency_tests -DCMAKE_BUILD_TYPE=R
 
 echo "=== fuzz: configure and build"
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DBRICKDISK_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DBRICKDISK_FUZZ=ON -DBRICKDISK_BUILD_TESTS=OFF -DBRICKDISK_BUILD_TOOLS=OFF -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
+  -DBRICKDISK_FUZZ=ON -DBRICKDISK_RADOS=OFF -DBRICKDISK_BUILD_TESTS=OFF -DBRICKDISK_BUILD_TOOLS=OFF -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build build/fuzz -j "${jobs}" --target brickdisk_fuzzers
 scripts/run-fuzzers.sh build/fuzz "${BRICKDISK_FUZZ_SECONDS:-60}"
 
