@@ -34,10 +34,12 @@ int hexDigitWidthFor(int objectsPerTreeLevel)
 
 CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
                const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps)
-    : m_fs(fs), m_diskFolder(diskFolder), m_childFolder(childFolder), m_searchFolders(parentFolders), m_header(header),
+    : m_fs(fs), m_diskFolder(diskFolder), m_childFolder(childFolder), m_header(header),
       m_maxBackgroundOps(std::max(1, maxBackgroundOps))
 {
-    m_searchFolders.push_front(diskFolder);
+    m_searchFolders.reserve(parentFolders.size() + 1);
+    m_searchFolders.push_back(diskFolder);
+    m_searchFolders.insert(m_searchFolders.end(), parentFolders.begin(), parentFolders.end());
     m_preparer = P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, cipherKey));
     m_maxPreparedSize = static_cast<int64>(m_header.getBrickSize() * 1.1 + 1024.0);
     m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(m_maxBackgroundOps + 2, static_cast<int>(m_maxPreparedSize), 1));
@@ -188,7 +190,7 @@ bool CBrick::loadFromStorer()
 // at again, and when one of them has gained the brick it is read from there.
 bool CBrick::loadFromSearchFolders()
 {
-    const std::vector<CURI> folders(m_searchFolders.begin(), m_searchFolders.end());
+    const std::vector<CURI>& folders = m_searchFolders;
     const CURI relativeURI = getRelativeBrickURI();
     size_t first = 0;
     // Each legitimate retry reads from a nearer folder than the one before, so

@@ -16,6 +16,8 @@
 #include "zo/MemPool.h"
 #include "zo/URI.h"
 
+#include <vector>
+
 namespace brick {
 
 // Used by one thread at a time; it has no lock. Saves run on the file
@@ -105,7 +107,8 @@ private:
     P<IFileSystem> m_fs;
     CURI m_diskFolder;
     CURI m_childFolder;
-    zo::TList<CURI> m_searchFolders;
+    // This disk's folder, then its parents' folders, nearest first.
+    std::vector<CURI> m_searchFolders;
     CBrickDiskHeader m_header;
     int64 m_maxPreparedSize;
     int64 m_brickIndex = 0;

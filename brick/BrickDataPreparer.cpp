@@ -1,6 +1,7 @@
 #include "brick/BrickDataPreparer.h"
 
 #include "brick/BrickDiskHeader.h"
+#include "brick/detail/BrickFileLayout.h"
 #include "brick/Version.h"
 #include "seal/KeyDerivation.h"
 #include "zo/BufferStream.h"
@@ -17,12 +18,11 @@ namespace brick {
 
 namespace {
 
-constexpr char kBrickFileID[] = "BRICK";
-constexpr int kBrickFileIDSize = 5;
-// File ID and the two version fields.
-constexpr int kFixedHeaderSize = kBrickFileIDSize + 2 + 2;
-constexpr int kBrickIndexSize = 8;
-constexpr char kIndexBoundDigestID[] = "hmac-sha256";
+using layout::kBrickFileID;
+using layout::kBrickFileIDSize;
+using layout::kBrickIndexSize;
+using layout::kFixedHeaderSize;
+using layout::kIndexBoundDigestID;
 constexpr char kDigestKeyInfo[] = "brickdisk brick digest";
 constexpr int kDigestKeySize = 32;
 

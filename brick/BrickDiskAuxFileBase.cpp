@@ -28,32 +28,50 @@ P<seal::IDigestContext> createMD5Context()
     return type->createContext();
 }
 
-// Reads one copy and checks its digest; throws a CError when it is missing,
-// of a size that cannot be, or damaged.
-P<TBuffer<uint8>> loadCopy(zo::IFileSystem* fs, const CURI& uri)
+// Reads one copy and checks its size and digest; the file system's errors
+// (a missing copy among them) are thrown.
+CBrickDiskAuxFileBase::CopyCheck checkCopy(zo::IFileSystem* fs, const CURI& uri)
 {
-    const int readOptions = IIOStream::OptionNone;
-    const P<IIOStream> stream = fs->openStream(uri, IIOStream::AccessRead, readOptions);
+    CBrickDiskAuxFileBase::CopyCheck check;
+    check.uri = uri;
+    const P<IIOStream> stream = fs->openStream(uri, IIOStream::AccessRead, IIOStream::OptionNone);
     zo::int64 size = stream->getSize();
     if (size == -1)
         size = fs->getFileInfo(uri, true)->getSize();
 
     const P<seal::IDigestContext> digest = createMD5Context();
     const int digestSize = digest->getSize();
-    TBuffer<uint8> storedDigest(digestSize);
-    if (size <= digestSize || size > CBrickDiskAuxFileBase::kMaxAuxFileSize)
-        throw CError("Bad brickdisk auxiliary file size: " + zo::toDecimalString(size));
-
+    if (size <= digestSize || size > CBrickDiskAuxFileBase::kMaxAuxFileSize) {
+        check.kind = CBrickDiskAuxFileBase::CopyCheck::BadSize;
+        check.size = size;
+        return check;
+    }
     const int payloadSize = static_cast<int>(size) - digestSize;
     P<TBuffer<uint8>> payload(new TBuffer<uint8>(payloadSize));
+    TBuffer<uint8> storedDigest(digestSize);
     stream->read(payload->getData(), payloadSize);
     stream->read(storedDigest.getData(), digestSize);
 
     digest->update(payload->getData(), payloadSize);
     digest->finish();
-    if (std::memcmp(digest->getDigest(), storedDigest.getData(), static_cast<size_t>(digestSize)) != 0)
+    if (std::memcmp(digest->getDigest(), storedDigest.getData(), static_cast<size_t>(digestSize)) != 0) {
+        check.kind = CBrickDiskAuxFileBase::CopyCheck::Corrupted;
+        return check;
+    }
+    check.kind = CBrickDiskAuxFileBase::CopyCheck::Intact;
+    check.payload = payload;
+    return check;
+}
+
+// The payload of an intact copy; any other copy throws what is wrong with it.
+P<TBuffer<uint8>> loadCopy(zo::IFileSystem* fs, const CURI& uri)
+{
+    const CBrickDiskAuxFileBase::CopyCheck check = checkCopy(fs, uri);
+    if (check.kind == CBrickDiskAuxFileBase::CopyCheck::BadSize)
+        throw CError("Bad brickdisk auxiliary file size: " + zo::toDecimalString(check.size));
+    if (check.kind == CBrickDiskAuxFileBase::CopyCheck::Corrupted)
         throw CError("Brickdisk auxiliary file is corrupted.");
-    return payload;
+    return check.payload;
 }
 
 } // namespace
@@ -63,6 +81,35 @@ CURI CBrickDiskAuxFileBase::getAuxFileURI(const CURI& folder, const String& file
     if (copy == kPrimaryCopy)
         return folder << fileName;
     return (folder << "fallback") << fileName;
+}
+
+zo::String CBrickDiskAuxFileBase::CopyCheck::describe() const
+{
+    switch (kind) {
+    case Intact: return "intact";
+    case Missing: return "missing";
+    case BadSize: return "bad size";
+    case Corrupted: return "damaged (digest mismatch)";
+    case Unreadable: break;
+    }
+    return "unreadable: " + error->toString();
+}
+
+CBrickDiskAuxFileBase::CopyCheck CBrickDiskAuxFileBase::checkAuxFileCopy(zo::IFileSystem* fs, const CURI& folder,
+                                                                         const String& fileName, int copy)
+{
+    const CURI uri = getAuxFileURI(folder, fileName, copy);
+    try {
+        return checkCopy(fs, uri);
+    } catch (const CError& error) {
+        CopyCheck check;
+        check.uri = uri;
+        check.kind = zo::CFileSystemError::getProblem(error.getProps()) == zo::CFileSystemError::NotFound
+                         ? CopyCheck::Missing
+                         : CopyCheck::Unreadable;
+        check.error = error.clone();
+        return check;
+    }
 }
 
 P<TBuffer<uint8>> CBrickDiskAuxFileBase::loadAuxFile(zo::IFileSystem* fs, const CURI& folder, const String& fileName)

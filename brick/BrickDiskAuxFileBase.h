@@ -10,6 +10,7 @@
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
+#include "zo/Error.h"
 #include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/String.h"
@@ -21,6 +22,31 @@ class BRICKDISK_EXPORT CBrickDiskAuxFileBase : public zo::CBase {
 public:
     // Largest accepted file, digest included.
     static constexpr zo::int64 kMaxAuxFileSize = 0x100000;
+
+    // The state of one copy of a record, as `checkAuxFileCopy` finds it.
+    struct CopyCheck {
+        enum Kind { Intact, Missing, BadSize, Corrupted, Unreadable };
+        Kind kind = Missing;
+        zo::CURI uri;
+        // The record's bytes when the copy is intact.
+        zo::P<zo::TBuffer<zo::uint8>> payload;
+        // The file's size when it is of a size that cannot be.
+        zo::int64 size = 0;
+        // The file system's error when the copy is missing or unreadable.
+        zo::P<zo::CError> error;
+
+        bool isIntact() const { return kind == Intact; }
+        // "intact", "missing", "bad size", "damaged (digest mismatch)" or
+        // "unreadable: <the error>".
+        zo::String describe() const;
+    };
+
+    // Reads copy `copy` (0 the primary, 1 the fallback) of record `fileName`
+    // of `folder` and checks its size and digest. Never throws a CError: a
+    // copy that the file system cannot give is Missing (NotFound) or
+    // Unreadable, with the error kept.
+    static CopyCheck checkAuxFileCopy(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& fileName,
+                                      int copy);
 
     // Copy 0: folder << fileName (the primary copy); any other copy:
     // folder << "fallback" << fileName.

@@ -122,6 +122,10 @@ String CBrickDiskChain::describeDifference(const CBrickDiskHeader& parent, const
                                 zo::toDecimalString(disk.getBrickSize()));
     if (parent.getCipherID() != disk.getCipherID())
         addDifference(text, "cipher \"" + parent.getCipherID() + "\" instead of \"" + disk.getCipherID() + "\"");
+    // Every disk of a chain reads the others' brick files with its own digests.
+    if (parent.getCheckSumHashID() != disk.getCheckSumHashID())
+        addDifference(text, "checksum \"" + parent.getCheckSumHashID() + "\" instead of \"" +
+                                disk.getCheckSumHashID() + "\"");
     // Disks of one chain share their key: the key's check value is the same.
     // Where the key comes from the password itself (PBKDF2) so is the salt;
     // a wrapped key is rewrapped with a salt of its own when the password

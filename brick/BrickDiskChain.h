@@ -62,7 +62,7 @@ public:
     // link. Throws the errors of a link file that cannot be read.
     static zo::CURI loadLinkedFolder(zo::IFileSystem* fs, const zo::CURI& diskFolder, const zo::String& linkFileName);
     // What differs between the header of a parent and the disk's in the
-    // fields that a chain shares (disk size, brick size, cipher, the key's
+    // fields that a chain shares (disk size, brick size, cipher, checksum, the key's
     // check value and, for keys derived from the password, the salt), in
     // plain words; empty when nothing.
     static zo::String describeDifference(const CBrickDiskHeader& parent, const CBrickDiskHeader& disk);

@@ -61,6 +61,13 @@ public:
     int getPayloadBlockSize() const { return m_payloadBlockSize; }
     void setPayloadBlockSize(int payloadBlockSize) { m_payloadBlockSize = payloadBlockSize; }
     zo::int64 getDiskSize() const { return m_diskSize; }
+    // The number of bricks the disk size takes (the last one may be cut
+    // short), counted without overflow for any size; 0 for a header without
+    // a brick size.
+    zo::int64 getBrickCount() const
+    {
+        return m_brickSize <= 0 ? 0 : m_diskSize / m_brickSize + (m_diskSize % m_brickSize != 0 ? 1 : 0);
+    }
     void setDiskSize(zo::int64 diskSize) { m_diskSize = diskSize; }
     zo::String getCheckSumHashID() const { return m_checkSumHashID; }
     void setCheckSumHashID(const zo::String& id) { m_checkSumHashID = id; }

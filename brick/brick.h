@@ -16,6 +16,7 @@
 #include "brick/BrickDiskStream.h"
 #include "brick/BrickDiskStreamWithCache.h"
 #include "brick/BrickDiskStreamWithParallelReadAhead.h"
+#include "brick/BrickFileChecker.h"
 #include "brick/BrickStorer.h"
 #include "brick/BrickTree.h"
 #include "brick/ParallelReadAheadManager.h"

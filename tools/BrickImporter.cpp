@@ -10,12 +10,10 @@
 namespace cli {
 
 CBrickImporter::CBrickImporter(zo::IFileSystem* fs, brick::CBrickDisk& disk, int jobs)
-    : m_fs(fs), m_disk(disk), m_brickSize(static_cast<int>(disk.getBrickSize())), m_diskSize(disk.getSize()),
+    : m_fs(fs), m_disk(disk), m_chain(fs, disk.getDiskFolder()), m_brickSize(static_cast<int>(disk.getBrickSize())),
+      m_diskSize(disk.getSize()),
       m_hasParents(!disk.getParentDiskFolders().empty()), m_window(2 * std::max(1, jobs) + 2)
 {
-    m_chainFolders.push_back(disk.getDiskFolder());
-    for (const zo::CURI& parent : disk.getParentDiskFolders())
-        m_chainFolders.push_back(parent);
     for (int i = 0; i < std::max(1, jobs); ++i) {
         zo::P<brick::CBrickDataPreparer> preparer = disk.createDataPreparer();
         zo::P<brick::CBrick> brick = disk.newStandAloneBrickObject();
@@ -63,12 +61,7 @@ void CBrickImporter::workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P
 
 bool CBrickImporter::isStoredInChain(zo::int64 index) const
 {
-    const zo::CURI relative = brick::CBrick::getRelativeBrickURI(m_disk.getHeader(), index);
-    for (const zo::CURI& folder : m_chainFolders) {
-        if (m_fs->pathExists(folder << relative))
-            return true;
-    }
-    return false;
+    return !m_chain.locateBrick(m_fs.get(), index).isEmpty();
 }
 
 void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, brick::CBrick& brick,

@@ -12,6 +12,7 @@
 
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
 
 #include <condition_variable>
 #include <deque>
@@ -81,8 +82,8 @@ private:
 
     zo::P<zo::IFileSystem> m_fs;
     brick::CBrickDisk& m_disk;
-    // The disk's folder and its parents' folders, nearest first.
-    std::vector<zo::CURI> m_chainFolders;
+    // The disk and its ancestors, where the bricks it reads are stored.
+    const brick::CBrickDiskChain m_chain;
     const int m_brickSize;
     const zo::int64 m_diskSize;
     const bool m_hasParents;

@@ -2,11 +2,10 @@
 // header and its fallback copy, the links to the parent and the child, and
 // every brick file's outer digest; with --read-data every brick is also
 // decrypted, decompressed and checked against its inner digest.
-#include "AuxFileCheck.h"
-#include "BrickFileCheck.h"
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "Interrupt.h"
+#include "JsonWriter.h"
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
@@ -14,6 +13,7 @@
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
+#include "brick/BrickFileChecker.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickTree.h"
@@ -24,6 +24,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -39,36 +40,57 @@ struct CheckOptions {
     int jobs = defaultJobCount();
     bool forceShare = false;
     bool repair = false;
+    bool json = false;
     CPasswordSource passwords;
 };
 
-// Collects what is wrong and prints it as it is found.
+// Collects what is wrong, what was repaired and what is worth knowing. As
+// text each finding is printed as it is found; for --json they are kept and
+// written at the end as one document.
 class CFindings {
 public:
-    void problem(const std::string& text)
+    explicit CFindings(bool json) : m_json(json) {}
+
+    void problem(const std::string& text) { add("problem", m_problems, text); }
+    void note(const std::string& text) { add("note", m_notes, text); }
+    void repaired(const std::string& text) { add("repaired", m_repairs, text); }
+    int getRepairCount() const { return static_cast<int>(m_repairs.size()); }
+    int getProblemCount() const { return static_cast<int>(m_problems.size()); }
+
+    void writeJson(CJsonWriter& json) const
     {
-        std::printf("problem: %s\n", text.c_str());
-        ++m_problems;
+        writeList(json, "problems", m_problems);
+        writeList(json, "repaired", m_repairs);
+        writeList(json, "notes", m_notes);
     }
-    void note(const std::string& text) { std::printf("note: %s\n", text.c_str()); }
-    void repaired(const std::string& text)
-    {
-        std::printf("repaired: %s\n", text.c_str());
-        ++m_repairs;
-    }
-    int getRepairCount() const { return m_repairs; }
-    int getProblemCount() const { return m_problems; }
 
 private:
-    int m_problems = 0;
-    int m_repairs = 0;
+    void add(const char* kind, std::vector<std::string>& list, const std::string& text)
+    {
+        list.push_back(text);
+        if (!m_json)
+            std::printf("%s: %s\n", kind, text.c_str());
+    }
+    static void writeList(CJsonWriter& json, const char* name, const std::vector<std::string>& list)
+    {
+        json.key(name);
+        json.beginArray();
+        for (const std::string& text : list)
+            json.value(text);
+        json.endArray();
+    }
+
+    bool m_json;
+    std::vector<std::string> m_problems;
+    std::vector<std::string> m_repairs;
+    std::vector<std::string> m_notes;
 };
 
 // With --repair, a record with one intact copy and one that is not is stored
 // again whole from the intact one (both copies are rewritten, each
 // atomically); returns true when it did so.
 bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& fileName,
-                    const AuxFileCopyState& primary, const AuxFileCopyState& fallback, CFindings& findings)
+                    const brick::CBrickDiskAuxFileBase::CopyCheck& primary, const brick::CBrickDiskAuxFileBase::CopyCheck& fallback, CFindings& findings)
 {
     if (primary.isIntact() == fallback.isIntact())
         return false;
@@ -81,39 +103,23 @@ bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::Strin
         link.load(fs, folder, fileName);
         link.store(fs, folder, fileName);
     }
-    const AuxFileCopyState& bad = primary.isIntact() ? fallback : primary;
-    findings.repaired(bad.path.toLocalPath() + " (" + bad.describe() + ") rewritten from its intact copy");
+    const brick::CBrickDiskAuxFileBase::CopyCheck& bad = primary.isIntact() ? fallback : primary;
+    findings.repaired(bad.uri.toLocalPath() + " (" + bad.describe().toUTF8() + ") rewritten from its intact copy");
     return true;
 }
 
 void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, bool repair, CFindings& findings)
 {
-    const AuxFileCopyState primary = checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
-    const AuxFileCopyState fallback = checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
+    const brick::CBrickDiskAuxFileBase::CopyCheck primary = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
+    const brick::CBrickDiskAuxFileBase::CopyCheck fallback = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
     if (repair && repairFromTwin(fs, folder, "disk.brickdisk", primary, fallback, findings))
         return;
-    for (const AuxFileCopyState* copy : {&primary, &fallback}) {
+    for (const brick::CBrickDiskAuxFileBase::CopyCheck* copy : {&primary, &fallback}) {
         if (!copy->isIntact())
-            findings.problem("header copy " + copy->path.toLocalPath() + ": " + copy->describe());
+            findings.problem("header copy " + copy->uri.toLocalPath() + ": " + copy->describe().toUTF8());
     }
-    if (primary.isIntact() && fallback.isIntact() && !(primary.payload == fallback.payload))
+    if (primary.isIntact() && fallback.isIntact() && !(*primary.payload == *fallback.payload))
         findings.problem("the header and its fallback copy differ");
-}
-
-// The fields that a child disk shares with its parent, as one comparable value.
-std::string sharedHeaderFields(const brick::CBrickDiskHeader& h)
-{
-    const auto bytes = [](const zo::TBuffer<zo::uint8>& buffer) {
-        std::string text;
-        for (int i = 0; i < buffer.getUsed(); ++i)
-            text += std::to_string(buffer[i]) + ".";
-        return text;
-    };
-    // A wrapped key is named by its check value alone: a password change
-    // gives every disk of the chain a new salt, one disk after the other.
-    return std::to_string(h.getDiskSize()) + "/" + std::to_string(h.getBrickSize()) + "/" +
-           h.getCipherID().toUTF8() + "/" + h.getCheckSumHashID().toUTF8() + "/" + bytes(h.getCipherKeyHash()) + "/" +
-           (brick::CBrickDiskKeyWrap::isKeyWrapped(h) ? std::string() : bytes(h.getCipherKeyDerivationSalt()));
 }
 
 // Checks both copies of one link file and the disk it points to; returns the
@@ -121,23 +127,24 @@ std::string sharedHeaderFields(const brick::CBrickDiskHeader& h)
 zo::CURI checkLink(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrickDiskHeader& header,
                    const zo::String& linkName, bool repair, CFindings& findings)
 {
-    const AuxFileCopyState primary = checkAuxFileCopy(fs, folder, linkName, 0);
-    const AuxFileCopyState fallback = checkAuxFileCopy(fs, folder, linkName, 1);
-    if (primary.kind == AuxFileCopyState::Missing && fallback.kind == AuxFileCopyState::Missing)
+    const brick::CBrickDiskAuxFileBase::CopyCheck primary = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, linkName, 0);
+    const brick::CBrickDiskAuxFileBase::CopyCheck fallback = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, linkName, 1);
+    if (primary.kind == brick::CBrickDiskAuxFileBase::CopyCheck::Missing && fallback.kind == brick::CBrickDiskAuxFileBase::CopyCheck::Missing)
         return zo::CURI();
     const bool repaired = repair && repairFromTwin(fs, folder, linkName, primary, fallback, findings);
-    for (const AuxFileCopyState* copy : {&primary, &fallback}) {
+    for (const brick::CBrickDiskAuxFileBase::CopyCheck* copy : {&primary, &fallback}) {
         if (!copy->isIntact() && !repaired)
-            findings.problem("link copy " + copy->path.toLocalPath() + ": " + copy->describe());
+            findings.problem("link copy " + copy->uri.toLocalPath() + ": " + copy->describe().toUTF8());
     }
     if (!primary.isIntact() && !fallback.isIntact())
         return zo::CURI();
     const zo::CURI linked = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, linkName);
     try {
         const brick::CBrickDiskHeader linkedHeader = loadDiskHeader(fs, linked);
-        if (sharedHeaderFields(linkedHeader) != sharedHeaderFields(header))
+        const zo::String difference = brick::CBrickDiskChain::describeDifference(linkedHeader, header);
+        if (!difference.isEmpty())
             findings.problem(linkName.toUTF8() + " points to " + linked.toLocalPath() +
-                             ", whose header does not match this disk's (size, bricks or key)");
+                             ", whose header does not match this disk's: " + difference.toUTF8());
     } catch (const zo::CError& e) {
         findings.problem(linkName.toUTF8() + " points to " + linked.toLocalPath() + ": " + e.toString().toUTF8());
         return zo::CURI();
@@ -171,15 +178,15 @@ std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const brick::CBric
     std::vector<std::string> verdicts(listing.bricks.size());
     std::atomic<size_t> next{0};
     std::atomic<zo::int64> bytesDone{0};
-    const auto work = [&](std::unique_ptr<CBrickFileChecker> checker) {
+    const auto work = [&](std::unique_ptr<brick::CBrickFileChecker> checker) {
         for (size_t i = next++; i < listing.bricks.size(); i = next++) {
-            verdicts[i] = checker->check(listing.bricks[i]);
+            verdicts[i] = checker->check(listing.bricks[i]).toUTF8();
             bytesDone += listing.bricks[i].size;
         }
     };
     std::vector<std::thread> threads;
     for (int i = 0; i < jobs; ++i)
-        threads.emplace_back(work, std::make_unique<CBrickFileChecker>(fs, header, disk));
+        threads.emplace_back(work, std::make_unique<brick::CBrickFileChecker>(fs, header, disk));
     CProgressBar progress("check", listing.totalBrickBytes());
     while (next < listing.bricks.size()) {
         if (wasInterrupted()) {
@@ -202,9 +209,10 @@ int runCheck(const CheckOptions& options)
         throw UsageError("--jobs must be at least 1");
     const zo::CURI folder = diskFolderURI(options.disk);
     const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
-    CFindings findings;
+    CFindings findings(options.json);
 
-    std::printf("checking %s\n", folder.toLocalPath().c_str());
+    if (!options.json)
+        std::printf("checking %s\n", folder.toLocalPath().c_str());
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
     // Repairs change the disk: then nobody else may use it meanwhile, and
     // taking the lock for writing removes the leftovers of interrupted stores.
@@ -222,7 +230,7 @@ int runCheck(const CheckOptions& options)
         disk = openDisk(fs.get(), folder, options.passwords, zo::IIOStream::AccessRead, 1);
 
     const brick::CBrickTree::Listing listing = brick::CBrickTree::list(fs.get(), folder, header);
-    const zo::int64 brickCount = (header.getDiskSize() + header.getBrickSize() - 1) / header.getBrickSize();
+    const zo::int64 brickCount = header.getBrickCount();
     const std::vector<std::string> verdicts = checkBrickFiles(fs.get(), listing, header, disk.get(), options.jobs);
     for (size_t i = 0; i < listing.bricks.size(); ++i) {
         const brick::CBrickTree::BrickFile& brick = listing.bricks[i];
@@ -240,14 +248,27 @@ int runCheck(const CheckOptions& options)
         findings.note(std::to_string(listing.temporaryFiles.size()) +
                       " temporary files of interrupted stores under bricks/ (harmless; they may be deleted)");
 
-    const std::string repairs =
-        findings.getRepairCount() == 0 ? std::string() : ", " + std::to_string(findings.getRepairCount()) + " repaired";
-    std::printf("checked the header, the links and %zu brick files (%s)%s: %s%s\n", listing.bricks.size(),
-                formatBytes(listing.totalBrickBytes()).c_str(), options.readData ? " with their data" : "",
-                findings.getProblemCount() == 0 ? "no problems"
-                                                : (std::to_string(findings.getProblemCount()) +
-                                                   (findings.getProblemCount() == 1 ? " problem" : " problems")).c_str(),
-                repairs.c_str());
+    if (options.json) {
+        CJsonWriter json(std::cout);
+        json.beginObject();
+        json.field("disk", folder.toLocalPath());
+        json.field("brickFiles", static_cast<zo::int64>(listing.bricks.size()));
+        json.field("brickBytes", listing.totalBrickBytes());
+        json.field("readData", options.readData);
+        findings.writeJson(json);
+        json.endObject();
+        std::cout << std::flush;
+    } else {
+        const std::string repairs = findings.getRepairCount() == 0
+                                        ? std::string()
+                                        : ", " + std::to_string(findings.getRepairCount()) + " repaired";
+        const int problems = findings.getProblemCount();
+        std::printf("checked the header, the links and %zu brick files (%s)%s: %s%s\n", listing.bricks.size(),
+                    formatBytes(listing.totalBrickBytes()).c_str(), options.readData ? " with their data" : "",
+                    problems == 0 ? "no problems"
+                                  : (std::to_string(problems) + (problems == 1 ? " problem" : " problems")).c_str(),
+                    repairs.c_str());
+    }
     return findings.getProblemCount() == 0 ? 0 : 1;
 }
 
@@ -265,6 +286,7 @@ CommandAction addCheckCommand(CLI::App& program)
     command->add_flag("--repair", options->repair,
                       "Rewrite a damaged or missing copy of the header or a link from its intact copy, and remove "
                       "temporary files of interrupted stores; reports what it changed");
+    command->add_flag("--json", options->json, "Print the findings as one JSON document instead of text");
     addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
     return [options] { return runCheck(*options); };

@@ -130,7 +130,8 @@ int runCreate(const CreateOptions& options)
 {
     const zo::int64 diskSize = parseByteSize(options.size, "disk size");
     const zo::int64 brickSize = validBrickSize(options.brickSize);
-    const zo::int64 brickCount = (diskSize + brickSize - 1) / brickSize;
+    // Rounded up without overflowing for sizes near the largest number.
+    const zo::int64 brickCount = diskSize / brickSize + (diskSize % brickSize != 0 ? 1 : 0);
     if (brickCount > addressableBrickCount())
         throw UsageError("a disk of " + options.size + " needs " + std::to_string(brickCount) +
                          " bricks, more than the " + std::to_string(addressableBrickCount()) +

@@ -75,7 +75,7 @@ int runDiff(const DiffOptions& options)
     const auto secondLock = lockDisk(fs.get(), second, brick::CBrickDiskLock::ForReading, options.forceShare);
 
     const brick::CBrickDiskHeader& header = firstChain.getHeader();
-    const zo::int64 brickCount = (header.getDiskSize() + header.getBrickSize() - 1) / header.getBrickSize();
+    const zo::int64 brickCount = header.getBrickCount();
     zo::P<brick::CBrickDisk> firstDisk;
     zo::P<brick::CBrickDisk> secondDisk;
     std::vector<BrickDifference> differences;

@@ -4,6 +4,7 @@
 #include "DiskAccess.h"
 #include "ImageSink.h"
 #include "Interrupt.h"
+#include "JsonWriter.h"
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
@@ -21,6 +22,10 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace cli {
 
@@ -34,6 +39,7 @@ struct ExportOptions {
     bool forceShare = false;
     bool force = false;
     bool skipDamaged = false;
+    bool json = false;
     CPasswordSource passwords;
 };
 
@@ -41,8 +47,9 @@ struct ExportCounts {
     zo::int64 bytes = 0;
     zo::int64 dataBricks = 0;
     zo::int64 zeroBricks = 0;
-    // Bricks that could not be read and were written as zeros (--skip-damaged).
-    zo::int64 damagedBricks = 0;
+    // Bricks that could not be read and were written as zeros (--skip-damaged),
+    // by index, with their files.
+    std::vector<std::pair<zo::int64, std::string>> damaged;
 };
 
 // A brick that could not be read, named by its index and its file.
@@ -77,14 +84,17 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
             progress.clear();
             if (!skipDamaged)
                 throwBrickReadError(fs, disk, index, e);
+            const std::string file = locateBrickFile(fs, disk, index).toLocalPath();
             std::fprintf(stderr, "brickdisk: damaged brick %lld written as zeros (%s)\n", static_cast<long long>(index),
-                         locateBrickFile(fs, disk, index).toLocalPath().c_str());
+                         file.c_str());
+            counts.damaged.emplace_back(index, file);
             std::memset(chunk.data(), 0, chunk.size());
             damaged = true;
             stream->seek(counts.bytes + size);
         }
         const bool allZero = zo::isAllZero(chunk.data(), chunk.size());
-        ++(damaged ? counts.damagedBricks : allZero ? counts.zeroBricks : counts.dataBricks);
+        if (!damaged)
+            ++(allZero ? counts.zeroBricks : counts.dataBricks);
         sink.append(std::move(chunk), allZero);
         counts.bytes += size;
         throwIfInterrupted();
@@ -93,6 +103,44 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
     stream->close();
     sink.finish();
     return counts;
+}
+
+void printSummary(std::FILE* out, const ExportCounts& counts, double seconds, bool holes)
+{
+    std::fprintf(out, "exported %s in %.1f s (%s); bricks: %lld with data, %lld all zero%s",
+                 formatBytes(counts.bytes).c_str(), seconds, formatRate(counts.bytes, seconds).c_str(),
+                 static_cast<long long>(counts.dataBricks), static_cast<long long>(counts.zeroBricks),
+                 holes ? " (left as holes)" : "");
+    if (!counts.damaged.empty())
+        std::fprintf(out, ", %zu damaged (written as zeros)", counts.damaged.size());
+    std::fprintf(out, "\n");
+}
+
+void printJsonSummary(std::FILE* out, const ExportOptions& options, const zo::CURI& folder,
+                      const ExportCounts& counts, double seconds, bool holes)
+{
+    std::ostringstream text;
+    CJsonWriter json(text);
+    json.beginObject();
+    json.field("disk", folder.toLocalPath());
+    json.field("image", options.image);
+    json.field("bytes", counts.bytes);
+    json.field("seconds", seconds);
+    json.field("dataBricks", counts.dataBricks);
+    json.field("zeroBricks", counts.zeroBricks);
+    json.field("zeroBricksLeftAsHoles", holes);
+    json.key("damagedBricks");
+    json.beginArray();
+    for (const auto& [index, file] : counts.damaged) {
+        json.beginObject();
+        json.field("index", index);
+        json.field("file", file);
+        json.endObject();
+    }
+    json.endArray();
+    json.endObject();
+    std::fputs(text.str().c_str(), out);
+    std::fflush(out);
 }
 
 int runExport(const ExportOptions& options)
@@ -116,18 +164,13 @@ int runExport(const ExportOptions& options)
         throw;
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (!options.quiet) {
-        // Standard output may be the image itself.
-        std::FILE* out = options.image == "-" ? stderr : stdout;
-        std::fprintf(out, "exported %s in %.1f s (%s); bricks: %lld with data, %lld all zero%s",
-                     formatBytes(counts.bytes).c_str(), seconds, formatRate(counts.bytes, seconds).c_str(),
-                     static_cast<long long>(counts.dataBricks), static_cast<long long>(counts.zeroBricks),
-                     sink.leavesHoles() ? " (left as holes)" : "");
-        if (counts.damagedBricks > 0)
-            std::fprintf(out, ", %lld damaged (written as zeros)", static_cast<long long>(counts.damagedBricks));
-        std::fprintf(out, "\n");
-    }
-    return counts.damagedBricks > 0 ? 1 : 0;
+    // Standard output may be the image itself.
+    std::FILE* out = options.image == "-" ? stderr : stdout;
+    if (options.json)
+        printJsonSummary(out, options, folder, counts, seconds, sink.leavesHoles());
+    else if (!options.quiet)
+        printSummary(out, counts, seconds, sink.leavesHoles());
+    return counts.damaged.empty() ? 0 : 1;
 }
 
 } // namespace
@@ -148,6 +191,9 @@ CommandAction addExportCommand(CLI::App& program)
     command->add_option("-j,--jobs", options->jobs, "Threads that read and decode bricks ahead")
         ->capture_default_str();
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");
+    command->add_flag("--json", options->json,
+                      "Print the summary as one JSON document instead of text (on standard error when the image "
+                      "goes to standard output)");
     addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
     return [options] { return runExport(*options); };

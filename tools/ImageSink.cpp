@@ -1,5 +1,7 @@
 #include "ImageSink.h"
 
+#include "zo/LocalFileSystem.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -30,18 +32,6 @@ std::string folderOf(const std::string& path)
     if (slash == std::string::npos)
         return ".";
     return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-void syncFolder(const std::string& folder)
-{
-    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        throw zo::makeErrnoError(errno, "open", zo::String(folder));
-    const bool failed = ::fsync(fd) != 0 && errno != EINVAL;
-    const int syncErrno = errno;
-    ::close(fd);
-    if (failed)
-        throw zo::makeErrnoError(syncErrno, "fsync", zo::String(folder));
 }
 
 } // namespace
@@ -161,7 +151,7 @@ void CImageSink::finish()
     if (::rename(m_temporaryPath.c_str(), m_path.c_str()) != 0)
         throw zo::makeErrnoError(errno, "rename", zo::String(m_path));
     m_temporaryPath.clear();
-    syncFolder(folderOf(m_path));
+    zo::CLocalFileSystem::syncFolder(folderOf(m_path));
 }
 
 void CImageSink::discard()

@@ -5,6 +5,7 @@
 #include "DiskAccess.h"
 #include "ImageSource.h"
 #include "Interrupt.h"
+#include "JsonWriter.h"
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
@@ -19,6 +20,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <iostream>
 #include <memory>
 
 namespace cli {
@@ -32,6 +34,7 @@ struct ImportOptions {
     bool noSync = false;
     bool allowParent = false;
     bool quiet = false;
+    bool json = false;
     CPasswordSource passwords;
 };
 
@@ -61,6 +64,23 @@ void printSummary(const CBrickImporter::Counts& counts, double seconds)
                 formatBytes(counts.imageBytes).c_str(), seconds, formatRate(counts.imageBytes, seconds).c_str(),
                 static_cast<long long>(counts.written), static_cast<long long>(counts.skipped),
                 static_cast<long long>(counts.zero), formatBytes(counts.storedBytes).c_str());
+}
+
+void printJsonSummary(const ImportOptions& options, const zo::CURI& folder, const CBrickImporter::Counts& counts,
+                      double seconds)
+{
+    CJsonWriter json(std::cout);
+    json.beginObject();
+    json.field("disk", folder.toLocalPath());
+    json.field("image", options.image);
+    json.field("imageBytes", counts.imageBytes);
+    json.field("seconds", seconds);
+    json.field("bricksWritten", counts.written);
+    json.field("bricksSkipped", counts.skipped);
+    json.field("bricksZero", counts.zero);
+    json.field("storedBytes", counts.storedBytes);
+    json.endObject();
+    std::cout << std::flush;
 }
 
 int runImport(const ImportOptions& options)
@@ -107,7 +127,9 @@ int runImport(const ImportOptions& options)
         std::fprintf(stderr, "brickdisk: warning: the image %s is empty; the disk was not changed\n",
                      options.image == "-" ? "on standard input" : options.image.c_str());
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (!options.quiet)
+    if (options.json)
+        printJsonSummary(options, folder, counts, seconds);
+    else if (!options.quiet)
         printSummary(counts, seconds);
     return 0;
 }
@@ -128,6 +150,7 @@ CommandAction addImportCommand(CLI::App& program)
                       "Do not wait for each brick to reach the storage device (for tests and benchmarks: a crash "
                       "can then lose bricks that were reported as stored)");
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");
+    command->add_flag("--json", options->json, "Print the summary as one JSON document instead of text");
     options->passwords.addOptionTo(*command);
     return [options] { return runImport(*options); };
 }

@@ -1,6 +1,5 @@
 // brickdisk info DISK [--json]: what a disk is, where it sits in its chain of
 // disks and how much it stores. Needs no password.
-#include "AuxFileCheck.h"
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "JsonWriter.h"
@@ -33,16 +32,13 @@ struct InfoOptions {
 struct DiskInfo {
     zo::CURI folder;
     brick::CBrickDiskHeader header;
-    AuxFileCopyState primaryHeader;
-    AuxFileCopyState fallbackHeader;
+    brick::CBrickDiskAuxFileBase::CopyCheck primaryHeader;
+    brick::CBrickDiskAuxFileBase::CopyCheck fallbackHeader;
     std::vector<zo::CURI> parents;
     zo::CURI child;
     brick::CBrickTree::Listing bricks;
 
-    zo::int64 brickCount() const
-    {
-        return (header.getDiskSize() + header.getBrickSize() - 1) / header.getBrickSize();
-    }
+    zo::int64 brickCount() const { return header.getBrickCount(); }
     zo::int64 storedBytes() const { return bricks.totalBrickBytes(); }
     zo::int64 presentBytes() const { return static_cast<zo::int64>(bricks.bricks.size()) * header.getBrickSize(); }
     // Stored bytes per byte of the bricks present; -1 when no brick is present.
@@ -87,8 +83,8 @@ DiskInfo gatherInfo(zo::IFileSystem* fs, const zo::CURI& folder)
     DiskInfo info;
     info.folder = folder;
     info.header = loadDiskHeader(fs, folder);
-    info.primaryHeader = checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
-    info.fallbackHeader = checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
+    info.primaryHeader = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
+    info.fallbackHeader = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
     info.parents = parentDiskFolders(fs, folder);
     info.child = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
     info.bricks = brick::CBrickTree::list(fs, folder, info.header);
@@ -118,7 +114,7 @@ void printText(const DiskInfo& info)
     line("brick digest:", utf8(h.getCheckSumHashID()));
     line("format version:", std::to_string(h.getVersion()) + " (reader " + std::to_string(h.getMinReaderVersion()) +
                                 ", writer " + std::to_string(h.getMinWriterVersion()) + ")");
-    line("header copies:", "primary " + info.primaryHeader.describe() + ", fallback " + info.fallbackHeader.describe());
+    line("header copies:", "primary " + info.primaryHeader.describe().toUTF8() + ", fallback " + info.fallbackHeader.describe().toUTF8());
     if (info.parents.empty())
         line("parents:", "none");
     for (size_t i = 0; i < info.parents.size(); ++i)
@@ -162,8 +158,8 @@ void printJson(const DiskInfo& info)
     json.field("minWriterVersion", h.getMinWriterVersion());
     json.key("headerCopies");
     json.beginObject();
-    json.field("primary", info.primaryHeader.describe());
-    json.field("fallback", info.fallbackHeader.describe());
+    json.field("primary", info.primaryHeader.describe().toUTF8());
+    json.field("fallback", info.fallbackHeader.describe().toUTF8());
     json.endObject();
     json.key("parents");
     json.beginArray();

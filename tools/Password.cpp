@@ -6,8 +6,8 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string.h>
 #include <utility>
 
@@ -22,12 +22,27 @@ public:
     std::string text;
 };
 
+// A password file longer than this is no password file (/dev/zero, a disk
+// image given by mistake): reading stops there instead of running on.
+constexpr std::streamsize kMaxPasswordFileBytes = 64 * 1024;
+
 std::string readPasswordFile(const std::string& path)
 {
+    std::error_code error;
+    if (std::filesystem::is_directory(path, error))
+        throw UsageError("the password file '" + path + "' is a folder, not a file");
     std::ifstream file(path, std::ios::binary);
     if (!file)
         throw UsageError("cannot read the password file '" + path + "'");
-    std::string content((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::string content(static_cast<size_t>(kMaxPasswordFileBytes) + 1, '\0');
+    file.read(content.data(), kMaxPasswordFileBytes + 1);
+    content.resize(static_cast<size_t>(file.gcount()));
+    if (file.bad())
+        throw UsageError("cannot read the password file '" + path + "'");
+    if (content.size() > static_cast<size_t>(kMaxPasswordFileBytes)) {
+        explicit_bzero(content.data(), content.size());
+        throw UsageError("the password file '" + path + "' is longer than 64 KiB; it cannot be a password");
+    }
     if (!content.empty() && content.back() == '\n')
         content.pop_back();
     if (!content.empty() && content.back() == '\r')

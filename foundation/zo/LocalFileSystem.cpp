@@ -195,6 +195,11 @@ void CLocalFileSystem::waitUntilIdle()
     m_pool->waitUntilIdle();
 }
 
+void CLocalFileSystem::syncFolder(const std::string& path)
+{
+    syncLocalFolder(path);
+}
+
 P<IFileSystemOp> CLocalFileSystem::beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
                                                   IDoneListener* listener)
 {

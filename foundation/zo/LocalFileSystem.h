@@ -6,6 +6,7 @@
 #include "zo/FileSystem.h"
 
 #include <atomic>
+#include <string>
 
 namespace zo {
 
@@ -34,6 +35,12 @@ public:
     // Waits until no operation is queued or running and every listener has
     // been called.
     void waitUntilIdle();
+
+    // fsync of the local folder `path`, so that the entries made, renamed or
+    // removed in it survive a crash. A file system that cannot sync folders
+    // (EINVAL) counts as done. Throws makeErrnoError's error when the folder
+    // cannot be opened or synced. Any thread may call it.
+    static void syncFolder(const std::string& path);
 
     // Writes a temporary file ".tmp-<random>-<name>.part" next to `file`,
     // fills it with exactly `size` bytes from `source` (fewer is a CIOError

@@ -267,6 +267,52 @@ TEST_F(BrickDiskAuxFile, LoadTakesFallbackWhenPrimaryCannotBeRead)
     EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")), (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
+TEST_F(BrickDiskAuxFile, CheckOfAnIntactCopyGivesItsPayload)
+{
+    setFile(fallback, framedABC());
+    const CBrickDiskAuxFileBase::CopyCheck check = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 1);
+    EXPECT_TRUE(check.isIntact());
+    EXPECT_EQ(check.uri, fallback);
+    ASSERT_TRUE(check.payload);
+    EXPECT_EQ(toVector(*check.payload), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(check.describe(), "intact");
+}
+
+TEST_F(BrickDiskAuxFile, CheckTellsAMissingCopyFromADamagedOne)
+{
+    std::vector<uint8> damaged = framedABC();
+    damaged[1] ^= 0x04;
+    setFile(primary, damaged);
+    const CBrickDiskAuxFileBase::CopyCheck corrupted =
+        CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 0);
+    EXPECT_EQ(corrupted.kind, CBrickDiskAuxFileBase::CopyCheck::Corrupted);
+    EXPECT_FALSE(corrupted.payload);
+    EXPECT_EQ(corrupted.describe(), "damaged (digest mismatch)");
+
+    const CBrickDiskAuxFileBase::CopyCheck missing = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 1);
+    EXPECT_EQ(missing.kind, CBrickDiskAuxFileBase::CopyCheck::Missing);
+    EXPECT_EQ(missing.describe(), "missing");
+}
+
+TEST_F(BrickDiskAuxFile, CheckOfACopyTooShortForItsDigestIsABadSize)
+{
+    setFile(primary, std::vector<uint8>(16, 0x11));
+    const CBrickDiskAuxFileBase::CopyCheck check = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 0);
+    EXPECT_EQ(check.kind, CBrickDiskAuxFileBase::CopyCheck::BadSize);
+    EXPECT_EQ(check.size, 16);
+}
+
+TEST_F(BrickDiskAuxFile, CheckOfACopyThatCannotBeReadKeepsTheError)
+{
+    setFile(primary, framedABC());
+    fs->failStreamReads(primary, CFileSystemError::AccessDenied);
+    const CBrickDiskAuxFileBase::CopyCheck check = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 0);
+    EXPECT_EQ(check.kind, CBrickDiskAuxFileBase::CopyCheck::Unreadable);
+    ASSERT_TRUE(check.error);
+    EXPECT_EQ(CFileSystemError::getProblem(check.error->getProps()), CFileSystemError::AccessDenied);
+    EXPECT_EQ(check.describe().toUTF8().rfind("unreadable: ", 0), 0u) << check.describe().toUTF8();
+}
+
 TEST_F(BrickDiskAuxFile, LoadDoesNotRepairDamagedPrimary)
 {
     CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc")));

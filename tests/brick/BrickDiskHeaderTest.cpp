@@ -509,3 +509,17 @@ TEST_F(BrickDiskHeaderStore, FileSystemErrorOfStorePassesThrough)
     }
     EXPECT_FALSE(fs->getFileData(CURI("/disk/fallback/disk.brickdisk")));
 }
+
+TEST(BrickDiskHeaderBrickCount, RoundsUpAndDoesNotOverflowForTheLargestSize)
+{
+    CBrickDiskHeader header;
+    header.setBrickSize(4096);
+    header.setDiskSize(3 * 4096);
+    EXPECT_EQ(header.getBrickCount(), 3);
+    header.setDiskSize(3 * 4096 + 1);
+    EXPECT_EQ(header.getBrickCount(), 4);
+    header.setDiskSize(LLONG_MAX);
+    EXPECT_EQ(header.getBrickCount(), LLONG_MAX / 4096 + 1);
+    header.setDiskSize(0);
+    EXPECT_EQ(header.getBrickCount(), 0);
+}

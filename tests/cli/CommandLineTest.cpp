@@ -1,5 +1,7 @@
 #include "CliTestFixture.h"
 
+#include <filesystem>
+
 namespace clitest {
 namespace {
 
@@ -63,6 +65,30 @@ TEST_F(CommandLineTest, EmptyPasswordFileIsRefused)
     const RunResult result = run({"create", path("disk"), "--size", "1M", "--password-file", path("empty")});
     EXPECT_EQ(result.exitStatus, 2);
     EXPECT_NE(result.err.find("is empty"), std::string::npos) << result.err;
+}
+
+TEST_F(CommandLineTest, PasswordFileThatIsAFolderIsRefused)
+{
+    std::filesystem::create_directories(path("folder"));
+    const RunResult result = run({"create", path("disk"), "--size", "1M", "--password-file", path("folder")});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.err.find("is a folder, not a file"), std::string::npos) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(path("disk")));
+}
+
+TEST_F(CommandLineTest, EndlessPasswordFileIsRefusedAfter64KiB)
+{
+    const RunResult result = run({"create", path("disk"), "--size", "1M", "--password-file", "/dev/zero"});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.err.find("is longer than 64 KiB"), std::string::npos) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(path("disk")));
+}
+
+TEST_F(CommandLineTest, PasswordFileOf64KiBIsStillAccepted)
+{
+    writeFile(path("long"), std::string(64 * 1024, 'p'));
+    const RunResult result = run({"create", path("disk"), "--size", "1M", "--kdf", "pbkdf2", "--password-file", path("long")});
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
 }
 
 } // namespace

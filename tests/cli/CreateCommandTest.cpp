@@ -115,7 +115,8 @@ TEST_F(CreateCommandTest, BadSizesAreUsageErrorsAndCreateNothing)
     const std::vector<std::vector<std::string>> badSizes{
         {"--size", "12X"}, {"--size", "0"}, {"--size", "-5M"}, {"--size", "99999999999T"},
         {"--size", "4M", "--brick-size", "3000"}, {"--size", "4M", "--brick-size", "1K"},
-        {"--size", "4M", "--brick-size", "128M"}, {"--size", "1024T", "--brick-size", "4K"}};
+        {"--size", "4M", "--brick-size", "128M"}, {"--size", "1024T", "--brick-size", "4K"},
+        {"--size", "9223372036854775807"}, {"--size", "9223372036854775807", "--brick-size", "64M"}};
     for (const std::vector<std::string>& sizes : badSizes) {
         SCOPED_TRACE(sizes[1] + (sizes.size() > 2 ? " " + sizes[3] : ""));
         std::vector<std::string> args{"create", path("disk")};

@@ -1,0 +1,20 @@
+// The fixed fields at the start of a brick file, shared by the code that
+// writes brick files and the code that checks them. Used inside the library
+// only; not part of the public API.
+#pragma once
+
+namespace brick::layout {
+
+// The file ID "BRICK", raw bytes without a terminator.
+inline constexpr char kBrickFileID[] = "BRICK";
+inline constexpr int kBrickFileIDSize = 5;
+// File ID and the two version fields (int16 each).
+inline constexpr int kFixedHeaderSize = kBrickFileIDSize + 2 + 2;
+// The brick index that index-bound brick files hold after the versions.
+inline constexpr int kBrickIndexSize = 8;
+// The checksum ID under which brick files are bound to their index and
+// their digests are keyed (HMAC-SHA256: 32 bytes each).
+inline constexpr char kIndexBoundDigestID[] = "hmac-sha256";
+inline constexpr int kIndexBoundDigestSize = 32;
+
+} // namespace brick::layout
