@@ -4,6 +4,7 @@
 #include "zo/Signal.h"
 
 #include <curl/curl.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <chrono>
@@ -28,6 +29,22 @@ void initialiseCurlOnce()
     if (result != CURLE_OK)
         throw CError("curl could not be initialised.", String(), -1,
                      CProps().add("curlError", String::fromUTF8(curl_easy_strerror(result))));
+}
+
+// The hex SHA-256 of `bytes`, which the service checks the body against.
+std::string sha256Hex(const std::string& bytes)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) != 1)
+        throw CError("OpenSSL could not hash a request body.");
+    static const char* hex = "0123456789abcdef";
+    std::string text;
+    for (unsigned int i = 0; i < length; ++i) {
+        text += hex[digest[i] >> 4];
+        text += hex[digest[i] & 15];
+    }
+    return text;
 }
 
 size_t appendBody(char* data, size_t size, size_t count, void* response)
@@ -168,9 +185,8 @@ struct CS3Client::Loop {
         curl_easy_setopt(t.easy, CURLOPT_WRITEDATA, &t.response);
         curl_easy_setopt(t.easy, CURLOPT_PRIVATE, &t);
 
-        // curl signs every header it sends; the service wants the payload's
-        // hash declared, and the bricks carry their own digests.
-        t.headers = curl_slist_append(t.headers, "x-amz-content-sha256: UNSIGNED-PAYLOAD");
+        // curl signs every header it sends, the body's hash among them.
+        t.headers = curl_slist_append(t.headers, ("x-amz-content-sha256: " + sha256Hex(t.request.body)).c_str());
         if (!options.sessionToken.empty())
             t.headers = curl_slist_append(t.headers, ("x-amz-security-token: " + options.sessionToken).c_str());
         for (const std::string& header : t.request.headers)
@@ -179,7 +195,6 @@ struct CS3Client::Loop {
             curl_easy_setopt(t.easy, CURLOPT_NOBODY, 1L);
         } else if (t.request.method == "PUT") {
             t.headers = curl_slist_append(t.headers, "Content-Type: application/octet-stream");
-            t.headers = curl_slist_append(t.headers, "Expect:");
             curl_easy_setopt(t.easy, CURLOPT_CUSTOMREQUEST, "PUT");
             curl_easy_setopt(t.easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t.request.body.size()));
             curl_easy_setopt(t.easy, CURLOPT_POSTFIELDS, t.request.body.data());
