@@ -9,7 +9,7 @@ packages=(
   libssl-dev zlib1g-dev liblz4-dev liblzma-dev libargon2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang e2fsprogs
-  librados-dev libradospp-dev
+  librados-dev libradospp-dev libcurl4-openssl-dev
   ceph-mon ceph-mgr ceph-osd ceph-common radosgw curl
   nbdkit nbdkit-plugin-dev libnbd-bin fuse3 fio qemu-utils
 )

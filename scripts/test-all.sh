@@ -3,9 +3,9 @@
 # times: a normal build (whose installation is then checked as a user's
 # program meets it), an AddressSanitizer + UndefinedBehaviorSanitizer build,
 # and the concurrency tests under ThreadSanitizer; last it runs every fuzzer
-# for BRICKDISK_FUZZ_SECONDS (60) each. The tests labelled ceph run against a
-# throwaway Ceph cluster started here and stopped at the end. Stops at the
-# first failure.
+# for BRICKDISK_FUZZ_SECONDS (60) each. The tests labelled ceph and s3 run
+# against a throwaway Ceph cluster (and its radosgw) started here and stopped
+# at the end. Stops at the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

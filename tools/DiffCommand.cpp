@@ -59,8 +59,9 @@ int runDiff(const DiffOptions& options)
 {
     const zo::CURI first = diskFolderURI(options.first);
     const zo::CURI second = diskFolderURI(options.second);
-    if (isCephFolder(first) != isCephFolder(second))
-        throw UsageError("the two disks of a diff are of one chain: both on Ceph (rados://) or both in local folders");
+    if (!isSameStore(first, second))
+        throw UsageError("the two disks of a diff are of one chain: both on Ceph (rados://), both on S3 (s3://) or "
+                         "both in local folders");
     const zo::P<zo::IFileSystem> fs = newFileSystem(first, true, 1);
     loadDiskHeader(fs.get(), first);
     loadDiskHeader(fs.get(), second);

@@ -9,9 +9,13 @@
 #ifdef BRICKDISK_HAVE_RADOS
 #include "rados/RadosFileSystem.h"
 #endif
+#ifdef BRICKDISK_HAVE_S3
+#include "s3/S3FileSystem.h"
+#endif
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
@@ -20,6 +24,7 @@ namespace cli {
 namespace {
 
 const std::string radosPrefix = "rados://";
+const std::string s3Prefix = "s3://";
 
 CephCluster& cephCluster()
 {
@@ -27,9 +32,25 @@ CephCluster& cephCluster()
     return cluster;
 }
 
+S3Service& s3Service()
+{
+    static S3Service service;
+    return service;
+}
+
+bool startsWith(const std::string& path, const std::string& prefix)
+{
+    return path.compare(0, prefix.size(), prefix) == 0;
+}
+
 bool isOnCeph(const std::string& path)
 {
-    return path.compare(0, radosPrefix.size(), radosPrefix) == 0;
+    return startsWith(path, radosPrefix);
+}
+
+bool isOnS3(const std::string& path)
+{
+    return startsWith(path, s3Prefix);
 }
 
 zo::P<zo::IFileSystem> newCephFileSystem([[maybe_unused]] int threadCount)
@@ -46,11 +67,34 @@ zo::P<zo::IFileSystem> newCephFileSystem([[maybe_unused]] int threadCount)
 #endif
 }
 
+zo::P<zo::IFileSystem> newS3FileSystem([[maybe_unused]] int threadCount)
+{
+#ifdef BRICKDISK_HAVE_S3
+    zo::S3Options options = zo::loadS3Options(s3Service().endpoint);
+    options.virtualHostStyle = options.virtualHostStyle || s3Service().virtualHost;
+    options.conditionalWrites = !s3Service().noConditionalPut;
+    options.lockLeaseSeconds = s3Service().lockLeaseSeconds;
+    // Requests run side by side on the transfer thread; the workers only
+    // check paths, and a few more keep the requests coming.
+    options.threadCount = std::max(threadCount, 8);
+    return zo::P<zo::IFileSystem>(new zo::CS3FileSystem(options));
+#else
+    throw UsageError("this brickdisk was built without S3 (libcurl): s3:// disks are not available");
+#endif
+}
+
 } // namespace
 
-bool isCephFolder(const zo::CURI& folder)
+bool isSameStore(const zo::CURI& first, const zo::CURI& second)
 {
-    return isOnCeph(folder.toLocalPath());
+    const std::string a = first.toLocalPath();
+    const std::string b = second.toLocalPath();
+    return isOnCeph(a) == isOnCeph(b) && isOnS3(a) == isOnS3(b);
+}
+
+void setS3Service(const S3Service& service)
+{
+    s3Service() = service;
 }
 
 void setCephCluster(const CephCluster& cluster)
@@ -62,7 +106,7 @@ zo::CURI diskFolderURI(const std::string& path)
 {
     if (path.empty())
         throw UsageError("the disk path is empty");
-    if (isOnCeph(path))
+    if (isOnCeph(path) || isOnS3(path))
         return zo::CURI(zo::String::fromUTF8(path)).toNormalized();
     std::string absolute = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal().string();
     while (absolute.size() > 1 && absolute.back() == '/')
@@ -72,8 +116,10 @@ zo::CURI diskFolderURI(const std::string& path)
 
 zo::P<zo::IFileSystem> newFileSystem(const zo::CURI& folder, bool syncEnabled, int threadCount)
 {
-    if (isCephFolder(folder))
+    if (isOnCeph(folder.toLocalPath()))
         return newCephFileSystem(threadCount);
+    if (isOnS3(folder.toLocalPath()))
+        return newS3FileSystem(threadCount);
     zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(threadCount));
     fs->setSyncEnabled(syncEnabled);
     return zo::P<zo::IFileSystem>(fs.get());

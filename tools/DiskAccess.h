@@ -22,7 +22,8 @@ class App;
 namespace cli {
 
 // `path` made absolute against the working folder and normalised; a disk on
-// Ceph, "rados://POOL/path/to/disk", only normalised. An empty path throws
+// Ceph, "rados://POOL/path/to/disk", or on S3, "s3://BUCKET/path/to/disk",
+// only normalised. An empty path throws
 // UsageError.
 zo::CURI diskFolderURI(const std::string& path);
 
@@ -37,13 +38,29 @@ struct CephCluster {
 };
 void setCephCluster(const CephCluster& cluster);
 
-// True for a folder on Ceph ("rados://POOL/path").
-bool isCephFolder(const zo::CURI& folder);
+// The S3 service of the disks on S3: the program's --s3-endpoint (empty:
+// AWS_ENDPOINT_URL_S3, AWS_ENDPOINT_URL, the profile's endpoint_url, else
+// AWS itself), --s3-virtual-host (the bucket in the host name),
+// --s3-no-conditional-put (for services that ignore "If-None-Match: *") and
+// --s3-lock-lease. The keys and the region come from the environment or the
+// profile, as every S3 tool finds them, never from the command line.
+struct S3Service {
+    std::string endpoint;
+    bool virtualHost = false;
+    bool noConditionalPut = false;
+    int lockLeaseSeconds = 30;
+};
+void setS3Service(const S3Service& service);
+
+// True when both folders are in the same kind of place: both local, both on
+// Ceph ("rados://POOL/path") or both on S3 ("s3://BUCKET/path").
+bool isSameStore(const zo::CURI& first, const zo::CURI& second);
 
 // The file system that holds `folder`, with `threadCount` worker threads: the
-// Ceph cluster's for "rados://" folders (connecting to it throws
-// zo::CFileSystemError), else the local one, where with `syncEnabled` every
-// stored brick and header reaches the disk before it counts as stored.
+// Ceph cluster's for "rados://" folders, the S3 service's for "s3://" folders
+// (connecting, or finding no S3 credentials, throws zo::CError), else the
+// local one, where with `syncEnabled` every stored brick and header reaches
+// the disk before it counts as stored.
 zo::P<zo::IFileSystem> newFileSystem(const zo::CURI& folder, bool syncEnabled, int threadCount);
 
 // The header of the disk in `folder`. Throws zo::CError "The disk path is a

@@ -73,6 +73,19 @@ int main(int argc, char** argv)
                        "Seconds that the disk lock of a killed program keeps others out of a rados:// disk")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
+    cli::S3Service s3;
+    program.add_option("--s3-endpoint", s3.endpoint,
+                       "S3 service of s3://BUCKET/path disks, e.g. https://minio.example:9000 (default: "
+                       "AWS_ENDPOINT_URL, else AWS); the keys come from AWS_ACCESS_KEY_ID and "
+                       "AWS_SECRET_ACCESS_KEY or ~/.aws/credentials");
+    program.add_flag("--s3-virtual-host", s3.virtualHost,
+                     "Address the bucket in the host name (https://BUCKET.host/) instead of the path");
+    program.add_flag("--s3-no-conditional-put", s3.noConditionalPut,
+                     "For S3 services that ignore If-None-Match: check before a store that must not replace");
+    program.add_option("--s3-lock-lease", s3.lockLeaseSeconds,
+                       "Seconds that the disk lock of a killed program keeps others out of an s3:// disk")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
 
     std::map<const CLI::App*, cli::CommandAction> actions;
     const auto add = [&](cli::CommandAction (*adder)(CLI::App&)) {
@@ -118,6 +131,7 @@ int main(int argc, char** argv)
     }
     routeLibraryLog(verbose);
     cli::setCephCluster(ceph);
+    cli::setS3Service(s3);
 
     try {
         for (const CLI::App* chosen : program.get_subcommands())

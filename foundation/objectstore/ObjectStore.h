@@ -50,11 +50,21 @@ public:
     // The keys of the container that start with `prefix`, in no order; with
     // `limit` above 0 at most that many.
     virtual TList<std::string> list(const std::string& container, const std::string& prefix, int limit) = 0;
+    // The names one level below `prefix` (empty or ending in "/"): an
+    // object's key without the prefix, or the next folder name of a deeper
+    // key, each once, in no order; the marker `prefix` itself is left out.
+    // This one filters list(); a store that can list one level asks for it.
+    virtual TList<std::string> listChildren(const std::string& container, const std::string& prefix);
     // Takes a lock named after the object `name` without waiting (Locked,
     // with the property "holder" where known, on a conflict). The lock lasts
     // until the returned object goes, or, when the holder dies, until its
     // lease runs out.
     virtual P<IFileSystemLock> lock(const ObjectName& name, bool exclusive) = 0;
 };
+
+// Runs one asynchronous call of a store, `call` starting it with the Done it
+// is given, waits for its outcome and throws its error. Not for the store's
+// own threads.
+void runSync(const std::function<void(IObjectStore::Done)>& call);
 
 } // namespace zo

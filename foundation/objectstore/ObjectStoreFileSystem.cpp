@@ -3,7 +3,6 @@
 #include "objectstore/ObjectStream.h"
 #include "zo/CompletionPool.h"
 #include "zo/FileSystemOp.h"
-#include "zo/Signal.h"
 
 #include <condition_variable>
 #include <thread>
@@ -33,24 +32,6 @@ std::string parentKey(const std::string& key)
 ObjectName markerOf(const ObjectName& folder)
 {
     return ObjectName{folder.container, folder.key + "/"};
-}
-
-// Runs one asynchronous call of the store and waits for its outcome, which it
-// throws when it is an error.
-void runSync(const std::function<void(IObjectStore::Done)>& call)
-{
-    struct Outcome {
-        CSignal done;
-        P<CError> error;
-    };
-    auto outcome = std::make_shared<Outcome>();
-    call([outcome](const CError* error) {
-        outcome->error = error ? error->clone() : P<CError>();
-        outcome->done.set();
-    });
-    outcome->done.wait(-1);
-    if (outcome->error)
-        outcome->error->throwClone();
 }
 
 void checkAccess(const CURI& file, IIOStream::Access access)
@@ -354,11 +335,8 @@ TList<String> CObjectStoreFileSystem::listFolder(const CURI& folder)
     }
     const std::string prefix = name.key.empty() ? std::string() : name.key + "/";
     std::set<std::string> entries;
-    for (const std::string& key : m_store->list(name.container, prefix, 0)) {
-        const std::string entry = key.substr(prefix.size(), key.find('/', prefix.size()) - prefix.size());
-        if (!entry.empty())
-            entries.insert(entry);
-    }
+    for (const std::string& entry : m_store->listChildren(name.container, prefix))
+        entries.insert(entry);
     TList<String> names;
     for (const std::string& entry : entries)
         names.push_back(String::fromUTF8(entry));

@@ -1,0 +1,71 @@
+#include "objectstore/LeaseLock.h"
+
+#include "zo/Log.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <unistd.h>
+
+namespace zo {
+
+CLeaseLock::CLeaseLock(bool exclusive, int leaseSeconds) : m_exclusive(exclusive), m_leaseSeconds(leaseSeconds) {}
+
+CLeaseLock::~CLeaseLock()
+{
+    stopRenewing();
+}
+
+std::string CLeaseLock::describeThisProcess()
+{
+    char host[256] = {};
+    ::gethostname(host, sizeof host - 1);
+    return "process " + std::to_string(::getpid()) + " (" + program_invocation_short_name + ") on " + host;
+}
+
+std::string CLeaseLock::newHolderName()
+{
+    static std::atomic<int> counter{0};
+    return describeThisProcess() + " #" + std::to_string(++counter) + "-" +
+           std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
+}
+
+CFileSystemError CLeaseLock::lockedError(const String& path, const String& holder, CProps props)
+{
+    props.add("path", path).add("holder", holder);
+    return CFileSystemError(CFileSystemError::Locked,
+                            CError("The folder is locked by someone else.", String(), -1, props));
+}
+
+void CLeaseLock::startRenewing()
+{
+    m_renewer = std::thread([this] { renewUntilStopped(); });
+}
+
+void CLeaseLock::stopRenewing()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = true;
+    }
+    m_stopRequested.notify_all();
+    if (m_renewer.joinable())
+        m_renewer.join();
+}
+
+void CLeaseLock::renewUntilStopped()
+{
+    const auto interval = std::chrono::milliseconds(m_leaseSeconds * 1000 / 3);
+    std::unique_lock lock(m_mutex);
+    while (!m_stopRequested.wait_for(lock, interval, [this] { return m_stopping; })) {
+        lock.unlock();
+        try {
+            renew();
+        } catch (const std::exception& e) {
+            logError(e, "A folder lock on an object store could not be renewed.", String());
+        }
+        lock.lock();
+    }
+}
+
+} // namespace zo
