@@ -62,10 +62,12 @@ void deleteLink(zo::IFileSystem* fs, const CURI& folder, const String& linkFileN
 
 // Copies every brick file of the disk that the child lacks into the child.
 zo::int64 copyMissingBricksIntoChild(zo::IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
-                                     const CBrickDiskHeader& header)
+                                     const CBrickDiskHeader& header, const std::function<void()>& checkpoint)
 {
     zo::int64 copied = 0;
     for (const CBrickTree::BrickFile& brick : CBrickTree::list(fs, diskFolder, header).bricks) {
+        if (checkpoint)
+            checkpoint();
         const CURI relative = brick.path.toRelative(diskFolder);
         const CURI target = childFolder << relative;
         if (fs->fileExists(target))
@@ -156,7 +158,8 @@ bool isRemovalLeftover(zo::IFileSystem* fs, const CURI& folder)
 
 } // namespace
 
-CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const CURI& diskFolder)
+CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const CURI& diskFolder,
+                                                     const std::function<void()>& checkpoint)
 {
     Outcome outcome;
     if (isRemovalLeftover(fs, diskFolder)) {
@@ -178,7 +181,7 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
     const bool stillLinked = parentsChild.toString(true) == disk.toString(true);
     if (stillLinked) {
         if (!child.isEmpty())
-            outcome.bricksCopied = copyMissingBricksIntoChild(fs, disk, child, chain.getHeader());
+            outcome.bricksCopied = copyMissingBricksIntoChild(fs, disk, child, chain.getHeader(), checkpoint);
         if (child.isEmpty())
             deleteLink(fs, parent, childLink);
         else

@@ -23,6 +23,8 @@
 #include "zo/FileSystem.h"
 #include "zo/URI.h"
 
+#include <functional>
+
 namespace brick {
 
 class BRICKDISK_EXPORT CBrickDiskRemover {
@@ -43,7 +45,13 @@ public:
     // removal; see above). Empty folders of the disk may remain, for the
     // caller to remove where its file system keeps folders. The caller keeps
     // other writers of the disk, its parent and its child away meanwhile.
-    static Outcome remove(zo::IFileSystem* fs, const zo::CURI& diskFolder);
+    //
+    // `checkpoint`, when given, is called before each brick copied in step 1;
+    // whatever it throws ends the removal there and passes through, with the
+    // chain reading as before (a way to let a user stop a long removal). Once
+    // step 2 is done the removal runs to its end without asking.
+    static Outcome remove(zo::IFileSystem* fs, const zo::CURI& diskFolder,
+                          const std::function<void()>& checkpoint = {});
 };
 
 } // namespace brick

@@ -3,6 +3,7 @@
 // CBrickDiskRemover), then removes its folder.
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "Interrupt.h"
 
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskRemover.h"
@@ -53,9 +54,10 @@ int runDelete(const DeleteOptions& options)
         if (chain.getMembers().size() > 1 && chain.getMembers()[1].problem.isEmpty())
             parentLock = lockDisk(fs.get(), chain.getMembers()[1].folder, brick::CBrickDiskLock::ForReading);
     }
-    const brick::CBrickDiskRemover::Outcome outcome = brick::CBrickDiskRemover::remove(fs.get(), folder);
+    const brick::CBrickDiskRemover::Outcome outcome = brick::CBrickDiskRemover::remove(fs.get(), folder, throwIfInterrupted);
     diskLock.reset();
-    removeEmptyFolders(folder.toLocalPath());
+    if (isLocalFolder(folder))
+        removeEmptyFolders(folder.toLocalPath());
     if (child.isEmpty())
         std::printf("deleted %s (%lld files)\n", folder.toLocalPath().c_str(),
                     static_cast<long long>(outcome.filesDeleted));

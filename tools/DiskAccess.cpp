@@ -92,6 +92,12 @@ bool isSameStore(const zo::CURI& first, const zo::CURI& second)
     return isOnCeph(a) == isOnCeph(b) && isOnS3(a) == isOnS3(b);
 }
 
+bool isLocalFolder(const zo::CURI& folder)
+{
+    const std::string path = folder.toLocalPath();
+    return !isOnCeph(path) && !isOnS3(path);
+}
+
 void setS3Service(const S3Service& service)
 {
     s3Service() = service;
@@ -210,6 +216,15 @@ zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo:
             return folder << relative;
     }
     return disk.getDiskFolder() << relative;
+}
+
+void throwBrickReadError(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index, const zo::CError& cause)
+{
+    throw zo::CError("Cannot read brick " + zo::toDecimalString(index) + ".", zo::String(), -1,
+                     zo::CProps()
+                         .add("brickIndex", index)
+                         .add("brickFile", locateBrickFile(fs, disk, index).toString(true)),
+                     &cause);
 }
 
 } // namespace cli

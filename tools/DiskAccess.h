@@ -56,6 +56,9 @@ void setS3Service(const S3Service& service);
 // Ceph ("rados://POOL/path") or both on S3 ("s3://BUCKET/path").
 bool isSameStore(const zo::CURI& first, const zo::CURI& second);
 
+// True for a disk folder in the local file system (neither rados:// nor s3://).
+bool isLocalFolder(const zo::CURI& folder);
+
 // The file system that holds `folder`, with `threadCount` worker threads: the
 // Ceph cluster's for "rados://" folders, the S3 service's for "s3://" folders
 // (connecting, or finding no S3 credentials, throws zo::CError), else the
@@ -103,5 +106,10 @@ std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& fol
 // then its parents, nearest first) that holds it; the path in the disk's own
 // folder when none does.
 zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index);
+
+// Throws CError "Cannot read brick N." with "brickIndex" and "brickFile" (the
+// file it was read from) and `cause` as its cause.
+[[noreturn]] void throwBrickReadError(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index,
+                                      const zo::CError& cause);
 
 } // namespace cli

@@ -52,17 +52,6 @@ struct ExportCounts {
     std::vector<std::pair<zo::int64, std::string>> damaged;
 };
 
-// A brick that could not be read, named by its index and its file.
-[[noreturn]] void throwBrickReadError(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index,
-                                      const zo::CError& cause)
-{
-    throw zo::CError("Cannot read brick " + zo::toDecimalString(index) + ".", zo::String(), -1,
-                     zo::CProps()
-                         .add("brickIndex", index)
-                         .add("brickFile", locateBrickFile(fs, disk, index).toString(true)),
-                     &cause);
-}
-
 // With `skipDamaged` a brick that cannot be read becomes zeros and is
 // reported on stderr; otherwise it ends the export.
 ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& sink, int jobs, bool skipDamaged)

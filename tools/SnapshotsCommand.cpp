@@ -118,7 +118,6 @@ int runSnapshots(const SnapshotsOptions& options)
         }
         json.endArray();
         json.endObject();
-        std::cout << "\n";
         return 0;
     }
     for (size_t i = 0; i < disks.size(); ++i) {

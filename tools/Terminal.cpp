@@ -94,9 +94,14 @@ bool askOnTerminalWithoutEcho(const std::string& prompt, std::string& answer)
             // it: the wait for input looks at the note between short polls.
             // Echo comes back as the guard goes.
             throwIfInterrupted();
+            // A poll cut short by the signal itself (EINTR) must not fall
+            // through to a read, which would then wait for a key.
             pollfd readable{terminal.get(), POLLIN, 0};
-            if (::poll(&readable, 1, 100) == 0)
+            const int ready = ::poll(&readable, 1, 100);
+            if (ready == 0 || (ready < 0 && errno == EINTR))
                 continue;
+            if (ready < 0)
+                break;
             const ssize_t n = ::read(terminal.get(), &c, 1);
             if (n < 0 && errno == EINTR)
                 continue;

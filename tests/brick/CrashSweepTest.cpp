@@ -345,6 +345,30 @@ TEST(CrashSweep, RemovingTheOldestSnapshotKeepsEveryOtherDiskIntact)
     sweep("removing the oldest snapshot of a chain", memoryFileSystem, removeOldestSnapshot());
 }
 
+TEST(CrashSweep, ARemovalStoppedAtACheckpointLeavesTheChainAsItWas)
+{
+    const P<IFileSystem> fs = memoryFileSystem();
+    removeMiddleSnapshot().setUp(fs.get());
+    struct Stop {};
+    int calls = 0;
+    EXPECT_THROW(brick::CBrickDiskRemover::remove(fs.get(), CURI("/newer"),
+                                                  [&calls] {
+                                                      if (++calls == 3)
+                                                          throw Stop();
+                                                  }),
+                 Stop);
+    EXPECT_EQ(calls, 3);
+    EXPECT_EQ(brick::CBrickDiskChain::loadLinkedFolder(fs.get(), CURI("/disk"), CBrickDisk::getChildLinkFileName()),
+              CURI("/newer"));
+    expectView(fs.get(), "/disk", kDiskNow, "a stopped removal");
+    expectView(fs.get(), "/newer", kNewer, "a stopped removal");
+    expectView(fs.get(), "/older", kOld, "a stopped removal");
+    // Asked again without a stop, the removal goes through.
+    brick::CBrickDiskRemover::remove(fs.get(), CURI("/newer"));
+    EXPECT_TRUE(testsupport::filesBelow(fs.get(), CURI("/newer")).empty());
+    expectView(fs.get(), "/older", kOld, "the removal finished later");
+}
+
 TEST(CrashSweep, ImportIntoADiskWithASnapshotLeavesEveryBrickOldOrNewAndTheSnapshotIntact)
 {
     const SweepCounts counts = sweep("import into a disk with a snapshot", memoryFileSystem, importIntoDiskWithSnapshot());

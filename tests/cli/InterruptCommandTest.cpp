@@ -80,5 +80,44 @@ TEST_F(InterruptCommandTest, InterruptedExportLeavesTheOldFileAndNoTemporaryImag
     EXPECT_TRUE(temporaryFilesBelow(path("")).empty());
 }
 
+TEST_F(InterruptCommandTest, CtrlCAtThePasswordPromptRestoresEchoAndCreatesNothing)
+{
+    // Ctrl-C typed on the terminal while the prompt waits with echo off.
+    const RunResult result =
+        runOnTerminal({"create", path("disk"), "--size", "1M"}, {{"New password", "sec"}, {"", "\x03"}});
+    EXPECT_EQ(result.exitStatus, 130) << result.err;
+    EXPECT_NE(result.err.find("brickdisk: interrupted"), std::string::npos) << result.err;
+    EXPECT_TRUE(result.terminalEchoes);
+    EXPECT_FALSE(std::filesystem::exists(path("disk/disk.brickdisk")));
+}
+
+TEST_F(InterruptCommandTest, TerminalEchoesAgainAfterAnAnsweredPrompt)
+{
+    createDisk("disk", "1M");
+    writeFile(path("image"), makeImage(1024 * 1024, 74));
+    const RunResult result =
+        runOnTerminal({"import", path("disk"), path("image")}, {{"assword", std::string(kPassword) + "\n"}});
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_TRUE(result.terminalEchoes);
+}
+
+TEST_F(InterruptCommandTest, InterruptedCheckStopsWith130)
+{
+    createDisk("disk", "64M");
+    writeFile(path("image"), makeImage(64 * 1024 * 1024, 75));
+    importImage("disk", "image");
+    for (const int signal : {SIGINT, SIGTERM}) {
+        RunningProgram checking({"check", path("disk"), "--read-data", "--jobs", "1", "--password-file", path("pw")},
+                                RunOptions{});
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        checking.signal(signal);
+        const RunResult result = checking.wait();
+        if (result.exitStatus == 0)
+            GTEST_SKIP() << "the check ended before the interrupt arrived";
+        EXPECT_EQ(result.exitStatus, 130) << result.err;
+        EXPECT_NE(result.err.find("brickdisk: interrupted"), std::string::npos) << result.err;
+    }
+}
+
 } // namespace
 } // namespace clitest

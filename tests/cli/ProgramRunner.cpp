@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace clitest {
@@ -228,13 +229,20 @@ RunResult runOnTerminal(const std::vector<std::string>& args, const std::vector<
             break;
         result.err.append(buffer, static_cast<size_t>(n));
     }
-    ::close(master);
     int status = 0;
     for (int waited = 0; ::waitpid(pid, &status, WNOHANG) == 0; ++waited) {
         if (waited == 100)
             ::kill(pid, SIGKILL);
         ::usleep(100000);
     }
+    // The terminal's settings outlive the program while the master side is
+    // open: reopening its side shows what the program left behind.
+    const int terminal = ::open(terminalPath.c_str(), O_RDWR | O_NOCTTY);
+    termios settings{};
+    result.terminalEchoes = terminal >= 0 && ::tcgetattr(terminal, &settings) == 0 && (settings.c_lflag & ECHO) != 0;
+    if (terminal >= 0)
+        ::close(terminal);
+    ::close(master);
     result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.out = readFileAndRemove(outPath);
     return result;

@@ -15,6 +15,9 @@ struct RunResult {
     int exitStatus = -1;  // -1 when the program did not exit normally
     std::string out;
     std::string err;
+    // runOnTerminal only: whether the terminal still echoed typed characters
+    // after the program ended.
+    bool terminalEchoes = false;
 };
 
 struct RunOptions {

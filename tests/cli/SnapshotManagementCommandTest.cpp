@@ -4,8 +4,10 @@
 #include "CliTestFixture.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <random>
 #include <thread>
@@ -105,6 +107,50 @@ TEST_F(SnapshotManagementTest, DeleteKilledPartWayLeavesEveryOtherDiskExactAndFi
     }
 }
 
+TEST_F(SnapshotManagementTest, DeleteInterruptedStopsWith130OrFinishesAndEveryOtherDiskStaysExact)
+{
+    const size_t size = 32 * 1024 * 1024;
+    int interrupted = 0;
+    for (int round = 0; round < 2; ++round) {
+        const std::string tag = std::to_string(round);
+        createDisk("disk" + tag, "32M");
+        const std::string v0 = makeImage(size, 120 + round);
+        const std::string v1 = makeImage(size, 130 + round);
+        writeFile(path("v0"), v0);
+        writeFile(path("v1"), v1);
+        // disk (v1) <- newer (v0, every brick) <- older (v0, through newer):
+        // deleting newer copies all its bricks into older.
+        importImage("disk" + tag, "v0");
+        ASSERT_EQ(run({"snapshot", path("disk" + tag), path("older" + tag)}).exitStatus, 0);
+        ASSERT_EQ(run({"snapshot", path("disk" + tag), path("newer" + tag)}).exitStatus, 0);
+        importImage("disk" + tag, "v1");
+
+        RunningProgram deleting({"delete", path("newer" + tag)}, RunOptions{});
+        // The signal follows the first brick kept in the older snapshot, a
+        // little later each round.
+        for (int i = 0; i < 5000 && !std::filesystem::exists(path("older" + tag + "/bricks")); ++i)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        std::this_thread::sleep_for(std::chrono::microseconds(round * 500));
+        deleting.signal(round % 2 == 0 ? SIGINT : SIGTERM);
+        const RunResult result = deleting.wait();
+        // A signal that arrives before the program has set up its handlers
+        // ends it at once (status -1 here), before it has changed anything.
+        if (result.exitStatus == 130 || result.exitStatus == -1) {
+            if (result.exitStatus == 130) {
+                EXPECT_NE(result.err.find("brickdisk: interrupted"), std::string::npos) << result.err;
+                ++interrupted;
+            }
+            EXPECT_TRUE(exportImage("newer" + tag) == v0) << "round " << round;
+        } else {
+            EXPECT_EQ(result.exitStatus, 0) << result.err;
+            EXPECT_FALSE(std::filesystem::exists(path("newer" + tag))) << "round " << round;
+        }
+        EXPECT_TRUE(exportImage("disk" + tag) == v1) << "round " << round;
+        EXPECT_TRUE(exportImage("older" + tag) == v0) << "round " << round;
+    }
+    std::cout << "deletes stopped by the signal part-way: " << interrupted << " of 2\n";
+}
+
 TEST_F(SnapshotManagementTest, DiffNamesTheBricksThatReadDifferentlyAndDecodesOnlyThose)
 {
     createDisk("disk", "1M");
@@ -133,6 +179,30 @@ TEST_F(SnapshotManagementTest, DiffNamesTheBricksThatReadDifferentlyAndDecodesOn
     const RunResult unrelated = runWithPassword({"diff", path("disk"), path("other")});
     EXPECT_EQ(unrelated.exitStatus, 1);
     EXPECT_NE(unrelated.err.find("not of one chain"), std::string::npos) << unrelated.err;
+}
+
+TEST_F(SnapshotManagementTest, DiffOfABrickThatCannotBeDecodedNamesTheBrickAndItsFile)
+{
+    createDisk("disk", "1M");
+    const std::string v0 = makeImage(1024 * 1024, 112);
+    std::string v1 = v0;
+    v1[4 * kBrickSize] ^= 1;
+    writeFile(path("v0"), v0);
+    writeFile(path("v1"), v1);
+    importImage("disk", "v0");
+    ASSERT_EQ(run({"snapshot", path("disk"), path("monday")}).exitStatus, 0);
+    importImage("disk", "v1");
+    // The file of the disk's newer brick 4 is damaged in its middle.
+    const std::string victim = brickFiles("disk")[4];
+    std::string bytes = readFile(victim);
+    bytes[bytes.size() / 2] ^= 0x10;
+    writeFile(victim, bytes);
+
+    const RunResult diff = runWithPassword({"diff", path("monday"), path("disk")});
+    EXPECT_EQ(diff.exitStatus, 1) << diff.out;
+    EXPECT_NE(diff.err.find("Cannot read brick 4"), std::string::npos) << diff.err;
+    EXPECT_NE(diff.err.find(victim), std::string::npos) << diff.err;
+    EXPECT_EQ(diff.out.find("bricks differ"), std::string::npos) << diff.out;
 }
 
 TEST_F(SnapshotManagementTest, DeleteRefusesADiskWithoutParent)
