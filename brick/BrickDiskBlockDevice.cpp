@@ -349,17 +349,21 @@ void CBrickDiskBlockDevice::returnLoader(P<CBrick> loader)
 
 void CBrickDiskBlockDevice::noteReadForReadAhead(int64 first, int64 last)
 {
-    const auto continued = std::find_if(m_readRuns.begin(), m_readRuns.end(), [first](const ReadRun& run) {
+    const auto near = std::find_if(m_readRuns.begin(), m_readRuns.end(), [first](const ReadRun& run) {
         return first >= run.end - kReorderSlackBricks && first <= run.end + kReorderSlackBricks;
     });
-    if (continued == m_readRuns.end()) {
+    if (near == m_readRuns.end()) {
         m_readRuns.push_front(ReadRun{last + 1, 0});
         if (m_readRuns.size() > kTrackedReadRuns)
             m_readRuns.pop_back();
         return;
     }
-    const ReadRun run{std::max(continued->end, last + 1), continued->continuations + 1};
-    m_readRuns.erase(continued);
+    // A read near a run that does not go past its end (one that arrived
+    // late, or the same bricks read again) neither continues nor starts one.
+    if (last < near->end)
+        return;
+    const ReadRun run{last + 1, near->continuations + 1};
+    m_readRuns.erase(near);
     m_readRuns.push_front(run);
     if (run.continuations < kContinuationsBeforeReadAhead)
         return;
@@ -401,7 +405,7 @@ void CBrickDiskBlockDevice::readAheadOne(int64 index)
         return;
     try {
         loadIntoCache(addToCache(index), lock);
-    } catch (const std::exception&) {
+    } catch (...) {
         // Logged by the brick object; a reader that needs the brick loads it
         // again and meets the error itself.
         return;

@@ -141,4 +141,32 @@ TEST(BlockDeviceConcurrency, SnapshotsTakenWhileThreadsWriteLoseNothing)
     EXPECT_EQ(testsupport::readWholeDisk(*reopened), expected);
 }
 
+TEST(BlockDeviceConcurrency, ReadAheadForAReaderInOrderLosesNoWrite)
+{
+    const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem(3));
+    fs->setCompletionDelay(0, 2);
+    const CURI folder("/disks/a");
+    std::atomic<int> mismatches{0};
+    // Reads the disk front to back, so that its bricks are read ahead while
+    // the writers change them; now and then the disk is replaced meanwhile.
+    const Bytes expected = runWritersBeside(
+        fs.get(), folder,
+        [&](CBrickDiskBlockDevice& device, int round) {
+            Bytes piece(kBrickSize / 2);
+            for (int64 at = 0; at < kDiskSize; at += piece.getUsed())
+                device.read(piece.getData(), at, piece.getUsed());
+            if (round < 2)
+                device.pauseAndReplaceDisk([&](const P<CBrickDisk>&) {
+                    CBrickDisk::createChild(fs.get(), CURI("/disks/snap" + std::to_string(round)), folder,
+                                            CBrickDisk::linkedChild);
+                    return testsupport::openDisk(fs.get(), folder, kPassword);
+                });
+        },
+        mismatches);
+
+    EXPECT_EQ(mismatches.load(), 0);
+    const P<CBrickDisk> reopened = testsupport::openDisk(fs.get(), folder, kPassword, zo::IIOStream::AccessRead);
+    EXPECT_EQ(testsupport::readWholeDisk(*reopened), expected);
+}
+
 } // namespace
