@@ -35,8 +35,8 @@ namespace brick {
 // when flush() is called. Until its store has ended, its bytes stay in memory
 // and every read sees them.
 //
-// Reads that go through the disk in order are read ahead: once a run of
-// reads continues where an earlier one ended, the bricks that follow it are
+// Reads that go through the disk in order are read ahead: once reads have
+// twice gone on where the one before them ended, the bricks that follow are
 // loaded and decoded on the device's own threads, a few at a time, so that
 // the reader finds them in the cache. A brick that is read ahead is in the
 // cache like any other: reads and writes of it wait until its load has ended.
@@ -60,8 +60,8 @@ public:
     // A device over `disk`, whose bricks it reads through its own brick
     // objects. The cache keeps about `cacheBytes` of decoded bricks (never
     // fewer than 4 bricks). Writable when the disk was opened for reading and
-    // writing. Starts the read-ahead threads; throws zo::CError when the disk
-    // has no valid brick size, and what starting a thread throws.
+    // writing. Starts the read-ahead threads; throws zo::CIOError InvalidData
+    // when the disk has no valid brick size, and what starting a thread throws.
     CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes);
     // Ends the read-ahead threads, flushes what was written and waits for
     // every store; a failure is logged, never thrown.

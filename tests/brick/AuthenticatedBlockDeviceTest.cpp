@@ -12,7 +12,6 @@
 
 namespace {
 
-using brick::CBrick;
 using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using testsupport::Bytes;
@@ -60,8 +59,8 @@ protected:
 
     CURI brickFile(int64 index)
     {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead);
-        return CURI(kFolder) << CBrick::getRelativeBrickURI(disk->getHeader(), index);
+        return testsupport::brickFileOf(
+            *testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead), CURI(kFolder), index);
     }
 
     P<zo::CMemoryFileSystem> fs{new zo::CMemoryFileSystem(2)};

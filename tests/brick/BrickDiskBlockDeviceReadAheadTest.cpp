@@ -11,7 +11,6 @@
 
 namespace {
 
-using brick::CBrick;
 using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using testsupport::Bytes;
@@ -85,8 +84,8 @@ protected:
 
     CURI brickFile(int64 index)
     {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead);
-        return CURI(kFolder) << CBrick::getRelativeBrickURI(disk->getHeader(), index);
+        return testsupport::brickFileOf(
+            *testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead), CURI(kFolder), index);
     }
 
     P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
