@@ -14,14 +14,16 @@
 #   seq-read / seq-write   1 GiB in 1 MiB blocks (the write ends with a flush)
 #   rand-read-256M / rand-write-256M   4 KiB, RUNTIME seconds, first 256 MiB
 #   rand-read-all / rand-write-all     4 KiB, RUNTIME seconds, whole disk
-# ROUNDS rounds (default 3), RUNTIME seconds (default 30); the medians are
-# printed as a Markdown table. Needs 12 GiB free in WORK_FOLDER.
+# ROUNDS rounds (default 3), RUNTIME seconds (default 30), BRICK_SIZE the
+# brick disk's brick size (default: create's own); the medians are printed as
+# a Markdown table. Needs 12 GiB free in WORK_FOLDER.
 set -euo pipefail
 
 build=$(realpath "${1:-build/normal}")
 work=${2:-/tmp/brickdisk-nbd-bench}
 rounds=${ROUNDS:-3}
 runtime=${RUNTIME:-30}
+brick_size=${BRICK_SIZE:-}
 brickdisk=$build/tools/brickdisk
 plugin=$build/plugins/nbdkit/nbdkit-brickdisk-plugin.so
 servers=(${SERVERS:-brickdisk file qcow2-luks qcow2})
@@ -58,7 +60,8 @@ fresh_copy() {
   case $1 in
   brickdisk)
     rm -rf "$work/disk"
-    "$brickdisk" create "$work/disk" --size 2G --compression lz4 --password-file "$password" >/dev/null
+    "$brickdisk" create "$work/disk" --size 2G --compression lz4 ${brick_size:+--brick-size "$brick_size"} \
+      --password-file "$password" >/dev/null
     "$brickdisk" import "$work/disk" "$work/image.raw" --password-file "$password" >/dev/null
     ;;
   file) cp --sparse=never "$work/image.raw" "$work/copy.raw" ;;

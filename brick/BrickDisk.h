@@ -169,6 +169,9 @@ public:
     // A new brick object over this disk, independent of the disk's own, with
     // one background save at a time (for threads that read bricks themselves).
     P<CBrick> newStandAloneBrickObject() const;
+    // The same with up to `maxBackgroundOps` saves at once (values below 1
+    // count as 1), for threads that store many bricks one after another.
+    P<CBrick> newStandAloneBrickObjectWith(int maxBackgroundOps) const;
 
     // Starts saving the current brick if it changed and waits, without a
     // time limit, until no background save runs. Failed saves are not
@@ -222,7 +225,6 @@ private:
     // Sets the key hash of an unencrypted disk: the digest of no bytes.
     static void setEmptyKeyHash(CBrickDiskHeader& header);
     void followParentLinks();
-    P<CBrick> newStandAloneBrickObjectWith(int maxBackgroundOps) const;
     [[noreturn]] void throwShortBrickError() const;
     // Moves the current brick object to the position; throws the short brick
     // error when bricks hold no bytes.

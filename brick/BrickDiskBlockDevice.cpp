@@ -53,6 +53,32 @@ bool isAllZero(const zo::TBuffer<uint8>& buffer)
 
 constexpr size_t kMinimumCachedBricks = 4;
 
+// How far reads in order are read ahead, in bricks, at most; never more than
+// a quarter of the cache, so that read-ahead does not evict what it loaded
+// before the reader gets there.
+constexpr int64 kReadAheadBricks = 8;
+// Runs of reads told apart at once (clients reading several files, or a
+// client's requests mixed with another's).
+constexpr size_t kTrackedReadRuns = 8;
+// A read continues a run when it starts this many bricks or fewer away from
+// the run's end: clients keep several requests in flight, which arrive a
+// little out of order.
+constexpr int64 kReorderSlackBricks = 4;
+// Reads that must continue a run before it is read ahead, so that random
+// reads that happen to land near each other do not start it.
+constexpr int kContinuationsBeforeReadAhead = 2;
+// Bricks waiting for a read-ahead thread, at most; the oldest give way,
+// as the reader has most likely passed them.
+constexpr size_t kMaxQueuedReadAhead = 2 * kReadAheadBricks;
+// Stores that one store worker keeps in flight: a store mostly waits for
+// the file system, so each worker goes on preparing the next brick meanwhile.
+constexpr int kStoresInFlightPerWorker = 4;
+
+int readAheadThreadCount()
+{
+    return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+}
+
 } // namespace
 
 CBrickDiskBlockDevice::CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes)
@@ -60,15 +86,26 @@ CBrickDiskBlockDevice::CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes)
       m_writable(disk->getAccess() == zo::IIOStream::AccessReadWrite),
       m_capacity(std::max<size_t>(kMinimumCachedBricks,
                                   static_cast<size_t>(std::max<int64>(0, cacheBytes) / std::max<int64>(1, m_brickSize)))),
-      m_disk(disk)
+      m_brickCount(m_brickSize < 1 ? 0 : (m_diskSize + m_brickSize - 1) / m_brickSize),
+      m_readAheadBricks(std::min<int64>(kReadAheadBricks, static_cast<int64>(m_capacity / 4))), m_disk(disk)
 {
     if (m_brickSize < 1)
         throw CIOError(CIOError::InvalidData, "Brick disk has no valid brick size.",
                        CProps().add("diskFolder", disk->getDiskFolder().toString(true)));
+    m_brickBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
+    m_preparedBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
+    try {
+        for (int i = readAheadThreadCount(); i > 0; --i)
+            m_readAheadThreads.emplace_back([this] { readAheadLoop(); });
+    } catch (...) {
+        stopReadAhead();
+        throw;
+    }
 }
 
 CBrickDiskBlockDevice::~CBrickDiskBlockDevice()
 {
+    stopReadAhead();
     try {
         std::unique_lock gate(m_gate);
         flushLocked();
@@ -89,6 +126,10 @@ void CBrickDiskBlockDevice::read(void* dst, int64 offset, int64 size)
 {
     std::shared_lock gate(m_gate);
     checkRange(offset, size, CIOError::EndOfData);
+    if (size > 0) {
+        std::lock_guard lock(m_mutex);
+        noteReadForReadAhead(offset / m_brickSize, (offset + size - 1) / m_brickSize);
+    }
     auto* out = static_cast<uint8*>(dst);
     while (size > 0) {
         const int64 index = offset / m_brickSize;
@@ -171,39 +212,49 @@ std::shared_ptr<CBrickDiskBlockDevice::CachedBrick> CBrickDiskBlockDevice::acqui
         return brick;
     }
 
-    auto brick = std::make_shared<CachedBrick>();
-    brick->index = index;
+    const std::shared_ptr<CachedBrick> brick = addToCache(index);
     brick->users = 1;
-    m_recency.push_front(index);
-    brick->recency = m_recency.begin();
-    m_cache[index] = brick;
     if (overwriteWhole) {
-        brick->data = newBrickData();
+        brick->data = newBrickData(true);
         return brick;
     }
     const auto pending = m_pendingStores.find(index);
     if (pending != m_pendingStores.end()) {
-        brick->data = BrickData(new zo::TBuffer<uint8>(*pending->second->data));
+        brick->data = copyOf(*pending->second->data);
         return brick;
     }
+    loadIntoCache(brick, lock);
+    return brick;
+}
 
+std::shared_ptr<CBrickDiskBlockDevice::CachedBrick> CBrickDiskBlockDevice::addToCache(int64 index)
+{
+    auto brick = std::make_shared<CachedBrick>();
+    brick->index = index;
+    m_recency.push_front(index);
+    brick->recency = m_recency.begin();
+    m_cache[index] = brick;
+    return brick;
+}
+
+void CBrickDiskBlockDevice::loadIntoCache(const std::shared_ptr<CachedBrick>& brick, std::unique_lock<std::mutex>& lock)
+{
     brick->loading = true;
     lock.unlock();
     BrickData data;
     try {
-        data = loadBrick(index);
+        data = loadBrick(brick->index);
     } catch (...) {
         lock.lock();
         m_recency.erase(brick->recency);
-        m_cache.erase(index);
+        m_cache.erase(brick->index);
         m_changed.notify_all();
         throw;
     }
     lock.lock();
-    brick->data = data;
+    brick->data = std::move(data);
     brick->loading = false;
     m_changed.notify_all();
-    return brick;
 }
 
 void CBrickDiskBlockDevice::releaseBrick(const std::shared_ptr<CachedBrick>& brick, bool changed)
@@ -241,7 +292,7 @@ void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>&
 CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::loadBrick(int64 index)
 {
     P<CBrick> loader = borrowLoader();
-    BrickData data = newBrickData();
+    BrickData data = newBrickData(false);
     try {
         // A brick object keeps the payload of the brick it was last moved
         // to; that brick may have been stored anew since, so the loader is
@@ -259,11 +310,20 @@ CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::loadBrick(int64 index)
     return data;
 }
 
-CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::newBrickData() const
+CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::newBrickData(bool zeroed) const
 {
-    BrickData data(new zo::TBuffer<uint8>(static_cast<int>(m_brickSize)));
-    std::memset(data->getData(), 0, static_cast<size_t>(m_brickSize));
+    BrickData data(m_brickBuffers->checkOutItem());
+    data->setUsed(static_cast<int>(m_brickSize));
+    if (zeroed)
+        std::memset(data->getData(), 0, static_cast<size_t>(m_brickSize));
     return data;
+}
+
+CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::copyOf(const zo::TBuffer<uint8>& data) const
+{
+    BrickData copy = newBrickData(false);
+    std::memcpy(copy->getData(), data.getData(), static_cast<size_t>(m_brickSize));
+    return copy;
 }
 
 P<CBrick> CBrickDiskBlockDevice::borrowLoader()
@@ -283,6 +343,87 @@ void CBrickDiskBlockDevice::returnLoader(P<CBrick> loader)
 {
     std::lock_guard lock(m_mutex);
     m_idleLoaders.push_back(std::move(loader));
+}
+
+// ---- Read-ahead -------------------------------------------------------------------
+
+void CBrickDiskBlockDevice::noteReadForReadAhead(int64 first, int64 last)
+{
+    const auto near = std::find_if(m_readRuns.begin(), m_readRuns.end(), [first](const ReadRun& run) {
+        return first >= run.end - kReorderSlackBricks && first <= run.end + kReorderSlackBricks;
+    });
+    if (near == m_readRuns.end()) {
+        m_readRuns.push_front(ReadRun{last + 1, 0});
+        if (m_readRuns.size() > kTrackedReadRuns)
+            m_readRuns.pop_back();
+        return;
+    }
+    // A read near a run that does not go past its end (one that arrived
+    // late, or the same bricks read again) neither continues nor starts one.
+    if (last < near->end)
+        return;
+    const ReadRun run{last + 1, near->continuations + 1};
+    m_readRuns.erase(near);
+    m_readRuns.push_front(run);
+    if (run.continuations < kContinuationsBeforeReadAhead)
+        return;
+    const int64 stop = std::min(m_brickCount, run.end + m_readAheadBricks);
+    for (int64 index = run.end; index < stop; ++index) {
+        if (m_cache.count(index) != 0 || m_pendingStores.count(index) != 0 ||
+            std::find(m_readAheadQueue.begin(), m_readAheadQueue.end(), index) != m_readAheadQueue.end())
+            continue;
+        m_readAheadQueue.push_back(index);
+        if (m_readAheadQueue.size() > kMaxQueuedReadAhead)
+            m_readAheadQueue.pop_front();
+        m_readAheadWanted.notify_one();
+    }
+}
+
+void CBrickDiskBlockDevice::readAheadLoop()
+{
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        m_readAheadWanted.wait(lock, [this] { return m_stopping || !m_readAheadQueue.empty(); });
+        if (m_stopping)
+            return;
+        const int64 index = m_readAheadQueue.front();
+        m_readAheadQueue.pop_front();
+        lock.unlock();
+        readAheadOne(index);
+        lock.lock();
+    }
+}
+
+void CBrickDiskBlockDevice::readAheadOne(int64 index)
+{
+    // The gate keeps the disk from being replaced while its brick objects
+    // load; it is taken before the brick is marked loading, so that nobody
+    // who waits for the brick holds up whoever waits for the gate.
+    std::shared_lock gate(m_gate);
+    std::unique_lock lock(m_mutex);
+    if (m_stopping || m_cache.count(index) != 0 || m_pendingStores.count(index) != 0)
+        return;
+    try {
+        loadIntoCache(addToCache(index), lock);
+    } catch (...) {
+        // Logged by the brick object; a reader that needs the brick loads it
+        // again and meets the error itself.
+        return;
+    }
+    evictWhileOverCapacity(lock);
+}
+
+void CBrickDiskBlockDevice::stopReadAhead()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = true;
+        m_readAheadQueue.clear();
+    }
+    m_readAheadWanted.notify_all();
+    for (std::thread& thread : m_readAheadThreads)
+        thread.join();
+    m_readAheadThreads.clear();
 }
 
 // ---- Storing ------------------------------------------------------------------------
@@ -318,7 +459,7 @@ void CBrickDiskBlockDevice::startStore(const std::shared_ptr<PendingStore>& stor
     try {
         P<zo::TBuffer<uint8>> prepared;
         if (!isAllZero(*store->data)) {
-            prepared = P<zo::TBuffer<uint8>>(new zo::TBuffer<uint8>());
+            prepared = m_preparedBuffers->checkOutItem();
             worker.preparer->prepareData(*store->data, *prepared, store->index);
         }
         waitForEarlierStore(*store);
@@ -367,7 +508,7 @@ CBrickDiskBlockDevice::StoreWorker CBrickDiskBlockDevice::borrowStoreWorker()
     }
     const P<CBrickDisk> disk = m_disk;
     lock.unlock();
-    return StoreWorker{disk->newStandAloneBrickObject(), disk->createDataPreparer()};
+    return StoreWorker{disk->newStandAloneBrickObjectWith(kStoresInFlightPerWorker), disk->createDataPreparer()};
 }
 
 void CBrickDiskBlockDevice::forgetEndedStores()
@@ -404,7 +545,7 @@ void CBrickDiskBlockDevice::flushLocked()
             BrickData copy;
             {
                 std::shared_lock bytes(brick->bytes);
-                copy = BrickData(new zo::TBuffer<uint8>(*brick->data));
+                copy = copyOf(*brick->data);
             }
             brick->dirty = false;
             stores.push_back(addPendingStore(index, copy));

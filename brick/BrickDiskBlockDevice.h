@@ -10,6 +10,7 @@
 #include "zo/Buffer.h"
 #include "zo/Error.h"
 #include "zo/Export.h"
+#include "zo/MemPool.h"
 
 #include <condition_variable>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <thread>
 #include <vector>
 
 namespace brick {
@@ -32,6 +34,12 @@ namespace brick {
 // encrypted) and handed to a background store when the cache evicts it or
 // when flush() is called. Until its store has ended, its bytes stay in memory
 // and every read sees them.
+//
+// Reads that go through the disk in order are read ahead: once reads have
+// twice gone on where the one before them ended, the bricks that follow are
+// loaded and decoded on the device's own threads, a few at a time, so that
+// the reader finds them in the cache. A brick that is read ahead is in the
+// cache like any other: reads and writes of it wait until its load has ended.
 //
 // The device holds a counted reference to its disk and is the disk's only
 // user while it lives: nobody else may read, write or flush the disk.
@@ -52,10 +60,11 @@ public:
     // A device over `disk`, whose bricks it reads through its own brick
     // objects. The cache keeps about `cacheBytes` of decoded bricks (never
     // fewer than 4 bricks). Writable when the disk was opened for reading and
-    // writing. Throws what making the brick objects throws.
+    // writing. Starts the read-ahead threads; throws zo::CIOError InvalidData
+    // when the disk has no valid brick size, and what starting a thread throws.
     CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes);
-    // Flushes what was written and waits for every store; a failure is
-    // logged, never thrown.
+    // Ends the read-ahead threads, flushes what was written and waits for
+    // every store; a failure is logged, never thrown.
     ~CBrickDiskBlockDevice() override;
 
     int64 getSize() const { return m_diskSize; }
@@ -66,7 +75,8 @@ public:
 
     // Copies `size` bytes at `offset` into `dst`. Throws zo::CIOError
     // EndOfData when the range passes the end of the disk (before copying),
-    // and the brick's load error when a brick cannot be loaded or decoded.
+    // and the brick's load error when a brick cannot be loaded or decoded
+    // (a brick whose read-ahead failed is loaded again by the reader).
     void read(void* dst, int64 offset, int64 size);
     // Writes `size` bytes at `offset`. Throws zo::CIOError ReadOnly on a
     // device that is not writable, WriteBeyondSize when the range passes the
@@ -101,6 +111,12 @@ private:
     struct CachedBrick;
     struct PendingStore;
     struct StoreWorker;
+    // A run of reads: the brick after its furthest read, and how many reads
+    // continued it.
+    struct ReadRun {
+        int64 end;
+        int continuations;
+    };
     using BrickData = P<zo::TBuffer<uint8>>;
 
     void modify(int64 offset, int64 size, const std::function<void(uint8* dst, int64 count)>& change);
@@ -110,11 +126,25 @@ private:
     // With `overwriteWhole` a missing brick is not loaded but starts as
     // zeros (it is about to be overwritten whole).
     std::shared_ptr<CachedBrick> acquire(int64 index, bool overwriteWhole);
+    // Called with the mutex held: a new entry for `index`, most recently used.
+    std::shared_ptr<CachedBrick> addToCache(int64 index);
+    // Loads an entry that addToCache made loading, with the mutex released
+    // meanwhile. A failed load removes the entry and throws.
+    void loadIntoCache(const std::shared_ptr<CachedBrick>& brick, std::unique_lock<std::mutex>& lock);
     void releaseBrick(const std::shared_ptr<CachedBrick>& brick, bool changed);
     void evictWhileOverCapacity(std::unique_lock<std::mutex>& lock);
     BrickData loadBrick(int64 index);
-    BrickData newBrickData() const;
+    // A brick's worth of bytes from the pool, all zero when `zeroed`.
+    BrickData newBrickData(bool zeroed) const;
+    BrickData copyOf(const zo::TBuffer<uint8>& data) const;
     ExtentKind kindOfBrick(int64 index);
+
+    // Read-ahead. Called with the mutex held: notes a read of the bricks
+    // `first` to `last` and queues the bricks after a run of reads in order.
+    void noteReadForReadAhead(int64 first, int64 last);
+    void readAheadLoop();
+    void readAheadOne(int64 index);
+    void stopReadAhead();
 
     // Brick objects of the current disk, each lent to one thread at a time.
     P<CBrick> borrowLoader();
@@ -136,6 +166,13 @@ private:
     int64 m_brickSize;
     bool m_writable;
     size_t m_capacity;
+    int64 m_brickCount;
+    int64 m_readAheadBricks;
+    // Buffers of decoded and of prepared bricks: they go back to their pool
+    // when their last user lets go, so a steady stream of bricks through the
+    // cache allocates (and faults in) no new memory.
+    P<zo::CMemPool> m_brickBuffers;
+    P<zo::CMemPool> m_preparedBuffers;
 
     // Held shared by every call, and alone while the disk is replaced.
     std::shared_mutex m_gate;
@@ -153,6 +190,14 @@ private:
     std::map<int64, std::shared_ptr<PendingStore>> m_pendingStores;
     std::vector<std::shared_ptr<PendingStore>> m_allPendingStores;
     std::vector<P<zo::CError>> m_storeErrors;
+
+    // Recent runs of reads, most recently continued first.
+    std::list<ReadRun> m_readRuns;
+    // Bricks waiting for a read-ahead thread, in order.
+    std::list<int64> m_readAheadQueue;
+    std::condition_variable m_readAheadWanted;
+    bool m_stopping = false;
+    std::vector<std::thread> m_readAheadThreads;
 };
 
 } // namespace brick
