@@ -37,7 +37,9 @@ fail() {
 eval "$("$cluster_script" start)"
 export AWS_ENDPOINT_URL=$S3_ENDPOINT
 bucket=brickdisk-rgw-stopped
+# radosgw wants the payload's digest even of an empty body.
 curl -fsS --aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
+  -H "x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855" \
   -X PUT "$S3_ENDPOINT/$bucket" >/dev/null || fail "cannot create the bucket"
 
 brick=65536
