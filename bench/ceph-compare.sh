@@ -56,26 +56,7 @@ cleanup() {
 trap cleanup EXIT
 cd "$work"
 
-
-declare -A took
-# timed NAME COMMAND...: keeps the shortest wall-clock time of NAME.
-timed() {
-  local name=$1 start end seconds
-  shift
-  sync
-  start=$(date +%s.%N)
-  "$@" >"$work/$name.out"
-  end=$(date +%s.%N)
-  seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.2f", e - s }')
-  if [ -z "${took[$name]:-}" ] || awk -v a="$seconds" -v b="${took[$name]}" 'BEGIN { exit !(a < b) }'; then
-    took[$name]=$seconds
-  fi
-  printf '  %-18s %8s s\n' "$name" "$seconds"
-}
-same() {
-  cmp "$1" "$2"
-  rm -f "$2"
-}
+source "$repo_root/bench/timing.sh"
 # pool_bytes POOL: the bytes of the pool's objects, from the cluster's pool
 # statistics, which follow writes by a few seconds: read until two readings
 # 6 s apart agree.
@@ -90,9 +71,6 @@ pool_bytes() {
   done
   echo "$now"
 }
-mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
-mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 
 echo "machine: $(nproc) cores; load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "making the image"
