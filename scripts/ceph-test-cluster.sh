@@ -31,6 +31,10 @@ conf=$dir/ceph.conf
 keyring=$dir/keyring
 pids=$dir/pids
 envfile=$dir/env.sh
+# The ceph programs run here talk to this cluster, whatever cluster the
+# caller's environment names.
+export CEPH_CONF=$conf
+unset CEPH_KEYRING
 
 fail() {
     echo "ceph-test-cluster: $*" >&2
@@ -83,7 +87,7 @@ healthy() {
     [ -f "$pids" ] && [ -f "$envfile" ] || return 1
     local name pid program
     while read -r name pid program; do alive "$pid" || return 1; done <"$pids"
-    CEPH_CONF=$conf timeout 20 rados --client_mount_timeout 10 -p "$pool" stat probe >/dev/null 2>&1
+    timeout 20 rados --client_mount_timeout 10 -p "$pool" stat probe >/dev/null 2>&1
 }
 
 write_conf() {
@@ -193,7 +197,6 @@ start_rgw() {
 }
 
 start_cluster() {
-    export CEPH_CONF=$conf
     if healthy; then
         cat "$envfile"
         return
