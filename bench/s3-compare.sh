@@ -18,7 +18,8 @@
 # the bucket's bytes (radosgw-admin bucket stats). Every step runs ROUNDS
 # times (BRICKDISK_BENCH_ROUNDS, default 1), each round in new buckets, and
 # the shortest time counts. Prints a Markdown table. Installs restic,
-# s3backer and fuse3 when missing (they are the benchmark's alone).
+# s3backer and fuse3 when missing (restic and s3backer are the benchmark's
+# alone).
 #
 #   bench/s3-compare.sh [WORK_FOLDER]
 #
@@ -36,8 +37,10 @@ for tool in restic s3backer fusermount; do
   command -v "$tool" >/dev/null || missing+=("$tool")
 done
 if [ ${#missing[@]} -gt 0 ]; then
-  apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq restic s3backer fuse3 >/dev/null
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  $sudo apt-get update -qq
+  $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq restic s3backer fuse3 >/dev/null
 fi
 [ -e /dev/fuse ] || { echo "s3-compare: s3backer needs /dev/fuse" >&2; exit 1; }
 
