@@ -27,36 +27,21 @@ repo_root=$PWD
 rounds=${BRICKDISK_BENCH_ROUNDS:-2}
 
 scripts/install-deps.sh
-# BRICKDISK_BENCH_PROGRAM: a brickdisk program already built (default: a
-# Release build made here).
-brickdisk=${BRICKDISK_BENCH_PROGRAM:-}
-if [ -z "$brickdisk" ]; then
-  cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
-    -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
-  cmake --build build/release -j "$(nproc)" --target brickdisk_cli
-  brickdisk=$repo_root/build/release/tools/brickdisk
-fi
+source bench/common.sh
+find_brickdisk
 
 export BRICKDISK_CEPH_DIR=/tmp/brickdisk-ceph-bench BRICKDISK_CEPH_RGW=0
 export BRICKDISK_CEPH_STORE_BYTES=$((rounds * 2 * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
 eval "$(scripts/ceph-test-cluster.sh start)"
 
-keep_work=0
-if [ $# -ge 1 ]; then
-  work=$(realpath -m "$1")
-  mkdir -p "$work"
-  keep_work=1
-else
-  work=$(mktemp -d "${TMPDIR:-/var/tmp}/brickdisk-ceph-compare.XXXXXX")
-fi
+make_work_folder brickdisk-ceph-compare "$@"
 cleanup() {
   "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null
-  [ "$keep_work" = 1 ] || rm -rf "$work"
+  remove_work_folder
 }
 trap cleanup EXIT
 cd "$work"
 
-source "$repo_root/bench/timing.sh"
 # pool_bytes POOL: the bytes of the pool's objects, from the cluster's pool
 # statistics, which follow writes by a few seconds: read until two readings
 # 6 s apart agree.

@@ -53,17 +53,13 @@ else
 fi
 
 scripts/install-deps.sh
+source bench/common.sh
 tools=()
 if [ "$mode" = tools ]; then
   command -v qemu-img >/dev/null || tools+=(qemu-utils)
   command -v borg >/dev/null || tools+=(borgbackup)
 fi
-if ((${#tools[@]} > 0)); then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${tools[@]}"
-fi
+((${#tools[@]} == 0)) || install_packages "${tools[@]}"
 
 cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
   -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
@@ -83,7 +79,6 @@ else
 fi
 cd "$work"
 
-source "$repo_root/bench/timing.sh"
 declare -A open_seconds open_kib
 # timed_retry NAME COMMAND...: like timed, trying up to three times: qemu-img's
 # LUKS set-up times its key derivation on the thread's CPU clock and gives up

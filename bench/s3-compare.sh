@@ -32,49 +32,29 @@ repo_root=$PWD
 rounds=${BRICKDISK_BENCH_ROUNDS:-1}
 
 scripts/install-deps.sh
+source bench/common.sh
 missing=()
 for tool in restic s3backer fusermount; do
   command -v "$tool" >/dev/null || missing+=("$tool")
 done
-if [ ${#missing[@]} -gt 0 ]; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq restic s3backer fuse3 >/dev/null
-fi
+[ ${#missing[@]} -eq 0 ] || install_packages restic s3backer fuse3
 [ -e /dev/fuse ] || { echo "s3-compare: s3backer needs /dev/fuse" >&2; exit 1; }
 
-# BRICKDISK_BENCH_PROGRAM: a brickdisk program already built (default: a
-# Release build made here).
-brickdisk=${BRICKDISK_BENCH_PROGRAM:-}
-if [ -z "$brickdisk" ]; then
-  cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
-    -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
-  cmake --build build/release -j "$(nproc)" --target brickdisk_cli
-  brickdisk=$repo_root/build/release/tools/brickdisk
-fi
+find_brickdisk
 
 export BRICKDISK_CEPH_DIR=/tmp/brickdisk-s3-bench
 export BRICKDISK_CEPH_STORE_BYTES=$((rounds * 4 * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
 eval "$(scripts/ceph-test-cluster.sh start)"
 
-keep_work=0
-if [ $# -ge 1 ]; then
-  work=$(realpath -m "$1")
-  mkdir -p "$work"
-  keep_work=1
-else
-  work=$(mktemp -d "${TMPDIR:-/var/tmp}/brickdisk-s3-compare.XXXXXX")
-fi
+make_work_folder brickdisk-s3-compare "$@"
 mounted=
 cleanup() {
   [ -z "$mounted" ] || fusermount -u "$mounted" 2>/dev/null || true
   "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null
-  [ "$keep_work" = 1 ] || rm -rf "$work"
+  remove_work_folder
 }
 trap cleanup EXIT
 cd "$work"
-source "$repo_root/bench/timing.sh"
 
 s3=(--aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY")
 # radosgw wants the payload's digest even of an empty body.

@@ -1,0 +1,68 @@
+# Helpers of the comparison benchmarks, sourced by them from the
+# repository's root: installing their tools, finding the brickdisk program,
+# their work folder, timing and figures.
+
+# install_packages PACKAGE...: installs Debian packages (with sudo when not
+# root).
+install_packages() {
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  $sudo apt-get update -qq
+  $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$@" >/dev/null
+}
+
+# find_brickdisk: sets $brickdisk to BRICKDISK_BENCH_PROGRAM, a program
+# already built, or else to a Release build made here.
+find_brickdisk() {
+  brickdisk=${BRICKDISK_BENCH_PROGRAM:-}
+  if [ -z "$brickdisk" ]; then
+    cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
+      -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
+    cmake --build build/release -j "$(nproc)" --target brickdisk_cli
+    brickdisk=$PWD/build/release/tools/brickdisk
+  fi
+}
+
+# make_work_folder NAME [FOLDER]: sets $work to FOLDER (made when missing,
+# kept at the end) or to a fresh folder NAME.XXXXXX under ${TMPDIR:-/var/tmp},
+# which remove_work_folder removes.
+make_work_folder() {
+  keep_work=0
+  if [ $# -ge 2 ]; then
+    work=$(realpath -m "$2")
+    mkdir -p "$work"
+    keep_work=1
+  else
+    work=$(mktemp -d "${TMPDIR:-/var/tmp}/$1.XXXXXX")
+  fi
+}
+remove_work_folder() { [ "$keep_work" = 1 ] || rm -rf "$work"; }
+
+declare -A took all
+# timed NAME COMMAND...: runs the command after flushing earlier writes, and
+# keeps the shortest wall-clock time of NAME in seconds (and every time in
+# all[NAME]); its output goes to NAME.out.
+timed() {
+  local name=$1
+  shift
+  sync
+  local start end seconds
+  start=$(date +%s.%N)
+  "$@" >"$work/$name.out" || return 1
+  end=$(date +%s.%N)
+  seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.2f", e - s }')
+  all[$name]="${all[$name]:-} $seconds"
+  if [ -z "${took[$name]:-}" ] || awk -v a="$seconds" -v b="${took[$name]}" 'BEGIN { exit !(a < b) }'; then
+    took[$name]=$seconds
+  fi
+  printf '  %-26s %8s s\n' "$name" "$seconds"
+}
+# same IMAGE FILE: FILE equals IMAGE; then FILE is removed.
+same() {
+  cmp "$1" "$2"
+  rm -f "$2"
+}
+mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
+mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+at_least() { awk -v r="$1" -v goal="$2" 'BEGIN { print (r >= goal ? "yes" : "no") }'; }
