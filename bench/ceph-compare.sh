@@ -57,13 +57,7 @@ pool_bytes() {
   echo "$now"
 }
 
-echo "machine: $(nproc) cores; load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo "making the image"
-"$repo_root/bench/ext4-image.sh" make image.raw 2G 1000000000
-image_bytes=$(stat -c %s image.raw)
-head -c 32 /dev/urandom | base64 >password
-chmod 600 password
-pw=(--password-file password)
+make_comparison_image
 
 for ((round = 1; round <= rounds; round++)); do
   echo "round $round of $rounds"

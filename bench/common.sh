@@ -38,6 +38,20 @@ make_work_folder() {
 }
 remove_work_folder() { [ "$keep_work" = 1 ] || rm -rf "$work"; }
 
+# make_comparison_image: in the current folder, image.raw (the 2 GiB ext4
+# image of the object-store comparisons, $image_bytes long) and a random
+# password file, with $pw the options that give it; prints the machine's
+# load first.
+make_comparison_image() {
+  echo "machine: $(nproc) cores; load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
+  echo "making the image"
+  "$repo_root/bench/ext4-image.sh" make image.raw 2G 1000000000
+  image_bytes=$(stat -c %s image.raw)
+  head -c 32 /dev/urandom | base64 >password
+  chmod 600 password
+  pw=(--password-file password)
+}
+
 declare -A took all
 # timed NAME COMMAND...: runs the command after flushing earlier writes, and
 # keeps the shortest wall-clock time of NAME in seconds (and every time in

@@ -99,13 +99,7 @@ s3backer_export() {
   s3backer_unmount "$2"
 }
 
-echo "machine: $(nproc) cores, shared with other work; load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo "making the image"
-"$repo_root/bench/ext4-image.sh" make image.raw 2G 1000000000
-image_bytes=$(stat -c %s image.raw)
-head -c 32 /dev/urandom | base64 >password
-chmod 600 password
-pw=(--password-file password)
+make_comparison_image
 export RESTIC_PASSWORD_FILE=$work/password RESTIC_CACHE_DIR=$work/restic-cache
 
 for ((round = 1; round <= rounds; round++)); do
