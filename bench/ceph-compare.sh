@@ -79,14 +79,11 @@ for ((round = 1; round <= rounds; round++)); do
   same image.raw rbd.raw
 done
 
-echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo
-echo "| step | seconds | MB/s of image | stored MiB |"
-echo "|---|---:|---:|---:|"
-echo "| brickdisk import | ${took[brickdisk-import]} | $(mbps "$image_bytes" "${took[brickdisk-import]}") | $(mib "$brickdisk_stored") |"
-echo "| brickdisk export | ${took[brickdisk-export]} | $(mbps "$image_bytes" "${took[brickdisk-export]}") | |"
-echo "| rbd import | ${took[rbd-import]} | $(mbps "$image_bytes" "${took[rbd-import]}") | $(mib "$rbd_stored") |"
-echo "| rbd export | ${took[rbd-export]} | $(mbps "$image_bytes" "${took[rbd-export]}") | |"
+print_table_head
+print_table_row "brickdisk import" brickdisk-import "$brickdisk_stored"
+print_table_row "brickdisk export" brickdisk-export
+print_table_row "rbd import" rbd-import "$rbd_stored"
+print_table_row "rbd export" rbd-export
 echo
 echo "import speed, brickdisk / rbd: $(ratio "${took[rbd-import]}" "${took[brickdisk-import]}") (goal at least 1.5)"
 echo "stored bytes, brickdisk / rbd: $(ratio "$brickdisk_stored" "$rbd_stored") (goal at most 0.5)"

@@ -80,3 +80,18 @@ mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
 mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 at_least() { awk -v r="$1" -v goal="$2" 'BEGIN { print (r >= goal ? "yes" : "no") }'; }
+
+# print_table_head: the load after the rounds and the head of the table of
+# the object-store comparisons.
+print_table_head() {
+  echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
+  echo
+  echo "| step | seconds | MB/s of image | stored MiB |"
+  echo "|---|---:|---:|---:|"
+}
+# print_table_row LABEL STEP [STORED_BYTES]: the row of STEP's shortest time.
+print_table_row() {
+  local stored=""
+  [ -z "${3:-}" ] || stored=$(mib "$3")
+  echo "| $1 | ${took[$2]} | $(mbps "$image_bytes" "${took[$2]}") | $stored |"
+}

@@ -129,16 +129,13 @@ for ((round = 1; round <= rounds; round++)); do
   same image.raw s3backer.raw
 done
 
-echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo
-echo "| step | seconds | MB/s of image | stored MiB |"
-echo "|---|---:|---:|---:|"
-echo "| brickdisk import | ${took[brickdisk-import]} | $(mbps "$image_bytes" "${took[brickdisk-import]}") | $(mib "$brickdisk_stored") |"
-echo "| brickdisk export | ${took[brickdisk-export]} | $(mbps "$image_bytes" "${took[brickdisk-export]}") | |"
-echo "| restic backup | ${took[restic-backup]} | $(mbps "$image_bytes" "${took[restic-backup]}") | $(mib "$restic_stored") |"
-echo "| restic restore | ${took[restic-restore]} | $(mbps "$image_bytes" "${took[restic-restore]}") | |"
-echo "| s3backer copy in | ${took[s3backer-import]} | $(mbps "$image_bytes" "${took[s3backer-import]}") | $(mib "$s3backer_stored") |"
-echo "| s3backer read back | ${took[s3backer-export]} | $(mbps "$image_bytes" "${took[s3backer-export]}") | |"
+print_table_head
+print_table_row "brickdisk import" brickdisk-import "$brickdisk_stored"
+print_table_row "brickdisk export" brickdisk-export
+print_table_row "restic backup" restic-backup "$restic_stored"
+print_table_row "restic restore" restic-restore
+print_table_row "s3backer copy in" s3backer-import "$s3backer_stored"
+print_table_row "s3backer read back" s3backer-export
 echo
 for goal in "restic-backup brickdisk-import 2" "s3backer-import brickdisk-import 3" "restic-restore brickdisk-export 2"; do
   read -r other ours least <<<"$goal"
