@@ -27,55 +27,21 @@ repo_root=$PWD
 rounds=${BRICKDISK_BENCH_ROUNDS:-2}
 
 scripts/install-deps.sh
-# BRICKDISK_BENCH_PROGRAM: a brickdisk program already built (default: a
-# Release build made here).
-brickdisk=${BRICKDISK_BENCH_PROGRAM:-}
-if [ -z "$brickdisk" ]; then
-  cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
-    -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
-  cmake --build build/release -j "$(nproc)" --target brickdisk_cli
-  brickdisk=$repo_root/build/release/tools/brickdisk
-fi
+source bench/common.sh
+find_brickdisk
 
 export BRICKDISK_CEPH_DIR=/tmp/brickdisk-ceph-bench BRICKDISK_CEPH_RGW=0
 export BRICKDISK_CEPH_STORE_BYTES=$((rounds * 2 * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
 eval "$(scripts/ceph-test-cluster.sh start)"
 
-keep_work=0
-if [ $# -ge 1 ]; then
-  work=$(realpath -m "$1")
-  mkdir -p "$work"
-  keep_work=1
-else
-  work=$(mktemp -d "${TMPDIR:-/var/tmp}/brickdisk-ceph-compare.XXXXXX")
-fi
+make_work_folder brickdisk-ceph-compare "$@"
 cleanup() {
   "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null
-  [ "$keep_work" = 1 ] || rm -rf "$work"
+  remove_work_folder
 }
 trap cleanup EXIT
 cd "$work"
 
-
-declare -A took
-# timed NAME COMMAND...: keeps the shortest wall-clock time of NAME.
-timed() {
-  local name=$1 start end seconds
-  shift
-  sync
-  start=$(date +%s.%N)
-  "$@" >"$work/$name.out"
-  end=$(date +%s.%N)
-  seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.2f", e - s }')
-  if [ -z "${took[$name]:-}" ] || awk -v a="$seconds" -v b="${took[$name]}" 'BEGIN { exit !(a < b) }'; then
-    took[$name]=$seconds
-  fi
-  printf '  %-18s %8s s\n' "$name" "$seconds"
-}
-same() {
-  cmp "$1" "$2"
-  rm -f "$2"
-}
 # pool_bytes POOL: the bytes of the pool's objects, from the cluster's pool
 # statistics, which follow writes by a few seconds: read until two readings
 # 6 s apart agree.
@@ -90,17 +56,8 @@ pool_bytes() {
   done
   echo "$now"
 }
-mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
-mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 
-echo "machine: $(nproc) cores; load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo "making the image"
-"$repo_root/bench/ext4-image.sh" make image.raw 2G 1000000000
-image_bytes=$(stat -c %s image.raw)
-head -c 32 /dev/urandom | base64 >password
-chmod 600 password
-pw=(--password-file password)
+make_comparison_image
 
 for ((round = 1; round <= rounds; round++)); do
   echo "round $round of $rounds"
@@ -122,14 +79,11 @@ for ((round = 1; round <= rounds; round++)); do
   same image.raw rbd.raw
 done
 
-echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo
-echo "| step | seconds | MB/s of image | stored MiB |"
-echo "|---|---:|---:|---:|"
-echo "| brickdisk import | ${took[brickdisk-import]} | $(mbps "$image_bytes" "${took[brickdisk-import]}") | $(mib "$brickdisk_stored") |"
-echo "| brickdisk export | ${took[brickdisk-export]} | $(mbps "$image_bytes" "${took[brickdisk-export]}") | |"
-echo "| rbd import | ${took[rbd-import]} | $(mbps "$image_bytes" "${took[rbd-import]}") | $(mib "$rbd_stored") |"
-echo "| rbd export | ${took[rbd-export]} | $(mbps "$image_bytes" "${took[rbd-export]}") | |"
+print_table_head
+print_table_row "brickdisk import" brickdisk-import "$brickdisk_stored"
+print_table_row "brickdisk export" brickdisk-export
+print_table_row "rbd import" rbd-import "$rbd_stored"
+print_table_row "rbd export" rbd-export
 echo
 echo "import speed, brickdisk / rbd: $(ratio "${took[rbd-import]}" "${took[brickdisk-import]}") (goal at least 1.5)"
 echo "stored bytes, brickdisk / rbd: $(ratio "$brickdisk_stored" "$rbd_stored") (goal at most 0.5)"

@@ -53,17 +53,13 @@ else
 fi
 
 scripts/install-deps.sh
+source bench/common.sh
 tools=()
 if [ "$mode" = tools ]; then
   command -v qemu-img >/dev/null || tools+=(qemu-utils)
   command -v borg >/dev/null || tools+=(borgbackup)
 fi
-if ((${#tools[@]} > 0)); then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${tools[@]}"
-fi
+((${#tools[@]} == 0)) || install_packages "${tools[@]}"
 
 cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
   -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
@@ -83,25 +79,7 @@ else
 fi
 cd "$work"
 
-declare -A took all open_seconds open_kib
-# timed NAME COMMAND...: runs the command after flushing earlier writes, and
-# keeps the shortest wall-clock time of NAME in seconds (and every time in
-# all[NAME]); its output goes to NAME.out.
-timed() {
-  local name=$1
-  shift
-  sync
-  local start end seconds
-  start=$(date +%s.%N)
-  "$@" >"$work/$name.out" || return 1
-  end=$(date +%s.%N)
-  seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.2f", e - s }')
-  all[$name]="${all[$name]:-} $seconds"
-  if [ -z "${took[$name]:-}" ] || awk -v a="$seconds" -v b="${took[$name]}" 'BEGIN { exit !(a < b) }'; then
-    took[$name]=$seconds
-  fi
-  printf '  %-26s %8s s\n' "$name" "$seconds"
-}
+declare -A open_seconds open_kib
 # timed_retry NAME COMMAND...: like timed, trying up to three times: qemu-img's
 # LUKS set-up times its key derivation on the thread's CPU clock and gives up
 # ("Unable to get accurate CPU usage") when a round is too quick for that
@@ -117,17 +95,8 @@ timed_retry() {
   done
   return 1
 }
-# same IMAGE FILE: FILE equals IMAGE; then FILE is removed.
-same() {
-  cmp "$1" "$2"
-  rm -f "$2"
-}
 apparent() { du -s -B1 --apparent-size "$1" | cut -f1; }
 json_number() { "$brickdisk" info "$1" --json | sed -n "s/^ *\"$2\": \\([0-9]*\\),\$/\\1/p"; }
-mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
-mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
-at_least() { awk -v r="$1" -v goal="$2" 'BEGIN { print (r >= goal ? "yes" : "no") }'; }
 
 echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs)"
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)

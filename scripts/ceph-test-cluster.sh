@@ -8,6 +8,8 @@
 #                                        one) and prints its environment
 #   scripts/ceph-test-cluster.sh stop    stops it and removes its folder
 #   scripts/ceph-test-cluster.sh env     prints the environment of a running one
+#   scripts/ceph-test-cluster.sh stop-rgw    stops only radosgw (for fault tests)
+#   scripts/ceph-test-cluster.sh start-rgw   starts it again on its port
 #
 # The environment (export lines, also in $BRICKDISK_CEPH_DIR/env.sh):
 # CEPH_CONF, CEPH_KEYRING, BRICKDISK_CEPH_POOL (a pool for tests),
@@ -29,6 +31,10 @@ conf=$dir/ceph.conf
 keyring=$dir/keyring
 pids=$dir/pids
 envfile=$dir/env.sh
+# The ceph programs run here talk to this cluster, whatever cluster the
+# caller's environment names.
+export CEPH_CONF=$conf
+unset CEPH_KEYRING
 
 fail() {
     echo "ceph-test-cluster: $*" >&2
@@ -81,7 +87,7 @@ healthy() {
     [ -f "$pids" ] && [ -f "$envfile" ] || return 1
     local name pid program
     while read -r name pid program; do alive "$pid" || return 1; done <"$pids"
-    CEPH_CONF=$conf timeout 20 rados --client_mount_timeout 10 -p "$pool" stat probe >/dev/null 2>&1
+    timeout 20 rados --client_mount_timeout 10 -p "$pool" stat probe >/dev/null 2>&1
 }
 
 write_conf() {
@@ -172,7 +178,8 @@ write_env() {
     } >"$envfile"
 }
 
-start_rgw() {
+# launch_rgw PORT: starts radosgw and waits until it answers on PORT.
+launch_rgw() {
     local port=$1 i
     launch client.rgw.gw radosgw -n client.rgw.gw
     for ((i = 0; i < 240; i++)); do
@@ -180,13 +187,16 @@ start_rgw() {
         sleep 0.25
     done
     curl -fs -o /dev/null "http://127.0.0.1:$port/" || fail "radosgw does not answer on port $port"
+}
+
+start_rgw() {
+    launch_rgw "$1"
     timeout 60 radosgw-admin user create --uid=brickdisk --display-name=brickdisk \
         --access-key="$s3_access_key" --secret-key="$s3_secret_key" >"$dir/log/rgw-user.out" 2>&1 ||
         fail "cannot create the S3 user"
 }
 
 start_cluster() {
-    export CEPH_CONF=$conf
     if healthy; then
         cat "$envfile"
         return
@@ -247,12 +257,32 @@ stop_cluster() {
     echo "ceph test cluster stopped"
 }
 
+rgw_port() { sed -n 's/^rgw_frontends = .*:\([0-9]*\)$/\1/p' "$conf"; }
+
+# Stops radosgw alone (its line leaves the pid file); the rest keeps running.
+stop_rgw() {
+    [ -f "$pids" ] || fail "no running cluster in $dir"
+    local name pid program
+    while read -r name pid program; do
+        [ "$name" = client.rgw.gw ] && stop_daemon "$name" "$pid" "$program"
+    done <"$pids"
+    sed -i '/^client\.rgw\.gw /d' "$pids"
+}
+
+restart_rgw() {
+    [ -f "$pids" ] || fail "no running cluster in $dir"
+    grep -q '^client\.rgw\.gw ' "$pids" && fail "radosgw runs already"
+    launch_rgw "$(rgw_port)"
+}
+
 case "${1:-}" in
 start) start_cluster ;;
 stop) stop_cluster ;;
 env) healthy && cat "$envfile" || fail "no running cluster in $dir" ;;
+stop-rgw) stop_rgw ;;
+start-rgw) restart_rgw ;;
 *)
-    echo "usage: $0 start|stop|env" >&2
+    echo "usage: $0 start|stop|env|stop-rgw|start-rgw" >&2
     exit 2
     ;;
 esac

@@ -74,6 +74,7 @@ zo::P<zo::IFileSystem> newS3FileSystem([[maybe_unused]] int threadCount)
     options.virtualHostStyle = options.virtualHostStyle || s3Service().virtualHost;
     options.conditionalWrites = !s3Service().noConditionalPut;
     options.lockLeaseSeconds = s3Service().lockLeaseSeconds;
+    options.maxAttempts = s3Service().attempts;
     // Requests run side by side on the transfer thread; the workers only
     // check paths, and a few more keep the requests coming.
     options.threadCount = std::max(threadCount, 8);

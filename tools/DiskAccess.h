@@ -41,14 +41,15 @@ void setCephCluster(const CephCluster& cluster);
 // The S3 service of the disks on S3: the program's --s3-endpoint (empty:
 // AWS_ENDPOINT_URL_S3, AWS_ENDPOINT_URL, the profile's endpoint_url, else
 // AWS itself), --s3-virtual-host (the bucket in the host name),
-// --s3-no-conditional-put (for services that ignore "If-None-Match: *") and
-// --s3-lock-lease. The keys and the region come from the environment or the
+// --s3-no-conditional-put (for services that ignore "If-None-Match: *"),
+// --s3-lock-lease and --s3-attempts (tries of each request). The keys and the region come from the environment or the
 // profile, as every S3 tool finds them, never from the command line.
 struct S3Service {
     std::string endpoint;
     bool virtualHost = false;
     bool noConditionalPut = false;
     int lockLeaseSeconds = 30;
+    int attempts = 8;
 };
 void setS3Service(const S3Service& service);
 

@@ -86,6 +86,11 @@ int main(int argc, char** argv)
                        "Seconds that the disk lock of a killed program keeps others out of an s3:// disk")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
+    program.add_option("--s3-attempts", s3.attempts,
+                       "Tries of each S3 request that meets a time-out, a lost connection, 5xx or 429, before "
+                       "the command fails (pauses from 0.2 s, doubling up to 5 s)")
+        ->check(CLI::Range(1, 100))
+        ->capture_default_str();
 
     std::map<const CLI::App*, cli::CommandAction> actions;
     const auto add = [&](cli::CommandAction (*adder)(CLI::App&)) {

@@ -1,0 +1,97 @@
+# Helpers of the comparison benchmarks, sourced by them from the
+# repository's root: installing their tools, finding the brickdisk program,
+# their work folder, timing and figures.
+
+# install_packages PACKAGE...: installs Debian packages (with sudo when not
+# root).
+install_packages() {
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  $sudo apt-get update -qq
+  $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$@" >/dev/null
+}
+
+# find_brickdisk: sets $brickdisk to BRICKDISK_BENCH_PROGRAM, a program
+# already built, or else to a Release build made here.
+find_brickdisk() {
+  brickdisk=${BRICKDISK_BENCH_PROGRAM:-}
+  if [ -z "$brickdisk" ]; then
+    cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
+      -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
+    cmake --build build/release -j "$(nproc)" --target brickdisk_cli
+    brickdisk=$PWD/build/release/tools/brickdisk
+  fi
+}
+
+# make_work_folder NAME [FOLDER]: sets $work to FOLDER (made when missing,
+# kept at the end) or to a fresh folder NAME.XXXXXX under ${TMPDIR:-/var/tmp},
+# which remove_work_folder removes.
+make_work_folder() {
+  keep_work=0
+  if [ $# -ge 2 ]; then
+    work=$(realpath -m "$2")
+    mkdir -p "$work"
+    keep_work=1
+  else
+    work=$(mktemp -d "${TMPDIR:-/var/tmp}/$1.XXXXXX")
+  fi
+}
+remove_work_folder() { [ "$keep_work" = 1 ] || rm -rf "$work"; }
+
+# make_comparison_image: in the current folder, image.raw (the 2 GiB ext4
+# image of the object-store comparisons, $image_bytes long) and a random
+# password file, with $pw the options that give it; prints the machine's
+# load first.
+make_comparison_image() {
+  echo "machine: $(nproc) cores; load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
+  echo "making the image"
+  "$repo_root/bench/ext4-image.sh" make image.raw 2G 1000000000
+  image_bytes=$(stat -c %s image.raw)
+  head -c 32 /dev/urandom | base64 >password
+  chmod 600 password
+  pw=(--password-file password)
+}
+
+declare -A took all
+# timed NAME COMMAND...: runs the command after flushing earlier writes, and
+# keeps the shortest wall-clock time of NAME in seconds (and every time in
+# all[NAME]); its output goes to NAME.out.
+timed() {
+  local name=$1
+  shift
+  sync
+  local start end seconds
+  start=$(date +%s.%N)
+  "$@" >"$work/$name.out" || return 1
+  end=$(date +%s.%N)
+  seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.2f", e - s }')
+  all[$name]="${all[$name]:-} $seconds"
+  if [ -z "${took[$name]:-}" ] || awk -v a="$seconds" -v b="${took[$name]}" 'BEGIN { exit !(a < b) }'; then
+    took[$name]=$seconds
+  fi
+  printf '  %-26s %8s s\n' "$name" "$seconds"
+}
+# same IMAGE FILE: FILE equals IMAGE; then FILE is removed.
+same() {
+  cmp "$1" "$2"
+  rm -f "$2"
+}
+mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
+mbps() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1e6 / s }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+at_least() { awk -v r="$1" -v goal="$2" 'BEGIN { print (r >= goal ? "yes" : "no") }'; }
+
+# print_table_head: the load after the rounds and the head of the table of
+# the object-store comparisons.
+print_table_head() {
+  echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
+  echo
+  echo "| step | seconds | MB/s of image | stored MiB |"
+  echo "|---|---:|---:|---:|"
+}
+# print_table_row LABEL STEP [STORED_BYTES]: the row of STEP's shortest time.
+print_table_row() {
+  local stored=""
+  [ -z "${3:-}" ] || stored=$(mib "$3")
+  echo "| $1 | ${took[$2]} | $(mbps "$image_bytes" "${took[$2]}") | $stored |"
+}

@@ -1,0 +1,146 @@
+#!/usr/bin/env bash
+# Times brickdisk's import and export on an s3:// disk side by side with two
+# other ways of keeping a disk image encrypted and compressed in an S3
+# bucket, in one run, on the same 2 GiB ext4 image (bench/ext4-image.sh) and
+# the same radosgw (scripts/ceph-test-cluster.sh, a cluster of its own in
+# /tmp/brickdisk-s3-bench, stopped at the end), each in a bucket of its own:
+#
+#   - brickdisk import into a new encrypted disk (lz4, AES-256-CBC, 512 KiB
+#     bricks) and its export back to a file;
+#   - restic backup of the image into an S3 repository (format 2: encrypted,
+#     compressed with --compression auto) and restic restore of it;
+#   - s3backer (--encrypt, which compresses too; 512 KiB blocks, as the
+#     bricks) mounted with FUSE: the image copied into its file (dd conv=fsync, then the
+#     unmount, which waits until every block is stored), and read back from a
+#     new mount.
+#
+# Each result is compared byte for byte with the image. The stored bytes are
+# the bucket's bytes (radosgw-admin bucket stats). Every step runs ROUNDS
+# times (BRICKDISK_BENCH_ROUNDS, default 1), each round in new buckets, and
+# the shortest time counts. Prints a Markdown table. Installs restic,
+# s3backer and fuse3 when missing (restic and s3backer are the benchmark's
+# alone).
+#
+#   bench/s3-compare.sh [WORK_FOLDER]
+#
+# WORK_FOLDER (default: a fresh folder under ${TMPDIR:-/var/tmp}, removed at
+# the end) needs about 5 GB. The cluster keeps its objects in memory: about
+# 4 GB per round.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repo_root=$PWD
+rounds=${BRICKDISK_BENCH_ROUNDS:-1}
+
+scripts/install-deps.sh
+source bench/common.sh
+missing=()
+for tool in restic s3backer fusermount; do
+  command -v "$tool" >/dev/null || missing+=("$tool")
+done
+[ ${#missing[@]} -eq 0 ] || install_packages restic s3backer fuse3
+[ -e /dev/fuse ] || { echo "s3-compare: s3backer needs /dev/fuse" >&2; exit 1; }
+
+find_brickdisk
+
+export BRICKDISK_CEPH_DIR=/tmp/brickdisk-s3-bench
+export BRICKDISK_CEPH_STORE_BYTES=$((rounds * 4 * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
+eval "$(scripts/ceph-test-cluster.sh start)"
+
+make_work_folder brickdisk-s3-compare "$@"
+mounted=
+cleanup() {
+  [ -z "$mounted" ] || fusermount -u "$mounted" 2>/dev/null || true
+  "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null
+  remove_work_folder
+}
+trap cleanup EXIT
+cd "$work"
+
+s3=(--aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY")
+# radosgw wants the payload's digest even of an empty body.
+empty_sha256=e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855
+make_bucket() { curl -fsS "${s3[@]}" -H "x-amz-content-sha256: $empty_sha256" -X PUT "$S3_ENDPOINT/$1" >/dev/null; }
+# bucket_bytes BUCKET: the bytes of the bucket's objects.
+bucket_bytes() {
+  radosgw-admin bucket stats --bucket="$1" 2>/dev/null |
+    python3 -c 'import json, sys; print(sum(u["size"] for u in json.load(sys.stdin)["usage"].values()))'
+}
+
+# s3backer_mount BUCKET FOLDER: mounts the bucket's s3backer file in FOLDER
+# (an empty folder), the program running in the foreground of a job.
+s3backer_mount() {
+  rm -rf "$2"
+  mkdir -p "$2"
+  s3backer -f --baseURL="$S3_ENDPOINT/" --accessId="$AWS_ACCESS_KEY_ID" --accessKey="$AWS_SECRET_ACCESS_KEY" \
+    --authVersion=aws4 --size="$image_bytes" --blockSize=512K --encrypt --passwordFile="$work/password" \
+    --blockCacheSize=200 --blockCacheThreads=16 --listBlocks "$1" "$2" >>"$work/s3backer.log" 2>&1 &
+  s3backer_pid=$!
+  mounted=$2
+  until grep -q " $2 fuse" /proc/mounts; do
+    kill -0 "$s3backer_pid" 2>/dev/null || { echo "s3backer did not mount" >&2; cat "$work/s3backer.log" >&2; exit 1; }
+    sleep 0.1
+  done
+}
+# s3backer_unmount FOLDER: unmounts and waits until s3backer has stored
+# every block and ended.
+s3backer_unmount() {
+  fusermount -u "$1"
+  wait "$s3backer_pid"
+  mounted=
+}
+s3backer_import() {
+  s3backer_mount "$1" "$2"
+  dd if=image.raw of="$2/file" bs=4M conv=fsync,notrunc status=none
+  s3backer_unmount "$2"
+}
+s3backer_export() {
+  s3backer_mount "$1" "$2"
+  dd if="$2/file" of="$3" bs=4M status=none
+  s3backer_unmount "$2"
+}
+
+make_comparison_image
+export RESTIC_PASSWORD_FILE=$work/password RESTIC_CACHE_DIR=$work/restic-cache
+
+for ((round = 1; round <= rounds; round++)); do
+  echo "round $round of $rounds"
+  cat image.raw >/dev/null
+  for bucket in brickdisk restic s3backer; do make_bucket "bench-$bucket-$round"; done
+
+  disk=s3://bench-brickdisk-$round/disk
+  "$brickdisk" --s3-endpoint "$S3_ENDPOINT" create "$disk" --size 2G "${pw[@]}" >/dev/null
+  timed brickdisk-import "$brickdisk" --s3-endpoint "$S3_ENDPOINT" import "$disk" image.raw "${pw[@]}"
+  brickdisk_stored=$(bucket_bytes "bench-brickdisk-$round")
+  timed brickdisk-export "$brickdisk" --s3-endpoint "$S3_ENDPOINT" export "$disk" disk.raw "${pw[@]}"
+  same image.raw disk.raw
+
+  export RESTIC_REPOSITORY=s3:$S3_ENDPOINT/bench-restic-$round
+  restic init --repository-version 2 >/dev/null
+  rm -rf "$RESTIC_CACHE_DIR"
+  timed restic-backup restic backup --compression auto image.raw
+  restic_stored=$(bucket_bytes "bench-restic-$round")
+  rm -rf "$RESTIC_CACHE_DIR" restored
+  timed restic-restore restic restore latest --target restored
+  same image.raw restored/image.raw
+
+  timed s3backer-import s3backer_import "bench-s3backer-$round" "$work/mnt"
+  s3backer_stored=$(bucket_bytes "bench-s3backer-$round")
+  timed s3backer-export s3backer_export "bench-s3backer-$round" "$work/mnt" s3backer.raw
+  same image.raw s3backer.raw
+done
+
+print_table_head
+print_table_row "brickdisk import" brickdisk-import "$brickdisk_stored"
+print_table_row "brickdisk export" brickdisk-export
+print_table_row "restic backup" restic-backup "$restic_stored"
+print_table_row "restic restore" restic-restore
+print_table_row "s3backer copy in" s3backer-import "$s3backer_stored"
+print_table_row "s3backer read back" s3backer-export
+echo
+for goal in "restic-backup brickdisk-import 2" "s3backer-import brickdisk-import 3" "restic-restore brickdisk-export 2"; do
+  read -r other ours least <<<"$goal"
+  r=$(ratio "${took[$other]}" "${took[$ours]}")
+  echo "$ours faster than $other by $r (goal at least $least: $(at_least "$r" "$least"))"
+done
+echo "every time (s):"
+for name in "${!all[@]}"; do echo "  $name:${all[$name]}"; done

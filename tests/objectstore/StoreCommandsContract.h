@@ -1,0 +1,162 @@
+// The brickdisk program on disks in an object store, as every store must
+// serve it: the main job (import, snapshot, re-import, export of both, check
+// with data), imports killed at random moments, a second import refused while
+// the first holds the disk, and a child in another kind of folder refused.
+//
+// A test program includes this once, defines a type with
+// `static zo::CURI uniqueFolder(const std::string& label)`,
+// `static void removeFolder(const zo::CURI& folder)`,
+// `static void prepareEnvironment()` (what the program needs to find the
+// store) and `static constexpr const char* kLockLeaseOption` (the option that
+// sets the disk lock's lease), instantiates the suite with it and writes its
+// own tests on `StoreCommandsTest<Type>`.
+#pragma once
+
+#include "CliTestFixture.h"
+
+#include "zo/URI.h"
+
+#include <chrono>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+template <class Store>
+class StoreCommandsTest : public clitest::CliTest {
+protected:
+    void SetUp() override
+    {
+        clitest::CliTest::SetUp();
+        Store::prepareEnvironment();
+    }
+    void TearDown() override { Store::removeFolder(zo::CURI(zo::String::fromUTF8(folder))); }
+
+    // Runs the program, with the password file when `withPassword`, and
+    // expects success.
+    clitest::RunResult runOk(const std::vector<std::string>& args, bool withPassword = true) const
+    {
+        const clitest::RunResult result = withPassword ? runWithPassword(args) : clitest::run(args);
+        EXPECT_EQ(result.exitStatus, 0) << result.err;
+        return result;
+    }
+
+    std::string folder = Store::uniqueFolder("cli").toString(true).toUTF8();
+    std::string disk = folder + "/disk";
+    std::string snapshot = folder + "/snapshot";
+};
+
+template <class Store>
+class StoreCommandsContractTest : public StoreCommandsTest<Store> {};
+
+TYPED_TEST_SUITE_P(StoreCommandsContractTest);
+
+TYPED_TEST_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte)
+{
+    const std::string first = clitest::makeImage(3 * 1024 * 1024 + 12345, 11);
+    std::string second = first;
+    for (size_t at = 100000; at < second.size(); at += 700000)
+        second.replace(at, 5000, std::string(5000, 'x'));
+    clitest::writeFile(this->path("v1.img"), first);
+    clitest::writeFile(this->path("v2.img"), second);
+
+    const std::string& disk = this->disk;
+    const std::string& snapshot = this->snapshot;
+    this->runOk({"create", disk, "--size", std::to_string(first.size()), "--brick-size", "64K"});
+    this->runOk({"import", disk, this->path("v1.img")});
+    this->runOk({"snapshot", disk, snapshot}, false);
+    this->runOk({"import", disk, this->path("v2.img")});
+    this->runOk({"export", disk, this->path("v2.exported")});
+    this->runOk({"export", snapshot, this->path("v1.exported")});
+    EXPECT_TRUE(clitest::readFile(this->path("v2.exported")) == second);
+    EXPECT_TRUE(clitest::readFile(this->path("v1.exported")) == first);
+    this->runOk({"check", disk, "--read-data"});
+    this->runOk({"check", snapshot, "--read-data"});
+    const clitest::RunResult info = this->runOk({"info", snapshot}, false);
+    EXPECT_NE(info.out.find(disk), std::string::npos) << info.out;
+}
+
+TYPED_TEST_P(StoreCommandsContractTest, ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndTheSnapshotExact)
+{
+    constexpr size_t kBrickSize = clitest::CliTest::kBrickSize;
+    const std::string& disk = this->disk;
+    const std::string& snapshot = this->snapshot;
+    // A killed import's lock keeps others out for its lease: a short one here.
+    const std::vector<std::string> lease{TypeParam::kLockLeaseOption, "1"};
+    const size_t size = 2 * 1024 * 1024;
+    const std::string old = clitest::makeImage(size, 31);
+    std::string fresh = clitest::makeImage(size, 32);
+    for (size_t at = 0; at < size; at += 5 * kBrickSize)
+        fresh.replace(at, kBrickSize, std::string(kBrickSize, '\0'));
+    clitest::writeFile(this->path("old"), old);
+    clitest::writeFile(this->path("fresh"), fresh);
+    this->runOk({"create", disk, "--size", std::to_string(size), "--brick-size", "64K"});
+    this->runOk({"import", disk, this->path("old")});
+    this->runOk({"snapshot", disk, snapshot}, false);
+
+    std::mt19937 random(2026);
+    for (int round = 0; round < 5 && !this->HasFailure(); ++round) {
+        const std::string context = "kill " + std::to_string(round + 1);
+        {
+            std::vector<std::string> args = lease;
+            args.insert(args.end(), {"import", disk, "-", "--password-file", this->path("pw")});
+            clitest::RunningProgram import(args, clitest::RunOptions{});
+            const size_t pieces = 1 + random() % 8;
+            for (size_t piece = 0; piece < pieces; ++piece)
+                import.feed(fresh.substr(piece * size / 8, size / 8));
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 100));
+            import.kill();
+            import.wait();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        this->runOk({"check", disk, "--read-data"});
+        this->runOk({"check", snapshot, "--read-data"});
+        this->runOk({"export", snapshot, this->path("snapshot.img"), "--force"});
+        EXPECT_TRUE(clitest::readFile(this->path("snapshot.img")) == old) << context;
+        this->runOk({"export", disk, this->path("disk.img"), "--force"});
+        const std::string exported = clitest::readFile(this->path("disk.img"));
+        ASSERT_EQ(exported.size(), size) << context;
+        for (size_t at = 0; at < size; at += kBrickSize) {
+            const std::string brick = exported.substr(at, kBrickSize);
+            EXPECT_TRUE(brick == old.substr(at, kBrickSize) || brick == fresh.substr(at, kBrickSize))
+                << context << ": the brick at " << at << " holds neither its old nor its new content";
+        }
+    }
+    this->runOk({"import", disk, this->path("fresh")});
+    this->runOk({"export", disk, this->path("disk.img"), "--force"});
+    EXPECT_TRUE(clitest::readFile(this->path("disk.img")) == fresh);
+}
+
+TYPED_TEST_P(StoreCommandsContractTest, ASecondImportIsRefusedWhileTheFirstHoldsTheDisk)
+{
+    const std::string& disk = this->disk;
+    const std::string image = clitest::makeImage(2 * 1024 * 1024, 41);
+    clitest::writeFile(this->path("image"), image);
+    this->runOk({"create", disk, "--size", std::to_string(image.size()), "--brick-size", "64K"});
+    clitest::RunningProgram first({"import", disk, "-", "--password-file", this->path("pw")}, clitest::RunOptions{});
+    first.feed(image.substr(0, image.size() / 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const clitest::RunResult refused = this->runWithPassword({"import", disk, this->path("image")});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.err.find("The disk is in use by another process."), std::string::npos) << refused.err;
+    first.feed(image.substr(image.size() / 2));
+    first.closeInput();
+    EXPECT_EQ(first.wait().exitStatus, 0);
+    this->runOk({"export", disk, this->path("exported")});
+    EXPECT_TRUE(clitest::readFile(this->path("exported")) == image);
+}
+
+TYPED_TEST_P(StoreCommandsContractTest, AChildOnAnotherKindOfFolderIsAUsageError)
+{
+    this->runOk({"create", this->disk, "--size", "1M", "--brick-size", "64K"});
+    const clitest::RunResult result = this->runWithPassword({"snapshot", this->disk, this->path("local-snapshot")});
+    EXPECT_EQ(result.exitStatus, 2) << result.err;
+}
+
+REGISTER_TYPED_TEST_SUITE_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte,
+                            ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndTheSnapshotExact,
+                            ASecondImportIsRefusedWhileTheFirstHoldsTheDisk, AChildOnAnotherKindOfFolderIsAUsageError);
+
+} // namespace
