@@ -81,7 +81,7 @@ healthy() {
     [ -f "$pids" ] && [ -f "$envfile" ] || return 1
     local name pid program
     while read -r name pid program; do alive "$pid" || return 1; done <"$pids"
-    CEPH_CONF=$conf timeout 20 rados --client_mount_timeout 10 -p "$pool" stat probe >/dev/null 2>&1
+    CEPH_CONF=$conf CEPH_KEYRING=$keyring timeout 20 rados --client_mount_timeout 10 -p "$pool" stat probe >/dev/null 2>&1
 }
 
 write_conf() {
@@ -186,7 +186,8 @@ start_rgw() {
 }
 
 start_cluster() {
-    export CEPH_CONF=$conf
+    # This cluster's own, also when the environment names another one.
+    export CEPH_CONF=$conf CEPH_KEYRING=$keyring
     if healthy; then
         cat "$envfile"
         return

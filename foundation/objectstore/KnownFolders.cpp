@@ -47,7 +47,13 @@ bool CKnownFolders::isKnownMissingFolder(const ObjectName& name) const
 
 bool CKnownFolders::isInFolderMadeHere(const ObjectName& name) const
 {
-    return m_foldersMadeHere.count(parentKeyOf(name)) > 0 && m_folders.count(keyOf(name)) == 0;
+    if (m_folders.count(keyOf(name)))
+        return false;
+    const auto parent = parentKeyOf(name);
+    if (m_foldersMadeHere.count(parent))
+        return true;
+    // A folder missing in a folder made here holds nothing either.
+    return !parent.second.empty() && isInFolderMadeHere(ObjectName{parent.first, parent.second});
 }
 
 void CKnownFolders::addFolder(const ObjectName& name, bool madeHere)

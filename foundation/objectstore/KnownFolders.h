@@ -33,8 +33,8 @@ public:
     // missing folder (isKnownMissingFolder).
     bool isKnownNonFolder(const ObjectName& name) const;
     // True when `name` has no folder marker and no object under it as far as
-    // this process can tell: it lies in a folder made here and is not one of
-    // the folders made there.
+    // this process can tell: it lies in a folder made here, or in a missing
+    // folder inside one, and is not one of the folders made there.
     bool isKnownMissingFolder(const ObjectName& name) const;
 
     // Remembers the folder `name`; `madeHere` when this process created its

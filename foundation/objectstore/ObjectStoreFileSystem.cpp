@@ -155,6 +155,11 @@ bool CObjectStoreFileSystem::isFolder(const ObjectName& name, bool lookUnder)
     return true;
 }
 
+bool CObjectStoreFileSystem::isInMissingFolder(const ObjectName& name) const
+{
+    return m_known->isKnownMissingFolder(ObjectName{name.container, parentKey(name.key)});
+}
+
 void CObjectStoreFileSystem::checkParentFolder(const ObjectName& name, const CURI& path)
 {
     if (!isFolder(ObjectName{name.container, parentKey(name.key)}, true))
@@ -269,7 +274,7 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginDeleteFile(const CURI& file, IDone
 P<IFileInfo> CObjectStoreFileSystem::getFileInfo(const CURI& path, bool throwIfMissing)
 {
     const ObjectName name = toObjectName(path);
-    if (!name.key.empty()) {
+    if (!name.key.empty() && !isInMissingFolder(name)) {
         if (const std::optional<int64> size = m_store->stat(name)) {
             m_known->addFile(name);
             return P<IFileInfo>(new CFileInfo(true, false, *size));
@@ -327,7 +332,7 @@ void CObjectStoreFileSystem::createFolder(const CURI& folder, int)
 bool CObjectStoreFileSystem::fileExists(const CURI& file)
 {
     const ObjectName name = toObjectName(file);
-    if (name.key.empty() || !m_store->stat(name))
+    if (name.key.empty() || isInMissingFolder(name) || !m_store->stat(name))
         return false;
     m_known->addFile(name);
     return true;

@@ -97,6 +97,9 @@ private:
     // True when `name` is a known folder or has a marker; with `lookUnder`
     // also when an object lies under it.
     bool isFolder(const ObjectName& name, bool lookUnder);
+    // True when the folder of `name` is known to be missing, so that `name`
+    // cannot exist.
+    bool isInMissingFolder(const ObjectName& name) const;
     // Throws NotFound unless the folder that holds `name` exists.
     void checkParentFolder(const ObjectName& name, const CURI& path);
     // Throws when a folder is where a file is to be written.

@@ -119,6 +119,21 @@ TEST_F(ObjectStoreFileSystemTest, AMissingFileInAFolderItCreatedCostsOneStat)
     EXPECT_EQ(calls.total(), 2);
 }
 
+TEST_F(ObjectStoreFileSystemTest, AFileInAMissingFolderInsideAFolderItCreatedIsMissingWithoutAsking)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    const auto calls = callsOf([&] {
+        EXPECT_FALSE(fs->pathExists(path("disk/bricks/a00/a01/b00.brick")));
+        EXPECT_FALSE(fs->fileExists(path("disk/bricks/a00/b00.brick")));
+        EXPECT_FALSE(fs->folderExists(path("disk/bricks/a00/a01")));
+    });
+    EXPECT_EQ(calls.total(), 0);
+    fs->createFolder(path("disk/bricks/a00/a01"), folderMode);
+    EXPECT_TRUE(fs->folderExists(path("disk/bricks/a00")));
+    EXPECT_EQ(store(*fs, path("disk/bricks/a00/a01/b00.brick"), "brick", true), -1);
+    EXPECT_TRUE(fs->pathExists(path("disk/bricks/a00/a01/b00.brick")));
+}
+
 TEST_F(ObjectStoreFileSystemTest, StoreIntoAMissingFolderInAFolderItCreatedFailsWithoutListing)
 {
     fs->createFolder(path("disk/bricks"), folderMode);
