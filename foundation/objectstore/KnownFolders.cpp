@@ -79,6 +79,12 @@ void CKnownFolders::addFile(const ObjectName& name)
     m_files.insert(keyOf(name));
 }
 
+void CKnownFolders::forgetMadeHere(const ObjectName& name)
+{
+    std::lock_guard lock(m_mutex);
+    m_foldersMadeHere.erase(keyOf(name));
+}
+
 void CKnownFolders::makeRoom()
 {
     if (m_folders.size() + m_files.size() < m_capacity)

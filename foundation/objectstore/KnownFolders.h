@@ -42,6 +42,9 @@ public:
     void addFolder(const ObjectName& name, bool madeHere);
     // Remembers that `name` holds a file.
     void addFile(const ObjectName& name);
+    // Forgets that the folder `name` was made here (it stays a known folder),
+    // for a folder that may receive objects this process writes otherwise.
+    void forgetMadeHere(const ObjectName& name);
 
 private:
     using Key = std::pair<std::string, std::string>;

@@ -381,6 +381,9 @@ P<IFileSystemLock> CObjectStoreFileSystem::lockFolder(const CURI& folder, bool e
     const ObjectName name = toObjectName(folder);
     if (!isFolder(name, true))
         throw pathError(CFileSystemError::NotFound, "The folder to lock does not exist.", folder);
+    // A store's lock may keep objects of its own under the lock's name, beside
+    // what this file system writes into the folder.
+    m_known->forgetMadeHere(name);
     return m_store->lock(ObjectName{name.container, name.key.empty() ? lockObjectName : name.key + "/" + lockObjectName}, exclusive);
 }
 
