@@ -30,8 +30,10 @@ public:
     {
         saveVariable("CEPH_CONF");
         saveVariable("CEPH_KEYRING");
-        if (std::system(scriptCommand("start").c_str()) != 0)
-            throw std::runtime_error("the cluster of the test did not start; see " + m_dir + "/log");
+        if (std::system(scriptCommand("start").c_str()) != 0) {
+            stop(); // the daemons that did start
+            throw std::runtime_error("the cluster of the test did not start (its logs are above)");
+        }
         std::ifstream env(m_dir + "/env.sh");
         for (std::string line; std::getline(env, line);) {
             const size_t equals = line.find('=');
@@ -43,13 +45,27 @@ public:
             if (name == "osd.0")
                 m_osd = static_cast<pid_t>(std::stol(pid));
         }
-        if (m_osd <= 0)
+        if (m_osd <= 0) {
+            stop();
             throw std::runtime_error("the cluster of the test has no OSD process");
+        }
     }
     ~COwnCephCluster()
     {
         if (m_osd > 0)
             ::kill(m_osd, SIGCONT);
+        stop();
+    }
+    COwnCephCluster(const COwnCephCluster&) = delete;
+    COwnCephCluster& operator=(const COwnCephCluster&) = delete;
+
+    void stopOsd() const { ::kill(m_osd, SIGSTOP); }
+    void continueOsd() const { ::kill(m_osd, SIGCONT); }
+
+private:
+    // Stops the daemons, removes the folder and gives the environment back.
+    void stop()
+    {
         if (std::system(scriptCommand("stop").c_str()) != 0)
             std::fprintf(stderr, "stopping the cluster in %s failed\n", m_dir.c_str());
         for (const auto& [name, value] : m_saved) {
@@ -59,13 +75,6 @@ public:
                 ::setenv(name.c_str(), value.c_str(), 1);
         }
     }
-    COwnCephCluster(const COwnCephCluster&) = delete;
-    COwnCephCluster& operator=(const COwnCephCluster&) = delete;
-
-    void stopOsd() const { ::kill(m_osd, SIGSTOP); }
-    void continueOsd() const { ::kill(m_osd, SIGCONT); }
-
-private:
     std::string scriptCommand(const std::string& action) const
     {
         return "BRICKDISK_CEPH_DIR=" + m_dir + " BRICKDISK_CEPH_RGW=0 BRICKDISK_CEPH_STORE_BYTES=1073741824 " +
