@@ -53,8 +53,15 @@ void CBrickImporter::workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P
         }
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
+            // The import ends at a failed brick: the bricks before it were
+            // taken earlier and still complete, later ones are not started
+            // (on a cluster that stopped answering each would wait out its
+            // time-out).
+            if (task->outcome == Task::Failed)
+                m_stopping = true;
             m_done[task->index] = std::move(task);
         }
+        m_taskQueued.notify_all();
         m_taskDone.notify_all();
     }
 }

@@ -49,8 +49,10 @@ public:
     // of the last brick beyond the image's end keep what the disk held. When
     // the image goes on past the end of the disk, every brick up to that end
     // is still handed over, then the source's error is thrown. A brick that
-    // cannot be prepared throws its error, as do read errors of the source. Saves still running in the
-    // background are not waited for: the caller flushes the disk.
+    // cannot be prepared throws its error once the bricks before it are
+    // handed over, and no later brick is started; read errors of the source
+    // are thrown too. Saves still running in the background are not waited
+    // for: the caller flushes the disk.
     void run(CImageSource& source, const std::function<void(zo::int64)>& onProgress);
 
     const Counts& getCounts() const { return m_counts; }

@@ -60,6 +60,7 @@ zo::P<zo::IFileSystem> newCephFileSystem([[maybe_unused]] int threadCount)
     options.configFile = zo::String::fromUTF8(cephCluster().configFile);
     options.clientId = zo::String::fromUTF8(cephCluster().clientId);
     options.lockLeaseSeconds = cephCluster().lockLeaseSeconds;
+    options.operationTimeoutSeconds = cephCluster().operationTimeoutSeconds;
     options.threadCount = threadCount;
     return zo::P<zo::IFileSystem>(new zo::CRadosFileSystem(options));
 #else

@@ -29,12 +29,14 @@ zo::CURI diskFolderURI(const std::string& path);
 
 // The Ceph cluster of the disks on Ceph: the program's --ceph-conf (empty:
 // CEPH_CONF, then Ceph's default places), --ceph-id (the user without
-// "client.") and --ceph-lock-lease (how long the disk lock of a killed
-// program keeps others out).
+// "client."), --ceph-lock-lease (how long the disk lock of a killed
+// program keeps others out) and --ceph-timeout (when an operation gives up).
 struct CephCluster {
     std::string configFile;
     std::string clientId = "admin";
     int lockLeaseSeconds = 30;
+    // Seconds after which an object or monitor operation gives up.
+    int operationTimeoutSeconds = 60;
 };
 void setCephCluster(const CephCluster& cluster);
 

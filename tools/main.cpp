@@ -73,6 +73,10 @@ int main(int argc, char** argv)
                        "Seconds that the disk lock of a killed program keeps others out of a rados:// disk")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
+    program.add_option("--ceph-timeout", ceph.operationTimeoutSeconds,
+                       "Seconds after which an operation on the Ceph cluster gives up with an error")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
     cli::S3Service s3;
     program.add_option("--s3-endpoint", s3.endpoint,
                        "S3 service of s3://BUCKET/path disks, e.g. https://minio.example:9000 (default: "

@@ -61,7 +61,9 @@ void CLeaseLock::renewUntilStopped()
         lock.unlock();
         try {
             renew();
+            m_lastRenewalFailed = false;
         } catch (const std::exception& e) {
+            m_lastRenewalFailed = true;
             logError(e, "A folder lock on an object store could not be renewed.", String());
         }
         lock.lock();

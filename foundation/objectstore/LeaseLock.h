@@ -8,6 +8,7 @@
 
 #include "zo/FileSystem.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -25,6 +26,9 @@ public:
 
     bool isExclusive() const override { return m_exclusive; }
     int getLeaseSeconds() const { return m_leaseSeconds; }
+    // True when the latest renewal failed: the store most likely does not
+    // answer, so an unlock would only wait for its time-out.
+    bool lastRenewalFailed() const { return m_lastRenewalFailed; }
 
     // "process PID (PROGRAM) on HOST": what a refused locker is told about a
     // holder.
@@ -51,6 +55,7 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_stopRequested;
     bool m_stopping = false;
+    std::atomic<bool> m_lastRenewalFailed{false};
     std::thread m_renewer;
 };
 

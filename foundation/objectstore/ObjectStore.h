@@ -10,6 +10,7 @@
 
 #include "zo/Containers.h"
 #include "zo/Error.h"
+#include "zo/Export.h"
 #include "zo/FileSystem.h"
 
 #include <functional>
@@ -23,7 +24,7 @@ struct ObjectName {
     std::string key;
 };
 
-class IObjectStore : public virtual IBase {
+class BRICKDISK_EXPORT IObjectStore : public virtual IBase {
 public:
     // Receives the outcome of an asynchronous call: null on success. It runs
     // once, on a thread of the store's, and must neither block nor call the

@@ -1,5 +1,6 @@
 #include "objectstore/ObjectStoreFileSystem.h"
 
+#include "objectstore/KnownFolders.h"
 #include "objectstore/ObjectStream.h"
 #include "zo/CompletionPool.h"
 #include "zo/FileSystemOp.h"
@@ -12,6 +13,9 @@ namespace zo {
 namespace {
 
 const char* lockObjectName = ".lock";
+// Keys of files and folders remembered before all are forgotten at once: a
+// few MiB at most.
+const size_t knownKeysLimit = 65536;
 
 CFileSystemError pathError(CFileSystemError::Problem problem, const char* message, const CURI& path)
 {
@@ -77,7 +81,8 @@ struct CObjectStoreFileSystem::Pending {
 };
 
 CObjectStoreFileSystem::CObjectStoreFileSystem(IObjectStore* store, const String& scheme, int threadCount)
-    : m_store(store), m_scheme(scheme), m_pool(CCompletionPool::create(threadCount)), m_pending(std::make_shared<Pending>())
+    : m_store(store), m_scheme(scheme), m_pool(CCompletionPool::create(threadCount)), m_pending(std::make_shared<Pending>()),
+      m_known(std::make_unique<CKnownFolders>(knownKeysLimit))
 {
 }
 
@@ -140,23 +145,19 @@ P<IFileSystemOp> CObjectStoreFileSystem::startOperation(IDoneListener* listener,
 
 bool CObjectStoreFileSystem::isFolder(const ObjectName& name, bool lookUnder)
 {
-    if (name.key.empty())
+    if (m_known->isFolder(name))
         return true;
-    {
-        std::lock_guard lock(m_foldersMutex);
-        if (m_knownFolders.count({name.container, name.key}))
-            return true;
-    }
+    if (m_known->isKnownMissingFolder(name))
+        return false;
     if (!m_store->stat(markerOf(name)) && (!lookUnder || m_store->list(name.container, name.key + "/", 1).empty()))
         return false;
-    rememberFolder(name);
+    m_known->addFolder(name, false);
     return true;
 }
 
-void CObjectStoreFileSystem::rememberFolder(const ObjectName& name)
+bool CObjectStoreFileSystem::isInMissingFolder(const ObjectName& name) const
 {
-    std::lock_guard lock(m_foldersMutex);
-    m_knownFolders.insert({name.container, name.key});
+    return m_known->isKnownMissingFolder(ObjectName{name.container, parentKey(name.key)});
 }
 
 void CObjectStoreFileSystem::checkParentFolder(const ObjectName& name, const CURI& path)
@@ -167,14 +168,36 @@ void CObjectStoreFileSystem::checkParentFolder(const ObjectName& name, const CUR
 
 void CObjectStoreFileSystem::checkNotAFolder(const ObjectName& name, const CURI& path, bool overwrite)
 {
-    bool folder = name.key.empty();
-    if (!folder) {
-        std::lock_guard lock(m_foldersMutex);
-        folder = m_knownFolders.count({name.container, name.key}) > 0;
-    }
-    if (folder || m_store->stat(markerOf(name)))
+    if (m_known->isKnownNonFolder(name))
+        return;
+    if (name.key.empty() || isFolder(name, false))
         throw pathError(overwrite ? CFileSystemError::IsAFolder : CFileSystemError::AlreadyExists,
                         "A folder is in the way of the file.", path);
+}
+
+bool CObjectStoreFileSystem::putFolderMarker(const ObjectName& name, const CURI& folder)
+{
+    if (m_store->stat(name))
+        throw pathError(CFileSystemError::AlreadyExists, "A file is in the way of the folder.", folder);
+    try {
+        runSync([&](IObjectStore::Done done) { m_store->beginPut(markerOf(name), std::string(), true, std::move(done)); });
+    } catch (const CFileSystemError& e) {
+        if (e.getProblem() != CFileSystemError::AlreadyExists)
+            throw;
+        m_known->addFolder(name, false);
+        return false;
+    }
+    m_known->addFolder(name, true);
+    return true;
+}
+
+IObjectStore::Done CObjectStoreFileSystem::finishWritingFile(const ObjectName& name, IObjectStore::Done finish)
+{
+    return [this, name, finish = std::move(finish)](const CError* error) {
+        if (!error)
+            m_known->addFile(name);
+        finish(error);
+    };
 }
 
 void CObjectStoreFileSystem::removeSync(const ObjectName& name)
@@ -195,7 +218,7 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginStoreFile(const CURI& file, int si
         if (got < size)
             throw CIOError(CIOError::EndOfData, "The source delivered fewer bytes than the store expected.",
                            CProps().add("path", file.toString(true)).add("size", size).add("got", got));
-        m_store->beginPut(name, std::move(bytes), !overwrite, finish);
+        m_store->beginPut(name, std::move(bytes), !overwrite, finishWritingFile(name, finish));
     });
 }
 
@@ -204,13 +227,9 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginCreateFolder(const CURI& folder, i
     const ObjectName name = toObjectName(folder);
     return startOperation(listener, [this, folder, name](const auto& finish) {
         checkParentFolder(name, folder);
-        if (isFolder(name, false) || m_store->stat(name))
+        if (m_known->isFolder(name) || !putFolderMarker(name, folder))
             throw pathError(CFileSystemError::AlreadyExists, "The folder already exists.", folder);
-        m_store->beginPut(markerOf(name), std::string(), true, [this, name, finish](const CError* error) {
-            if (!error)
-                rememberFolder(name);
-            finish(error);
-        });
+        finish(nullptr);
     });
 }
 
@@ -225,6 +244,7 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginMoveFile(const CURI& from, const C
         checkParentFolder(target, to);
         checkNotAFolder(target, to, overwrite);
         runSync([&](IObjectStore::Done done) { m_store->beginCopy(source, target, !overwrite, std::move(done)); });
+        m_known->addFile(target);
         m_store->beginRemove(source, finish);
     });
 }
@@ -237,7 +257,7 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginCopyFile(const CURI& from, const C
     return startOperation(listener, [this, to, source, target, overwrite](const auto& finish) {
         checkParentFolder(target, to);
         checkNotAFolder(target, to, overwrite);
-        m_store->beginCopy(source, target, !overwrite, finish);
+        m_store->beginCopy(source, target, !overwrite, finishWritingFile(target, finish));
     });
 }
 
@@ -254,9 +274,11 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginDeleteFile(const CURI& file, IDone
 P<IFileInfo> CObjectStoreFileSystem::getFileInfo(const CURI& path, bool throwIfMissing)
 {
     const ObjectName name = toObjectName(path);
-    if (!name.key.empty()) {
-        if (const std::optional<int64> size = m_store->stat(name))
+    if (!name.key.empty() && !isInMissingFolder(name)) {
+        if (const std::optional<int64> size = m_store->stat(name)) {
+            m_known->addFile(name);
             return P<IFileInfo>(new CFileInfo(true, false, *size));
+        }
     }
     if (isFolder(name, false))
         return P<IFileInfo>(new CFileInfo(true, true, 0));
@@ -269,15 +291,27 @@ P<IIOStream> CObjectStoreFileSystem::openStream(const CURI& file, IIOStream::Acc
 {
     checkAccess(file, access);
     const ObjectName name = toObjectName(file);
-    if (name.key.empty() || m_store->stat(markerOf(name)))
-        throw pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file);
+    const auto folderError = [&] { return pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file); };
+    if (name.key.empty())
+        throw folderError();
     std::string bytes;
     if (access != IIOStream::AccessRead && (options & IIOStream::OptionReplace)) {
         checkParentFolder(name, file);
+        if (!m_known->isKnownNonFolder(name) && isFolder(name, false))
+            throw folderError();
         runSync([&](IObjectStore::Done done) { m_store->beginPut(name, std::string(), false, std::move(done)); });
     } else {
-        bytes = m_store->read(name);
+        // The object itself first: a file, the usual case, costs one read;
+        // only a missing one is looked at as a folder.
+        try {
+            bytes = m_store->read(name);
+        } catch (const CFileSystemError& e) {
+            if (e.getProblem() == CFileSystemError::NotFound && isFolder(name, false))
+                throw folderError();
+            throw;
+        }
     }
+    m_known->addFile(name);
     return P<IIOStream>(new CObjectStream(m_store.get(), file, name, bytes, access));
 }
 
@@ -290,19 +324,18 @@ void CObjectStoreFileSystem::createFolder(const CURI& folder, int)
         const size_t slash = name.key.find('/', start);
         level.key = name.key.substr(0, slash);
         start = slash == std::string::npos ? name.key.size() : slash + 1;
-        if (m_store->stat(level))
-            throw pathError(CFileSystemError::AlreadyExists, "A file is in the way of the folder.", folder);
-        if (isFolder(level, false))
-            continue;
-        runSync([&](IObjectStore::Done done) { m_store->beginPut(markerOf(level), std::string(), false, std::move(done)); });
-        rememberFolder(level);
+        if (!m_known->isFolder(level))
+            putFolderMarker(level, folder);
     }
 }
 
 bool CObjectStoreFileSystem::fileExists(const CURI& file)
 {
     const ObjectName name = toObjectName(file);
-    return !name.key.empty() && m_store->stat(name).has_value();
+    if (name.key.empty() || isInMissingFolder(name) || !m_store->stat(name))
+        return false;
+    m_known->addFile(name);
+    return true;
 }
 
 bool CObjectStoreFileSystem::folderExists(const CURI& folder)
@@ -348,6 +381,9 @@ P<IFileSystemLock> CObjectStoreFileSystem::lockFolder(const CURI& folder, bool e
     const ObjectName name = toObjectName(folder);
     if (!isFolder(name, true))
         throw pathError(CFileSystemError::NotFound, "The folder to lock does not exist.", folder);
+    // A store's lock may keep objects of its own under the lock's name, beside
+    // what this file system writes into the folder.
+    m_known->forgetMadeHere(name);
     return m_store->lock(ObjectName{name.container, name.key.empty() ? lockObjectName : name.key + "/" + lockObjectName}, exclusive);
 }
 

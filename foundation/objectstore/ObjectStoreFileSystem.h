@@ -8,11 +8,25 @@
 // of a file to store) also find a folder without marker that has objects
 // under it, by listing the container. The other queries (pathExists,
 // getFileInfo) look at markers only, so that asking for a missing file never
-// lists the container. The root of a container always exists. A store is one atomic whole-object write
-// (an exclusive one without overwrite); a copy happens inside the store; a
-// move is a copy, then the removal of the source, so a process that dies
-// between the two leaves both. Listing filters the container's keys by
-// prefix. A folder lock is the store's lock on the object "key/.lock".
+// lists the container. The root of a container always exists. A store is
+// one atomic whole-object write (an exclusive one without overwrite); a copy
+// happens inside the store; a move is a copy, then the removal of the
+// source, so a process that dies between the two leaves both. Listing
+// filters the container's keys by prefix. A folder lock is the store's lock
+// on the object "key/.lock".
+//
+// So that a store into a known folder costs the write alone, the file system
+// remembers (up to a bound) the folders it found or created and the keys
+// where it found or wrote files, and it knows that a folder it created
+// itself (an exclusive marker write) held no folders but those it created
+// there since. Folders are never removed through this file system; when
+// another process removes a remembered folder's marker, a store into the
+// folder still succeeds and its object makes the folder exist again. The
+// checks that keep files and folders apart were never atomic with the write
+// that follows them; with the memory they no longer see a folder that
+// another process creates, under the name of a remembered file or inside a
+// folder created here, after this process looked. Processes that share a
+// disk are kept apart by its lock, so such a folder does not arise.
 //
 // The asynchronous operations check their paths on worker threads of the
 // file system's own, then hand the write to the store; the listeners are
@@ -24,12 +38,11 @@
 #include "zo/FileSystem.h"
 
 #include <memory>
-#include <mutex>
-#include <set>
 
 namespace zo {
 
 class CCompletionPool;
+class CKnownFolders;
 
 class BRICKDISK_EXPORT CObjectStoreFileSystem : public CBase, public IFileSystem {
 public:
@@ -84,19 +97,27 @@ private:
     // True when `name` is a known folder or has a marker; with `lookUnder`
     // also when an object lies under it.
     bool isFolder(const ObjectName& name, bool lookUnder);
+    // True when the folder of `name` is known to be missing, so that `name`
+    // cannot exist.
+    bool isInMissingFolder(const ObjectName& name) const;
     // Throws NotFound unless the folder that holds `name` exists.
     void checkParentFolder(const ObjectName& name, const CURI& path);
     // Throws when a folder is where a file is to be written.
     void checkNotAFolder(const ObjectName& name, const CURI& path, bool overwrite);
-    void rememberFolder(const ObjectName& name);
+    // Creates the marker of the folder `name` with an exclusive write and
+    // remembers the folder; false when the marker was there already. Throws
+    // AlreadyExists when a file is in the way.
+    bool putFolderMarker(const ObjectName& name, const CURI& folder);
+    // `finish`, after remembering that `name` holds a file when the write
+    // succeeded.
+    IObjectStore::Done finishWritingFile(const ObjectName& name, IObjectStore::Done finish);
     void removeSync(const ObjectName& name);
 
     P<IObjectStore> m_store;
     String m_scheme;
     P<CCompletionPool> m_pool;
     std::shared_ptr<Pending> m_pending;
-    std::mutex m_foldersMutex;
-    std::set<std::pair<std::string, std::string>> m_knownFolders;
+    std::unique_ptr<CKnownFolders> m_known;
 };
 
 } // namespace zo

@@ -30,6 +30,10 @@ CRadosLock::CRadosLock(CRadosObjectStore* store, const ObjectName& name, bool ex
 CRadosLock::~CRadosLock()
 {
     stopRenewing();
+    // A cluster that did not answer the last renewal would most likely keep
+    // the unlock waiting for its whole time-out too: the lease ends the lock.
+    if (lastRenewalFailed())
+        return;
     const int result = m_store->getIoCtx(m_name.container).unlock(m_name.key, lockName, m_cookie);
     if (result < 0 && result != -ENOENT)
         onExceptionInDestructorIgnored("zo::CRadosLock", m_store->makeError(result, "unlock", m_name), true);

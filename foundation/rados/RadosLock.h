@@ -19,7 +19,8 @@ public:
     // cluster.
     CRadosLock(CRadosObjectStore* store, const ObjectName& name, bool exclusive, int leaseSeconds);
     // Stops the renewal and unlocks; never throws (a failed unlock is logged
-    // and the lease ends the lock).
+    // and the lease ends the lock). When the last renewal failed, it leaves
+    // the lock to its lease without asking the cluster.
     ~CRadosLock() override;
 
 protected:

@@ -1,0 +1,178 @@
+#include "support/MemoryObjectStore.h"
+
+#include <cerrno>
+
+namespace testsupport {
+
+using zo::CFileSystemError;
+using zo::ObjectName;
+
+namespace {
+
+CFileSystemError objectError(int errnoValue, const char* action, const ObjectName& name)
+{
+    return zo::makeErrnoError(errnoValue, action, zo::String::fromUTF8("memory://" + name.container + "/" + name.key));
+}
+
+} // namespace
+
+class CMemoryObjectStore::CLock : public zo::CBase, public zo::IFileSystemLock {
+public:
+    CLock(CMemoryObjectStore* store, Key key, bool exclusive) : m_store(store), m_key(std::move(key)), m_exclusive(exclusive) {}
+    ~CLock() override { m_store->unlock(m_key); }
+    CLock(const CLock&) = delete;
+    CLock& operator=(const CLock&) = delete;
+
+    bool isExclusive() const override { return m_exclusive; }
+
+private:
+    zo::P<CMemoryObjectStore> m_store;
+    Key m_key;
+    bool m_exclusive;
+};
+
+void CMemoryObjectStore::beginPut(const ObjectName& name, std::string bytes, bool exclusive, Done done)
+{
+    std::unique_lock lock(m_mutex);
+    ++m_counts.puts;
+    const Key key{name.container, name.key};
+    if (exclusive && m_objects.count(key)) {
+        lock.unlock();
+        const CFileSystemError error = objectError(EEXIST, "write", name);
+        done(&error);
+        return;
+    }
+    m_objects[key] = std::move(bytes);
+    lock.unlock();
+    done(nullptr);
+}
+
+void CMemoryObjectStore::beginCopy(const ObjectName& from, const ObjectName& to, bool exclusive, Done done)
+{
+    std::unique_lock lock(m_mutex);
+    ++m_counts.copies;
+    const auto source = m_objects.find({from.container, from.key});
+    const Key target{to.container, to.key};
+    const int problem = source == m_objects.end() ? ENOENT : exclusive && m_objects.count(target) ? EEXIST : 0;
+    if (problem == 0)
+        m_objects[target] = source->second;
+    lock.unlock();
+    if (problem == 0) {
+        done(nullptr);
+        return;
+    }
+    const CFileSystemError error = objectError(problem, "copy", problem == ENOENT ? from : to);
+    done(&error);
+}
+
+void CMemoryObjectStore::beginRemove(const ObjectName& name, Done done)
+{
+    std::unique_lock lock(m_mutex);
+    ++m_counts.removes;
+    const bool removed = m_objects.erase({name.container, name.key}) > 0;
+    lock.unlock();
+    if (removed) {
+        done(nullptr);
+        return;
+    }
+    const CFileSystemError error = objectError(ENOENT, "remove", name);
+    done(&error);
+}
+
+std::optional<zo::int64> CMemoryObjectStore::stat(const ObjectName& name)
+{
+    std::lock_guard lock(m_mutex);
+    ++m_counts.stats;
+    const auto found = m_objects.find({name.container, name.key});
+    if (found == m_objects.end())
+        return std::nullopt;
+    return static_cast<zo::int64>(found->second.size());
+}
+
+std::string CMemoryObjectStore::read(const ObjectName& name)
+{
+    std::lock_guard lock(m_mutex);
+    ++m_counts.reads;
+    const auto found = m_objects.find({name.container, name.key});
+    if (found == m_objects.end())
+        throw objectError(ENOENT, "read", name);
+    return found->second;
+}
+
+void CMemoryObjectStore::write(const ObjectName& name, zo::int64 offset, const void* bytes, int size)
+{
+    std::lock_guard lock(m_mutex);
+    ++m_counts.writes;
+    std::string& object = m_objects[{name.container, name.key}];
+    if (object.size() < static_cast<size_t>(offset + size))
+        object.resize(static_cast<size_t>(offset + size), '\0');
+    object.replace(static_cast<size_t>(offset), static_cast<size_t>(size), static_cast<const char*>(bytes),
+                   static_cast<size_t>(size));
+}
+
+void CMemoryObjectStore::truncate(const ObjectName& name, zo::int64 length)
+{
+    std::lock_guard lock(m_mutex);
+    ++m_counts.writes;
+    const auto found = m_objects.find({name.container, name.key});
+    if (found == m_objects.end())
+        throw objectError(ENOENT, "truncate", name);
+    found->second.resize(static_cast<size_t>(length), '\0');
+}
+
+zo::TList<std::string> CMemoryObjectStore::list(const std::string& container, const std::string& prefix, int limit)
+{
+    std::lock_guard lock(m_mutex);
+    ++m_counts.lists;
+    zo::TList<std::string> keys;
+    for (const auto& [key, bytes] : m_objects) {
+        if (key.first != container || key.second.compare(0, prefix.size(), prefix) != 0)
+            continue;
+        keys.push_back(key.second);
+        if (limit > 0 && static_cast<int>(keys.size()) >= limit)
+            break;
+    }
+    return keys;
+}
+
+zo::P<zo::IFileSystemLock> CMemoryObjectStore::lock(const ObjectName& name, bool exclusive)
+{
+    std::lock_guard lock(m_mutex);
+    ++m_counts.locks;
+    const Key key{name.container, name.key};
+    LockState& state = m_locks[key];
+    if (state.holders > 0 && (exclusive || state.exclusive))
+        throw CFileSystemError(CFileSystemError::Locked,
+                               zo::CError("The folder is locked by someone else.", zo::String(), -1,
+                                          zo::CProps().add("object", zo::String::fromUTF8(name.key))));
+    ++state.holders;
+    state.exclusive = exclusive;
+    return zo::P<zo::IFileSystemLock>(new CLock(this, key, exclusive));
+}
+
+void CMemoryObjectStore::unlock(const Key& key)
+{
+    std::lock_guard lock(m_mutex);
+    if (--m_locks[key].holders == 0)
+        m_locks.erase(key);
+}
+
+CMemoryObjectStore::Counts CMemoryObjectStore::getCounts() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_counts;
+}
+
+bool CMemoryObjectStore::holds(const ObjectName& name) const
+{
+    std::lock_guard lock(m_mutex);
+    return m_objects.count({name.container, name.key}) > 0;
+}
+
+void CMemoryObjectStore::removeBehindTheBack(const ObjectName& name)
+{
+    std::lock_guard lock(m_mutex);
+    m_objects.erase({name.container, name.key});
+}
+
+} // namespace testsupport

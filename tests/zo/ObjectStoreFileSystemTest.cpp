@@ -1,0 +1,222 @@
+// The file system over an object store, on an object store in memory: the
+// round trips that its memory of folders and files saves, and what it does
+// when the store changes behind its back. (The file-system contract runs
+// over it in FileSystemContractTest.cpp.)
+#include "objectstore/ObjectStoreFileSystem.h"
+#include "support/MemoryObjectStore.h"
+#include "zo/BufferStream.h"
+#include "zo/Signal.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace zo;
+using testsupport::CMemoryObjectStore;
+
+constexpr int waitMillis = 10000;
+constexpr int folderMode = 0x1ff;
+
+// Keeps the outcome of one operation.
+class COutcome : public CBase, public IDoneListener {
+public:
+    void onDone(const CError* error) override
+    {
+        std::lock_guard lock(m_mutex);
+        m_error = error ? error->clone() : P<CError>();
+    }
+    // The problem of the error; -1 for success.
+    int problem()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_error ? CFileSystemError::getProblem(m_error->getProps()) : -1;
+    }
+
+private:
+    std::mutex m_mutex;
+    P<CError> m_error;
+};
+
+P<CObjectStoreFileSystem> makeFileSystem(CMemoryObjectStore* store, int threadCount = 2)
+{
+    return P<CObjectStoreFileSystem>(new CObjectStoreFileSystem(store, "memory", threadCount));
+}
+
+class ObjectStoreFileSystemTest : public ::testing::Test {
+protected:
+    static CURI path(const char* relative) { return CURI("memory://bucket") << CURI(relative); }
+    static ObjectName object(const char* key) { return ObjectName{"bucket", key}; }
+
+    // The problem of storing `bytes` as `file`; -1 for success.
+    static int store(CObjectStoreFileSystem& fs, const CURI& file, const std::string& bytes, bool overwrite)
+    {
+        P<CBufferStream> source(new CBufferStream(nullptr, 2.0));
+        source->write(bytes.data(), static_cast<int>(bytes.size()));
+        source->seek(0);
+        P<COutcome> outcome(new COutcome());
+        EXPECT_TRUE(fs.beginStoreFile(file, static_cast<int>(bytes.size()), source.get(), overwrite, outcome.get())
+                        ->waitDone(waitMillis));
+        return outcome->problem();
+    }
+    // The problem of creating `folder`; -1 for success.
+    static int createFolderAsync(CObjectStoreFileSystem& fs, const CURI& folder)
+    {
+        P<COutcome> outcome(new COutcome());
+        EXPECT_TRUE(fs.beginCreateFolder(folder, folderMode, outcome.get())->waitDone(waitMillis));
+        return outcome->problem();
+    }
+    static std::vector<std::string> names(const TList<String>& list)
+    {
+        std::vector<std::string> result;
+        for (const String& name : list)
+            result.push_back(name.toUTF8());
+        return result;
+    }
+    // The calls that `action` makes.
+    template <class Action>
+    CMemoryObjectStore::Counts callsOf(Action action)
+    {
+        const CMemoryObjectStore::Counts before = objects->getCounts();
+        action();
+        const CMemoryObjectStore::Counts after = objects->getCounts();
+        CMemoryObjectStore::Counts calls;
+        calls.puts = after.puts - before.puts;
+        calls.copies = after.copies - before.copies;
+        calls.removes = after.removes - before.removes;
+        calls.stats = after.stats - before.stats;
+        calls.reads = after.reads - before.reads;
+        calls.writes = after.writes - before.writes;
+        calls.lists = after.lists - before.lists;
+        calls.locks = after.locks - before.locks;
+        return calls;
+    }
+
+    P<CMemoryObjectStore> objects{new CMemoryObjectStore()};
+    P<CObjectStoreFileSystem> fs = makeFileSystem(objects.get());
+};
+
+TEST_F(ObjectStoreFileSystemTest, StoreIntoAFolderItCreatedCostsTheWriteAlone)
+{
+    fs->createFolder(path("disk/bricks/a00"), folderMode);
+    const auto calls = callsOf([&] { EXPECT_EQ(store(*fs, path("disk/bricks/a00/b00.brick"), "brick", true), -1); });
+    EXPECT_EQ(calls.puts, 1);
+    EXPECT_EQ(calls.total(), 1);
+    EXPECT_EQ(objects->read(object("disk/bricks/a00/b00.brick")), "brick");
+}
+
+TEST_F(ObjectStoreFileSystemTest, AMissingFileInAFolderItCreatedCostsOneStat)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    const auto calls = callsOf([&] {
+        EXPECT_FALSE(fs->pathExists(path("disk/bricks/b00.brick")));
+        EXPECT_FALSE(fs->getFileInfo(path("disk/bricks/b01.brick"), false)->exists());
+    });
+    EXPECT_EQ(calls.stats, 2);
+    EXPECT_EQ(calls.total(), 2);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFileInAMissingFolderInsideAFolderItCreatedIsMissingWithoutAsking)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    const auto calls = callsOf([&] {
+        EXPECT_FALSE(fs->pathExists(path("disk/bricks/a00/a01/b00.brick")));
+        EXPECT_FALSE(fs->fileExists(path("disk/bricks/a00/b00.brick")));
+        EXPECT_FALSE(fs->folderExists(path("disk/bricks/a00/a01")));
+    });
+    EXPECT_EQ(calls.total(), 0);
+    fs->createFolder(path("disk/bricks/a00/a01"), folderMode);
+    EXPECT_TRUE(fs->folderExists(path("disk/bricks/a00")));
+    EXPECT_EQ(store(*fs, path("disk/bricks/a00/a01/b00.brick"), "brick", true), -1);
+    EXPECT_TRUE(fs->pathExists(path("disk/bricks/a00/a01/b00.brick")));
+}
+
+TEST_F(ObjectStoreFileSystemTest, StoreIntoAMissingFolderInAFolderItCreatedFailsWithoutListing)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    const auto calls = callsOf([&] {
+        EXPECT_EQ(store(*fs, path("disk/bricks/a00/b00.brick"), "brick", true), CFileSystemError::NotFound);
+    });
+    EXPECT_EQ(calls.total(), 0);
+}
+
+TEST_F(ObjectStoreFileSystemTest, CreatingAFolderAsksOnlyForAFileInTheWayAndWritesTheMarker)
+{
+    fs->createFolder(path("disk"), folderMode);
+    const auto calls = callsOf([&] { EXPECT_EQ(createFolderAsync(*fs, path("disk/bricks")), -1); });
+    EXPECT_EQ(calls.stats, 1);
+    EXPECT_EQ(calls.puts, 1);
+    EXPECT_EQ(calls.total(), 2);
+    EXPECT_TRUE(objects->holds(object("disk/bricks/")));
+}
+
+TEST_F(ObjectStoreFileSystemTest, ReplacingAFileItFoundCostsTheWriteAlone)
+{
+    fs->createFolder(path("disk"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/brick"), "old", true), -1);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    ASSERT_TRUE(other->fileExists(path("disk/brick")));
+    ASSERT_TRUE(other->folderExists(path("disk")));
+    const auto calls = callsOf([&] { EXPECT_EQ(store(*other, path("disk/brick"), "new", true), -1); });
+    EXPECT_EQ(calls.total(), 1);
+    EXPECT_EQ(objects->read(object("disk/brick")), "new");
+}
+
+TEST_F(ObjectStoreFileSystemTest, ReadingAFileCostsOneRead)
+{
+    fs->createFolder(path("disk"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/brick"), "bytes", true), -1);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    const auto calls = callsOf([&] {
+        const P<IIOStream> stream = other->openStream(path("disk/brick"), IIOStream::AccessRead, IIOStream::OptionNone);
+        EXPECT_EQ(stream->getSize(), 5);
+    });
+    EXPECT_EQ(calls.reads, 1);
+    EXPECT_EQ(calls.total(), 1);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFolderWhoseMarkerWasRemovedBehindItsBackTakesStoresAndExistsThroughThem)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    objects->removeBehindTheBack(object("disk/bricks/"));
+    EXPECT_EQ(store(*fs, path("disk/bricks/b00.brick"), "brick", true), -1);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    EXPECT_TRUE(other->folderExists(path("disk/bricks")));
+    EXPECT_EQ(names(other->listFolder(path("disk/bricks"))), std::vector<std::string>{"b00.brick"});
+    EXPECT_EQ(names(other->listFolder(path("disk"))), std::vector<std::string>{"bricks"});
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFolderAnotherFileSystemCreatesInAFolderFoundThereIsInTheWayOfAFile)
+{
+    fs->createFolder(path("disk"), folderMode);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    ASSERT_TRUE(other->folderExists(path("disk")));
+    ASSERT_FALSE(other->pathExists(path("disk/name")));
+    fs->createFolder(path("disk/name"), folderMode);
+    EXPECT_EQ(store(*other, path("disk/name"), "x", true), CFileSystemError::IsAFolder);
+    EXPECT_TRUE(other->pathExists(path("disk/name")));
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFileDeletedAndReplacedByAFolderHereIsAFolder)
+{
+    fs->createFolder(path("disk"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/name"), "x", true), -1);
+    fs->deleteFile(path("disk/name"), false);
+    EXPECT_EQ(createFolderAsync(*fs, path("disk/name")), -1);
+    EXPECT_EQ(store(*fs, path("disk/name"), "x", false), CFileSystemError::AlreadyExists);
+    EXPECT_TRUE(fs->folderExists(path("disk/name")));
+    EXPECT_FALSE(objects->holds(object("disk/name")));
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFolderFoundWithoutMarkerIsOneForEveryQueryAboutFolders)
+{
+    objects->beginPut(object("copied/bricks/b00.brick"), "brick", false, [](const CError*) {});
+    EXPECT_TRUE(fs->folderExists(path("copied/bricks")));
+    EXPECT_EQ(store(*fs, path("copied/bricks/b01.brick"), "brick", true), -1);
+    EXPECT_EQ(names(fs->listFolder(path("copied/bricks"))), (std::vector<std::string>{"b00.brick", "b01.brick"}));
+}
+
+} // namespace
