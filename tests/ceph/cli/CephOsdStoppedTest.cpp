@@ -102,6 +102,22 @@ protected:
         return result;
     }
 
+    // Runs `check` (no password, the disk's read lock, every object read)
+    // until it works, for at most 90 seconds.
+    void waitUntilUsable(const std::string& folder) const
+    {
+        std::vector<std::string> args = cephArgs;
+        args.insert(args.end(), {"check", folder});
+        RunResult last;
+        for (int attempt = 0; attempt < 30; ++attempt) {
+            last = clitest::run(args);
+            if (last.exitStatus == 0)
+                return;
+            std::this_thread::sleep_for(std::chrono::seconds(3));
+        }
+        ADD_FAILURE() << "the disk did not become usable again: " << last.err << last.out;
+    }
+
     static constexpr int timeoutSeconds = 5;
     const std::vector<std::string> cephArgs{"--ceph-timeout", std::to_string(timeoutSeconds), "--ceph-lock-lease", "2"};
     COwnCephCluster cluster;
@@ -142,7 +158,9 @@ TEST_F(CephOsdStoppedTest, ImportWithTheOsdStoppedEndsWithinTheTimeOutAndLeavesE
     // try to create their folder, and the lock's renewal under way.
     EXPECT_LT(seconds, 5 * timeoutSeconds) << result.err;
 
-    std::this_thread::sleep_for(std::chrono::seconds(3)); // the lock's lease
+    // The monitor may have marked the paused OSD down, and the import's lock
+    // runs out with its lease: the disk is usable again once both are over.
+    waitUntilUsable(disk);
     runOk({"check", disk, "--read-data"});
     runOk({"check", snapshot, "--read-data"});
     runOk({"export", snapshot, path("snapshot.img")});
