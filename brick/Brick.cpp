@@ -82,6 +82,13 @@ int CBrick::readLaxInsideBrick(void* dst, int size)
     return n;
 }
 
+bool CBrick::isStored()
+{
+    if (!m_payloadLoaded)
+        loadBrickPayload();
+    return m_payloadStored;
+}
+
 int CBrick::writeLaxInsideBrick(const void* src, int size)
 {
     if (m_positionInBrick == 0 && size == m_header.getBrickSize()) {
@@ -89,6 +96,7 @@ int CBrick::writeLaxInsideBrick(const void* src, int size)
         if (size > 0)
             std::memcpy(m_payload.getData(), src, static_cast<size_t>(size));
         m_payloadLoaded = true;
+        m_payloadStored = true;
         m_positionInBrick += size;
         if (size > 0)
             m_payloadDirty = true;
@@ -153,7 +161,8 @@ String CBrick::getTreeEntryName(const CBrickDiskHeader& header, int level, int d
 void CBrick::loadBrickPayload()
 {
     try {
-        if (!loadFromStorer() && !loadFromSearchFolders())
+        m_payloadStored = loadFromStorer() || loadFromSearchFolders();
+        if (!m_payloadStored)
             fillPayloadWithZeros();
     } catch (const std::exception& e) {
         zo::logError(e,
@@ -229,7 +238,9 @@ P<zo::CMemPoolBuffer> CBrick::readBrickFile(const CURI& folder)
         buffer->setUsed(stream->readLax(buffer->getData(), static_cast<int>(m_maxPreparedSize)));
         return buffer;
     } catch (const CFileSystemError& e) {
-        if (e.getProblem() == CFileSystemError::NotFound)
+        // NotAFolder: a file stands where a folder of the path belongs, so
+        // no brick file can be there either.
+        if (e.getProblem() == CFileSystemError::NotFound || e.getProblem() == CFileSystemError::NotAFolder)
             return P<zo::CMemPoolBuffer>();
         throw;
     }

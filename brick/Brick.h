@@ -52,6 +52,11 @@ public:
     // brick's end; returns the count. A whole brick written at position 0 is
     // taken without loading the old one.
     int writeLaxInsideBrick(const void* src, int size);
+    // Loads the current brick unless it is loaded, and tells whether a disk
+    // of the chain stores it: a file of it in a search folder, a save of it
+    // under way, or a whole brick written here. False when it reads as zeros
+    // for want of one. Throws when the brick cannot be loaded.
+    bool isStored();
     int64 getBrickIndex() const { return m_brickIndex; }
     int getPositionInBrick() const { return static_cast<int>(m_positionInBrick); }
 
@@ -114,6 +119,7 @@ private:
     int64 m_brickIndex = 0;
     bool m_payloadDirty = false;
     bool m_payloadLoaded = false;
+    bool m_payloadStored = false; // the loaded payload came from a file or a save
     P<CBrickDataPreparer> m_preparer;
     P<zo::CMemPool> m_bufferPool;
     TBuffer<uint8> m_payload;

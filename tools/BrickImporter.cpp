@@ -9,8 +9,8 @@
 
 namespace cli {
 
-CBrickImporter::CBrickImporter(zo::IFileSystem* fs, brick::CBrickDisk& disk, int jobs)
-    : m_fs(fs), m_disk(disk), m_chain(fs, disk.getDiskFolder()), m_brickSize(static_cast<int>(disk.getBrickSize())),
+CBrickImporter::CBrickImporter(brick::CBrickDisk& disk, int jobs)
+    : m_disk(disk), m_brickSize(static_cast<int>(disk.getBrickSize())),
       m_diskSize(disk.getSize()),
       m_hasParents(!disk.getParentDiskFolders().empty()), m_window(2 * std::max(1, jobs) + 2)
 {
@@ -66,40 +66,39 @@ void CBrickImporter::workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P
     }
 }
 
-bool CBrickImporter::isStoredInChain(zo::int64 index) const
-{
-    return !m_chain.locateBrick(m_fs.get(), index).isEmpty();
-}
-
 void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, brick::CBrick& brick,
                             zo::TBuffer<zo::uint8>& current) const
 {
     // What the disk holds now. A brick that no disk of the chain has a file
-    // for reads as zeros without being read; a brick that cannot be read (a
-    // damaged file) counts as different, so that the import replaces it.
+    // for reads as zeros; a brick whose file cannot be decoded (a damaged
+    // file) counts as different, so that the import replaces it, while a
+    // file system that fails to answer ends the import. Loading the brick
+    // tells all at once: one look per brick, which on an object store that
+    // has listed the brick's folder costs nothing for a missing brick.
     enum { Absent, Read, Unreadable } state = Absent;
     current.setUsed(0);
-    const bool stored = isStoredInChain(task.index);
+    brick.seek(task.index, 0);
+    try {
+        if (brick.isStored()) {
+            state = Read;
+            current.setUsed(m_brickSize);
+            current.setUsed(brick.readLaxInsideBrick(current.getData(), m_brickSize));
+        }
+    } catch (const zo::CFileSystemError&) {
+        throw;
+    } catch (const zo::CError&) {
+        state = Unreadable;
+        current.setUsed(0);
+    }
     if (task.hole) {
         // A hole of the image where no disk of the chain holds the brick.
-        if (!stored) {
+        if (state == Absent) {
             task.zero = true;
             task.outcome = Task::Unchanged;
             return;
         }
         task.plain.setUsed(m_brickSize);
         std::memset(task.plain.getData(), 0, static_cast<size_t>(m_brickSize));
-    }
-    if (stored) {
-        state = Read;
-        brick.seek(task.index, 0);
-        current.setUsed(m_brickSize);
-        try {
-            current.setUsed(brick.readLaxInsideBrick(current.getData(), m_brickSize));
-        } catch (const zo::CError&) {
-            state = Unreadable;
-            current.setUsed(0);
-        }
     }
 
     // Bytes of the brick beyond the image's end keep what the disk holds.

@@ -12,7 +12,6 @@
 
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
 
 #include <condition_variable>
 #include <deque>
@@ -36,9 +35,9 @@ public:
         zo::int64 storedBytes = 0;  // size of the brick files handed over
     };
 
-    // Starts `jobs` worker threads over `disk`, which must be open for writing
-    // through `fs`.
-    CBrickImporter(zo::IFileSystem* fs, brick::CBrickDisk& disk, int jobs);
+    // Starts `jobs` worker threads over `disk`, which must be open for
+    // writing.
+    CBrickImporter(brick::CBrickDisk& disk, int jobs);
     // Stops and joins the workers; never throws.
     ~CBrickImporter();
     CBrickImporter(const CBrickImporter&) = delete;
@@ -75,17 +74,12 @@ private:
     };
 
     void workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P<brick::CBrick> brick);
-    // True when the disk or one of its parents has a file for brick `index`.
-    bool isStoredInChain(zo::int64 index) const;
     void decide(Task& task, brick::CBrickDataPreparer& preparer, brick::CBrick& brick,
                 zo::TBuffer<zo::uint8>& current) const;
     std::unique_ptr<Task> waitForResult(zo::int64 index);
     void handOver(Task& task);
 
-    zo::P<zo::IFileSystem> m_fs;
     brick::CBrickDisk& m_disk;
-    // The disk and its ancestors, where the bricks it reads are stored.
-    const brick::CBrickDiskChain m_chain;
     const int m_brickSize;
     const zo::int64 m_diskSize;
     const bool m_hasParents;

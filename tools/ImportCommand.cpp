@@ -108,7 +108,7 @@ int runImport(const ImportOptions& options)
     CBrickImporter::Counts counts;
     {
         CProgressBar progress("import", source.getSize());
-        CBrickImporter importer(fs.get(), *disk, options.jobs);
+        CBrickImporter importer(*disk, options.jobs);
         try {
             importer.run(source, [&](zo::int64 done) {
                 throwIfInterrupted();

@@ -85,6 +85,11 @@ CObjectLeaseLock::~CObjectLeaseLock()
     } catch (const CError& e) {
         if (!isNotFound(e))
             onExceptionInDestructorIgnored("zo::CObjectLeaseLock", e, true);
+    } catch (const std::exception& e) {
+        onExceptionInDestructorIgnored("zo::CObjectLeaseLock", e, true);
+    } catch (...) {
+        // The lease ends the holder's object in any case.
+        logLine(LogLevel::Error, "zo::CObjectLeaseLock could not remove its holder object (unknown exception).");
     }
 }
 

@@ -18,6 +18,11 @@ TList<std::string> IObjectStore::listChildren(const std::string& container, cons
     return TList<std::string>(entries.begin(), entries.end());
 }
 
+std::optional<IObjectStore::Level> IObjectStore::listLevelInOneRequest(const std::string&, const std::string&)
+{
+    return std::nullopt;
+}
+
 void runSync(const std::function<void(IObjectStore::Done)>& call)
 {
     struct Outcome {

@@ -15,6 +15,7 @@
 
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace zo {
@@ -56,6 +57,18 @@ public:
     // key, each once, in no order; the marker `prefix` itself is left out.
     // This one filters list(); a store that can list one level asks for it.
     virtual TList<std::string> listChildren(const std::string& container, const std::string& prefix);
+    // One level below `prefix` (empty or ending in "/") as one request can
+    // tell it: the names of the objects there and of the folders (deeper
+    // keys) there, without the prefix; the marker `prefix` itself is left
+    // out, but `hasMarker` tells whether it exists.
+    struct Level {
+        std::set<std::string> files;
+        std::set<std::string> folders;
+        bool hasMarker = false;
+    };
+    // Nothing when the store cannot list one level in a single request, or
+    // the level does not fit in one; this default gives nothing.
+    virtual std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix);
     // Takes a lock named after the object `name` without waiting (Locked,
     // with the property "holder" where known, on a conflict). The lock lasts
     // until the returned object goes, or, when the holder dies, until its

@@ -194,7 +194,9 @@ bool CObjectStoreFileSystem::putFolderMarker(const ObjectName& name, const CURI&
 IObjectStore::Done CObjectStoreFileSystem::finishWritingFile(const ObjectName& name, IObjectStore::Done finish)
 {
     return [this, name, finish = std::move(finish)](const CError* error) {
-        if (!error)
+        if (error)
+            m_known->forgetListingOf(name); // the object may have been written all the same
+        else
             m_known->addFile(name);
         finish(error);
     };
@@ -202,7 +204,24 @@ IObjectStore::Done CObjectStoreFileSystem::finishWritingFile(const ObjectName& n
 
 void CObjectStoreFileSystem::removeSync(const ObjectName& name)
 {
+    m_known->forgetFile(name);
     runSync([&](IObjectStore::Done done) { m_store->beginRemove(name, std::move(done)); });
+}
+
+bool CObjectStoreFileSystem::isFolderWhereAFileIsMissing(const ObjectName& name)
+{
+    const ObjectName folder{name.container, parentKey(name.key)};
+    if (!m_known->isListed(folder)) {
+        try {
+            if (const auto level = m_store->listLevelInOneRequest(folder.container, folder.key.empty() ? "" : folder.key + "/"))
+                m_known->addListing(folder, level->files, level->folders, level->hasMarker);
+        } catch (const CFileSystemError&) {
+            // Not allowed to list, say: the folder marker answers below.
+        }
+    }
+    if (m_known->isListed(folder))
+        return m_known->isFolder(name);
+    return isFolder(name, false);
 }
 
 P<IFileSystemOp> CObjectStoreFileSystem::beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
@@ -243,9 +262,13 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginMoveFile(const CURI& from, const C
             throw pathError(CFileSystemError::NotFound, "The file to move does not exist.", from);
         checkParentFolder(target, to);
         checkNotAFolder(target, to, overwrite);
-        runSync([&](IObjectStore::Done done) { m_store->beginCopy(source, target, !overwrite, std::move(done)); });
-        m_known->addFile(target);
-        m_store->beginRemove(source, finish);
+        runSync([&](IObjectStore::Done done) {
+            m_store->beginCopy(source, target, !overwrite, finishWritingFile(target, std::move(done)));
+        });
+        m_store->beginRemove(source, [this, source, finish](const CError* error) {
+            m_known->forgetFile(source);
+            finish(error);
+        });
     });
 }
 
@@ -265,7 +288,8 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginDeleteFile(const CURI& file, IDone
 {
     const ObjectName name = toObjectName(file);
     return startOperation(listener, [this, name](const auto& finish) {
-        m_store->beginRemove(name, [finish](const CError* error) {
+        m_store->beginRemove(name, [this, name, finish](const CError* error) {
+            m_known->forgetFile(name);
             finish(hasProblem(error, CFileSystemError::NotFound) ? nullptr : error);
         });
     });
@@ -301,12 +325,16 @@ P<IIOStream> CObjectStoreFileSystem::openStream(const CURI& file, IIOStream::Acc
             throw folderError();
         runSync([&](IObjectStore::Done done) { m_store->beginPut(name, std::string(), false, std::move(done)); });
     } else {
-        // The object itself first: a file, the usual case, costs one read;
-        // only a missing one is looked at as a folder.
+        // A file missing from its folder's listing costs nothing. Otherwise
+        // the object itself first: a file, the usual case, costs one read;
+        // only a missing one is looked at as a folder, by listing its folder
+        // (once) where the store can.
+        if (isInMissingFolder(name) || m_known->isListedAsMissing(name))
+            throw pathError(CFileSystemError::NotFound, "The file does not exist.", file);
         try {
             bytes = m_store->read(name);
         } catch (const CFileSystemError& e) {
-            if (e.getProblem() == CFileSystemError::NotFound && isFolder(name, false))
+            if (e.getProblem() == CFileSystemError::NotFound && isFolderWhereAFileIsMissing(name))
                 throw folderError();
             throw;
         }

@@ -74,7 +74,12 @@ public:
 
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
     // A CObjectStream: a reader gets the object's bytes as they were at the
-    // open; a writer's writes go to the object at once.
+    // open; a writer's writes go to the object at once. Opening a file to
+    // read that a listing of its folder, taken here since this file system
+    // last forgot it, did not show (and that this file system has not
+    // written since) fails with NotFound without asking the store: a file
+    // another program stored since is not seen. fileExists, getFileInfo and
+    // pathExists always ask the store for a file they do not know.
     P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override;
     // `mode` is ignored.
     void createFolder(const CURI& folder, int mode) override;
@@ -112,6 +117,11 @@ private:
     // succeeded.
     IObjectStore::Done finishWritingFile(const ObjectName& name, IObjectStore::Done finish);
     void removeSync(const ObjectName& name);
+    // After a read found no object at `name`: true when `name` is a folder.
+    // Lists the folder of `name` in one request where the store can, and
+    // remembers it, so that its other missing files cost nothing to open;
+    // else looks for the folder marker of `name`.
+    bool isFolderWhereAFileIsMissing(const ObjectName& name);
 
     P<IObjectStore> m_store;
     String m_scheme;

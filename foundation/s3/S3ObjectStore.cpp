@@ -320,6 +320,34 @@ TList<std::string> CS3ObjectStore::listChildren(const std::string& container, co
     return names;
 }
 
+std::optional<IObjectStore::Level> CS3ObjectStore::listLevelInOneRequest(const std::string& container,
+                                                                        const std::string& prefix)
+{
+    checkBucket(container);
+    const int pageSize = std::max(1, std::min(1000, m_client.getOptions().listPageSize));
+    S3Request request = requestFor("GET", ObjectName{container, std::string()});
+    request.query = {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", std::to_string(pageSize)}, {"delimiter", "/"}};
+    const S3Response response = m_client.perform(std::move(request));
+    if (response.status != 200)
+        throw makeS3Error(response, "list", ObjectName{container, prefix});
+    const std::vector<std::string> truncated = xmlElements(response.body, "IsTruncated");
+    if (!truncated.empty() && truncated.front() == "true")
+        return std::nullopt;
+    Level level;
+    for (const std::string& key : xmlElements(response.body, "Key")) {
+        if (key.size() > prefix.size())
+            level.files.insert(key.substr(prefix.size()));
+        else if (key == prefix)
+            level.hasMarker = true;
+    }
+    // The request's own prefix comes back as a Prefix element too.
+    for (const std::string& folder : xmlElements(response.body, "Prefix")) {
+        if (folder.size() > prefix.size() + 1)
+            level.folders.insert(folder.substr(prefix.size(), folder.size() - prefix.size() - 1));
+    }
+    return level;
+}
+
 P<IFileSystemLock> CS3ObjectStore::lock(const ObjectName& name, bool exclusive)
 {
     return P<IFileSystemLock>(

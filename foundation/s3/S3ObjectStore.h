@@ -35,6 +35,8 @@ public:
     TList<std::string> list(const std::string& container, const std::string& prefix, int limit) override;
     // One ListObjectsV2 listing with the delimiter "/".
     TList<std::string> listChildren(const std::string& container, const std::string& prefix) override;
+    // One page of that listing; nothing when the level is longer than a page.
+    std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix) override;
     // A CObjectLeaseLock with the options' lease.
     P<IFileSystemLock> lock(const ObjectName& name, bool exclusive) override;
 

@@ -313,6 +313,37 @@ TEST_F(BrickTest, ReadsABrickFoundOnlyInAParentFolderFromThere)
                                                "fileExists " + brickFile("/disk", 4)}));
 }
 
+TEST_F(BrickTest, TellsWhetherAnyFolderStoresTheBrickWithTheOneLoad)
+{
+    storeBrick("/parent", 4, testsupport::patternBytes(kBrickSize, 18));
+    const P<CBrick> object = makeBrick("/disk", "", {"/parent"});
+    fs->resetCounters();
+
+    object->seek(3, 0);
+    EXPECT_FALSE(object->isStored());
+    object->seek(4, 0);
+    EXPECT_TRUE(object->isStored());
+    const int looks = fs->getOperationCount(Op::OpenStream);
+    EXPECT_TRUE(sameBytes(readWhole(*object, 4), testsupport::patternBytes(kBrickSize, 18)));
+    EXPECT_EQ(fs->getOperationCount(Op::OpenStream), looks) << "the read uses what isStored loaded";
+    writeAt(*object, 3, 0, testsupport::patternBytes(kBrickSize, 19));
+    EXPECT_TRUE(object->isStored()) << "a whole brick written here";
+}
+
+TEST_F(BrickTest, IsStoredThrowsForADamagedBrickFile)
+{
+    storeBrick("/disk", 5, testsupport::patternBytes(kBrickSize, 24));
+    const CURI file(brickFile("/disk", 5).c_str());
+    Bytes damaged(*fs->getFileData(file));
+    damaged[damaged.getUsed() / 2] ^= 0x40;
+    fs->setFileData(file, damaged);
+    const P<CBrick> object = makeBrick("/disk");
+    LogCapture logCapture;
+
+    object->seek(5, 0);
+    EXPECT_THROW(object->isStored(), zo::CError);
+}
+
 TEST_F(BrickTest, SearchesTheParentFoldersInTheirOrder)
 {
     const Bytes nearer = testsupport::patternBytes(kBrickSize, 18);

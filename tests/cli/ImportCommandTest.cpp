@@ -214,6 +214,21 @@ TEST_F(ImportCommandTest, FailedBrickStoreFailsTheImportNamingTheBrick)
         << check.out;
 }
 
+TEST_F(ImportCommandTest, ABrickTheFileSystemCannotReadEndsTheImportInsteadOfBeingReplaced)
+{
+    createDisk("disk", "1M");
+    // A folder where brick 0's file belongs: reading it fails in the file
+    // system, which is no damaged brick to replace.
+    const std::string brick = path("disk/bricks/d00/c00/b00/a00/00.brick");
+    std::filesystem::create_directories(brick);
+    writeFile(path("image"), std::string(2 * kBrickSize, 's'));
+
+    const RunResult result = runWithPassword({"import", path("disk"), path("image")});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.err, "brickdisk: open failed: Is a directory. (path: " + brick + ", action: open)\n");
+    EXPECT_TRUE(std::filesystem::is_directory(brick));
+}
+
 TEST_F(ImportCommandTest, RunAgainAfterBeingKilledPartWayItCompletes)
 {
     createDisk("disk", "8M");

@@ -135,6 +135,33 @@ zo::TList<std::string> CMemoryObjectStore::list(const std::string& container, co
     return keys;
 }
 
+std::optional<zo::IObjectStore::Level> CMemoryObjectStore::listLevelInOneRequest(const std::string& container,
+                                                                                 const std::string& prefix)
+{
+    std::lock_guard lock(m_mutex);
+    if (m_levelPageSize <= 0)
+        return std::nullopt;
+    ++m_counts.lists;
+    Level level;
+    for (const auto& [key, bytes] : m_objects) {
+        if (key.first != container || key.second.compare(0, prefix.size(), prefix) != 0)
+            continue;
+        if (key.second.size() == prefix.size()) {
+            level.hasMarker = true;
+            continue;
+        }
+        const std::string rest = key.second.substr(prefix.size());
+        const size_t slash = rest.find('/');
+        if (slash == std::string::npos)
+            level.files.insert(rest);
+        else
+            level.folders.insert(rest.substr(0, slash));
+        if (static_cast<int>(level.files.size() + level.folders.size()) > m_levelPageSize)
+            return std::nullopt;
+    }
+    return level;
+}
+
 zo::P<zo::IFileSystemLock> CMemoryObjectStore::lock(const ObjectName& name, bool exclusive)
 {
     std::lock_guard lock(m_mutex);
@@ -173,6 +200,18 @@ void CMemoryObjectStore::removeBehindTheBack(const ObjectName& name)
 {
     std::lock_guard lock(m_mutex);
     m_objects.erase({name.container, name.key});
+}
+
+void CMemoryObjectStore::putBehindTheBack(const ObjectName& name, const std::string& bytes)
+{
+    std::lock_guard lock(m_mutex);
+    m_objects[{name.container, name.key}] = bytes;
+}
+
+void CMemoryObjectStore::setLevelPageSize(int names)
+{
+    std::lock_guard lock(m_mutex);
+    m_levelPageSize = names;
 }
 
 } // namespace testsupport

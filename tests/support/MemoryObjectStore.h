@@ -38,6 +38,9 @@ public:
     void write(const zo::ObjectName& name, zo::int64 offset, const void* bytes, int size) override;
     void truncate(const zo::ObjectName& name, zo::int64 length) override;
     zo::TList<std::string> list(const std::string& container, const std::string& prefix, int limit) override;
+    // A level of up to the page size's names (setLevelPageSize), counted as
+    // a list.
+    std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix) override;
     // A lock that lives as long as the returned object (no lease).
     zo::P<zo::IFileSystemLock> lock(const zo::ObjectName& name, bool exclusive) override;
 
@@ -46,6 +49,11 @@ public:
     bool holds(const zo::ObjectName& name) const;
     // Removes an object as another program would, uncounted.
     void removeBehindTheBack(const zo::ObjectName& name);
+    // Stores an object as another program would, uncounted.
+    void putBehindTheBack(const zo::ObjectName& name, const std::string& bytes);
+    // The most names that listLevelInOneRequest lists (1000 at first); 0
+    // makes it list nothing, as a store that cannot list a level.
+    void setLevelPageSize(int names);
 
 private:
     class CLock;
@@ -61,6 +69,7 @@ private:
     std::map<Key, std::string> m_objects;
     std::map<Key, LockState> m_locks;
     Counts m_counts;
+    int m_levelPageSize = 1000;
 };
 
 } // namespace testsupport

@@ -219,4 +219,148 @@ TEST_F(ObjectStoreFileSystemTest, AFolderFoundWithoutMarkerIsOneForEveryQueryAbo
     EXPECT_EQ(names(fs->listFolder(path("copied/bricks"))), (std::vector<std::string>{"b00.brick", "b01.brick"}));
 }
 
+// The problem of opening `file` to read; -1 when it opens.
+int openToRead(CObjectStoreFileSystem& fs, const CURI& file)
+{
+    try {
+        fs.openStream(file, IIOStream::AccessRead, IIOStream::OptionNone);
+        return -1;
+    } catch (const CFileSystemError& e) {
+        return e.getProblem();
+    }
+}
+
+TEST_F(ObjectStoreFileSystemTest, MissingFilesOfAFolderCostTheFirstReadAndOneListingThenNothing)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/bricks/b01.brick"), "brick", true), -1);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    const auto first = callsOf([&] { EXPECT_EQ(openToRead(*other, path("disk/bricks/b00.brick")), CFileSystemError::NotFound); });
+    EXPECT_EQ(first.reads, 1);
+    EXPECT_EQ(first.lists, 1);
+    EXPECT_EQ(first.total(), 2);
+    const auto later = callsOf([&] {
+        for (const char* missing : {"disk/bricks/b00.brick", "disk/bricks/b02.brick", "disk/bricks/b03.brick"})
+            EXPECT_EQ(openToRead(*other, path(missing)), CFileSystemError::NotFound);
+    });
+    EXPECT_EQ(later.total(), 0);
+    const auto found = callsOf([&] { EXPECT_EQ(openToRead(*other, path("disk/bricks/b01.brick")), -1); });
+    EXPECT_EQ(found.reads, 1);
+    EXPECT_EQ(found.total(), 1);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AMissingFileInAFolderItCreatedCostsNothingToOpen)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), CFileSystemError::NotFound); });
+    EXPECT_EQ(calls.total(), 0);
+    ASSERT_EQ(store(*fs, path("disk/bricks/b00.brick"), "brick", true), -1);
+    EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), -1);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFileCopiedOrMovedHereIntoAListedFolderOpens)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    fs->createFolder(path("child/bricks"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/bricks/b00.brick"), "brick", true), -1);
+    P<COutcome> copied(new COutcome());
+    ASSERT_TRUE(fs->beginCopyFile(path("disk/bricks/b00.brick"), path("child/bricks/b00.brick"), false, copied.get())
+                    ->waitDone(waitMillis));
+    ASSERT_EQ(copied->problem(), -1);
+    P<COutcome> moved(new COutcome());
+    ASSERT_TRUE(fs->beginMoveFile(path("disk/bricks/b00.brick"), path("child/bricks/b01.brick"), false, moved.get())
+                    ->waitDone(waitMillis));
+    ASSERT_EQ(moved->problem(), -1);
+    EXPECT_EQ(openToRead(*fs, path("child/bricks/b00.brick")), -1);
+    EXPECT_EQ(openToRead(*fs, path("child/bricks/b01.brick")), -1);
+    EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), CFileSystemError::NotFound);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFileAnotherProgramStoresAfterTheListingIsFoundByAskingWhetherItExists)
+{
+    // A snapshot's reader looks at its own folder again after it read a
+    // brick from the parent: that second look must see what the parent's
+    // writer put into the snapshot meanwhile.
+    fs->createFolder(path("disk/bricks"), folderMode);
+    ASSERT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), CFileSystemError::NotFound);
+    objects->putBehindTheBack(object("disk/bricks/b00.brick"), "old brick");
+    EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), CFileSystemError::NotFound);
+    EXPECT_TRUE(fs->fileExists(path("disk/bricks/b00.brick")));
+    EXPECT_TRUE(fs->getFileInfo(path("disk/bricks/b00.brick"), true)->exists());
+    EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), -1);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFolderInTheListingIsAFolderWhenOpenedAsAFile)
+{
+    objects->putBehindTheBack(object("disk/bricks/"), "");
+    objects->putBehindTheBack(object("disk/other/b00.brick"), "brick");
+    EXPECT_EQ(openToRead(*fs, path("disk/missing")), CFileSystemError::NotFound);
+    const auto calls = callsOf([&] {
+        EXPECT_EQ(openToRead(*fs, path("disk/bricks")), CFileSystemError::IsAFolder);
+        EXPECT_EQ(openToRead(*fs, path("disk/other")), CFileSystemError::IsAFolder);
+    });
+    EXPECT_EQ(calls.stats, 0);
+    EXPECT_EQ(calls.lists, 0);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFolderLongerThanOneListingLooksForAMarkerAtEachMissingFile)
+{
+    objects->setLevelPageSize(2);
+    for (const char* key : {"disk/b00.brick", "disk/b01.brick", "disk/b02.brick"})
+        objects->putBehindTheBack(object(key), "brick");
+    for (int round = 0; round < 2; ++round) {
+        const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b03.brick")), CFileSystemError::NotFound); });
+        EXPECT_EQ(calls.reads, 1);
+        EXPECT_EQ(calls.stats, 1) << "the marker of disk/b03.brick/";
+    }
+}
+
+TEST_F(ObjectStoreFileSystemTest, AStoreWithoutLevelListingsLooksForAMarkerAtEachMissingFile)
+{
+    objects->setLevelPageSize(0);
+    objects->putBehindTheBack(object("disk/b00.brick"), "brick");
+    for (int round = 0; round < 2; ++round) {
+        const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b01.brick")), CFileSystemError::NotFound); });
+        EXPECT_EQ(calls.reads, 1);
+        EXPECT_EQ(calls.stats, 1);
+        EXPECT_EQ(calls.lists, 0);
+    }
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFileDeletedHereIsMissingAgain)
+{
+    fs->createFolder(path("disk"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/brick"), "x", true), -1);
+    fs->deleteFile(path("disk/brick"), false);
+    const auto calls = callsOf([&] {
+        EXPECT_EQ(openToRead(*fs, path("disk/brick")), CFileSystemError::NotFound);
+        EXPECT_FALSE(fs->fileExists(path("disk/brick")));
+    });
+    EXPECT_EQ(calls.reads, 0);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFolderThatAMissingFileWasLookedForInIsNotTakenForAFolderByItsEmptyListing)
+{
+    fs->createFolder(path("disk"), folderMode);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    EXPECT_EQ(openToRead(*other, path("disk/bricks/b00.brick")), CFileSystemError::NotFound);
+    EXPECT_FALSE(other->folderExists(path("disk/bricks")));
+    EXPECT_EQ(store(*other, path("disk/bricks/b00.brick"), "brick", true), CFileSystemError::NotFound);
+    other->createFolder(path("disk/bricks"), folderMode);
+    EXPECT_TRUE(objects->holds(object("disk/bricks/")));
+    const auto calls = callsOf([&] { EXPECT_EQ(store(*other, path("disk/bricks/b00.brick"), "brick", true), -1); });
+    EXPECT_EQ(calls.total(), 1);
+}
+
+TEST_F(ObjectStoreFileSystemTest, StoringAFileMissingFromAListedFolderCostsTheWriteAlone)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    EXPECT_EQ(openToRead(*other, path("disk/bricks/b00.brick")), CFileSystemError::NotFound);
+    const auto calls = callsOf([&] { EXPECT_EQ(store(*other, path("disk/bricks/b01.brick"), "brick", true), -1); });
+    EXPECT_EQ(calls.puts, 1);
+    EXPECT_EQ(calls.total(), 1);
+    EXPECT_EQ(openToRead(*other, path("disk/bricks/b01.brick")), -1);
+}
+
 } // namespace
