@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -111,6 +112,35 @@ TEST_F(BrickDiskLockTest, OtherFailuresOfTheFileSystemPassThrough)
     const auto error = testsupport::errorOf<zo::CFileSystemError>([&] { lock("/disk", CBrickDiskLock::ForReading); });
     ASSERT_TRUE(error);
     EXPECT_EQ(error->getProblem(), zo::CFileSystemError::AccessDenied);
+}
+
+// Overwrites a copy of the disk's child link with bytes that are no link.
+void damageChildLinkCopy(zo::CMemoryFileSystem& fs, const char* file)
+{
+    zo::TBuffer<zo::uint8> garbage(16);
+    garbage.setUsed(16);
+    std::memset(garbage.getData(), 0x5a, 16);
+    ASSERT_TRUE(fs.getFileData(CURI(file)));
+    fs.setFileData(CURI(file), garbage);
+}
+
+TEST_F(BrickDiskLockTest, AWriterStillLocksTheChildWhenOnlyOneCopyOfTheChildLinkIsDamaged)
+{
+    damageChildLinkCopy(*fs, "/disk/child.bricklnk");
+    const P<CBrickDiskLock> writer = lock("/disk", CBrickDiskLock::ForWriting);
+    EXPECT_TRUE(writer->isHeld());
+    EXPECT_THROW(lock("/snapshot", CBrickDiskLock::ForWriting), CBrickDiskError);
+}
+
+TEST_F(BrickDiskLockTest, AWriterWhoseChildLinkCannotBeReadFailsAndKeepsNoLock)
+{
+    // Without the link the writer cannot keep the snapshot's writers out, so
+    // it must not write at all.
+    damageChildLinkCopy(*fs, "/disk/child.bricklnk");
+    damageChildLinkCopy(*fs, "/disk/fallback/child.bricklnk");
+    EXPECT_THROW(lock("/disk", CBrickDiskLock::ForWriting), zo::CError);
+    EXPECT_TRUE(lock("/disk", CBrickDiskLock::ForReading)->isHeld());
+    EXPECT_TRUE(lock("/snapshot", CBrickDiskLock::ForWriting)->isHeld());
 }
 
 TEST(BrickDiskLockLocal, WritingRemovesTheLeftoversOfInterruptedStoresInTheDiskAndItsChild)
