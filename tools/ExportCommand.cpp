@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -34,7 +35,7 @@ namespace {
 struct ExportOptions {
     std::string disk;
     std::string image;
-    int jobs = defaultJobCount();
+    std::optional<int> jobs; // when not given: defaultReadAheadJobs
     bool quiet = false;
     bool forceShare = false;
     bool force = false;
@@ -132,12 +133,21 @@ void printJsonSummary(std::FILE* out, const ExportOptions& options, const zo::CU
     std::fflush(out);
 }
 
+// Read-ahead threads mostly wait for the network on an object store, so
+// there more of them than processors keep it busy.
+int defaultReadAheadJobs(const zo::CURI& folder)
+{
+    constexpr int remoteJobs = 8;
+    return isLocalFolder(folder) ? defaultJobCount() : std::max(defaultJobCount(), remoteJobs);
+}
+
 int runExport(const ExportOptions& options)
 {
-    if (options.jobs < 1)
+    if (options.jobs && *options.jobs < 1)
         throw UsageError("--jobs must be at least 1");
     const auto start = std::chrono::steady_clock::now();
     const zo::CURI folder = diskFolderURI(options.disk);
+    const int jobs = options.jobs ? *options.jobs : defaultReadAheadJobs(folder);
     const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     loadDiskHeader(fs.get(), folder);
     const zo::P<brick::CBrickDiskLock> lock =
@@ -147,7 +157,7 @@ int runExport(const ExportOptions& options)
     CImageSink sink(options.image, disk->getHeader().getDiskSize(), options.force);
     ExportCounts counts;
     try {
-        counts = copyDisk(fs.get(), *disk, sink, options.jobs, options.skipDamaged);
+        counts = copyDisk(fs.get(), *disk, sink, jobs, options.skipDamaged);
     } catch (...) {
         sink.discard();
         throw;
@@ -177,8 +187,9 @@ CommandAction addExportCommand(CLI::App& program)
     command->add_flag("--force", options->force, "Replace an image file that exists and is not empty");
     command->add_flag("--skip-damaged", options->skipDamaged,
                       "Write a brick that cannot be read as zeros, list it, and go on (the exit status is still 1)");
-    command->add_option("-j,--jobs", options->jobs, "Threads that read and decode bricks ahead")
-        ->capture_default_str();
+    command->add_option("-j,--jobs", options->jobs,
+                        "Threads that read and decode bricks ahead (default: one per processor; at least 8 for "
+                        "rados:// and s3:// disks, whose reads mostly wait for the network)");
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");
     command->add_flag("--json", options->json,
                       "Print the summary as one JSON document instead of text (on standard error when the image "
