@@ -148,6 +148,9 @@ osd_memory_target = 1073741824
 rgw_data = $dir/rgw
 log_file = $dir/log/\$cluster-\$name.log
 rgw_frontends = beast endpoint=127.0.0.1:$rgw_port
+# Buckets in the host name (virtual-host addressing) as BUCKET.localhost,
+# which curl resolves to 127.0.0.1 by itself.
+rgw_dns_name = localhost
 EOF
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
+#include <string>
 #include <vector>
 
 using namespace zo;
@@ -49,6 +50,15 @@ P<COutcome> beginStore(IFileSystem& fs, const CURI& file, const std::string& con
     P<COutcome> outcome(new COutcome());
     fs.beginStoreFile(file, static_cast<int>(content.size()), source.get(), overwrite, outcome.get());
     return outcome;
+}
+
+std::string readAll(IFileSystem& fs, const CURI& file)
+{
+    const P<IIOStream> stream = fs.openStream(file, IIOStream::AccessRead, IIOStream::OptionNone);
+    std::string bytes(static_cast<size_t>(stream->getSize()), '\0');
+    if (!bytes.empty())
+        bytes.resize(static_cast<size_t>(stream->readLax(bytes.data(), static_cast<int>(bytes.size()))));
+    return bytes;
 }
 
 class S3ServiceTest : public ::testing::Test {
@@ -93,6 +103,32 @@ TEST_F(S3ServiceTest, ListingMoreThanOneAnswerHoldsFollowsTheContinuation)
 
     options.listPageSize = 7;
     EXPECT_EQ(makeFileSystem(options)->listFolder(folder).size(), 1100u);
+}
+
+TEST_F(S3ServiceTest, VirtualHostAddressingPutsTheBucketInTheHostNameAndReachesTheSameObjects)
+{
+    // The test service answers BUCKET.localhost (curl resolves any
+    // *.localhost to this machine).
+    S3Options options = testsupport::s3TestOptions();
+    const size_t host = options.endpoint.find("127.0.0.1");
+    ASSERT_NE(host, std::string::npos) << options.endpoint;
+    options.endpoint.replace(host, std::string("127.0.0.1").size(), "localhost");
+    options.virtualHostStyle = true;
+    const P<CS3FileSystem> virtualHost = makeFileSystem(options);
+    const P<CS3FileSystem> pathStyle = makeFileSystem(testsupport::s3TestOptions());
+
+    virtualHost->createFolder(folder, 0);
+    beginStore(*virtualHost, folder << String::fromUTF8("a b+c"), "by the host name", false)->check();
+    EXPECT_EQ(readAll(*pathStyle, folder << String::fromUTF8("a b+c")), "by the host name");
+    beginStore(*pathStyle, folder << String::fromUTF8("second"), "by the path", false)->check();
+    // Another program, as the first one remembers its folder's files.
+    const P<CS3FileSystem> otherVirtualHost = makeFileSystem(options);
+    EXPECT_EQ(readAll(*otherVirtualHost, folder << String::fromUTF8("second")), "by the path");
+    const TList<String> names = otherVirtualHost->listFolder(folder);
+    std::vector<std::string> listed;
+    for (const String& name : names)
+        listed.push_back(name.toUTF8());
+    EXPECT_EQ(listed, (std::vector<std::string>{"a b+c", "second"}));
 }
 
 TEST_F(S3ServiceTest, AMissingBucketIsNamedAsSuch)
