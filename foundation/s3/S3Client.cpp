@@ -465,8 +465,12 @@ std::string CS3Client::urlOf(const S3Request& request) const
     url += s3UriEncode(request.key, true);
     auto query = request.query;
     std::sort(query.begin(), query.end());
-    for (size_t i = 0; i < query.size(); ++i)
-        url += (i == 0 ? "?" : "&") + s3UriEncode(query[i].first, false) + "=" + s3UriEncode(query[i].second, false);
+    for (size_t i = 0; i < query.size(); ++i) {
+        url += i == 0 ? '?' : '&';
+        url += s3UriEncode(query[i].first, false);
+        url += '=';
+        url += s3UriEncode(query[i].second, false);
+    }
     return url;
 }
 
