@@ -114,3 +114,4 @@ row "brickdisk re-import, changed image" reimport
   "$(every qemu-zstd-read)"
 echo
 echo "Re-import: $(sed 's/^imported //' "$work/reimport.out")"
+echo "Quiet machine (1-minute load average at most 1.5) at the start: $quiet."
