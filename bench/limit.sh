@@ -15,7 +15,9 @@
 #      `borg create` (lz4, repokey) and qemu-img's read-back of a zstd qcow2
 #      when those tools are installed;
 #   4. prints the stage table and a Markdown table of each command's median
-#      and every round, its limit and its share of the limit (limit / median).
+#      and every round, its limit and its share of the limit (limit / median),
+#      and the processor seconds the command spent (median of the rounds,
+#      user and system) next to those the model gives it.
 #
 #   bench/limit.sh [WORK_FOLDER]
 #
@@ -64,6 +66,11 @@ cold=()
 "$stage_program" image.raw measured password stage-scratch --changed changed.raw "${cold[@]}" >stages.md
 echo "stages: load average after: $(load)"
 limit_of() { sed -n "s/^limit $1 //p" stages.md; }
+model_cpu_of() { sed -n "s/^cpu $1 //p" stages.md; }
+# cpu_timed NAME COMMAND...: timed, also noting the command's processor
+# seconds (user and system) in NAME.cpu, one line per round.
+cpu_timed() { timed "$1" /usr/bin/time -f "%U %S" -a -o "$work/$1.cpu" "${@:2}"; }
+median_cpu() { awk '{ print $1 + $2 }' "$work/$1.cpu" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 
 with_borg=0 with_qemu=0
 command -v borg >/dev/null && with_borg=1
@@ -79,11 +86,11 @@ for ((round = 1; round <= rounds; round++)); do
   cat image.raw changed.raw >/dev/null # every command reads the images from the page cache
   disk=disk$round
   "$brickdisk" create "$disk" --size 2G "${pw[@]}" >/dev/null
-  timed import "$brickdisk" import "$disk" image.raw "${pw[@]}"
-  timed export "$brickdisk" export "$disk" disk.raw "${pw[@]}"
+  cpu_timed import "$brickdisk" import "$disk" image.raw "${pw[@]}"
+  cpu_timed export "$brickdisk" export "$disk" disk.raw "${pw[@]}"
   same image.raw disk.raw
   "$brickdisk" snapshot "$disk" "snapshot$round" >/dev/null
-  timed reimport "$brickdisk" import "$disk" changed.raw "${pw[@]}"
+  cpu_timed reimport "$brickdisk" import "$disk" changed.raw "${pw[@]}"
   if ((with_borg)); then
     export BORG_REPO=$work/borg$round
     borg init --encryption=repokey >/dev/null 2>&1
@@ -99,18 +106,18 @@ share() { awk -v l="$1" -v t="$2" 'BEGIN { printf "%.0f %%", 100 * l / t }'; }
 row() {
   local limit
   limit=$(limit_of "$2")
-  printf '| %s | %s | %s | %s | %s |\n' "$1" "$(median "$2")" "$(every "$2")" "$limit" \
-    "$(share "$limit" "$(median "$2")")"
+  printf '| %s | %s | %s | %s | %s | %s | %s |\n' "$1" "$(median "$2")" "$(every "$2")" "$limit" \
+    "$(share "$limit" "$(median "$2")")" "$(median_cpu "$2")" "$(model_cpu_of "$2")"
 }
 cat stages.md
 echo
-echo "| command | median s | rounds s | two-core limit s | share of the limit |"
-echo "|---|---:|---|---:|---:|"
+echo "| command | median s | rounds s | two-core limit s | share of the limit | CPU s (median) | model's CPU s |"
+echo "|---|---:|---|---:|---:|---:|---:|"
 row "brickdisk import" import
 row "brickdisk export" export
 row "brickdisk re-import, changed image" reimport
-((with_borg == 0)) || printf '| borg create, lz4, repokey | %s | %s | | |\n' "$(median borg-create)" "$(every borg-create)"
-((with_qemu == 0)) || printf '| qemu-img convert qcow2 zstd to raw | %s | %s | | |\n' "$(median qemu-zstd-read)" \
+((with_borg == 0)) || printf '| borg create, lz4, repokey | %s | %s | | | | |\n' "$(median borg-create)" "$(every borg-create)"
+((with_qemu == 0)) || printf '| qemu-img convert qcow2 zstd to raw | %s | %s | | | | |\n' "$(median qemu-zstd-read)" \
   "$(every qemu-zstd-read)"
 echo
 echo "Re-import: $(sed 's/^imported //' "$work/reimport.out")"
