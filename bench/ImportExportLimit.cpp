@@ -258,7 +258,7 @@ struct Stages {
     Stage encrypt{"AES-256-CBC encrypt"};
     Stage hmacFile{"HMAC-SHA256 of the brick file"};
     Stage prepare{"prepare (whole)"};
-    Stage store{"storing the brick file (synced)", CLOCK_PROCESS_CPUTIME_ID};
+    Stage store{"storing the brick files (synced, 8 in flight)", CLOCK_PROCESS_CPUTIME_ID};
     Stage readFile{"reading the brick file"};
     Stage decrypt{"AES-256-CBC decrypt"};
     Stage decompress{"LZ4 decompress"};
