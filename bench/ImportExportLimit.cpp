@@ -28,8 +28,9 @@
 //                           as import stores them: synced, 8 stores in flight
 //                           on 4 file system threads (the prepared bricks are
 //                           kept in memory until then, about half the image's
-//                           data); one synced store at a time costs several
-//                           times as much processor time per brick
+//                           data); mostly the kernel's work, which grows when
+//                           many files were deleted shortly before (ext4's
+//                           inode allocator steps past recently freed inodes)
 //   writing the image       write(2) of the brick into an image file (holes
 //                           skipped), as export writes; the final fsync is
 //                           timed apart (wall clock, not in the model)
