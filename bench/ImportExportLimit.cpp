@@ -319,7 +319,8 @@ public:
         std::vector<std::pair<zo::int64, zo::P<Bytes>>> toStore;
 
         Bytes plain(m_brickSize), copy(m_brickSize), changedPlain(m_brickSize), decoded(m_brickSize);
-        Bytes compressed(m_lz4->getMaxCompressedSize(m_brickSize)), encrypted, decrypted, fileBytes(2 * m_brickSize);
+        Bytes compressed(m_lz4->getMaxCompressedSize(m_brickSize)), encrypted, decrypted, fileBytes(2 * m_brickSize),
+            prepared;
         m_counts.bricks = m_disk->getHeader().getBrickCount();
         for (zo::int64 index = 0; index < m_counts.bricks; ++index) {
             const zo::int64 offset = index * m_brickSize;
@@ -336,7 +337,6 @@ public:
                 m_counts.changedStored += stored ? 1 : 0;
                 if (std::memcmp(changedPlain.getData(), plain.getData(), static_cast<size_t>(m_brickSize)) != 0) {
                     ++m_counts.changed;
-                    Bytes prepared;
                     m_stages.prepareChanged.time([&] { preparer->prepareData(changedPlain, prepared, index); });
                 }
             }
@@ -370,9 +370,10 @@ public:
             m_stages.decompress.time([&] {
                 m_lz4->decompress(decrypted.getData(), decrypted.getUsed(), decoded.getData(), m_brickSize);
             });
-            const zo::P<Bytes> prepared(new Bytes());
-            m_stages.prepare.time([&] { preparer->prepareData(plain, *prepared, index); });
-            toStore.emplace_back(index, prepared);
+            // Prepared into a buffer that is used again, as the importer's
+            // buffers are, and kept as a copy for the store below.
+            m_stages.prepare.time([&] { preparer->prepareData(plain, prepared, index); });
+            toStore.emplace_back(index, new Bytes(prepared));
             m_stages.readFile.time([&] { readBrickFile(index, fileBytes); });
             m_stages.unprepare.time([&] { preparer->unprepareData(fileBytes, decoded, index); });
             if (std::memcmp(decoded.getData(), plain.getData(), static_cast<size_t>(m_brickSize)) != 0)
