@@ -14,6 +14,8 @@
 //                           pages were dropped (wall clock, not in the model)
 //   all-zero test           zo::isAllZero on the brick read
 //   brick look-up           whether the disk's chain holds a file for the brick
+//                           (the importer learns it by loading the brick: for
+//                           a missing one, an open that finds no file)
 //   compare                 memcmp of the brick with an equal copy (the
 //                           importer's test against what the disk holds)
 //   HMAC-SHA256, SHA-256    of the plain bytes (HMAC-SHA256 is the format's
@@ -78,7 +80,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>

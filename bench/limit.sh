@@ -3,7 +3,7 @@
 # machine allows, in one run on one image:
 #
 #   1. makes the 2 GiB ext4 comparison image (bench/ext4-image.sh) and a copy
-#      with about 75 MB of its files changed, and imports the image into a
+#      with files of up to 75 MB in all changed, and imports the image into a
 #      disk made by `brickdisk create` (lz4, AES-256-CBC, 512 KiB bricks,
 #      HMAC-SHA256 brick digests, Argon2id-wrapped key);
 #   2. runs bench/ImportExportLimit on them, which times every stage of the
