@@ -5,6 +5,10 @@
 //
 //   ImportExportLimit IMAGE DISK PASSWORD_FILE SCRATCH_FOLDER [--changed IMAGE2] [--cold]
 //
+// SCRATCH_FOLDER, which must exist, receives the image file written (removed
+// at the end) and the scratch disk the bricks are stored into (left there, in
+// "store-disk").
+//
 // One pass over the bricks of IMAGE times, for each brick, with the thread's
 // processor clock (the store with the process's, since the file system's
 // threads do that work) and the wall clock:
