@@ -71,6 +71,42 @@ timed() {
   fi
   printf '  %-26s %8s s\n' "$name" "$seconds"
 }
+# median / shortest / longest of the times of NAME.
+sorted_times() { tr ' ' '\n' <<<"${all[$1]}" | sed '/^$/d' | sort -n; }
+median() { sorted_times "$1" | awk '{ v[NR] = $1 } END { print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }'; }
+shortest() { sorted_times "$1" | head -1; }
+longest() { sorted_times "$1" | tail -1; }
+
+# wait_until_quiet: waits, up to BRICKDISK_BENCH_QUIET_WAIT seconds (1200 by
+# default), until the 1-minute load average is at most 1.5, looking once a
+# minute; sets $quiet to yes or no (the wait ran out) and says which.
+wait_until_quiet() {
+  local waited=0 limit=${BRICKDISK_BENCH_QUIET_WAIT:-1200}
+  quiet=yes
+  while awk -v l="$(cut -d' ' -f1 /proc/loadavg)" 'BEGIN { exit !(l > 1.5) }'; do
+    if ((waited >= limit)); then
+      quiet=no
+      echo "the machine did not get quiet in $limit s (load average $(cut -d' ' -f1-3 /proc/loadavg)): measuring anyway"
+      return 0
+    fi
+    echo "load average $(cut -d' ' -f1-3 /proc/loadavg): waiting for a quiet machine"
+    sleep 60
+    waited=$((waited + 60))
+  done
+}
+
+# borg_create NAME ARCHIVE IMAGE: times borg create of IMAGE into ARCHIVE of
+# $BORG_REPO (lz4 compression), as NAME.
+borg_create() { timed "$1" borg create --compression lz4 "::$2" "$3"; }
+# qemu_zstd_round_trip PREFIX IMAGE: times qemu-img convert of IMAGE to qcow2
+# with zstd compression (PREFIX-write) and back to raw (PREFIX-read), and
+# checks that the result equals IMAGE.
+qemu_zstd_round_trip() {
+  timed "$1-write" qemu-img convert -f raw -O qcow2 -c -o compression_type=zstd "$2" zstd.qcow2
+  timed "$1-read" qemu-img convert -f qcow2 -O raw zstd.qcow2 zstd.raw
+  same "$2" zstd.raw
+}
+
 # same IMAGE FILE: FILE equals IMAGE; then FILE is removed.
 same() {
   cmp "$1" "$2"

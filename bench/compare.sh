@@ -123,12 +123,6 @@ BORG_PASSPHRASE=$(cat password)
 qemu_secret=(--object "secret,id=sec0,file=$work/password")
 pw=(--password-file password)
 
-# median / shortest / longest of the times of NAME.
-sorted_times() { tr ' ' '\n' <<<"${all[$1]}" | sed '/^$/d' | sort -n; }
-median() { sorted_times "$1" | awk '{ v[NR] = $1 } END { print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }'; }
-shortest() { sorted_times "$1" | head -1; }
-longest() { sorted_times "$1" | tail -1; }
-
 # The two disk formats side by side (--formats).
 if [ "$mode" = formats ]; then
   # "quickkey": the authenticated format with a key derivation of 1 pass
@@ -215,9 +209,7 @@ for ((round = 1; round <= rounds; round++)); do
   timed brickdisk-export-md5 "$brickdisk" export "md5-$round" md5.raw "${pw[@]}"
   same image.raw md5.raw
 
-  timed qemu-zstd-write qemu-img convert -f raw -O qcow2 -c -o compression_type=zstd image.raw zstd.qcow2
-  timed qemu-zstd-read qemu-img convert -f qcow2 -O raw zstd.qcow2 zstd.raw
-  same image.raw zstd.raw
+  qemu_zstd_round_trip qemu-zstd image.raw
   timed_retry qemu-luks-write qemu-img convert "${qemu_secret[@]}" -f raw -O qcow2 \
     -o encrypt.format=luks,encrypt.key-secret=sec0,encrypt.hash-alg=sha512 image.raw luks.qcow2
   timed qemu-luks-read qemu-img convert "${qemu_secret[@]}" --image-opts \
@@ -225,12 +217,12 @@ for ((round = 1; round <= rounds; round++)); do
   same image.raw luks.raw
 
   borg init --encryption=repokey >/dev/null 2>&1
-  timed borg-create borg create --compression lz4 ::first image.raw
+  borg_create borg-create first image.raw
   borg_stored=$(apparent "$BORG_REPO")
   mkdir "extract$round"
   timed borg-extract bash -c "cd extract$round && borg extract --sparse ::first"
   same image.raw "extract$round/image.raw"
-  timed borg-create-changed borg create --compression lz4 ::second changed.raw
+  borg_create borg-create-changed second changed.raw
 done
 
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
