@@ -15,11 +15,13 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <poll.h>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -79,36 +81,57 @@ TYPED_TEST_P(FolderLockContractTest, AHeldLockIsRenewedBeyondItsLease)
     EXPECT_EQ(lockFailure(*this->second, this->folder, true).first, zo::CFileSystemError::Locked);
 }
 
+// The killed writer of the test below is the same test run again in a
+// program of its own, told by these variables which folder to lock and where
+// to say that it holds the lock. (A forked copy of the test's program, whose
+// store client runs threads, can hang in that client.)
+constexpr const char* kKilledWriterFolder = "BRICKDISK_TEST_KILLED_WRITER_FOLDER";
+constexpr const char* kKilledWriterFd = "BRICKDISK_TEST_KILLED_WRITER_FD";
+
 TYPED_TEST_P(FolderLockContractTest, TheLockOfAKilledWriterEndsWithItsLease)
 {
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // The killed writer: locks, says so, and waits for its end. It keeps
-        // its file system: a store's client shut down in a forked child can
-        // hang on state copied from the parent's threads.
+    if (const char* folder = std::getenv(kKilledWriterFolder)) {
+        // The killed writer: locks, says so, and waits for its end.
         const auto fs = TypeParam::make(kLockLeaseSeconds);
-        zo::P<zo::IFileSystemLock> lock = fs->lockFolder(this->folder, true);
+        zo::P<zo::IFileSystemLock> lock = fs->lockFolder(zo::CURI(zo::String::fromUTF8(folder)), true);
         const char byte = 1;
-        if (::write(ready[1], &byte, 1) != 1)
+        if (::write(std::atoi(std::getenv(kKilledWriterFd)), &byte, 1) != 1)
             ::_exit(1);
         ::pause();
         ::_exit(0);
     }
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const ::testing::TestInfo& test = *::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter = std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
+    const std::string folderVariable = std::string(kKilledWriterFolder) + "=" + this->folder.toString(true).toUTF8();
+    const std::string fdVariable = std::string(kKilledWriterFd) + "=" + std::to_string(ready[1]);
+    std::vector<char*> environment;
+    for (char** variable = environ; *variable; ++variable)
+        environment.push_back(*variable);
+    environment.push_back(const_cast<char*>(folderVariable.c_str()));
+    environment.push_back(const_cast<char*>(fdVariable.c_str()));
+    environment.push_back(nullptr);
+    char program[] = "/proc/self/exe";
+    char* const arguments[] = {program, const_cast<char*>(filter.c_str()), nullptr};
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::execve(program, arguments, environment.data());
+        ::_exit(127);
+    }
+    ::close(ready[1]); // a writer that ends early ends the wait at once
     pollfd readable{ready[0], POLLIN, 0};
-    if (::poll(&readable, 1, 60000) != 1) {
+    char byte = 0;
+    if (::poll(&readable, 1, 60000) != 1 || ::read(ready[0], &byte, 1) != 1) {
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
+        ::close(ready[0]);
         FAIL() << "the writer did not take its lock within 60 s";
     }
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     ::close(ready[0]);
-    ::close(ready[1]);
 
     EXPECT_EQ(lockFailure(*this->second, this->folder, true).first, zo::CFileSystemError::Locked);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3 * kLockLeaseSeconds);
