@@ -211,12 +211,14 @@ void CObjectStoreFileSystem::removeSync(const ObjectName& name)
 bool CObjectStoreFileSystem::isFolderWhereAFileIsMissing(const ObjectName& name)
 {
     const ObjectName folder{name.container, parentKey(name.key)};
-    if (!m_known->isListed(folder)) {
+    if (!m_listingRefused && !m_known->isListed(folder)) {
         try {
             if (const auto level = m_store->listLevelInOneRequest(folder.container, folder.key.empty() ? "" : folder.key + "/"))
                 m_known->addListing(folder, level->files, level->folders, level->hasMarker);
         } catch (const CFileSystemError&) {
-            // Not allowed to list, say: the folder marker answers below.
+            // Not allowed to list, say: the folder marker answers below, and
+            // from now on without trying to list first.
+            m_listingRefused = true;
         }
     }
     if (m_known->isListed(folder))

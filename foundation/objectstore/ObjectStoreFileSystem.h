@@ -37,6 +37,7 @@
 #include "zo/Export.h"
 #include "zo/FileSystem.h"
 
+#include <atomic>
 #include <memory>
 
 namespace zo {
@@ -128,6 +129,7 @@ private:
     P<CCompletionPool> m_pool;
     std::shared_ptr<Pending> m_pending;
     std::unique_ptr<CKnownFolders> m_known;
+    std::atomic<bool> m_listingRefused{false}; // the store refused to list a folder
 };
 
 } // namespace zo

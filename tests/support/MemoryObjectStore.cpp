@@ -142,6 +142,9 @@ std::optional<zo::IObjectStore::Level> CMemoryObjectStore::listLevelInOneRequest
     if (m_levelPageSize <= 0)
         return std::nullopt;
     ++m_counts.lists;
+    if (m_levelListingsDenied)
+        throw zo::CFileSystemError(zo::CFileSystemError::AccessDenied,
+                                   zo::CError("Listing denied.", zo::String(), -1, zo::CProps().add("prefix", prefix)));
     Level level;
     for (const auto& [key, bytes] : m_objects) {
         if (key.first != container || key.second.compare(0, prefix.size(), prefix) != 0)
@@ -206,6 +209,12 @@ void CMemoryObjectStore::putBehindTheBack(const ObjectName& name, const std::str
 {
     std::lock_guard lock(m_mutex);
     m_objects[{name.container, name.key}] = bytes;
+}
+
+void CMemoryObjectStore::denyLevelListings(bool deny)
+{
+    std::lock_guard lock(m_mutex);
+    m_levelListingsDenied = deny;
 }
 
 void CMemoryObjectStore::setLevelPageSize(int names)

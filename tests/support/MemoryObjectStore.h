@@ -54,6 +54,8 @@ public:
     // The most names that listLevelInOneRequest lists (1000 at first); 0
     // makes it list nothing, as a store that cannot list a level.
     void setLevelPageSize(int names);
+    // Makes listLevelInOneRequest fail with AccessDenied (true) or list again.
+    void denyLevelListings(bool deny);
 
 private:
     class CLock;
@@ -70,6 +72,7 @@ private:
     std::map<Key, LockState> m_locks;
     Counts m_counts;
     int m_levelPageSize = 1000;
+    bool m_levelListingsDenied = false;
 };
 
 } // namespace testsupport

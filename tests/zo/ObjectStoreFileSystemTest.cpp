@@ -363,4 +363,17 @@ TEST_F(ObjectStoreFileSystemTest, StoringAFileMissingFromAListedFolderCostsTheWr
     EXPECT_EQ(openToRead(*other, path("disk/bricks/b01.brick")), -1);
 }
 
+TEST_F(ObjectStoreFileSystemTest, AListingTheStoreRefusesFallsBackToTheFolderMarker)
+{
+    objects->denyLevelListings(true);
+    objects->putBehindTheBack(object("disk/bricks/"), "");
+    for (int round = 0; round < 2; ++round) {
+        const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b00.brick")), CFileSystemError::NotFound); });
+        EXPECT_EQ(calls.reads, 1);
+        EXPECT_EQ(calls.lists, round == 0 ? 1 : 0) << "a refused listing is not tried again";
+        EXPECT_EQ(calls.stats, 1) << "the marker of disk/b00.brick/";
+    }
+    EXPECT_EQ(openToRead(*fs, path("disk/bricks")), CFileSystemError::IsAFolder);
+}
+
 } // namespace
