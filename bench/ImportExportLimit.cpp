@@ -48,7 +48,8 @@
 // The model: each brick's stages run one after the other, different bricks
 // run on different cores, and nothing else costs. So a command can take no
 // less than the processor seconds of all its bricks' stages divided by the
-// two cores, plus opening the disk, which runs before any brick on one core:
+// two cores, plus opening the disk (its wall-clock time), which runs before any
+// brick; its key derivation uses both cores when the key has several lanes:
 //
 //   import     = (N x (read + look-up) + D x zero test + S x (prepare + store)) / 2 + open
 //   export     = (S x (file read + unprepare + zero test + image write)

@@ -86,7 +86,7 @@ void wrapUnder(CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key,
 
 seal::Argon2idCost CBrickDiskKeyWrap::getDefaultCost()
 {
-    return seal::Argon2idCost{12, 64 * 1024, 1};
+    return seal::Argon2idCost{12, 64 * 1024, 4};
 }
 
 seal::Argon2idCost CBrickDiskKeyWrap::getCostLimit()

@@ -29,8 +29,10 @@ public:
     // The key check digest ID of such disks ("hkdf-sha256").
     static constexpr const char* kKeyCheckID = "hkdf-sha256";
 
-    // The default cost: 12 passes over 64 MiB in one lane, about half a
-    // second on the machine the defaults were chosen on (docs/security.md).
+    // The default cost: 12 passes over 64 MiB in four lanes, about half a
+    // second of processor time on the machine the defaults were chosen on,
+    // spread over as many of its processors as there are lanes
+    // (docs/security.md).
     static seal::Argon2idCost getDefaultCost();
     // The largest cost accepted, in each parameter: 64 passes, 4 GiB, 64
     // lanes. Deriving with a header's cost beyond it throws zo::CError "The

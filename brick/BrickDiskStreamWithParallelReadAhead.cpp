@@ -65,19 +65,30 @@ int64 checkedBrickSize(const CBrickDisk& disk)
     return disk.getBrickSize();
 }
 
+zo::int32 effectiveBricksAhead(zo::int32 threadCount, zo::int32 bricksAhead)
+{
+    const zo::int32 threads = std::max(threadCount, 0);
+    if (bricksAhead < 1)
+        bricksAhead = CBrickDiskStreamWithParallelReadAhead::kDefaultBricksAheadPerThread * threads;
+    return std::max(bricksAhead, threads);
+}
+
 } // namespace
 
 CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk,
-                                                                             zo::int32 threadCount)
+                                                                             zo::int32 threadCount,
+                                                                             zo::int32 bricksAhead)
     : m_disk(disk),
       m_brickSize(checkedBrickSize(*disk)),
       m_uri(disk->getDiskFolder()),
-      m_length(disk->getSize()),
-      // One buffer per thread, one for the brick the reader is in, one spare.
-      m_bufferPool(new zo::CMemPool(threadCount + 2, static_cast<int>(m_brickSize), 1))
+      m_length(disk->getSize())
 {
+    const zo::int32 slots = effectiveBricksAhead(threadCount, bricksAhead);
+    // One buffer per brick read ahead, one for the brick the reader is in,
+    // one spare.
+    m_bufferPool = new zo::CMemPool(slots + 2, static_cast<int>(m_brickSize), 1);
     const int64 brickCount = (m_length + m_brickSize - 1) / m_brickSize;
-    m_manager = new CParallelReadAheadManager(brickCount, threadCount);
+    m_manager = new CParallelReadAheadManager(brickCount, slots);
     try {
         startReadThreads(threadCount);
     } catch (...) {

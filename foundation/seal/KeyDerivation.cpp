@@ -8,11 +8,21 @@
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
 
+#include <algorithm>
 #include <memory>
+#include <thread>
 
 namespace seal {
 
 namespace {
+
+// Lanes are independent within each pass, so each may have a thread of its
+// own; more threads than processors would only take turns.
+uint32_t threadsFor(int lanes)
+{
+    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
+    return static_cast<uint32_t>(std::min<unsigned>(static_cast<unsigned>(lanes), processors));
+}
 
 void checkBuffer(const char* where, const char* what, const void* data, int size)
 {
@@ -82,7 +92,7 @@ void deriveKey_Argon2id(const void* password, int passwordSize, const void* salt
     context.t_cost = static_cast<uint32_t>(cost.passes);
     context.m_cost = static_cast<uint32_t>(cost.memoryKiB);
     context.lanes = static_cast<uint32_t>(cost.lanes);
-    context.threads = 1;
+    context.threads = threadsFor(cost.lanes);
     context.version = ARGON2_VERSION_13;
     context.flags = ARGON2_DEFAULT_FLAGS;
 

@@ -14,7 +14,9 @@ BRICKDISK_EXPORT void deriveKey_PKCS5_PBKDF2_HMAC_SHA1(const void* password, int
                                                        int saltSize, int iterations, int keySize, void* keyOut);
 
 // The cost of one Argon2id derivation: `passes` over `memoryKiB` KiB of
-// memory, split into `lanes` lanes computed one after the other.
+// memory, split into `lanes` lanes. The lanes of a pass are computed in
+// parallel, on up to one thread per processor; the key does not depend on
+// how many threads computed it.
 struct Argon2idCost {
     int passes;
     int memoryKiB;

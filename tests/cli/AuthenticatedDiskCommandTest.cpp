@@ -62,9 +62,10 @@ TEST_F(AuthenticatedDiskCommandTest, NewDisksAreAuthenticatedWithAWrappedKeyByDe
     EXPECT_NE(json.out.find("\"brickDigest\": \"hmac-sha256\""), std::string::npos);
     EXPECT_NE(json.out.find("\"keyDeriver\": \"argon2id\""), std::string::npos);
     EXPECT_NE(json.out.find("\"keyDerivationMemoryKiB\": 65536"), std::string::npos);
+    EXPECT_NE(json.out.find("\"keyDerivationLanes\": 4"), std::string::npos);
     const RunResult text = run({"info", path("disk")});
     EXPECT_NE(text.out.find("format:            authenticated"), std::string::npos) << text.out;
-    EXPECT_NE(text.out.find("key wrapped under argon2id (12 passes over 64.0 MiB in 1 lane)"), std::string::npos);
+    EXPECT_NE(text.out.find("key wrapped under argon2id (12 passes over 64.0 MiB in 4 lanes)"), std::string::npos) << text.out;
 }
 
 TEST_F(AuthenticatedDiskCommandTest, InfoNamesTheOriginalFormat)

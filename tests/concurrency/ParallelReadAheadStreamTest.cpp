@@ -55,6 +55,8 @@ protected:
 
     int brickLoads() const { return fs->getOperationCount(Op::OpenStream); }
 
+    void expectBricksReadAhead(int threads, int bricksAhead, int expectedAhead);
+
     // Waits until the read threads have opened `count` brick files in all.
     bool waitForBrickLoads(int count) const
     {
@@ -119,22 +121,40 @@ TEST_P(ParallelReadAheadStreamThreadCountTest, ReadingFrontToBackGivesTheDiskByt
                                        content));
 }
 
-TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadNoMoreBricksThanThreads)
+// Opens a stream with `threads` threads and `bricksAhead`, and checks that
+// exactly `expectedAhead` bricks are read ahead, and one more once the reader
+// takes brick 0.
+void ParallelReadAheadStreamTest::expectBricksReadAhead(int threads, int bricksAhead, int expectedAhead)
 {
-    const int threads = GetParam();
-    makeDisk(threads + 6, 0);
+    makeDisk(expectedAhead + 6, 0);
     const int before = brickLoads();
-    const auto stream = openStream(threads);
-    ASSERT_TRUE(waitForBrickLoads(before + threads));
+    const auto stream = P<CBrickDiskStreamWithParallelReadAhead>(
+        new CBrickDiskStreamWithParallelReadAhead(disk.get(), threads, bricksAhead));
+    ASSERT_TRUE(waitForBrickLoads(before + expectedAhead));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(brickLoads(), before + threads);
+    EXPECT_EQ(brickLoads(), before + expectedAhead);
 
     // Taking brick 0 frees one slot: one more brick is read ahead, no more.
     char byte = 0;
     stream->read(&byte, 1);
-    ASSERT_TRUE(waitForBrickLoads(before + threads + 1));
+    ASSERT_TRUE(waitForBrickLoads(before + expectedAhead + 1));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(brickLoads(), before + threads + 1);
+    EXPECT_EQ(brickLoads(), before + expectedAhead + 1);
+}
+
+TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadFourBricksPerThreadByDefault)
+{
+    expectBricksReadAhead(GetParam(), 0, 4 * GetParam());
+}
+
+TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadNoMoreBricksThanAsked)
+{
+    expectBricksReadAhead(GetParam(), GetParam() + 1, GetParam() + 1);
+}
+
+TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadAtLeastOneBrickPerThread)
+{
+    expectBricksReadAhead(GetParam(), 1, GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Threads, ParallelReadAheadStreamThreadCountTest, ::testing::Values(1, 2, 8));
@@ -144,7 +164,10 @@ TEST_F(ParallelReadAheadStreamTest, ClosingWhileThreadsWaitForSlotsEndsThemPromp
     makeDisk(12, 0);
     const int fsReferences = fs->getRefCount();
     const int before = brickLoads();
-    const auto stream = openStream(4);
+    // Four threads, four slots: once four bricks are loaded every thread
+    // waits for a slot.
+    const auto stream =
+        P<CBrickDiskStreamWithParallelReadAhead>(new CBrickDiskStreamWithParallelReadAhead(disk.get(), 4, 4));
     ASSERT_TRUE(waitForBrickLoads(before + 4));
     ASSERT_TRUE(returnsInTime([stream] { stream->close(); }));
     EXPECT_EQ(fs->getRefCount(), fsReferences);
