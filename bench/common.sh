@@ -15,7 +15,10 @@ install_packages() {
 # already built, or else to a Release build made here.
 find_brickdisk() {
   brickdisk=${BRICKDISK_BENCH_PROGRAM:-}
-  if [ -z "$brickdisk" ]; then
+  if [ -n "$brickdisk" ]; then
+    # The scripts change folder; a relative path must still name the program.
+    brickdisk=$(realpath "$brickdisk")
+  else
     cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
       -DBRICKDISK_BUILD_EXAMPLES=OFF >/dev/null
     cmake --build build/release -j "$(nproc)" --target brickdisk_cli

@@ -36,7 +36,10 @@ rounds=${BRICKDISK_BENCH_ROUNDS:-3}
 source bench/common.sh
 
 build=${BRICKDISK_BENCH_BUILD:-}
-if [ -z "$build" ]; then
+if [ -n "$build" ]; then
+  # The script changes folder; a relative path must still name the build.
+  build=$(realpath "$build")
+else
   build=$repo_root/build/release
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRICKDISK_BUILD_TESTS=OFF \
     -DBRICKDISK_BUILD_EXAMPLES=OFF -DBRICKDISK_BUILD_BENCH=ON >/dev/null

@@ -5,8 +5,10 @@
 # the same radosgw (scripts/ceph-test-cluster.sh, a cluster of its own in
 # /tmp/brickdisk-s3-bench, stopped at the end), each in a bucket of its own:
 #
-#   - brickdisk import into a new encrypted disk (lz4, AES-256-CBC, 512 KiB
-#     bricks) and its export back to a file;
+#   - brickdisk import into a new encrypted disk (lz4, AES-256-CBC) and its
+#     export back to a file, once for each brick size in
+#     BRICKDISK_BENCH_BRICK_SIZES ("512K 4M" by default: create's default
+#     and bricks eight times larger, so eight times fewer objects);
 #   - restic backup of the image into an S3 repository (format 2: encrypted,
 #     compressed with --compression auto) and restic restore of it;
 #   - s3backer (--encrypt, which compresses too; 512 KiB blocks, as the
@@ -25,11 +27,13 @@
 #
 # WORK_FOLDER (default: a fresh folder under ${TMPDIR:-/var/tmp}, removed at
 # the end) needs about 5 GB. The cluster keeps its objects in memory: about
-# 4 GB per round.
+# 4 GB per round and brick size.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo_root=$PWD
 rounds=${BRICKDISK_BENCH_ROUNDS:-1}
+read -r -a brick_sizes <<<"${BRICKDISK_BENCH_BRICK_SIZES:-512K 4M}"
+declare -A brickdisk_stored
 
 scripts/install-deps.sh
 source bench/common.sh
@@ -43,7 +47,7 @@ done
 find_brickdisk
 
 export BRICKDISK_CEPH_DIR=/tmp/brickdisk-s3-bench
-export BRICKDISK_CEPH_STORE_BYTES=$((rounds * 4 * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
+export BRICKDISK_CEPH_STORE_BYTES=$((rounds * (3 + ${#brick_sizes[@]}) * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
 eval "$(scripts/ceph-test-cluster.sh start)"
 
 make_work_folder brickdisk-s3-compare "$@"
@@ -105,14 +109,18 @@ export RESTIC_PASSWORD_FILE=$work/password RESTIC_CACHE_DIR=$work/restic-cache
 for ((round = 1; round <= rounds; round++)); do
   echo "round $round of $rounds"
   cat image.raw >/dev/null
-  for bucket in brickdisk restic s3backer; do make_bucket "bench-$bucket-$round"; done
+  for bucket in restic s3backer; do make_bucket "bench-$bucket-$round"; done
 
-  disk=s3://bench-brickdisk-$round/disk
-  "$brickdisk" --s3-endpoint "$S3_ENDPOINT" create "$disk" --size 2G "${pw[@]}" >/dev/null
-  timed brickdisk-import "$brickdisk" --s3-endpoint "$S3_ENDPOINT" import "$disk" image.raw "${pw[@]}"
-  brickdisk_stored=$(bucket_bytes "bench-brickdisk-$round")
-  timed brickdisk-export "$brickdisk" --s3-endpoint "$S3_ENDPOINT" export "$disk" disk.raw "${pw[@]}"
-  same image.raw disk.raw
+  for size in "${brick_sizes[@]}"; do
+    bucket=bench-brickdisk-${size,,}-$round
+    make_bucket "$bucket"
+    disk=s3://$bucket/disk
+    "$brickdisk" --s3-endpoint "$S3_ENDPOINT" create "$disk" --size 2G --brick-size "$size" "${pw[@]}" >/dev/null
+    timed "brickdisk-$size-import" "$brickdisk" --s3-endpoint "$S3_ENDPOINT" import "$disk" image.raw "${pw[@]}"
+    brickdisk_stored[$size]=$(bucket_bytes "$bucket")
+    timed "brickdisk-$size-export" "$brickdisk" --s3-endpoint "$S3_ENDPOINT" export "$disk" disk.raw "${pw[@]}"
+    same image.raw disk.raw
+  done
 
   export RESTIC_REPOSITORY=s3:$S3_ENDPOINT/bench-restic-$round
   restic init --repository-version 2 >/dev/null
@@ -130,17 +138,22 @@ for ((round = 1; round <= rounds; round++)); do
 done
 
 print_table_head
-print_table_row "brickdisk import" brickdisk-import "$brickdisk_stored"
-print_table_row "brickdisk export" brickdisk-export
+for size in "${brick_sizes[@]}"; do
+  print_table_row "brickdisk import, $size bricks" "brickdisk-$size-import" "${brickdisk_stored[$size]}"
+  print_table_row "brickdisk export, $size bricks" "brickdisk-$size-export"
+done
 print_table_row "restic backup" restic-backup "$restic_stored"
 print_table_row "restic restore" restic-restore
 print_table_row "s3backer copy in" s3backer-import "$s3backer_stored"
 print_table_row "s3backer read back" s3backer-export
 echo
-for goal in "restic-backup brickdisk-import 2" "s3backer-import brickdisk-import 3" "restic-restore brickdisk-export 2"; do
-  read -r other ours least <<<"$goal"
-  r=$(ratio "${took[$other]}" "${took[$ours]}")
-  echo "$ours faster than $other by $r (goal at least $least: $(at_least "$r" "$least"))"
+for size in "${brick_sizes[@]}"; do
+  for goal in "restic-backup import 2" "s3backer-import import 3" "restic-restore export 2"; do
+    read -r other ours least <<<"$goal"
+    ours=brickdisk-$size-$ours
+    r=$(ratio "${took[$other]}" "${took[$ours]}")
+    echo "$ours faster than $other by $r (goal at least $least: $(at_least "$r" "$least"))"
+  done
 done
 echo "every time (s):"
 for name in "${!all[@]}"; do echo "  $name:${all[$name]}"; done

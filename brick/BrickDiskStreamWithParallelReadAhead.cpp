@@ -65,15 +65,13 @@ int64 checkedBrickSize(const CBrickDisk& disk)
     return disk.getBrickSize();
 }
 
-zo::int32 effectiveBricksAhead(zo::int32 threadCount, zo::int32 bricksAhead)
-{
-    const zo::int32 threads = std::max(threadCount, 0);
-    if (bricksAhead < 1)
-        bricksAhead = CBrickDiskStreamWithParallelReadAhead::kDefaultBricksAheadPerThread * threads;
-    return std::max(bricksAhead, threads);
-}
-
 } // namespace
+
+CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk,
+                                                                             zo::int32 threadCount)
+    : CBrickDiskStreamWithParallelReadAhead(disk, threadCount, threadCount)
+{
+}
 
 CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk,
                                                                              zo::int32 threadCount,
@@ -83,7 +81,7 @@ CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBr
       m_uri(disk->getDiskFolder()),
       m_length(disk->getSize())
 {
-    const zo::int32 slots = effectiveBricksAhead(threadCount, bricksAhead);
+    const zo::int32 slots = std::max({bricksAhead, threadCount, 0});
     // One buffer per brick read ahead, one for the brick the reader is in,
     // one spare.
     m_bufferPool = new zo::CMemPool(slots + 2, static_cast<int>(m_brickSize), 1);

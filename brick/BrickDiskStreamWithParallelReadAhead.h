@@ -21,13 +21,14 @@ namespace brick {
 // with a brick object of its own (so they share no brick state with each
 // other or with the disk's own current brick), load and decode whole bricks
 // in parallel; the reader copies from a brick as soon as a thread has
-// delivered it. At most "bricks ahead" bricks are read ahead and not yet
-// consumed, and bricks ahead + 2 brick buffers are all the memory the
-// read-ahead uses. Reading several bricks ahead per thread keeps every thread
-// busy where bricks take unequal time: a thread that is quickly done with a
-// brick the disk does not store goes on to the next instead of waiting until
-// the reader has consumed a stored neighbour that another thread still
-// decodes. A reader that moves forward, in steps of any size, never
+// delivered it. At most "bricks ahead" bricks (the thread count unless the
+// caller asks for more) are read ahead and not yet consumed, and bricks ahead
+// + 2 brick buffers are all the memory the read-ahead uses. Reading several
+// bricks ahead per thread keeps every thread busy where bricks take unequal
+// time: a thread that is quickly done with a brick the disk does not store
+// goes on to the next instead of waiting until the reader has consumed a
+// stored neighbour that another thread still decodes. A reader that moves
+// forward, in steps of any size, never
 // restarts the read-ahead; a seek elsewhere costs one restart at the next
 // read, which drops what was read ahead.
 //
@@ -47,15 +48,14 @@ public:
     // objects) and starts `threadCount` read threads, which begin reading at
     // brick 0 at once. With a thread count below 1 no thread is started and
     // a read that needs a brick waits for ever: callers pass at least 1.
-    // `bricksAhead` bounds the bricks read ahead and not yet consumed: 0 (or
-    // less) means kDefaultBricksAheadPerThread per thread, and a bound below
-    // the thread count is raised to it.
+    // At most `threadCount` bricks are read ahead and not yet consumed.
     // When a thread cannot be made or started, the threads already running
     // are stopped and the error is thrown. Throws zo::CInvalidArgError
     // ("diskFolder", "brickSize") when the disk's brick size is below 1.
-    CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk, zo::int32 threadCount, zo::int32 bricksAhead = 0);
-
-    static constexpr zo::int32 kDefaultBricksAheadPerThread = 4;
+    CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk, zo::int32 threadCount);
+    // The same, with at most `bricksAhead` bricks read ahead and not yet
+    // consumed; a bound below the thread count is raised to it.
+    CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk, zo::int32 threadCount, zo::int32 bricksAhead);
     // A copy shares the disk, the manager, the threads, the pool and the
     // current brick data, and has its own position. Closing either copy stops
     // the shared threads, so the other copy's reads then fail with the

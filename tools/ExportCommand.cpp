@@ -59,8 +59,13 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
 {
     const zo::int64 length = disk.getSize();
     const int brickSize = static_cast<int>(disk.getBrickSize());
+    // Up to four bricks ahead per thread, so that a thread done with a missing
+    // brick goes on instead of waiting behind a stored neighbour that another
+    // still decodes; large bricks read fewer ahead, to keep the buffers within
+    // 256 MiB where the threads allow.
+    const int bricksAhead = std::max(jobs, std::min(4 * jobs, (256 << 20) / brickSize));
     const zo::P<brick::CBrickDiskStreamWithParallelReadAhead> stream(
-        new brick::CBrickDiskStreamWithParallelReadAhead(&disk, jobs));
+        new brick::CBrickDiskStreamWithParallelReadAhead(&disk, jobs, bricksAhead));
     CProgressBar progress("export", length);
     ExportCounts counts;
     for (zo::int64 index = 0; counts.bytes < length; ++index) {

@@ -21,6 +21,14 @@ TEST_F(CreateCommandTest, MakesAnEncryptedDiskOfTheRequestedSizes)
     EXPECT_TRUE(brickFiles("disk").empty());
 }
 
+TEST_F(CreateCommandTest, NewDisksInAFolderGetHalfAMiBBricksByDefault)
+{
+    const RunResult created = run({"create", path("disk"), "--size", "4M", "--no-encryption"});
+    ASSERT_EQ(created.exitStatus, 0) << created.err;
+    EXPECT_NE(created.out.find("in 8 bricks of 512 KiB"), std::string::npos) << created.out;
+    EXPECT_NE(run({"info", path("disk"), "--json"}).out.find("\"brickSize\": 524288"), std::string::npos);
+}
+
 TEST_F(CreateCommandTest, SizeSuffixesArePowersOf1024)
 {
     const RunResult result =

@@ -55,7 +55,17 @@ protected:
 
     int brickLoads() const { return fs->getOperationCount(Op::OpenStream); }
 
-    void expectBricksReadAhead(int threads, int bricksAhead, int expectedAhead);
+    P<CBrickDiskStreamWithParallelReadAhead> openStream(int threadCount, int bricksAhead)
+    {
+        return P<CBrickDiskStreamWithParallelReadAhead>(
+            new CBrickDiskStreamWithParallelReadAhead(disk.get(), threadCount, bricksAhead));
+    }
+
+    // Makes a disk, opens a stream on it with `open` and checks that exactly
+    // `expectedAhead` bricks are read ahead, and one more once the reader
+    // takes brick 0.
+    void expectBricksReadAhead(int expectedAhead,
+                               const std::function<P<CBrickDiskStreamWithParallelReadAhead>()>& open);
 
     // Waits until the read threads have opened `count` brick files in all.
     bool waitForBrickLoads(int count) const
@@ -121,15 +131,12 @@ TEST_P(ParallelReadAheadStreamThreadCountTest, ReadingFrontToBackGivesTheDiskByt
                                        content));
 }
 
-// Opens a stream with `threads` threads and `bricksAhead`, and checks that
-// exactly `expectedAhead` bricks are read ahead, and one more once the reader
-// takes brick 0.
-void ParallelReadAheadStreamTest::expectBricksReadAhead(int threads, int bricksAhead, int expectedAhead)
+void ParallelReadAheadStreamTest::expectBricksReadAhead(
+    int expectedAhead, const std::function<P<CBrickDiskStreamWithParallelReadAhead>()>& open)
 {
     makeDisk(expectedAhead + 6, 0);
     const int before = brickLoads();
-    const auto stream = P<CBrickDiskStreamWithParallelReadAhead>(
-        new CBrickDiskStreamWithParallelReadAhead(disk.get(), threads, bricksAhead));
+    const auto stream = open();
     ASSERT_TRUE(waitForBrickLoads(before + expectedAhead));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(brickLoads(), before + expectedAhead);
@@ -142,19 +149,22 @@ void ParallelReadAheadStreamTest::expectBricksReadAhead(int threads, int bricksA
     EXPECT_EQ(brickLoads(), before + expectedAhead + 1);
 }
 
-TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadFourBricksPerThreadByDefault)
+TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadNoMoreBricksThanThreadsByDefault)
 {
-    expectBricksReadAhead(GetParam(), 0, 4 * GetParam());
+    const int threads = GetParam();
+    expectBricksReadAhead(threads, [&] { return openStream(threads); });
 }
 
 TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadNoMoreBricksThanAsked)
 {
-    expectBricksReadAhead(GetParam(), GetParam() + 1, GetParam() + 1);
+    const int threads = GetParam();
+    expectBricksReadAhead(4 * threads, [&] { return openStream(threads, 4 * threads); });
 }
 
 TEST_P(ParallelReadAheadStreamThreadCountTest, ReadsAheadAtLeastOneBrickPerThread)
 {
-    expectBricksReadAhead(GetParam(), 1, GetParam());
+    const int threads = GetParam();
+    expectBricksReadAhead(threads, [&] { return openStream(threads, 1); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Threads, ParallelReadAheadStreamThreadCountTest, ::testing::Values(1, 2, 8));
@@ -166,8 +176,7 @@ TEST_F(ParallelReadAheadStreamTest, ClosingWhileThreadsWaitForSlotsEndsThemPromp
     const int before = brickLoads();
     // Four threads, four slots: once four bricks are loaded every thread
     // waits for a slot.
-    const auto stream =
-        P<CBrickDiskStreamWithParallelReadAhead>(new CBrickDiskStreamWithParallelReadAhead(disk.get(), 4, 4));
+    const auto stream = openStream(4);
     ASSERT_TRUE(waitForBrickLoads(before + 4));
     ASSERT_TRUE(returnsInTime([stream] { stream->close(); }));
     EXPECT_EQ(fs->getRefCount(), fsReferences);

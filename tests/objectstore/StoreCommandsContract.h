@@ -155,8 +155,21 @@ TYPED_TEST_P(StoreCommandsContractTest, AChildOnAnotherKindOfFolderIsAUsageError
     EXPECT_EQ(result.exitStatus, 2) << result.err;
 }
 
+TYPED_TEST_P(StoreCommandsContractTest, NewDisksGetFourMiBBricksUnlessAskedOtherwise)
+{
+    const clitest::RunResult created = this->runOk({"create", this->disk, "--size", "64M"});
+    EXPECT_NE(created.out.find("in 16 bricks of 4.00 MiB"), std::string::npos) << created.out;
+    const clitest::RunResult info = this->runOk({"info", this->disk, "--json"}, false);
+    EXPECT_NE(info.out.find("\"brickSize\": 4194304"), std::string::npos) << info.out;
+
+    const std::string other = this->folder + "/other";
+    this->runOk({"create", other, "--size", "64M", "--brick-size", "512K"});
+    EXPECT_NE(this->runOk({"info", other, "--json"}, false).out.find("\"brickSize\": 524288"), std::string::npos);
+}
+
 REGISTER_TYPED_TEST_SUITE_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte,
                             ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndTheSnapshotExact,
-                            ASecondImportIsRefusedWhileTheFirstHoldsTheDisk, AChildOnAnotherKindOfFolderIsAUsageError);
+                            ASecondImportIsRefusedWhileTheFirstHoldsTheDisk, AChildOnAnotherKindOfFolderIsAUsageError,
+                            NewDisksGetFourMiBBricksUnlessAskedOtherwise);
 
 } // namespace
