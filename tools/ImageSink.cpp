@@ -3,6 +3,7 @@
 #include "zo/LocalFileSystem.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -93,6 +94,18 @@ void CImageSink::openTemporary()
     m_ownsFd = true;
     m_sparse = true;
     m_temporaryPath = pattern;
+    // A file system without direct I/O refuses the flag: the file is then
+    // written through the cache.
+    const int flags = ::fcntl(m_fd, F_GETFL);
+    m_direct = flags >= 0 && ::fcntl(m_fd, F_SETFL, flags | O_DIRECT) == 0;
+}
+
+void CImageSink::stopDirectIO()
+{
+    m_direct = false;
+    const int flags = ::fcntl(m_fd, F_GETFL);
+    if (flags < 0 || ::fcntl(m_fd, F_SETFL, flags & ~O_DIRECT) != 0)
+        throw zo::makeErrnoError(errno, "fcntl F_SETFL", zo::String(m_path));
 }
 
 CImageSink::~CImageSink()
@@ -202,9 +215,18 @@ void CImageSink::writeOut(const Queued& item)
 void CImageSink::writeAll(const zo::uint8* data, size_t size)
 {
     while (size > 0) {
+        const size_t page = PageAlignedAllocator<zo::uint8>::kPage;
+        if (m_direct && (reinterpret_cast<uintptr_t>(data) % page != 0 || size % page != 0 ||
+                         static_cast<zo::uint64>(m_position) % page != 0))
+            stopDirectIO();
         const ssize_t n = m_sparse ? ::pwrite(m_fd, data, size, m_position) : ::write(m_fd, data, size);
         if (n < 0 && errno == EINTR)
             continue;
+        // A device with larger blocks than a page refuses the write.
+        if (n < 0 && errno == EINVAL && m_direct) {
+            stopDirectIO();
+            continue;
+        }
         if (n < 0)
             throw zo::makeErrnoError(errno, "write", zo::String(m_path));
         data += n;

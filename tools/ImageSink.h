@@ -6,6 +6,13 @@
 // other kinds of file (a pipe, a block device) get every byte in place, in
 // order.
 //
+// The temporary file is written with direct I/O (O_DIRECT) where its file
+// system allows it: the bytes go from the chunks to the device without a copy
+// into the page cache, which saves processor time (on virtual machines whose
+// host backs memory at first use, most of a second per GiB) and leaves the
+// cache to other programs. A write that direct I/O cannot take (the short
+// last chunk, a file system that refuses it) goes through the cache instead.
+//
 // The writing happens on a thread of the sink's own, so that the caller goes
 // on reading the disk while the output takes the bytes. The caller's calls
 // come from one thread.
@@ -15,7 +22,10 @@
 #include "zo/Error.h"
 
 #include <condition_variable>
+#include <cstddef>
+#include <cstdlib>
 #include <deque>
+#include <new>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -23,9 +33,38 @@
 
 namespace cli {
 
+// Allocates on page boundaries, in whole pages, as direct I/O needs.
+template <class T>
+struct PageAlignedAllocator {
+    using value_type = T;
+    static constexpr size_t kPage = 4096;
+
+    PageAlignedAllocator() = default;
+    template <class U>
+    PageAlignedAllocator(const PageAlignedAllocator<U>&) noexcept
+    {
+    }
+
+    T* allocate(size_t count)
+    {
+        const size_t bytes = (count * sizeof(T) + kPage - 1) / kPage * kPage;
+        void* memory = std::aligned_alloc(kPage, bytes);
+        if (!memory)
+            throw std::bad_alloc();
+        return static_cast<T*>(memory);
+    }
+    void deallocate(T* memory, size_t) noexcept { std::free(memory); }
+
+    template <class U>
+    bool operator==(const PageAlignedAllocator<U>&) const noexcept
+    {
+        return true;
+    }
+};
+
 class CImageSink {
 public:
-    using Chunk = std::vector<zo::uint8>;
+    using Chunk = std::vector<zo::uint8, PageAlignedAllocator<zo::uint8>>;
 
     // Opens `path` for `size` bytes; "-" is standard output. An existing
     // regular file that is not empty, or a symbolic link, is refused with
@@ -77,9 +116,13 @@ private:
     // Creates the temporary file beside the target.
     void openTemporary();
 
+    // Writes through the cache from now on.
+    void stopDirectIO();
+
     int m_fd = -1;
     bool m_ownsFd = false;
     bool m_sparse = false;
+    bool m_direct = false;  // the writer thread's alone once it runs
     std::string m_path;
     std::string m_temporaryPath;
     zo::int64 m_position = 0;  // the writer thread's alone
