@@ -15,7 +15,8 @@
 #   rand-read-256M / rand-write-256M   4 KiB, RUNTIME seconds, first 256 MiB
 #   rand-read-all / rand-write-all     4 KiB, RUNTIME seconds, whole disk
 # ROUNDS rounds (default 3), RUNTIME seconds (default 30), BRICK_SIZE the
-# brick disk's brick size (default: create's own); the medians are printed as
+# brick disk's brick size (default: create's own), SETTLE seconds of rest
+# after each server's copy is made (default 30); the medians are printed as
 # a Markdown table. Needs 12 GiB free in WORK_FOLDER.
 set -euo pipefail
 
@@ -24,6 +25,7 @@ work=${2:-/tmp/brickdisk-nbd-bench}
 rounds=${ROUNDS:-3}
 runtime=${RUNTIME:-30}
 brick_size=${BRICK_SIZE:-}
+settle=${SETTLE:-30}
 brickdisk=$build/tools/brickdisk
 plugin=$build/plugins/nbdkit/nbdkit-brickdisk-plugin.so
 servers=(${SERVERS:-brickdisk file qcow2-luks qcow2})
@@ -127,6 +129,11 @@ for round in $(seq 1 "$rounds"); do
   for server in "${servers[@]}"; do
     echo "== round $round: $server"
     fresh_copy "$server"
+    # Making the copy leaves gigabytes to write back, and a new brick disk
+    # follows the deletion of the old one's files, past which ext4 looks for
+    # a while when it creates files: both would fall on the measured runs.
+    sync
+    sleep "$settle"
     start_server "$server"
     for run in "${runs[@]}"; do
       value=$(run_fio "$run")
