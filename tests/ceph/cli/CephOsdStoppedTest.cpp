@@ -49,6 +49,15 @@ public:
             stop();
             throw std::runtime_error("the cluster of the test has no OSD process");
         }
+        // A paused OSD stays "up" in the cluster's map: the monitor would
+        // otherwise mark it down, and the OSD, continued, would have to boot
+        // into the cluster again before it serves, which on a busy machine
+        // took longer than the test waits. Clients time out on it all the
+        // same.
+        if (std::system("timeout 90 ceph --connect-timeout 60 osd set nodown >/dev/null 2>&1") != 0) {
+            stop();
+            throw std::runtime_error("the cluster of the test did not take the nodown flag");
+        }
     }
     ~COwnCephCluster()
     {
