@@ -241,8 +241,7 @@ public:
             throw zo::makeErrnoError(errno, "open", zo::String(path));
         if (!m_chunk)
             throw std::bad_alloc();
-        const int flags = ::fcntl(m_fd, F_GETFL);
-        m_direct = flags >= 0 && ::fcntl(m_fd, F_SETFL, flags | O_DIRECT) == 0;
+        m_direct = zo::CLocalFileSystem::setDirectIO(m_fd, true, path);
     }
     ~CImageOut()
     {
@@ -253,13 +252,13 @@ public:
     CImageOut(const CImageOut&) = delete;
     CImageOut& operator=(const CImageOut&) = delete;
 
-    bool isDirect() const { return m_direct; }
-
     void write(zo::int64 offset, const zo::uint8* data, int size)
     {
         std::memcpy(m_chunk, data, static_cast<size_t>(size));
-        if (m_direct && (size % kPage != 0 || offset % kPage != 0))
-            stopDirectIO();
+        if (m_direct && (size % kPage != 0 || offset % kPage != 0)) {
+            m_direct = false;
+            zo::CLocalFileSystem::setDirectIO(m_fd, false, m_path);
+        }
         if (::pwrite(m_fd, m_chunk, static_cast<size_t>(size), static_cast<off_t>(offset)) != size)
             throw zo::makeErrnoError(errno, "pwrite", zo::String(m_path));
     }
@@ -272,13 +271,6 @@ public:
 private:
     static constexpr int kPage = 4096;
     static size_t roundUpToPage(int size) { return static_cast<size_t>((size + kPage - 1) / kPage * kPage); }
-    void stopDirectIO()
-    {
-        m_direct = false;
-        const int flags = ::fcntl(m_fd, F_GETFL);
-        if (flags < 0 || ::fcntl(m_fd, F_SETFL, flags & ~O_DIRECT) != 0)
-            throw zo::makeErrnoError(errno, "fcntl", zo::String(m_path));
-    }
 
     std::string m_path;
     int m_fd;

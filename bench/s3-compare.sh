@@ -27,7 +27,7 @@
 #
 # WORK_FOLDER (default: a fresh folder under ${TMPDIR:-/var/tmp}, removed at
 # the end) needs about 5 GB. The cluster keeps its objects in memory: about
-# 4 GB per round and brick size.
+# 1 GB per round for each brick size and for each of the three peers' buckets.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo_root=$PWD

@@ -94,18 +94,13 @@ void CImageSink::openTemporary()
     m_ownsFd = true;
     m_sparse = true;
     m_temporaryPath = pattern;
-    // A file system without direct I/O refuses the flag: the file is then
-    // written through the cache.
-    const int flags = ::fcntl(m_fd, F_GETFL);
-    m_direct = flags >= 0 && ::fcntl(m_fd, F_SETFL, flags | O_DIRECT) == 0;
+    m_direct = zo::CLocalFileSystem::setDirectIO(m_fd, true, m_temporaryPath);
 }
 
 void CImageSink::stopDirectIO()
 {
     m_direct = false;
-    const int flags = ::fcntl(m_fd, F_GETFL);
-    if (flags < 0 || ::fcntl(m_fd, F_SETFL, flags & ~O_DIRECT) != 0)
-        throw zo::makeErrnoError(errno, "fcntl F_SETFL", zo::String(m_path));
+    zo::CLocalFileSystem::setDirectIO(m_fd, false, m_temporaryPath);
 }
 
 CImageSink::~CImageSink()

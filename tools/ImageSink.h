@@ -25,8 +25,8 @@
 #include <cstddef>
 #include <cstdlib>
 #include <deque>
-#include <new>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>

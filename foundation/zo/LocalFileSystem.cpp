@@ -200,6 +200,18 @@ void CLocalFileSystem::syncFolder(const std::string& path)
     syncLocalFolder(path);
 }
 
+bool CLocalFileSystem::setDirectIO(int fd, bool on, const std::string& path)
+{
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0)
+        throw makeErrnoError(errno, "fcntl F_GETFL", String(path));
+    if (::fcntl(fd, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT) == 0)
+        return true;
+    if (on && errno == EINVAL)
+        return false;
+    throw makeErrnoError(errno, "fcntl F_SETFL", String(path));
+}
+
 P<IFileSystemOp> CLocalFileSystem::beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
                                                   IDoneListener* listener)
 {

@@ -42,6 +42,13 @@ public:
     // cannot be opened or synced. Any thread may call it.
     static void syncFolder(const std::string& path);
 
+    // Turns direct I/O (O_DIRECT) on or off for the open file `fd`, whose
+    // path `path` names it in errors. Returns false, changing nothing, when
+    // the file's system refuses direct I/O; the file then goes on through the
+    // page cache. Throws makeErrnoError's error when the file's flags cannot
+    // be read or direct I/O cannot be turned off. Any thread may call it.
+    static bool setDirectIO(int fd, bool on, const std::string& path);
+
     // Writes a temporary file ".tmp-<random>-<name>.part" next to `file`,
     // fills it with exactly `size` bytes from `source` (fewer is a CIOError
     // EndOfData), makes it durable and renames it over `file` (overwrite) or

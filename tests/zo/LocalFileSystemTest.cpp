@@ -219,6 +219,43 @@ TEST_F(LocalFileSystemTest, ErrorsNameThePathTheActionAndTheErrno)
     }
 }
 
+TEST_F(LocalFileSystemTest, DirectIOIsTurnedOnAndOffForAFileWhoseSystemTakesIt)
+{
+    const std::string path = (temp.uri() << "direct").toString(true).toUTF8();
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    // The test folder lies on a disk file system, which takes direct I/O.
+    EXPECT_TRUE(CLocalFileSystem::setDirectIO(fd, true, path));
+    EXPECT_NE(::fcntl(fd, F_GETFL) & O_DIRECT, 0);
+    EXPECT_TRUE(CLocalFileSystem::setDirectIO(fd, false, path));
+    EXPECT_EQ(::fcntl(fd, F_GETFL) & O_DIRECT, 0);
+    ::close(fd);
+}
+
+TEST_F(LocalFileSystemTest, DirectIORefusedByTheFileSystemChangesNothing)
+{
+    // /dev/null has no direct I/O.
+    const int fd = ::open("/dev/null", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    const int flags = ::fcntl(fd, F_GETFL);
+    EXPECT_FALSE(CLocalFileSystem::setDirectIO(fd, true, "/dev/null"));
+    EXPECT_EQ(::fcntl(fd, F_GETFL), flags);
+    ::close(fd);
+}
+
+TEST_F(LocalFileSystemTest, DirectIOOnANonFileThrowsNamingThePath)
+{
+    for (const bool on : {true, false}) {
+        try {
+            CLocalFileSystem::setDirectIO(-1, on, "/some/image");
+            FAIL() << "a closed file took the flag";
+        } catch (const CError& e) {
+            EXPECT_EQ(e.getProps().lookup("path"), "/some/image");
+            EXPECT_EQ(e.getProps().lookup("errno"), toDecimalString(EBADF));
+        }
+    }
+}
+
 TEST_F(LocalFileSystemTest, BeginCreateFolderGivesTheFolderItsMode)
 {
     P<COutcomeListener> listener(new COutcomeListener());
