@@ -13,10 +13,15 @@ using zo::CIOError;
 using zo::CProps;
 
 // One brick in the cache. `data` is null while the brick is being loaded;
-// its bytes are guarded by `bytes`, everything else by the device's mutex.
+// its bytes, and which buffer `data` is, are guarded by `bytes`, everything
+// else by the device's mutex.
 struct CBrickDiskBlockDevice::CachedBrick {
     int64 index = 0;
     BrickData data;
+    // `data` is also the buffer of a pending store, which must not change:
+    // the next write copies it first (copy on write), so that a flush hands
+    // the cached bricks to their stores without copying them.
+    bool sharedWithStore = false;
     bool loading = false;
     bool dirty = false;
     int users = 0;
@@ -35,6 +40,9 @@ struct CBrickDiskBlockDevice::PendingStore {
     // Set, under the device's mutex, once the store was started or failed to.
     bool started = false;
     P<CBrickStorer> storer;
+    // Set, under the device's mutex, once the store has ended and its outcome
+    // was taken; its buffers are let go then.
+    bool retired = false;
 };
 
 // A brick object and a preparer of the current disk, lent to one thread at a
@@ -176,6 +184,10 @@ void CBrickDiskBlockDevice::modify(int64 offset, int64 size, const std::function
         const std::shared_ptr<CachedBrick> brick = acquire(index, inBrick == 0 && count == bytesInBrick);
         {
             std::unique_lock bytes(brick->bytes);
+            if (brick->sharedWithStore) {
+                brick->data = copyOf(*brick->data);
+                brick->sharedWithStore = false;
+            }
             change(brick->data->getData() + inBrick, count);
         }
         releaseBrick(brick, true);
@@ -220,7 +232,9 @@ std::shared_ptr<CBrickDiskBlockDevice::CachedBrick> CBrickDiskBlockDevice::acqui
     }
     const auto pending = m_pendingStores.find(index);
     if (pending != m_pendingStores.end()) {
-        brick->data = copyOf(*pending->second->data);
+        // Nobody else can reach the new entry before the mutex is let go.
+        brick->data = pending->second->data;
+        brick->sharedWithStore = true;
         return brick;
     }
     loadIntoCache(brick, lock);
@@ -514,17 +528,33 @@ CBrickDiskBlockDevice::StoreWorker CBrickDiskBlockDevice::borrowStoreWorker()
 void CBrickDiskBlockDevice::forgetEndedStores()
 {
     std::erase_if(m_allPendingStores, [this](const std::shared_ptr<PendingStore>& store) {
+        if (store->retired)
+            return true;
         if (!store->started || (store->storer && !store->storer->waitFinished(0)))
             return false;
-        if (store->storer) {
-            if (const PC<zo::CError> error = store->storer->getError())
-                m_storeErrors.push_back(error->clone());
-        }
-        const auto newest = m_pendingStores.find(store->index);
-        if (newest != m_pendingStores.end() && newest->second == store)
-            m_pendingStores.erase(newest);
+        retireStore(store);
         return true;
     });
+}
+
+void CBrickDiskBlockDevice::retireStore(const std::shared_ptr<PendingStore>& store)
+{
+    if (store->retired)
+        return;
+    store->retired = true;
+    if (store->storer) {
+        if (const PC<zo::CError> error = store->storer->getError())
+            m_storeErrors.push_back(error->clone());
+    }
+    const auto newest = m_pendingStores.find(store->index);
+    if (newest != m_pendingStores.end() && newest->second == store)
+        m_pendingStores.erase(newest);
+    // The brick's buffer and its prepared bytes (held by the storer) go back
+    // to their pools now, not when the last flush that waited for the store
+    // lets go of it.
+    store->data.reset();
+    store->storer.reset();
+    store->previous.reset();
 }
 
 void CBrickDiskBlockDevice::flush()
@@ -542,18 +572,21 @@ void CBrickDiskBlockDevice::flushLocked()
         for (const auto& [index, brick] : m_cache) {
             if (brick->loading || !brick->dirty)
                 continue;
-            BrickData copy;
+            BrickData shared;
             {
-                std::shared_lock bytes(brick->bytes);
-                copy = copyOf(*brick->data);
+                // Waits for a write in progress; later writes copy the buffer.
+                std::unique_lock bytes(brick->bytes);
+                shared = brick->data;
+                brick->sharedWithStore = true;
             }
             brick->dirty = false;
-            stores.push_back(addPendingStore(index, copy));
+            stores.push_back(addPendingStore(index, shared));
         }
         waitFor = m_allPendingStores;
     }
     startStoresInParallel(stores);
-    for (const std::shared_ptr<PendingStore>& store : waitFor) {
+    stores.clear();
+    for (std::shared_ptr<PendingStore>& store : waitFor) {
         P<CBrickStorer> storer;
         {
             std::unique_lock lock(m_mutex);
@@ -562,6 +595,10 @@ void CBrickDiskBlockDevice::flushLocked()
         }
         if (storer)
             storer->waitFinished(-1);
+        storer.reset();
+        std::lock_guard lock(m_mutex);
+        retireStore(store);
+        store.reset();
     }
 
     std::lock_guard lock(m_mutex);

@@ -155,6 +155,7 @@ private:
     std::shared_ptr<PendingStore> addPendingStore(int64 index, BrickData data);
     void storeInBackground(int64 index, BrickData data, std::unique_lock<std::mutex>& lock);
     void forgetEndedStores();
+    void retireStore(const std::shared_ptr<PendingStore>& store);
     // Called without the mutex.
     void startStore(const std::shared_ptr<PendingStore>& store);
     void startStoresInParallel(const std::vector<std::shared_ptr<PendingStore>>& stores);

@@ -120,6 +120,35 @@ TEST_F(BrickDiskBlockDeviceTest, RewritingABrickWhileItsStoreRunsKeepsTheNewestB
             << "brick " << i;
 }
 
+TEST_F(BrickDiskBlockDeviceTest, WritesWhileAFlushStoresLeaveItsBytesAloneAndReachTheNextFlush)
+{
+    fs->setCompletionDelay(100, 150);
+    const P<CBrickDiskBlockDevice> device = openDevice();
+    const Bytes flushed = testsupport::patternBytes(4 * kBrickSize, 5);
+    device->write(flushed.getData(), 0, flushed.getUsed());
+    const int storesBefore = fs->getOperationCount(Op::StoreFile);
+
+    std::thread flusher([&device] { device->flush(); });
+    // Once the first store has begun, the flush has taken every brick it
+    // stores; the cache still holds the same bricks, which change now.
+    while (fs->getOperationCount(Op::StoreFile) == storesBefore)
+        std::this_thread::yield();
+    const Bytes change = testsupport::patternBytes(100, 6);
+    Bytes later = flushed;
+    for (int i = 0; i < 4; ++i) {
+        const int64 at = static_cast<int64>(i) * kBrickSize + 50;
+        device->write(change.getData(), at, change.getUsed());
+        std::memcpy(later.getData() + at, change.getData(), static_cast<size_t>(change.getUsed()));
+    }
+    flusher.join();
+    fs->setCompletionDelay(0, 0);
+
+    EXPECT_EQ(storedBytes(0, flushed.getUsed()), flushed);
+    EXPECT_EQ(readDevice(*device, 0, later.getUsed()), later);
+    device->flush();
+    EXPECT_EQ(storedBytes(0, later.getUsed()), later);
+}
+
 TEST_F(BrickDiskBlockDeviceTest, ABrickLoadedAgainAfterItWasStoredReadsItsNewBytes)
 {
     const P<CBrickDiskBlockDevice> device = openDevice(0);
