@@ -102,6 +102,7 @@ CBrickDiskBlockDevice::CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes)
                        CProps().add("diskFolder", disk->getDiskFolder().toString(true)));
     m_brickBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
     m_preparedBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
+    reserveCacheMemory();
     try {
         for (int i = readAheadThreadCount(); i > 0; --i)
             m_readAheadThreads.emplace_back([this] { readAheadLoop(); });
@@ -322,6 +323,18 @@ CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::loadBrick(int64 index)
     }
     returnLoader(loader);
     return data;
+}
+
+// The buffers are written once here, so that the system finds their memory
+// now and not while the first bricks enter the cache, where every new page
+// would wait for it; they wait in the pool.
+void CBrickDiskBlockDevice::reserveCacheMemory()
+{
+    const int64 count = std::min<int64>(static_cast<int64>(m_capacity), m_brickCount);
+    std::vector<BrickData> buffers;
+    buffers.reserve(static_cast<size_t>(count));
+    for (int64 i = 0; i < count; ++i)
+        buffers.push_back(newBrickData(true));
 }
 
 CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::newBrickData(bool zeroed) const

@@ -59,9 +59,12 @@ public:
 
     // A device over `disk`, whose bricks it reads through its own brick
     // objects. The cache keeps about `cacheBytes` of decoded bricks (never
-    // fewer than 4 bricks). Writable when the disk was opened for reading and
-    // writing. Starts the read-ahead threads; throws zo::CIOError InvalidData
-    // when the disk has no valid brick size, and what starting a thread throws.
+    // fewer than 4 bricks, never more than the disk has), and its memory is
+    // taken here, once, and kept until the device goes. Writable when the disk
+    // was opened for reading and writing. Starts the read-ahead threads;
+    // throws zo::CIOError InvalidData when the disk has no valid brick size,
+    // std::bad_alloc when the cache's memory cannot be had, and what starting
+    // a thread throws.
     CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes);
     // Ends the read-ahead threads, flushes what was written and waits for
     // every store; a failure is logged, never thrown.
@@ -134,6 +137,8 @@ private:
     void releaseBrick(const std::shared_ptr<CachedBrick>& brick, bool changed);
     void evictWhileOverCapacity(std::unique_lock<std::mutex>& lock);
     BrickData loadBrick(int64 index);
+    // Fills the pool of decoded bricks with the cache's worth of buffers.
+    void reserveCacheMemory();
     // A brick's worth of bytes from the pool, all zero when `zeroed`.
     BrickData newBrickData(bool zeroed) const;
     BrickData copyOf(const zo::TBuffer<uint8>& data) const;
