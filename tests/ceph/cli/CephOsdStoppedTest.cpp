@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -20,6 +21,19 @@ namespace {
 using clitest::RunResult;
 using clitest::readFile;
 using clitest::writeFile;
+
+// What the cluster of the test says of its health, for a failure message.
+std::string clusterHealth()
+{
+    std::string text;
+    if (FILE* pipe = ::popen("timeout 30 ceph --connect-timeout 20 health detail 2>&1", "r")) {
+        char buffer[512];
+        while (std::fgets(buffer, sizeof buffer, pipe))
+            text += buffer;
+        ::pclose(pipe);
+    }
+    return text;
+}
 
 // A one-node cluster of scripts/ceph-test-cluster.sh in a folder of its own.
 // While it lives, CEPH_CONF and CEPH_KEYRING name it, so the programs that
@@ -57,6 +71,17 @@ public:
         if (std::system("timeout 90 ceph --connect-timeout 60 osd set nodown >/dev/null 2>&1") != 0) {
             stop();
             throw std::runtime_error("the cluster of the test did not take the nodown flag");
+        }
+        // A placement group serves only while its read lease runs (0.8 times
+        // the heartbeat grace, 16 s). One whose lease ran out during the pause
+        // could stay "laggy" once the OSD was continued, holding back every
+        // operation on its objects for minutes: with a single OSD no peer
+        // acknowledges a renewed lease, which is what lets such a group go
+        // on. A lease of 200 s outlasts the pause.
+        if (std::system("timeout 90 ceph --connect-timeout 60 config set osd osd_pool_default_read_lease_ratio 10 "
+                        ">/dev/null 2>&1") != 0) {
+            stop();
+            throw std::runtime_error("the cluster of the test did not take the longer read lease");
         }
     }
     ~COwnCephCluster()
@@ -124,7 +149,9 @@ protected:
                 return;
             std::this_thread::sleep_for(std::chrono::seconds(3));
         }
-        ADD_FAILURE() << "the disk did not become usable again: " << last.err << last.out;
+        ADD_FAILURE() << "the disk did not become usable again: " << last.err << last.out
+                      << "the cluster:\n"
+                      << clusterHealth();
     }
 
     static constexpr int timeoutSeconds = 5;
