@@ -117,6 +117,13 @@ mon_allow_pool_size_one = true
 mon_allow_pool_delete = true
 mon_warn_on_pool_no_redundancy = false
 mon_max_pg_per_osd = 1000
+# A placement group serves only while its read lease runs (by default 0.8
+# times the heartbeat grace, 16 s). With one OSD no peer acknowledges a
+# renewed lease, and a group whose lease ran out while the OSD stood still
+# (paused by a test, or starved of processor time) can stay "laggy" once it
+# runs again, holding back every operation on its objects for minutes. A
+# group takes its lease's length when it peers: 200 s here.
+osd_pool_default_read_lease_ratio = 10
 # The folder lies on whatever disk /tmp is: do not warn or stop when it fills.
 mon_data_avail_warn = 2
 mon_data_avail_crit = 1
