@@ -567,7 +567,6 @@ void CBrickDiskBlockDevice::retireStore(const std::shared_ptr<PendingStore>& sto
     // lets go of it.
     store->data.reset();
     store->storer.reset();
-    store->previous.reset();
 }
 
 void CBrickDiskBlockDevice::flush()
@@ -598,8 +597,7 @@ void CBrickDiskBlockDevice::flushLocked()
         waitFor = m_allPendingStores;
     }
     startStoresInParallel(stores);
-    stores.clear();
-    for (std::shared_ptr<PendingStore>& store : waitFor) {
+    for (const std::shared_ptr<PendingStore>& store : waitFor) {
         P<CBrickStorer> storer;
         {
             std::unique_lock lock(m_mutex);
@@ -608,10 +606,8 @@ void CBrickDiskBlockDevice::flushLocked()
         }
         if (storer)
             storer->waitFinished(-1);
-        storer.reset();
         std::lock_guard lock(m_mutex);
         retireStore(store);
-        store.reset();
     }
 
     std::lock_guard lock(m_mutex);

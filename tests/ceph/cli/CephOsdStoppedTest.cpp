@@ -86,17 +86,6 @@ public:
 
     void stopOsd() const { ::kill(m_osd, SIGSTOP); }
     void continueOsd() const { ::kill(m_osd, SIGCONT); }
-    // Marks the OSD down (lifting the nodown flag first); it notices, is
-    // marked up again and peers its placement groups anew, which releases a
-    // group left "laggy" by the pause (see scripts/ceph-test-cluster.sh).
-    void repeer() const
-    {
-        std::fprintf(stderr, "the cluster still holds operations back; its OSD peers again:\n%s",
-                     clusterHealth().c_str());
-        if (std::system("timeout 60 ceph --connect-timeout 20 osd unset nodown >/dev/null 2>&1 && "
-                        "timeout 60 ceph --connect-timeout 20 osd down 0 >/dev/null 2>&1") != 0)
-            std::fprintf(stderr, "marking the OSD down failed\n");
-    }
 
 private:
     // Stops the daemons, removes the folder and gives the environment back.
@@ -139,9 +128,7 @@ protected:
     }
 
     // Runs `check` (no password, the disk's read lock, every object read)
-    // until it works, for at most 30 attempts 3 seconds apart. Should the
-    // cluster still hold operations back after 10 of them, its OSD is made to
-    // peer its placement groups again (see COwnCephCluster::repeer).
+    // until it works, for at most 30 attempts 3 seconds apart.
     void waitUntilUsable(const std::string& folder) const
     {
         std::vector<std::string> args = cephArgs;
@@ -151,8 +138,6 @@ protected:
             last = clitest::run(args);
             if (last.exitStatus == 0)
                 return;
-            if (attempt == 10)
-                cluster.repeer();
             std::this_thread::sleep_for(std::chrono::seconds(3));
         }
         ADD_FAILURE() << "the disk did not become usable again: " << last.err << last.out
