@@ -1,5 +1,7 @@
 #include "brick/BrickDiskStream.h"
 
+#include <iterator>
+
 #include "zo/Error.h"
 #include "zo/Log.h"
 
@@ -121,6 +123,18 @@ void CBrickDiskStream::flush()
 {
     checkOpen();
     m_disk->flushChanges();
+    const zo::TList<CBrick::Error>& errors = m_disk->getBackgroundErrorList();
+    if (errors.size() <= m_reportedSaveErrors)
+        return;
+    const CBrick::Error& first = *std::next(errors.begin(), static_cast<std::ptrdiff_t>(m_reportedSaveErrors));
+    const auto failed = static_cast<int64>(errors.size() - m_reportedSaveErrors);
+    m_reportedSaveErrors = errors.size();
+    throw zo::CError("Storing changed bricks failed.", String(), -1,
+                     zo::CProps()
+                         .add("diskFolder", m_disk->getDiskFolder().toString(true))
+                         .add("brickIndex", first.brickIndex)
+                         .add("failedBricks", failed),
+                     first.error.get());
 }
 
 void CBrickDiskStream::setLength(int64)

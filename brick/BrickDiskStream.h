@@ -72,7 +72,11 @@ public:
     void writeKeepBuffer(const zo::TConstBufferSlice<uint8>& slice, zo::IWriteBarrier* barrier = nullptr) override;
     // Flushes, then returns a barrier that is already passed.
     P<zo::IWriteBarrier> createWriteBarrier(zo::IWriteBarrier* previous) override;
-    // CBrickDisk::flushChanges: every changed brick is stored before it returns.
+    // CBrickDisk::flushChanges: every changed brick is stored before it
+    // returns. A background save of the disk that failed since the last flush
+    // is thrown here: zo::CError "Storing changed bricks failed." with
+    // "diskFolder", "brickIndex" (the first new failure's), "failedBricks"
+    // (how many failed since) and that failure as its cause.
     void flush() override;
     // Never supported on a disk: throws CIOError SetLengthNotSupported (13).
     void setLength(int64 length) override;
@@ -90,6 +94,8 @@ private:
     P<CBrickDisk> m_disk;
     CURI m_uri;
     int64 m_virtualLength;
+    // Failed background saves of the disk that a flush has reported.
+    size_t m_reportedSaveErrors = 0;
 };
 
 } // namespace brick

@@ -2,6 +2,7 @@
 
 #include "support/BrickTestHelpers.h"
 #include "support/DiskStreamTestHelpers.h"
+#include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/Error.h"
 #include "zo/LocalFileSystem.h"
@@ -303,6 +304,27 @@ TEST_F(BrickDiskStreamTest, FlushStoresTheChangedBricks)
     Bytes got(100);
     reopened->read(got.getData(), 100);
     EXPECT_TRUE(testsupport::sameBytes(got, bytes));
+}
+
+TEST_F(BrickDiskStreamTest, FlushThrowsASaveThatFailedSinceTheLastFlushOnce)
+{
+    const Bytes bytes = testsupport::patternBytes(100, 23);
+    stream->seek(4 * kBrickSize);
+    stream->write(bytes.getData(), bytes.getUsed());
+    fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 1, CFileSystemError::NoSpace, false);
+
+    const auto error = testsupport::errorOf<CError>([&] { stream->flush(); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(testsupport::messageOf(*error), "Storing changed bricks failed.");
+    ASSERT_NE(error->getCause(), nullptr);
+    EXPECT_EQ(CFileSystemError::getProblem(error->getCause()->getProps()), CFileSystemError::NoSpace);
+    const auto props = testsupport::propsOf(*error);
+    EXPECT_NE(std::find(props.begin(), props.end(), std::make_pair(std::string("brickIndex"), std::string("4"))),
+              props.end());
+
+    // Reported once; a write stored since leaves the next flush quiet.
+    stream->write(bytes.getData(), bytes.getUsed());
+    EXPECT_NO_THROW(stream->flush());
 }
 
 TEST_F(BrickDiskStreamTest, CreateWriteBarrierFlushesAndIsPassed)
