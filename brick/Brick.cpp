@@ -122,6 +122,36 @@ P<CBrickStorer> CBrick::writePreparedBrick(const TBuffer<uint8>* prepared, IDone
     return storer;
 }
 
+bool CBrick::storedFileHolds(const TBuffer<uint8>& plain, const TBuffer<uint8>* prepared)
+{
+    const CURI file = m_diskFolder << getRelativeBrickURI();
+    try {
+        if (!prepared)
+            return m_searchFolders.size() == 1 && !m_fs->pathExists(file);
+        const int headSize = m_preparer->getPlainDigestEnd();
+        if (prepared->getUsed() < headSize)
+            return false;
+        {
+            const P<zo::IIOStream> stream = m_fs->openStream(file, zo::IIOStream::AccessRead, 0);
+            TBuffer<uint8> head;
+            head.setUsed(headSize);
+            if (stream->readLax(head.getData(), headSize) != headSize ||
+                !m_preparer->haveSamePlainDigest(head.getData(), prepared->getData()))
+                return false;
+        }
+        const P<zo::CMemPoolBuffer> stored = readBrickFile(m_diskFolder);
+        if (!stored)
+            return false;
+        TBuffer<uint8> storedPlain;
+        m_preparer->unprepareData(*stored, storedPlain, m_brickIndex);
+        return storedPlain.getUsed() == plain.getUsed() &&
+               std::memcmp(storedPlain.getData(), plain.getData(), static_cast<size_t>(plain.getUsed())) == 0;
+    } catch (const std::exception&) {
+        // Missing, unreadable or damaged: storing the brick is the answer.
+        return false;
+    }
+}
+
 CURI CBrick::getRelativeBrickURI()
 {
     return getRelativeBrickURI(m_header, m_brickIndex);

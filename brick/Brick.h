@@ -67,6 +67,15 @@ public:
     // of the save. Waits for an earlier save of the same brick and for a free
     // slot first. Returns the storer; throws when it cannot be started.
     P<CBrickStorer> writePreparedBrick(const TBuffer<uint8>* prepared, IDoneListener* listener);
+    // True when storing `plain` as the current brick would change nothing:
+    // this disk's own folder holds the brick's file with exactly these bytes,
+    // or, for an all-zero brick (`prepared` null) of a disk without parents,
+    // no file of it. `prepared` is `plain` as prepareData made it for this
+    // brick. Reads the file's head and compares the digests of the plain
+    // bytes; only when they match is the whole file read, checked and
+    // compared byte for byte. Never throws: a file that cannot be read or
+    // decoded counts as different, and the store goes ahead.
+    bool storedFileHolds(const TBuffer<uint8>& plain, const TBuffer<uint8>* prepared);
 
     // The current brick's file, relative to a disk folder:
     // "bricks/<level T-1>/.../<level 1>/<level 0>.brick".

@@ -113,6 +113,11 @@ zo::P<zo::ICompressor> CBrickDataPreparer::createCompressor(const zo::String& co
     throw zo::CError("Unknown compressor ID: " + compressID);
 }
 
+bool CBrickDataPreparer::haveSamePlainDigest(const zo::uint8* a, const zo::uint8* b) const
+{
+    return std::memcmp(a + m_fixedHeaderSize, b + m_fixedHeaderSize, static_cast<size_t>(m_digestSize)) == 0;
+}
+
 const zo::uint8* CBrickDataPreparer::digestOf(const void* data, int size, const zo::int64* brickIndex)
 {
     m_digest->reset();

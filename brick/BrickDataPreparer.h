@@ -63,6 +63,14 @@ public:
     // may be used.
     bool bindsBrickIndex() const { return m_bindsBrickIndex; }
 
+    // How many bytes at the start of a brick file carry the digest of its
+    // plain bytes (and, where bound, its brick index).
+    int getPlainDigestEnd() const { return m_fixedHeaderSize + m_digestSize; }
+    // True when the brick file heads `a` and `b` (getPlainDigestEnd() bytes
+    // each) carry the same digest of their plain bytes: files made from the
+    // same bytes (at the same index, where bound), barring a collision.
+    bool haveSamePlainDigest(const zo::uint8* a, const zo::uint8* b) const;
+
     // The brick file bytes of the brick at `brickIndex`, as prepareData below.
     // The index is ignored when the disk's bricks are not bound to theirs.
     void prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared, zo::int64 brickIndex);

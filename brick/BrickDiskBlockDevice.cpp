@@ -22,6 +22,10 @@ struct CBrickDiskBlockDevice::CachedBrick {
     // the next write copies it first (copy on write), so that a flush hands
     // the cached bricks to their stores without copying them.
     bool sharedWithStore = false;
+    // False while `data` holds zeros in place of bytes that were never
+    // loaded (the brick is about to be overwritten whole): what it holds then
+    // tells nothing about what the disk holds.
+    bool bytesKnown = true;
     bool loading = false;
     bool dirty = false;
     int users = 0;
@@ -40,6 +44,8 @@ struct CBrickDiskBlockDevice::PendingStore {
     // Set, under the device's mutex, once the store was started or failed to.
     bool started = false;
     P<CBrickStorer> storer;
+    // Why the store could not be started, if it could not.
+    P<zo::CError> startFailure;
     // Set, under the device's mutex, once the store has ended and its outcome
     // was taken; its buffers are let go then.
     bool retired = false;
@@ -158,19 +164,29 @@ void CBrickDiskBlockDevice::read(void* dst, int64 offset, int64 size)
 
 void CBrickDiskBlockDevice::write(const void* src, int64 offset, int64 size)
 {
-    const auto* in = static_cast<const uint8*>(src);
-    modify(offset, size, [&in](uint8* dst, int64 count) {
+    const auto* begin = static_cast<const uint8*>(src);
+    modify(offset, size, [begin, offset](uint8* dst, int64 at, int64 count, bool apply) {
+        const uint8* in = begin + (at - offset);
+        if (!apply)
+            return std::memcmp(dst, in, static_cast<size_t>(count)) != 0;
         std::memcpy(dst, in, static_cast<size_t>(count));
-        in += count;
+        return true;
     });
 }
 
 void CBrickDiskBlockDevice::zero(int64 offset, int64 size)
 {
-    modify(offset, size, [](uint8* dst, int64 count) { std::memset(dst, 0, static_cast<size_t>(count)); });
+    modify(offset, size, [](uint8* dst, int64, int64 count, bool apply) {
+        if (!apply)
+            return !zo::isAllZero(dst, static_cast<size_t>(count));
+        std::memset(dst, 0, static_cast<size_t>(count));
+        return true;
+    });
 }
 
-void CBrickDiskBlockDevice::modify(int64 offset, int64 size, const std::function<void(uint8*, int64)>& change)
+// Bytes that already read as they are to be written are not a change: the
+// brick stays clean, so rewriting a disk with what it holds stores nothing.
+void CBrickDiskBlockDevice::modify(int64 offset, int64 size, const Change& change)
 {
     std::shared_lock gate(m_gate);
     if (!m_writable)
@@ -183,15 +199,22 @@ void CBrickDiskBlockDevice::modify(int64 offset, int64 size, const std::function
         const int64 count = std::min(size, m_brickSize - inBrick);
         const int64 bytesInBrick = std::min(m_brickSize, m_diskSize - index * m_brickSize);
         const std::shared_ptr<CachedBrick> brick = acquire(index, inBrick == 0 && count == bytesInBrick);
+        bool changed = false;
         {
             std::unique_lock bytes(brick->bytes);
-            if (brick->sharedWithStore) {
-                brick->data = copyOf(*brick->data);
-                brick->sharedWithStore = false;
+            uint8* dst = brick->data->getData() + inBrick;
+            if (!brick->bytesKnown || change(dst, offset, count, false)) {
+                if (brick->sharedWithStore) {
+                    brick->data = copyOf(*brick->data);
+                    brick->sharedWithStore = false;
+                    dst = brick->data->getData() + inBrick;
+                }
+                change(dst, offset, count, true);
+                brick->bytesKnown = true;
+                changed = true;
             }
-            change(brick->data->getData() + inBrick, count);
         }
-        releaseBrick(brick, true);
+        releaseBrick(brick, changed);
         offset += count;
         size -= count;
     }
@@ -229,6 +252,7 @@ std::shared_ptr<CBrickDiskBlockDevice::CachedBrick> CBrickDiskBlockDevice::acqui
     brick->users = 1;
     if (overwriteWhole) {
         brick->data = newBrickData(true);
+        brick->bytesKnown = false;
         return brick;
     }
     const auto pending = m_pendingStores.find(index);
@@ -281,9 +305,14 @@ void CBrickDiskBlockDevice::releaseBrick(const std::shared_ptr<CachedBrick>& bri
     evictWhileOverCapacity(lock);
 }
 
+// Evicts as many bricks as the cache holds too many now. A brick whose store
+// fails comes back into the cache (see retireStore), possibly while this
+// runs; it waits for the next call, so that a file system that fails every
+// store cannot keep this loop going.
 void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>& lock)
 {
-    while (m_cache.size() > m_capacity) {
+    for (size_t excess = m_cache.size() > m_capacity ? m_cache.size() - m_capacity : 0;
+         excess > 0 && m_cache.size() > m_capacity; --excess) {
         // The least recently used brick that no thread holds.
         auto victim = m_recency.end();
         for (auto it = m_recency.end(); it != m_recency.begin();) {
@@ -476,8 +505,9 @@ std::shared_ptr<CBrickDiskBlockDevice::PendingStore> CBrickDiskBlockDevice::addP
     return store;
 }
 
-// Prepares the brick on the calling thread and starts its store. A failure
-// is kept for the next flush, which reports it.
+// Prepares the brick on the calling thread and starts its store, unless the
+// disk already holds its bytes. A failure is kept with the brick: see
+// retireStore.
 void CBrickDiskBlockDevice::startStore(const std::shared_ptr<PendingStore>& store)
 {
     StoreWorker worker = borrowStoreWorker();
@@ -491,7 +521,8 @@ void CBrickDiskBlockDevice::startStore(const std::shared_ptr<PendingStore>& stor
         }
         waitForEarlierStore(*store);
         worker.brick->seek(store->index, 0);
-        storer = worker.brick->writePreparedBrick(prepared.get(), nullptr);
+        if (!worker.brick->storedFileHolds(*store->data, prepared.get()))
+            storer = worker.brick->writePreparedBrick(prepared.get(), nullptr);
     } catch (const zo::CError& e) {
         zo::logError(e, "Error initiating background brick storing operation.", zo::String::getEmptyString());
         failure = e.clone();
@@ -502,9 +533,8 @@ void CBrickDiskBlockDevice::startStore(const std::shared_ptr<PendingStore>& stor
     m_idleStoreWorkers.push_back(std::move(worker));
     store->previous.reset();
     store->storer = storer;
+    store->startFailure = failure;
     store->started = true;
-    if (failure)
-        m_storeErrors.push_back(failure);
     forgetEndedStores();
     m_changed.notify_all();
 }
@@ -550,23 +580,59 @@ void CBrickDiskBlockDevice::forgetEndedStores()
     });
 }
 
+// A store that failed leaves its brick dirty: nothing acknowledged is dropped.
+// Unless a later store of the brick is on its way, the bytes go back into the
+// cache as a changed brick, where reads find them and the next eviction or
+// flush stores them again; the brick counts as unstored until a store of it
+// succeeds.
 void CBrickDiskBlockDevice::retireStore(const std::shared_ptr<PendingStore>& store)
 {
     if (store->retired)
         return;
     store->retired = true;
-    if (store->storer) {
+    P<zo::CError> failure = store->startFailure;
+    if (!failure && store->storer) {
         if (const PC<zo::CError> error = store->storer->getError())
-            m_storeErrors.push_back(error->clone());
+            failure = error->clone();
     }
     const auto newest = m_pendingStores.find(store->index);
-    if (newest != m_pendingStores.end() && newest->second == store)
+    const bool isNewest = newest != m_pendingStores.end() && newest->second == store;
+    if (isNewest)
         m_pendingStores.erase(newest);
+    if (!failure) {
+        if (isNewest)
+            m_unstoredBricks.erase(store->index);
+    } else if (isNewest) {
+        m_unstoredBricks[store->index] = failure;
+        keepUnstoredBytes(*store);
+    }
     // The brick's buffer and its prepared bytes (held by the storer) go back
     // to their pools now, not when the last flush that waited for the store
     // lets go of it.
     store->data.reset();
     store->storer.reset();
+}
+
+void CBrickDiskBlockDevice::keepUnstoredBytes(const PendingStore& store)
+{
+    const auto cached = m_cache.find(store.index);
+    if (cached != m_cache.end()) {
+        // The cache holds these bytes, or newer ones written since.
+        cached->second->dirty = true;
+        return;
+    }
+    const std::shared_ptr<CachedBrick> brick = addToCache(store.index);
+    brick->data = store.data;
+    brick->dirty = true;
+}
+
+std::vector<int64> CBrickDiskBlockDevice::getUnstoredBricks()
+{
+    std::lock_guard lock(m_mutex);
+    std::vector<int64> indexes;
+    for (const auto& [index, error] : m_unstoredBricks)
+        indexes.push_back(index);
+    return indexes;
 }
 
 void CBrickDiskBlockDevice::flush()
@@ -612,12 +678,15 @@ void CBrickDiskBlockDevice::flushLocked()
 
     std::lock_guard lock(m_mutex);
     forgetEndedStores();
-    if (m_storeErrors.empty())
+    if (m_unstoredBricks.empty())
         return;
-    const P<zo::CError> first = m_storeErrors.front();
-    m_storeErrors.clear();
+    const auto& [firstIndex, firstError] = *m_unstoredBricks.begin();
     throw zo::CError("Storing changed bricks failed.", zo::String(), -1,
-                     CProps().add("diskFolder", m_disk->getDiskFolder().toString(true)), first.get());
+                     CProps()
+                         .add("diskFolder", m_disk->getDiskFolder().toString(true))
+                         .add("unstoredBricks", static_cast<int64>(m_unstoredBricks.size()))
+                         .add("brickIndex", firstIndex),
+                     firstError.get());
 }
 
 // Preparing a brick (compressing, encrypting) is the costly part of a store,

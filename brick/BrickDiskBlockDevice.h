@@ -67,7 +67,8 @@ public:
     // a thread throws.
     CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes);
     // Ends the read-ahead threads, flushes what was written and waits for
-    // every store; a failure is logged, never thrown.
+    // every store; a failure is logged, never thrown (callers that must know
+    // call flush() and getUnstoredBricks() first).
     ~CBrickDiskBlockDevice() override;
 
     int64 getSize() const { return m_diskSize; }
@@ -94,9 +95,15 @@ public:
     void zero(int64 offset, int64 size);
     // Returns once everything written before the call is stored by the file
     // system (durably, when it stores durably). Throws a zo::CError "Storing
-    // changed bricks failed." with the first failure as its cause when any
-    // store since the last flush failed; the failures are then forgotten.
+    // changed bricks failed." (properties "unstoredBricks", the count, and
+    // "brickIndex", the first of them) with a failure as its cause while any
+    // written brick is not stored. A brick whose store failed is never
+    // dropped: it stays in memory, reads return its newest bytes, and every
+    // later flush (and eviction) stores it again until a store succeeds.
     void flush();
+    // The bricks whose latest store failed and that no store has stored
+    // since, in ascending order: what a flush now would still report.
+    std::vector<int64> getUnstoredBricks();
     // What the bytes from `offset` on hold, as consecutive extents that cover
     // the range (clipped to the disk); whole bricks at a time. Throws
     // zo::CIOError EndOfData when `offset` is outside the disk.
@@ -122,7 +129,10 @@ private:
     };
     using BrickData = P<zo::TBuffer<uint8>>;
 
-    void modify(int64 offset, int64 size, const std::function<void(uint8* dst, int64 count)>& change);
+    // Changes `count` bytes at `dst`, which stand for the disk's bytes from
+    // `offset`; without `apply` only tells whether applying would change them.
+    using Change = std::function<bool(uint8* dst, int64 offset, int64 count, bool apply)>;
+    void modify(int64 offset, int64 size, const Change& change);
     void checkRange(int64 offset, int64 size, zo::CIOError::Code code) const;
 
     // The cached brick `index`, loaded when needed, held until releaseBrick().
@@ -161,6 +171,7 @@ private:
     void storeInBackground(int64 index, BrickData data, std::unique_lock<std::mutex>& lock);
     void forgetEndedStores();
     void retireStore(const std::shared_ptr<PendingStore>& store);
+    void keepUnstoredBytes(const PendingStore& store);
     // Called without the mutex.
     void startStore(const std::shared_ptr<PendingStore>& store);
     void startStoresInParallel(const std::vector<std::shared_ptr<PendingStore>>& stores);
@@ -195,7 +206,9 @@ private:
     // The newest store of each brick whose store has not been seen to end.
     std::map<int64, std::shared_ptr<PendingStore>> m_pendingStores;
     std::vector<std::shared_ptr<PendingStore>> m_allPendingStores;
-    std::vector<P<zo::CError>> m_storeErrors;
+    // Bricks whose latest store failed, with the failure; their bytes are in
+    // the cache or in a store on its way.
+    std::map<int64, P<zo::CError>> m_unstoredBricks;
 
     // Recent runs of reads, most recently continued first.
     std::list<ReadRun> m_readRuns;

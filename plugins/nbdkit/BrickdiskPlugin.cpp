@@ -15,6 +15,7 @@
 #include "zo/Log.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -154,9 +155,21 @@ int brickdiskAfterFork()
     }
 }
 
+// A served disk never drops an acknowledged write by itself: bricks that
+// still cannot be stored when the server stops are named, and the server
+// exits with a failure instead of ending as if all were well.
 void brickdiskCleanup()
 {
     snapshotControl.reset();
+    if (!served)
+        return;
+    try {
+        served->device().flush();
+    } catch (const std::exception& e) {
+        nbdkit_error("%s", nbdplugin::describeUnstoredBricks(served->device(), e).c_str());
+        served.reset();
+        std::_Exit(EXIT_FAILURE);
+    }
     served.reset();
 }
 

@@ -15,7 +15,26 @@ namespace {
 constexpr int kMaxBackgroundOps = 16;
 constexpr int kFileSystemThreads = 8;
 
+// Indexes named in full; the rest are counted.
+constexpr size_t kNamedBricks = 16;
+
 } // namespace
+
+std::string describeUnstoredBricks(CBrickDiskBlockDevice& device, const std::exception& failure)
+{
+    const std::vector<zo::int64> unstored = device.getUnstoredBricks();
+    std::string indexes;
+    for (size_t i = 0; i < unstored.size() && i < kNamedBricks; ++i)
+        indexes += (i == 0 ? "" : ", ") + std::to_string(unstored[i]);
+    if (unstored.size() > kNamedBricks)
+        indexes += ", ...";
+    const auto* error = dynamic_cast<const zo::CError*>(&failure);
+    const std::string cause = error ? error->toString().toUTF8() : std::string(failure.what());
+    return "The server stops with " + std::to_string(unstored.size()) +
+           (unstored.size() == 1 ? " changed brick" : " changed bricks") + " not stored (" +
+           (unstored.size() == 1 ? "brick " : "bricks ") + indexes + "): " + cause +
+           " Their latest writes are lost.";
+}
 
 CServedDisk::CServedDisk(const ServeOptions& options)
     : m_options(options), m_folder(zo::String(options.diskFolder)), m_fs(new zo::CLocalFileSystem(kFileSystemThreads))

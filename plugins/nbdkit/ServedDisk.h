@@ -18,6 +18,12 @@ struct ServeOptions {
     std::string password;
 };
 
+// What a server that stops with unstored bricks says: how many, which (the
+// first few indexes) and why (`failure`, the flush's error), e.g. "The server
+// stops with 2 changed bricks not stored (bricks 4, 9): ... Their latest
+// writes are lost."
+std::string describeUnstoredBricks(brick::CBrickDiskBlockDevice& device, const std::exception& failure);
+
 class CServedDisk {
 public:
     // Opens the disk (reading and writing unless read-only, durable stores),

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -290,24 +292,6 @@ TEST_F(BrickDiskBlockDeviceTest, RangesPastTheEndAreRefusedBeforeAnyByteMoves)
     EXPECT_EQ(error->getIOCode(), CIOError::EndOfData);
 }
 
-TEST_F(BrickDiskBlockDeviceTest, FailedStoreIsReportedByTheNextFlushOnly)
-{
-    const P<CBrickDiskBlockDevice> device = openDevice();
-    const Bytes data = testsupport::patternBytes(kBrickSize, 1);
-    device->write(data.getData(), 0, kBrickSize);
-    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
-
-    const auto error = errorOf<CError>([&] { device->flush(); });
-    ASSERT_TRUE(error);
-    EXPECT_EQ(messageOf(*error), "Storing changed bricks failed.");
-    ASSERT_NE(error->getCause(), nullptr);
-
-    // Reported once; a later write stores normally.
-    device->write(data.getData(), 0, kBrickSize);
-    EXPECT_NO_THROW(device->flush());
-    EXPECT_EQ(storedBytes(0, kBrickSize), data);
-}
-
 TEST_F(BrickDiskBlockDeviceTest, FailedLoadIsThrownAndTheBrickIsLoadedAgainLater)
 {
     {
@@ -366,6 +350,85 @@ TEST_F(BrickDiskBlockDeviceTest, ReplacingTheDiskForASnapshotFreezesWhatWasWritt
     EXPECT_EQ(testsupport::readAt(*frozen, kBrickSize, before.getUsed()), before);
     EXPECT_EQ(testsupport::readAt(*frozen, 0, kBrickSize), testsupport::zeroBytes(kBrickSize));
     EXPECT_EQ(storedBytes(0, after.getUsed()), after);
+}
+
+TEST_F(BrickDiskBlockDeviceTest, RewritingTheBytesTheDiskHoldsStoresNothing)
+{
+    const Bytes data = testsupport::patternBytes(static_cast<int>(kDiskSize), 8);
+    {
+        const P<CBrickDiskBlockDevice> device = openDevice();
+        device->write(data.getData(), 0, kDiskSize);
+    }
+    const P<CBrickDiskBlockDevice> device = openDevice();
+    fs->resetCounters();
+    // Whole bricks, which are not loaded before they are written, and parts
+    // of bricks, which are.
+    device->write(data.getData(), 0, 6 * kBrickSize);
+    device->write(data.getData() + 6 * kBrickSize + 100, 6 * kBrickSize + 100, 3 * kBrickSize);
+    device->flush();
+    EXPECT_EQ(fs->getOperationCount(Op::StoreFile), 0);
+    EXPECT_EQ(fs->getOperationCount(Op::DeleteFile), 0);
+    EXPECT_EQ(storedBytes(0, static_cast<int>(kDiskSize)), data);
+}
+
+TEST_F(BrickDiskBlockDeviceTest, ZerosWrittenWhereNothingIsStoredStoreNothing)
+{
+    const P<CBrickDiskBlockDevice> device = openDevice();
+    fs->resetCounters();
+    device->zero(0, 3 * kBrickSize);
+    const Bytes zeros = testsupport::zeroBytes(kBrickSize);
+    device->write(zeros.getData(), 5 * kBrickSize, kBrickSize);
+    device->flush();
+    EXPECT_EQ(fs->getOperationCount(Op::StoreFile), 0);
+    EXPECT_EQ(fs->getOperationCount(Op::DeleteFile), 0);
+    EXPECT_EQ(fs->getOperationCount(Op::CopyFile), 0);
+}
+
+TEST_F(BrickDiskBlockDeviceTest, RewritingTheBytesTheDiskHoldsCopiesNothingIntoItsSnapshot)
+{
+    const Bytes data = testsupport::patternBytes(4 * kBrickSize, 9);
+    openDevice()->write(data.getData(), 0, data.getUsed());
+    const CURI snapshot("/disks/snap");
+    CBrickDisk::createChild(fs.get(), snapshot, CURI(kFolder), CBrickDisk::linkedChild);
+    const std::vector<std::string> snapshotFiles = testsupport::filesBelow(fs.get(), snapshot);
+
+    // A new device: nothing of the disk is in its cache.
+    const P<CBrickDiskBlockDevice> device = openDevice();
+    device->write(data.getData(), 0, data.getUsed());
+    // One brick really changes: only it goes into the snapshot.
+    const Bytes changed = testsupport::patternBytes(kBrickSize, 10);
+    device->write(changed.getData(), 2 * kBrickSize, kBrickSize);
+    device->flush();
+
+    std::vector<std::string> expectedFiles = snapshotFiles;
+    const P<CBrickDisk> frozen = testsupport::openDisk(fs.get(), snapshot, kPassword, IIOStream::AccessRead);
+    const std::string prefix = snapshot.toString(true).toUTF8() + "/";
+    expectedFiles.push_back(testsupport::brickFileOf(*frozen, snapshot, 2).toString(true).toUTF8().substr(prefix.size()));
+    std::sort(expectedFiles.begin(), expectedFiles.end());
+    EXPECT_EQ(testsupport::filesBelow(fs.get(), snapshot), expectedFiles);
+    EXPECT_EQ(testsupport::readAt(*frozen, 0, data.getUsed()), data);
+}
+
+TEST_F(BrickDiskBlockDeviceTest, AStoredFileDamagedBehindAMatchingDigestIsStoredAgain)
+{
+    const Bytes data = testsupport::patternBytes(kBrickSize, 11);
+    {
+        const P<CBrickDiskBlockDevice> device = openDevice();
+        device->write(data.getData(), 0, kBrickSize);
+    }
+    const CURI file = testsupport::brickFileOf(*testsupport::openDisk(fs.get(), CURI(kFolder), kPassword), CURI(kFolder), 0);
+    P<zo::TBuffer<zo::uint8>> bytes = fs->getFileData(file);
+    ASSERT_TRUE(bytes);
+    // The head, with the digest of the plain bytes, stays intact.
+    bytes->getData()[bytes->getUsed() - 1] ^= 0x5a;
+    fs->setFileData(file, *bytes);
+
+    const P<CBrickDiskBlockDevice> device = openDevice();
+    fs->resetCounters();
+    device->write(data.getData(), 0, kBrickSize);
+    device->flush();
+    EXPECT_EQ(fs->getOperationCount(Op::StoreFile), 1);
+    EXPECT_EQ(storedBytes(0, kBrickSize), data);
 }
 
 } // namespace

@@ -340,5 +340,75 @@ case_mount_ext4() {
   fi
 }
 
+# small_file_system SIZE: mounts a tmpfs of SIZE at $work/small, which fills
+# up as a small disk does; skips where the machine cannot mount one.
+small_file_system() {
+  mkdir -p "$work/small"
+  [ "$(id -u)" = 0 ] || skip "mounting a small file system needs root"
+  mount -t tmpfs -o size="$1" tmpfs "$work/small" 2>"$work/tmpfs.log" ||
+    skip "a tmpfs cannot be mounted here: $(cat "$work/tmpfs.log")"
+  cleanups+=("umount $work/small")
+}
+
+# A served disk on a file system that fills up keeps every acknowledged write:
+# the flush fails, reads return the written bytes, and once room is made the
+# next flush (here the server's stop) stores them all.
+case_full_file_system_keeps_writes() {
+  small_file_system 40M
+  make_disk "$work/small/disk" 16M
+  head -c 16777216 /dev/urandom >"$work/image"
+  # Leaves about 6 MiB free: not enough for the image's bricks.
+  head -c 34603008 /dev/zero >"$work/small/filler"
+  serve a "$work/small/disk" cache=2M
+  local uri
+  uri=$(uri_of "$work/a.sock")
+  if nbdcopy --flush "$work/image" "$uri" 2>"$work/copy.log"; then
+    fail "the copy onto a full file system reported success"
+  fi
+  rm "$work/small/filler"
+  nbdcopy "$uri" "$work/read-back"
+  cmp "$work/image" "$work/read-back" || fail "the server lost writes whose store failed"
+  kill "$last_pid"
+  wait "$last_pid" || fail "the server did not stop cleanly once there was room: $(cat "$work/a.log")"
+  "$brickdisk" export "$work/small/disk" "$work/out" -q
+  cmp "$work/image" "$work/out" || fail "the disk lacks writes after the server stopped"
+}
+
+# A server that stops while bricks still cannot be stored says how many and
+# which, and exits with a failure.
+case_stop_with_unstored_bricks_fails() {
+  small_file_system 24M
+  make_disk "$work/small/disk" 16M
+  head -c 16777216 /dev/urandom >"$work/image"
+  head -c 20971520 /dev/zero >"$work/small/filler"
+  serve a "$work/small/disk" cache=64M
+  nbdcopy "$work/image" "$(uri_of "$work/a.sock")" || fail "writes into the cache failed"
+  kill "$last_pid"
+  if wait "$last_pid"; then
+    fail "the server exited 0 with bricks it could not store"
+  fi
+  grep -q "changed bricks not stored (bricks " "$work/a.log" ||
+    fail "the server did not name the bricks it could not store: $(cat "$work/a.log")"
+}
+
+# Writing a served disk with the bytes it already holds is no change: nothing
+# is stored, and its snapshot receives no brick.
+case_rewrite_unchanged_stores_nothing() {
+  make_disk "$work/disk" 16M
+  head -c 16777216 /dev/urandom >"$work/image"
+  serve a "$work/disk" cache=2M
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")"
+  stop "$last_pid"
+  "$brickdisk" snapshot "$work/disk" "$work/snap" >/dev/null
+  local before
+  before=$(find "$work/disk/bricks" -type f -printf '%p %i\n' | sort)
+  serve b "$work/disk" cache=2M
+  nbdcopy --flush "$work/image" "$(uri_of "$work/b.sock")"
+  stop "$last_pid"
+  [ -z "$(find "$work/snap" -name '*.brick' -print -quit)" ] || fail "an unchanged rewrite copied bricks into the snapshot"
+  [ "$(find "$work/disk/bricks" -type f -printf '%p %i\n' | sort)" = "$before" ] ||
+    fail "an unchanged rewrite stored brick files again"
+}
+
 "case_$case_name"
 echo "PASSED: $case_name"

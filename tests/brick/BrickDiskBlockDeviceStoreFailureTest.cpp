@@ -1,0 +1,244 @@
+// What a block device does with a brick that it cannot store: it keeps the
+// brick's bytes, reads return them, every flush reports the brick until a
+// store of it succeeds, and nothing acknowledged is ever dropped.
+#include "brick/BrickDiskBlockDevice.h"
+
+#include "support/DiskTestHelpers.h"
+#include "zo/MemoryFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using brick::CBrickDisk;
+using brick::CBrickDiskBlockDevice;
+using testsupport::Bytes;
+using testsupport::errorOf;
+using testsupport::messageOf;
+using zo::CError;
+using zo::CFileSystemError;
+using zo::CMemoryFileSystem;
+using zo::CURI;
+using zo::IIOStream;
+using zo::P;
+using zo::int64;
+using Op = CMemoryFileSystem::Operation;
+
+constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
+constexpr int kBrickCount = 12;
+constexpr int64 kDiskSize = static_cast<int64>(kBrickCount) * kBrickSize;
+const char* const kFolder = "/disks/a";
+const char* const kPassword = "pw";
+
+std::string propOf(const CError& error, const std::string& name)
+{
+    for (const auto& [key, value] : testsupport::propsOf(error)) {
+        if (key == name)
+            return value;
+    }
+    return "";
+}
+
+class BrickDiskBlockDeviceStoreFailureTest : public ::testing::Test {
+protected:
+    void SetUp() override { testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword); }
+
+    // The smallest cache (4 bricks) by default: most bricks written over the
+    // whole disk are stored when they are evicted, before any flush.
+    P<CBrickDiskBlockDevice> openDevice(int64 cacheBytes = 0)
+    {
+        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword);
+        return P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(disk.get(), cacheBytes));
+    }
+
+    Bytes storedBytes(int64 position, int size)
+    {
+        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead);
+        return testsupport::readAt(*disk, position, size);
+    }
+
+    static Bytes readDevice(CBrickDiskBlockDevice& device, int64 position, int size)
+    {
+        Bytes bytes(size);
+        device.read(bytes.getData(), position, size);
+        return bytes;
+    }
+
+    // Writes `bytes` over the whole disk in pieces of one and a half bricks,
+    // so that some bricks are written whole and others in two parts.
+    static void writeWholeDisk(CBrickDiskBlockDevice& device, const Bytes& bytes)
+    {
+        const int64 piece = kBrickSize + kBrickSize / 2;
+        for (int64 at = 0; at < kDiskSize; at += piece)
+            device.write(bytes.getData() + at, at, std::min(piece, kDiskSize - at));
+    }
+
+    static Bytes brickOf(const Bytes& bytes, int64 index)
+    {
+        return Bytes(bytes.getData() + index * kBrickSize, kBrickSize);
+    }
+
+    P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
+};
+
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, AFailedStoreKeepsTheBrickForReadsAndTheNextFlushStoresIt)
+{
+    const P<CBrickDiskBlockDevice> device = openDevice(64 * kBrickSize);
+    const Bytes data = testsupport::patternBytes(kBrickSize, 1);
+    device->write(data.getData(), 0, kBrickSize);
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
+
+    const auto error = errorOf<CError>([&] { device->flush(); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "Storing changed bricks failed.");
+    EXPECT_EQ(propOf(*error, "unstoredBricks"), "1");
+    EXPECT_EQ(propOf(*error, "brickIndex"), "0");
+    ASSERT_NE(error->getCause(), nullptr);
+    EXPECT_EQ(device->getUnstoredBricks(), std::vector<int64>{0});
+    EXPECT_EQ(readDevice(*device, 0, kBrickSize), data);
+    EXPECT_EQ(storedBytes(0, kBrickSize), testsupport::zeroBytes(kBrickSize));
+
+    // Nothing was written again: the flush stores the kept brick by itself.
+    EXPECT_NO_THROW(device->flush());
+    EXPECT_TRUE(device->getUnstoredBricks().empty());
+    EXPECT_EQ(storedBytes(0, kBrickSize), data);
+}
+
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, EveryFlushReportsTheBrickUntilItIsStored)
+{
+    const P<CBrickDiskBlockDevice> device = openDevice(64 * kBrickSize);
+    const Bytes data = testsupport::patternBytes(2 * kBrickSize, 2);
+    device->write(data.getData(), 0, data.getUsed());
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, true, CURI(kFolder) << CURI(zo::String("bricks")));
+
+    EXPECT_THROW(device->flush(), CError);
+    EXPECT_THROW(device->flush(), CError);
+    EXPECT_EQ(device->getUnstoredBricks(), (std::vector<int64>{0, 1}));
+    EXPECT_EQ(readDevice(*device, 0, data.getUsed()), data);
+
+    fs->clearFailures();
+    EXPECT_NO_THROW(device->flush());
+    EXPECT_EQ(storedBytes(0, data.getUsed()), data);
+}
+
+// A disk on a file system that fills up: bricks evicted from the cache fail
+// to store, yet every written byte reads back, and once space is free again
+// the next flush stores all of them.
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, BricksEvictedWhileTheFileSystemIsFullAreKeptUntilStored)
+{
+    const P<CBrickDiskBlockDevice> device = openDevice();
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, true);
+    const Bytes data = testsupport::patternBytes(static_cast<int>(kDiskSize), 3);
+    writeWholeDisk(*device, data);
+
+    const auto error = errorOf<CError>([&] { device->flush(); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(propOf(*error, "unstoredBricks"), std::to_string(kBrickCount));
+    EXPECT_EQ(readDevice(*device, 0, static_cast<int>(kDiskSize)), data);
+
+    fs->clearFailures();
+    device->flush();
+    EXPECT_TRUE(device->getUnstoredBricks().empty());
+    EXPECT_EQ(storedBytes(0, static_cast<int>(kDiskSize)), data);
+}
+
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, ANewerWriteOfAnUnstoredBrickIsWhatGetsStored)
+{
+    const P<CBrickDiskBlockDevice> device = openDevice(64 * kBrickSize);
+    const Bytes first = testsupport::patternBytes(kBrickSize, 4);
+    const Bytes second = testsupport::patternBytes(kBrickSize, 5);
+    device->write(first.getData(), 0, kBrickSize);
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
+    EXPECT_THROW(device->flush(), CError);
+
+    device->write(second.getData(), 0, kBrickSize / 2);
+    device->flush();
+    const Bytes expected = testsupport::overlay(first, 0, Bytes(second.getData(), kBrickSize / 2));
+    EXPECT_EQ(storedBytes(0, kBrickSize), expected);
+    EXPECT_EQ(readDevice(*device, 0, kBrickSize), expected);
+}
+
+// The fault sweep: the Nth store of a brick file, or the Nth creation of a
+// folder of the brick tree, fails (no space, or an unclassified I/O error;
+// once, or from then on). A client writes the whole disk, flushes,
+// writes part of it again, flushes, and the server stops (a last flush). For
+// every N, each byte either reads back as written from the device and, after
+// the stop, from the disk, or the flushes and the stop reported its brick as
+// not stored.
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAcknowledgedByteSilently)
+{
+    const Bytes first = testsupport::patternBytes(static_cast<int>(kDiskSize), 6);
+    const Bytes again = testsupport::patternBytes(4 * kBrickSize, 7);
+    const int64 againAt = 3 * kBrickSize + kBrickSize / 3;
+    const Bytes expected = testsupport::overlay(first, againAt, again);
+
+    // Operations made without failures: the sweep covers each of them.
+    std::map<Op, int> countsWithoutFailure;
+    {
+        const P<CBrickDiskBlockDevice> device = openDevice();
+        fs->resetCounters();
+        writeWholeDisk(*device, first);
+        device->flush();
+        device->write(again.getData(), againAt, again.getUsed());
+        device->flush();
+        for (const Op kind : {Op::StoreFile, Op::CreateFolder})
+            countsWithoutFailure[kind] = fs->getOperationCount(kind);
+    }
+    ASSERT_GT(countsWithoutFailure[Op::StoreFile], kBrickCount);
+    ASSERT_GT(countsWithoutFailure[Op::CreateFolder], 0);
+
+    for (const auto& [kind, count] : countsWithoutFailure) {
+    for (const CFileSystemError::Problem problem : {CFileSystemError::NoSpace, CFileSystemError::Unclassified}) {
+        for (const bool persistent : {false, true}) {
+            for (int nth = 1; nth <= count; ++nth) {
+                SCOPED_TRACE(std::string(CMemoryFileSystem::getOperationName(kind)) + " " + std::to_string(nth) +
+                             (persistent ? " and after" : " once") + ", problem " + std::to_string(problem));
+                fs = P<CMemoryFileSystem>(new CMemoryFileSystem(2));
+                testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword);
+                std::set<int64> reported;
+                bool stopReportedFailure = false;
+                {
+                    const P<CBrickDiskBlockDevice> device = openDevice();
+                    fs->failOperation(kind, nth, problem, persistent);
+                    const auto flushNoting = [&] {
+                        try {
+                            device->flush();
+                            return true;
+                        } catch (const CError&) {
+                            for (const int64 index : device->getUnstoredBricks())
+                                reported.insert(index);
+                            return false;
+                        }
+                    };
+                    writeWholeDisk(*device, first);
+                    const bool firstFlushed = flushNoting();
+                    device->write(again.getData(), againAt, again.getUsed());
+                    const bool secondFlushed = flushNoting();
+                    EXPECT_EQ(readDevice(*device, 0, static_cast<int>(kDiskSize)), expected);
+                    // The stop: a last flush, as a server makes before it ends.
+                    stopReportedFailure = !flushNoting();
+                    if (!persistent) {
+                        // A single failure is retried by the next flush.
+                        EXPECT_FALSE(stopReportedFailure);
+                    } else if (!firstFlushed || !secondFlushed) {
+                        EXPECT_TRUE(stopReportedFailure);
+                    }
+                }
+                for (int64 index = 0; index < kBrickCount; ++index) {
+                    if (storedBytes(index * kBrickSize, kBrickSize) == brickOf(expected, index))
+                        continue;
+                    EXPECT_TRUE(stopReportedFailure && reported.count(index) != 0)
+                        << "brick " << index << " is not stored and no flush said so";
+                }
+            }
+        }
+    }
+    }
+}
+
+} // namespace
