@@ -164,13 +164,20 @@ int brickdiskAfterFork()
     routeLibraryLog();
     try {
         served = std::make_unique<CServedDisk>(options);
-        if (!options.readOnly)
-            snapshotControl = std::make_unique<nbdplugin::CSnapshotControl>(*served);
-        return 0;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
         return -1;
     }
+    if (options.readOnly)
+        return 0;
+    // Without its control socket the disk is served all the same; only
+    // snapshots while it is served are not possible.
+    try {
+        snapshotControl = std::make_unique<nbdplugin::CSnapshotControl>(*served);
+    } catch (const std::exception& e) {
+        nbdkit_error("%s Snapshots of the served disk cannot be taken while it is served.", e.what());
+    }
+    return 0;
 }
 
 void brickdiskCleanup()

@@ -541,5 +541,80 @@ case_serve_server_dies() {
   cmp "$work/image" "$work/out" || fail "flushed writes were lost"
 }
 
+# squat KIND NAME LOG: a process of another user (nobody) that listens on the
+# abstract socket NAME (KIND abstract) or the socket file NAME (KIND file)
+# and answers "ok" to every request; sets $squatter_pid once it listens.
+squat() {
+  python3 - "$1" "$2" >"$3" 2>&1 <<'PYTHON' &
+import os, socket, sys
+kind, name = sys.argv[1:3]
+listener = socket.socket(socket.AF_UNIX)
+listener.bind(b"\0" + name.encode() if kind == "abstract" else name)
+# The socket's owner is the user who listens.
+os.setgid(65534)
+os.setuid(65534)
+listener.listen(4)
+print("listening", flush=True)
+while True:
+    connection, _ = listener.accept()
+    connection.recv(4096)
+    connection.sendall(b"ok\n")
+    connection.close()
+PYTHON
+  squatter_pid=$!
+  cleanups+=("kill $squatter_pid 2>/dev/null")
+  wait_for_output "$3" listening "$squatter_pid" || fail "the squatter did not start: $(cat "$3")"
+}
+
+# folder_hash FOLDER: the hexadecimal FNV-1a hash that names a disk's control
+# socket.
+folder_hash() {
+  python3 -c '
+import sys
+h = 14695981039346656037
+for c in sys.argv[1].encode():
+    h = ((h ^ c) * 1099511628211) % 2**64
+print("%016x" % h)' "$1"
+}
+
+# is_snapshot_of SNAPSHOT DISK: true when SNAPSHOT holds a disk whose parent
+# is DISK.
+is_snapshot_of() {
+  "$brickdisk" info "$1" >"$work/info.txt" 2>&1 && grep -q "^parents: *$2" "$work/info.txt"
+}
+
+# Another user cannot answer for a served disk: snapshot never reports a
+# snapshot that is not there, and a server starts whatever another user
+# listens on.
+case_snapshot_control_squatter() {
+  [ "$(id -u)" = 0 ] || skip "a squatter of another user needs root to become that user"
+  make_disk "$work/disk" 8M
+  local runtime hash
+  runtime=$(mktemp -d /tmp/brickdisk-test-XXXXXX)
+  cleanups+=("rm -rf $runtime")
+  export XDG_RUNTIME_DIR=$runtime
+  hash=$(folder_hash "$work/disk")
+  squat abstract "brickdisk-serve-$hash" "$work/squatter.log"
+
+  "$brickdisk" snapshot "$work/disk" "$work/snap1" >"$work/snap1.log" 2>&1 ||
+    fail "snapshot of a disk nobody serves failed: $(cat "$work/snap1.log")"
+  is_snapshot_of "$work/snap1" "$work/disk" || fail "snapshot reported success without a snapshot: $(cat "$work/snap1.log")"
+
+  serve a "$work/disk"
+  "$brickdisk" snapshot "$work/disk" "$work/snap2" >"$work/snap2.log" 2>&1 ||
+    fail "snapshot of the served disk failed: $(cat "$work/snap2.log")"
+  grep -q "taken by the server" "$work/snap2.log" || fail "the server did not take the snapshot: $(cat "$work/snap2.log")"
+  is_snapshot_of "$work/snap2" "$work/disk" || fail "the server's snapshot is not there"
+  stop "$last_pid"
+  [ -e "$runtime/serve-$hash.sock" ] && fail "the server left its control socket"
+
+  # A socket of another user where the control socket belongs is not asked.
+  squat file "$runtime/serve-$hash.sock" "$work/squatter2.log"
+  if "$brickdisk" snapshot "$work/disk" "$work/snap3" >"$work/snap3.log" 2>&1; then
+    fail "snapshot trusted a process of another user: $(cat "$work/snap3.log")"
+  fi
+  grep -q "another user" "$work/snap3.log" || fail "the refusal does not say why: $(cat "$work/snap3.log")"
+}
+
 "case_$case_name"
 echo "PASSED: $case_name"
