@@ -55,10 +55,24 @@ void refuseFolderInsideChain(const brick::CBrickDiskChain& chain, const zo::CURI
     }
 }
 
+// True when `child` holds a disk whose parent is `parent`, as a snapshot that
+// the server says it made must.
+bool isSnapshotOf(zo::IFileSystem* fs, const zo::CURI& child, const zo::CURI& parent)
+{
+    try {
+        const brick::CBrickDiskChain chain(fs, child);
+        chain.validate();
+        return chain.getMembers().size() > 1 && chain.getMembers()[1].folder.toLocalPath() == parent.toLocalPath();
+    } catch (const zo::CError&) {
+        return false;
+    }
+}
+
 // A served disk is snapshotted by its server, which holds new requests back
 // while it makes the child, so the snapshot holds every write acknowledged
-// before. False when no server serves the disk.
-bool takenByServer(const zo::CURI& parent, const zo::CURI& child)
+// before. False when no server serves the disk. The server's word is checked
+// on disk before success is reported.
+bool takenByServer(zo::IFileSystem* fs, const zo::CURI& parent, const zo::CURI& child)
 {
     const std::optional<std::string> answer =
         nbdplugin::requestSnapshotFromServer(parent.toLocalPath(), child.toLocalPath());
@@ -67,6 +81,12 @@ bool takenByServer(const zo::CURI& parent, const zo::CURI& child)
     if (!answer->empty())
         throw zo::CError("The server of the disk could not take the snapshot: " + zo::String(*answer), zo::String(),
                          -1, zo::CProps().add("diskFolder", parent.toString(true)));
+    if (!isSnapshotOf(fs, child, parent))
+        throw zo::CError("The server of the disk answered that it took the snapshot, but there is no such snapshot.",
+                         zo::String(), -1,
+                         zo::CProps()
+                             .add("diskFolder", parent.toString(true))
+                             .add("snapshotFolder", child.toString(true)));
     std::printf("created snapshot %s of %s (taken by the server of the disk)\n", child.toLocalPath().c_str(),
                 parent.toLocalPath().c_str());
     return true;
@@ -87,7 +107,7 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
     if (!isMissingOrEmptyFolder(fs.get(), child))
         throw zo::CError("Cannot create a child disk in a folder that is not empty.", zo::String(), -1,
                          zo::CProps().add("diskFolder", child.toString(true)));
-    if (type == brick::CBrickDisk::linkedChild && takenByServer(parent, child))
+    if (type == brick::CBrickDisk::linkedChild && takenByServer(fs.get(), parent, child))
         return 0;
     // Making a child rewrites the parent's link to its child.
     const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);

@@ -61,6 +61,7 @@ CChildProcess::~CChildProcess()
 void CChildProcess::noteStatus(int status)
 {
     m_ended = true;
+    m_signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     m_exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

@@ -28,6 +28,8 @@ public:
     int terminate();
     // Waits for the end; returns the exit status as terminate does.
     int wait();
+    // The signal that ended the program; 0 while it runs or when it exited.
+    int signalNumber() const { return m_signal; }
 
 private:
     void noteStatus(int status);
@@ -35,6 +37,7 @@ private:
     pid_t m_pid = -1;
     bool m_ended = false;
     int m_exitStatus = 0;
+    int m_signal = 0;
 };
 
 // Waits up to `millis` for Ctrl-C or SIGTERM (see Interrupt.h); true when

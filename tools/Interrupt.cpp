@@ -52,6 +52,11 @@ bool wasInterrupted()
     return g_interrupted.load();
 }
 
+void forgetInterrupt()
+{
+    g_interrupted.store(false);
+}
+
 void throwIfInterrupted()
 {
     if (wasInterrupted())

@@ -28,6 +28,10 @@ void installInterruptHandlers();
 // True once SIGINT or SIGTERM arrived. Any thread.
 bool wasInterrupted();
 
+// Forgets the signals that arrived, for a command that refused to stop on
+// them and goes on (the next one is noted again). Main thread.
+void forgetInterrupt();
+
 // Throws CInterrupted when SIGINT or SIGTERM arrived.
 void throwIfInterrupted();
 

@@ -1,13 +1,12 @@
 #include "Password.h"
 
+#include "PasswordFile.h"
 #include "Terminal.h"
 #include "UsageError.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string.h>
 #include <utility>
 
@@ -22,34 +21,13 @@ public:
     std::string text;
 };
 
-// A password file longer than this is no password file (/dev/zero, a disk
-// image given by mistake): reading stops there instead of running on.
-constexpr std::streamsize kMaxPasswordFileBytes = 64 * 1024;
-
-std::string readPasswordFile(const std::string& path)
+std::string readPasswordFileOrRefuse(const std::string& path)
 {
-    std::error_code error;
-    if (std::filesystem::is_directory(path, error))
-        throw UsageError("the password file '" + path + "' is a folder, not a file");
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
-        throw UsageError("cannot read the password file '" + path + "'");
-    std::string content(static_cast<size_t>(kMaxPasswordFileBytes) + 1, '\0');
-    file.read(content.data(), kMaxPasswordFileBytes + 1);
-    content.resize(static_cast<size_t>(file.gcount()));
-    if (file.bad())
-        throw UsageError("cannot read the password file '" + path + "'");
-    if (content.size() > static_cast<size_t>(kMaxPasswordFileBytes)) {
-        explicit_bzero(content.data(), content.size());
-        throw UsageError("the password file '" + path + "' is longer than 64 KiB; it cannot be a password");
+    try {
+        return readPasswordFile(path);
+    } catch (const CPasswordFileError& e) {
+        throw UsageError(e.what());
     }
-    if (!content.empty() && content.back() == '\n')
-        content.pop_back();
-    if (!content.empty() && content.back() == '\r')
-        content.pop_back();
-    if (content.empty())
-        throw UsageError("the password file '" + path + "' is empty");
-    return content;
 }
 
 UsageError noPasswordSource(const std::string& what, const std::string& fileOption,
@@ -78,7 +56,7 @@ void CPasswordSource::addOptionTo(CLI::App& command)
 bool CPasswordSource::fromFileOrEnvironment(std::string& password) const
 {
     if (!m_passwordFile.empty()) {
-        password = readPasswordFile(m_passwordFile);
+        password = readPasswordFileOrRefuse(m_passwordFile);
         return true;
     }
     if (const char* value = std::getenv(m_environmentVariable.c_str())) {

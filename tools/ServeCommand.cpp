@@ -6,6 +6,8 @@
 #include "ChildProcess.h"
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "Interrupt.h"
+#include "MountState.h"
 #include "Units.h"
 #include "UsageError.h"
 
@@ -22,6 +24,7 @@
 #include <memory>
 #include <optional>
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -107,28 +110,89 @@ bool serverAnswers(const std::string& socketPath, int port)
     return answered;
 }
 
-// A file only the user can read, removed when it goes.
-class CPasswordFile {
+// The password in a pipe whose reading end the next program started inherits
+// (nbdkit's plugin reads it with password-fd=N): it never lies in a file, so
+// nothing is left behind whenever this program is killed.
+class CPasswordPipe {
 public:
-    explicit CPasswordFile(const zo::String& password)
+    explicit CPasswordPipe(const zo::String& password)
     {
-        char pattern[] = "/tmp/brickdisk-password-XXXXXX";
-        const int fd = ::mkstemp(pattern);
-        if (fd < 0)
-            throw zo::makeErrnoError(errno, "mkstemp", zo::String(pattern));
-        m_path = pattern;
-        const std::string text = password.toUTF8();
-        const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        ::close(fd);
-        if (!written)
-            throw zo::makeErrnoError(errno, "write", zo::String(m_path));
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            throw zo::makeErrnoError(errno, "pipe", zo::String());
+        m_readEnd = ends[0];
+        std::string text = password.toUTF8();
+        // A password is at most 64 KiB, which a pipe holds by default; make
+        // sure all of it fits before anyone reads.
+        ::fcntl(ends[1], F_SETPIPE_SZ, static_cast<int>(text.size()) + 1);
+        const bool written = ::write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        const int error = errno;
+        explicit_bzero(text.data(), text.size());
+        ::close(ends[1]);
+        if (!written) {
+            ::close(m_readEnd);
+            throw zo::makeErrnoError(error, "write the password into a pipe", zo::String());
+        }
+        // Inherited by the program started next, and only by that one: the
+        // reading end is closed once it has started.
+        ::fcntl(m_readEnd, F_SETFD, 0);
     }
-    ~CPasswordFile() { ::unlink(m_path.c_str()); }
-    CPasswordFile(const CPasswordFile&) = delete;
-    CPasswordFile& operator=(const CPasswordFile&) = delete;
-    const std::string& path() const { return m_path; }
+    ~CPasswordPipe() { ::close(m_readEnd); }
+    CPasswordPipe(const CPasswordPipe&) = delete;
+    CPasswordPipe& operator=(const CPasswordPipe&) = delete;
+
+    int readEnd() const { return m_readEnd; }
 
 private:
+    int m_readEnd = -1;
+};
+
+// A Unix socket path claimed for a server: a stale socket (one nobody
+// answers on, left by a server that was killed) is removed; a socket that
+// answers and any other kind of file are refused. The claimed path is
+// removed when it goes.
+class CSocketPlace {
+public:
+    explicit CSocketPlace(const std::string& path) : m_path(path)
+    {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) {
+            if (errno != ENOENT)
+                throw zo::makeErrnoError(errno, "look at the socket path", zo::String(path));
+            return;
+        }
+        if (!S_ISSOCK(status.st_mode))
+            throw zo::CError("The socket path names a file that is not a socket; it is left as it is.", zo::String(),
+                             -1, zo::CProps().add("socket", path));
+        if (someoneListens(path))
+            throw zo::CError("Another server listens on the socket.", zo::String(), -1,
+                             zo::CProps().add("socket", path));
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+            throw zo::makeErrnoError(errno, "remove the stale socket", zo::String(path));
+    }
+    ~CSocketPlace()
+    {
+        struct stat status {};
+        if (::lstat(m_path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode))
+            ::unlink(m_path.c_str());
+    }
+    CSocketPlace(const CSocketPlace&) = delete;
+    CSocketPlace& operator=(const CSocketPlace&) = delete;
+
+private:
+    static bool someoneListens(const std::string& path)
+    {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0)
+            throw zo::makeErrnoError(errno, "socket", zo::String(path));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        ::close(fd);
+        return connected;
+    }
+
     std::string m_path;
 };
 
@@ -146,12 +210,16 @@ public:
         const bool isSnapshot = fs->fileExists(folder << brick::CBrickDisk::getParentLinkFileName());
         m_readOnly = options.readOnly || (isSnapshot && !options.writable);
         parseByteSize(options.cache, "--cache");
+        // A disk in use is refused here, naming its holder as every command
+        // does, before anything of a running server (its socket) is touched.
+        // The server takes the lock itself once it runs.
+        lockDisk(fs.get(), folder, m_readOnly ? brick::CBrickDiskLock::ForReading : brick::CBrickDiskLock::ForWriting);
 
         std::vector<std::string> argv{"nbdkit", "-f", "--exit-with-parent"};
         if (m_socket.empty()) {
             argv.insert(argv.end(), {"-p", std::to_string(m_port)});
         } else {
-            ::unlink(m_socket.c_str());
+            m_socketPlace = std::make_unique<CSocketPlace>(m_socket);
             argv.insert(argv.end(), {"-U", m_socket});
         }
         argv.push_back(options.plugin.empty() ? defaultPlugin() : options.plugin);
@@ -159,9 +227,10 @@ public:
         argv.push_back("cache=" + options.cache);
         if (m_readOnly)
             argv.push_back("readonly=true");
+        std::unique_ptr<CPasswordPipe> password;
         if (header.getCipherID() != "null") {
-            m_passwordFile = std::make_unique<CPasswordFile>(options.passwords.forExistingDisk(options.disk));
-            argv.push_back("password-file=" + m_passwordFile->path());
+            password = std::make_unique<CPasswordPipe>(options.passwords.forExistingDisk(options.disk));
+            argv.push_back("password-fd=" + std::to_string(password->readEnd()));
         }
         m_process = std::make_unique<CChildProcess>(argv);
     }
@@ -171,10 +240,8 @@ public:
     bool waitUntilReady()
     {
         while (m_process->isRunning()) {
-            if (serverAnswers(m_socket, m_port)) {
-                m_passwordFile.reset();
+            if (serverAnswers(m_socket, m_port))
                 return true;
-            }
             if (waitForInterrupt(50))
                 return false;
         }
@@ -195,7 +262,8 @@ private:
     std::string m_socket;
     int m_port;
     bool m_readOnly = false;
-    std::unique_ptr<CPasswordFile> m_passwordFile;
+    // Removed after the server has ended.
+    std::unique_ptr<CSocketPlace> m_socketPlace;
     std::unique_ptr<CChildProcess> m_process;
 };
 
@@ -204,6 +272,23 @@ private:
     const int status = process.terminate();
     throw zo::CError("The NBD server ended before it was ready (see its messages above).", zo::String(), -1,
                      zo::CProps().add("exitStatus", static_cast<zo::int64>(status)));
+}
+
+// The server ended while it served, on its own: its clients lost their disk.
+// What it stored is safe (a flushed write is durable); the user learns why.
+[[noreturn]] void serverDied(CChildProcess& process, const std::string& disk)
+{
+    process.wait();
+    zo::CProps props;
+    props.add("diskFolder", disk);
+    if (process.signalNumber() != 0) {
+        props.add("signal", zo::String(::strsignal(process.signalNumber())));
+        throw zo::CError("The NBD server died by signal " + zo::String(std::to_string(process.signalNumber())) +
+                             " while serving; writes it had not flushed may be lost.",
+                         zo::String(), -1, props);
+    }
+    props.add("exitStatus", static_cast<zo::int64>(process.wait()));
+    throw zo::CError("The NBD server ended while serving (see its messages above).", zo::String(), -1, props);
 }
 
 int runServe(const ServeOptions& options)
@@ -226,56 +311,152 @@ int runServe(const ServeOptions& options)
     std::fflush(stdout);
     while (server.process().isRunning() && !waitForInterrupt(200)) {
     }
+    if (!server.process().isRunning())
+        serverDied(server.process(), options.disk);
     // nbdkit flushes the disk before it ends.
     const int status = server.process().terminate();
-    if (!socketPath.empty())
-        ::unlink(socketPath.c_str());
     std::printf("Stopped serving %s.\n", options.disk.c_str());
     return status == 0 || status == 128 + SIGTERM ? 0 : 1;
 }
 
+// The folder a disk is mounted on: it must exist and be empty, so that the
+// disk file hides nothing of the user's.
+std::string checkedMountFolder(const std::string& mountFolder)
+{
+    const std::string folder = std::filesystem::absolute(mountFolder).lexically_normal().string();
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(folder, error);
+    if (!std::filesystem::exists(status))
+        throw zo::CError("The folder to mount on does not exist.", zo::String(), -1,
+                         zo::CProps().add("folder", folder));
+    if (!std::filesystem::is_directory(status))
+        throw zo::CError("The folder to mount on is a file, not a folder.", zo::String(), -1,
+                         zo::CProps().add("folder", folder));
+    if (!std::filesystem::is_empty(folder, error))
+        throw zo::CError("The folder to mount on is not empty; give an empty folder.", zo::String(), -1,
+                         zo::CProps().add("folder", folder));
+    // The kernel names a loop device's file by its real path.
+    return std::filesystem::canonical(folder).string();
+}
+
+// A folder of this program's own in the temporary folder ($TMPDIR, else
+// /tmp), for the private socket of a mount; removed with what it holds when
+// it goes.
+class CPrivateFolder {
+public:
+    CPrivateFolder()
+    {
+        const char* temporary = std::getenv("TMPDIR");
+        std::string pattern = std::string(temporary && *temporary ? temporary : "/tmp") + "/brickdisk-mount-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr)
+            throw zo::makeErrnoError(errno, "mkdtemp", zo::String(pattern));
+        m_path = pattern;
+    }
+    ~CPrivateFolder()
+    {
+        std::error_code error;
+        std::filesystem::remove_all(m_path, error);
+    }
+    CPrivateFolder(const CPrivateFolder&) = delete;
+    CPrivateFolder& operator=(const CPrivateFolder&) = delete;
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+// Sends what the kernel still holds of the disk file to the server, and the
+// server's flush after it (nbdfuse turns an fsync into an NBD flush).
+void flushDiskFile(const std::string& diskFile)
+{
+    const int fd = ::open(diskFile.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    ::fsync(fd);
+    ::close(fd);
+}
+
+// Ends the FUSE mount of `folder` as brickdisk unmount does: refused while a
+// loop device uses the disk file (taking the file away would give that
+// device's users I/O errors), else the disk file is flushed and the folder
+// unmounted, which ends nbdfuse. Returns why it was refused; empty once
+// unmounted.
+std::string unmountDiskFile(const std::string& folder)
+{
+    const std::string diskFile = folder + "/" + kMountedFileName;
+    if (const std::optional<LoopUse> loop = findLoopDevice(diskFile)) {
+        const std::string where = loop->mountPoint.empty()
+                                      ? "attached to " + loop->device
+                                      : "loop-mounted on " + loop->mountPoint + " (" + loop->device + ")";
+        return "The disk file " + diskFile + " is still " + where + "; undo that first: " + releaseCommand(*loop) + ".";
+    }
+    flushDiskFile(diskFile);
+    CChildProcess unmount({"fusermount3", "-u", folder});
+    if (unmount.wait() != 0)
+        return "Unmounting " + folder + " failed: a program still uses the disk file (see above).";
+    return std::string();
+}
+
+// Waits until nbdfuse has mounted the disk file; false when Ctrl-C came first.
+// Throws when nbdfuse ended without mounting.
+bool waitUntilMounted(CChildProcess& fuse, const std::string& folder)
+{
+    while (fuse.isRunning()) {
+        if (isMountPoint(folder))
+            return true;
+        if (waitForInterrupt(50))
+            return false;
+    }
+    throw zo::CError("nbdfuse could not mount the disk file (see its messages above).", zo::String(), -1,
+                     zo::CProps().add("folder", folder).add("exitStatus", static_cast<zo::int64>(fuse.wait())));
+}
+
 int runMount(const ServeOptions& options, const std::string& mountFolder)
 {
-    char pattern[] = "/tmp/brickdisk-mount-XXXXXX";
-    if (::mkdtemp(pattern) == nullptr)
-        throw zo::makeErrnoError(errno, "mkdtemp", zo::String(pattern));
-    const std::string privateFolder = pattern;
-    const std::string socketPath = privateFolder + "/nbd.sock";
-    const std::string folder = std::filesystem::absolute(mountFolder).lexically_normal().string();
-    int status = 0;
-    {
-        CServer server(options, socketPath);
-        if (!server.waitUntilReady()) {
-            const bool ended = !server.process().isRunning();
-            server.process().terminate();
-            ::rmdir(privateFolder.c_str());
-            if (ended)
-                serverEndedEarly(server.process());
-            return 0;
-        }
-        std::vector<std::string> fuse{"nbdfuse"};
-        if (server.readOnly())
-            fuse.push_back("-r");
-        fuse.insert(fuse.end(), {folder + "/" + kMountedFileName, "--unix", socketPath});
-        CChildProcess mount(fuse);
-        std::printf("Mounted %s%s as the file %s/%s\n"
-                    "Loop-mount it with: mount -o loop %s/%s MOUNTPOINT\n"
-                    "Stop with Ctrl-C or: brickdisk unmount %s\n",
-                    options.disk.c_str(), server.readOnly() ? " (read-only)" : "", folder.c_str(),
-                    kMountedFileName, folder.c_str(), kMountedFileName, folder.c_str());
-        std::fflush(stdout);
-        while (mount.isRunning() && server.process().isRunning() && !waitForInterrupt(200)) {
-        }
-        if (mount.isRunning()) {
-            CChildProcess unmount({"fusermount3", "-u", folder});
-            if (unmount.wait() != 0)
-                mount.terminate();
-        }
-        status = mount.wait();
-        server.process().terminate();
+    const std::string folder = checkedMountFolder(mountFolder);
+    const CPrivateFolder privateFolder;
+    const std::string socketPath = privateFolder.path() + "/nbd.sock";
+    CServer server(options, socketPath);
+    if (!server.waitUntilReady()) {
+        if (!server.process().isRunning())
+            serverEndedEarly(server.process());
+        return 0;
     }
-    ::unlink(socketPath.c_str());
-    ::rmdir(privateFolder.c_str());
+    std::vector<std::string> fuseArguments{"nbdfuse"};
+    if (server.readOnly())
+        fuseArguments.push_back("-r");
+    fuseArguments.insert(fuseArguments.end(), {folder + "/" + kMountedFileName, "--unix", socketPath});
+    CChildProcess fuse(fuseArguments);
+    if (!waitUntilMounted(fuse, folder))
+        return 0;
+    std::printf("Mounted %s%s as the file %s/%s\n"
+                "Loop-mount it with: mount -o %s %s/%s MOUNTPOINT\n"
+                "Stop with Ctrl-C or: brickdisk unmount %s\n",
+                options.disk.c_str(), server.readOnly() ? " (read-only)" : "", folder.c_str(), kMountedFileName,
+                server.readOnly() ? "loop,ro" : "loop", folder.c_str(), kMountedFileName, folder.c_str());
+    std::fflush(stdout);
+    for (;;) {
+        while (fuse.isRunning() && server.process().isRunning() && !waitForInterrupt(200)) {
+        }
+        if (!fuse.isRunning() || !server.process().isRunning())
+            break;
+        const std::string refusal = unmountDiskFile(folder);
+        if (refusal.empty())
+            break;
+        std::fprintf(stderr, "brickdisk: %s The disk is still served; stop again once it is released.\n",
+                     refusal.c_str());
+        forgetInterrupt();
+    }
+    if (!server.process().isRunning()) {
+        // Nothing serves the disk file any more: take it away.
+        if (fuse.isRunning() && !unmountDiskFile(folder).empty())
+            fuse.terminate();
+        fuse.wait();
+        serverDied(server.process(), options.disk);
+    }
+    const int status = fuse.wait();
+    // nbdkit flushes the disk before it ends.
+    server.process().terminate();
     std::printf("Unmounted %s.\n", folder.c_str());
     return status == 0 ? 0 : 1;
 }
@@ -312,7 +493,7 @@ CommandAction addMountCommand(CLI::App& program)
     CLI::App* command = program.add_subcommand(
         "mount", "Serve a disk and make it the file FOLDER/disk (nbdfuse) to loop-mount, until Ctrl-C or unmount");
     addServeOptions(*command, *options);
-    command->add_option("FOLDER", *folder, "An empty folder that shows the disk as a file")->required();
+    command->add_option("FOLDER", *folder, "An existing, empty folder that shows the disk as a file")->required();
     return [options, folder] { return runMount(*options, *folder); };
 }
 
@@ -322,10 +503,17 @@ CommandAction addUnmountCommand(CLI::App& program)
     CLI::App* command = program.add_subcommand("unmount", "End a brickdisk mount: the disk is flushed and released");
     command->add_option("FOLDER", *folder, "The folder given to brickdisk mount")->required();
     return [folder] {
-        CChildProcess unmount({"fusermount3", "-u", std::filesystem::absolute(*folder).lexically_normal().string()});
-        if (unmount.wait() != 0)
-            throw zo::CError("Unmounting failed (is the disk file still loop-mounted?).", zo::String(), -1,
-                             zo::CProps().add("folder", *folder));
+        std::string path = std::filesystem::absolute(*folder).lexically_normal().string();
+        std::error_code error;
+        // The kernel names a loop device's file by its real path.
+        const std::filesystem::path real = std::filesystem::canonical(path, error);
+        if (!error)
+            path = real.string();
+        if (!isMountPoint(path))
+            throw zo::CError("The folder is not mounted.", zo::String(), -1, zo::CProps().add("folder", path));
+        const std::string refusal = unmountDiskFile(path);
+        if (!refusal.empty())
+            throw zo::CError(zo::String(refusal), zo::String(), -1, zo::CProps().add("folder", path));
         return 0;
     };
 }

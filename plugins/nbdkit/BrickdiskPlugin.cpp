@@ -1,6 +1,7 @@
 // nbdkit-brickdisk-plugin: serves one brick disk over NBD.
 //
-//   nbdkit brickdisk disk=FOLDER [readonly=true] [cache=SIZE] [password-file=FILE]
+//   nbdkit brickdisk disk=FOLDER [readonly=true] [cache=SIZE]
+//                    [password-file=FILE | password-fd=N]
 //
 // All connections share one block device, so a flush on any connection makes
 // every write acknowledged before it durable (multi-conn consistent).
@@ -11,14 +12,16 @@
 #include "SnapshotControl.h"
 
 #include "brick/BrickDiskError.h"
+#include "tools/PasswordFile.h"
 #include "zo/Error.h"
 #include "zo/Log.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
-#include <sstream>
+#include <string>
+
+#include <unistd.h>
 
 #define THREAD_MODEL NBDKIT_THREAD_MODEL_PARALLEL
 
@@ -76,15 +79,31 @@ int request(const char* what, F&& action)
     return -1;
 }
 
-bool readPasswordFile(const char* path)
+// The password as the brickdisk program reads it (tools/PasswordFile.h): a
+// file without one trailing newline (password-file=), or all that an
+// inherited descriptor holds (password-fd=, which brickdisk serve uses, so
+// the password never lies in a file). The descriptor is closed once read.
+bool readPassword(const std::string& key, const char* value)
 {
-    std::ifstream file(path);
-    if (!file) {
-        nbdkit_error("cannot read password-file %s", path);
+    try {
+        if (key == "password-file") {
+            options.password = cli::readPasswordFile(value);
+            return true;
+        }
+        int fd = -1;
+        if (nbdkit_parse_int("password-fd", value, &fd) == -1)
+            return false;
+        if (fd < 0) {
+            nbdkit_error("password-fd must be a file descriptor, not %d", fd);
+            return false;
+        }
+        options.password = cli::readPasswordFrom(fd, "the descriptor password-fd=" + std::to_string(fd));
+        ::close(fd);
+        return true;
+    } catch (const cli::CPasswordFileError& e) {
+        nbdkit_error("%s", e.what());
         return false;
     }
-    std::getline(file, options.password);
-    return true;
 }
 
 int brickdiskConfig(const char* key, const char* value)
@@ -112,8 +131,8 @@ int brickdiskConfig(const char* key, const char* value)
         options.cacheBytes = size;
         return 0;
     }
-    if (name == "password-file")
-        return readPasswordFile(value) ? 0 : -1;
+    if (name == "password-file" || name == "password-fd")
+        return readPassword(name, value) ? 0 : -1;
     nbdkit_error("unknown parameter '%s'", key);
     return -1;
 }
@@ -146,13 +165,20 @@ int brickdiskAfterFork()
     routeLibraryLog();
     try {
         served = std::make_unique<CServedDisk>(options);
-        if (!options.readOnly)
-            snapshotControl = std::make_unique<nbdplugin::CSnapshotControl>(*served);
-        return 0;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
         return -1;
     }
+    if (options.readOnly)
+        return 0;
+    // Without its control socket the disk is served all the same; only
+    // snapshots while it is served are not possible.
+    try {
+        snapshotControl = std::make_unique<nbdplugin::CSnapshotControl>(*served);
+    } catch (const std::exception& e) {
+        nbdkit_error("%s Snapshots of the served disk cannot be taken while it is served.", e.what());
+    }
+    return 0;
 }
 
 // A served disk never drops an acknowledged write by itself: bricks that
@@ -283,7 +309,9 @@ struct nbdkit_plugin makePlugin()
     plugin.config_help = "disk=FOLDER          (required) The brick disk to serve.\n"
                          "readonly=true        Serve it read-only.\n"
                          "cache=SIZE           Memory for decoded bricks (default 256M).\n"
-                         "password-file=FILE   The password of an encrypted disk (first line).";
+                         "password-file=FILE   The password of an encrypted disk (the file without\n"
+                         "                     one trailing newline, as brickdisk reads it).\n"
+                         "password-fd=N        The password: all that the inherited descriptor N holds.";
     plugin.magic_config_key = "disk";
     plugin.after_fork = brickdiskAfterFork;
     plugin.cleanup = brickdiskCleanup;

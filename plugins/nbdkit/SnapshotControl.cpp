@@ -19,18 +19,23 @@
 
 namespace nbdplugin {
 
-CSnapshotControl::CSnapshotControl(CServedDisk& served) : m_served(served)
+CSnapshotControl::CSnapshotControl(CServedDisk& served)
+    : m_served(served), m_path(controlSocketPath(served.options().diskFolder))
 {
     m_listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_listener < 0)
         throw zo::makeErrnoError(errno, "socket", zo::String());
     sockaddr_un address;
-    const socklen_t length = abstractAddress(served.options().diskFolder, address);
-    if (::bind(m_listener, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+    socketAddress(m_path, address);
+    // The socket file of a server of this disk that was killed: nobody
+    // answers on it any more (a second server of the disk would not have
+    // got its lock).
+    ::unlink(m_path.c_str());
+    if (::bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(m_listener, 4) != 0 || ::pipe2(m_stopPipe, O_CLOEXEC) != 0) {
         const int error = errno;
         ::close(m_listener);
-        throw zo::makeErrnoError(error, "listen on the control socket", zo::String(served.options().diskFolder));
+        throw zo::makeErrnoError(error, "listen on the control socket", zo::String(m_path));
     }
     m_thread = std::thread([this] { serve(); });
 }
@@ -42,6 +47,7 @@ CSnapshotControl::~CSnapshotControl()
         zo::logLine(zo::LogLevel::Warning, "Stopping the control socket failed.");
     m_thread.join();
     ::close(m_listener);
+    ::unlink(m_path.c_str());
     ::close(m_stopPipe[0]);
     ::close(m_stopPipe[1]);
 }

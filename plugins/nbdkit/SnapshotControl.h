@@ -3,6 +3,7 @@
 // of the server's own user (or root) are answered.
 #pragma once
 
+#include <string>
 #include <thread>
 
 namespace nbdplugin {
@@ -11,10 +12,12 @@ class CServedDisk;
 
 class CSnapshotControl {
 public:
-    // Listens for the served disk on a thread of its own. Throws zo::CError
-    // when the socket cannot be made (another server holds it).
+    // Listens for the served disk on a thread of its own, on the socket file
+    // that ControlSocket.h names (replacing one a killed server left).
+    // Throws zo::CError when the socket cannot be made.
     explicit CSnapshotControl(CServedDisk& served);
-    // Stops listening; a request being answered is finished first.
+    // Stops listening and removes the socket file; a request being answered
+    // is finished first.
     ~CSnapshotControl();
     CSnapshotControl(const CSnapshotControl&) = delete;
     CSnapshotControl& operator=(const CSnapshotControl&) = delete;
@@ -24,6 +27,7 @@ private:
     void answer(int connection);
 
     CServedDisk& m_served;
+    std::string m_path;
     int m_listener = -1;
     int m_stopPipe[2] = {-1, -1};
     std::thread m_thread;

@@ -410,5 +410,281 @@ case_rewrite_unchanged_stores_nothing() {
     fail "an unchanged rewrite stored brick files again"
 }
 
+# wait_for_output LOG PATTERN PID: waits until LOG holds PATTERN or the
+# program PID has ended; true when the pattern came.
+wait_for_output() {
+  local log=$1 pattern=$2 pid=$3 i
+  for i in $(seq 1 600); do
+    grep -q -- "$pattern" "$log" 2>/dev/null && return 0
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.05
+  done
+  grep -q -- "$pattern" "$log" 2>/dev/null
+}
+
+# Ctrl-C on brickdisk mount while its file is loop-mounted is refused (the
+# disk stays served and the loop mount keeps working); once the loop mount is
+# undone, Ctrl-C flushes and ends the mount.
+case_mount_refuses_to_stop_while_loop_mounted() {
+  need nbdfuse fusermount3 mkfs.ext4 e2fsck debugfs
+  [ -c /dev/fuse ] || skip "no /dev/fuse"
+  [ "$(id -u)" = 0 ] || skip "loop mounts need root"
+  make_disk "$work/disk" 64M
+  mkdir "$work/mnt" "$work/fs"
+  "$brickdisk" mount "$work/disk" "$work/mnt" >"$work/mount.log" 2>&1 &
+  local mount=$!
+  cleanups+=("umount $work/fs 2>/dev/null; fusermount3 -u $work/mnt 2>/dev/null; kill $mount 2>/dev/null")
+  wait_for_output "$work/mount.log" '^Mounted' "$mount" || {
+    grep -qi "fuse" "$work/mount.log" && skip "FUSE mounts are not allowed here: $(cat "$work/mount.log")"
+    fail "the disk was not mounted: $(cat "$work/mount.log")"
+  }
+  mkfs.ext4 -q -F "$work/mnt/disk" || fail "mkfs.ext4 failed"
+  mount -o loop "$work/mnt/disk" "$work/fs" 2>"$work/loop.log" ||
+    skip "this machine cannot make loop devices: $(cat "$work/loop.log")"
+  echo "before Ctrl-C" >"$work/fs/first"
+  kill -INT "$mount"
+  wait_for_output "$work/mount.log" "still loop-mounted" "$mount" ||
+    fail "Ctrl-C did not refuse to stop: $(cat "$work/mount.log")"
+  kill -0 "$mount" 2>/dev/null || fail "brickdisk mount ended while its file was loop-mounted"
+  grep -q "umount $work/fs" "$work/mount.log" || fail "the refusal does not say how to unmount"
+  grep -q "^Unmounted" "$work/mount.log" && fail "Unmounted was printed: $(cat "$work/mount.log")"
+  echo "after Ctrl-C" >"$work/fs/second"
+  sync -f "$work/fs/second" || fail "the loop-mounted file system failed after Ctrl-C"
+  "$brickdisk" unmount "$work/mnt" >"$work/unmount.log" 2>&1 && fail "unmount succeeded while loop-mounted"
+  grep -q "still loop-mounted" "$work/unmount.log" || fail "unmount does not say why: $(cat "$work/unmount.log")"
+  umount "$work/fs" || fail "the loop mount could not be undone"
+  kill -INT "$mount"
+  wait "$mount" || fail "mount did not end cleanly: $(cat "$work/mount.log")"
+  grep -q "^Unmounted" "$work/mount.log" || fail "Unmounted was not printed"
+  "$brickdisk" export "$work/disk" "$work/out" -q
+  e2fsck -fn "$work/out" >"$work/fsck.log" 2>&1 || fail "the stored file system has errors: $(cat "$work/fsck.log")"
+  [ "$(debugfs -R "cat /second" "$work/out" 2>/dev/null)" = "after Ctrl-C" ] ||
+    fail "a file written after the refused Ctrl-C is not stored"
+  "$brickdisk" unmount "$work/mnt" >"$work/unmount2.log" 2>&1 && fail "unmount of a folder not mounted succeeded"
+  grep -q "is not mounted" "$work/unmount2.log" || fail "unmount does not say the folder is not mounted"
+}
+
+# brickdisk mount checks its folder before it serves, cleans up after every
+# failure and tells how to loop-mount a read-only disk.
+case_mount_edges() {
+  need nbdfuse fusermount3
+  [ -c /dev/fuse ] || skip "no /dev/fuse"
+  make_disk "$work/disk" 8M
+  mkdir "$work/tmp"
+  export TMPDIR=$work/tmp
+  if "$brickdisk" mount "$work/disk" "$work/missing/folder" >"$work/missing.log" 2>&1; then
+    fail "mounting on a missing folder succeeded"
+  fi
+  grep -q "does not exist" "$work/missing.log" || fail "no reason given: $(cat "$work/missing.log")"
+  grep -q "Mounted" "$work/missing.log" && fail "Mounted printed for a missing folder"
+  mkdir "$work/full"
+  echo "mine" >"$work/full/file"
+  if "$brickdisk" mount "$work/disk" "$work/full" >"$work/full.log" 2>&1; then
+    fail "mounting on a folder that is not empty succeeded"
+  fi
+  grep -q "not empty" "$work/full.log" || fail "no reason given: $(cat "$work/full.log")"
+  [ "$(cat "$work/full/file")" = mine ] || fail "the folder's file is hidden"
+  mkdir "$work/mnt"
+  if "$brickdisk" mount "$work/disk" "$work/mnt" --cache lots >"$work/cache.log" 2>&1; then
+    fail "mounting with an unreadable cache size succeeded"
+  fi
+  [ -z "$(ls -A "$work/tmp")" ] || fail "a failed mount left behind: $(ls -A "$work/tmp")"
+
+  "$brickdisk" mount "$work/disk" "$work/mnt" --read-only >"$work/mount.log" 2>&1 &
+  local mount=$!
+  cleanups+=("fusermount3 -u $work/mnt 2>/dev/null; kill $mount 2>/dev/null")
+  wait_for_output "$work/mount.log" '^Mounted' "$mount" || {
+    grep -qi "fuse" "$work/mount.log" && skip "FUSE mounts are not allowed here: $(cat "$work/mount.log")"
+    fail "the disk was not mounted: $(cat "$work/mount.log")"
+  }
+  [ -f "$work/mnt/disk" ] || fail "Mounted was printed before the disk file was there"
+  grep -q -- "-o loop,ro " "$work/mount.log" || fail "no read-only loop mount suggested: $(cat "$work/mount.log")"
+  "$brickdisk" unmount "$work/mnt" || fail "unmount failed"
+  wait "$mount" || fail "mount did not end cleanly: $(cat "$work/mount.log")"
+  [ -z "$(ls -A "$work/tmp")" ] || fail "a mount left behind: $(ls -A "$work/tmp")"
+}
+
+# serve_in_background NAME ARGS...: runs brickdisk serve ARGS... with its
+# output in $work/NAME.log, waits until it serves and sets $serve_pid.
+serve_in_background() {
+  local name=$1
+  shift
+  "$brickdisk" serve "$@" >"$work/$name.log" 2>&1 &
+  serve_pid=$!
+  cleanups+=("kill $serve_pid 2>/dev/null")
+  wait_for_output "$work/$name.log" '^Serving' "$serve_pid" || fail "serve $name did not start: $(cat "$work/$name.log")"
+}
+
+# A second serve of a served disk is refused without touching the first
+# server's socket; another kind of file is never taken for a socket; a stale
+# socket of a killed server is replaced.
+case_serve_socket_safety() {
+  make_disk "$work/disk" 8M
+  make_disk "$work/other" 8M
+  serve_in_background a "$work/disk" --socket "$work/a.sock"
+  if "$brickdisk" serve "$work/disk" --socket "$work/a.sock" >"$work/second.log" 2>&1; then
+    fail "a second serve of a served disk started"
+  fi
+  grep -q "in use by another process" "$work/second.log" || fail "no reason given: $(cat "$work/second.log")"
+  grep -q "holder: process [0-9]* (nbdkit)" "$work/second.log" || fail "the holder is not named: $(cat "$work/second.log")"
+  nbdinfo --size "$(uri_of "$work/a.sock")" >/dev/null || fail "the first server lost its socket"
+  if "$brickdisk" serve "$work/other" --socket "$work/a.sock" >"$work/taken.log" 2>&1; then
+    fail "a serve on a socket that a server listens on started"
+  fi
+  grep -q "Another server listens" "$work/taken.log" || fail "no reason given: $(cat "$work/taken.log")"
+  nbdinfo --size "$(uri_of "$work/a.sock")" >/dev/null || fail "the first server lost its socket"
+
+  echo "precious" >"$work/precious.txt"
+  if "$brickdisk" serve "$work/other" --socket "$work/precious.txt" >"$work/file.log" 2>&1; then
+    fail "a serve replaced a regular file by its socket"
+  fi
+  [ "$(cat "$work/precious.txt")" = precious ] || fail "the regular file was changed"
+
+  # A failed serve leaves no socket.
+  if "$brickdisk" serve "$work/other" --socket "$work/failed.sock" --plugin "$work/no-such-plugin.so" \
+    >"$work/failed.log" 2>&1; then
+    fail "a serve with a missing plugin started"
+  fi
+  [ -e "$work/failed.sock" ] && fail "a failed serve left its socket"
+
+  # A killed serve's socket is replaced by the next serve.
+  python3 -c 'import socket, sys; socket.socket(socket.AF_UNIX).bind(sys.argv[1])' "$work/stale.sock"
+  serve_in_background b "$work/other" --socket "$work/stale.sock"
+  nbdinfo --size "$(uri_of "$work/stale.sock")" >/dev/null || fail "the new server does not answer"
+  kill -INT "$serve_pid"
+  wait "$serve_pid" || fail "serve did not end cleanly: $(cat "$work/b.log")"
+  [ -e "$work/stale.sock" ] && fail "serve left its socket"
+  return 0
+}
+
+# The password of an encrypted disk reaches the server through a pipe: a
+# password file of several lines works as for every other command, and no
+# file holds the password, even when serve is killed while the server starts.
+case_serve_password() {
+  local password="line one $RANDOM$RANDOM"
+  printf '%s\nline two\n' "$password" >"$work/password"
+  "$brickdisk" create "$work/disk" --size 8M --password-file "$work/password" --kdf pbkdf2 >/dev/null
+  head -c 8388608 /dev/urandom >"$work/image"
+  serve_in_background a "$work/disk" --socket "$work/a.sock" --password-file "$work/password"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  kill -INT "$serve_pid"
+  wait "$serve_pid" || fail "serve did not end cleanly: $(cat "$work/a.log")"
+  "$brickdisk" export "$work/disk" "$work/out" -q --password-file "$work/password"
+  cmp "$work/image" "$work/out" || fail "what was written is not stored"
+
+  # Killed as soon as the server runs, long before it answers.
+  local tmp=${TMPDIR:-/tmp} i server
+  "$brickdisk" serve "$work/disk" --socket "$work/b.sock" --password-file "$work/password" >"$work/b.log" 2>&1 &
+  serve_pid=$!
+  for i in $(seq 1 400); do
+    server=$(pgrep -P "$serve_pid" nbdkit || true)
+    [ -n "$server" ] && break
+    sleep 0.01
+  done
+  [ -n "$server" ] || fail "no server started: $(cat "$work/b.log")"
+  tr '\0' '\n' <"/proc/$server/cmdline" >"$work/server-arguments" || true
+  kill -9 "$serve_pid"
+  wait "$serve_pid" 2>/dev/null || true
+  grep -q "password-file" "$work/server-arguments" && fail "the server was given a password file"
+  grep -rlsF -- "$password" "$tmp"/brickdisk-password-* "$work/server-arguments" &&
+    fail "a file holds the password after serve was killed"
+  return 0
+}
+
+# A server that dies while it serves ends brickdisk serve with the cause and a
+# non-zero status; what was flushed is stored.
+case_serve_server_dies() {
+  make_disk "$work/disk" 8M
+  head -c 8388608 /dev/urandom >"$work/image"
+  serve_in_background a "$work/disk" --socket "$work/a.sock"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  local server
+  server=$(pgrep -P "$serve_pid" nbdkit) || fail "no server process"
+  kill -ABRT "$server"
+  local status=0
+  wait "$serve_pid" || status=$?
+  [ "$status" != 0 ] || fail "serve ended with status 0 after its server died"
+  grep -q "died by signal 6" "$work/a.log" ||
+    fail "the cause is not named: $(cat "$work/a.log")"
+  grep -q "^Stopped serving" "$work/a.log" && fail "serve says it stopped as asked"
+  "$brickdisk" export "$work/disk" "$work/out" -q
+  cmp "$work/image" "$work/out" || fail "flushed writes were lost"
+}
+
+# squat KIND NAME LOG: a process of another user (nobody) that listens on the
+# abstract socket NAME (KIND abstract) or the socket file NAME (KIND file)
+# and answers "ok" to every request; sets $squatter_pid once it listens.
+squat() {
+  python3 - "$1" "$2" >"$3" 2>&1 <<'PYTHON' &
+import os, socket, sys
+kind, name = sys.argv[1:3]
+listener = socket.socket(socket.AF_UNIX)
+listener.bind(b"\0" + name.encode() if kind == "abstract" else name)
+# The socket's owner is the user who listens.
+os.setgid(65534)
+os.setuid(65534)
+listener.listen(4)
+print("listening", flush=True)
+while True:
+    connection, _ = listener.accept()
+    connection.recv(4096)
+    connection.sendall(b"ok\n")
+    connection.close()
+PYTHON
+  squatter_pid=$!
+  cleanups+=("kill $squatter_pid 2>/dev/null")
+  wait_for_output "$3" listening "$squatter_pid" || fail "the squatter did not start: $(cat "$3")"
+}
+
+# folder_hash FOLDER: the hexadecimal FNV-1a hash that names a disk's control
+# socket.
+folder_hash() {
+  python3 -c '
+import sys
+h = 14695981039346656037
+for c in sys.argv[1].encode():
+    h = ((h ^ c) * 1099511628211) % 2**64
+print("%016x" % h)' "$1"
+}
+
+# is_snapshot_of SNAPSHOT DISK: true when SNAPSHOT holds a disk whose parent
+# is DISK.
+is_snapshot_of() {
+  "$brickdisk" info "$1" >"$work/info.txt" 2>&1 && grep -q "^parents: *$2" "$work/info.txt"
+}
+
+# Another user cannot answer for a served disk: snapshot never reports a
+# snapshot that is not there, and a server starts whatever another user
+# listens on.
+case_snapshot_control_squatter() {
+  [ "$(id -u)" = 0 ] || skip "a squatter of another user needs root to become that user"
+  make_disk "$work/disk" 8M
+  local runtime hash
+  runtime=$(mktemp -d /tmp/brickdisk-test-XXXXXX)
+  cleanups+=("rm -rf $runtime")
+  export XDG_RUNTIME_DIR=$runtime
+  hash=$(folder_hash "$work/disk")
+  squat abstract "brickdisk-serve-$hash" "$work/squatter.log"
+
+  "$brickdisk" snapshot "$work/disk" "$work/snap1" >"$work/snap1.log" 2>&1 ||
+    fail "snapshot of a disk nobody serves failed: $(cat "$work/snap1.log")"
+  is_snapshot_of "$work/snap1" "$work/disk" || fail "snapshot reported success without a snapshot: $(cat "$work/snap1.log")"
+
+  serve a "$work/disk"
+  "$brickdisk" snapshot "$work/disk" "$work/snap2" >"$work/snap2.log" 2>&1 ||
+    fail "snapshot of the served disk failed: $(cat "$work/snap2.log")"
+  grep -q "taken by the server" "$work/snap2.log" || fail "the server did not take the snapshot: $(cat "$work/snap2.log")"
+  is_snapshot_of "$work/snap2" "$work/disk" || fail "the server's snapshot is not there"
+  stop "$last_pid"
+  [ -e "$runtime/serve-$hash.sock" ] && fail "the server left its control socket"
+
+  # A socket of another user where the control socket belongs is not asked.
+  squat file "$runtime/serve-$hash.sock" "$work/squatter2.log"
+  if "$brickdisk" snapshot "$work/disk" "$work/snap3" >"$work/snap3.log" 2>&1; then
+    fail "snapshot trusted a process of another user: $(cat "$work/snap3.log")"
+  fi
+  grep -q "another user" "$work/snap3.log" || fail "the refusal does not say why: $(cat "$work/snap3.log")"
+}
+
 "case_$case_name"
 echo "PASSED: $case_name"
