@@ -313,10 +313,14 @@ int runServe(const ServeOptions& options)
     }
     if (!server.process().isRunning())
         serverDied(server.process(), options.disk);
-    // nbdkit flushes the disk before it ends.
+    // nbdkit flushes the disk before it ends; a server that could not store
+    // every changed brick says which and ends with a failure.
     const int status = server.process().terminate();
+    if (status != 0 && status != 128 + SIGTERM)
+        throw zo::CError("The NBD server failed as it stopped (see its messages above).", zo::String(), -1,
+                         zo::CProps().add("diskFolder", options.disk).add("exitStatus", static_cast<zo::int64>(status)));
     std::printf("Stopped serving %s.\n", options.disk.c_str());
-    return status == 0 || status == 128 + SIGTERM ? 0 : 1;
+    return 0;
 }
 
 // The folder a disk is mounted on: it must exist and be empty, so that the

@@ -389,6 +389,19 @@ case_stop_with_unstored_bricks_fails() {
   fi
   grep -q "changed bricks not stored (bricks " "$work/a.log" ||
     fail "the server did not name the bricks it could not store: $(cat "$work/a.log")"
+
+  # brickdisk serve, stopped with Ctrl-C, ends with a failure too.
+  "$brickdisk" serve "$work/small/disk" --socket "$work/s.sock" --cache 64M >"$work/serve.log" 2>&1 &
+  local serve=$!
+  cleanups+=("kill $serve 2>/dev/null")
+  wait_for_output "$work/serve.log" '^Serving' "$serve" || fail "serve did not start: $(cat "$work/serve.log")"
+  nbdcopy "$work/image" "$(uri_of "$work/s.sock")" || fail "writes into the cache failed"
+  kill -INT "$serve"
+  if wait "$serve"; then
+    fail "serve exited 0 with bricks it could not store: $(cat "$work/serve.log")"
+  fi
+  grep -q "changed bricks not stored" "$work/serve.log" || fail "serve did not say what was lost: $(cat "$work/serve.log")"
+  grep -q "failed as it stopped" "$work/serve.log" || fail "serve did not end with an error: $(cat "$work/serve.log")"
 }
 
 # Writing a served disk with the bytes it already holds is no change: nothing
