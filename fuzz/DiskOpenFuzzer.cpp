@@ -2,9 +2,9 @@
 // input byte chooses the record (even: the header, odd: the parent link), the
 // rest is its payload, framed with a matching digest as an editor of the
 // record would leave it, so that every input reaches the field checks and
-// the opening behind them: validation, key derivation, link following and a
-// first read. Every CError is an accepted outcome; a crash, a hang or an
-// allocation by a hostile field is a bug.
+// what lies behind them: the chain inspection, the opening, link following
+// and a first read. Every CError is an accepted outcome; a crash, a hang or
+// an allocation by a hostile field is a bug.
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskAuxFileBase.h"
 #include "brick/BrickDiskChain.h"

@@ -11,6 +11,7 @@
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskHeaderLimits.h"
+#include "brick/BrickDiskKeyWrap.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -172,7 +173,7 @@ std::vector<Case> casesFor(Format format)
         cases.push_back(blockCase("cipherKeyHash", size, &H::setCipherKeyHash, bad));
 
     for (const std::string& id : Texts{"", "zlib--1", "zlib-10", "zlib-99", "zlib-x", "zlib-1 ", "lzma-",
-                                      "lzma-9-99999999999", "lzma-1-2", "lzma-10", "lzma-1-", "LZ4", "lz5"})
+                                       "lzma-9-99999999999", "lzma-1-2", "lzma-10", "lzma-1-", "LZ4", "lz5"})
         cases.push_back(textCase("compressID", id, &H::setCompressID, bad));
     for (const std::string& id : Texts{"null", "zlib-9", "lzma-9-1", "lz4hc"})
         cases.push_back(textCase("compressID", id, &H::setCompressID, legal(format)));
@@ -314,6 +315,28 @@ TEST_P(HeaderTamper, ExpensiveKeyDerivationRunsWhenAllowed)
     } catch (const CBrickDiskError& e) {
         EXPECT_EQ(e.getErrorCode(), CBrickDiskError::IncorrectPassword);
     }
+}
+
+TEST(HeaderTamperPassword, CostlyKeyDerivationIsRefusedBeforeAPasswordChangeWritesAnything)
+{
+    const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem());
+    CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+    CBrickDiskHeader header;
+    header.load(fs.get(), kFolder);
+    header.setCipherKeyDerivationMemoryKiB(2 * 1024 * 1024);
+    header.store(fs.get(), kFolder);
+    const P<TBuffer<uint8>> before = fs->getFileData(CBrickDiskHeader::getHeaderURI(kFolder, 0));
+
+    try {
+        brick::CBrickDiskKeyWrap::changePassword(fs.get(), {kFolder}, kPassword, "new", kTestCost);
+        ADD_FAILURE() << "the password changed";
+    } catch (const CBrickDiskError& e) {
+        ADD_FAILURE() << e.toString().toUTF8();
+    } catch (const CError& e) {
+        EXPECT_NE(e.getMessage().toUTF8().find("key derivation of the disk"), std::string::npos)
+            << e.toString().toUTF8();
+    }
+    EXPECT_EQ(*fs->getFileData(CBrickDiskHeader::getHeaderURI(kFolder, 0)), *before);
 }
 
 // Versions and iteration counts are 64-bit fields of the record: values
