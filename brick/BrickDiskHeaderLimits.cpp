@@ -107,11 +107,6 @@ void validateKeyDerivation(const CBrickDiskHeader& header)
     checkRange(kWrappedKey, wrapped, seal::kKeyWrapOverhead + kCipherKeySize, seal::kKeyWrapOverhead + kCipherKeySize);
 }
 
-[[noreturn]] void refuseCost(const String& message, const zo::CProps& cost)
-{
-    throw zo::CError(message, String(), -1, cost);
-}
-
 } // namespace
 
 int64 CBrickDiskHeaderLimits::getMaxBrickCount()
@@ -157,9 +152,7 @@ bool CBrickDiskHeaderLimits::isValidCompressID(const String& id)
 void CBrickDiskHeaderLimits::checkCompressID(const String& id)
 {
     if (!isValidCompressID(id))
-        fail(kCompressID, shown(id),
-             "null, lz4, lz4hc, zlib-0 to zlib-9, lzma-0 to lzma-9, or lzma-P-0 or "
-             "lzma-P-1");
+        fail(kCompressID, shown(id), "null, lz4, lz4hc, zlib-L, lzma-P or lzma-P-E; L and P 0 to 9, E 0 or 1");
 }
 
 void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::CURI& diskFolder)
@@ -199,8 +192,9 @@ void CBrickDiskHeaderLimits::checkKeyDerivationCost(const CBrickDiskHeader& head
     if (!CBrickDiskKeyWrap::isKeyWrapped(header)) {
         const int iterations = header.getCipherKeyDerivationIterations();
         if (!allowExpensive && iterations > kAllowedPBKDF2Iterations)
-            refuseCost("The key derivation of the disk costs more than allowed.",
-                       zo::CProps().add("iterations", iterations).add("allowedIterations", kAllowedPBKDF2Iterations));
+            throw zo::CError(
+                "The key derivation of the disk costs more than allowed.", String(), -1,
+                zo::CProps().add("iterations", iterations).add("allowedIterations", kAllowedPBKDF2Iterations));
         return;
     }
     const int passes = header.getCipherKeyDerivationIterations();
@@ -211,12 +205,11 @@ void CBrickDiskHeaderLimits::checkKeyDerivationCost(const CBrickDiskHeader& head
                                 .add("lanes", header.getCipherKeyDerivationLanes());
     const int64 machineMemory = zo::getPhysicalMemorySize();
     if (machineMemory > 0 && int64(memoryKiB) * 1024 > machineMemory)
-        refuseCost("The key derivation of the disk needs more memory than the "
-                   "machine has.",
-                   zo::CProps(cost).add("machineMemory", machineMemory));
+        throw zo::CError("The key derivation of the disk needs more memory than the machine has.", String(), -1,
+                         zo::CProps(cost).add("machineMemory", machineMemory));
     if (!allowExpensive &&
         (memoryKiB > kAllowedArgon2idMemoryKiB || int64(passes) * memoryKiB > kAllowedArgon2idWorkKiB))
-        refuseCost("The key derivation of the disk costs more than allowed.", cost);
+        throw zo::CError("The key derivation of the disk costs more than allowed.", String(), -1, cost);
 }
 
 } // namespace brick
