@@ -1,6 +1,7 @@
 #include "brick/BrickDataPreparer.h"
 
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskHeaderLimits.h"
 #include "brick/detail/BrickFileLayout.h"
 #include "brick/Version.h"
 #include "seal/KeyDerivation.h"
@@ -94,6 +95,8 @@ void CBrickDataPreparer::checkIndexNotNeeded(const char* where) const
 
 zo::P<zo::ICompressor> CBrickDataPreparer::createCompressor(const zo::String& compressID)
 {
+    if (!CBrickDiskHeaderLimits::isValidCompressID(compressID))
+        throw zo::CError("Unknown compressor ID: " + compressID);
     if (compressID == "null")
         return zo::P<zo::ICompressor>(new zo::CNullCompressor());
     if (compressID == "lz4")

@@ -50,12 +50,10 @@ public:
     // size, cipher ("cipherID"), checksum digest ("checkSumHashID") and
     // compressor ("compressID"). `key`, the disk's cipher key, is copied.
     //
-    // Compressor IDs: "null", "lz4", "lz4hc", "zlib-"L and "lzma-"A or
-    // "lzma-"A"-"B with decimal numbers L, A, B (B is 0 when absent).
+    // Compressor IDs: those of CBrickDiskHeaderLimits::isValidCompressID.
     //
     // Throws zo::CError "Unknown compressor ID: <ID>" for any other compressor
-    // ID, the number parser's zo::CInvalidArgError for a bad number in one,
-    // and the cryptography library's error for an unknown cipher or digest.
+    // ID, and the cryptography library's error for an unknown cipher or digest.
     CBrickDataPreparer(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key);
 
     // True when the disk's brick files are bound to their brick index

@@ -2,6 +2,7 @@
 
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskHeaderLimits.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/Version.h"
@@ -23,8 +24,8 @@ namespace brick {
 namespace {
 
 constexpr char kKeyDerivationSource[] = "CBrickDisk::deriveCypherKey";
-constexpr int kMinSaltSize = 8;
-constexpr int kMinIterations = 1000;
+constexpr int kMinSaltSize = CBrickDiskHeaderLimits::kMinSaltSize;
+constexpr int kMinIterations = CBrickDiskHeaderLimits::kMinPBKDF2Iterations;
 constexpr int kSaltSize = 8;
 
 } // namespace
@@ -52,6 +53,9 @@ void CBrickDisk::deriveCipherKey(zo::TCryptBuffer<zo::uint8>& key, const zo::Str
     if (iterations < kMinIterations)
         throw zo::CInvalidArgError(kKeyDerivationSource,
                                    "Key derivation iterations are too small: " + zo::toDecimalString(iterations));
+    if (iterations > CBrickDiskHeaderLimits::kMaxPBKDF2Iterations)
+        throw zo::CInvalidArgError(kKeyDerivationSource,
+                                   "Key derivation iterations are too many: " + zo::toDecimalString(iterations));
 
     seal::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(passwordBytes.getData(), passwordBytes.getSize(), salt.getData(),
                                            salt.getUsed(), iterations, keySize, key.getData());
@@ -87,6 +91,12 @@ bool CBrickDisk::isCipherKeyCorrect(zo::IFileSystem* fs, const zo::CURI& diskFol
 bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
                                           zo::TCryptBuffer<zo::uint8>* keyOut)
 {
+    return isEncryptPasswordCorrect(header, password, keyOut, false);
+}
+
+bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
+                                          zo::TCryptBuffer<zo::uint8>* keyOut, bool allowExpensiveKeyDerivation)
+{
     if (header.getCipherID() == "null") {
         // An unencrypted disk has no password; any other answer is wrong.
         if (!password.isEmpty())
@@ -95,6 +105,7 @@ bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const 
             keyOut->setUsed(0);
         return true;
     }
+    CBrickDiskHeaderLimits::checkKeyDerivationCost(header, allowExpensiveKeyDerivation);
     zo::TCryptBuffer<zo::uint8> key;
     bool correct = false;
     if (CBrickDiskKeyWrap::isKeyWrapped(header)) {
@@ -121,6 +132,12 @@ bool CBrickDisk::isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& d
 CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
                                           int payloadBlockSize, const String& compressorID, int brickSize)
 {
+    // Nothing is made for a disk that could not be opened.
+    const int64 storedBrickSize = brickSize != -1 ? brickSize : CBrickDiskHeader().getBrickSize();
+    CBrickDiskHeaderLimits::checkBrickSize(storedBrickSize);
+    CBrickDiskHeaderLimits::checkDiskSize(diskSize, storedBrickSize);
+    CBrickDiskHeaderLimits::checkPayloadBlockSize(payloadBlockSize, storedBrickSize);
+    CBrickDiskHeaderLimits::checkCompressID(compressorID);
     fs->createFolder(diskFolder, kFolderMode);
     if (fs->fileExists(CBrickDiskHeader::getHeaderURI(diskFolder, 0)))
         throw CError("Cannot create brick disk in a folder that already contains one.", String(), -1,
@@ -155,6 +172,7 @@ void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, in
         zo::TCryptBuffer<uint8> key;
         CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
     }
+    CBrickDiskHeaderLimits::validate(header, diskFolder);
     header.store(fs, diskFolder);
 }
 
@@ -180,6 +198,7 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
     digest->finish();
     header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
 
+    CBrickDiskHeaderLimits::validate(header, diskFolder);
     header.store(fs, diskFolder);
 }
 
@@ -242,12 +261,18 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
 
 CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& password, IIOStream::Access access,
                        int maxBackgroundOps)
+    : CBrickDisk(fs, diskFolder, password, access, maxBackgroundOps, OpenOptions())
+{
+}
+
+CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& password, IIOStream::Access access,
+                       int maxBackgroundOps, const OpenOptions& options)
     : m_fs(fs), m_diskFolder(diskFolder), m_access(access), m_maxBackgroundOps(maxBackgroundOps)
 {
     m_header.load(fs, diskFolder);
     if (access == IIOStream::AccessReadWrite && m_header.getMinWriterVersion() > getImplementationVersion())
         throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, diskFolder);
-    if (!isEncryptPasswordCorrect(m_header, password, &m_cipherKey))
+    if (!isEncryptPasswordCorrect(m_header, password, &m_cipherKey, options.allowExpensiveKeyDerivation))
         throw CBrickDiskError(CBrickDiskError::IncorrectPassword, diskFolder);
     if (m_header.getCipherID() != "null")
         m_cipher = seal::CCipherManager().getCipher(m_header.getCipherID());

@@ -50,8 +50,9 @@ public:
     // whose used size becomes the key length of the header's cipher, also
     // when the call then throws. Throws zo::CInvalidArgError
     // ("CBrickDisk::deriveCypherKey") when the header names a key deriver
-    // other than "PKCS5-PBKDF2-HMAC-SHA1", a salt of fewer than 8 bytes or
-    // fewer than 1000 iterations (checked in this order), and passes on the
+    // other than "PKCS5-PBKDF2-HMAC-SHA1", a salt of fewer than 8 bytes,
+    // fewer than 1000 or more than 10 million iterations (checked in this
+    // order), and passes on the
     // cryptography library's error for an unknown cipher. A header of a
     // wrapped key ("argon2id") is refused as unknown here: its key is
     // unwrapped, not derived (isEncryptPasswordCorrect does it).
@@ -76,6 +77,12 @@ public:
     // result false, not an error; the errors of deriveCipherKey are passed on.
     static bool isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
                                          zo::TCryptBuffer<zo::uint8>* keyOut);
+    // The same, first refusing a key derivation that costs more than
+    // CBrickDiskHeaderLimits::checkKeyDerivationCost allows (its CError,
+    // thrown before any work) unless `allowExpensiveKeyDerivation`. The call
+    // above refuses such costs.
+    static bool isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
+                                         zo::TCryptBuffer<zo::uint8>* keyOut, bool allowExpensiveKeyDerivation);
     // The same for the disk in `diskFolder`, whose header is loaded through
     // `fs` first; header load errors are passed on.
     static bool isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& diskFolder, const zo::String& password,
@@ -89,8 +96,11 @@ public:
     // the key is derived from the password with a fresh random 8-byte salt.
     // `brickSize` -1 keeps the default of 524288 bytes. Throws CError
     // "Cannot create brick disk in a folder that already contains one." (with
-    // "diskFolder") when the folder holds a header already, and passes on the
-    // errors of the file system and of key derivation. Any thread.
+    // "diskFolder") when the folder holds a header already, the CError of
+    // CBrickDiskHeaderLimits (before anything is made) for a disk size, brick
+    // size, payload block size or compressor ID outside its limits, and
+    // passes on the errors of the file system and of key derivation. Any
+    // thread.
     static void create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                        const String& password, const String& compressorID, int brickSize);
 
@@ -125,6 +135,15 @@ public:
 
     // ---- Opening ------------------------------------------------------------
 
+    // Choices of an opening beyond the password and the access.
+    struct OpenOptions {
+        // Derive the key even when the header asks for more work or memory
+        // than CBrickDiskHeaderLimits allows without permission (never more
+        // memory than the machine has). A header that anyone could have
+        // edited may otherwise hold a cost of minutes and gigabytes.
+        bool allowExpensiveKeyDerivation = false;
+    };
+
     // Opens the disk in `diskFolder` for reading (access 1) or reading and
     // writing (access 3). Loads the header, checks the password, follows the
     // parent links to every ancestor (nearest first) and notes the child.
@@ -134,9 +153,13 @@ public:
     // when the header needs a newer reader (or, for writing, a newer writer),
     // CError "Parent link loop detected in brick disk." (with "diskFolder"
     // and "loopFolder") when the parent links run in a circle, and passes on
-    // the errors of the header, link files and key derivation.
+    // the errors of the header, link files and key derivation, among them
+    // the CError of a key derivation that costs more than allowed.
     CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& password, IIOStream::Access access,
                int maxBackgroundOps);
+    // The same with `options`.
+    CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& password, IIOStream::Access access,
+               int maxBackgroundOps, const OpenOptions& options);
     CBrickDisk(const CBrickDisk&) = default;
     CBrickDisk& operator=(const CBrickDisk&) = default;
     // Saves the current brick and waits, without a time limit, until every

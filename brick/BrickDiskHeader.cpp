@@ -1,6 +1,7 @@
 #include "brick/BrickDiskHeader.h"
 
 #include "brick/BrickDiskError.h"
+#include "brick/BrickDiskHeaderLimits.h"
 #include "brick/detail/RecordFields.h"
 #include "brick/Version.h"
 
@@ -112,6 +113,8 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
         m_cipherKeyDerivationLanes = in.readInt32();
         record::readByteBlock(in, *stream, m_wrappedCipherKey);
     }
+    // Before any caller sizes a buffer, a loop or a key derivation by it.
+    CBrickDiskHeaderLimits::validate(*this, folder);
 }
 
 } // namespace brick

@@ -46,7 +46,9 @@ public:
     // CError "brickdisk header file does not start with correct file ID."
     // for another kind of file, CBrickDiskError NewerSoftwareRequired (with
     // "diskFolder" = folder) when the disk needs a newer reader, and the data
-    // stream's CIOError for a record that ends early. After a failure the
+    // stream's CIOError for a record that ends early, and the CError of
+    // CBrickDiskHeaderLimits::validate (naming the field, its value and
+    // "diskFolder") for a field outside its limits. After a failure the
     // object may hold part of the record; callers discard it.
     void load(zo::IFileSystem* fs, const zo::CURI& folder);
 

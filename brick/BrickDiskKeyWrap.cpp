@@ -1,6 +1,7 @@
 #include "brick/BrickDiskKeyWrap.h"
 
 #include "brick/BrickDiskError.h"
+#include "brick/BrickDiskHeaderLimits.h"
 #include "brick/detail/PasswordBytes.h"
 #include "seal/KeyWrap.h"
 #include "zo/BufferStream.h"
@@ -138,6 +139,13 @@ void CBrickDiskKeyWrap::changePassword(zo::IFileSystem* fs, const zo::TList<zo::
                                        const zo::String& oldPassword, const zo::String& newPassword,
                                        const seal::Argon2idCost& cost)
 {
+    changePassword(fs, diskFolders, oldPassword, newPassword, cost, false);
+}
+
+void CBrickDiskKeyWrap::changePassword(zo::IFileSystem* fs, const zo::TList<zo::CURI>& diskFolders,
+                                       const zo::String& oldPassword, const zo::String& newPassword,
+                                       const seal::Argon2idCost& cost, bool allowExpensiveKeyDerivation)
+{
     constexpr const char* where = "CBrickDiskKeyWrap::changePassword";
     if (diskFolders.empty())
         throw zo::CInvalidArgError(where, "There is no disk to change the password of.");
@@ -151,6 +159,7 @@ void CBrickDiskKeyWrap::changePassword(zo::IFileSystem* fs, const zo::TList<zo::
         if (!isKeyWrapped(headers.back()) || headers.back().getCipherID() == "null")
             throw zo::CInvalidArgError(where, "The disk's key is not wrapped, so its password cannot change.",
                                        zo::CProps().add("diskFolder", folder.toString(true)));
+        CBrickDiskHeaderLimits::checkKeyDerivationCost(headers.back(), allowExpensiveKeyDerivation);
     }
 
     // Every header must open with one of the passwords and hold the same key.

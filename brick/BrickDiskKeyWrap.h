@@ -80,11 +80,19 @@ public:
     // password, or a disk whose key is not wrapped (nothing is written then);
     // CBrickDiskError IncorrectPassword (with the disk's folder) when a disk
     // opens with neither password; zo::CError "Disk does not share the key
-    // of the other disks." (with "diskFolder"); and the errors of loading
-    // and storing headers.
+    // of the other disks." (with "diskFolder"); the CError of
+    // CBrickDiskHeaderLimits::checkKeyDerivationCost, before any derivation
+    // and any write, for a header whose key derivation costs more than is
+    // allowed without permission; and the errors of loading and storing
+    // headers.
     static void changePassword(zo::IFileSystem* fs, const zo::TList<zo::CURI>& diskFolders,
                                const zo::String& oldPassword, const zo::String& newPassword,
                                const seal::Argon2idCost& cost);
+    // The same; with `allowExpensiveKeyDerivation` the key of such a header
+    // is derived all the same (within the format's limits).
+    static void changePassword(zo::IFileSystem* fs, const zo::TList<zo::CURI>& diskFolders,
+                               const zo::String& oldPassword, const zo::String& newPassword,
+                               const seal::Argon2idCost& cost, bool allowExpensiveKeyDerivation);
 
     // The check value of `key` that such headers hold as key hash: 32 bytes
     // of HKDF-SHA256 over the key, which reveal nothing of it.

@@ -8,6 +8,7 @@
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskHeaderLimits.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickDiskBlockDevice.h"

@@ -289,6 +289,7 @@ CommandAction addCheckCommand(CLI::App& program)
     command->add_flag("--json", options->json, "Print the findings as one JSON document instead of text");
     addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
     return [options] { return runCheck(*options); };
 }
 

@@ -12,23 +12,20 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/BrickDataPreparer.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskHeaderLimits.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 namespace cli {
 
 namespace {
 
-constexpr zo::int64 kMinBrickSize = 4096;
-constexpr zo::int64 kMaxBrickSize = 64 << 20;
 // Without --brick-size: 512 KiB bricks in a local folder; in an object store,
 // where every brick is a request and a service's work per object bounds the
 // speed, 4 MiB bricks (eight times fewer objects).
@@ -75,48 +72,43 @@ std::string encryptionDescription(const CreateOptions& options, const seal::Argo
     return "encrypted with aes256cbc, key by PKCS5-PBKDF2-HMAC-SHA1";
 }
 
-// The number of bricks that the brick tree can address: entries per level to
-// the power of the number of levels.
-zo::int64 addressableBrickCount()
-{
-    const brick::CBrickDiskHeader header;
-    zo::int64 count = 1;
-    for (int level = 0; level < header.getTreeLevels(); ++level)
-        count *= header.getObjectsPerTreeLevel();
-    return count;
-}
-
+// A brick size that the disk could not be opened with is a usage error.
 zo::int64 validBrickSize(const std::string& text)
 {
     const zo::int64 size = parseByteSize(text, "brick size");
-    if (size < kMinBrickSize || size > kMaxBrickSize || (size & (size - 1)) != 0)
+    try {
+        brick::CBrickDiskHeaderLimits::checkBrickSize(size);
+    } catch (const zo::CError&) {
         throw UsageError("invalid brick size '" + text + "': it must be a power of two from 4K to 64M");
+    }
     return size;
 }
 
-// Refuses a compressor ID that the disk would not be able to use, by
-// compressing and restoring a small sample with it.
-void checkCompressorID(const std::string& id, zo::int64 brickSize)
+// The same for a disk size: at least one byte, and no more bricks than the
+// brick tree addresses.
+void checkDiskSize(const std::string& text, zo::int64 diskSize, zo::int64 brickSize)
 {
-    brick::CBrickDiskHeader header;
-    header.setBrickSize(static_cast<int>(brickSize));
-    header.setCipherID("null");
-    header.setCompressID(zo::String(id));
     try {
-        brick::CBrickDataPreparer preparer(header, zo::TCryptBuffer<zo::uint8>());
-        zo::TBuffer<zo::uint8> sample(static_cast<int>(kMinBrickSize));
-        for (int i = 0; i < sample.getUsed(); ++i)
-            sample[i] = static_cast<zo::uint8>(i * 7 % 251);
-        zo::TBuffer<zo::uint8> prepared;
-        zo::TBuffer<zo::uint8> restored;
-        preparer.prepareData(sample, prepared);
-        preparer.unprepareData(prepared, restored);
-        if (restored.getUsed() < sample.getUsed() ||
-            std::memcmp(restored.getData(), sample.getData(), static_cast<size_t>(sample.getUsed())) != 0)
-            throw UsageError("compression '" + id + "' does not restore what it compressed");
-    } catch (const zo::CError& e) {
-        throw UsageError("unknown compression '" + id + "' (" + e.toString().toUTF8() +
-                         "); use null, lz4, lz4hc, zlib-LEVEL or lzma-PRESET[-EXTREME]");
+        brick::CBrickDiskHeaderLimits::checkDiskSize(diskSize, brickSize);
+    } catch (const zo::CError&) {
+        if (diskSize < 1)
+            throw UsageError("invalid disk size '" + text + "': a disk holds at least one byte");
+        const zo::int64 maxCount = brick::CBrickDiskHeaderLimits::getMaxBrickCount();
+        const zo::int64 brickCount = diskSize / brickSize + (diskSize % brickSize != 0 ? 1 : 0);
+        throw UsageError("a disk of " + text + " needs " + std::to_string(brickCount) + " bricks, more than the " +
+                         std::to_string(maxCount) + " that a disk can hold; choose larger bricks");
+    }
+}
+
+// The same for a compressor ID.
+void checkCompressorID(const std::string& id)
+{
+    try {
+        brick::CBrickDiskHeaderLimits::checkCompressID(zo::String(id));
+    } catch (const zo::CError&) {
+        throw UsageError("unknown compression '" + id +
+                         "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9) or lzma-PRESET[-EXTREME] (0 to 9, "
+                         "extreme 0 or 1)");
     }
 }
 
@@ -138,13 +130,10 @@ int runCreate(const CreateOptions& options)
     const zo::int64 diskSize = parseByteSize(options.size, "disk size");
     const zo::int64 brickSize = validBrickSize(
         !options.brickSize.empty() ? options.brickSize : isLocalFolder(folder) ? kLocalBrickSize : kObjectStoreBrickSize);
+    checkDiskSize(options.size, diskSize, brickSize);
     // Rounded up without overflowing for sizes near the largest number.
     const zo::int64 brickCount = diskSize / brickSize + (diskSize % brickSize != 0 ? 1 : 0);
-    if (brickCount > addressableBrickCount())
-        throw UsageError("a disk of " + options.size + " needs " + std::to_string(brickCount) +
-                         " bricks, more than the " + std::to_string(addressableBrickCount()) +
-                         " that a disk can hold; choose larger bricks");
-    checkCompressorID(options.compression, brickSize);
+    checkCompressorID(options.compression);
     const std::string checksum = brickDigestFor(options);
     const seal::Argon2idCost cost = options.cost.cost();
 

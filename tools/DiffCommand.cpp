@@ -151,6 +151,7 @@ CommandAction addDiffCommand(CLI::App& program)
     command->add_flag("--json", options->json, "Print the same as one JSON object");
     addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
     return [options] { return runDiff(*options); };
 }
 

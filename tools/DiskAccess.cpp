@@ -161,7 +161,9 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
     brick::CBrickDiskChain(fs, folder).validate();
     const zo::String password =
         header.getCipherID() == "null" ? zo::String() : passwords.forExistingDisk(folder.toLocalPath());
-    return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps));
+    brick::CBrickDisk::OpenOptions options;
+    options.allowExpensiveKeyDerivation = passwords.allowsExpensiveKdf();
+    return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps, options));
 }
 
 void addForceShareOption(CLI::App& command, bool& forceShare)

@@ -83,7 +83,8 @@ bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder);
 // missing or different one throws zo::CError naming it and what differs). An
 // unencrypted disk opens without a password; for an encrypted one the
 // password comes from `passwords` (a wrong one throws the library's
-// CBrickDiskError IncorrectPassword).
+// CBrickDiskError IncorrectPassword), which also says whether an expensive
+// key derivation is allowed (else the library refuses it).
 zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords,
                                   zo::IIOStream::Access access, int maxBackgroundOps);
 

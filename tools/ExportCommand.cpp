@@ -201,6 +201,7 @@ CommandAction addExportCommand(CLI::App& program)
                       "goes to standard output)");
     addForceShareOption(*command, options->forceShare);
     options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
     return [options] { return runExport(*options); };
 }
 

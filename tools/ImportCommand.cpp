@@ -152,6 +152,7 @@ CommandAction addImportCommand(CLI::App& program)
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");
     command->add_flag("--json", options->json, "Print the summary as one JSON document instead of text");
     options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
     return [options] { return runImport(*options); };
 }
 

@@ -78,7 +78,8 @@ int runPasswd(const PasswdOptions& options)
 
     const zo::String oldPassword = options.passwords.forExistingDisk(options.disk);
     const zo::String newPassword = options.newPasswords.forNewDisk(options.disk);
-    brick::CBrickDiskKeyWrap::changePassword(fs.get(), folders, oldPassword, newPassword, cost);
+    brick::CBrickDiskKeyWrap::changePassword(fs.get(), folders, oldPassword, newPassword, cost,
+                                             options.passwords.allowsExpensiveKdf());
 
     std::printf("changed the password of %zu disk%s (key wrapped under argon2id, %s):\n", folders.size(),
                 folders.size() == 1 ? "" : "s", CKeyDerivationOptions::describe(cost).c_str());
@@ -96,6 +97,7 @@ CommandAction addPasswdCommand(CLI::App& program)
         "passwd", "Change the password of a disk, its parents and its linked children (headers only)");
     command->add_option("DISK", options->disk, "Folder of the disk")->required();
     options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
     options->newPasswords.addOptionTo(*command);
     options->cost.addTo(*command);
     return [options] { return runPasswd(*options); };

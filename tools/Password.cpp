@@ -53,6 +53,13 @@ void CPasswordSource::addOptionTo(CLI::App& command)
                        "File whose content (without a trailing newline) is the " + m_what);
 }
 
+void CPasswordSource::addAllowExpensiveKdfOptionTo(CLI::App& command)
+{
+    command.add_flag("--allow-expensive-kdf", m_allowExpensiveKdf,
+                     "Open a disk whose key derivation costs more than 16 times the default work, 1 GiB of memory "
+                     "or a million PBKDF2 iterations (never more memory than the machine has)");
+}
+
 bool CPasswordSource::fromFileOrEnvironment(std::string& password) const
 {
     if (!m_passwordFile.empty()) {

@@ -26,6 +26,11 @@ public:
 
     // Adds the file option to `command`, filling this source.
     void addOptionTo(CLI::App& command);
+    // Adds --allow-expensive-kdf to a command that opens existing disks: the
+    // key of a disk whose header asks for a costlier derivation than the
+    // library allows without permission is then derived all the same.
+    void addAllowExpensiveKdfOptionTo(CLI::App& command);
+    bool allowsExpensiveKdf() const { return m_allowExpensiveKdf; }
 
     // The password of an existing disk. A password file's content counts
     // without one trailing newline ("\n" or "\r\n"). Throws UsageError when the
@@ -45,6 +50,7 @@ private:
     std::string m_environmentVariable;
     std::string m_what;
     std::string m_passwordFile;
+    bool m_allowExpensiveKdf = false;
 };
 
 } // namespace cli

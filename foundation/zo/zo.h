@@ -15,6 +15,7 @@
 #include "zo/LZMACompressor.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/Log.h"
+#include "zo/Machine.h"
 #include "zo/MemPool.h"
 #include "zo/MemoryFileSystem.h"
 #include "zo/MostRecentlyUsedCache.h"

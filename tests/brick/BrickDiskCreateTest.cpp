@@ -145,7 +145,7 @@ TEST_F(BrickDiskCreateTest, SecondCreationInTheSameFolderFailsAndLeavesTheFirstH
     const auto before = testsupport::fileContentsBelow(fs.get(), CURI("/disk"));
 
     const auto error = errorOf<CError>(
-        [&] { CBrickDisk::create(fs.get(), CURI("/disk"), 999, 7, "other", "null", 1024); });
+        [&] { CBrickDisk::create(fs.get(), CURI("/disk"), 999, 7, "other", "null", 8192); });
 
     ASSERT_TRUE(error);
     EXPECT_EQ(testsupport::messageOf(*error), "Cannot create brick disk in a folder that already contains one.");
@@ -183,22 +183,45 @@ TEST_F(BrickDiskCreateTest, BrickSizeMinusOneKeepsTheDefaultOf512KiB)
     EXPECT_EQ(loadHeader(CURI("/disk")).getBrickSize(), 524288);
 }
 
-TEST_F(BrickDiskCreateTest, AnyOtherBrickSizeIsStoredAsGivenZeroIncluded)
+TEST_F(BrickDiskCreateTest, PowerOfTwoBrickSizesFrom4KiBTo64MiBAreStoredAsGiven)
 {
-    CBrickDisk::create(fs.get(), CURI("/zero"), 65536, 1, "", "lz4", 0);
-    CBrickDisk::create(fs.get(), CURI("/odd"), 65536, 1, "", "lz4", 1000);
+    CBrickDisk::create(fs.get(), CURI("/small"), 65536, 1, "", "lz4", 4096);
+    CBrickDisk::create(fs.get(), CURI("/large"), 65536, 1, "", "lz4", 64 << 20);
 
-    EXPECT_EQ(loadHeader(CURI("/zero")).getBrickSize(), 0);
-    EXPECT_EQ(loadHeader(CURI("/odd")).getBrickSize(), 1000);
+    EXPECT_EQ(loadHeader(CURI("/small")).getBrickSize(), 4096);
+    EXPECT_EQ(loadHeader(CURI("/large")).getBrickSize(), 64 << 20);
 }
 
-TEST_F(BrickDiskCreateTest, SizesAreStoredWithoutChecks)
+// A disk that could not be opened is never made: not even its folder.
+TEST_F(BrickDiskCreateTest, ValuesOutsideTheHeaderLimitsAreRefusedBeforeAnythingIsMade)
 {
-    CBrickDisk::create(fs.get(), CURI("/disk"), -5, 0, "", "lz4", -1);
-
-    const CBrickDiskHeader header = loadHeader(CURI("/disk"));
-    EXPECT_EQ(header.getDiskSize(), -5);
-    EXPECT_EQ(header.getPayloadBlockSize(), 0);
+    struct BadCreation {
+        const char* field;
+        zo::int64 diskSize;
+        int payloadBlockSize;
+        const char* compressorID;
+        int brickSize;
+    };
+    const zo::int64 tooLarge = 8587340257LL * 4096 + 1;
+    for (const BadCreation& bad : {BadCreation{"brickSize", 65536, 1, "lz4", 0},
+                                   BadCreation{"brickSize", 65536, 1, "lz4", 1000},
+                                   BadCreation{"brickSize", 65536, 1, "lz4", 128 << 20},
+                                   BadCreation{"diskSize", 0, 1, "lz4", 4096},
+                                   BadCreation{"diskSize", -5, 1, "lz4", 4096},
+                                   BadCreation{"diskSize", tooLarge, 1, "lz4", 4096},
+                                   BadCreation{"payloadBlockSize", 65536, 0, "lz4", 4096},
+                                   BadCreation{"payloadBlockSize", 65536, 4097, "lz4", 4096},
+                                   BadCreation{"compressID", 65536, 1, "zlib--1", 4096},
+                                   BadCreation{"compressID", 65536, 1, "lzma-9-99999999999", 4096}}) {
+        SCOPED_TRACE(bad.field);
+        const auto error = errorOf<CError>([&] {
+            CBrickDisk::create(fs.get(), CURI("/disk"), bad.diskSize, bad.payloadBlockSize, "", bad.compressorID,
+                               bad.brickSize);
+        });
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->getProps().lookup("field").toUTF8(), bad.field) << error->toString().toUTF8();
+        EXPECT_FALSE(fs->pathExists(CURI("/disk")));
+    }
 }
 
 TEST_F(BrickDiskCreateTest, FolderCreationErrorPassesThroughUnchanged)

@@ -38,11 +38,17 @@ std::vector<uint8> toVector(const TBuffer<uint8>& buffer)
     return std::vector<uint8>(buffer.getData(), buffer.getData() + buffer.getUsed());
 }
 
-// A header whose every stored field differs from the defaults.
+std::vector<uint8> sixteenBytes()
+{
+    return {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+}
+
+// A header that loads and whose every stored field differs from the
+// defaults, but for the key deriver (the other one changes the layout).
 CBrickDiskHeader makeCustomHeader()
 {
     CBrickDiskHeader header;
-    header.setVersion(-2);
+    header.setVersion(2);
     header.setMinReaderVersion(1);
     header.setMinWriterVersion(3);
     header.setBrickSize(0x10000);
@@ -51,9 +57,8 @@ CBrickDiskHeader makeCustomHeader()
     header.setCheckSumHashID("sha256");
     header.setCryptoHashID("md5");
     header.setCipherID("null");
-    header.setCipherKeyHash(bytes({1, 2, 3, 4}));
-    header.setCipherKeyDeriverID("deriver");
-    header.setCipherKeyDerivationSalt(bytes({0xAA, 0xBB}));
+    header.setCipherKeyHash(bytes(sixteenBytes()));
+    header.setCipherKeyDerivationSalt(bytes({0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0x11, 0x22}));
     header.setCipherKeyDerivationIterations(20000);
     header.setCompressID("zlib-6");
     return header;
@@ -64,7 +69,7 @@ RecordBytes customHeaderRecord()
 {
     RecordBytes record;
     record.text("BRCKDISK")
-        .int64(-2)
+        .int64(2)
         .int64(1)
         .int64(3)
         .int32(0x10000)
@@ -73,12 +78,12 @@ RecordBytes customHeaderRecord()
         .string("sha256")
         .string("md5")
         .string("null")
-        .int32(4)
-        .raw({1, 2, 3, 4})
+        .int32(16)
+        .raw(sixteenBytes())
         .string("zlib-6")
-        .string("deriver")
-        .int32(2)
-        .raw({0xAA, 0xBB})
+        .string("PKCS5-PBKDF2-HMAC-SHA1")
+        .int32(8)
+        .raw({0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0x11, 0x22})
         .int64(20000);
     return record;
 }
@@ -106,6 +111,17 @@ RecordBytes& appendDefaultRecordRest(RecordBytes& record)
         .string("PKCS5-PBKDF2-HMAC-SHA1")
         .int32(0)
         .int64(10000);
+}
+
+// The default header with what it lacks to load: a disk size, a key hash of
+// its digest's length and a salt.
+CBrickDiskHeader makeLoadableDefaultHeader()
+{
+    CBrickDiskHeader header;
+    header.setDiskSize(0x100000);
+    header.setCipherKeyHash(bytes(std::vector<uint8>(32, 0x5A)));
+    header.setCipherKeyDerivationSalt(bytes(std::vector<uint8>(8, 0xA5)));
+    return header;
 }
 
 class BrickDiskHeaderStore : public ::testing::Test {
@@ -170,7 +186,7 @@ TEST(BrickDiskHeader, DefaultsDescribeAnLZ4AesDiskOfHalfMebibyteBricks)
 TEST(BrickDiskHeader, SettersChangeWhatGettersReturn)
 {
     const CBrickDiskHeader header = makeCustomHeader();
-    EXPECT_EQ(header.getVersion(), -2);
+    EXPECT_EQ(header.getVersion(), 2);
     EXPECT_EQ(header.getMinWriterVersion(), 3);
     EXPECT_EQ(header.getBrickSize(), 0x10000);
     EXPECT_EQ(header.getPayloadBlockSize(), 4096);
@@ -178,9 +194,10 @@ TEST(BrickDiskHeader, SettersChangeWhatGettersReturn)
     EXPECT_EQ(header.getCheckSumHashID(), "sha256");
     EXPECT_EQ(header.getCryptoHashID(), "md5");
     EXPECT_EQ(header.getCipherID(), "null");
-    EXPECT_EQ(toVector(header.getCipherKeyHash()), (std::vector<uint8>{1, 2, 3, 4}));
-    EXPECT_EQ(header.getCipherKeyDeriverID(), "deriver");
-    EXPECT_EQ(toVector(header.getCipherKeyDerivationSalt()), (std::vector<uint8>{0xAA, 0xBB}));
+    EXPECT_EQ(toVector(header.getCipherKeyHash()), sixteenBytes());
+    EXPECT_EQ(header.getCipherKeyDeriverID(), "PKCS5-PBKDF2-HMAC-SHA1");
+    EXPECT_EQ(toVector(header.getCipherKeyDerivationSalt()),
+              (std::vector<uint8>{0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0x11, 0x22}));
     EXPECT_EQ(header.getCipherKeyDerivationIterations(), 20000);
     EXPECT_EQ(header.getCompressID(), "zlib-6");
 }
@@ -208,11 +225,12 @@ TEST(BrickDiskHeader, CopyAndMoveCopyEveryField)
     CBrickDiskHeader moveSource(original);
     const CBrickDiskHeader moved(std::move(moveSource));
     for (const CBrickDiskHeader* header : std::initializer_list<const CBrickDiskHeader*>{&copied, &assigned, &moved}) {
-        EXPECT_EQ(header->getVersion(), -2);
+        EXPECT_EQ(header->getVersion(), 2);
         EXPECT_EQ(header->getDiskSize(), 0x123456789A);
         EXPECT_EQ(header->getCompressID(), "zlib-6");
-        EXPECT_EQ(toVector(header->getCipherKeyHash()), (std::vector<uint8>{1, 2, 3, 4}));
-        EXPECT_EQ(toVector(header->getCipherKeyDerivationSalt()), (std::vector<uint8>{0xAA, 0xBB}));
+        EXPECT_EQ(toVector(header->getCipherKeyHash()), sixteenBytes());
+        EXPECT_EQ(toVector(header->getCipherKeyDerivationSalt()),
+                  (std::vector<uint8>{0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0x11, 0x22}));
         EXPECT_EQ(header->getTreeLevels(), 3);
         EXPECT_EQ(header->getObjectsPerTreeLevel(), 11);
     }
@@ -232,7 +250,9 @@ TEST_F(BrickDiskHeaderStore, StoredRecordMatchesTheLayoutByteForByte)
 
 TEST_F(BrickDiskHeaderStore, IntegersAreLittleEndianAndVersionsSignExtendedTo64Bits)
 {
-    makeCustomHeader().store(fs.get(), folder);
+    CBrickDiskHeader header = makeCustomHeader();
+    header.setVersion(-2);
+    header.store(fs.get(), folder);
     const std::vector<uint8> record = storedRecord();
     ASSERT_GE(record.size(), 48u);
     const std::vector<uint8> version(record.begin() + 8, record.begin() + 16);
@@ -267,7 +287,7 @@ TEST_F(BrickDiskHeaderStore, LoadReadsBackEveryStoredField)
     makeCustomHeader().store(fs.get(), folder);
     CBrickDiskHeader loaded;
     loaded.load(fs.get(), folder);
-    EXPECT_EQ(loaded.getVersion(), -2);
+    EXPECT_EQ(loaded.getVersion(), 2);
     EXPECT_EQ(loaded.getMinReaderVersion(), 1);
     EXPECT_EQ(loaded.getMinWriterVersion(), 3);
     EXPECT_EQ(loaded.getBrickSize(), 0x10000);
@@ -276,10 +296,11 @@ TEST_F(BrickDiskHeaderStore, LoadReadsBackEveryStoredField)
     EXPECT_EQ(loaded.getCheckSumHashID(), "sha256");
     EXPECT_EQ(loaded.getCryptoHashID(), "md5");
     EXPECT_EQ(loaded.getCipherID(), "null");
-    EXPECT_EQ(toVector(loaded.getCipherKeyHash()), (std::vector<uint8>{1, 2, 3, 4}));
+    EXPECT_EQ(toVector(loaded.getCipherKeyHash()), sixteenBytes());
     EXPECT_EQ(loaded.getCompressID(), "zlib-6");
-    EXPECT_EQ(loaded.getCipherKeyDeriverID(), "deriver");
-    EXPECT_EQ(toVector(loaded.getCipherKeyDerivationSalt()), (std::vector<uint8>{0xAA, 0xBB}));
+    EXPECT_EQ(loaded.getCipherKeyDeriverID(), "PKCS5-PBKDF2-HMAC-SHA1");
+    EXPECT_EQ(toVector(loaded.getCipherKeyDerivationSalt()),
+              (std::vector<uint8>{0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0x11, 0x22}));
     EXPECT_EQ(loaded.getCipherKeyDerivationIterations(), 20000);
 }
 
@@ -289,18 +310,23 @@ TEST_F(BrickDiskHeaderStore, TreeShapeIsNotStoredAndLoadsAsNinetySevenAndFive)
     header.setObjectsPerTreeLevel(10);
     header.setTreeLevels(2);
     header.store(fs.get(), folder);
+    RecordBytes expected = defaultRecordStart().int64(1);
+    appendDefaultRecordRest(expected);
+    EXPECT_EQ(storedRecord(), expected.bytes());
+
+    CBrickDiskHeader loadable = makeLoadableDefaultHeader();
+    loadable.setObjectsPerTreeLevel(10);
+    loadable.setTreeLevels(2);
+    loadable.store(fs.get(), folder);
     CBrickDiskHeader loaded;
     loaded.load(fs.get(), folder);
     EXPECT_EQ(loaded.getObjectsPerTreeLevel(), 97);
     EXPECT_EQ(loaded.getTreeLevels(), 5);
-    RecordBytes expected = defaultRecordStart().int64(1);
-    appendDefaultRecordRest(expected);
-    EXPECT_EQ(storedRecord(), expected.bytes());
 }
 
 TEST_F(BrickDiskHeaderStore, LoadIntoAHeaderWithAnotherTreeShapeGivesTheFixedShape)
 {
-    CBrickDiskHeader().store(fs.get(), folder);
+    makeLoadableDefaultHeader().store(fs.get(), folder);
     CBrickDiskHeader loaded;
     loaded.setObjectsPerTreeLevel(10);
     loaded.setTreeLevels(2);
@@ -336,7 +362,7 @@ TEST_F(BrickDiskHeaderStore, NewerSoftwareCheckComesBeforeTheRestOfTheRecord)
 
 TEST_F(BrickDiskHeaderStore, VersionSevenWithMinReaderVersionOneLoads)
 {
-    CBrickDiskHeader header;
+    CBrickDiskHeader header = makeLoadableDefaultHeader();
     header.setVersion(7);
     header.setMinWriterVersion(9);
     header.store(fs.get(), folder);
@@ -346,7 +372,7 @@ TEST_F(BrickDiskHeaderStore, VersionSevenWithMinReaderVersionOneLoads)
     EXPECT_EQ(loaded.getMinWriterVersion(), 9);
 }
 
-TEST_F(BrickDiskHeaderStore, EmptyKeyHashAndSaltAreStoredAsZeroLengthsAndLoadEmpty)
+TEST_F(BrickDiskHeaderStore, EmptyKeyHashAndSaltAreStoredAsZeroLengths)
 {
     CBrickDiskHeader header;
     header.setCipherKeyHash(bytes({1}));
@@ -355,9 +381,6 @@ TEST_F(BrickDiskHeaderStore, EmptyKeyHashAndSaltAreStoredAsZeroLengthsAndLoadEmp
     CBrickDiskHeader empty;
     empty.store(fs.get(), folder);
 
-    header.load(fs.get(), folder);
-    EXPECT_EQ(header.getCipherKeyHash().getUsed(), 0);
-    EXPECT_EQ(header.getCipherKeyDerivationSalt().getUsed(), 0);
     RecordBytes expected = defaultRecordStart().int64(1);
     appendDefaultRecordRest(expected);
     EXPECT_EQ(storedRecord(), expected.bytes());
@@ -370,32 +393,48 @@ TEST_F(BrickDiskHeaderStore, LoadKeepsOnlyTheLow32BitsOfVersionsAndIterations)
     record.int64(0x200000005)
         .int32(0x80000)
         .int32(1)
-        .int64(-1)
+        .int64(0x100000)
         .string("md5")
-        .string("sha256")
+        .string("md5")
         .string("aes256cbc")
-        .int32(0)
+        .int32(16)
+        .raw(sixteenBytes())
         .string("lz4")
         .string("PKCS5-PBKDF2-HMAC-SHA1")
-        .int32(0)
-        .int64(0x80000000);
+        .int32(8)
+        .raw({1, 2, 3, 4, 5, 6, 7, 8})
+        .int64(0x100002710);
     storeRecord(record);
     CBrickDiskHeader loaded;
     loaded.load(fs.get(), folder);
     EXPECT_EQ(loaded.getVersion(), 7);
     EXPECT_EQ(loaded.getMinReaderVersion(), 1);
     EXPECT_EQ(loaded.getMinWriterVersion(), 5);
-    EXPECT_EQ(loaded.getCipherKeyDerivationIterations(), INT_MIN);
+    EXPECT_EQ(loaded.getCipherKeyDerivationIterations(), 10000);
 }
 
-TEST_F(BrickDiskHeaderStore, LargestIterationCountRoundTrips)
+TEST_F(BrickDiskHeaderStore, LargestAllowedIterationCountRoundTrips)
 {
-    CBrickDiskHeader header;
-    header.setCipherKeyDerivationIterations(INT_MAX);
+    CBrickDiskHeader header = makeLoadableDefaultHeader();
+    header.setCipherKeyDerivationIterations(10000000);
     header.store(fs.get(), folder);
     CBrickDiskHeader loaded;
     loaded.load(fs.get(), folder);
-    EXPECT_EQ(loaded.getCipherKeyDerivationIterations(), INT_MAX);
+    EXPECT_EQ(loaded.getCipherKeyDerivationIterations(), 10000000);
+}
+
+TEST_F(BrickDiskHeaderStore, LoadNamesTheFirstFieldBeyondItsLimits)
+{
+    CBrickDiskHeader header = makeLoadableDefaultHeader();
+    header.setCipherKeyDerivationIterations(INT_MAX);
+    header.store(fs.get(), folder);
+    expectLoadFailure([&](const CError& error) {
+        EXPECT_EQ(typeid(error), typeid(CError));
+        EXPECT_EQ(error.getMessage(), "Invalid key derivation iteration count: 2147483647 (from 1000 to 10000000).");
+        EXPECT_EQ(error.getProps().lookup("field"), "cipherKeyDerivationIterations");
+        EXPECT_EQ(error.getProps().lookup("value"), "2147483647");
+        EXPECT_EQ(error.getProps().lookup("diskFolder"), "/disk");
+    });
 }
 
 TEST_F(BrickDiskHeaderStore, WrongFileIDIsRefused)

@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace {
 
 using brick::CBrickDisk;
+using brick::CBrickDiskHeader;
 using brick::CBrickStorer;
 using testsupport::Bytes;
 using testsupport::errorOf;
@@ -503,43 +505,29 @@ TEST_F(BrickDiskReadWriteTest, WritingBeyondTheBytesOfAShortBrickFailsWithCode5)
     EXPECT_EQ(disk->getPosition(), kBrickSize + 2000);
 }
 
-// --- Sizes that creation stores without checks ---------------------------------------
+// --- Sizes that a header may not hold ------------------------------------------
 
-TEST_F(BrickDiskReadWriteTest, BricksOfNoBytesFailReadsAndWritesWithCode5)
+// A header edited to a brick size of 0 or a disk size of -1 is refused when
+// it is opened, naming the field, before any read could divide by the brick
+// size or find the disk empty.
+TEST_F(BrickDiskReadWriteTest, HeaderWithBricksOfNoBytesOrANegativeDiskSizeDoesNotOpen)
 {
-    CBrickDisk::create(fs.get(), CURI("/disks/empty-bricks"), 100, 1, "", "lz4", 0);
-    const P<CBrickDisk> empty = testsupport::openDisk(fs.get(), CURI("/disks/empty-bricks"), "");
-    Bytes buffer(10);
+    testsupport::createDisk(fs.get(), CURI("/disks/edited"), 8 * kBrickSize, "");
+    CBrickDiskHeader header;
+    header.load(fs.get(), CURI("/disks/edited"));
+    using Edit = std::function<void(CBrickDiskHeader&)>;
+    for (const auto& [field, edit] : std::vector<std::pair<std::string, Edit>>{
+             {"brickSize", [](CBrickDiskHeader& h) { h.setBrickSize(0); }},
+             {"diskSize", [](CBrickDiskHeader& h) { h.setDiskSize(-1); }}}) {
+        SCOPED_TRACE(field);
+        CBrickDiskHeader edited(header);
+        edit(edited);
+        edited.store(fs.get(), CURI("/disks/edited"));
 
-    const auto readError = errorOf<CIOError>([&] { empty->read(buffer.getData(), 10); });
-    const auto writeError = errorOf<CIOError>([&] { empty->write(buffer.getData(), 10); });
-    const auto preparedError = errorOf<CIOError>([&] { empty->writePreparedBrickData(nullptr, nullptr); });
-
-    ASSERT_TRUE(readError && writeError && preparedError);
-    EXPECT_EQ(readError->getCode(), CIOError::InvalidData);
-    EXPECT_EQ(messageOf(*readError), "Brick holds fewer bytes than the disk expects.");
-    EXPECT_EQ(propsOf(*readError),
-              Props({{"diskFolder", "/disks/empty-bricks"}, {"brickIndex", "0"}, {"position", "0"}}));
-    EXPECT_EQ(writeError->getCode(), CIOError::InvalidData);
-    EXPECT_EQ(preparedError->getCode(), CIOError::InvalidData);
-    EXPECT_EQ(empty->getPosition(), 0);
-}
-
-TEST_F(BrickDiskReadWriteTest, DiskOfNegativeSizeIsAlwaysAtItsEnd)
-{
-    CBrickDisk::create(fs.get(), CURI("/disks/negative"), -5, 1, "", "lz4", -1);
-    const P<CBrickDisk> negative = testsupport::openDisk(fs.get(), CURI("/disks/negative"), "");
-    Bytes buffer(10);
-
-    const auto readError = errorOf<CIOError>([&] { negative->read(buffer.getData(), 10); });
-    const auto writeError = errorOf<CIOError>([&] { negative->write(buffer.getData(), 10); });
-    const auto preparedError = errorOf<CIOError>([&] { negative->writePreparedBrickData(nullptr, nullptr); });
-
-    ASSERT_TRUE(readError && writeError && preparedError);
-    EXPECT_EQ(negative->getSize(), -5);
-    EXPECT_EQ(readError->getCode(), CIOError::EndOfData);
-    EXPECT_EQ(writeError->getCode(), CIOError::EndOfData);
-    EXPECT_EQ(preparedError->getCode(), CIOError::WriteBeyondSize);
+        const auto error = errorOf<CError>([&] { testsupport::openDisk(fs.get(), CURI("/disks/edited"), ""); });
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->getProps().lookup("field").toUTF8(), field);
+    }
 }
 
 } // namespace

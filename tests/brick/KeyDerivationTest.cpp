@@ -402,8 +402,13 @@ TEST(EncryptPasswordCheck, ThrowsInsteadOfRefusingWhenTheHeaderCannotDeriveAKey)
 
 class KeyChecksOfAStoredDisk : public testing::Test {
 protected:
-    void storeHeader(const CBrickDiskHeader& header)
+    // Stores `header` with what a header on file needs besides: a disk size
+    // and, for an unencrypted one, a key hash of its digest's length.
+    void storeHeader(CBrickDiskHeader header)
     {
+        header.setDiskSize(1 << 20);
+        if (header.getCipherKeyHash().getUsed() == 0)
+            header.setCipherKeyHash(countingBytes(32));
         m_fs->createFolder(m_folder, 0x1ff);
         header.store(m_fs.get(), m_folder);
     }

@@ -18,7 +18,7 @@ int main()
         }
         const zo::P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem(2));
         const zo::CURI folder("/disk");
-        brick::CBrickDisk::create(fs.get(), folder, 1 << 20, -1, "secret", "lz4", 65536);
+        brick::CBrickDisk::create(fs.get(), folder, 1 << 20, 1, "secret", "lz4", 65536);
 
         const char message[] = "stored through the installed library";
         {

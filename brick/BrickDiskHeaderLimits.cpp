@@ -1,0 +1,215 @@
+#include "brick/BrickDiskHeaderLimits.h"
+
+#include "brick/BrickDisk.h"
+#include "brick/BrickDiskKeyWrap.h"
+
+#include "seal/KeyWrap.h"
+#include "zo/Error.h"
+#include "zo/Machine.h"
+
+#include <limits>
+
+namespace brick {
+
+using zo::int64;
+using zo::String;
+
+namespace {
+
+constexpr const char* kPBKDF2DeriverID = "PKCS5-PBKDF2-HMAC-SHA1";
+constexpr int kCipherKeySize = 32;
+constexpr int64 kMaxInt = std::numeric_limits<int>::max();
+// Long text values are cut in messages: a record holds up to 1 MiB.
+constexpr size_t kMaxShownValueLength = 64;
+
+// The names of the header's fields, as properties and in messages.
+struct Field {
+    const char* name;
+    const char* label;
+};
+constexpr Field kVersion{"version", "version"};
+constexpr Field kMinReaderVersion{"minReaderVersion", "minimum reader version"};
+constexpr Field kMinWriterVersion{"minWriterVersion", "minimum writer version"};
+constexpr Field kBrickSize{"brickSize", "brick size"};
+constexpr Field kPayloadBlockSize{"payloadBlockSize", "payload block size"};
+constexpr Field kDiskSize{"diskSize", "disk size"};
+constexpr Field kCheckSumHashID{"checkSumHashID", "brick checksum ID"};
+constexpr Field kCryptoHashID{"cryptoHashID", "key hash ID"};
+constexpr Field kCipherID{"cipherID", "cipher ID"};
+constexpr Field kCipherKeyHash{"cipherKeyHash", "key hash length"};
+constexpr Field kCompressID{"compressID", "compressor ID"};
+constexpr Field kDeriverID{"cipherKeyDeriverID", "key deriver ID"};
+constexpr Field kSalt{"cipherKeyDerivationSalt", "key derivation salt length"};
+constexpr Field kIterations{"cipherKeyDerivationIterations", "key derivation iteration count"};
+constexpr Field kMemory{"cipherKeyDerivationMemoryKiB", "key derivation memory (KiB)"};
+constexpr Field kLanes{"cipherKeyDerivationLanes", "key derivation lane count"};
+constexpr Field kWrappedKey{"wrappedCipherKey", "wrapped key length"};
+
+String shown(const String& value)
+{
+    if (value.getLength() <= kMaxShownValueLength)
+        return "\"" + value + "\"";
+    return "\"" + value.Mid(0, static_cast<int64>(kMaxShownValueLength)) + "...\"";
+}
+
+[[noreturn]] void fail(const Field& field, const String& value, const String& allowed)
+{
+    throw zo::CError("Invalid " + String(field.label) + ": " + value + " (" + allowed + ").", String(), -1,
+                     zo::CProps().add("field", field.name).add("value", value));
+}
+
+void checkRange(const Field& field, int64 value, int64 min, int64 max)
+{
+    if (value < min || value > max)
+        fail(field, zo::toDecimalString(value), "from " + zo::toDecimalString(min) + " to " + zo::toDecimalString(max));
+}
+
+void checkOneOf(const Field& field, const String& value, std::initializer_list<const char*> allowed)
+{
+    String list;
+    for (const char* id : allowed) {
+        if (value == id)
+            return;
+        list += list.isEmpty() ? String(id) : ", " + String(id);
+    }
+    fail(field, shown(value), "one of " + list);
+}
+
+bool isDigit(char16_t c, char16_t last)
+{
+    return c >= u'0' && c <= last;
+}
+
+// The digest size of a key hash ID that checkOneOf accepted.
+int keyHashSize(const String& cryptoHashID)
+{
+    return cryptoHashID == "md5" ? 16 : 32;
+}
+
+void validateKeyDerivation(const CBrickDiskHeader& header)
+{
+    const bool encrypted = header.getCipherID() != "null";
+    const int saltSize = header.getCipherKeyDerivationSalt().getUsed();
+    if (encrypted || saltSize != 0)
+        checkRange(kSalt, saltSize, CBrickDiskHeaderLimits::kMinSaltSize, CBrickDiskHeaderLimits::kMaxSaltSize);
+    if (!CBrickDiskKeyWrap::isKeyWrapped(header)) {
+        checkRange(kIterations, header.getCipherKeyDerivationIterations(), CBrickDiskHeaderLimits::kMinPBKDF2Iterations,
+                   CBrickDiskHeaderLimits::kMaxPBKDF2Iterations);
+        return;
+    }
+    const seal::Argon2idCost limit = CBrickDiskKeyWrap::getCostLimit();
+    checkRange(kIterations, header.getCipherKeyDerivationIterations(), 1, limit.passes);
+    checkRange(kLanes, header.getCipherKeyDerivationLanes(), 1, limit.lanes);
+    // Argon2 needs 8 KiB per lane.
+    checkRange(kMemory, header.getCipherKeyDerivationMemoryKiB(), int64(8) * header.getCipherKeyDerivationLanes(),
+               limit.memoryKiB);
+    const int wrapped = header.getWrappedCipherKey().getUsed();
+    checkRange(kWrappedKey, wrapped, seal::kKeyWrapOverhead + kCipherKeySize, seal::kKeyWrapOverhead + kCipherKeySize);
+}
+
+} // namespace
+
+int64 CBrickDiskHeaderLimits::getMaxBrickCount()
+{
+    const CBrickDiskHeader header;
+    int64 count = 1;
+    for (int level = 0; level < header.getTreeLevels(); ++level)
+        count *= header.getObjectsPerTreeLevel();
+    return count;
+}
+
+void CBrickDiskHeaderLimits::checkBrickSize(int64 brickSize)
+{
+    if (brickSize < kMinBrickSize || brickSize > kMaxBrickSize || (brickSize & (brickSize - 1)) != 0)
+        fail(kBrickSize, zo::toDecimalString(brickSize),
+             "a power of two from " + zo::toDecimalString(kMinBrickSize) + " to " + zo::toDecimalString(kMaxBrickSize));
+}
+
+void CBrickDiskHeaderLimits::checkDiskSize(int64 diskSize, int64 brickSize)
+{
+    // Within the addressable bricks, counted without overflow.
+    const int64 maxDiskSize = getMaxBrickCount() * brickSize;
+    checkRange(kDiskSize, diskSize, 1, maxDiskSize);
+}
+
+void CBrickDiskHeaderLimits::checkPayloadBlockSize(int64 payloadBlockSize, int64 brickSize)
+{
+    checkRange(kPayloadBlockSize, payloadBlockSize, 1, brickSize);
+}
+
+bool CBrickDiskHeaderLimits::isValidCompressID(const String& id)
+{
+    if (id == "null" || id == "lz4" || id == "lz4hc")
+        return true;
+    if (id.StartsWith("zlib-"))
+        return id.getLength() == 6 && isDigit(id[5], u'9');
+    if (id.StartsWith("lzma-"))
+        return (id.getLength() == 6 && isDigit(id[5], u'9')) ||
+               (id.getLength() == 8 && isDigit(id[5], u'9') && id[6] == u'-' && isDigit(id[7], u'1'));
+    return false;
+}
+
+void CBrickDiskHeaderLimits::checkCompressID(const String& id)
+{
+    if (!isValidCompressID(id))
+        fail(kCompressID, shown(id), "null, lz4, lz4hc, zlib-L, lzma-P or lzma-P-E; L and P 0 to 9, E 0 or 1");
+}
+
+void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::CURI& diskFolder)
+{
+    try {
+        checkRange(kVersion, header.getVersion(), 1, kMaxInt);
+        checkRange(kMinReaderVersion, header.getMinReaderVersion(), 1, kMaxInt);
+        checkRange(kMinWriterVersion, header.getMinWriterVersion(), 1, kMaxInt);
+        checkBrickSize(header.getBrickSize());
+        checkPayloadBlockSize(header.getPayloadBlockSize(), header.getBrickSize());
+        checkDiskSize(header.getDiskSize(), header.getBrickSize());
+        checkOneOf(kCheckSumHashID, header.getCheckSumHashID(),
+                   {"md5", "sha256", CBrickDisk::kAuthenticatedCheckSumID});
+        // The deriver decides which key hash and derivation fields belong.
+        checkOneOf(kDeriverID, header.getCipherKeyDeriverID(),
+                   {kPBKDF2DeriverID, CBrickDiskHeader::kKeyWrappingDeriverID});
+        const bool wrapped = CBrickDiskKeyWrap::isKeyWrapped(header);
+        if (wrapped)
+            checkOneOf(kCryptoHashID, header.getCryptoHashID(), {CBrickDiskKeyWrap::kKeyCheckID});
+        else
+            checkOneOf(kCryptoHashID, header.getCryptoHashID(), {"md5", "sha256"});
+        checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", "null"});
+        const int keyHashLength = keyHashSize(header.getCryptoHashID());
+        checkRange(kCipherKeyHash, header.getCipherKeyHash().getUsed(), keyHashLength, keyHashLength);
+        checkCompressID(header.getCompressID());
+        validateKeyDerivation(header);
+    } catch (zo::CError& e) {
+        e.getProps().add("diskFolder", diskFolder.toString(true));
+        throw;
+    }
+}
+
+void CBrickDiskHeaderLimits::checkKeyDerivationCost(const CBrickDiskHeader& header, bool allowExpensive)
+{
+    if (header.getCipherID() == "null")
+        return;
+    if (!CBrickDiskKeyWrap::isKeyWrapped(header)) {
+        const int iterations = header.getCipherKeyDerivationIterations();
+        if (!allowExpensive && iterations > kAllowedPBKDF2Iterations)
+            throw zo::CError(
+                "The key derivation of the disk costs more than allowed.", String(), -1,
+                zo::CProps().add("iterations", iterations).add("allowedIterations", kAllowedPBKDF2Iterations));
+        return;
+    }
+    const int passes = header.getCipherKeyDerivationIterations();
+    const int memoryKiB = header.getCipherKeyDerivationMemoryKiB();
+    const zo::CProps cost = zo::CProps()
+                                .add("passes", passes)
+                                .add("memoryKiB", memoryKiB)
+                                .add("lanes", header.getCipherKeyDerivationLanes());
+    const int64 machineMemory = zo::getPhysicalMemorySize();
+    if (machineMemory > 0 && int64(memoryKiB) * 1024 > machineMemory)
+        throw zo::CError("The key derivation of the disk needs more memory than the machine has.", String(), -1,
+                         zo::CProps(cost).add("machineMemory", machineMemory));
+    if (!allowExpensive &&
+        (memoryKiB > kAllowedArgon2idMemoryKiB || int64(passes) * memoryKiB > kAllowedArgon2idWorkKiB))
+        throw zo::CError("The key derivation of the disk costs more than allowed.", String(), -1, cost);
+}
+
+} // namespace brick
