@@ -1,5 +1,6 @@
 #include "brick/BrickDisk.h"
 
+#include "brick/BrickDiskCreationTime.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskKeyWrap.h"
@@ -155,6 +156,7 @@ void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, in
         zo::TCryptBuffer<uint8> key;
         CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
     }
+    CBrickDiskCreationTime::storeNow(fs, diskFolder);
     header.store(fs, diskFolder);
 }
 
@@ -180,6 +182,7 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
     digest->finish();
     header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
 
+    CBrickDiskCreationTime::storeNow(fs, diskFolder);
     header.store(fs, diskFolder);
 }
 
@@ -218,6 +221,8 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
 
     CBrickDiskHeader header;
     header.load(fs, parentDiskFolder);
+    // The child's own creation time (its header is the parent's).
+    CBrickDiskCreationTime::storeNow(fs, childDiskFolder);
     header.store(fs, childDiskFolder);
 
     CURI oldChildFolder;
