@@ -322,10 +322,17 @@ CommandAction addUnmountCommand(CLI::App& program)
     CLI::App* command = program.add_subcommand("unmount", "End a brickdisk mount: the disk is flushed and released");
     command->add_option("FOLDER", *folder, "The folder given to brickdisk mount")->required();
     return [folder] {
-        CChildProcess unmount({"fusermount3", "-u", std::filesystem::absolute(*folder).lexically_normal().string()});
-        if (unmount.wait() != 0)
-            throw zo::CError("Unmounting failed (is the disk file still loop-mounted?).", zo::String(), -1,
-                             zo::CProps().add("folder", *folder));
+        const std::string path = std::filesystem::absolute(*folder).lexically_normal().string();
+        CChildProcess unmount({"fusermount3", "-u", path});
+        if (unmount.wait() != 0) {
+            // A mount point lies on another device than the folder above it.
+            struct stat self {}, above {};
+            const bool mounted = ::stat(path.c_str(), &self) == 0 && ::stat((path + "/..").c_str(), &above) == 0 &&
+                                 self.st_dev != above.st_dev;
+            throw zo::CError(mounted ? "Unmounting failed (is the disk file still loop-mounted?)."
+                                     : "The folder is not mounted.",
+                             zo::String(), -1, zo::CProps().add("folder", *folder));
+        }
         return 0;
     };
 }
