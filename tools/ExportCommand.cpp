@@ -192,8 +192,8 @@ CommandAction addExportCommand(CLI::App& program)
     command->add_flag("--skip-damaged", options->skipDamaged,
                       "Write a brick that cannot be read as zeros, list it, and go on (the exit status is still 1)");
     command->add_option("-j,--jobs", options->jobs,
-                        "Threads that read and decode bricks ahead, 1 to 256 (default: one per processor; at least 8 for "
-                        "rados:// and s3:// disks, whose reads mostly wait for the network)");
+                        "Threads that read and decode bricks ahead, 1 to 256 (default: one per processor; at least "
+                        "8 for rados:// and s3:// disks, whose reads mostly wait for the network)");
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");
     command->add_flag("--json", options->json,
                       "Print the summary as one JSON document instead of text (on standard error when the image "

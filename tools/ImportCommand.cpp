@@ -159,7 +159,8 @@ CommandAction addImportCommand(CLI::App& program)
         program.add_subcommand("import", "Write an image file (or standard input) into a disk from position 0");
     command->add_option("DISK", options->disk, "Folder of the disk")->required();
     command->add_option("IMAGE", options->image, "Image file, or - for standard input")->required();
-    command->add_option("-j,--jobs", options->jobs, "Threads that compare and prepare bricks (1 to 256)")->capture_default_str();
+    command->add_option("-j,--jobs", options->jobs, "Threads that compare and prepare bricks (1 to 256)")
+        ->capture_default_str();
     command->add_flag("--allow-parent", options->allowParent,
                       "Allow importing into a disk that has a parent (a child disk)");
     command->add_flag("--no-sync", options->noSync,
