@@ -63,7 +63,7 @@ cd "$work"
 s3=(--aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY")
 # radosgw wants the payload's digest even of an empty body.
 empty_sha256=e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855
-make_bucket() { curl -fsS "${s3[@]}" -H "x-amz-content-sha256: $empty_sha256" -X PUT "$S3_ENDPOINT/$1" >/dev/null; }
+make_bucket() { curl -fsS "${s3[@]}" -H "x-amz-content-sha256: $empty_sha256" -X PUT "$AWS_ENDPOINT_URL/$1" >/dev/null; }
 # bucket_bytes BUCKET: the bytes of the bucket's objects.
 bucket_bytes() {
   radosgw-admin bucket stats --bucket="$1" 2>/dev/null |
@@ -75,7 +75,7 @@ bucket_bytes() {
 s3backer_mount() {
   rm -rf "$2"
   mkdir -p "$2"
-  s3backer -f --baseURL="$S3_ENDPOINT/" --accessId="$AWS_ACCESS_KEY_ID" --accessKey="$AWS_SECRET_ACCESS_KEY" \
+  s3backer -f --baseURL="$AWS_ENDPOINT_URL/" --accessId="$AWS_ACCESS_KEY_ID" --accessKey="$AWS_SECRET_ACCESS_KEY" \
     --authVersion=aws4 --size="$image_bytes" --blockSize=512K --encrypt --passwordFile="$work/password" \
     --blockCacheSize=200 --blockCacheThreads=16 --listBlocks "$1" "$2" >>"$work/s3backer.log" 2>&1 &
   s3backer_pid=$!
@@ -115,14 +115,14 @@ for ((round = 1; round <= rounds; round++)); do
     bucket=bench-brickdisk-${size,,}-$round
     make_bucket "$bucket"
     disk=s3://$bucket/disk
-    "$brickdisk" --s3-endpoint "$S3_ENDPOINT" create "$disk" --size 2G --brick-size "$size" "${pw[@]}" >/dev/null
-    timed "brickdisk-$size-import" "$brickdisk" --s3-endpoint "$S3_ENDPOINT" import "$disk" image.raw "${pw[@]}"
+    "$brickdisk" --s3-endpoint "$AWS_ENDPOINT_URL" create "$disk" --size 2G --brick-size "$size" "${pw[@]}" >/dev/null
+    timed "brickdisk-$size-import" "$brickdisk" --s3-endpoint "$AWS_ENDPOINT_URL" import "$disk" image.raw "${pw[@]}"
     brickdisk_stored[$size]=$(bucket_bytes "$bucket")
-    timed "brickdisk-$size-export" "$brickdisk" --s3-endpoint "$S3_ENDPOINT" export "$disk" disk.raw "${pw[@]}"
+    timed "brickdisk-$size-export" "$brickdisk" --s3-endpoint "$AWS_ENDPOINT_URL" export "$disk" disk.raw "${pw[@]}"
     same image.raw disk.raw
   done
 
-  export RESTIC_REPOSITORY=s3:$S3_ENDPOINT/bench-restic-$round
+  export RESTIC_REPOSITORY=s3:$AWS_ENDPOINT_URL/bench-restic-$round
   restic init --repository-version 2 >/dev/null
   rm -rf "$RESTIC_CACHE_DIR"
   timed restic-backup restic backup --compression auto image.raw

@@ -1,5 +1,6 @@
 #include "brick/BrickDisk.h"
 
+#include "brick/BrickDiskCreationTime.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskHeaderLimits.h"
@@ -173,6 +174,7 @@ void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, in
         CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
     }
     CBrickDiskHeaderLimits::validate(header, diskFolder);
+    CBrickDiskCreationTime::storeNow(fs, diskFolder);
     header.store(fs, diskFolder);
 }
 
@@ -199,6 +201,7 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
     header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
 
     CBrickDiskHeaderLimits::validate(header, diskFolder);
+    CBrickDiskCreationTime::storeNow(fs, diskFolder);
     header.store(fs, diskFolder);
 }
 
@@ -237,6 +240,8 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
 
     CBrickDiskHeader header;
     header.load(fs, parentDiskFolder);
+    // The child's own creation time (its header is the parent's).
+    CBrickDiskCreationTime::storeNow(fs, childDiskFolder);
     header.store(fs, childDiskFolder);
 
     CURI oldChildFolder;

@@ -91,16 +91,16 @@ public:
     // ---- Creation -------------------------------------------------------
 
     // Makes a new, empty disk in `diskFolder` (created with its missing
-    // parents): writes only its header, `disk.brickdisk`, and the header's
-    // fallback copy. An empty password makes an unencrypted disk; otherwise
-    // the key is derived from the password with a fresh random 8-byte salt.
-    // `brickSize` -1 keeps the default of 524288 bytes. Throws CError
-    // "Cannot create brick disk in a folder that already contains one." (with
-    // "diskFolder") when the folder holds a header already, the CError of
-    // CBrickDiskHeaderLimits (before anything is made) for a disk size, brick
-    // size, payload block size or compressor ID outside its limits, and
-    // passes on the errors of the file system and of key derivation. Any
-    // thread.
+    // parents): writes its creation time (CBrickDiskCreationTime), then its
+    // header, `disk.brickdisk`, each with its fallback copy. An empty
+    // password makes an unencrypted disk; otherwise the key is derived from
+    // the password with a fresh random 8-byte salt. `brickSize` -1 keeps the
+    // default of 524288 bytes. Throws CError "Cannot create brick disk in a
+    // folder that already contains one." (with "diskFolder") when the folder
+    // holds a header already, the CError of CBrickDiskHeaderLimits (before
+    // anything is made) for a disk size, brick size, payload block size or
+    // compressor ID outside its limits, and passes on the errors of the file
+    // system and of key derivation. Any thread.
     static void create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                        const String& password, const String& compressorID, int brickSize);
 
@@ -120,11 +120,12 @@ public:
                                     const seal::Argon2idCost& cost);
 
     // Makes a child disk of the disk in `parentDiskFolder` in `childDiskFolder`:
-    // a copy of the parent's header (so the parent's password opens it) and
-    // the link files. A linkedChild is put between the parent and the child
-    // the parent had (parent -> new child -> old child), and its parent link
-    // is relative; a standAloneChild links to the parent as given and changes
-    // no file of the parent. Throws CError "Cannot create child brick disk in
+    // its creation time (CBrickDiskCreationTime), a copy of the parent's
+    // header (so the parent's password opens it) and the link files. A
+    // linkedChild is put between the parent and the child the parent had
+    // (parent -> new child -> old child), and its parent link is relative; a
+    // standAloneChild links to the parent as given and changes no file of the
+    // parent. Throws CError "Cannot create child brick disk in
     // a folder that already contains one.", CInvalidArgError "Invalid
     // childType: N", CError "Parent and child brick disk must be in same
     // folder hierarchy." (when no relative path joins them), and passes on

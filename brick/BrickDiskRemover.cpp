@@ -10,7 +10,9 @@
 #include "zo/Error.h"
 #include "zo/Signal.h"
 
+#include <algorithm>
 #include <mutex>
+#include <vector>
 
 namespace brick {
 
@@ -60,24 +62,33 @@ void deleteLink(zo::IFileSystem* fs, const CURI& folder, const String& linkFileN
         fs->deleteFile(CBrickDiskLink::getAuxFileURI(folder, linkFileName, copy), true);
 }
 
+using Progress = CBrickDiskRemover::ProgressListener;
+using Phase = CBrickDiskRemover::Phase;
+
 // Copies every brick file of the disk that the child lacks into the child.
 zo::int64 copyMissingBricksIntoChild(zo::IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
-                                     const CBrickDiskHeader& header, const std::function<void()>& checkpoint)
+                                     const CBrickDiskHeader& header, const std::function<void()>& checkpoint,
+                                     const Progress& onProgress)
 {
     zo::int64 copied = 0;
-    for (const CBrickTree::BrickFile& brick : CBrickTree::list(fs, diskFolder, header).bricks) {
+    const std::vector<CBrickTree::BrickFile> bricks = CBrickTree::list(fs, diskFolder, header).bricks;
+    const auto total = static_cast<zo::int64>(bricks.size());
+    zo::int64 handled = 0;
+    for (const CBrickTree::BrickFile& brick : bricks) {
         if (checkpoint)
             checkpoint();
         const CURI relative = brick.path.toRelative(diskFolder);
         const CURI target = childFolder << relative;
-        if (fs->fileExists(target))
-            continue;
-        fs->createFolder(target.getParent(), kFolderMode);
-        const zo::P<CWaitingListener> listener(new CWaitingListener());
-        fs->beginCopyFile(brick.path, target, false, listener.get());
-        // A brick that the child already has is the child's own: it stays.
-        listener->wait(zo::CFileSystemError::AlreadyExists);
-        ++copied;
+        if (!fs->fileExists(target)) {
+            fs->createFolder(target.getParent(), kFolderMode);
+            const zo::P<CWaitingListener> listener(new CWaitingListener());
+            fs->beginCopyFile(brick.path, target, false, listener.get());
+            // A brick that the child already has is the child's own: it stays.
+            listener->wait(zo::CFileSystemError::AlreadyExists);
+            ++copied;
+        }
+        if (onProgress)
+            onProgress(Phase::CopyingBricks, ++handled, total);
     }
     return copied;
 }
@@ -119,21 +130,25 @@ bool isOneOf(const CURI& path, const zo::TArray<CURI>& paths)
     return false;
 }
 
-zo::int64 deleteDiskFiles(zo::IFileSystem* fs, const CURI& folder)
+zo::int64 deleteDiskFiles(zo::IFileSystem* fs, const CURI& folder, const Progress& onProgress)
 {
     zo::int64 deleted = 0;
     const zo::TArray<CURI> last = lastFilesOf(folder);
-    for (const CURI& file : filesBelow(fs, folder)) {
-        if (!isOneOf(file, last)) {
-            fs->deleteFile(file, true);
-            ++deleted;
-        }
+    const zo::TArray<CURI> files = filesBelow(fs, folder);
+    const auto total = static_cast<zo::int64>(files.size());
+    const auto deleteOne = [&](const CURI& file) {
+        fs->deleteFile(file, true);
+        ++deleted;
+        if (onProgress)
+            onProgress(Phase::DeletingFiles, std::min(deleted, total), total);
+    };
+    for (const CURI& file : files) {
+        if (!isOneOf(file, last))
+            deleteOne(file);
     }
     for (const CURI& file : last) {
-        if (fs->fileExists(file)) {
-            fs->deleteFile(file, true);
-            ++deleted;
-        }
+        if (fs->fileExists(file))
+            deleteOne(file);
     }
     return deleted;
 }
@@ -159,11 +174,12 @@ bool isRemovalLeftover(zo::IFileSystem* fs, const CURI& folder)
 } // namespace
 
 CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const CURI& diskFolder,
-                                                     const std::function<void()>& checkpoint)
+                                                     const std::function<void()>& checkpoint,
+                                                     const ProgressListener& onProgress)
 {
     Outcome outcome;
     if (isRemovalLeftover(fs, diskFolder)) {
-        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder);
+        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder, onProgress);
         return outcome;
     }
     const CBrickDiskChain chain(fs, diskFolder);
@@ -181,7 +197,8 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
     const bool stillLinked = parentsChild.toString(true) == disk.toString(true);
     if (stillLinked) {
         if (!child.isEmpty())
-            outcome.bricksCopied = copyMissingBricksIntoChild(fs, disk, child, chain.getHeader(), checkpoint);
+            outcome.bricksCopied =
+                copyMissingBricksIntoChild(fs, disk, child, chain.getHeader(), checkpoint, onProgress);
         if (child.isEmpty())
             deleteLink(fs, parent, childLink);
         else
@@ -190,7 +207,7 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
     if (!child.isEmpty() && fs->folderExists(child) &&
         CBrickDiskChain::loadLinkedFolder(fs, child, parentLink).toString(true) == disk.toString(true))
         storeLinkTo(fs, child, parentLink, parent);
-    outcome.filesDeleted = deleteDiskFiles(fs, disk);
+    outcome.filesDeleted = deleteDiskFiles(fs, disk, onProgress);
     return outcome;
 }
 

@@ -29,6 +29,14 @@ namespace brick {
 
 class BRICKDISK_EXPORT CBrickDiskRemover {
 public:
+    // The two long steps of a removal, as `onProgress` hears of them.
+    enum class Phase {
+        CopyingBricks, // step 1: the disk's brick files, each copied into the child or found there
+        DeletingFiles  // step 4: the disk's files, each deleted
+    };
+    // Hears that `done` of the phase's `total` files are handled.
+    using ProgressListener = std::function<void(Phase phase, zo::int64 done, zo::int64 total)>;
+
     struct Outcome {
         // The bricks copied into the child.
         zo::int64 bricksCopied = 0;
@@ -50,8 +58,12 @@ public:
     // whatever it throws ends the removal there and passes through, with the
     // chain reading as before (a way to let a user stop a long removal). Once
     // step 2 is done the removal runs to its end without asking.
+    //
+    // `onProgress`, when given, is called on the caller's thread after each
+    // brick file of step 1 and each file deleted in step 4 (a way to show a
+    // long removal going on); it should not throw.
     static Outcome remove(zo::IFileSystem* fs, const zo::CURI& diskFolder,
-                          const std::function<void()>& checkpoint = {});
+                          const std::function<void()>& checkpoint = {}, const ProgressListener& onProgress = {});
 };
 
 } // namespace brick

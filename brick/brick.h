@@ -6,6 +6,7 @@
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskAuxFileBase.h"
 #include "brick/BrickDiskChain.h"
+#include "brick/BrickDiskCreationTime.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskHeaderLimits.h"

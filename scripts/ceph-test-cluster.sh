@@ -13,7 +13,7 @@
 #
 # The environment (export lines, also in $BRICKDISK_CEPH_DIR/env.sh):
 # CEPH_CONF, CEPH_KEYRING, BRICKDISK_CEPH_POOL (a pool for tests),
-# S3_ENDPOINT, AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY.
+# AWS_ENDPOINT_URL, AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY.
 #
 # Settings: BRICKDISK_CEPH_DIR (default /tmp/brickdisk-ceph),
 # BRICKDISK_CEPH_STORE_BYTES (size of the in-memory store, default 6 GiB;
@@ -180,7 +180,7 @@ write_env() {
         echo "export CEPH_KEYRING=$keyring"
         echo "export BRICKDISK_CEPH_POOL=$pool"
         if [ "$with_rgw" = 1 ]; then
-            echo "export S3_ENDPOINT=http://127.0.0.1:$rgw_port"
+            echo "export AWS_ENDPOINT_URL=http://127.0.0.1:$rgw_port"
             echo "export AWS_ACCESS_KEY_ID=$s3_access_key"
             echo "export AWS_SECRET_ACCESS_KEY=$s3_secret_key"
             echo "export AWS_DEFAULT_REGION=us-east-1"

@@ -9,7 +9,6 @@
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
-#include "UsageError.h"
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
@@ -205,8 +204,7 @@ std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const brick::CBric
 
 int runCheck(const CheckOptions& options)
 {
-    if (options.jobs < 1)
-        throw UsageError("--jobs must be at least 1");
+    checkJobCount(options.jobs);
     const zo::CURI folder = diskFolderURI(options.disk);
     const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     CFindings findings(options.json);
@@ -220,8 +218,9 @@ int runCheck(const CheckOptions& options)
         lockDisk(fs.get(), folder, options.repair ? brick::CBrickDiskLock::ForWriting : brick::CBrickDiskLock::ForReading,
                  options.forceShare);
     if (lock && lock->getRemovedTemporaryFileCount() > 0)
-        findings.repaired("removed " + std::to_string(lock->getRemovedTemporaryFileCount()) +
-                          " temporary files of interrupted stores");
+        findings.repaired("removed " +
+                          formatCount(lock->getRemovedTemporaryFileCount(), "temporary file", "temporary files") +
+                          " of interrupted stores");
     checkHeaderCopies(fs.get(), folder, options.repair, findings);
     checkLinks(fs.get(), folder, header, options.repair, findings);
 
@@ -245,8 +244,9 @@ int runCheck(const CheckOptions& options)
     if (!options.readData && header.getCheckSumHashID() == brick::CBrickDisk::kAuthenticatedCheckSumID)
         findings.note("the brick digests are keyed: only --read-data, with the password, checks them");
     if (!listing.temporaryFiles.empty())
-        findings.note(std::to_string(listing.temporaryFiles.size()) +
-                      " temporary files of interrupted stores under bricks/ (harmless; they may be deleted)");
+        findings.note(
+            formatCount(static_cast<zo::int64>(listing.temporaryFiles.size()), "temporary file", "temporary files") +
+            " of interrupted stores under bricks/ (harmless; they may be deleted)");
 
     if (options.json) {
         CJsonWriter json(std::cout);
@@ -263,10 +263,10 @@ int runCheck(const CheckOptions& options)
                                         ? std::string()
                                         : ", " + std::to_string(findings.getRepairCount()) + " repaired";
         const int problems = findings.getProblemCount();
-        std::printf("checked the header, the links and %zu brick files (%s)%s: %s%s\n", listing.bricks.size(),
+        std::printf("checked the header, the links and %s (%s)%s: %s%s\n",
+                    formatCount(static_cast<zo::int64>(listing.bricks.size()), "brick file", "brick files").c_str(),
                     formatBytes(listing.totalBrickBytes()).c_str(), options.readData ? " with their data" : "",
-                    problems == 0 ? "no problems"
-                                  : (std::to_string(problems) + (problems == 1 ? " problem" : " problems")).c_str(),
+                    problems == 0 ? "no problems" : formatCount(problems, "problem", "problems").c_str(),
                     repairs.c_str());
     }
     return findings.getProblemCount() == 0 ? 0 : 1;
@@ -282,7 +282,7 @@ CommandAction addCheckCommand(CLI::App& program)
     command->add_option("DISK", options->disk, "Folder of the disk")->required();
     command->add_flag("--read-data", options->readData,
                       "Also decrypt and decompress every brick and check its inner digest (needs the password)");
-    command->add_option("-j,--jobs", options->jobs, "Threads that check brick files")->capture_default_str();
+    command->add_option("-j,--jobs", options->jobs, "Threads that check brick files (1 to 256)")->capture_default_str();
     command->add_flag("--repair", options->repair,
                       "Rewrite a damaged or missing copy of the header or a link from its intact copy, and remove "
                       "temporary files of interrupted stores; reports what it changed");

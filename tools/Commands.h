@@ -31,7 +31,17 @@ CommandAction addServeCommand(CLI::App& program);
 CommandAction addMountCommand(CLI::App& program);
 CommandAction addUnmountCommand(CLI::App& program);
 
-// The default number of worker threads: one per processor.
+// The most worker threads a command takes (--jobs): more only cost memory
+// and threads, since bricks are read, prepared and stored far fewer at a
+// time than that.
+constexpr int kMaxJobCount = 256;
+
+// The default number of worker threads: one per processor, at most
+// kMaxJobCount.
 int defaultJobCount();
+
+// Throws UsageError "--jobs must be between 1 and 256" for a count outside
+// 1..kMaxJobCount.
+void checkJobCount(int jobs);
 
 } // namespace cli

@@ -4,6 +4,8 @@
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "Interrupt.h"
+#include "Progress.h"
+#include "Units.h"
 
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskRemover.h"
@@ -54,17 +56,34 @@ int runDelete(const DeleteOptions& options)
         if (chain.getMembers().size() > 1 && chain.getMembers()[1].problem.isEmpty())
             parentLock = lockDisk(fs.get(), chain.getMembers()[1].folder, brick::CBrickDiskLock::ForReading);
     }
-    const brick::CBrickDiskRemover::Outcome outcome = brick::CBrickDiskRemover::remove(fs.get(), folder, throwIfInterrupted);
+    brick::CBrickDiskRemover::Outcome outcome;
+    {
+        // One bar for each long step: the bricks kept for the child, then the files deleted.
+        std::unique_ptr<CProgressBar> progress;
+        auto shown = brick::CBrickDiskRemover::Phase::CopyingBricks;
+        const auto onProgress = [&](brick::CBrickDiskRemover::Phase phase, zo::int64 done, zo::int64 total) {
+            if (!progress || phase != shown) {
+                progress.reset();
+                shown = phase;
+                const bool copying = phase == brick::CBrickDiskRemover::Phase::CopyingBricks;
+                progress = std::make_unique<CProgressBar>(
+                    copying ? "delete: keeping bricks for the child" : "delete: deleting files", total,
+                    copying ? "bricks" : "files");
+            }
+            progress->update(done);
+        };
+        outcome = brick::CBrickDiskRemover::remove(fs.get(), folder, throwIfInterrupted, onProgress);
+    }
     diskLock.reset();
     if (isLocalFolder(folder))
         removeEmptyFolders(folder.toLocalPath());
+    const std::string files = formatCount(outcome.filesDeleted, "file", "files");
     if (child.isEmpty())
-        std::printf("deleted %s (%lld files)\n", folder.toLocalPath().c_str(),
-                    static_cast<long long>(outcome.filesDeleted));
+        std::printf("deleted %s (%s)\n", folder.toLocalPath().c_str(), files.c_str());
     else
-        std::printf("deleted %s (%lld files); %lld bricks it held for %s were kept there\n",
-                    folder.toLocalPath().c_str(), static_cast<long long>(outcome.filesDeleted),
-                    static_cast<long long>(outcome.bricksCopied), child.toLocalPath().c_str());
+        std::printf("deleted %s (%s); %s it held for %s %s kept there\n", folder.toLocalPath().c_str(), files.c_str(),
+                    formatCount(outcome.bricksCopied, "brick", "bricks").c_str(), child.toLocalPath().c_str(),
+                    outcome.bricksCopied == 1 ? "was" : "were");
     return 0;
 }
 

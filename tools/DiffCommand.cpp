@@ -130,11 +130,11 @@ int runDiff(const DiffOptions& options)
         json.endObject();
     } else {
         for (const BrickDifference& difference : differences)
-            std::printf("brick %lld differs in %lld bytes\n", static_cast<long long>(difference.index),
-                        static_cast<long long>(difference.bytes));
-        std::printf("%zu of %lld bricks differ (%lld bytes); %lld bricks decoded\n", differences.size(),
-                    static_cast<long long>(brickCount), static_cast<long long>(totalBytes),
-                    static_cast<long long>(decoded));
+            std::printf("brick %lld differs in %s\n", static_cast<long long>(difference.index),
+                        formatCount(difference.bytes, "byte", "bytes").c_str());
+        std::printf("%zu of %s %s (%s); %s decoded\n", differences.size(),
+                    formatCount(brickCount, "brick", "bricks").c_str(), differences.size() == 1 ? "differs" : "differ",
+                    formatCount(totalBytes, "byte", "bytes").c_str(), formatCount(decoded, "brick", "bricks").c_str());
     }
     return 0;
 }

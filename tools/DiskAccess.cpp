@@ -16,6 +16,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 
@@ -85,6 +86,37 @@ zo::P<zo::IFileSystem> newS3FileSystem([[maybe_unused]] int threadCount)
 #endif
 }
 
+// The scheme a path starts with: a word (a letter, then letters, digits,
+// "+", "-" or ".") followed by ":/", as "s3:" in "s3:/bucket" or "http:" in
+// "http://host"; empty when the path starts otherwise.
+std::string schemeOf(const std::string& path)
+{
+    if (path.empty() || !std::isalpha(static_cast<unsigned char>(path[0])))
+        return std::string();
+    size_t end = 1;
+    while (end < path.size() && (std::isalnum(static_cast<unsigned char>(path[end])) || path[end] == '+' ||
+                                 path[end] == '-' || path[end] == '.'))
+        ++end;
+    if (path.compare(end, 2, ":/") != 0)
+        return std::string();
+    return path.substr(0, end + 1);
+}
+
+// Refuses a path that starts like a store's address but is not one of the
+// known schemes (a mistyped "s3:/bucket", "S3://bucket", "file:///srv"), which
+// would otherwise become a local folder of that odd name.
+void checkScheme(const std::string& path)
+{
+    if (isOnCeph(path) || isOnS3(path))
+        return;
+    const std::string scheme = schemeOf(path);
+    if (scheme.empty())
+        return;
+    throw UsageError("Unknown storage scheme \"" + scheme + "\" in " + path + ": disks are named " + radosPrefix +
+                     "POOL/path (Ceph), " + s3Prefix + "BUCKET/path (S3) or by a local folder; a local folder of "
+                     "that name is given as ./" + path + ".");
+}
+
 } // namespace
 
 bool isSameStore(const zo::CURI& first, const zo::CURI& second)
@@ -114,6 +146,7 @@ zo::CURI diskFolderURI(const std::string& path)
 {
     if (path.empty())
         throw UsageError("the disk path is empty");
+    checkScheme(path);
     if (isOnCeph(path) || isOnS3(path))
         return zo::CURI(zo::String::fromUTF8(path)).toNormalized();
     std::string absolute = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal().string();
@@ -173,11 +206,11 @@ void addForceShareOption(CLI::App& command, bool& forceShare)
                      "mix bricks from before and after that process's changes");
 }
 
-zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
-                                      bool forceShare)
+namespace {
+
+zo::P<brick::CBrickDiskLock> acquireLock(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
+                                         bool offersForceShare)
 {
-    if (forceShare && mode == brick::CBrickDiskLock::ForReading)
-        return zo::P<brick::CBrickDiskLock>();
     zo::P<brick::CBrickDiskLock> lock;
     try {
         lock = brick::CBrickDiskLock::acquire(fs, folder, mode);
@@ -186,7 +219,7 @@ zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folde
             throw;
         zo::String holder = e.getProps().lookup("holder");
         zo::String message = "The disk is in use by another process.";
-        if (mode == brick::CBrickDiskLock::ForReading)
+        if (offersForceShare && mode == brick::CBrickDiskLock::ForReading)
             message += " Give --force-share to read it all the same, at your own risk.";
         zo::CProps props;
         props.add("diskFolder", e.getDiskFolder().toLocalPath());
@@ -199,6 +232,21 @@ zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folde
                              "processes from using it at the same time\n",
                      folder.toLocalPath().c_str());
     return lock;
+}
+
+} // namespace
+
+zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode)
+{
+    return acquireLock(fs, folder, mode, false);
+}
+
+zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
+                                      bool forceShare)
+{
+    if (forceShare && mode == brick::CBrickDiskLock::ForReading)
+        return zo::P<brick::CBrickDiskLock>();
+    return acquireLock(fs, folder, mode, true);
 }
 
 std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& folder)

@@ -23,8 +23,10 @@ namespace cli {
 
 // `path` made absolute against the working folder and normalised; a disk on
 // Ceph, "rados://POOL/path/to/disk", or on S3, "s3://BUCKET/path/to/disk",
-// only normalised. An empty path throws
-// UsageError.
+// only normalised. An empty path throws UsageError, and so does a path that
+// starts with another scheme ("Unknown storage scheme ...": a word and ":/",
+// as in "s3:/bucket", "S3://bucket" or "file:///srv"; such a local folder is
+// named "./s3:/bucket").
 zo::CURI diskFolderURI(const std::string& path);
 
 // The Ceph cluster of the disks on Ceph: the program's --ceph-conf (empty:
@@ -93,13 +95,17 @@ void addForceShareOption(CLI::App& command, bool& forceShare);
 
 // Locks the disk in `folder` for `mode` for as long as the returned lock
 // lives: readers share a disk, a writer has it alone (and keeps writers off
-// its child). A reader with `forceShare` takes no lock and gets null. A disk
-// that is in use throws zo::CError "The disk is in use by another process."
-// with "diskFolder" and "holder" (who holds it, where the file system can
-// tell) and, for a reader, a hint at --force-share. A file system that cannot
-// lock gives a warning on stderr.
+// its child). A disk that is in use throws zo::CError "The disk is in use by
+// another process." with "diskFolder" and "holder" (who holds it, where the
+// file system can tell). A file system that cannot lock gives a warning on
+// stderr. For commands without --force-share.
+zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode);
+
+// The same for a command that has --force-share (addForceShareOption): a
+// reader with `forceShare` takes no lock and gets null, and the error of a
+// reader of a disk in use adds a hint at --force-share.
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
-                                      bool forceShare = false);
+                                      bool forceShare);
 
 // Every ancestor folder of the disk in `folder`, nearest first, as its chain
 // names them (the walk stops at one that is missing or does not match).

@@ -8,7 +8,6 @@
 #include "Password.h"
 #include "Progress.h"
 #include "Units.h"
-#include "UsageError.h"
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskStreamWithParallelReadAhead.h"
@@ -148,8 +147,8 @@ int defaultReadAheadJobs(const zo::CURI& folder)
 
 int runExport(const ExportOptions& options)
 {
-    if (options.jobs && *options.jobs < 1)
-        throw UsageError("--jobs must be at least 1");
+    if (options.jobs)
+        checkJobCount(*options.jobs);
     const auto start = std::chrono::steady_clock::now();
     const zo::CURI folder = diskFolderURI(options.disk);
     const int jobs = options.jobs ? *options.jobs : defaultReadAheadJobs(folder);
@@ -193,8 +192,8 @@ CommandAction addExportCommand(CLI::App& program)
     command->add_flag("--skip-damaged", options->skipDamaged,
                       "Write a brick that cannot be read as zeros, list it, and go on (the exit status is still 1)");
     command->add_option("-j,--jobs", options->jobs,
-                        "Threads that read and decode bricks ahead (default: one per processor; at least 8 for "
-                        "rados:// and s3:// disks, whose reads mostly wait for the network)");
+                        "Threads that read and decode bricks ahead, 1 to 256 (default: one per processor; at least "
+                        "8 for rados:// and s3:// disks, whose reads mostly wait for the network)");
     command->add_flag("-q,--quiet", options->quiet, "Print no summary");
     command->add_flag("--json", options->json,
                       "Print the summary as one JSON document instead of text (on standard error when the image "

@@ -66,8 +66,19 @@ void printSummary(const CBrickImporter::Counts& counts, double seconds)
                 static_cast<long long>(counts.zero), formatBytes(counts.storedBytes).c_str());
 }
 
+// The note for an image that ended before the disk did: how many bytes at
+// the disk's end the import left as they were.
+void printKeptTail(zo::int64 keptBytes)
+{
+    std::string kept = formatCount(keptBytes, "byte", "bytes") + " of the disk";
+    if (keptBytes >= 1024)
+        kept += " (" + formatBytes(keptBytes) + ")";
+    kept += keptBytes == 1 ? " was kept as it was" : " were kept as they were";
+    std::fprintf(stderr, "brickdisk: note: the image is shorter than the disk: the last %s\n", kept.c_str());
+}
+
 void printJsonSummary(const ImportOptions& options, const zo::CURI& folder, const CBrickImporter::Counts& counts,
-                      double seconds)
+                      zo::int64 keptBytes, double seconds)
 {
     CJsonWriter json(std::cout);
     json.beginObject();
@@ -79,14 +90,14 @@ void printJsonSummary(const ImportOptions& options, const zo::CURI& folder, cons
     json.field("bricksSkipped", counts.skipped);
     json.field("bricksZero", counts.zero);
     json.field("storedBytes", counts.storedBytes);
+    json.field("bytesKeptAtEnd", keptBytes);
     json.endObject();
     std::cout << std::flush;
 }
 
 int runImport(const ImportOptions& options)
 {
-    if (options.jobs < 1)
-        throw UsageError("--jobs must be at least 1");
+    checkJobCount(options.jobs);
     const auto start = std::chrono::steady_clock::now();
     const zo::CURI folder = diskFolderURI(options.disk);
     // Saves wait for fsync, so more of them run at once than there are
@@ -123,12 +134,17 @@ int runImport(const ImportOptions& options)
         disk->flushChanges();
     }
     throwIfAnySaveFailed(*disk);
+    // An image shorter than the disk leaves the disk's end as it was, which
+    // a user who meant to replace the whole disk should hear of.
+    const zo::int64 keptBytes = header.getDiskSize() - counts.imageBytes;
     if (counts.imageBytes == 0)
         std::fprintf(stderr, "brickdisk: warning: the image %s is empty; the disk was not changed\n",
                      options.image == "-" ? "on standard input" : options.image.c_str());
+    else if (keptBytes > 0)
+        printKeptTail(keptBytes);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (options.json)
-        printJsonSummary(options, folder, counts, seconds);
+        printJsonSummary(options, folder, counts, keptBytes, seconds);
     else if (!options.quiet)
         printSummary(counts, seconds);
     return 0;
@@ -143,7 +159,8 @@ CommandAction addImportCommand(CLI::App& program)
         program.add_subcommand("import", "Write an image file (or standard input) into a disk from position 0");
     command->add_option("DISK", options->disk, "Folder of the disk")->required();
     command->add_option("IMAGE", options->image, "Image file, or - for standard input")->required();
-    command->add_option("-j,--jobs", options->jobs, "Threads that compare and prepare bricks")->capture_default_str();
+    command->add_option("-j,--jobs", options->jobs, "Threads that compare and prepare bricks (1 to 256)")
+        ->capture_default_str();
     command->add_flag("--allow-parent", options->allowParent,
                       "Allow importing into a disk that has a parent (a child disk)");
     command->add_flag("--no-sync", options->noSync,

@@ -104,7 +104,7 @@ void printText(const DiskInfo& info)
     };
     line("disk:", info.folder.toLocalPath());
     line("size:", formatBytes(h.getDiskSize()) + " (" + std::to_string(h.getDiskSize()) + " bytes)");
-    line("brick size:", formatBytes(h.getBrickSize()) + ", " + std::to_string(info.brickCount()) + " bricks");
+    line("brick size:", formatBytes(h.getBrickSize()) + ", " + formatCount(info.brickCount(), "brick", "bricks"));
     line("compression:", utf8(h.getCompressID()));
     line("format:", info.formatDescription());
     if (info.encrypted())
@@ -129,8 +129,9 @@ void printText(const DiskInfo& info)
         line("stored:", ratio);
     }
     if (!info.bricks.temporaryFiles.empty())
-        line("leftovers:", std::to_string(info.bricks.temporaryFiles.size()) +
-                               " temporary files of interrupted stores (harmless)");
+        line("leftovers:", formatCount(static_cast<zo::int64>(info.bricks.temporaryFiles.size()), "temporary file",
+                                       "temporary files") +
+                               " of interrupted stores (harmless)");
 }
 
 void printJson(const DiskInfo& info)

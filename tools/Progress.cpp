@@ -16,8 +16,9 @@ constexpr auto kRedrawInterval = std::chrono::milliseconds(100);
 
 } // namespace
 
-CProgressBar::CProgressBar(std::string label, zo::int64 total)
-    : m_label(std::move(label)), m_total(total), m_enabled(isTerminal(STDERR_FILENO)),
+CProgressBar::CProgressBar(std::string label, zo::int64 total, std::string countNoun)
+    : m_label(std::move(label)), m_total(total), m_countNoun(std::move(countNoun)),
+      m_enabled(isTerminal(STDERR_FILENO)),
       m_start(std::chrono::steady_clock::now()), m_lastDraw(m_start - kRedrawInterval)
 {
 }
@@ -54,15 +55,32 @@ void CProgressBar::draw(zo::int64 done, double seconds)
         char percent[16];
         std::snprintf(percent, sizeof percent, "%3d%% ", static_cast<int>(share * 100.0));
         line += percent;
-        line += formatBytes(done) + " of " + formatBytes(m_total) + "  " + formatRate(done, seconds);
+        line += (m_countNoun.empty() ? formatBytes(done) : std::to_string(done)) + " of " + amountText(m_total) + "  " +
+                rateText(done, seconds);
         if (rate > 0.0)
             line += "  " + formatDuration(static_cast<double>(m_total - done) / rate) + " left";
     } else {
-        line += formatBytes(done) + "  " + formatRate(done, seconds);
+        line += amountText(done) + "  " + rateText(done, seconds);
     }
     std::fputs(line.c_str(), stderr);
     std::fflush(stderr);
     m_drawn = true;
+}
+
+std::string CProgressBar::amountText(zo::int64 amount) const
+{
+    return m_countNoun.empty() ? formatBytes(amount) : std::to_string(amount) + " " + m_countNoun;
+}
+
+std::string CProgressBar::rateText(zo::int64 done, double seconds) const
+{
+    if (m_countNoun.empty())
+        return formatRate(done, seconds);
+    if (seconds <= 0.0)
+        return "-";
+    char text[32];
+    std::snprintf(text, sizeof text, "%.0f/s", static_cast<double>(done) / seconds);
+    return text;
 }
 
 void CProgressBar::clear()

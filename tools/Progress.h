@@ -13,8 +13,10 @@ namespace cli {
 class CProgressBar {
 public:
     // `total` is the amount of bytes the work will handle, -1 when unknown
-    // (then only the amount done and the rate are shown).
-    CProgressBar(std::string label, zo::int64 total);
+    // (then only the amount done and the rate are shown). With a `countNoun`
+    // ("files") the work counts things instead of bytes, and the bar shows
+    // "532 of 1184 files" and a rate per second.
+    CProgressBar(std::string label, zo::int64 total, std::string countNoun = std::string());
     // Clears the bar's line; never throws.
     ~CProgressBar();
     CProgressBar(const CProgressBar&) = delete;
@@ -27,9 +29,13 @@ public:
 
 private:
     void draw(zo::int64 done, double seconds);
+    // `amount` in the work's unit: bytes, or a count of the noun.
+    std::string amountText(zo::int64 amount) const;
+    std::string rateText(zo::int64 done, double seconds) const;
 
     std::string m_label;
     zo::int64 m_total;
+    std::string m_countNoun;
     bool m_enabled;
     bool m_drawn = false;
     std::chrono::steady_clock::time_point m_start;

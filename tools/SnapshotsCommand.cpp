@@ -7,6 +7,7 @@
 #include "Units.h"
 
 #include "brick/BrickDiskChain.h"
+#include "brick/BrickDiskCreationTime.h"
 #include "brick/BrickTree.h"
 #include "zo/Error.h"
 
@@ -17,6 +18,7 @@
 #include <fcntl.h>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sys/stat.h>
 #include <vector>
@@ -38,26 +40,44 @@ struct ChainDisk {
     std::string problem;
 };
 
-// When the folder was made (its birth time where the file system keeps one,
-// otherwise when its header was last written), as UTC text.
-std::string creationTime(const zo::CURI& folder)
+// `seconds` since 1970-01-01 00:00:00 UTC as UTC text.
+std::string utcText(std::time_t seconds)
 {
-    struct statx info {};
-    std::time_t seconds = 0;
-    const std::string path = folder.toLocalPath();
-    if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &info) == 0 && (info.stx_mask & STATX_BTIME) != 0) {
-        seconds = static_cast<std::time_t>(info.stx_btime.tv_sec);
-    } else {
-        struct stat header {};
-        if (::stat((path + "/disk.brickdisk").c_str(), &header) != 0)
-            return std::string();
-        seconds = header.st_mtime;
-    }
     std::tm utc {};
     ::gmtime_r(&seconds, &utc);
     char text[32];
     std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);
     return text;
+}
+
+// When a local folder was made: its birth time where the file system keeps
+// one, otherwise when its header was last written; empty when neither is
+// known.
+std::string folderTime(const zo::CURI& folder)
+{
+    struct statx info {};
+    const std::string path = folder.toLocalPath();
+    if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &info) == 0 && (info.stx_mask & STATX_BTIME) != 0)
+        return utcText(static_cast<std::time_t>(info.stx_btime.tv_sec));
+    struct stat header {};
+    if (::stat((path + "/disk.brickdisk").c_str(), &header) != 0)
+        return std::string();
+    return utcText(header.st_mtime);
+}
+
+// When the disk was made, as UTC text: its creation time record; for a disk
+// made before disks kept one (or whose record is damaged in both copies), the
+// time of its local folder; empty when neither is known (such a disk in an
+// object store).
+std::string creationTime(zo::IFileSystem* fs, const zo::CURI& folder)
+{
+    try {
+        if (const std::optional<zo::int64> recorded = brick::CBrickDiskCreationTime::load(fs, folder))
+            return utcText(static_cast<std::time_t>(*recorded));
+    } catch (const zo::CError&) {
+        // The time is only shown: the folder's time stands in for it.
+    }
+    return isLocalFolder(folder) ? folderTime(folder) : std::string();
 }
 
 // The disks of the chain, newest first: up from `folder` to the disk without
@@ -76,7 +96,7 @@ std::vector<ChainDisk> walkChain(zo::IFileSystem* fs, const zo::CURI& folder)
     while (!current.isEmpty() && seen.insert(current.toString(true).toUTF8()).second) {
         ChainDisk disk;
         disk.folder = current;
-        disk.created = creationTime(current);
+        disk.created = creationTime(fs, current);
         try {
             const brick::CBrickDiskChain chain(fs, current);
             const brick::CBrickTree::Listing listing = brick::CBrickTree::list(fs, current, chain.getHeader());
@@ -128,8 +148,10 @@ int runSnapshots(const SnapshotsOptions& options)
         if (!disks[i].problem.empty())
             std::printf("%s   problem: %s\n", detail.c_str(), disks[i].problem.c_str());
         else
-            std::printf("%s   created %s UTC, %lld brick files, %s\n", detail.c_str(), disks[i].created.c_str(),
-                        static_cast<long long>(disks[i].brickFiles), formatBytes(disks[i].storedBytes).c_str());
+            std::printf("%s   created %s, %s, %s\n", detail.c_str(),
+                        disks[i].created.empty() ? "at an unknown time" : (disks[i].created + " UTC").c_str(),
+                        formatCount(disks[i].brickFiles, "brick file", "brick files").c_str(),
+                        formatBytes(disks[i].storedBytes).c_str());
     }
     return 0;
 }

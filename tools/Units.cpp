@@ -71,11 +71,16 @@ zo::int64 parseByteSize(const std::string& text, const std::string& what)
     return value;
 }
 
+std::string formatCount(zo::int64 count, const std::string& singular, const std::string& plural)
+{
+    return std::to_string(count) + " " + (count == 1 ? singular : plural);
+}
+
 std::string formatBytes(zo::int64 bytes)
 {
     static const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     if (bytes < 1024)
-        return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+        return formatCount(bytes, "byte", "bytes");
     double value = static_cast<double>(bytes) / 1024.0;
     int unit = 0;
     while (value >= 1024.0 && unit < 5) {

@@ -19,6 +19,9 @@ std::string formatBytes(zo::int64 bytes);
 // Decimal megabytes (10^6 bytes) per second, "153.2 MB/s"; "-" when no time passed.
 std::string formatRate(zo::int64 bytes, double seconds);
 
+// A count and its noun: "1 brick", "0 bricks", "2 bricks".
+std::string formatCount(zo::int64 count, const std::string& singular, const std::string& plural);
+
 // "0:07", "12:30", "1:02:03".
 std::string formatDuration(double seconds);
 

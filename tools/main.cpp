@@ -16,6 +16,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -26,7 +27,13 @@ namespace cli {
 int defaultJobCount()
 {
     const unsigned processors = std::thread::hardware_concurrency();
-    return processors == 0 ? 1 : static_cast<int>(processors);
+    return processors == 0 ? 1 : static_cast<int>(std::min<unsigned>(processors, kMaxJobCount));
+}
+
+void checkJobCount(int jobs)
+{
+    if (jobs < 1 || jobs > kMaxJobCount)
+        throw UsageError("--jobs must be between 1 and " + std::to_string(kMaxJobCount));
 }
 
 } // namespace cli

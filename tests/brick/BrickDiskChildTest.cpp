@@ -127,8 +127,8 @@ TEST_F(BrickDiskChildTest, LinkedChildGetsAHeaderAndAParentLinkAndTheParentGetsA
     createChild("/disks/child", "/disks/parent");
 
     EXPECT_EQ(testsupport::filesBelow(fs.get(), CURI("/disks/child")),
-              std::vector<std::string>(
-                  {"disk.brickdisk", "fallback/disk.brickdisk", "fallback/parent.bricklnk", "parent.bricklnk"}));
+              std::vector<std::string>({"created.bricktime", "disk.brickdisk", "fallback/created.bricktime",
+                                        "fallback/disk.brickdisk", "fallback/parent.bricklnk", "parent.bricklnk"}));
     EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/child"), "parent.bricklnk"), "../parent");
     EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/parent"), "child.bricklnk"), "../child");
 }

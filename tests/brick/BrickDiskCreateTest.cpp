@@ -63,13 +63,14 @@ protected:
     P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
 };
 
-TEST_F(BrickDiskCreateTest, CreatesAMissingFolderWithItsParentsAndWritesOnlyTheHeader)
+TEST_F(BrickDiskCreateTest, CreatesAMissingFolderWithItsParentsAndWritesOnlyTheCreationTimeAndTheHeader)
 {
     CBrickDisk::create(fs.get(), CURI("/deep/down/disk"), 100000, 512, "secret", "zlib-6", 8192);
 
     EXPECT_TRUE(fs->folderExists(CURI("/deep/down/disk")));
     EXPECT_EQ(testsupport::filesBelow(fs.get(), CURI("/deep/down/disk")),
-              std::vector<std::string>({"disk.brickdisk", "fallback/disk.brickdisk"}));
+              std::vector<std::string>({"created.bricktime", "disk.brickdisk", "fallback/created.bricktime",
+                                        "fallback/disk.brickdisk"}));
 }
 
 TEST_F(BrickDiskCreateTest, HeaderHoldsTheArgumentsAndTheDefaultsOfEverythingElse)
@@ -258,7 +259,8 @@ TEST(BrickDiskCreateLocalTest, CreatesADiskInTheLocalFileSystem)
     CBrickDisk::create(local.get(), folder, 65536, 1, "secret", "lz4", 4096);
 
     EXPECT_EQ(testsupport::filesBelow(local.get(), folder),
-              std::vector<std::string>({"disk.brickdisk", "fallback/disk.brickdisk"}));
+              std::vector<std::string>({"created.bricktime", "disk.brickdisk", "fallback/created.bricktime",
+                                        "fallback/disk.brickdisk"}));
     const P<CBrickDisk> disk = testsupport::openDisk(local.get(), folder, "secret");
     EXPECT_EQ(disk->getSize(), 65536);
 }

@@ -161,7 +161,7 @@ TEST_F(CheckCommandTest, LeftoverTemporaryFilesAreANoteAndStrayFilesAProblem)
 
     const RunResult withLeftover = run({"check", path("disk")});
     EXPECT_EQ(withLeftover.exitStatus, 0) << withLeftover.out;
-    EXPECT_NE(withLeftover.out.find("note: 1 temporary files"), std::string::npos) << withLeftover.out;
+    EXPECT_NE(withLeftover.out.find("note: 1 temporary file of"), std::string::npos) << withLeftover.out;
 
     writeFile((folder / "readme.txt").string(), "not a brick");
     const RunResult withStray = run({"check", path("disk")});
@@ -198,7 +198,7 @@ TEST_F(CheckRepairTest, RepairRewritesADamagedHeaderOrLinkCopyFromItsTwinAndRemo
     const RunResult repaired = run({"check", path("disk"), "--repair"});
     EXPECT_EQ(repaired.exitStatus, 0) << repaired.out << repaired.err;
     EXPECT_NE(repaired.out.find("repaired: " + path("disk/disk.brickdisk")), std::string::npos) << repaired.out;
-    EXPECT_NE(repaired.out.find("repaired: removed 1 temporary files"), std::string::npos) << repaired.out;
+    EXPECT_NE(repaired.out.find("repaired: removed 1 temporary file of"), std::string::npos) << repaired.out;
     EXPECT_FALSE(std::filesystem::exists(temporary));
     EXPECT_EQ(readFile(path("disk/disk.brickdisk")), readFile(path("disk/fallback/disk.brickdisk")));
     EXPECT_EQ(run({"check", path("disk")}).exitStatus, 0);

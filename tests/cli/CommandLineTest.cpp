@@ -59,6 +59,55 @@ TEST_F(CommandLineTest, JobsBelowOneAreAUsageError)
     EXPECT_EQ(runWithPassword({"export", path("disk"), path("out"), "--jobs", "0"}).exitStatus, 2);
 }
 
+TEST_F(CommandLineTest, JobsAboveTheMaximumAreAUsageError)
+{
+    createDisk("disk", "1M");
+    writeFile(path("image"), "abc");
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"import", path("disk"), path("image"), "--jobs", "257"},
+          std::vector<std::string>{"export", path("disk"), path("out"), "--jobs", "257"},
+          std::vector<std::string>{"check", path("disk"), "--jobs", "257"}}) {
+        SCOPED_TRACE(args[0]);
+        const RunResult result = runWithPassword(args);
+        EXPECT_EQ(result.exitStatus, 2);
+        EXPECT_NE(result.err.find("--jobs must be between 1 and 256"), std::string::npos) << result.err;
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("out")));
+    const RunResult most = runWithPassword({"import", path("disk"), path("image"), "--jobs", "256"});
+    EXPECT_EQ(most.exitStatus, 0) << most.err;
+}
+
+TEST_F(CommandLineTest, MistypedStoreAddressIsRefusedInsteadOfBecomingAFolder)
+{
+    RunOptions inTestFolder;
+    inTestFolder.workingFolder = m_folder.path();
+    for (const std::string disk : {"s3:/mybucket/vm", "S3://mybucket/vm", "file:///srv/vm", "http://host/vm",
+                                   "rados:/pool/vm", "Rados://pool/vm"}) {
+        SCOPED_TRACE(disk);
+        const RunResult result =
+            runWithPassword({"create", disk, "--size", "1M", "--kdf", "pbkdf2"}, inTestFolder);
+        EXPECT_EQ(result.exitStatus, 2);
+        EXPECT_NE(result.err.find("Unknown storage scheme"), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find("rados://"), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find("s3://"), std::string::npos) << result.err;
+    }
+    for (const std::string word : {"s3:", "S3:", "file:", "http:", "rados:", "Rados:"})
+        EXPECT_FALSE(std::filesystem::exists(path(word))) << word;
+    const RunResult info = run({"info", "s3:/mybucket/vm"}, inTestFolder);
+    EXPECT_EQ(info.exitStatus, 2);
+    EXPECT_NE(info.err.find("Unknown storage scheme"), std::string::npos) << info.err;
+}
+
+TEST_F(CommandLineTest, FolderNamedLikeAnAddressIsGivenWithDotSlash)
+{
+    RunOptions inTestFolder;
+    inTestFolder.workingFolder = m_folder.path();
+    const RunResult created =
+        runWithPassword({"create", "./s3:/mybucket/vm", "--size", "1M", "--kdf", "pbkdf2"}, inTestFolder);
+    ASSERT_EQ(created.exitStatus, 0) << created.err;
+    EXPECT_TRUE(std::filesystem::exists(path("s3:/mybucket/vm/disk.brickdisk")));
+}
+
 TEST_F(CommandLineTest, EmptyPasswordFileIsRefused)
 {
     writeFile(path("empty"), "\n");

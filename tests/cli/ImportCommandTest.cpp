@@ -267,6 +267,33 @@ TEST_F(ImportCommandTest, ShowsNoProgressOnAPipe)
     EXPECT_NE(result.out.find("imported 2.00 MiB"), std::string::npos) << result.out;
 }
 
+TEST_F(ImportCommandTest, ImageShorterThanTheDiskSaysHowManyBytesAtTheEndWereKept)
+{
+    createDisk("disk", "1M");
+    const std::string full = makeImage(1024 * 1024, 21);
+    writeFile(path("full"), full);
+    const RunResult filled = runWithPassword({"import", path("disk"), path("full"), "--json"});
+    ASSERT_EQ(filled.exitStatus, 0) << filled.err;
+    EXPECT_NE(filled.out.find("\"bytesKeptAtEnd\": 0\n"), std::string::npos) << filled.out;
+    EXPECT_EQ(filled.err.find("shorter"), std::string::npos) << filled.err;
+
+    const std::string start = makeImage(300000, 22);
+    writeFile(path("short"), start);
+    const RunResult text = runWithPassword({"import", path("disk"), path("short")});
+    ASSERT_EQ(text.exitStatus, 0) << text.err;
+    EXPECT_NE(text.err.find("brickdisk: note: the image is shorter than the disk: the last 748576 bytes of the "
+                            "disk (731"),
+              std::string::npos)
+        << text.err;
+    EXPECT_NE(text.err.find(") were kept as they were\n"), std::string::npos) << text.err;
+    const RunResult json = runWithPassword({"import", path("disk"), path("short"), "--json", "--quiet"});
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    EXPECT_NE(json.out.find("\"bytesKeptAtEnd\": 748576\n"), std::string::npos) << json.out;
+    EXPECT_NE(json.err.find("the last 748576 bytes"), std::string::npos) << json.err;
+
+    EXPECT_TRUE(exportImage("disk") == start + full.substr(start.size()));
+}
+
 TEST_F(ImportCommandTest, ShowsProgressWithRateOnATerminal)
 {
     createDisk("disk", "2M");

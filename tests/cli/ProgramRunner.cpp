@@ -40,6 +40,8 @@ std::string makeTempFile(const char* tag)
     ::unsetenv("BRICKDISK_PASSWORD");
     if (!options.passwordVariable.empty())
         ::setenv("BRICKDISK_PASSWORD", options.passwordVariable.c_str(), 1);
+    if (!options.workingFolder.empty() && ::chdir(options.workingFolder.c_str()) != 0)
+        ::_exit(125);
     std::vector<char*> argv;
     const std::string program = programPath();
     argv.push_back(const_cast<char*>(program.c_str()));

@@ -25,6 +25,8 @@ struct RunOptions {
     std::optional<std::string> input;
     // BRICKDISK_PASSWORD for the run; unset when empty.
     std::string passwordVariable;
+    // The program's working folder; the test's own when empty.
+    std::string workingFolder;
 };
 
 // The path of the program under test.

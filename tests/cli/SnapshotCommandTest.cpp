@@ -1,11 +1,68 @@
 #include "CliTestFixture.h"
 
+#include "brick/BrickDiskCreationTime.h"
+#include "zo/LocalFileSystem.h"
+
+#include <chrono>
 #include <filesystem>
+#include <optional>
 
 namespace clitest {
 namespace {
 
 class SnapshotCommandTest : public CliTest {};
+
+TEST_F(SnapshotCommandTest, CreationTimesAreTheDisksOwnAndStayWithACopiedChain)
+{
+    createDisk("disk", "1M");
+    ASSERT_EQ(run({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
+    // The times of a chain made long ago.
+    const zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(1));
+    brick::CBrickDiskCreationTime::store(fs.get(), zo::CURI(zo::String(path("disk"))), 1000000000);
+    brick::CBrickDiskCreationTime::store(fs.get(), zo::CURI(zo::String(path("snap"))), 1000086400);
+    std::filesystem::create_directory(path("copy"));
+    for (const std::string disk : {"disk", "snap"})
+        std::filesystem::copy(path(disk), path("copy/" + disk), std::filesystem::copy_options::recursive);
+
+    const RunResult text = run({"snapshots", path("copy/snap")});
+    ASSERT_EQ(text.exitStatus, 0) << text.err;
+    EXPECT_NE(text.out.find("created 2001-09-09 01:46:40 UTC"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("created 2001-09-10 01:46:40 UTC"), std::string::npos) << text.out;
+    const RunResult json = run({"snapshots", path("copy/disk"), "--json"});
+    EXPECT_NE(json.out.find("\"created\": \"2001-09-09 01:46:40\""), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"created\": \"2001-09-10 01:46:40\""), std::string::npos) << json.out;
+}
+
+TEST_F(SnapshotCommandTest, NewDiskAndSnapshotRecordWhenTheyWereMade)
+{
+    const auto now = [] {
+        return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    const zo::int64 before = now();
+    createDisk("disk", "1M");
+    ASSERT_EQ(run({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
+    const zo::int64 after = now();
+    const zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(1));
+    for (const std::string disk : {"disk", "snap"}) {
+        const std::optional<zo::int64> created =
+            brick::CBrickDiskCreationTime::load(fs.get(), zo::CURI(zo::String(path(disk))));
+        ASSERT_TRUE(created.has_value()) << disk;
+        EXPECT_GE(*created, before) << disk;
+        EXPECT_LE(*created, after) << disk;
+    }
+}
+
+TEST_F(SnapshotCommandTest, DiskWithoutCreationRecordShowsItsFolderTime)
+{
+    createDisk("disk", "1M");
+    std::filesystem::remove(path("disk/created.bricktime"));
+    std::filesystem::remove(path("disk/fallback/created.bricktime"));
+    const RunResult json = run({"snapshots", path("disk"), "--json"});
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    EXPECT_EQ(json.out.find("\"created\": \"\""), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"created\": \"20"), std::string::npos) << json.out;
+}
 
 TEST_F(SnapshotCommandTest, SnapshotKeepsTheOldImageAfterAChangedImport)
 {

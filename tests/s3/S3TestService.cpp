@@ -16,7 +16,7 @@ const char* bucketName = "brickdisk-test";
 
 zo::S3Options s3TestOptions(int threadCount)
 {
-    const char* endpoint = std::getenv("S3_ENDPOINT");
+    const char* endpoint = std::getenv("AWS_ENDPOINT_URL");
     if (!endpoint || !*endpoint || !std::getenv("AWS_ACCESS_KEY_ID"))
         throw std::runtime_error("No S3 test service: run eval \"$(scripts/ceph-test-cluster.sh start)\" first.");
     zo::S3Options options = zo::loadS3Options(endpoint);

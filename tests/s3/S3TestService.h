@@ -1,6 +1,6 @@
 // The S3 service of the `s3` tests: the test cluster's radosgw, which
 // scripts/ceph-test-cluster.sh starts, found through its environment
-// (S3_ENDPOINT, AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY).
+// (AWS_ENDPOINT_URL, AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY).
 #pragma once
 
 #include "s3/S3FileSystem.h"

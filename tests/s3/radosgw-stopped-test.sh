@@ -34,15 +34,14 @@ fail() {
   exit 1
 }
 
-unset CEPH_CONF CEPH_KEYRING S3_ENDPOINT AWS_ENDPOINT_URL AWS_ENDPOINT_URL_S3 AWS_PROFILE
+unset CEPH_CONF CEPH_KEYRING AWS_ENDPOINT_URL AWS_ENDPOINT_URL_S3 AWS_PROFILE
 cluster_env=$("$cluster_script" start) || fail "the test's own cluster did not start"
 eval "$cluster_env"
-export AWS_ENDPOINT_URL=$S3_ENDPOINT
 bucket=brickdisk-rgw-stopped
 # radosgw wants the payload's digest even of an empty body.
 curl -fsS --aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
   -H "x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855" \
-  -X PUT "$S3_ENDPOINT/$bucket" >/dev/null || fail "cannot create the bucket"
+  -X PUT "$AWS_ENDPOINT_URL/$bucket" >/dev/null || fail "cannot create the bucket"
 
 brick=65536
 bricks=64

@@ -49,9 +49,12 @@ TEST_F(S3CommandsTest, ADiskOfMoreThanAThousandBrickObjectsIsCheckedAndExportedE
 
 TEST_F(S3CommandsTest, AMissingBucketIsReportedAsSuch)
 {
+    // The endpoint given only on the command line.
+    const std::string endpoint = testsupport::s3TestOptions().endpoint;
     ::unsetenv("AWS_ENDPOINT_URL");
-    const RunResult result = runWithPassword({"--s3-endpoint", testsupport::s3TestOptions().endpoint, "create",
-                                              "s3://brickdisk-no-such-bucket/disk", "--size", "1M"});
+    const RunResult result = runWithPassword(
+        {"--s3-endpoint", endpoint, "create", "s3://brickdisk-no-such-bucket/disk", "--size", "1M"});
+    ::setenv("AWS_ENDPOINT_URL", endpoint.c_str(), 1);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_NE(result.err.find("The bucket does not exist."), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("brickdisk-no-such-bucket"), std::string::npos) << result.err;
