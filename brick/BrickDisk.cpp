@@ -224,10 +224,22 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
         }
     };
 
+    const CURI child = childDiskFolder.toNormalized();
+    const CURI parent = parentDiskFolder.toNormalized();
+    const String creatingMark = getCreatingMarkFileName();
+
     fs->createFolder(childDiskFolder, kFolderMode);
-    if (fs->fileExists(CBrickDiskHeader::getHeaderURI(childDiskFolder, 0)))
+    const Completion completion = getCompletion(fs, childDiskFolder);
+    if (completion == CreationUnfinished) {
+        // Made again: the child must be the one of this parent.
+        if ((child << loadLink(fs, childDiskFolder, creatingMark)).toNormalized().toString(true) !=
+            parent.toString(true))
+            throw CError("The folder holds an unfinished child of another disk.", String(), -1, folderProps());
+    } else if (completion == RemovalUnfinished || fs->fileExists(CBrickDiskHeader::getHeaderURI(childDiskFolder, 0)) ||
+               fs->fileExists(CBrickDiskHeader::getHeaderURI(childDiskFolder, 1))) {
         throw CError("Cannot create child brick disk in a folder that already contains one.", String(), -1,
                      folderProps());
+    }
 
     CURI parentTarget;
     if (childType == linkedChild)
@@ -237,6 +249,8 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
     else
         throw zo::CInvalidArgError("CBrickDisk::createChild",
                                    "Invalid childType: " + zo::toDecimalString(static_cast<int>(childType)));
+    if (completion == Finished)
+        storeLink(fs, childDiskFolder, creatingMark, parentTarget);
 
     CBrickDiskHeader header;
     header.load(fs, parentDiskFolder);
@@ -244,12 +258,19 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
     CBrickDiskCreationTime::storeNow(fs, childDiskFolder);
     header.store(fs, childDiskFolder);
 
+    // The child the parent had. When the parent names the new child already
+    // (a making cut short at its end), the new child's own child link says
+    // which it was: that link is stored before the parent's.
     CURI oldChildFolder;
-    const CURI oldChildTarget = loadLink(fs, parentDiskFolder, getChildLinkFileName());
-    if (!oldChildTarget.isEmpty()) {
-        oldChildFolder = (parentDiskFolder << oldChildTarget).toNormalized();
-        storeLink(fs, childDiskFolder, getChildLinkFileName(), relative(oldChildFolder, childDiskFolder));
+    const CURI parentsChildTarget = loadLink(fs, parentDiskFolder, getChildLinkFileName());
+    if (!parentsChildTarget.isEmpty())
+        oldChildFolder = (parentDiskFolder << parentsChildTarget).toNormalized();
+    if (oldChildFolder.toString(true) == child.toString(true)) {
+        const CURI ownChildTarget = loadLink(fs, childDiskFolder, getChildLinkFileName());
+        oldChildFolder = ownChildTarget.isEmpty() ? CURI() : (childDiskFolder << ownChildTarget).toNormalized();
     }
+    if (!oldChildFolder.isEmpty())
+        storeLink(fs, childDiskFolder, getChildLinkFileName(), relative(oldChildFolder, childDiskFolder));
 
     CBrickDiskLink parentLink;
     parentLink.setTargetURI(parentTarget);
@@ -260,6 +281,30 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
             storeLink(fs, oldChildFolder, getParentLinkFileName(), relative(childDiskFolder, oldChildFolder));
         storeLink(fs, parentDiskFolder, getChildLinkFileName(), relative(childDiskFolder, parentDiskFolder));
     }
+    for (int copy = 0; copy < 2; ++copy)
+        fs->deleteFile(CBrickDiskLink::getAuxFileURI(childDiskFolder, creatingMark, copy), true);
+}
+
+CBrickDisk::Completion CBrickDisk::getCompletion(IFileSystem* fs, const CURI& diskFolder)
+{
+    const auto holds = [&](const String& markFileName) {
+        return fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, markFileName, 0)) ||
+               fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, markFileName, 1));
+    };
+    if (holds(getRemovingMarkFileName()))
+        return RemovalUnfinished;
+    if (holds(getCreatingMarkFileName()))
+        return CreationUnfinished;
+    return Finished;
+}
+
+void CBrickDisk::checkFinished(IFileSystem* fs, const CURI& diskFolder)
+{
+    const Completion completion = getCompletion(fs, diskFolder);
+    if (completion == CreationUnfinished)
+        throw CBrickDiskError(CBrickDiskError::UnfinishedSnapshot, diskFolder);
+    if (completion == RemovalUnfinished)
+        throw CBrickDiskError(CBrickDiskError::UnfinishedRemoval, diskFolder);
 }
 
 // ---- Opening ----------------------------------------------------------------
@@ -274,6 +319,7 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
                        int maxBackgroundOps, const OpenOptions& options)
     : m_fs(fs), m_diskFolder(diskFolder), m_access(access), m_maxBackgroundOps(maxBackgroundOps)
 {
+    checkFinished(fs, diskFolder);
     m_header.load(fs, diskFolder);
     if (access == IIOStream::AccessReadWrite && m_header.getMinWriterVersion() > getImplementationVersion())
         throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, diskFolder);

@@ -129,8 +129,16 @@ public:
     // a folder that already contains one.", CInvalidArgError "Invalid
     // childType: N", CError "Parent and child brick disk must be in same
     // folder hierarchy." (when no relative path joins them), and passes on
-    // the errors of loading and storing headers and links. Nothing written
-    // before a failure is removed.
+    // the errors of loading and storing headers and links.
+    //
+    // The child is not a disk until it is whole: its creating mark is stored
+    // first, then its header, its child link and its parent link, then (for
+    // a linkedChild) the old child's parent link and the parent's child link,
+    // and the mark is removed last. A child cut short keeps its mark and is
+    // refused by every opening; calling createChild again with the same
+    // folders finishes it (whatever step it reached), and CBrickDiskRemover
+    // removes it. A folder whose mark names another parent throws CError
+    // "The folder holds an unfinished child of another disk.".
     static void createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
                             ChildType childType);
 
@@ -149,7 +157,9 @@ public:
     // writing (access 3). Loads the header, checks the password, follows the
     // parent links to every ancestor (nearest first) and notes the child.
     // At most `maxBackgroundOps` bricks are saved in the background at once.
-    // Throws CBrickDiskError IncorrectPassword for a wrong password (also for
+    // Throws CBrickDiskError UnfinishedSnapshot or UnfinishedRemoval for a
+    // child whose making or removal was cut short (see createChild),
+    // IncorrectPassword for a wrong password (also for
     // any non-empty password of an unencrypted disk), NewerSoftwareRequired
     // when the header needs a newer reader (or, for writing, a newer writer),
     // CError "Parent link loop detected in brick disk." (with "diskFolder"
@@ -234,6 +244,18 @@ public:
 
     static String getParentLinkFileName() { return "parent.bricklnk"; }
     static String getChildLinkFileName() { return "child.bricklnk"; }
+    // The marks of a child disk that is not whole: written first and removed
+    // last by createChild ("creating.bricklnk") and by the removal of a disk
+    // from its chain ("removing.bricklnk", from the moment the disk starts
+    // to lose its view). Each is a link record naming the disk's parent.
+    static String getCreatingMarkFileName() { return "creating.bricklnk"; }
+    static String getRemovingMarkFileName() { return "removing.bricklnk"; }
+    // Which mark the folder holds (either copy of it): Finished for none.
+    enum Completion { Finished = 0, CreationUnfinished = 1, RemovalUnfinished = 2 };
+    static Completion getCompletion(IFileSystem* fs, const CURI& diskFolder);
+    // Throws CBrickDiskError UnfinishedSnapshot or UnfinishedRemoval when
+    // the folder holds a mark; passes on the file system's errors.
+    static void checkFinished(IFileSystem* fs, const CURI& diskFolder);
 
 protected:
     // The target of a link file, or an empty path when the file does not exist.

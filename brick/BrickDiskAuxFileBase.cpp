@@ -1,6 +1,7 @@
 #include "brick/BrickDiskAuxFileBase.h"
 
 #include "brick/detail/FolderMode.h"
+#include "brick/detail/WaitingListener.h"
 #include "seal/Digest.h"
 #include "zo/Error.h"
 #include "zo/Stream.h"
@@ -137,15 +138,20 @@ void CBrickDiskAuxFileBase::storeAuxFile(zo::IFileSystem* fs, const CURI& folder
     const P<seal::IDigestContext> digest = createMD5Context();
     digest->update(payload.getData(), payload.getUsed());
     digest->finish();
+    TBuffer<uint8> framed(payload);
+    framed.append(digest->getDigest(), digest->getSize());
 
-    const int writeOptions = IIOStream::OptionReplace;
-    for (int copy = kPrimaryCopy; copy <= kFallbackCopy; ++copy) {
+    // The only intact copy is replaced last: a stop before that leaves it
+    // as it was, and the record readable.
+    const bool onlyPrimaryIntact = checkAuxFileCopy(fs, folder, fileName, kPrimaryCopy).isIntact() &&
+                                   !checkAuxFileCopy(fs, folder, fileName, kFallbackCopy).isIntact();
+    const int order[2] = {onlyPrimaryIntact ? kFallbackCopy : kPrimaryCopy,
+                          onlyPrimaryIntact ? kPrimaryCopy : kFallbackCopy};
+    for (const int copy : order) {
         const CURI uri = getAuxFileURI(folder, fileName, copy);
-        if (copy != kPrimaryCopy)
+        if (copy == kFallbackCopy)
             fs->createFolder(uri.getParent(), kFolderMode);
-        const P<IIOStream> stream = fs->openStream(uri, IIOStream::AccessReadWrite, writeOptions);
-        stream->write(payload.getData(), payload.getUsed(), nullptr);
-        stream->write(digest->getDigest(), digest->getSize(), nullptr);
+        detail::replaceFileAndWait(fs, uri, framed);
     }
 }
 

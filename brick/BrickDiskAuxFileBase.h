@@ -62,11 +62,15 @@ public:
     static zo::P<zo::TBuffer<zo::uint8>> loadAuxFile(zo::IFileSystem* fs, const zo::CURI& folder,
                                                      const zo::String& fileName);
 
-    // Writes the payload and its digest to the primary copy, then creates the
-    // "fallback" folder (an existing one is fine) and writes the fallback copy.
-    // Each file is created or overwritten in place. The first failure is
-    // thrown unchanged; after a failed primary the fallback is not touched.
-    // An empty payload is written but can never be loaded.
+    // Replaces both copies with the payload and its digest, each atomically
+    // (a new file in the same folder, made durable, then renamed over the
+    // old one; IFileSystem::beginStoreFile), and creates the "fallback"
+    // folder (an existing one is fine) before the fallback copy is stored.
+    // The primary copy goes first, unless it is the only intact copy: then
+    // the fallback copy is stored first and the intact one last, so that a
+    // stop at any moment leaves a readable record. The first failure is
+    // thrown unchanged and the other copy is not touched. An empty payload
+    // is written but can never be loaded.
     static void storeAuxFile(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& fileName,
                              const zo::TBuffer<zo::uint8>& payload);
 

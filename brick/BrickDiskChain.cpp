@@ -35,6 +35,7 @@ CBrickDiskChain::CBrickDiskChain(zo::IFileSystem* fs, const CURI& diskFolder)
 {
     Member disk;
     disk.folder = diskFolder.toNormalized();
+    CBrickDisk::checkFinished(fs, disk.folder);
     disk.header.load(fs, disk.folder);
     m_members.push_back(disk);
     m_childFolder = loadLinkedFolder(fs, disk.folder, CBrickDisk::getChildLinkFileName());

@@ -32,7 +32,10 @@ public:
     };
 
     // Reads the header of the disk in `diskFolder` and follows its parent
-    // links. Throws the header's errors for the disk itself, CError "Parent
+    // links. Throws CBrickDiskError UnfinishedSnapshot or UnfinishedRemoval
+    // for a disk whose making or removal was cut short (an ancestor with such
+    // a mark is read as any other: it holds no brick that its child would
+    // miss), the header's errors for the disk itself, CError "Parent
     // link loop detected in brick disk." ("diskFolder", "loopFolder") when
     // the links run in a circle, and the errors of link files that exist but
     // cannot be read. An ancestor that is missing, holds no disk or differs

@@ -25,6 +25,11 @@ zo::String CBrickDiskError::makeErrorMessage(ErrorCode code)
         return "The encryption password is incorrect.";
     case DiskInUse:
         return "The disk is in use by another process.";
+    case UnfinishedSnapshot:
+        return "The disk is an unfinished snapshot: its making was cut short. Make the same snapshot again to "
+               "finish it, or delete it.";
+    case UnfinishedRemoval:
+        return "The disk is a snapshot whose deletion was cut short. Delete it again to finish.";
     }
     return "Unknown brick disk error.";
 }

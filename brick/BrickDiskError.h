@@ -22,6 +22,12 @@ public:
         // way that excludes this use; the property "holder" says who, where
         // it is known.
         DiskInUse = 2,
+        // The disk is a child whose making was cut short: making it again
+        // finishes it, removing it takes it away.
+        UnfinishedSnapshot = 3,
+        // The disk is a child whose removal from its chain was cut short:
+        // its parent no longer keeps its view; removing it again finishes.
+        UnfinishedRemoval = 4,
     };
 
     // Message from makeErrorMessage(code), domain "brick", the code as the

@@ -70,12 +70,12 @@ public:
     // Changes the password of the disks in `diskFolders` (a disk with its
     // parents and children, which share one key) from `oldPassword` to
     // `newPassword`, wrapping the key anew with `cost`, by rewriting their
-    // headers only (each header's primary copy, then its fallback copy).
-    // A disk that opens with `newPassword` already (a change that was
-    // interrupted) is accepted as well. Nothing is written until every
-    // header is loaded and opened. Interrupted while writing, every disk
-    // still opens with the old or the new password: a torn copy fails its
-    // checksum and the other copy is read. Throws zo::CInvalidArgError
+    // headers only (each copy replaced atomically, the only intact copy
+    // last; see CBrickDiskAuxFileBase::storeAuxFile). A disk that opens with
+    // `newPassword` already (a change that was interrupted) is accepted as
+    // well. Nothing is written until every header is loaded and opened.
+    // Interrupted while writing, every disk still opens with the old or the
+    // new password: each copy is old or new, and one is always intact. Throws zo::CInvalidArgError
     // ("CBrickDiskKeyWrap::changePassword") for an empty list, an empty new
     // password, or a disk whose key is not wrapped (nothing is written then);
     // CBrickDiskError IncorrectPassword (with the disk's folder) when a disk

@@ -6,12 +6,11 @@
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickTree.h"
 #include "brick/detail/FolderMode.h"
+#include "brick/detail/WaitingListener.h"
 
 #include "zo/Error.h"
-#include "zo/Signal.h"
 
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
 namespace brick {
@@ -21,33 +20,6 @@ using zo::CURI;
 using zo::String;
 
 namespace {
-
-// Waits for one asynchronous operation and keeps its error.
-class CWaitingListener : public zo::CBase, public zo::IDoneListener {
-public:
-    void onDone(const CError* error) override
-    {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            if (error)
-                m_error = error->clone();
-        }
-        m_done.set();
-    }
-    // Waits for the end; throws the operation's error unless its problem is `tolerated`.
-    void wait(zo::CFileSystemError::Problem tolerated)
-    {
-        m_done.wait(-1);
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_error && zo::CFileSystemError::getProblem(m_error->getProps()) != tolerated)
-            m_error->throwClone();
-    }
-
-private:
-    std::mutex m_mutex;
-    zo::CSignal m_done;
-    zo::P<CError> m_error;
-};
 
 void storeLinkTo(zo::IFileSystem* fs, const CURI& folder, const String& linkFileName, const CURI& target)
 {
@@ -81,7 +53,7 @@ zo::int64 copyMissingBricksIntoChild(zo::IFileSystem* fs, const CURI& diskFolder
         const CURI target = childFolder << relative;
         if (!fs->fileExists(target)) {
             fs->createFolder(target.getParent(), kFolderMode);
-            const zo::P<CWaitingListener> listener(new CWaitingListener());
+            const zo::P<detail::CWaitingListener> listener(new detail::CWaitingListener());
             fs->beginCopyFile(brick.path, target, false, listener.get());
             // A brick that the child already has is the child's own: it stays.
             listener->wait(zo::CFileSystemError::AlreadyExists);
@@ -110,15 +82,19 @@ zo::TArray<CURI> filesBelow(zo::IFileSystem* fs, const CURI& folder)
     return files;
 }
 
-// The copies of the header and of the parent link: deleted last, in this
-// order, so that a removal cut short leaves a disk that still opens and
-// names its parent, or once the header is gone only the parent link, which
-// tells a second removal what to finish.
+// The copies of the header, of the parent link and of the marks: deleted
+// last, in this order, so that a removal cut short leaves a folder that
+// still names its parent and is still marked as unfinished, which tells a
+// second removal what to finish.
 zo::TArray<CURI> lastFilesOf(const CURI& folder)
 {
-    return {CBrickDiskHeader::getHeaderURI(folder, 1), CBrickDiskHeader::getHeaderURI(folder, 0),
-            CBrickDiskLink::getAuxFileURI(folder, CBrickDisk::getParentLinkFileName(), 1),
-            CBrickDiskLink::getAuxFileURI(folder, CBrickDisk::getParentLinkFileName(), 0)};
+    zo::TArray<CURI> last{CBrickDiskHeader::getHeaderURI(folder, 1), CBrickDiskHeader::getHeaderURI(folder, 0)};
+    for (const String& record : {CBrickDisk::getParentLinkFileName(), CBrickDisk::getCreatingMarkFileName(),
+                                 CBrickDisk::getRemovingMarkFileName()}) {
+        last.push_back(CBrickDiskLink::getAuxFileURI(folder, record, 1));
+        last.push_back(CBrickDiskLink::getAuxFileURI(folder, record, 0));
+    }
+    return last;
 }
 
 bool isOneOf(const CURI& path, const zo::TArray<CURI>& paths)
@@ -171,34 +147,29 @@ bool isRemovalLeftover(zo::IFileSystem* fs, const CURI& folder)
     return true;
 }
 
-} // namespace
-
-CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const CURI& diskFolder,
-                                                     const std::function<void()>& checkpoint,
-                                                     const ProgressListener& onProgress)
+// Takes the disk out from between its parent and its child: the steps of
+// the removal from the copying of bricks on, each done only where it is not
+// done yet, so that a removal cut short anywhere is finished by this again.
+CBrickDiskRemover::Outcome untie(zo::IFileSystem* fs, const CURI& disk, const CURI& parent, const CURI& child,
+                                 const std::function<void()>& checkpoint, const Progress& onProgress)
 {
-    Outcome outcome;
-    if (isRemovalLeftover(fs, diskFolder)) {
-        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder, onProgress);
-        return outcome;
-    }
-    const CBrickDiskChain chain(fs, diskFolder);
-    chain.validate();
-    if (chain.getMembers().size() < 2)
-        throw CError("Only a disk with a parent disk can be removed from its chain.", String(), -1,
-                     zo::CProps().add("diskFolder", diskFolder.toString(true)));
-    const CURI disk = chain.getDiskFolder();
-    const CURI parent = chain.getMembers()[1].folder;
-    const CURI child = chain.getChildFolder();
+    CBrickDiskRemover::Outcome outcome;
     const String parentLink = CBrickDisk::getParentLinkFileName();
     const String childLink = CBrickDisk::getChildLinkFileName();
 
-    const CURI parentsChild = CBrickDiskChain::loadLinkedFolder(fs, parent, childLink);
+    const CURI parentsChild =
+        fs->folderExists(parent) ? CBrickDiskChain::loadLinkedFolder(fs, parent, childLink) : CURI();
     const bool stillLinked = parentsChild.toString(true) == disk.toString(true);
+    if (stillLinked && !child.isEmpty()) {
+        CBrickDiskHeader header;
+        header.load(fs, disk);
+        outcome.bricksCopied = copyMissingBricksIntoChild(fs, disk, child, header, checkpoint, onProgress);
+    }
+    // From here on the disk loses its view (its parent stops keeping it, its
+    // files go): it must not open again.
+    if (CBrickDisk::getCompletion(fs, disk) == CBrickDisk::Finished)
+        storeLinkTo(fs, disk, CBrickDisk::getRemovingMarkFileName(), parent);
     if (stillLinked) {
-        if (!child.isEmpty())
-            outcome.bricksCopied =
-                copyMissingBricksIntoChild(fs, disk, child, chain.getHeader(), checkpoint, onProgress);
         if (child.isEmpty())
             deleteLink(fs, parent, childLink);
         else
@@ -209,6 +180,36 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
         storeLinkTo(fs, child, parentLink, parent);
     outcome.filesDeleted = deleteDiskFiles(fs, disk, onProgress);
     return outcome;
+}
+
+} // namespace
+
+CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const CURI& diskFolder,
+                                                     const std::function<void()>& checkpoint,
+                                                     const ProgressListener& onProgress)
+{
+    if (isRemovalLeftover(fs, diskFolder)) {
+        Outcome outcome;
+        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder, onProgress);
+        return outcome;
+    }
+    const CBrickDisk::Completion completion = CBrickDisk::getCompletion(fs, diskFolder);
+    if (completion != CBrickDisk::Finished) {
+        // Cut short before: the mark names the parent, the child link the child.
+        const String mark = completion == CBrickDisk::CreationUnfinished ? CBrickDisk::getCreatingMarkFileName()
+                                                                          : CBrickDisk::getRemovingMarkFileName();
+        const CURI disk = diskFolder.toNormalized();
+        return untie(fs, disk, CBrickDiskChain::loadLinkedFolder(fs, disk, mark),
+                     CBrickDiskChain::loadLinkedFolder(fs, disk, CBrickDisk::getChildLinkFileName()), checkpoint,
+                     onProgress);
+    }
+    const CBrickDiskChain chain(fs, diskFolder);
+    chain.validate();
+    if (chain.getMembers().size() < 2)
+        throw CError("Only a disk with a parent disk can be removed from its chain.", String(), -1,
+                     zo::CProps().add("diskFolder", diskFolder.toString(true)));
+    return untie(fs, chain.getDiskFolder(), chain.getMembers()[1].folder, chain.getChildFolder(), checkpoint,
+                 onProgress);
 }
 
 } // namespace brick

@@ -7,16 +7,21 @@
 //   1. every brick file of the disk that the child lacks is copied into the
 //      child (the child reads the same bytes from its own file as it did
 //      through the disk);
-//   2. the parent's child link is made to name the child (or removed when the
+//   2. the disk is marked as being removed ("removing.bricklnk", naming the
+//      parent): from here on it refuses to open (CBrickDiskError
+//      UnfinishedRemoval), since it loses its view;
+//   3. the parent's child link is made to name the child (or removed when the
 //      disk has no child): from here on the parent's writer preserves old
-//      bricks in the child, and the disk counts as removed;
-//   3. the child's parent link is made to name the parent;
-//   4. the disk's files are deleted, its header last.
+//      bricks in the child;
+//   4. the child's parent link is made to name the parent;
+//   5. the disk's files are deleted: its header, its parent link and its
+//      mark last, so a folder cut short there still says what it was.
 // A stop before step 2 leaves the chain as it was (the child merely holds
 // copies of bricks it read through the disk anyway); a stop after it leaves
 // every other disk reading as before, and removing the disk again finishes
-// steps 3 and 4. Step 4 deletes the header and then the parent link last, so
-// a folder cut short there still says what it was.
+// the remaining steps. A child whose making was cut short (marked
+// "creating.bricklnk", see CBrickDisk::createChild) is removed the same way,
+// from wherever its making stopped.
 #pragma once
 
 #include "zo/Export.h"
@@ -45,8 +50,9 @@ public:
     };
 
     // Removes the disk in `diskFolder`, which must have a parent; a folder
-    // that holds only the parent link of a removal cut short at its end is
-    // emptied. Throws
+    // that holds only the parent link or the mark of a removal cut short at
+    // its end is emptied, and a marked folder (a making or a removal cut
+    // short) is taken out of its chain without opening it. Throws
     // CError "Only a disk with a parent disk can be removed from its chain."
     // for a disk without one, the chain's errors for a broken chain, and the
     // file system's errors (the chain then reads as before, or as after the

@@ -87,7 +87,8 @@ private:
 
 // With --repair, a record with one intact copy and one that is not is stored
 // again whole from the intact one (both copies are rewritten, each
-// atomically); returns true when it did so.
+// atomically, the damaged one first and the intact one last); returns true
+// when it did so.
 bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& fileName,
                     const brick::CBrickDiskAuxFileBase::CopyCheck& primary, const brick::CBrickDiskAuxFileBase::CopyCheck& fallback, CFindings& findings)
 {

@@ -37,13 +37,16 @@ struct ChildOptions {
 };
 
 // A child inside a folder of the chain would become part of that disk's
-// folder, where it does not belong and could be deleted with it.
-void refuseFolderInsideChain(const brick::CBrickDiskChain& chain, const zo::CURI& child)
+// folder, where it does not belong and could be deleted with it. The child
+// being finished may be the parent's child already (its making stopped just
+// before its end).
+void refuseFolderInsideChain(const brick::CBrickDiskChain& chain, const zo::CURI& child, bool finishing)
 {
     std::vector<zo::CURI> disks;
     for (const brick::CBrickDiskChain::Member& member : chain.getMembers())
         disks.push_back(member.folder);
-    if (!chain.getChildFolder().isEmpty())
+    if (!chain.getChildFolder().isEmpty() &&
+        !(finishing && chain.getChildFolder().toLocalPath() == child.toLocalPath()))
         disks.push_back(chain.getChildFolder());
     const std::string childPath = child.toLocalPath() + "/";
     for (const zo::CURI& disk : disks) {
@@ -103,15 +106,27 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
     loadDiskHeader(fs.get(), parent);
     const brick::CBrickDiskChain chain(fs.get(), parent);
     chain.validate();
-    refuseFolderInsideChain(chain, child);
-    if (!isMissingOrEmptyFolder(fs.get(), child))
+    // A child whose making was cut short is finished by making it again.
+    const bool unfinished =
+        brick::CBrickDisk::getCompletion(fs.get(), child) == brick::CBrickDisk::CreationUnfinished;
+    refuseFolderInsideChain(chain, child, unfinished);
+    if (!unfinished && !isMissingOrEmptyFolder(fs.get(), child))
         throw zo::CError("Cannot create a child disk in a folder that is not empty.", zo::String(), -1,
                          zo::CProps().add("diskFolder", child.toString(true)));
     if (type == brick::CBrickDisk::linkedChild && takenByServer(fs.get(), parent, child))
         return 0;
     // Making a child rewrites the parent's link to its child.
     const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
-    brick::CBrickDisk::createChild(fs.get(), child, parent, type);
+    try {
+        brick::CBrickDisk::createChild(fs.get(), child, parent, type);
+    } catch (const zo::CError& e) {
+        if (brick::CBrickDisk::getCompletion(fs.get(), child) != brick::CBrickDisk::CreationUnfinished)
+            throw;
+        throw zo::CError(zo::String("The " + std::string(what) + " could not be made and is left unfinished: run " +
+                                    "the same command again to finish it, or \"brickdisk delete " +
+                                    child.toLocalPath() + "\" to remove it."),
+                         zo::String(), -1, zo::CProps().add("diskFolder", child.toLocalPath()), &e);
+    }
     if (type == brick::CBrickDisk::standAloneChild) {
         // The library gives a stand-alone child a link to the parent's own
         // child; writing the stand-alone child would then store old bricks

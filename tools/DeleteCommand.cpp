@@ -44,8 +44,20 @@ int runDelete(const DeleteOptions& options)
     zo::P<brick::CBrickDiskLock> diskLock;
     zo::P<brick::CBrickDiskLock> parentLock;
     zo::CURI child;
-    if (fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) ||
-        fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 1))) {
+    const brick::CBrickDisk::Completion completion = brick::CBrickDisk::getCompletion(fs.get(), folder);
+    if (completion != brick::CBrickDisk::Finished) {
+        // A snapshot whose making or deletion was cut short does not open;
+        // its mark names the parent, its child link the child.
+        const zo::String mark = completion == brick::CBrickDisk::CreationUnfinished
+                                    ? brick::CBrickDisk::getCreatingMarkFileName()
+                                    : brick::CBrickDisk::getRemovingMarkFileName();
+        const zo::CURI parent = brick::CBrickDiskChain::loadLinkedFolder(fs.get(), folder, mark);
+        child = brick::CBrickDiskChain::loadLinkedFolder(fs.get(), folder, brick::CBrickDisk::getChildLinkFileName());
+        diskLock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);
+        if (fs->folderExists(parent))
+            parentLock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForReading);
+    } else if (fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) ||
+               fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 1))) {
         loadDiskHeader(fs.get(), folder);
         const brick::CBrickDiskChain chain(fs.get(), folder);
         child = chain.getChildFolder();

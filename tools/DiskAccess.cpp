@@ -173,6 +173,7 @@ brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& fold
         throw zo::CError("The disk path is a file, not a folder.", zo::String(), -1, props);
     if (!fs->folderExists(folder))
         throw zo::CError("Disk folder does not exist.", zo::String(), -1, props);
+    throwUnfinished(fs, folder);
     if (!fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) &&
         !fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 1)))
         throw zo::CError("Folder holds no brick disk: disk.brickdisk and its fallback copy are both missing.",
@@ -180,6 +181,35 @@ brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& fold
     brick::CBrickDiskHeader header;
     header.load(fs, folder);
     return header;
+}
+
+void throwUnfinished(zo::IFileSystem* fs, const zo::CURI& folder)
+{
+    const brick::CBrickDisk::Completion completion = brick::CBrickDisk::getCompletion(fs, folder);
+    if (completion == brick::CBrickDisk::Finished)
+        return;
+    const bool creating = completion == brick::CBrickDisk::CreationUnfinished;
+    zo::CProps props = zo::CProps().add("diskFolder", folder.toLocalPath());
+    std::string parent = "DISK";
+    try {
+        const zo::CURI parentFolder = brick::CBrickDiskChain::loadLinkedFolder(
+            fs, folder,
+            creating ? brick::CBrickDisk::getCreatingMarkFileName() : brick::CBrickDisk::getRemovingMarkFileName());
+        parent = parentFolder.toLocalPath();
+        props.add("parentFolder", parent);
+    } catch (const zo::CError&) {
+        // The mark alone says enough; its target only completes the advice.
+    }
+    const std::string path = folder.toLocalPath();
+    if (creating)
+        throw zo::CError(zo::String("The disk is an unfinished snapshot: its making was cut short. Run \"brickdisk "
+                                    "snapshot " +
+                                    parent + " " + path + "\" again to finish it, or \"brickdisk delete " + path +
+                                    "\" to remove it."),
+                         zo::String(), -1, props);
+    throw zo::CError(zo::String("The disk is a snapshot whose deletion was cut short. Run \"brickdisk delete " + path +
+                                "\" again to finish it."),
+                     zo::String(), -1, props);
 }
 
 bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder)

@@ -74,8 +74,14 @@ zo::P<zo::IFileSystem> newFileSystem(const zo::CURI& folder, bool syncEnabled, i
 // The header of the disk in `folder`. Throws zo::CError "The disk path is a
 // file, not a folder.", "Disk folder does not exist." or "Folder holds no brick disk: disk.brickdisk and its fallback copy
 // are both missing." (each with "diskFolder") before the library would fail
-// less clearly, and passes on the errors of loading the header.
+// less clearly, refuses a snapshot whose making or deletion was cut short
+// (throwUnfinished), and passes on the errors of loading the header.
 brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& folder);
+
+// Throws zo::CError (with "diskFolder" and, where the folder names it,
+// "parentFolder") that says which command finishes the snapshot in `folder`
+// when its making or its deletion was cut short; returns for a whole disk.
+void throwUnfinished(zo::IFileSystem* fs, const zo::CURI& folder);
 
 // True when `folder` is missing or has no entries.
 bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder);

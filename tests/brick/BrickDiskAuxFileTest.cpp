@@ -163,6 +163,18 @@ std::vector<std::string> logOf(const CMemoryFileSystem& fs)
     return lines;
 }
 
+// The lines of the log that change files or folders: a store first reads
+// both copies to choose its order, which is left out here.
+std::vector<std::string> changesOf(const CMemoryFileSystem& fs)
+{
+    std::vector<std::string> changes;
+    for (const std::string& line : logOf(fs)) {
+        if (line.rfind("openStream ", 0) != 0 && line.rfind("getFileInfo ", 0) != 0)
+            changes.push_back(line);
+    }
+    return changes;
+}
+
 } // namespace
 
 TEST(BrickDiskAuxFileURI, CopyZeroIsTheFileInTheFolder)
@@ -184,12 +196,40 @@ TEST_F(BrickDiskAuxFile, StoreWritesPayloadFollowedByItsMD5IntoBothCopies)
     EXPECT_EQ(fileBytes(fallback), framedABC());
 }
 
-TEST_F(BrickDiskAuxFile, StoreWritesPrimaryBeforeCreatingFallbackFolderAndWritingFallback)
+TEST_F(BrickDiskAuxFile, StoreReplacesPrimaryBeforeCreatingFallbackFolderAndReplacingFallback)
 {
     fs->resetCounters();
     CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc")));
-    EXPECT_EQ(logOf(*fs), (std::vector<std::string>{"openStream /disk/record", "createFolderSync /disk/fallback",
-                                                     "openStream /disk/fallback/record"}));
+    EXPECT_EQ(changesOf(*fs), (std::vector<std::string>{"storeFile /disk/record", "createFolderSync /disk/fallback",
+                                                        "storeFile /disk/fallback/record"}));
+}
+
+TEST_F(BrickDiskAuxFile, StoreReplacesTheOnlyIntactPrimaryLast)
+{
+    for (const bool damaged : {false, true}) {
+        setFile(primary, framedABC());
+        fs->deleteFile(fallback, true);
+        if (damaged)
+            setFile(fallback, {1, 2, 3});
+        fs->resetCounters();
+        CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("new record")));
+        EXPECT_EQ(changesOf(*fs),
+                  (std::vector<std::string>{"createFolderSync /disk/fallback", "storeFile /disk/fallback/record",
+                                            "storeFile /disk/record"}))
+            << (damaged ? "damaged fallback" : "missing fallback");
+    }
+}
+
+TEST_F(BrickDiskAuxFile, StoreThatFailsNeverTouchesTheOnlyIntactCopy)
+{
+    setFile(primary, framedABC());
+    setFile(fallback, {1, 2, 3});
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
+    EXPECT_THROW(CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("new record"))),
+                 CFileSystemError);
+    EXPECT_EQ(fileBytes(primary), framedABC());
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFile, StoreCreatesFallbackFolderOnEveryStore)
@@ -458,9 +498,9 @@ TEST_F(BrickDiskAuxFile, ExceptionThatIsNotACErrorEndsTheLoadAtOnce)
     EXPECT_EQ(altered->openCount, 1);
 }
 
-TEST_F(BrickDiskAuxFile, FailureToOpenPrimaryForWritingPassesThroughAndLeavesFallbackAlone)
+TEST_F(BrickDiskAuxFile, FailureToStorePrimaryPassesThroughAndLeavesFallbackAlone)
 {
-    fs->failOperation(Op::OpenStream, 1, CFileSystemError::AccessDenied, false);
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::AccessDenied, false);
     fs->resetCounters();
     try {
         CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc")));
@@ -469,7 +509,7 @@ TEST_F(BrickDiskAuxFile, FailureToOpenPrimaryForWritingPassesThroughAndLeavesFal
         EXPECT_EQ(error.getProblem(), CFileSystemError::AccessDenied);
         EXPECT_FALSE(error.getProps().contains("uri"));
     }
-    EXPECT_EQ(logOf(*fs), (std::vector<std::string>{"openStream /disk/record"}));
+    EXPECT_EQ(changesOf(*fs), (std::vector<std::string>{"storeFile /disk/record"}));
     EXPECT_FALSE(fs->folderExists(CURI("/disk/fallback")));
 }
 
@@ -481,9 +521,9 @@ TEST_F(BrickDiskAuxFile, FailureToCreateFallbackFolderPassesThroughAfterPrimaryI
     EXPECT_FALSE(fs->getFileData(fallback));
 }
 
-TEST_F(BrickDiskAuxFile, FailureToOpenFallbackPassesThroughUnchanged)
+TEST_F(BrickDiskAuxFile, FailureToStoreFallbackPassesThroughUnchanged)
 {
-    fs->failOperation(Op::OpenStream, 1, CFileSystemError::NoSpace, false, fallback);
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false, fallback);
     try {
         CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc")));
         FAIL() << "store succeeded";
@@ -559,15 +599,28 @@ TEST_F(BrickDiskAuxFileOnLocalFiles, BothCopiesDamagedGiveThePrimarysErrorNaming
     }
 }
 
-TEST_F(BrickDiskAuxFileOnLocalFiles, FailedWriteOfPrimaryPassesThroughAndFallbackIsNotWritten)
+TEST_F(BrickDiskAuxFileOnLocalFiles, FailedReplacementOfPrimaryPassesThroughAndFallbackIsNotWritten)
 {
-    std::filesystem::create_symlink("/dev/full", temp.path() + "/record");
+    // A folder in the primary copy's place cannot be replaced by a file.
+    std::filesystem::create_directories(temp.path() + "/record/inside");
     try {
         CBrickDiskAuxFileBase::storeAuxFile(fs.get(), temp.uri(), "record", bytes(std::string("abc")));
         FAIL() << "store succeeded";
     } catch (const CFileSystemError& error) {
-        EXPECT_EQ(error.getProblem(), CFileSystemError::NoSpace);
         EXPECT_FALSE(error.getProps().contains("uri"));
     }
     EXPECT_FALSE(std::filesystem::exists(temp.path() + "/fallback"));
+}
+
+TEST_F(BrickDiskAuxFileOnLocalFiles, StoreReplacesEachCopyWithoutEverEmptyingIt)
+{
+    CBrickDiskAuxFileBase::storeAuxFile(fs.get(), temp.uri(), "record", bytes(std::string("abc")));
+    // A reader holding the old primary copy open still reads it whole after
+    // the store: the new copy was renamed over it, not written into it.
+    std::ifstream old(temp.path() + "/record", std::ios::binary);
+    CBrickDiskAuxFileBase::storeAuxFile(fs.get(), temp.uri(), "record", bytes(std::string("a longer record")));
+    const std::vector<uint8> held((std::istreambuf_iterator<char>(old)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(held, framedABC());
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), temp.uri(), "record")),
+              toVector(bytes(std::string("a longer record"))));
 }

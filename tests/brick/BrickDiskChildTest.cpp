@@ -2,6 +2,7 @@
 
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskRemover.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -239,6 +240,65 @@ TEST_F(BrickDiskChildTest, FolderThatHoldsADiskAlreadyIsRefused)
                                       {"parentDiskFolder", "/disks/parent"},
                                       {"action", "CBrickDisk::createChild"}}));
     EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks")), before);
+}
+
+TEST_F(BrickDiskChildTest, ChildThatRanOutOfSpaceIsRefusedUntilMadeAgain)
+{
+    createParent();
+    Bytes model = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+    writeRandomly("/disks/parent", model, 6);
+    createChild("/disks/older", "/disks/parent");
+    // The mark and the header are stored, then the store of a link finds no
+    // room.
+    fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 5, zo::CFileSystemError::NoSpace, false,
+                      CURI("/disks/child"));
+
+    EXPECT_THROW(createChild("/disks/child", "/disks/parent"), zo::CFileSystemError);
+
+    const auto error = errorOf<brick::CBrickDiskError>([&] { open("/disks/child", IIOStream::AccessRead); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getCode(), brick::CBrickDiskError::UnfinishedSnapshot);
+    EXPECT_EQ(propsOf(*error), Props({{"diskFolder", "/disks/child"}}));
+    EXPECT_EQ(contentOf("/disks/older"), model);
+
+    createChild("/disks/child", "/disks/parent");
+    EXPECT_EQ(CBrickDisk::getCompletion(fs.get(), CURI("/disks/child")), CBrickDisk::Finished);
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/parent"), "child.bricklnk"), "../child");
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/older"), "parent.bricklnk"), "../child");
+    EXPECT_EQ(contentOf("/disks/child"), model);
+}
+
+TEST_F(BrickDiskChildTest, ChildThatRanOutOfSpaceIsRemovedWithoutTouchingTheChain)
+{
+    createParent();
+    Bytes model = testsupport::zeroBytes(static_cast<int>(kDiskSize));
+    writeRandomly("/disks/parent", model, 6);
+    createChild("/disks/older", "/disks/parent");
+    const auto before = testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent"));
+    fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 5, zo::CFileSystemError::NoSpace, false,
+                      CURI("/disks/child"));
+    EXPECT_THROW(createChild("/disks/child", "/disks/parent"), zo::CFileSystemError);
+
+    brick::CBrickDiskRemover::remove(fs.get(), CURI("/disks/child"));
+
+    EXPECT_TRUE(testsupport::filesBelow(fs.get(), CURI("/disks/child")).empty());
+    EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks/parent")), before);
+    EXPECT_EQ(linkTarget(fs.get(), CURI("/disks/older"), "parent.bricklnk"), "../parent");
+    EXPECT_EQ(contentOf("/disks/older"), model);
+}
+
+TEST_F(BrickDiskChildTest, UnfinishedChildOfAnotherParentIsNotFinished)
+{
+    createParent();
+    createParent("/disks/other");
+    fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 5, zo::CFileSystemError::NoSpace, false,
+                      CURI("/disks/child"));
+    EXPECT_THROW(createChild("/disks/child", "/disks/parent"), zo::CFileSystemError);
+
+    const auto error = errorOf<CError>([&] { createChild("/disks/child", "/disks/other"); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "The folder holds an unfinished child of another disk.");
+    EXPECT_FALSE(fs->fileExists(CURI("/disks/other/child.bricklnk")));
 }
 
 TEST_F(BrickDiskChildTest, FoldersWithoutACommonRootCannotBeLinked)

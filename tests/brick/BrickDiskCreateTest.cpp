@@ -240,7 +240,7 @@ TEST_F(BrickDiskCreateTest, FolderCreationErrorPassesThroughUnchanged)
 
 TEST_F(BrickDiskCreateTest, HeaderStoreErrorPassesThroughUnchanged)
 {
-    fs->failOperation(Op::OpenStream, 1, CFileSystemError::NoSpace, false);
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
 
     const auto error = errorOf<CFileSystemError>(
         [&] { CBrickDisk::create(fs.get(), CURI("/disk"), 65536, 1, "secret", "lz4", -1); });

@@ -539,7 +539,7 @@ TEST_F(BrickDiskHeaderStore, NeitherCopyReadableGivesThePrimarysErrorWithItsURI)
 
 TEST_F(BrickDiskHeaderStore, FileSystemErrorOfStorePassesThrough)
 {
-    fs->failOperation(CMemoryFileSystem::Operation::OpenStream, 1, zo::CFileSystemError::AccessDenied, true);
+    fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 1, zo::CFileSystemError::AccessDenied, true);
     try {
         CBrickDiskHeader().store(fs.get(), folder);
         FAIL() << "store succeeded";

@@ -185,7 +185,7 @@ TEST_F(BrickDiskLinkFile, DamagedPrimaryCopyLoadsFromFallback)
 
 TEST_F(BrickDiskLinkFile, FailedPrimaryWritePassesThroughAndFallbackIsNotWritten)
 {
-    fs->failOperation(CMemoryFileSystem::Operation::OpenStream, 1, CFileSystemError::NoSpace, false);
+    fs->failOperation(CMemoryFileSystem::Operation::StoreFile, 1, CFileSystemError::NoSpace, false);
     CBrickDiskLink link;
     link.setTargetURI(CURI("../parent"));
     try {

@@ -7,6 +7,9 @@
 // never a mix.
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
+#include "brick/BrickDiskError.h"
+#include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskRemover.h"
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
@@ -40,13 +43,18 @@ const char* const kPassword = "crash";
 // The bricks of a disk's view, one entry per brick.
 using View = std::vector<Bytes>;
 
-View readView(IFileSystem* fs, const CURI& folder)
+View readViewWith(IFileSystem* fs, const CURI& folder, const char* password)
 {
-    const P<CBrickDisk> disk = testsupport::openDisk(fs, folder, kPassword, IIOStream::AccessRead);
+    const P<CBrickDisk> disk = testsupport::openDisk(fs, folder, password, IIOStream::AccessRead);
     View view;
     for (int i = 0; i < kBrickCount; ++i)
         view.push_back(testsupport::readAt(*disk, static_cast<zo::int64>(i) * kBrickSize, kBrickSize));
     return view;
+}
+
+View readView(IFileSystem* fs, const CURI& folder)
+{
+    return readViewWith(fs, folder, kPassword);
 }
 
 // Writes every brick of `view` that differs from `before`: whole bricks as
@@ -149,6 +157,27 @@ int expectOldOrNew(IFileSystem* fs, const char* folder, const View& before, cons
             << folder << " brick " << i << " holds neither its old nor its new content after " << context;
     }
     return kBrickCount;
+}
+
+// True when `folder` holds a disk that is not marked as cut short.
+bool isWholeDisk(IFileSystem* fs, const char* folder)
+{
+    return fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(CURI(folder), 0)) &&
+           CBrickDisk::getCompletion(fs, CURI(folder)) == CBrickDisk::Finished;
+}
+
+// A folder that holds anything refuses to open as a disk, with `code`.
+void expectRefused(IFileSystem* fs, const char* folder, brick::CBrickDiskError::ErrorCode code,
+                   const std::string& context)
+{
+    if (!fs->folderExists(CURI(folder)) || testsupport::filesBelow(fs, CURI(folder)).empty())
+        return;
+    try {
+        testsupport::openDisk(fs, CURI(folder), kPassword, IIOStream::AccessRead);
+        ADD_FAILURE() << folder << " opens after " << context;
+    } catch (const brick::CBrickDiskError& e) {
+        EXPECT_EQ(e.getErrorCode(), code) << folder << " after " << context;
+    }
 }
 
 // Runs the scenario once to count its changing operations, then once for
@@ -268,16 +297,121 @@ Scenario makeChildOfDiskWithSnapshot()
     };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kNew, context) + expectView(fs, "/older", kOld, context);
-        // A snapshot whose making was cut short before its link to the disk
-        // was written is not tied to the disk yet (it may not even open);
-        // once it is, it shows the disk as it is.
-        if (fs->fileExists(CURI("/newer") << CBrickDisk::getParentLinkFileName()))
+        // A snapshot cut short is refused; one that is not marked shows the
+        // disk as it was when it was made.
+        if (isWholeDisk(fs, "/newer"))
             bricks += expectView(fs, "/newer", kNew, context);
-        // Later writes of the disk keep every snapshot that was complete.
+        else
+            expectRefused(fs, "/newer", brick::CBrickDiskError::UnfinishedSnapshot, context);
+        // Making it again finishes it (or makes it from the start).
+        if (!isWholeDisk(fs, "/newer"))
+            CBrickDisk::createChild(fs, CURI("/newer"), CURI("/disk"), CBrickDisk::linkedChild);
+        bricks += expectView(fs, "/newer", kNew, context + " and making the snapshot again");
+        // Later writes of the disk keep both snapshots.
         const View later = changeView(kNew, "nnnnnnnnnnnn", 500);
         storeView(fs, CURI("/disk"), kNew, later, false);
         bricks += expectView(fs, "/older", kOld, context + " and a later write of the disk");
+        bricks += expectView(fs, "/newer", kNew, context + " and a later write of the disk");
         return bricks;
+    };
+    return scenario;
+}
+
+// The same snapshot cut short, removed instead of finished.
+Scenario removeUnfinishedChild()
+{
+    Scenario scenario = makeChildOfDiskWithSnapshot();
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        int bricks = expectView(fs, "/disk", kNew, context) + expectView(fs, "/older", kOld, context);
+        if (fs->folderExists(CURI("/newer")) && !testsupport::filesBelow(fs, CURI("/newer")).empty())
+            brick::CBrickDiskRemover::remove(fs, CURI("/newer"));
+        EXPECT_TRUE(!fs->folderExists(CURI("/newer")) || testsupport::filesBelow(fs, CURI("/newer")).empty())
+            << context;
+        bricks += expectView(fs, "/older", kOld, context + " and removing the snapshot");
+        const View later = changeView(kNew, "nnnnnnnnnnnn", 500);
+        storeView(fs, CURI("/disk"), kNew, later, false);
+        bricks += expectView(fs, "/older", kOld, context + " and a later write of the disk");
+        bricks += expectView(fs, "/disk", later, context + " and a later write of the disk");
+        return bricks;
+    };
+    return scenario;
+}
+
+// check --repair and passwd rewrite headers whose fallback copy is damaged
+// or gone: the primary copy is the only intact one until the end.
+void damageFallbackHeader(IFileSystem* fs, const char* folder)
+{
+    const CURI fallback = brick::CBrickDiskHeader::getHeaderURI(CURI(folder), 1);
+    const P<IIOStream> stream = fs->openStream(fallback, IIOStream::AccessReadWrite, IIOStream::OptionNone);
+    const Bytes junk = testsupport::patternBytes(8, 9);
+    stream->seek(4);
+    stream->write(junk.getData(), junk.getUsed());
+}
+
+void removeFallbackHeader(IFileSystem* fs, const char* folder)
+{
+    fs->deleteFile(brick::CBrickDiskHeader::getHeaderURI(CURI(folder), 1), false);
+}
+
+Scenario repairHeadersWithOnlyThePrimaryIntact()
+{
+    Scenario scenario;
+    scenario.setUp = [](IFileSystem* fs) {
+        testsupport::createDisk(fs, CURI("/disk"), kDiskSize, kPassword);
+        storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
+        CBrickDisk::createChild(fs, CURI("/snapshot"), CURI("/disk"), CBrickDisk::linkedChild);
+        storeView(fs, CURI("/disk"), kOld, kNew, false);
+        damageFallbackHeader(fs, "/disk");
+        removeFallbackHeader(fs, "/snapshot");
+    };
+    // What check --repair does with a header that has one intact copy.
+    scenario.work = [](IFileSystem* fs) {
+        for (const char* folder : {"/disk", "/snapshot"}) {
+            brick::CBrickDiskHeader header;
+            header.load(fs, CURI(folder));
+            header.store(fs, CURI(folder));
+        }
+    };
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        return expectView(fs, "/disk", kNew, context) + expectView(fs, "/snapshot", kOld, context);
+    };
+    return scenario;
+}
+
+const char* const kChangedPassword = "changed";
+const seal::Argon2idCost kTestCost{1, 8, 1};
+
+// Every brick of `folder` equals `expected`, the disk opened with the old or
+// the new password.
+int expectViewWithEitherPassword(IFileSystem* fs, const char* folder, const View& expected,
+                                 const std::string& context)
+{
+    const bool old = CBrickDisk::isEncryptPasswordCorrect(fs, CURI(folder), kPassword, nullptr);
+    const View actual = readViewWith(fs, CURI(folder), old ? kPassword : kChangedPassword);
+    for (int i = 0; i < kBrickCount; ++i)
+        EXPECT_TRUE(actual[static_cast<size_t>(i)] == expected[static_cast<size_t>(i)])
+            << folder << " brick " << i << " changed after " << context;
+    return kBrickCount;
+}
+
+Scenario changePasswordWithOnlyThePrimaryIntact()
+{
+    Scenario scenario;
+    scenario.setUp = [](IFileSystem* fs) {
+        CBrickDisk::createAuthenticated(fs, CURI("/disk"), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+        storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
+        CBrickDisk::createChild(fs, CURI("/snapshot"), CURI("/disk"), CBrickDisk::linkedChild);
+        storeView(fs, CURI("/disk"), kOld, kNew, false);
+        removeFallbackHeader(fs, "/disk");
+        damageFallbackHeader(fs, "/snapshot");
+    };
+    scenario.work = [](IFileSystem* fs) {
+        brick::CBrickDiskKeyWrap::changePassword(fs, {CURI("/disk"), CURI("/snapshot")}, kPassword, kChangedPassword,
+                                                 kTestCost);
+    };
+    scenario.verify = [](IFileSystem* fs, const std::string& context) {
+        return expectViewWithEitherPassword(fs, "/disk", kNew, context) +
+               expectViewWithEitherPassword(fs, "/snapshot", kOld, context);
     };
     return scenario;
 }
@@ -304,8 +438,14 @@ Scenario removeMiddleSnapshot()
         int bricks = expectView(fs, "/disk", kDiskNow, context) + expectView(fs, "/older", kOld, context);
         const bool decided = brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/disk"), CBrickDisk::getChildLinkFileName())
                                  .toString(true) != "/newer";
-        if (!decided)
+        // Until it is marked it reads as before; once the disk stops keeping
+        // its view it is refused, never read with part of its content.
+        if (isWholeDisk(fs, "/newer")) {
+            EXPECT_FALSE(decided) << context;
             bricks += expectView(fs, "/newer", kNewer, context);
+        } else {
+            expectRefused(fs, "/newer", brick::CBrickDiskError::UnfinishedRemoval, context);
+        }
         // Removing it again finishes the work, and later writes of the disk
         // keep preserving the older snapshot.
         if (!testsupport::filesBelow(fs, CURI("/newer")).empty())
@@ -326,10 +466,15 @@ Scenario removeOldestSnapshot()
     scenario.work = [](IFileSystem* fs) { brick::CBrickDiskRemover::remove(fs, CURI("/older")); };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kDiskNow, context) + expectView(fs, "/newer", kNewer, context);
-        if (fs->fileExists(CURI("/older/disk.brickdisk")) &&
-            brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/newer"), CBrickDisk::getChildLinkFileName())
-                    .toString(true) == "/older")
+        if (isWholeDisk(fs, "/older")) {
+            EXPECT_EQ(brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/newer"), CBrickDisk::getChildLinkFileName())
+                          .toString(true),
+                      "/older")
+                << context;
             bricks += expectView(fs, "/older", kOld, context);
+        } else {
+            expectRefused(fs, "/older", brick::CBrickDiskError::UnfinishedRemoval, context);
+        }
         return bricks;
     };
     return scenario;
@@ -385,9 +530,25 @@ TEST(CrashSweep, WritingTheMiddleDiskOfAChainKeepsTheParentAndTheChildIntact)
     sweep("writing the middle disk of a chain", memoryFileSystem, writeMiddleDiskOfChain());
 }
 
-TEST(CrashSweep, MakingAChildOfADiskWithASnapshotKeepsEveryCompleteDiskIntact)
+TEST(CrashSweep, MakingASnapshotCutShortIsRefusedAndFinishedByMakingItAgain)
 {
     sweep("making a child of a disk with a snapshot", memoryFileSystem, makeChildOfDiskWithSnapshot());
+}
+
+TEST(CrashSweep, MakingASnapshotCutShortIsRefusedAndRemovedByRemovingIt)
+{
+    sweep("removing a snapshot whose making was cut short", memoryFileSystem, removeUnfinishedChild());
+}
+
+TEST(CrashSweep, RepairingHeadersWhoseOnlyIntactCopyIsThePrimaryKeepsEveryDiskReadable)
+{
+    sweep("rewriting headers from their only intact copy", memoryFileSystem, repairHeadersWithOnlyThePrimaryIntact());
+}
+
+TEST(CrashSweep, ChangingThePasswordOfDisksWithOneIntactHeaderCopyKeepsEveryDiskReadable)
+{
+    sweep("changing the password of disks with one intact header copy", memoryFileSystem,
+          changePasswordWithOnlyThePrimaryIntact());
 }
 
 TEST(CrashSweep, ImportIntoADiskWithASnapshotOnTheLocalFileSystem)

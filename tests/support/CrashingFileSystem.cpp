@@ -91,7 +91,12 @@ zo::P<zo::IIOStream> CrashingFileSystem::openStream(const zo::CURI& file, zo::II
     if (access != zo::IIOStream::AccessRead && !admitChange())
         throw crashError(file);
     checkAlive(file);
-    return m_inner->openStream(file, access, options);
+    zo::P<zo::IIOStream> stream = m_inner->openStream(file, access, options);
+    // Opening with OptionReplace has emptied the file; what is written next
+    // is a change of its own, and a crash before it leaves the empty file.
+    if (access != zo::IIOStream::AccessRead && (options & zo::IIOStream::OptionReplace) != 0 && !admitChange())
+        throw crashError(file);
+    return stream;
 }
 
 void CrashingFileSystem::createFolder(const zo::CURI& folder, int mode)

@@ -41,7 +41,9 @@ public:
                                            zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener) override;
     zo::P<zo::IFileInfo> getFileInfo(const zo::CURI& path, bool throwIfMissing) override;
-    // Opening for writing counts as a change.
+    // Opening for writing counts as a change; opening with OptionReplace as
+    // two: emptying the file, then writing it (a crash between the two
+    // leaves the empty file).
     zo::P<zo::IIOStream> openStream(const zo::CURI& file, zo::IIOStream::Access access, const int& options) override;
     void createFolder(const zo::CURI& folder, int mode) override;
     bool fileExists(const zo::CURI& file) override;
