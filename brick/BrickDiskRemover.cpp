@@ -82,7 +82,9 @@ zo::int64 copyMissingBricksIntoChild(zo::IFileSystem* fs, const CURI& diskFolder
     return copied;
 }
 
-// The files below `folder`, folders left out.
+// The files below `folder`, folders left out. A symbolic link counts as a
+// file (the file system says it is no folder): it is removed as a link,
+// never followed.
 zo::TArray<CURI> filesBelow(zo::IFileSystem* fs, const CURI& folder)
 {
     zo::TArray<CURI> files;
@@ -119,11 +121,13 @@ bool isOneOf(const CURI& path, const zo::TArray<CURI>& paths)
     return false;
 }
 
-zo::int64 deleteDiskFiles(zo::IFileSystem* fs, const CURI& folder)
+// Deletes `files` (what filesBelow listed in `folder`), the header and the
+// parent link last.
+zo::int64 deleteDiskFiles(zo::IFileSystem* fs, const CURI& folder, const zo::TArray<CURI>& files)
 {
     zo::int64 deleted = 0;
     const zo::TArray<CURI> last = lastFilesOf(folder);
-    for (const CURI& file : filesBelow(fs, folder)) {
+    for (const CURI& file : files) {
         if (!isOneOf(file, last)) {
             fs->deleteFile(file, true);
             ++deleted;
@@ -163,7 +167,7 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
 {
     Outcome outcome;
     if (isRemovalLeftover(fs, diskFolder)) {
-        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder);
+        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder, filesBelow(fs, diskFolder));
         return outcome;
     }
     const CBrickDiskChain chain(fs, diskFolder);
@@ -177,6 +181,9 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
     const String parentLink = CBrickDisk::getParentLinkFileName();
     const String childLink = CBrickDisk::getChildLinkFileName();
 
+    // Listed before the chain changes: a folder that cannot be listed stops
+    // the removal while parent and child still link to the disk.
+    const zo::TArray<CURI> files = filesBelow(fs, disk);
     const CURI parentsChild = CBrickDiskChain::loadLinkedFolder(fs, parent, childLink);
     const bool stillLinked = parentsChild.toString(true) == disk.toString(true);
     if (stillLinked) {
@@ -190,7 +197,7 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
     if (!child.isEmpty() && fs->folderExists(child) &&
         CBrickDiskChain::loadLinkedFolder(fs, child, parentLink).toString(true) == disk.toString(true))
         storeLinkTo(fs, child, parentLink, parent);
-    outcome.filesDeleted = deleteDiskFiles(fs, disk);
+    outcome.filesDeleted = deleteDiskFiles(fs, disk, files);
     return outcome;
 }
 

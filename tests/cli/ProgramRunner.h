@@ -25,6 +25,10 @@ struct RunOptions {
     std::optional<std::string> input;
     // BRICKDISK_PASSWORD for the run; unset when empty.
     std::string passwordVariable;
+    // When not 0, the program is killed by SIGALRM after this many seconds,
+    // so that a program that would hang ends (with exitStatus -1). Meant as
+    // a generous bound, never as a measure of speed.
+    unsigned timeoutSeconds = 0;
 };
 
 // The path of the program under test.
