@@ -561,12 +561,13 @@ TEST_F(BrickDiskAuxFileOnLocalFiles, BothCopiesDamagedGiveThePrimarysErrorNaming
 
 TEST_F(BrickDiskAuxFileOnLocalFiles, FailedWriteOfPrimaryPassesThroughAndFallbackIsNotWritten)
 {
-    std::filesystem::create_symlink("/dev/full", temp.path() + "/record");
+    // A folder where the primary copy goes: the file system refuses to write it.
+    std::filesystem::create_directories(temp.path() + "/record");
     try {
         CBrickDiskAuxFileBase::storeAuxFile(fs.get(), temp.uri(), "record", bytes(std::string("abc")));
         FAIL() << "store succeeded";
     } catch (const CFileSystemError& error) {
-        EXPECT_EQ(error.getProblem(), CFileSystemError::NoSpace);
+        EXPECT_EQ(error.getProblem(), CFileSystemError::IsAFolder);
         EXPECT_FALSE(error.getProps().contains("uri"));
     }
     EXPECT_FALSE(std::filesystem::exists(temp.path() + "/fallback"));
