@@ -326,8 +326,10 @@ P<IIOStream> CLocalFileSystem::openStream(const CURI& file, IIOStream::Access ac
     struct stat info {};
     if (::fstat(fd.get(), &info) != 0)
         throw makeErrnoError(errno, "fstat", file.toString(true));
+    if (S_ISDIR(info.st_mode))
+        throw makeErrnoError(EISDIR, "open", file.toString(true));
     if (!S_ISREG(info.st_mode))
-        throw notRegularFileError(file.toString(true), S_ISDIR(info.st_mode));
+        throw notRegularFileError(file.toString(true));
     if (::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK) != 0)
         throw makeErrnoError(errno, "fcntl F_SETFL", file.toString(true));
     return P<IIOStream>(new CLocalFileStream(fd.release(), file, access, isSyncEnabled()));
