@@ -180,8 +180,8 @@ void checkReplaceable(const CLocalEntry& target, const String& targetPath)
 
 // Makes a filled temporary file durable and puts it in place as `target`'s
 // entry: renamed over it (overwrite) or linked without replacing anything.
-void placeTemporaryFile(CTemporaryFile& temporary, const CLocalEntry& target, const String& targetPath,
-                        bool overwrite, bool sync)
+void placeTemporaryFile(CTemporaryFile& temporary, const CLocalEntry& target, const String& targetPath, bool overwrite,
+                        bool sync)
 {
     const int folder = target.folder.get();
     if (sync && ::fsync(temporary.getFd()) != 0)
