@@ -65,7 +65,9 @@ zo::int64 copyMissingBricksIntoChild(zo::IFileSystem* fs, const CURI& diskFolder
     return copied;
 }
 
-// The files below `folder`, folders left out.
+// The files below `folder`, folders left out. A symbolic link counts as a
+// file (the file system says it is no folder): it is removed as a link,
+// never followed.
 zo::TArray<CURI> filesBelow(zo::IFileSystem* fs, const CURI& folder)
 {
     zo::TArray<CURI> files;
@@ -106,11 +108,13 @@ bool isOneOf(const CURI& path, const zo::TArray<CURI>& paths)
     return false;
 }
 
-zo::int64 deleteDiskFiles(zo::IFileSystem* fs, const CURI& folder, const Progress& onProgress)
+// Deletes `files` (what filesBelow listed in `folder`), the header, the
+// parent link and the marks last.
+zo::int64 deleteDiskFiles(zo::IFileSystem* fs, const CURI& folder, const zo::TArray<CURI>& files,
+                          const Progress& onProgress)
 {
     zo::int64 deleted = 0;
     const zo::TArray<CURI> last = lastFilesOf(folder);
-    const zo::TArray<CURI> files = filesBelow(fs, folder);
     const auto total = static_cast<zo::int64>(files.size());
     const auto deleteOne = [&](const CURI& file) {
         fs->deleteFile(file, true);
@@ -157,6 +161,9 @@ CBrickDiskRemover::Outcome untie(zo::IFileSystem* fs, const CURI& disk, const CU
     const String parentLink = CBrickDisk::getParentLinkFileName();
     const String childLink = CBrickDisk::getChildLinkFileName();
 
+    // Listed before the chain changes: a folder that cannot be listed stops
+    // the removal while parent and child still link to the disk.
+    const zo::TArray<CURI> files = filesBelow(fs, disk);
     const CURI parentsChild =
         fs->folderExists(parent) ? CBrickDiskChain::loadLinkedFolder(fs, parent, childLink) : CURI();
     const bool stillLinked = parentsChild.toString(true) == disk.toString(true);
@@ -178,7 +185,7 @@ CBrickDiskRemover::Outcome untie(zo::IFileSystem* fs, const CURI& disk, const CU
     if (!child.isEmpty() && fs->folderExists(child) &&
         CBrickDiskChain::loadLinkedFolder(fs, child, parentLink).toString(true) == disk.toString(true))
         storeLinkTo(fs, child, parentLink, parent);
-    outcome.filesDeleted = deleteDiskFiles(fs, disk, onProgress);
+    outcome.filesDeleted = deleteDiskFiles(fs, disk, files, onProgress);
     return outcome;
 }
 
@@ -190,7 +197,7 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
 {
     if (isRemovalLeftover(fs, diskFolder)) {
         Outcome outcome;
-        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder, onProgress);
+        outcome.filesDeleted = deleteDiskFiles(fs, diskFolder, filesBelow(fs, diskFolder), onProgress);
         return outcome;
     }
     const CBrickDisk::Completion completion = CBrickDisk::getCompletion(fs, diskFolder);

@@ -149,7 +149,13 @@ zo::CURI diskFolderURI(const std::string& path)
     checkScheme(path);
     if (isOnCeph(path) || isOnS3(path))
         return zo::CURI(zo::String::fromUTF8(path)).toNormalized();
-    std::string absolute = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal().string();
+    // The user's own symbolic links on the way to the disk are resolved here,
+    // once: the local file system follows no link, so that links planted
+    // inside a disk folder never lead out of it.
+    std::error_code ignored;
+    const std::filesystem::path given = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal();
+    const std::filesystem::path resolved = std::filesystem::weakly_canonical(given, ignored);
+    std::string absolute = (resolved.empty() ? given : resolved).string();
     while (absolute.size() > 1 && absolute.back() == '/')
         absolute.pop_back();
     return zo::CURI(zo::String(absolute));

@@ -21,7 +21,8 @@ class App;
 
 namespace cli {
 
-// `path` made absolute against the working folder and normalised; a disk on
+// `path` made absolute against the working folder, normalised and with the
+// symbolic links of its existing folders resolved; a disk on
 // Ceph, "rados://POOL/path/to/disk", or on S3, "s3://BUCKET/path/to/disk",
 // only normalised. An empty path throws UsageError, and so does a path that
 // starts with another scheme ("Unknown storage scheme ...": a word and ":/",

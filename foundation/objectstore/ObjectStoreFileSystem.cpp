@@ -5,6 +5,7 @@
 #include "zo/CompletionPool.h"
 #include "zo/FileSystemOp.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <thread>
 
@@ -97,10 +98,40 @@ void CObjectStoreFileSystem::waitUntilIdle()
     m_pending->waitForOthers();
 }
 
+namespace {
+
+// True when the components after the container of `text` (a path that starts
+// with `root`) climb above the container with "..": normalising would stop
+// them at the container and so hand out a key the path never named.
+bool climbsAboveContainer(const std::string& text, const std::string& root)
+{
+    const size_t slash = text.find('/', root.size());
+    if (text.compare(0, root.size(), root) != 0 || slash == std::string::npos)
+        return false;
+    int depth = 0;
+    for (size_t start = slash + 1; start <= text.size();) {
+        const size_t end = std::min(text.find('/', start), text.size());
+        const std::string component = text.substr(start, end - start);
+        if (component == "..") {
+            if (--depth < 0)
+                return true;
+        } else if (!component.empty() && component != ".") {
+            ++depth;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+} // namespace
+
 ObjectName CObjectStoreFileSystem::toObjectName(const CURI& path) const
 {
-    const std::string text = path.toNormalized().toString(true).toUTF8();
     const std::string root = m_scheme.toUTF8() + "://";
+    if (climbsAboveContainer(path.toString(true).toUTF8(), root))
+        throw CInvalidArgError("zo::CObjectStoreFileSystem", "The path climbs above its container with \"..\".",
+                               CProps().add("path", path.toString(true)).add("scheme", m_scheme));
+    const std::string text = path.toNormalized().toString(true).toUTF8();
     const size_t slash = text.find('/', root.size());
     const std::string container = text.substr(root.size(), slash == std::string::npos ? std::string::npos : slash - root.size());
     if (text.compare(0, root.size(), root) != 0 || container.empty())

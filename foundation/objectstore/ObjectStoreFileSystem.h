@@ -59,8 +59,9 @@ public:
 
     // Waits until no operation is under way.
     void waitUntilIdle();
-    // The container and key of `path` (CInvalidArgError for another scheme
-    // or a path without container).
+    // The container and key of `path` (CInvalidArgError for another scheme,
+    // a path without container, or one whose ".." climb above the container:
+    // every key stays inside the container the path names).
     ObjectName toObjectName(const CURI& path) const;
 
     P<IFileSystemOp> beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,

@@ -1,11 +1,13 @@
 #include "zo/detail/LocalFileStore.h"
 
 #include "zo/Error.h"
+#include "zo/detail/LocalPath.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <random>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -55,34 +57,36 @@ void writeAll(int fd, const uint8* data, int size, const String& path)
     }
 }
 
-// A temporary file created exclusively in a folder. Removed again when the
-// object goes, unless it has been renamed into place.
+// A temporary file created exclusively in the open folder `folder` (which
+// must outlive it). Removed again when the object goes, unless it has been
+// renamed into place.
 class CTemporaryFile {
 public:
-    CTemporaryFile(const std::string& folder, const std::string& targetName, const String& targetPath)
+    CTemporaryFile(int folder, const std::string& targetName, const String& targetPath) : m_folder(folder)
     {
         for (int attempt = 0; attempt < maxNameAttempts; ++attempt) {
-            m_path = folder + "/" + makeTemporaryFileName(targetName);
-            m_fd = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            m_name = makeTemporaryFileName(targetName);
+            m_fd = ::openat(m_folder, m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
             if (m_fd >= 0)
                 return;
             if (errno != EEXIST)
                 break;
         }
-        throw makeErrnoError(errno, "open", targetPath);
+        m_name.clear();
+        throw localPathError(errno, "open", targetPath);
     }
     ~CTemporaryFile()
     {
         if (m_fd >= 0)
             ::close(m_fd);
-        if (!m_path.empty())
-            ::unlink(m_path.c_str());
+        if (!m_name.empty())
+            ::unlinkat(m_folder, m_name.c_str(), 0);
     }
     CTemporaryFile(const CTemporaryFile&) = delete;
     CTemporaryFile& operator=(const CTemporaryFile&) = delete;
 
     int getFd() const { return m_fd; }
-    const std::string& getPath() const { return m_path; }
+    const std::string& getName() const { return m_name; }
 
     void close(const String& targetPath)
     {
@@ -92,16 +96,17 @@ public:
             throw makeErrnoError(errno, "close", targetPath);
     }
     // The file has been renamed into place: nothing is left to remove.
-    void forget() { m_path.clear(); }
+    void forget() { m_name.clear(); }
     // Removes the temporary name now (the file lives on under another name).
     void remove()
     {
-        ::unlink(m_path.c_str());
-        m_path.clear();
+        ::unlinkat(m_folder, m_name.c_str(), 0);
+        m_name.clear();
     }
 
 private:
-    std::string m_path;
+    int m_folder;
+    std::string m_name;
     int m_fd = -1;
 };
 
@@ -156,60 +161,89 @@ void syncLocalFolder(const std::string& folder)
 
 namespace {
 
-// Makes a filled temporary file durable and puts it in place as `file`:
-// renamed over it (overwrite) or linked without replacing anything.
-void placeTemporaryFile(CTemporaryFile& temporary, const CURI& file, bool overwrite, bool sync)
+// Refuses to replace anything but a regular file: a rename would put the
+// new file in place of a planted link, FIFO or device without a word, and
+// the caller that meant to update a file of its own is told instead.
+void checkReplaceable(const CLocalEntry& target, const String& targetPath)
 {
-    const String targetPath = file.toString(true);
-    const std::string target = file.toLocalPath();
+    struct stat info {};
+    if (::fstatat(target.folder.get(), target.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT)
+            return;
+        throw makeErrnoError(errno, "stat", targetPath);
+    }
+    if (S_ISLNK(info.st_mode))
+        throw localPathError(ELOOP, "rename", targetPath);
+    if (!S_ISREG(info.st_mode))
+        throw notRegularFileError(targetPath, S_ISDIR(info.st_mode));
+}
+
+// Makes a filled temporary file durable and puts it in place as `target`'s
+// entry: renamed over it (overwrite) or linked without replacing anything.
+void placeTemporaryFile(CTemporaryFile& temporary, const CLocalEntry& target, const String& targetPath, bool overwrite,
+                        bool sync)
+{
+    const int folder = target.folder.get();
     if (sync && ::fsync(temporary.getFd()) != 0)
         throw makeErrnoError(errno, "fsync", targetPath);
     temporary.close(targetPath);
     if (overwrite) {
-        if (::rename(temporary.getPath().c_str(), target.c_str()) != 0)
+        checkReplaceable(target, targetPath);
+        if (::renameat(folder, temporary.getName().c_str(), folder, target.name.c_str()) != 0)
             throw makeErrnoError(errno, "rename", targetPath);
         temporary.forget();
     } else {
-        if (::link(temporary.getPath().c_str(), target.c_str()) != 0)
+        if (::linkat(folder, temporary.getName().c_str(), folder, target.name.c_str(), 0) != 0)
             throw makeErrnoError(errno, "link", targetPath);
         temporary.remove();
     }
     if (sync)
-        syncLocalFolder(localParentFolder(file));
+        syncOpenFolder(folder, targetPath);
 }
 
 CFileSystemError copyError(int errnoValue, const char* action, const CURI& from, const CURI& to)
 {
-    CFileSystemError error = makeErrnoError(errnoValue, action, from.toString(true));
+    CFileSystemError error = localPathError(errnoValue, action, from.toString(true));
     error.getProps().add("targetPath", to.toString(true));
     return error;
 }
 
-// An open file descriptor, closed when the object goes.
-class CFileDescriptor {
-public:
-    explicit CFileDescriptor(int fd) : m_fd(fd) {}
-    ~CFileDescriptor() { ::close(m_fd); }
-    CFileDescriptor(const CFileDescriptor&) = delete;
-    CFileDescriptor& operator=(const CFileDescriptor&) = delete;
-    int get() const { return m_fd; }
+// Opens the copy's source for reading: a regular file, never a link, a FIFO
+// (O_NONBLOCK keeps its open from waiting for a writer) or a device.
+CFileDescriptor openCopySource(const CLocalEntry& source, const CURI& from, const CURI& to)
+{
+    CFileDescriptor fd(
+        ::openat(source.folder.get(), source.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.isOpen())
+        throw copyError(errno, "open", from, to);
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0)
+        throw copyError(errno, "fstat", from, to);
+    if (!S_ISREG(info.st_mode))
+        throw notRegularFileError(from.toString(true), S_ISDIR(info.st_mode));
+    return fd;
+}
 
-private:
-    int m_fd;
-};
+// Refuses a copy source that is not a regular file before it is linked.
+void checkCopySource(const CLocalEntry& source, const CURI& from, const CURI& to)
+{
+    struct stat info {};
+    if (::fstatat(source.folder.get(), source.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+        throw copyError(errno, "stat", from, to);
+    if (!S_ISREG(info.st_mode))
+        throw notRegularFileError(from.toString(true), S_ISDIR(info.st_mode));
+}
 
 // The whole-file copy for targets on another file system than the source.
-void copyLocalFileBytes(const CURI& from, const CURI& to, bool overwrite, bool sync)
+void copyLocalFileBytes(const CLocalEntry& source, const CLocalEntry& target, const CURI& from, const CURI& to,
+                        bool overwrite, bool sync)
 {
-    const int sourceFd = ::open(from.toLocalPath().c_str(), O_RDONLY | O_CLOEXEC);
-    if (sourceFd < 0)
-        throw copyError(errno, "open", from, to);
-    const CFileDescriptor source(sourceFd);
+    const CFileDescriptor sourceFd = openCopySource(source, from, to);
     const String targetPath = to.toString(true);
-    CTemporaryFile temporary(localParentFolder(to), to.getName().toUTF8(), targetPath);
+    CTemporaryFile temporary(target.folder.get(), target.name, targetPath);
     std::vector<uint8> chunk(static_cast<size_t>(copyChunkSize));
     for (;;) {
-        const ssize_t got = ::read(source.get(), chunk.data(), chunk.size());
+        const ssize_t got = ::read(sourceFd.get(), chunk.data(), chunk.size());
         if (got < 0) {
             if (errno == EINTR)
                 continue;
@@ -219,7 +253,7 @@ void copyLocalFileBytes(const CURI& from, const CURI& to, bool overwrite, bool s
             break;
         writeAll(temporary.getFd(), chunk.data(), static_cast<int>(got), targetPath);
     }
-    placeTemporaryFile(temporary, to, overwrite, sync);
+    placeTemporaryFile(temporary, target, targetPath, overwrite, sync);
 }
 
 // errno values of a link that the file systems involved cannot make, where a
@@ -233,41 +267,46 @@ bool linkImpossible(int errnoValue)
 
 void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, bool sync)
 {
-    CTemporaryFile temporary(localParentFolder(file), file.getName().toUTF8(), file.toString(true));
-    copyFromSource(temporary.getFd(), size, source, file.toString(true));
-    placeTemporaryFile(temporary, file, overwrite, sync);
+    const String targetPath = file.toString(true);
+    const CLocalEntry target = openLocalEntry(file.toLocalPath(), targetPath, "open");
+    CTemporaryFile temporary(target.folder.get(), target.name, targetPath);
+    copyFromSource(temporary.getFd(), size, source, targetPath);
+    placeTemporaryFile(temporary, target, targetPath, overwrite, sync);
 }
 
 void copyLocalFile(const CURI& from, const CURI& to, bool overwrite, bool sync)
 {
-    const std::string source = from.toLocalPath();
-    const std::string target = to.toLocalPath();
-    const std::string folder = localParentFolder(to);
+    const CLocalEntry source = openLocalEntry(from.toLocalPath(), from.toString(true), "open");
+    const CLocalEntry target = openLocalEntry(to.toLocalPath(), to.toString(true), "open");
+    checkCopySource(source, from, to);
+    const int sourceFolder = source.folder.get();
+    const int targetFolder = target.folder.get();
     if (!overwrite) {
-        if (::link(source.c_str(), target.c_str()) != 0) {
+        if (::linkat(sourceFolder, source.name.c_str(), targetFolder, target.name.c_str(), 0) != 0) {
             if (!linkImpossible(errno))
                 throw copyError(errno, "link", from, to);
-            copyLocalFileBytes(from, to, overwrite, sync);
+            copyLocalFileBytes(source, target, from, to, overwrite, sync);
             return;
         }
     } else {
         // A link under a temporary name, renamed over the target, replaces
         // the target atomically.
-        const std::string temporary = folder + "/" + makeTemporaryFileName(to.getName().toUTF8());
-        if (::link(source.c_str(), temporary.c_str()) != 0) {
+        checkReplaceable(target, to.toString(true));
+        const std::string temporary = makeTemporaryFileName(target.name);
+        if (::linkat(sourceFolder, source.name.c_str(), targetFolder, temporary.c_str(), 0) != 0) {
             if (!linkImpossible(errno))
                 throw copyError(errno, "link", from, to);
-            copyLocalFileBytes(from, to, overwrite, sync);
+            copyLocalFileBytes(source, target, from, to, overwrite, sync);
             return;
         }
-        if (::rename(temporary.c_str(), target.c_str()) != 0) {
+        if (::renameat(targetFolder, temporary.c_str(), targetFolder, target.name.c_str()) != 0) {
             const int renameErrno = errno;
-            ::unlink(temporary.c_str());
+            ::unlinkat(targetFolder, temporary.c_str(), 0);
             throw copyError(renameErrno, "rename", from, to);
         }
     }
     if (sync)
-        syncLocalFolder(folder);
+        syncOpenFolder(targetFolder, to.toString(true));
 }
 
 bool isTemporaryFileName(const std::string& name)

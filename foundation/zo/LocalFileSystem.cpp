@@ -5,6 +5,7 @@
 #include "zo/detail/LocalFileStore.h"
 #include "zo/detail/LocalFileStream.h"
 #include "zo/detail/LocalFolderLock.h"
+#include "zo/detail/LocalPath.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -23,16 +24,20 @@ bool isMissingErrno(int errnoValue)
     return errnoValue == ENOENT || errnoValue == ENOTDIR;
 }
 
-// stat of `path`: true when it exists, false when it is missing; other
-// failures throw.
-bool statPath(const CURI& path, struct stat& info, bool followLinks = true)
+// What is at `path` itself (a link is described, not followed), resolved
+// without following any link on the way: true when something exists, false
+// when it is missing; a link on the way and other failures throw.
+bool statPath(const CURI& path, struct stat& info)
 {
-    const std::string local = path.toLocalPath();
-    if ((followLinks ? ::stat(local.c_str(), &info) : ::lstat(local.c_str(), &info)) == 0)
-        return true;
-    if (isMissingErrno(errno))
-        return false;
-    throw makeErrnoError(errno, "stat", path.toString(true));
+    const CFileDescriptor fd(openLocalPathWithoutLinks(path.toLocalPath(), O_PATH | O_NOFOLLOW));
+    if (!fd.isOpen()) {
+        if (isMissingErrno(errno))
+            return false;
+        throw localPathError(errno, "stat", path.toString(true));
+    }
+    if (::fstat(fd.get(), &info) != 0)
+        throw makeErrnoError(errno, "fstat", path.toString(true));
+    return true;
 }
 
 bool isLocalFolder(const CURI& path)
@@ -43,7 +48,7 @@ bool isLocalFolder(const CURI& path)
 
 CFileSystemError moveError(int errnoValue, const char* action, const CURI& from, const CURI& to)
 {
-    CFileSystemError error = makeErrnoError(errnoValue, action, from.toString(true));
+    CFileSystemError error = localPathError(errnoValue, action, from.toString(true));
     error.getProps().add("targetPath", to.toString(true));
     return error;
 }
@@ -52,66 +57,95 @@ CFileSystemError moveError(int errnoValue, const char* action, const CURI& from,
 // file system offers it, otherwise link and unlink. In that fallback a mover
 // that finds the source gone after linking (another mover took it) removes
 // its link again, so that only one mover ends with the file.
-void moveLocalFileWithoutOverwrite(const CURI& from, const CURI& to)
+void moveLocalFileWithoutOverwrite(const CLocalEntry& source, const CLocalEntry& target, const CURI& from,
+                                   const CURI& to)
 {
-    const std::string source = from.toLocalPath();
-    const std::string target = to.toLocalPath();
-    if (::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0)
+    const int sourceFolder = source.folder.get();
+    const int targetFolder = target.folder.get();
+    if (::renameat2(sourceFolder, source.name.c_str(), targetFolder, target.name.c_str(), RENAME_NOREPLACE) == 0)
         return;
     if (errno != EINVAL && errno != ENOSYS)
         throw moveError(errno, "rename", from, to);
-    if (::link(source.c_str(), target.c_str()) != 0)
+    if (::linkat(sourceFolder, source.name.c_str(), targetFolder, target.name.c_str(), 0) != 0)
         throw moveError(errno, "link", from, to);
-    if (::unlink(source.c_str()) != 0) {
+    if (::unlinkat(sourceFolder, source.name.c_str(), 0) != 0) {
         const int unlinkErrno = errno;
-        ::unlink(target.c_str());
+        ::unlinkat(targetFolder, target.name.c_str(), 0);
         throw moveError(unlinkErrno, "unlink", from, to);
     }
 }
 
+// Moves the entry `from` itself (a link is moved as a link) into the folder
+// of `to`, neither path going through a link.
 void moveLocalFile(const CURI& from, const CURI& to, bool overwrite, bool sync)
 {
+    const CLocalEntry source = openLocalEntry(from.toLocalPath(), from.toString(true), "rename");
+    const CLocalEntry target = openLocalEntry(to.toLocalPath(), to.toString(true), "rename");
     if (!overwrite)
-        moveLocalFileWithoutOverwrite(from, to);
-    else if (::rename(from.toLocalPath().c_str(), to.toLocalPath().c_str()) != 0)
+        moveLocalFileWithoutOverwrite(source, target, from, to);
+    else if (::renameat(source.folder.get(), source.name.c_str(), target.folder.get(), target.name.c_str()) != 0)
         throw moveError(errno, "rename", from, to);
     if (sync) {
-        const std::string sourceFolder = localParentFolder(from);
-        const std::string targetFolder = localParentFolder(to);
-        syncLocalFolder(targetFolder);
-        if (sourceFolder != targetFolder)
-            syncLocalFolder(sourceFolder);
+        syncOpenFolder(target.folder.get(), to.toString(true));
+        if (localParentFolder(from) != localParentFolder(to))
+            syncOpenFolder(source.folder.get(), from.toString(true));
     }
 }
 
-// unlink; true when the file was there.
+// unlink of the entry itself (a link goes, not what it points to); true
+// when it was there.
 bool unlinkLocalFile(const CURI& file)
 {
-    if (::unlink(file.toLocalPath().c_str()) == 0)
+    CLocalEntry entry;
+    if (!tryOpenLocalEntry(file.toLocalPath(), entry)) {
+        if (errno == ENOENT)
+            return false;
+        throw localPathError(errno, "unlink", file.toString(true));
+    }
+    if (::unlinkat(entry.folder.get(), entry.name.c_str(), 0) == 0)
         return true;
     if (errno == ENOENT)
         return false;
     throw makeErrnoError(errno, "unlink", file.toString(true));
 }
 
+// mkdir of `folder` in its parent, opened without following links; 0 or
+// the errno value of the failure.
+int makeLocalFolderEntry(const CURI& folder, int mode)
+{
+    CLocalEntry entry;
+    if (!tryOpenLocalEntry(folder.toLocalPath(), entry))
+        return errno;
+    return ::mkdirat(entry.folder.get(), entry.name.c_str(), static_cast<mode_t>(mode)) == 0 ? 0 : errno;
+}
+
+// The error of a mkdir that failed with `error`; a link in the way is named as such.
+CFileSystemError makeFolderError(int error, const CURI& folder)
+{
+    struct stat info {};
+    if (error == EEXIST && statPath(folder, info) && S_ISLNK(info.st_mode))
+        error = ELOOP;
+    return localPathError(error, "mkdir", folder.toString(true));
+}
+
 void makeLocalFolder(const CURI& folder, int mode)
 {
-    if (::mkdir(folder.toLocalPath().c_str(), static_cast<mode_t>(mode)) != 0)
-        throw makeErrnoError(errno, "mkdir", folder.toString(true));
+    const int error = makeLocalFolderEntry(folder, mode);
+    if (error != 0)
+        throw makeFolderError(error, folder);
 }
 
 // mkdir that accepts an existing folder and creates missing parents first.
 void makeLocalFolderWithParents(const CURI& folder, int mode)
 {
-    const std::string path = folder.toLocalPath();
-    int error = ::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0 ? 0 : errno;
+    int error = makeLocalFolderEntry(folder, mode);
     if (error == ENOENT && !folder.getParent().isEmpty()) {
         makeLocalFolderWithParents(folder.getParent(), mode);
-        error = ::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0 ? 0 : errno;
+        error = makeLocalFolderEntry(folder, mode);
     }
     if (error == 0 || (error == EEXIST && isLocalFolder(folder)))
         return;
-    throw makeErrnoError(error, "mkdir", folder.toString(true));
+    throw makeFolderError(error, folder);
 }
 
 int openFlags(const CURI& file, IIOStream::Access access, int options)
@@ -126,48 +160,74 @@ int openFlags(const CURI& file, IIOStream::Access access, int options)
                            CProps().add("uri", file.toString(true)).add("access", static_cast<int>(access)));
 }
 
-// Removes temporary files from `folder` and the folders below it; returns how many.
-int removeTemporaryFilesBelow(const std::string& folder)
+// Opens the folder `name` below the open folder `parent` for listing; a link
+// there fails with ELOOP (or ENOTDIR), a missing one with ENOENT.
+int openSubfolder(int parent, const std::string& name)
 {
-    DIR* dir = ::opendir(folder.c_str());
+    return ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// The names in the open folder `fd` (which the call takes over and closes),
+// each with its type (DT_UNKNOWN resolved without following links).
+TArray<std::pair<std::string, unsigned char>> readFolder(int fd, const String& pathText)
+{
+    DIR* dir = ::fdopendir(fd);
     if (!dir) {
-        if (isMissingErrno(errno))
-            return 0;
-        throw makeErrnoError(errno, "opendir", String(folder));
+        const int openErrno = errno;
+        ::close(fd);
+        throw makeErrnoError(openErrno, "opendir", pathText);
     }
-    TArray<std::string> subfolders;
-    TArray<std::string> temporaries;
+    TArray<std::pair<std::string, unsigned char>> entries;
     errno = 0;
     while (const dirent* entry = ::readdir(dir)) {
         const std::string name = entry->d_name;
-        errno = 0;
-        if (name == "." || name == "..")
-            continue;
         unsigned char type = entry->d_type;
-        if (type == DT_UNKNOWN) {
-            struct stat info {};
-            if (::lstat((folder + "/" + name).c_str(), &info) != 0)
-                continue;
-            type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_UNKNOWN;
+        if (name != "." && name != "..") {
+            if (type == DT_UNKNOWN) {
+                struct stat info {};
+                if (::fstatat(::dirfd(dir), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+                    type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_UNKNOWN;
+            }
+            entries.emplace_back(name, type);
         }
-        if (type == DT_DIR)
-            subfolders.push_back(folder + "/" + name);
-        else if (type == DT_REG && isTemporaryFileName(name))
-            temporaries.push_back(folder + "/" + name);
+        errno = 0;
     }
     const int readErrno = errno;
     ::closedir(dir);
     if (readErrno != 0)
-        throw makeErrnoError(readErrno, "readdir", String(folder));
-    int removed = 0;
-    for (const std::string& file : temporaries) {
-        if (::unlink(file.c_str()) == 0)
-            ++removed;
-        else if (errno != ENOENT)
-            throw makeErrnoError(errno, "unlink", String(file));
+        throw makeErrnoError(readErrno, "readdir", pathText);
+    return entries;
+}
+
+// Removes temporary files from the open folder `fd` (taken over) and the
+// folders below it, never through a link; returns how many.
+int removeTemporaryFilesBelow(int fd, const std::string& folder)
+{
+    const CFileDescriptor self(::dup(fd));
+    if (!self.isOpen()) {
+        const int dupErrno = errno;
+        ::close(fd);
+        throw makeErrnoError(dupErrno, "dup", String(folder));
     }
-    for (const std::string& subfolder : subfolders)
-        removed += removeTemporaryFilesBelow(subfolder);
+    int removed = 0;
+    TArray<std::string> subfolders;
+    for (const auto& [name, type] : readFolder(fd, String(folder))) {
+        if (type == DT_DIR) {
+            subfolders.push_back(name);
+        } else if (type == DT_REG && isTemporaryFileName(name)) {
+            if (::unlinkat(self.get(), name.c_str(), 0) == 0)
+                ++removed;
+            else if (errno != ENOENT)
+                throw makeErrnoError(errno, "unlink", String(folder + "/" + name));
+        }
+    }
+    for (const std::string& name : subfolders) {
+        const int subfolder = openSubfolder(self.get(), name);
+        if (subfolder >= 0)
+            removed += removeTemporaryFilesBelow(subfolder, folder + "/" + name);
+        else if (!isMissingErrno(errno) && errno != ELOOP)
+            throw makeErrnoError(errno, "open", String(folder + "/" + name));
+    }
     return removed;
 }
 
@@ -258,16 +318,21 @@ P<IFileInfo> CLocalFileSystem::getFileInfo(const CURI& path, bool throwIfMissing
 P<IIOStream> CLocalFileSystem::openStream(const CURI& file, IIOStream::Access access, const int& options)
 {
     const int flags = openFlags(file, access, options);
-    const int fd = ::open(file.toLocalPath().c_str(), flags | O_CLOEXEC, 0666);
-    if (fd < 0)
-        throw makeErrnoError(errno, "open", file.toString(true));
-    P<IIOStream> stream(new CLocalFileStream(fd, file, access, isSyncEnabled()));
+    // O_NONBLOCK: opening a FIFO must not wait for its other end; what was
+    // opened is checked to be a regular file before anything is read.
+    CFileDescriptor fd(openLocalPathWithoutLinks(file.toLocalPath(), flags | O_NOFOLLOW | O_NONBLOCK, 0666));
+    if (!fd.isOpen())
+        throw localPathError(errno, "open", file.toString(true));
     struct stat info {};
-    if (::fstat(fd, &info) != 0)
+    if (::fstat(fd.get(), &info) != 0)
         throw makeErrnoError(errno, "fstat", file.toString(true));
     if (S_ISDIR(info.st_mode))
         throw makeErrnoError(EISDIR, "open", file.toString(true));
-    return stream;
+    if (!S_ISREG(info.st_mode))
+        throw notRegularFileError(file.toString(true));
+    if (::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK) != 0)
+        throw makeErrnoError(errno, "fcntl F_SETFL", file.toString(true));
+    return P<IIOStream>(new CLocalFileStream(fd.release(), file, access, isSyncEnabled()));
 }
 
 void CLocalFileSystem::createFolder(const CURI& folder, int mode)
@@ -289,7 +354,7 @@ bool CLocalFileSystem::folderExists(const CURI& folder)
 bool CLocalFileSystem::pathExists(const CURI& path)
 {
     struct stat info {};
-    return statPath(path, info, false);
+    return statPath(path, info);
 }
 
 void CLocalFileSystem::deleteFile(const CURI& file, bool ignoreMissing)
@@ -300,21 +365,12 @@ void CLocalFileSystem::deleteFile(const CURI& file, bool ignoreMissing)
 
 TList<String> CLocalFileSystem::listFolder(const CURI& folder)
 {
-    DIR* dir = ::opendir(folder.toLocalPath().c_str());
-    if (!dir)
-        throw makeErrnoError(errno, "opendir", folder.toString(true));
+    const int fd = openLocalPathWithoutLinks(folder.toLocalPath(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (fd < 0)
+        throw localPathError(errno, "opendir", folder.toString(true));
     TArray<String> names;
-    errno = 0;
-    while (const dirent* entry = ::readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            names.emplace_back(name);
-        errno = 0;
-    }
-    const int readErrno = errno;
-    ::closedir(dir);
-    if (readErrno != 0)
-        throw makeErrnoError(readErrno, "readdir", folder.toString(true));
+    for (const auto& entry : readFolder(fd, folder.toString(true)))
+        names.emplace_back(entry.first);
     std::sort(names.begin(), names.end());
     return TList<String>(names.begin(), names.end());
 }
@@ -326,7 +382,13 @@ P<IFileSystemLock> CLocalFileSystem::lockFolder(const CURI& folder, bool exclusi
 
 int CLocalFileSystem::removeTemporaryFiles(const CURI& folder)
 {
-    return removeTemporaryFilesBelow(folder.toLocalPath());
+    const int fd = openLocalPathWithoutLinks(folder.toLocalPath(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (fd < 0) {
+        if (isMissingErrno(errno))
+            return 0;
+        throw localPathError(errno, "opendir", folder.toString(true));
+    }
+    return removeTemporaryFilesBelow(fd, folder.toLocalPath());
 }
 
 } // namespace zo

@@ -1,5 +1,16 @@
 // CLocalFileSystem: IFileSystem over the folders of the local (POSIX) file
 // system. Relative paths are relative to the process's working folder.
+//
+// It follows no symbolic link, so that links planted in a folder never lead
+// an operation out of it: a path with a link as one of its folders, or as
+// the file to open, fails with "The path is, or goes through, a symbolic
+// link, which is not followed." (property "path"); callers resolve the links
+// of paths they trust (realpath) before handing them over. The queries
+// describe a link itself (it exists, as neither file nor folder), and
+// deleteFile removes a link, never what it points to. Files are read and
+// written only when they are regular files: a FIFO, a device or a socket
+// fails with "The path is not a regular file." (property "path") without
+// waiting for a FIFO's other end, and a store or copy never replaces one.
 #pragma once
 
 #include "zo/Export.h"
@@ -69,19 +80,21 @@ public:
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
 
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
-    // A CLocalFileStream. A folder fails with IsAFolder; an access value
-    // outside IIOStream::Access throws CInvalidArgError.
+    // A CLocalFileStream. A folder fails with IsAFolder, anything else that is
+    // no regular file with "The path is not a regular file."; an access
+    // value outside IIOStream::Access throws CInvalidArgError.
     P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override;
     // A file in the way fails with AlreadyExists.
     void createFolder(const CURI& folder, int mode) override;
     bool fileExists(const CURI& file) override;
     bool folderExists(const CURI& folder) override;
-    // A dangling symbolic link counts as existing.
+    // A symbolic link counts as existing, dangling or not.
     bool pathExists(const CURI& path) override;
     void deleteFile(const CURI& file, bool ignoreMissing) override;
     TList<String> listFolder(const CURI& folder) override;
     // An open-file-description lock on the file ".lock" in the folder (see
-    // lockLocalFolder): released by the kernel when the process dies.
+    // lockLocalFolder): released by the kernel when the process dies. A
+    // ".lock" that is a link, a folder or a FIFO fails naming the lock file.
     P<IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override;
     // Removes the ".tmp-<16 hex digits>-<name>.part" files of interrupted
     // stores and copies from the tree; symbolic links are not followed.

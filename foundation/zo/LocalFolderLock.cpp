@@ -1,6 +1,7 @@
 #include "zo/detail/LocalFolderLock.h"
 
 #include "zo/Log.h"
+#include "zo/detail/LocalPath.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -64,23 +65,31 @@ String describeHolder(int fd)
     return String(std::string(text, static_cast<size_t>(got)));
 }
 
-int openLockFile(const std::string& path, bool exclusive, const String& pathText)
+// Opens the lock file `name` in the open folder `folder`. The file is never
+// followed as a link, and must be a regular file: a FIFO, a folder or a
+// link planted there fails with an error that names the lock file.
+int openLockFile(int folder, const char* name, bool exclusive, const String& folderText, const String& lockText)
 {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd >= 0)
-        return fd;
-    const int openErrno = errno;
-    if (openErrno == EACCES || openErrno == EROFS) {
+    constexpr int noSurprises = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int fd = ::openat(folder, name, O_RDWR | O_CREAT | noSurprises, 0666);
+    if (fd < 0 && (errno == EACCES || errno == EROFS)) {
         // A reader of a folder it may not write can still share a lock on a
         // lock file that exists.
-        if (!exclusive) {
-            const int readFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-            if (readFd >= 0)
-                return readFd;
-        }
-        throw lockError(CFileSystemError::NotSupported, "The folder cannot hold a lock file.", pathText);
+        if (exclusive || (fd = ::openat(folder, name, O_RDONLY | noSurprises)) < 0)
+            throw lockError(CFileSystemError::NotSupported, "The folder cannot hold a lock file.", folderText);
     }
-    throw makeErrnoError(openErrno, "open", pathText);
+    if (fd < 0) {
+        if (errno == EISDIR)
+            throw notRegularFileError(lockText, true);
+        throw localPathError(errno, "open", lockText);
+    }
+    CFileDescriptor lockFile(fd);
+    struct stat info {};
+    if (::fstat(fd, &info) != 0)
+        throw makeErrnoError(errno, "fstat", lockText);
+    if (!S_ISREG(info.st_mode))
+        throw notRegularFileError(lockText, S_ISDIR(info.st_mode));
+    return lockFile.release();
 }
 
 } // namespace
@@ -93,14 +102,13 @@ const char* getLocalFolderLockFileName()
 P<IFileSystemLock> lockLocalFolder(const CURI& folder, bool exclusive)
 {
     const String folderText = folder.toString(true);
-    const std::string folderPath = folder.toLocalPath();
-    struct stat info {};
-    if (::stat(folderPath.c_str(), &info) != 0)
-        throw makeErrnoError(errno, "stat", folderText);
-    if (!S_ISDIR(info.st_mode))
-        throw makeErrnoError(ENOTDIR, "lock", folderText);
+    const CFileDescriptor folderFd(
+        openLocalPathWithoutLinks(folder.toLocalPath(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (!folderFd.isOpen())
+        throw localPathError(errno, "lock", folderText);
 
-    const int fd = openLockFile(folderPath + "/" + getLocalFolderLockFileName(), exclusive, folderText);
+    const int fd = openLockFile(folderFd.get(), getLocalFolderLockFileName(), exclusive, folderText,
+                                (folder << getLocalFolderLockFileName()).toString(true));
     struct flock request {};
     request.l_type = exclusive ? F_WRLCK : F_RDLCK;
     request.l_whence = SEEK_SET;

@@ -110,10 +110,12 @@ int brickdiskConfig(const char* key, const char* value)
 {
     const std::string name(key);
     if (name == "disk") {
-        std::unique_ptr<char, decltype(&free)> absolute(nbdkit_absolute_path(value), &free);
-        if (!absolute)
+        // The disk is reached without following links inside it, so the
+        // user's own links on the way to it are resolved here, once.
+        std::unique_ptr<char, decltype(&free)> real(nbdkit_realpath(value), &free);
+        if (!real)
             return -1;
-        options.diskFolder = absolute.get();
+        options.diskFolder = real.get();
         diskGiven = true;
         return 0;
     }

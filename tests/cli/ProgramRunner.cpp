@@ -48,6 +48,8 @@ std::string makeTempFile(const char* tag)
     for (const std::string& arg : args)
         argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
+    if (options.timeoutSeconds != 0)
+        ::alarm(options.timeoutSeconds);
     ::execv(program.c_str(), argv.data());
     ::_exit(127);
 }

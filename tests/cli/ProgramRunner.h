@@ -27,6 +27,10 @@ struct RunOptions {
     std::string passwordVariable;
     // The program's working folder; the test's own when empty.
     std::string workingFolder;
+    // When not 0, the program is killed by SIGALRM after this many seconds,
+    // so that a program that would hang ends (with exitStatus -1). Meant as
+    // a generous bound, never as a measure of speed.
+    unsigned timeoutSeconds = 0;
 };
 
 // The path of the program under test.

@@ -422,4 +422,154 @@ TEST_F(LocalFileSystemTest, RemoveTemporaryFilesRemovesOnlyTheLeftoversOfStoresI
     EXPECT_EQ(fs->removeTemporaryFiles(temp.uri()), 0);
 }
 
+// --- hostile folders: planted symbolic links and FIFOs ---
+
+class LocalFileSystemHostileFolderTest : public LocalFileSystemTest {
+protected:
+    LocalFileSystemHostileFolderTest()
+    {
+        std::filesystem::create_directories(temp.path() + "/outside");
+        std::filesystem::create_directories(temp.path() + "/disk");
+        writeBytes(victim(), "precious");
+    }
+    std::string victim() const { return temp.path() + "/outside/victim"; }
+    CURI inDisk(const std::string& relative) const { return temp.uri() << CURI(String("disk/" + relative)); }
+    void plantLink(const std::string& relative, const std::string& target) const
+    {
+        std::filesystem::create_symlink(target, temp.path() + "/disk/" + relative);
+    }
+    static void writeBytes(const std::string& path, const std::string& bytes) { std::ofstream(path) << bytes; }
+    static std::string bytesOf(const std::string& path)
+    {
+        std::ifstream file(path);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+    // Runs `action`, which must throw a CError; returns it.
+    template <class Action>
+    static P<CError> errorOf(Action action)
+    {
+        try {
+            action();
+        } catch (const CError& e) {
+            return e.clone();
+        }
+        ADD_FAILURE() << "the call succeeded";
+        return P<CError>();
+    }
+    static std::string messageOf(const P<CError>& error)
+    {
+        return error ? error->getMessage().toUTF8() : std::string();
+    }
+    static std::string pathOf(const P<CError>& error)
+    {
+        return error ? error->getProps().lookup("path").toUTF8() : std::string();
+    }
+};
+
+TEST_F(LocalFileSystemHostileFolderTest, StreamsNeverOpenThroughALinkAsTheFileItself)
+{
+    plantLink("record", victim());
+    for (const auto access : {IIOStream::AccessRead, IIOStream::AccessWrite, IIOStream::AccessReadWrite}) {
+        const P<CError> error = errorOf([&] { fs->openStream(inDisk("record"), access, IIOStream::OptionReplace); });
+        EXPECT_NE(messageOf(error).find("symbolic link"), std::string::npos) << messageOf(error);
+        EXPECT_EQ(pathOf(error), inDisk("record").toString(true).toUTF8());
+    }
+    EXPECT_EQ(bytesOf(victim()), "precious");
+}
+
+TEST_F(LocalFileSystemHostileFolderTest, AFolderOnThePathThatIsALinkIsNeverGoneThrough)
+{
+    plantLink("bricks", "../outside");
+    EXPECT_TRUE(store(inDisk("bricks/00.brick"), "brick", true));
+    EXPECT_TRUE(errorOf([&] { fs->createFolder(inDisk("bricks/a00"), folderMode); }));
+    EXPECT_TRUE(errorOf([&] { fs->fileExists(inDisk("bricks/victim")); }));
+    EXPECT_TRUE(errorOf([&] { fs->listFolder(inDisk("bricks")); }));
+    EXPECT_TRUE(errorOf([&] { fs->deleteFile(inDisk("bricks/victim"), true); }));
+    EXPECT_TRUE(
+        errorOf([&] { fs->openStream(inDisk("bricks/victim"), IIOStream::AccessRead, IIOStream::OptionNone); }));
+    P<COutcomeListener> listener(new COutcomeListener());
+    writeBytes(temp.path() + "/disk/new.brick", "new");
+    EXPECT_TRUE(
+        fs->beginMoveFile(inDisk("new.brick"), inDisk("bricks/victim"), true, listener.get())->waitDone(waitMillis));
+    EXPECT_TRUE(listener->getError());
+    EXPECT_EQ(folderEntries(temp.path() + "/outside"), std::vector<std::string>({"victim"}));
+    EXPECT_EQ(bytesOf(victim()), "precious");
+}
+
+TEST_F(LocalFileSystemHostileFolderTest, ALinkIsDescribedAsItselfAndDeletedAsALink)
+{
+    plantLink("notes", "../outside");
+    EXPECT_TRUE(fs->pathExists(inDisk("notes")));
+    EXPECT_FALSE(fs->folderExists(inDisk("notes")));
+    EXPECT_FALSE(fs->fileExists(inDisk("notes")));
+    EXPECT_FALSE(fs->getFileInfo(inDisk("notes"), true)->isFolder());
+    fs->deleteFile(inDisk("notes"), false);
+    EXPECT_FALSE(fs->pathExists(inDisk("notes")));
+    EXPECT_EQ(bytesOf(victim()), "precious");
+}
+
+TEST_F(LocalFileSystemHostileFolderTest, AFolderNamedWhereALinkStandsIsNotCreatedThroughIt)
+{
+    plantLink("d00", "../outside");
+    const P<CError> error = errorOf([&] { fs->createFolder(inDisk("d00/d01"), folderMode); });
+    EXPECT_NE(messageOf(error).find("symbolic link"), std::string::npos) << messageOf(error);
+    EXPECT_TRUE(errorOf([&] { fs->createFolder(inDisk("d00"), folderMode); }));
+    EXPECT_EQ(folderEntries(temp.path() + "/outside"), std::vector<std::string>({"victim"}));
+}
+
+TEST_F(LocalFileSystemHostileFolderTest, AFifoIsRefusedAsAFileWithoutWaitingForItsWriter)
+{
+    const std::string fifo = temp.path() + "/disk/00.brick";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // Both ends held here: an open that waited for the other end would not
+    // hang the test, it would succeed and be caught.
+    const int bothEnds = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+    ASSERT_GE(bothEnds, 0);
+    for (const auto access : {IIOStream::AccessRead, IIOStream::AccessReadWrite}) {
+        const P<CError> error = errorOf([&] { fs->openStream(inDisk("00.brick"), access, IIOStream::OptionNone); });
+        EXPECT_EQ(messageOf(error), "The path is not a regular file.");
+        EXPECT_EQ(pathOf(error), inDisk("00.brick").toString(true).toUTF8());
+    }
+    EXPECT_FALSE(fs->fileExists(inDisk("00.brick")));
+    ::close(bothEnds);
+}
+
+TEST_F(LocalFileSystemHostileFolderTest, ACopyTakesOnlyARegularFileAsItsSource)
+{
+    plantLink("linked.brick", victim());
+    const std::string fifo = temp.path() + "/disk/fifo.brick";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string source : {"linked.brick", "fifo.brick"}) {
+        P<COutcomeListener> listener(new COutcomeListener());
+        EXPECT_TRUE(
+            fs->beginCopyFile(inDisk(source), inDisk("copy.brick"), false, listener.get())->waitDone(waitMillis));
+        EXPECT_TRUE(listener->getError()) << source;
+        EXPECT_FALSE(fs->pathExists(inDisk("copy.brick"))) << source;
+    }
+}
+
+TEST_F(LocalFileSystemHostileFolderTest, ALockFileThatIsALinkIsNotFollowed)
+{
+    plantLink(".lock", victim());
+    const P<CError> error = errorOf([&] { fs->lockFolder(temp.uri() << "disk", true); });
+    EXPECT_NE(messageOf(error).find("symbolic link"), std::string::npos) << messageOf(error);
+    EXPECT_EQ(pathOf(error), inDisk(".lock").toString(true).toUTF8());
+    EXPECT_EQ(bytesOf(victim()), "precious");
+}
+
+TEST_F(LocalFileSystemHostileFolderTest, ALockFileThatIsNoRegularFileIsNamedInTheError)
+{
+    std::filesystem::create_directories(temp.path() + "/disk/.lock");
+    for (const bool exclusive : {true, false}) {
+        const P<CError> error = errorOf([&] { fs->lockFolder(temp.uri() << "disk", exclusive); });
+        EXPECT_EQ(messageOf(error), "The path is not a regular file.");
+        EXPECT_EQ(pathOf(error), inDisk(".lock").toString(true).toUTF8());
+    }
+    std::filesystem::remove(temp.path() + "/disk/.lock");
+    ASSERT_EQ(::mkfifo((temp.path() + "/disk/.lock").c_str(), 0600), 0);
+    const P<CError> error = errorOf([&] { fs->lockFolder(temp.uri() << "disk", true); });
+    EXPECT_EQ(messageOf(error), "The path is not a regular file.");
+    EXPECT_EQ(pathOf(error), inDisk(".lock").toString(true).toUTF8());
+}
+
 } // namespace

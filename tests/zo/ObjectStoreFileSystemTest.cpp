@@ -376,4 +376,25 @@ TEST_F(ObjectStoreFileSystemTest, AListingTheStoreRefusesFallsBackToTheFolderMar
     EXPECT_EQ(openToRead(*fs, path("disk/bricks")), CFileSystemError::IsAFolder);
 }
 
+TEST_F(ObjectStoreFileSystemTest, APathWhoseDotDotClimbsAboveItsContainerIsRefused)
+{
+    objects->putBehindTheBack(object("disk.brickdisk"), "outside");
+    for (const char* escaping : {"memory://bucket/disk/../../disk.brickdisk", "memory://bucket/../disk.brickdisk",
+                                 "memory://bucket/./a/../../disk.brickdisk"}) {
+        SCOPED_TRACE(escaping);
+        EXPECT_THROW(fs->toObjectName(CURI(escaping)), CInvalidArgError);
+        EXPECT_THROW(fs->fileExists(CURI(escaping)), CInvalidArgError);
+        EXPECT_THROW(fs->openStream(CURI(escaping), IIOStream::AccessRead, IIOStream::OptionNone), CInvalidArgError);
+        EXPECT_THROW(fs->deleteFile(CURI(escaping), true), CInvalidArgError);
+    }
+    EXPECT_EQ(objects->read(object("disk.brickdisk")), "outside");
+}
+
+TEST_F(ObjectStoreFileSystemTest, DotDotInsideTheContainerNamesTheKeyItLeadsTo)
+{
+    EXPECT_EQ(fs->toObjectName(CURI("memory://bucket/chain/child/../parent/disk.brickdisk")).key,
+              "chain/parent/disk.brickdisk");
+    EXPECT_EQ(fs->toObjectName(CURI("memory://bucket/child/..")).key, "");
+}
+
 } // namespace

@@ -17,7 +17,9 @@ const char* getLocalFolderLockFileName();
 // that this process holds through another lock object), NotFound or
 // NotAFolder for a bad folder, NotSupported where the folder cannot hold a
 // lock file (a read-only file system without one) or the file system has no
-// such locks.
+// such locks. Neither the folder nor the lock file is followed as a symbolic
+// link; a lock file that is a link, a folder or a FIFO fails with an error
+// whose "path" is the lock file.
 P<IFileSystemLock> lockLocalFolder(const CURI& folder, bool exclusive);
 
 } // namespace zo
