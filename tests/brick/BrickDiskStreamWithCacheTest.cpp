@@ -450,21 +450,6 @@ TEST_F(BrickDiskStreamCacheCapacityTest, AWriteHitKeepsABrickFromBeingEvicted)
     EXPECT_TRUE(touchLoads(1));
 }
 
-TEST(BrickDiskStreamWithCacheOfEmptyBricksTest, RefusesADiskWhoseBricksHoldNoBytes)
-{
-    const P<CMemoryFileSystem> fs(new CMemoryFileSystem(2));
-    testsupport::createStreamTestDisk(fs.get(), kFolder, 100, 0, 0, nullptr);
-    const P<CBrickDisk> disk = testsupport::openStreamTestDisk(fs.get(), kFolder, IIOStream::AccessRead);
-    try {
-        CBrickDiskStreamWithCache stream(disk.get());
-        FAIL() << "no error thrown";
-    } catch (const zo::CInvalidArgError& e) {
-        EXPECT_EQ(e.getWhere(), "CBrickDiskStreamWithCache::CBrickDiskStreamWithCache");
-        EXPECT_EQ(e.getProps().lookup("brickSize"), "0");
-        EXPECT_EQ(e.getProps().lookup("diskFolder"), kFolder.toString(true));
-    }
-}
-
 TEST(BrickDiskStreamWithCacheOnLocalFilesTest, ReadsBackWhatWasWrittenThroughIt)
 {
     Bytes written, read;

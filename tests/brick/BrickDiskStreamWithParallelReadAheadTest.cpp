@@ -293,23 +293,6 @@ TEST_F(BrickDiskStreamWithParallelReadAheadTest, ShortBrickDataIsAnInternalError
     }
 }
 
-TEST_F(BrickDiskStreamWithParallelReadAheadTest, RefusesADiskWhoseBricksHoldNoBytes)
-{
-    testsupport::createStreamTestDisk(fs.get(), "/empty-bricks", 100, 0, 0, nullptr);
-    const P<CBrickDisk> emptyBricks =
-        testsupport::openStreamTestDisk(fs.get(), "/empty-bricks", IIOStream::AccessRead);
-    const int references = emptyBricks->getRefCount();
-    try {
-        CBrickDiskStreamWithParallelReadAhead stream(emptyBricks.get(), 2);
-        FAIL() << "no error thrown";
-    } catch (const zo::CInvalidArgError& e) {
-        EXPECT_EQ(e.getWhere(), "CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead");
-        EXPECT_EQ(e.getProps().lookup("brickSize"), "0");
-        EXPECT_EQ(e.getProps().lookup("diskFolder"), "/empty-bricks");
-    }
-    EXPECT_EQ(emptyBricks->getRefCount(), references);
-}
-
 TEST(BrickDiskStreamWithParallelReadAheadOnLocalFilesTest, ReadsTheBytesWrittenToTheDisk)
 {
     const testsupport::TempFolder temp;

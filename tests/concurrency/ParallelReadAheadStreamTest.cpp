@@ -195,19 +195,6 @@ TEST_F(ParallelReadAheadStreamTest, ClosingWhileThreadsWaitForWorkEndsThemPrompt
     EXPECT_EQ(fs->getRefCount(), fsReferences);
 }
 
-TEST_F(ParallelReadAheadStreamTest, AnEmptyDiskEndsAtOnceAndItsThreadsEndOnClose)
-{
-    makeDisk(0, 0);
-    const int fsReferences = fs->getRefCount();
-    const auto stream = openStream(3);
-    EXPECT_EQ(stream->getLength(), 0);
-    EXPECT_TRUE(stream->isEndOfStream());
-    char byte = 0;
-    EXPECT_EQ(stream->readLax(&byte, 1), 0);
-    ASSERT_TRUE(returnsInTime([stream] { stream->close(); }));
-    EXPECT_EQ(fs->getRefCount(), fsReferences);
-}
-
 TEST_F(ParallelReadAheadStreamTest, DestroyingAStreamInTheMiddleOfTheDiskEndsItsThreads)
 {
     makeDisk(20, 0);
