@@ -291,6 +291,17 @@ private:
     throw zo::CError("The NBD server ended while serving (see its messages above).", zo::String(), -1, props);
 }
 
+// Stops a server that still serves. nbdkit flushes the disk before it ends;
+// a server that could not store every changed brick says which and ends
+// with a failure, which is thrown here.
+void stopServer(CChildProcess& process, const std::string& disk)
+{
+    const int status = process.terminate();
+    if (status != 0 && status != 128 + SIGTERM)
+        throw zo::CError("The NBD server failed as it stopped (see its messages above).", zo::String(), -1,
+                         zo::CProps().add("diskFolder", disk).add("exitStatus", static_cast<zo::int64>(status)));
+}
+
 int runServe(const ServeOptions& options)
 {
     if (!options.socket.empty() && options.port != 0)
@@ -313,12 +324,7 @@ int runServe(const ServeOptions& options)
     }
     if (!server.process().isRunning())
         serverDied(server.process(), options.disk);
-    // nbdkit flushes the disk before it ends; a server that could not store
-    // every changed brick says which and ends with a failure.
-    const int status = server.process().terminate();
-    if (status != 0 && status != 128 + SIGTERM)
-        throw zo::CError("The NBD server failed as it stopped (see its messages above).", zo::String(), -1,
-                         zo::CProps().add("diskFolder", options.disk).add("exitStatus", static_cast<zo::int64>(status)));
+    stopServer(server.process(), options.disk);
     std::printf("Stopped serving %s.\n", options.disk.c_str());
     return 0;
 }
@@ -459,8 +465,7 @@ int runMount(const ServeOptions& options, const std::string& mountFolder)
         serverDied(server.process(), options.disk);
     }
     const int status = fuse.wait();
-    // nbdkit flushes the disk before it ends.
-    server.process().terminate();
+    stopServer(server.process(), options.disk);
     std::printf("Unmounted %s.\n", folder.c_str());
     return status == 0 ? 0 : 1;
 }
