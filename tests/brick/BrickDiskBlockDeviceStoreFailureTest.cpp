@@ -35,15 +35,6 @@ constexpr int64 kDiskSize = static_cast<int64>(kBrickCount) * kBrickSize;
 const char* const kFolder = "/disks/a";
 const char* const kPassword = "pw";
 
-std::string propOf(const CError& error, const std::string& name)
-{
-    for (const auto& [key, value] : testsupport::propsOf(error)) {
-        if (key == name)
-            return value;
-    }
-    return "";
-}
-
 class BrickDiskBlockDeviceStoreFailureTest : public ::testing::Test {
 protected:
     void SetUp() override { testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword); }
@@ -96,8 +87,8 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, AFailedStoreKeepsTheBrickForReadsAn
     const auto error = errorOf<CError>([&] { device->flush(); });
     ASSERT_TRUE(error);
     EXPECT_EQ(messageOf(*error), "Storing changed bricks failed.");
-    EXPECT_EQ(propOf(*error, "unstoredBricks"), "1");
-    EXPECT_EQ(propOf(*error, "brickIndex"), "0");
+    EXPECT_EQ(error->getProps().lookup("unstoredBricks"), "1");
+    EXPECT_EQ(error->getProps().lookup("brickIndex"), "0");
     ASSERT_NE(error->getCause(), nullptr);
     EXPECT_EQ(device->getUnstoredBricks(), std::vector<int64>{0});
     EXPECT_EQ(readDevice(*device, 0, kBrickSize), data);
@@ -138,7 +129,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, BricksEvictedWhileTheFileSystemIsFu
 
     const auto error = errorOf<CError>([&] { device->flush(); });
     ASSERT_TRUE(error);
-    EXPECT_EQ(propOf(*error, "unstoredBricks"), std::to_string(kBrickCount));
+    EXPECT_EQ(error->getProps().lookup("unstoredBricks"), zo::toDecimalString(kBrickCount));
     EXPECT_EQ(readDevice(*device, 0, static_cast<int>(kDiskSize)), data);
 
     fs->clearFailures();
