@@ -160,12 +160,18 @@ P<IFileSystemOp> CObjectStoreFileSystem::startOperation(IDoneListener* listener,
     };
     m_pending->enter();
     try {
-        m_pool->post([work = std::move(work), finish] {
+        m_pool->post([work = std::move(work), finish]() mutable {
+            P<CError> failure;
             try {
                 work(finish);
             } catch (...) {
-                finish(currentExceptionToError().get());
+                failure = currentExceptionToError();
             }
+            // What the work holds (a store's source) goes before a failed
+            // operation is seen to end.
+            work = nullptr;
+            if (failure)
+                finish(failure.get());
         });
     } catch (...) {
         finish(currentExceptionToError().get());
@@ -262,11 +268,15 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginStoreFile(const CURI& file, int si
 {
     checkStoreFileArguments("zo::CObjectStoreFileSystem::beginStoreFile", file, size, source);
     const ObjectName name = toObjectName(file);
-    return startOperation(listener, [this, file, name, size, source = P<IInStream>(source), overwrite](const auto& finish) {
+    return startOperation(listener, [this, file, name, size, source = P<IInStream>(source),
+                                     overwrite](const auto& finish) mutable {
         checkParentFolder(name, file);
         checkNotAFolder(name, file, overwrite);
         std::string bytes(static_cast<size_t>(size), '\0');
         const int got = size > 0 ? source->readLax(bytes.data(), size) : 0;
+        // The store may end before this function returns: the source is let
+        // go first, so that it is gone once the operation is seen to end.
+        source = nullptr;
         if (got < size)
             throw CIOError(CIOError::EndOfData, "The source delivered fewer bytes than the store expected.",
                            CProps().add("path", file.toString(true)).add("size", size).add("got", got));
