@@ -350,15 +350,22 @@ small_file_system() {
   cleanups+=("umount $work/small")
 }
 
+# disk_on_a_full_file_system SIZE_MIB FILLER_MIB: a 16 MiB disk in
+# $work/small/disk on a tmpfs of SIZE_MIB that a filler file of FILLER_MIB
+# ($work/small/filler) keeps too full for $work/image, 16 MiB of random bytes.
+disk_on_a_full_file_system() {
+  small_file_system "$1M"
+  make_disk "$work/small/disk" 16M
+  head -c 16777216 /dev/urandom >"$work/image"
+  head -c $(($2 * 1048576)) /dev/zero >"$work/small/filler"
+}
+
 # A served disk on a file system that fills up keeps every acknowledged write:
 # the flush fails, reads return the written bytes, and once room is made the
 # next flush (here the server's stop) stores them all.
 case_full_file_system_keeps_writes() {
-  small_file_system 40M
-  make_disk "$work/small/disk" 16M
-  head -c 16777216 /dev/urandom >"$work/image"
-  # Leaves about 6 MiB free: not enough for the image's bricks.
-  head -c 34603008 /dev/zero >"$work/small/filler"
+  # About 6 MiB free: not enough for the image's bricks.
+  disk_on_a_full_file_system 40 33
   serve a "$work/small/disk" cache=2M
   local uri
   uri=$(uri_of "$work/a.sock")
@@ -377,10 +384,7 @@ case_full_file_system_keeps_writes() {
 # A server that stops while bricks still cannot be stored says how many and
 # which, and exits with a failure.
 case_stop_with_unstored_bricks_fails() {
-  small_file_system 24M
-  make_disk "$work/small/disk" 16M
-  head -c 16777216 /dev/urandom >"$work/image"
-  head -c 20971520 /dev/zero >"$work/small/filler"
+  disk_on_a_full_file_system 24 20
   serve a "$work/small/disk" cache=64M
   nbdcopy "$work/image" "$(uri_of "$work/a.sock")" || fail "writes into the cache failed"
   kill "$last_pid"
