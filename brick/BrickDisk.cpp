@@ -4,6 +4,7 @@
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskHeaderLimits.h"
+#include "brick/BrickDiskIdentity.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/Version.h"
@@ -28,6 +29,22 @@ constexpr char kKeyDerivationSource[] = "CBrickDisk::deriveCypherKey";
 constexpr int kMinSaltSize = CBrickDiskHeaderLimits::kMinSaltSize;
 constexpr int kMinIterations = CBrickDiskHeaderLimits::kMinPBKDF2Iterations;
 constexpr int kSaltSize = 8;
+
+// The header of an unfinished child as its making left it, when it is there
+// and holds an authentic identity of a child.
+bool loadEarlierIdentity(zo::IFileSystem* fs, const zo::CURI& folder, const zo::TCryptBuffer<zo::uint8>& diskKey,
+                         CBrickDiskHeader& headerOut)
+{
+    if (!fs->fileExists(CBrickDiskHeader::getHeaderURI(folder, 0)) &&
+        !fs->fileExists(CBrickDiskHeader::getHeaderURI(folder, 1)))
+        return false;
+    try {
+        headerOut.load(fs, folder);
+    } catch (const zo::CError&) {
+        return false;
+    }
+    return CBrickDiskIdentity::isHeaderAuthentic(headerOut, diskKey) && headerOut.getHasParent();
+}
 
 } // namespace
 
@@ -166,13 +183,16 @@ void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, in
 {
     CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
     header.setCheckSumHashID(kAuthenticatedCheckSumID);
+    // Before the key is wrapped: the wrap binds that the disk has one.
+    CBrickDiskIdentity::giveNewIdentity(header, false);
+    zo::TCryptBuffer<uint8> key;
     if (password.isEmpty()) {
         header.setCipherID("null");
         setEmptyKeyHash(header);
     } else {
-        zo::TCryptBuffer<uint8> key;
         CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
     }
+    CBrickDiskIdentity::sealIdentity(header, key);
     CBrickDiskHeaderLimits::validate(header, diskFolder);
     CBrickDiskCreationTime::storeNow(fs, diskFolder);
     header.store(fs, diskFolder);
@@ -208,6 +228,13 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
 void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
                              ChildType childType)
 {
+    createChild(fs, childDiskFolder, parentDiskFolder, childType, zo::TCryptBuffer<uint8>());
+}
+
+void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
+                             ChildType childType, const zo::TCryptBuffer<uint8>& diskKey)
+{
+    using Kind = CBrickDiskIdentity::LinkKind;
     const auto folderProps = [&] {
         return zo::CProps()
             .add("childDiskFolder", childDiskFolder.toString(true))
@@ -227,6 +254,11 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
     const CURI child = childDiskFolder.toNormalized();
     const CURI parent = parentDiskFolder.toNormalized();
     const String creatingMark = getCreatingMarkFileName();
+
+    CBrickDiskHeader parentHeader;
+    parentHeader.load(fs, parentDiskFolder);
+    if (parentHeader.hasIdentity())
+        CBrickDiskIdentity::requireKey(parentHeader, diskKey, parentDiskFolder);
 
     fs->createFolder(childDiskFolder, kFolderMode);
     const Completion completion = getCompletion(fs, childDiskFolder);
@@ -252,9 +284,22 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
     if (completion == Finished)
         storeLink(fs, childDiskFolder, creatingMark, parentTarget);
 
-    CBrickDiskHeader header;
-    header.load(fs, parentDiskFolder);
-    // The child's own creation time (its header is the parent's).
+    // The child's header is the parent's (so the parent's password opens
+    // it), with an identity of its own: the one it got when its making was
+    // cut short, so that links already tied to it stay true.
+    CBrickDiskHeader header(parentHeader);
+    if (header.hasIdentity()) {
+        CBrickDiskHeader earlier;
+        if (completion == CreationUnfinished && loadEarlierIdentity(fs, childDiskFolder, diskKey, earlier)) {
+            header.setDiskID(earlier.getDiskID());
+            header.setHasParent(true);
+            header.setIdentityTag(earlier.getIdentityTag());
+        } else {
+            CBrickDiskIdentity::giveNewIdentity(header, true);
+            CBrickDiskIdentity::sealIdentity(header, diskKey);
+        }
+    }
+    // The child's own creation time.
     CBrickDiskCreationTime::storeNow(fs, childDiskFolder);
     header.store(fs, childDiskFolder);
 
@@ -269,17 +314,21 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
         const CURI ownChildTarget = loadLink(fs, childDiskFolder, getChildLinkFileName());
         oldChildFolder = ownChildTarget.isEmpty() ? CURI() : (childDiskFolder << ownChildTarget).toNormalized();
     }
-    if (!oldChildFolder.isEmpty())
-        storeLink(fs, childDiskFolder, getChildLinkFileName(), relative(oldChildFolder, childDiskFolder));
-
-    CBrickDiskLink parentLink;
-    parentLink.setTargetURI(parentTarget);
-    parentLink.store(fs, childDiskFolder, getParentLinkFileName());
+    CBrickDiskHeader oldChildHeader;
+    if (!oldChildFolder.isEmpty()) {
+        if (header.hasIdentity())
+            oldChildHeader.load(fs, oldChildFolder);
+        CBrickDiskIdentity::storeLink(fs, childDiskFolder, header, Kind::Child,
+                                      relative(oldChildFolder, childDiskFolder), oldChildHeader, diskKey);
+    }
+    CBrickDiskIdentity::storeLink(fs, childDiskFolder, header, Kind::Parent, parentTarget, parentHeader, diskKey);
 
     if (childType == linkedChild) {
         if (!oldChildFolder.isEmpty())
-            storeLink(fs, oldChildFolder, getParentLinkFileName(), relative(childDiskFolder, oldChildFolder));
-        storeLink(fs, parentDiskFolder, getChildLinkFileName(), relative(childDiskFolder, parentDiskFolder));
+            CBrickDiskIdentity::storeLink(fs, oldChildFolder, oldChildHeader, Kind::Parent,
+                                          relative(childDiskFolder, oldChildFolder), header, diskKey);
+        CBrickDiskIdentity::storeLink(fs, parentDiskFolder, parentHeader, Kind::Child,
+                                      relative(childDiskFolder, parentDiskFolder), header, diskKey);
     }
     for (int copy = 0; copy < 2; ++copy)
         fs->deleteFile(CBrickDiskLink::getAuxFileURI(childDiskFolder, creatingMark, copy), true);
@@ -338,12 +387,21 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
     m_position = 0;
     m_lastBrickIndex = -1;
 
-    const CURI childTarget = loadLink(fs, diskFolder, getChildLinkFileName());
-    if (!childTarget.isEmpty()) {
-        m_childDiskFolder = (diskFolder << childTarget).toNormalized();
-        // A child whose folder is gone is ignored: its bricks cannot be kept.
-        if (!fs->folderExists(m_childDiskFolder))
-            m_childDiskFolder = CURI();
+    if (m_header.hasIdentity()) {
+        if (!CBrickDiskIdentity::isHeaderAuthentic(m_header, m_cipherKey))
+            throw CError("The disk's identity is not authentic.", String(), -1,
+                         zo::CProps().add("diskFolder", diskFolder.toString(true)));
+        CBrickDiskHeader childHeader;
+        m_childDiskFolder = CBrickDiskIdentity::followLink(fs, diskFolder, m_header,
+                                                           CBrickDiskIdentity::LinkKind::Child, m_cipherKey, childHeader);
+    } else {
+        const CURI childTarget = loadLink(fs, diskFolder, getChildLinkFileName());
+        if (!childTarget.isEmpty()) {
+            m_childDiskFolder = (diskFolder << childTarget).toNormalized();
+            // A child whose folder is gone is ignored: its bricks cannot be kept.
+            if (!fs->folderExists(m_childDiskFolder))
+                m_childDiskFolder = CURI();
+        }
     }
     followParentLinks();
 
@@ -356,11 +414,23 @@ void CBrickDisk::followParentLinks()
     // again means the links run in a circle.
     zo::TSet<String> visited{m_diskFolder.toNormalized().toString(true)};
     CURI current = m_diskFolder;
+    // A disk with an identity is followed to its parents by their IDs, each
+    // link and header checked under the key.
+    CBrickDiskHeader currentHeader(m_header);
     for (;;) {
-        const CURI target = loadLink(m_fs.get(), current, getParentLinkFileName());
-        if (target.isEmpty())
+        CURI parent;
+        if (currentHeader.hasIdentity()) {
+            CBrickDiskHeader parentHeader;
+            parent = CBrickDiskIdentity::followLink(m_fs.get(), current, currentHeader,
+                                                    CBrickDiskIdentity::LinkKind::Parent, m_cipherKey, parentHeader);
+            currentHeader = parentHeader;
+        } else {
+            const CURI target = loadLink(m_fs.get(), current, getParentLinkFileName());
+            if (!target.isEmpty())
+                parent = (current << target).toNormalized();
+        }
+        if (parent.isEmpty())
             return;
-        const CURI parent = (current << target).toNormalized();
         const String parentString = parent.toString(true);
         if (visited.count(parentString) != 0)
             throw CError("Parent link loop detected in brick disk.", String(), -1,

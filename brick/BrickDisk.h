@@ -139,8 +139,18 @@ public:
     // folders finishes it (whatever step it reached), and CBrickDiskRemover
     // removes it. A folder whose mark names another parent throws CError
     // "The folder holds an unfinished child of another disk.".
+    //
+    // A parent with an identity (the authenticated format) needs its key:
+    // the child gets an identity of its own and every link written is tied
+    // under the key (see CBrickDiskIdentity). This call passes an empty key,
+    // enough for unencrypted disks and disks without an identity; for others
+    // it throws the zo::CInvalidArgError of CBrickDiskIdentity::requireKey,
+    // as does a wrong key, before anything is written.
     static void createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
                             ChildType childType);
+    // The same with the disk key `diskKey` (empty for an unencrypted disk).
+    static void createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
+                            ChildType childType, const zo::TCryptBuffer<zo::uint8>& diskKey);
 
     // ---- Opening ------------------------------------------------------------
 
@@ -163,7 +173,10 @@ public:
     // any non-empty password of an unencrypted disk), NewerSoftwareRequired
     // when the header needs a newer reader (or, for writing, a newer writer),
     // CError "Parent link loop detected in brick disk." (with "diskFolder"
-    // and "loopFolder") when the parent links run in a circle, and passes on
+    // and "loopFolder") when the parent links run in a circle, the CErrors
+    // of CBrickDiskIdentity::followLink for a disk with an identity whose
+    // links or linked disks are not what its identity says (and CError "The
+    // disk's identity is not authentic." for its own header), and passes on
     // the errors of the header, link files and key derivation, among them
     // the CError of a key derivation that costs more than allowed.
     CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& password, IIOStream::Access access,
@@ -187,6 +200,10 @@ public:
     // Every ancestor's folder, nearest first.
     const zo::TList<CURI>& getParentDiskFolders() const { return m_parentDiskFolders; }
     const CBrickDiskHeader& getHeader() const { return m_header; }
+    // The disk's key (empty for an unencrypted disk), for the records that
+    // it authenticates, such as the links of a child made while the disk is
+    // open. Secret: never shown or stored.
+    const zo::TCryptBuffer<zo::uint8>& getCipherKey() const { return m_cipherKey; }
     int64 getSize() const { return m_diskSize; }
     int64 getBrickSize() const { return m_brickSize; }
     int getPayloadBlockSize() const;

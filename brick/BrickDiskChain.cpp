@@ -22,6 +22,20 @@ bool holdsHeader(zo::IFileSystem* fs, const CURI& folder)
            fs->fileExists(CBrickDiskHeader::getHeaderURI(folder, 1));
 }
 
+bool holdsLink(zo::IFileSystem* fs, const CURI& folder, const String& linkFileName)
+{
+    return fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, linkFileName, 0)) ||
+           fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, linkFileName, 1));
+}
+
+// True when `link`, held by the disk of `holder`, names that disk and the
+// disk of `linked` by their IDs (without the key, the tags are not checked).
+bool linksByID(const CBrickDiskLink& link, const CBrickDiskHeader& holder, const CBrickDiskHeader& linked)
+{
+    return link.hasIdentity() && linked.hasIdentity() && link.getHolderID() == holder.getDiskID() &&
+           link.getLinkedID() == linked.getDiskID();
+}
+
 void addDifference(String& text, const String& part)
 {
     if (!text.isEmpty())
@@ -42,9 +56,19 @@ CBrickDiskChain::CBrickDiskChain(zo::IFileSystem* fs, const CURI& diskFolder)
 
     std::set<String> visited{disk.folder.toString(true)};
     for (CURI current = disk.folder;;) {
-        const CURI parent = loadLinkedFolder(fs, current, CBrickDisk::getParentLinkFileName());
-        if (parent.isEmpty())
+        const CBrickDiskHeader& currentHeader = m_members.back().header;
+        const String linkFileName = CBrickDisk::getParentLinkFileName();
+        if (!holdsLink(fs, current, linkFileName)) {
+            // A disk with an identity says whether it has a parent: without
+            // the link it would read holes where its parent's bricks are.
+            if (currentHeader.hasIdentity() && currentHeader.getHasParent())
+                throw CError("The disk has a parent disk, but its parent link is missing.", String(), -1,
+                             zo::CProps().add("diskFolder", current.toString(true)));
             return;
+        }
+        CBrickDiskLink link;
+        link.load(fs, current, linkFileName);
+        const CURI parent = (current << link.getTargetURI()).toNormalized();
         if (!visited.insert(parent.toString(true)).second)
             throw CError("Parent link loop detected in brick disk.", String(), -1,
                          zo::CProps()
@@ -60,6 +84,8 @@ CBrickDiskChain::CBrickDiskChain(zo::IFileSystem* fs, const CURI& diskFolder)
             try {
                 member.header.load(fs, parent);
                 member.problem = describeDifference(member.header, m_members.front().header);
+                if (member.problem.isEmpty() && currentHeader.hasIdentity() && !linksByID(link, currentHeader, member.header))
+                    member.problem = "it is not the disk that the parent link names";
             } catch (const CError& e) {
                 member.problem = "its header cannot be read: " + e.toString();
             }
@@ -104,8 +130,7 @@ CURI CBrickDiskChain::locateBrick(zo::IFileSystem* fs, zo::int64 brickIndex) con
 
 CURI CBrickDiskChain::loadLinkedFolder(zo::IFileSystem* fs, const CURI& diskFolder, const String& linkFileName)
 {
-    if (!fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, linkFileName, 0)) &&
-        !fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, linkFileName, 1)))
+    if (!holdsLink(fs, diskFolder, linkFileName))
         return CURI();
     CBrickDiskLink link;
     link.load(fs, diskFolder, linkFileName);

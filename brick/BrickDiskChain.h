@@ -37,10 +37,15 @@ public:
     // a mark is read as any other: it holds no brick that its child would
     // miss), the header's errors for the disk itself, CError "Parent
     // link loop detected in brick disk." ("diskFolder", "loopFolder") when
-    // the links run in a circle, and the errors of link files that exist but
-    // cannot be read. An ancestor that is missing, holds no disk or differs
-    // from the disk is kept as a member with its problem; the walk stops
-    // there. The file system is used only during construction.
+    // the links run in a circle, CError "The disk has a parent disk, but its
+    // parent link is missing." ("diskFolder") when a disk with an identity
+    // that says it has a parent has no parent link, and the errors of link
+    // files that exist but cannot be read. An ancestor that is missing,
+    // holds no disk, differs from the disk or, below a disk with an
+    // identity, is not the disk that the link names by ID ("it is not the
+    // disk that the parent link names") is kept as a member with its
+    // problem; the walk stops there. Without the key, the tags of the
+    // identities are not checked: opening the disk does that. The file system is used only during construction.
     CBrickDiskChain(zo::IFileSystem* fs, const zo::CURI& diskFolder);
 
     // The disk first, then its ancestors, nearest first.

@@ -9,6 +9,8 @@
 #include "zo/DataStream.h"
 #include "zo/Error.h"
 
+#include <cstring>
+
 namespace brick {
 
 using zo::CURI;
@@ -18,6 +20,8 @@ namespace {
 
 constexpr const char* kHeaderFileID = "BRCKDISK";
 constexpr double kGrowFactor = 2.0;
+constexpr const char* kIdentityMark = "BRCKIDNT";
+constexpr zo::int32 kHasParentFlag = 1;
 
 } // namespace
 
@@ -63,6 +67,12 @@ void CBrickDiskHeader::store(zo::IFileSystem* fs, const CURI& folder) const
         out.writeInt32(m_cipherKeyDerivationLanes);
         record::writeByteBlock(out, m_wrappedCipherKey);
     }
+    if (hasIdentity()) {
+        record::writeFileID(out, kIdentityMark);
+        record::writeByteBlock(out, m_diskID);
+        out.writeInt32(m_hasParent ? kHasParentFlag : 0);
+        record::writeByteBlock(out, m_identityTag);
+    }
     storeAuxFile(fs, folder, getHeaderFilename(), *stream->getBuffer());
 }
 
@@ -99,7 +109,9 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     const zo::int64 iterations = in.readInt64();
     m_cipherKeyDerivationIterations = static_cast<int>(iterations);
 
-    // Other derivers end the record here; what may follow is not read.
+    // Only a key-wrapped header holds the next three fields, only a header
+    // with an identity the marked three after them; other bytes after the
+    // last field are not read.
     m_cipherKeyDerivationMemoryKiB = 0;
     m_cipherKeyDerivationLanes = 0;
     m_wrappedCipherKey.setUsed(0);
@@ -112,6 +124,19 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
         m_cipherKeyDerivationMemoryKiB = in.readInt32();
         m_cipherKeyDerivationLanes = in.readInt32();
         record::readByteBlock(in, *stream, m_wrappedCipherKey);
+    }
+    m_diskID.setUsed(0);
+    m_hasParent = false;
+    m_identityTag.setUsed(0);
+    if (stream->getLength() - stream->getPosition() >= static_cast<zo::int64>(std::strlen(kIdentityMark)) &&
+        record::readFileIDMatches(in, kIdentityMark)) {
+        record::readByteBlock(in, *stream, m_diskID);
+        const zo::int32 flags = in.readInt32();
+        if (flags != 0 && flags != kHasParentFlag)
+            throw zo::CError("brickdisk header holds unknown identity flags.", zo::String(), -1,
+                             zo::CProps().add("flags", flags).add("diskFolder", folder.toString(true)));
+        m_hasParent = flags == kHasParentFlag;
+        record::readByteBlock(in, *stream, m_identityTag);
     }
     // Before any caller sizes a buffer, a loop or a key derivation by it.
     CBrickDiskHeaderLimits::validate(*this, folder);

@@ -107,6 +107,24 @@ public:
     // True when the record holds the memory, lanes and wrapped key fields.
     bool hasKeyWrapFields() const;
 
+    // A disk of the authenticated format has an identity: a random ID of
+    // its own, whether it has a parent disk, and a tag under the disk's key
+    // over both (see CBrickDiskIdentity). Its header stores the three after
+    // its last other field, behind the mark "BRCKIDNT"; its links name the
+    // disks they tie by ID. A key-wrapped header binds into the wrap that it
+    // has an identity, so the identity cannot be cut off unseen.
+    bool hasIdentity() const { return !m_diskID.isEmpty(); }
+    // The disk's ID: 16 random bytes, made with the disk; empty for a disk
+    // without an identity.
+    const zo::TBuffer<zo::uint8>& getDiskID() const { return m_diskID; }
+    void setDiskID(const zo::TBuffer<zo::uint8>& id) { m_diskID.assign(id); }
+    // True for a child disk: its parent link must be there.
+    bool getHasParent() const { return m_hasParent; }
+    void setHasParent(bool hasParent) { m_hasParent = hasParent; }
+    // HMAC-SHA256 of the ID and the parent flag under the disk's record key.
+    const zo::TBuffer<zo::uint8>& getIdentityTag() const { return m_identityTag; }
+    void setIdentityTag(const zo::TBuffer<zo::uint8>& tag) { m_identityTag.assign(tag); }
+
 protected:
     // "disk.brickdisk".
     static zo::String getHeaderFilename();
@@ -129,6 +147,9 @@ private:
     int m_cipherKeyDerivationLanes = 0;
     zo::TBuffer<zo::uint8> m_wrappedCipherKey;
     zo::String m_compressID = "lz4";
+    zo::TBuffer<zo::uint8> m_diskID;
+    bool m_hasParent = false;
+    zo::TBuffer<zo::uint8> m_identityTag;
     static constexpr int kFixedObjectsPerTreeLevel = 97;
     static constexpr int kFixedTreeLevels = 5;
     int m_objectsPerTreeLevel = kFixedObjectsPerTreeLevel;

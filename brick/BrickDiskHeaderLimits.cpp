@@ -1,6 +1,7 @@
 #include "brick/BrickDiskHeaderLimits.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskIdentity.h"
 #include "brick/BrickDiskKeyWrap.h"
 
 #include "seal/KeyWrap.h"
@@ -44,6 +45,8 @@ constexpr Field kIterations{"cipherKeyDerivationIterations", "key derivation ite
 constexpr Field kMemory{"cipherKeyDerivationMemoryKiB", "key derivation memory (KiB)"};
 constexpr Field kLanes{"cipherKeyDerivationLanes", "key derivation lane count"};
 constexpr Field kWrappedKey{"wrappedCipherKey", "wrapped key length"};
+constexpr Field kDiskID{"diskID", "disk ID length"};
+constexpr Field kIdentityTag{"identityTag", "identity tag length"};
 
 String shown(const String& value)
 {
@@ -179,6 +182,12 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
         checkRange(kCipherKeyHash, header.getCipherKeyHash().getUsed(), keyHashLength, keyHashLength);
         checkCompressID(header.getCompressID());
         validateKeyDerivation(header);
+        if (header.hasIdentity()) {
+            checkRange(kDiskID, header.getDiskID().getUsed(), CBrickDiskIdentity::kDiskIDSize,
+                       CBrickDiskIdentity::kDiskIDSize);
+            checkRange(kIdentityTag, header.getIdentityTag().getUsed(), CBrickDiskIdentity::kTagSize,
+                       CBrickDiskIdentity::kTagSize);
+        }
     } catch (zo::CError& e) {
         e.getProps().add("diskFolder", diskFolder.toString(true));
         throw;

@@ -20,6 +20,7 @@ constexpr int kKeySize = 32;
 constexpr int kSaltSize = 16;
 constexpr char kKeyCheckInfo[] = "brickdisk key check";
 constexpr char kWrapLabel[] = "brickdisk wrapped cipher key";
+constexpr char kIdentityLabel[] = "with identity";
 
 // What the wrap authenticates besides the key: a label and every field of
 // the header that the password does not choose, so that a header changed
@@ -41,6 +42,10 @@ zo::TBuffer<zo::uint8> boundFields(const CBrickDiskHeader& header)
     out.writeString(header.getCipherID());
     out.writeString(header.getCompressID());
     out.writeString(header.getCipherKeyDeriverID());
+    // That the disk has an identity (not which: a child shares its parent's
+    // wrap), so that cutting the identity off the header is found.
+    if (header.hasIdentity())
+        out.write(kIdentityLabel, static_cast<int>(sizeof(kIdentityLabel) - 1));
     return *stream->getBuffer();
 }
 

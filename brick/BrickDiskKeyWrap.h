@@ -5,7 +5,8 @@
 // digest ID "hkdf-sha256") in place of the key's digest. Changing the
 // password wraps the same key anew, so no brick is touched, and a wrong
 // password is found by the wrap's own authentication, which also covers
-// every other field of the header (sizes, algorithm IDs, versions): a header
+// every other field of the header (sizes, algorithm IDs, versions, whether
+// the disk has an identity): a header
 // changed anywhere does not open.
 //
 // Every call is static, keeps no state and may run on any thread at once.

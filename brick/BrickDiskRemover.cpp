@@ -3,6 +3,7 @@
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickDiskIdentity.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickTree.h"
 #include "brick/detail/FolderMode.h"
@@ -151,11 +152,21 @@ bool isRemovalLeftover(zo::IFileSystem* fs, const CURI& folder)
     return true;
 }
 
+// Loads the header of the disk in `folder` into `header` when the folder
+// holds one; leaves `header` as it is otherwise.
+void loadHeaderIfThere(zo::IFileSystem* fs, const CURI& folder, CBrickDiskHeader& header)
+{
+    if (!folder.isEmpty() && (fs->fileExists(CBrickDiskHeader::getHeaderURI(folder, 0)) ||
+                              fs->fileExists(CBrickDiskHeader::getHeaderURI(folder, 1))))
+        header.load(fs, folder);
+}
+
 // Takes the disk out from between its parent and its child: the steps of
 // the removal from the copying of bricks on, each done only where it is not
 // done yet, so that a removal cut short anywhere is finished by this again.
 CBrickDiskRemover::Outcome untie(zo::IFileSystem* fs, const CURI& disk, const CURI& parent, const CURI& child,
-                                 const std::function<void()>& checkpoint, const Progress& onProgress)
+                                 const zo::TCryptBuffer<zo::uint8>& diskKey, const std::function<void()>& checkpoint,
+                                 const Progress& onProgress)
 {
     CBrickDiskRemover::Outcome outcome;
     const String parentLink = CBrickDisk::getParentLinkFileName();
@@ -167,6 +178,22 @@ CBrickDiskRemover::Outcome untie(zo::IFileSystem* fs, const CURI& disk, const CU
     const CURI parentsChild =
         fs->folderExists(parent) ? CBrickDiskChain::loadLinkedFolder(fs, parent, childLink) : CURI();
     const bool stillLinked = parentsChild.toString(true) == disk.toString(true);
+    const bool childLinksHere = !child.isEmpty() && fs->folderExists(child) &&
+                                CBrickDiskChain::loadLinkedFolder(fs, child, parentLink).toString(true) ==
+                                    disk.toString(true);
+    // Links of disks with an identity are tied under the key: the two disks
+    // whose links change are loaded, and the key checked, before anything
+    // changes.
+    CBrickDiskHeader parentHeader;
+    CBrickDiskHeader childHeader;
+    if (stillLinked || childLinksHere) {
+        loadHeaderIfThere(fs, parent, parentHeader);
+        loadHeaderIfThere(fs, child, childHeader);
+    }
+    if (parentHeader.hasIdentity())
+        CBrickDiskIdentity::requireKey(parentHeader, diskKey, parent);
+    if (childHeader.hasIdentity())
+        CBrickDiskIdentity::requireKey(childHeader, diskKey, child);
     if (stillLinked && !child.isEmpty()) {
         CBrickDiskHeader header;
         header.load(fs, disk);
@@ -176,15 +203,17 @@ CBrickDiskRemover::Outcome untie(zo::IFileSystem* fs, const CURI& disk, const CU
     // files go): it must not open again.
     if (CBrickDisk::getCompletion(fs, disk) == CBrickDisk::Finished)
         storeLinkTo(fs, disk, CBrickDisk::getRemovingMarkFileName(), parent);
+    using Kind = CBrickDiskIdentity::LinkKind;
     if (stillLinked) {
         if (child.isEmpty())
             deleteLink(fs, parent, childLink);
         else
-            storeLinkTo(fs, parent, childLink, child);
+            CBrickDiskIdentity::storeLink(fs, parent, parentHeader, Kind::Child, child.toRelative(parent), childHeader,
+                                          diskKey);
     }
-    if (!child.isEmpty() && fs->folderExists(child) &&
-        CBrickDiskChain::loadLinkedFolder(fs, child, parentLink).toString(true) == disk.toString(true))
-        storeLinkTo(fs, child, parentLink, parent);
+    if (childLinksHere)
+        CBrickDiskIdentity::storeLink(fs, child, childHeader, Kind::Parent, parent.toRelative(child), parentHeader,
+                                      diskKey);
     outcome.filesDeleted = deleteDiskFiles(fs, disk, files, onProgress);
     return outcome;
 }
@@ -192,6 +221,14 @@ CBrickDiskRemover::Outcome untie(zo::IFileSystem* fs, const CURI& disk, const CU
 } // namespace
 
 CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const CURI& diskFolder,
+                                                     const std::function<void()>& checkpoint,
+                                                     const ProgressListener& onProgress)
+{
+    return remove(fs, diskFolder, zo::TCryptBuffer<zo::uint8>(), checkpoint, onProgress);
+}
+
+CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const CURI& diskFolder,
+                                                     const zo::TCryptBuffer<zo::uint8>& diskKey,
                                                      const std::function<void()>& checkpoint,
                                                      const ProgressListener& onProgress)
 {
@@ -207,15 +244,15 @@ CBrickDiskRemover::Outcome CBrickDiskRemover::remove(zo::IFileSystem* fs, const 
                                                                           : CBrickDisk::getRemovingMarkFileName();
         const CURI disk = diskFolder.toNormalized();
         return untie(fs, disk, CBrickDiskChain::loadLinkedFolder(fs, disk, mark),
-                     CBrickDiskChain::loadLinkedFolder(fs, disk, CBrickDisk::getChildLinkFileName()), checkpoint,
-                     onProgress);
+                     CBrickDiskChain::loadLinkedFolder(fs, disk, CBrickDisk::getChildLinkFileName()), diskKey,
+                     checkpoint, onProgress);
     }
     const CBrickDiskChain chain(fs, diskFolder);
     chain.validate();
     if (chain.getMembers().size() < 2)
         throw CError("Only a disk with a parent disk can be removed from its chain.", String(), -1,
                      zo::CProps().add("diskFolder", diskFolder.toString(true)));
-    return untie(fs, chain.getDiskFolder(), chain.getMembers()[1].folder, chain.getChildFolder(), checkpoint,
+    return untie(fs, chain.getDiskFolder(), chain.getMembers()[1].folder, chain.getChildFolder(), diskKey, checkpoint,
                  onProgress);
 }
 

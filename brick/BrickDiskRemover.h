@@ -24,6 +24,7 @@
 // from wherever its making stopped.
 #pragma once
 
+#include "zo/Buffer.h"
 #include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/URI.h"
@@ -68,7 +69,16 @@ public:
     // `onProgress`, when given, is called on the caller's thread after each
     // brick file of step 1 and each file deleted in step 4 (a way to show a
     // long removal going on); it should not throw.
+    //
+    // The disks of the authenticated format tie their links under the disk
+    // key (see CBrickDiskIdentity): this call passes an empty key, enough
+    // for unencrypted disks and disks without an identity; for others it
+    // throws the zo::CInvalidArgError of CBrickDiskIdentity::requireKey
+    // before anything changes.
     static Outcome remove(zo::IFileSystem* fs, const zo::CURI& diskFolder,
+                          const std::function<void()>& checkpoint = {}, const ProgressListener& onProgress = {});
+    // The same with the chain's key `diskKey` (empty for an unencrypted disk).
+    static Outcome remove(zo::IFileSystem* fs, const zo::CURI& diskFolder, const zo::TCryptBuffer<zo::uint8>& diskKey,
                           const std::function<void()>& checkpoint = {}, const ProgressListener& onProgress = {});
 };
 

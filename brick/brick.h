@@ -10,6 +10,7 @@
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskHeaderLimits.h"
+#include "brick/BrickDiskIdentity.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickDiskBlockDevice.h"

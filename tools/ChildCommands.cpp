@@ -34,6 +34,7 @@ struct ChildOptions {
     std::string disk;
     std::string child;
     bool standAlone = false;
+    CPasswordSource passwords;
 };
 
 // A child inside a folder of the chain would become part of that disk's
@@ -117,8 +118,9 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
         return 0;
     // Making a child rewrites the parent's link to its child.
     const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
+    const zo::TCryptBuffer<zo::uint8> key = keyForLinks(fs.get(), parent, options.passwords);
     try {
-        brick::CBrickDisk::createChild(fs.get(), child, parent, type);
+        brick::CBrickDisk::createChild(fs.get(), child, parent, type, key);
     } catch (const zo::CError& e) {
         if (brick::CBrickDisk::getCompletion(fs.get(), child) != brick::CBrickDisk::CreationUnfinished)
             throw;
@@ -143,6 +145,10 @@ void addFolderOptions(CLI::App& command, ChildOptions& options, const char* chil
 {
     command.add_option("DISK", options.disk, "Folder of the parent disk")->required();
     command.add_option(childName, options.child, childHelp)->required();
+    // The links of an encrypted disk of the authenticated format are tied
+    // under its key.
+    options.passwords.addOptionTo(command);
+    options.passwords.addAllowExpensiveKdfOptionTo(command);
 }
 
 } // namespace

@@ -23,6 +23,7 @@ namespace {
 
 struct DeleteOptions {
     std::string disk;
+    CPasswordSource passwords;
 };
 
 // Removes the folders that the removal left empty, deepest first; anything
@@ -44,6 +45,9 @@ int runDelete(const DeleteOptions& options)
     zo::P<brick::CBrickDiskLock> diskLock;
     zo::P<brick::CBrickDiskLock> parentLock;
     zo::CURI child;
+    // The disk whose header says whether links are tied under the key: the
+    // disk's own, or its parent's when a cut-short making left it without.
+    zo::CURI keyFolder = folder;
     const brick::CBrickDisk::Completion completion = brick::CBrickDisk::getCompletion(fs.get(), folder);
     if (completion != brick::CBrickDisk::Finished) {
         // A snapshot whose making or deletion was cut short does not open;
@@ -56,6 +60,9 @@ int runDelete(const DeleteOptions& options)
         diskLock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);
         if (fs->folderExists(parent))
             parentLock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForReading);
+        if (!fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) &&
+            !fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 1)))
+            keyFolder = parent;
     } else if (fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 0)) ||
                fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(folder, 1))) {
         loadDiskHeader(fs.get(), folder);
@@ -68,6 +75,10 @@ int runDelete(const DeleteOptions& options)
         if (chain.getMembers().size() > 1 && chain.getMembers()[1].problem.isEmpty())
             parentLock = lockDisk(fs.get(), chain.getMembers()[1].folder, brick::CBrickDiskLock::ForReading);
     }
+    zo::TCryptBuffer<zo::uint8> key;
+    if (fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(keyFolder, 0)) ||
+        fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(keyFolder, 1)))
+        key = keyForLinks(fs.get(), keyFolder, options.passwords);
     brick::CBrickDiskRemover::Outcome outcome;
     {
         // One bar for each long step: the bricks kept for the child, then the files deleted.
@@ -84,7 +95,7 @@ int runDelete(const DeleteOptions& options)
             }
             progress->update(done);
         };
-        outcome = brick::CBrickDiskRemover::remove(fs.get(), folder, throwIfInterrupted, onProgress);
+        outcome = brick::CBrickDiskRemover::remove(fs.get(), folder, key, throwIfInterrupted, onProgress);
     }
     diskLock.reset();
     if (isLocalFolder(folder))
@@ -107,6 +118,10 @@ CommandAction addDeleteCommand(CLI::App& program)
     CLI::App* command = program.add_subcommand(
         "delete", "Delete a snapshot (or child) from its chain; every other disk reads exactly as before");
     command->add_option("SNAPSHOT", options->disk, "Folder of the snapshot to delete")->required();
+    // The links of an encrypted disk of the authenticated format are tied
+    // under its key.
+    options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
     return [options] { return runDelete(*options); };
 }
 

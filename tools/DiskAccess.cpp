@@ -235,6 +235,18 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
     return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps, options));
 }
 
+zo::TCryptBuffer<zo::uint8> keyForLinks(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords)
+{
+    zo::TCryptBuffer<zo::uint8> key;
+    const brick::CBrickDiskHeader header = loadDiskHeader(fs, folder);
+    if (!header.hasIdentity() || header.getCipherID() == "null")
+        return key;
+    const zo::String password = passwords.forExistingDisk(folder.toLocalPath());
+    if (!brick::CBrickDisk::isEncryptPasswordCorrect(header, password, &key, passwords.allowsExpensiveKdf()))
+        throw brick::CBrickDiskError(brick::CBrickDiskError::IncorrectPassword, folder);
+    return key;
+}
+
 void addForceShareOption(CLI::App& command, bool& forceShare)
 {
     command.add_flag("--force-share", forceShare,

@@ -97,6 +97,13 @@ bool isMissingOrEmptyFolder(zo::IFileSystem* fs, const zo::CURI& folder);
 zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords,
                                   zo::IIOStream::Access access, int maxBackgroundOps);
 
+// The key that ties the links of the disk in `folder` (see
+// brick::CBrickDiskIdentity), for commands that change links without
+// opening the disk: empty for a disk without an identity or an unencrypted
+// one; otherwise the key that the password from `passwords` unwraps (a
+// wrong one throws the library's CBrickDiskError IncorrectPassword).
+zo::TCryptBuffer<zo::uint8> keyForLinks(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords);
+
 // Adds --force-share to a command that only reads a disk.
 void addForceShareOption(CLI::App& command, bool& forceShare);
 

@@ -4,6 +4,7 @@
 #include "zo/Error.h"
 
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <memory>
@@ -153,6 +154,11 @@ private:
 zo::P<IDigestContext> createHMACSHA256Context(const void* key, int keySize)
 {
     return zo::P<IDigestContext>(new CHMACSHA256Context(key, keySize));
+}
+
+bool equalInConstantTime(const void* a, const void* b, int size)
+{
+    return size <= 0 || CRYPTO_memcmp(a, b, static_cast<size_t>(size)) == 0;
 }
 
 zo::P<IDigestContext> CDigestType_MD5::createContext() const

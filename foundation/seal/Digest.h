@@ -46,6 +46,10 @@ public:
 // and zo::CError when the library cannot set HMAC up.
 BRICKDISK_EXPORT zo::P<IDigestContext> createHMACSHA256Context(const void* key, int keySize);
 
+// True when the `size` bytes at `a` and `b` are equal, compared in a time
+// that does not depend on where they differ (for tags and check values).
+BRICKDISK_EXPORT bool equalInConstantTime(const void* a, const void* b, int size);
+
 // The MD5 digest type, constructible directly.
 class BRICKDISK_EXPORT CDigestType_MD5 : public zo::CBase, public IDigestType {
 public:

@@ -72,8 +72,9 @@ void CServedDisk::takeSnapshot(const zo::CURI& snapshotFolder)
     if (m_options.readOnly)
         throw zo::CError("A disk served read-only cannot be snapshotted while it is served.", zo::String(), -1,
                          zo::CProps().add("diskFolder", m_folder.toString(true)));
-    m_device->pauseAndReplaceDisk([&](const zo::P<CBrickDisk>&) {
-        CBrickDisk::createChild(m_fs.get(), snapshotFolder, m_folder, CBrickDisk::linkedChild);
+    m_device->pauseAndReplaceDisk([&](const zo::P<CBrickDisk>& current) {
+        CBrickDisk::createChild(m_fs.get(), snapshotFolder, m_folder, CBrickDisk::linkedChild,
+                                current->getCipherKey());
         // Reopened, the disk knows its new child and copies old bricks there.
         const zo::P<CBrickDisk> reopened = openDisk();
         // The lock now covers the new child, which writers must keep off.

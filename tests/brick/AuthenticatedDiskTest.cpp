@@ -166,7 +166,7 @@ TEST_F(AuthenticatedDisk, EverySingleByteChangeOfTheHeaderIsDetected)
 
 TEST_F(AuthenticatedDisk, ChildKeepsZerosWhereTheParentGetsANewBrick)
 {
-    CBrickDisk::createChild(fs.get(), CURI("/disks/child"), CURI("/disks/a"), CBrickDisk::linkedChild);
+    testsupport::createLinkedChild(fs.get(), CURI("/disks/child"), CURI("/disks/a"), kPassword);
     // Brick 5 has no file yet: the child receives a zero brick of index 5.
     {
         const P<CBrickDisk> parent = open();
@@ -185,7 +185,7 @@ TEST_F(AuthenticatedDisk, ChildKeepsZerosWhereTheParentGetsANewBrick)
 TEST_F(AuthenticatedDisk, ZeroBricksOfAChildAreBoundToTheirIndex)
 {
     fillFirstBricks();
-    CBrickDisk::createChild(fs.get(), CURI("/disks/child"), CURI("/disks/a"), CBrickDisk::linkedChild);
+    testsupport::createLinkedChild(fs.get(), CURI("/disks/child"), CURI("/disks/a"), kPassword);
     {
         const P<CBrickDisk> child = open("/disks/child");
         testsupport::writeAt(*child, 1 * kBrickSize, testsupport::zeroBytes(kBrickSize));

@@ -36,6 +36,7 @@ using zo::P;
 namespace {
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
+const seal::Argon2idCost kTestCost{1, 8, 1};
 constexpr int kBrickCount = 12;
 constexpr zo::int64 kDiskSize = static_cast<zo::int64>(kBrickSize) * kBrickCount;
 const char* const kPassword = "crash";
@@ -283,17 +284,40 @@ Scenario writeMiddleDiskOfChain()
 
 // A snapshot taken of a disk that already has one: the new snapshot goes
 // between the disk and the older one.
-Scenario makeChildOfDiskWithSnapshot()
+// The formats that the snapshot and removal sweeps run in: links of the
+// authenticated format are tied under the disk key.
+enum class Format { PBKDF2, Authenticated };
+
+void createTopDisk(IFileSystem* fs, const char* folder, Format format)
+{
+    if (format == Format::Authenticated)
+        CBrickDisk::createAuthenticated(fs, CURI(folder), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+    else
+        testsupport::createDisk(fs, CURI(folder), kDiskSize, kPassword);
+}
+
+void makeSnapshot(IFileSystem* fs, const char* child, const char* parent)
+{
+    testsupport::createLinkedChild(fs, CURI(child), CURI(parent), kPassword);
+}
+
+// Removes the disk in `folder` from the chain of "/disk", with its key.
+void removeFromChain(IFileSystem* fs, const char* folder)
+{
+    brick::CBrickDiskRemover::remove(fs, CURI(folder), testsupport::diskKey(fs, CURI("/disk"), kPassword));
+}
+
+Scenario makeChildOfDiskWithSnapshot(Format format)
 {
     Scenario scenario;
-    scenario.setUp = [](IFileSystem* fs) {
-        testsupport::createDisk(fs, CURI("/disk"), kDiskSize, kPassword);
+    scenario.setUp = [format](IFileSystem* fs) {
+        createTopDisk(fs, "/disk", format);
         storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
-        CBrickDisk::createChild(fs, CURI("/older"), CURI("/disk"), CBrickDisk::linkedChild);
+        makeSnapshot(fs, "/older", "/disk");
         storeView(fs, CURI("/disk"), kOld, kNew, false);
     };
     scenario.work = [](IFileSystem* fs) {
-        CBrickDisk::createChild(fs, CURI("/newer"), CURI("/disk"), CBrickDisk::linkedChild);
+        makeSnapshot(fs, "/newer", "/disk");
     };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kNew, context) + expectView(fs, "/older", kOld, context);
@@ -305,7 +329,7 @@ Scenario makeChildOfDiskWithSnapshot()
             expectRefused(fs, "/newer", brick::CBrickDiskError::UnfinishedSnapshot, context);
         // Making it again finishes it (or makes it from the start).
         if (!isWholeDisk(fs, "/newer"))
-            CBrickDisk::createChild(fs, CURI("/newer"), CURI("/disk"), CBrickDisk::linkedChild);
+            makeSnapshot(fs, "/newer", "/disk");
         bricks += expectView(fs, "/newer", kNew, context + " and making the snapshot again");
         // Later writes of the disk keep both snapshots.
         const View later = changeView(kNew, "nnnnnnnnnnnn", 500);
@@ -318,13 +342,13 @@ Scenario makeChildOfDiskWithSnapshot()
 }
 
 // The same snapshot cut short, removed instead of finished.
-Scenario removeUnfinishedChild()
+Scenario removeUnfinishedChild(Format format)
 {
-    Scenario scenario = makeChildOfDiskWithSnapshot();
+    Scenario scenario = makeChildOfDiskWithSnapshot(format);
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kNew, context) + expectView(fs, "/older", kOld, context);
         if (fs->folderExists(CURI("/newer")) && !testsupport::filesBelow(fs, CURI("/newer")).empty())
-            brick::CBrickDiskRemover::remove(fs, CURI("/newer"));
+            removeFromChain(fs, "/newer");
         EXPECT_TRUE(!fs->folderExists(CURI("/newer")) || testsupport::filesBelow(fs, CURI("/newer")).empty())
             << context;
         bricks += expectView(fs, "/older", kOld, context + " and removing the snapshot");
@@ -379,7 +403,6 @@ Scenario repairHeadersWithOnlyThePrimaryIntact()
 }
 
 const char* const kChangedPassword = "changed";
-const seal::Argon2idCost kTestCost{1, 8, 1};
 
 // Every brick of `folder` equals `expected`, the disk opened with the old or
 // the new password.
@@ -400,7 +423,7 @@ Scenario changePasswordWithOnlyThePrimaryIntact()
     scenario.setUp = [](IFileSystem* fs) {
         CBrickDisk::createAuthenticated(fs, CURI("/disk"), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
         storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
-        CBrickDisk::createChild(fs, CURI("/snapshot"), CURI("/disk"), CBrickDisk::linkedChild);
+        testsupport::createLinkedChild(fs, CURI("/snapshot"), CURI("/disk"), kPassword);
         storeView(fs, CURI("/disk"), kOld, kNew, false);
         removeFallbackHeader(fs, "/disk");
         damageFallbackHeader(fs, "/snapshot");
@@ -422,18 +445,18 @@ Scenario changePasswordWithOnlyThePrimaryIntact()
 const View kNewer = changeView(kOld, "nn.p.zn.....", 600);
 const View kDiskNow = changeView(kNewer, "p.n.n.zp.nn.", 700);
 
-Scenario removeMiddleSnapshot()
+Scenario removeMiddleSnapshot(Format format)
 {
     Scenario scenario;
-    scenario.setUp = [](IFileSystem* fs) {
-        testsupport::createDisk(fs, CURI("/disk"), kDiskSize, kPassword);
+    scenario.setUp = [format](IFileSystem* fs) {
+        createTopDisk(fs, "/disk", format);
         storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
-        CBrickDisk::createChild(fs, CURI("/older"), CURI("/disk"), CBrickDisk::linkedChild);
+        makeSnapshot(fs, "/older", "/disk");
         storeView(fs, CURI("/disk"), kOld, kNewer, false);
-        CBrickDisk::createChild(fs, CURI("/newer"), CURI("/disk"), CBrickDisk::linkedChild);
+        makeSnapshot(fs, "/newer", "/disk");
         storeView(fs, CURI("/disk"), kNewer, kDiskNow, false);
     };
-    scenario.work = [](IFileSystem* fs) { brick::CBrickDiskRemover::remove(fs, CURI("/newer")); };
+    scenario.work = [](IFileSystem* fs) { removeFromChain(fs, "/newer"); };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kDiskNow, context) + expectView(fs, "/older", kOld, context);
         const bool decided = brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/disk"), CBrickDisk::getChildLinkFileName())
@@ -449,7 +472,7 @@ Scenario removeMiddleSnapshot()
         // Removing it again finishes the work, and later writes of the disk
         // keep preserving the older snapshot.
         if (!testsupport::filesBelow(fs, CURI("/newer")).empty())
-            brick::CBrickDiskRemover::remove(fs, CURI("/newer"));
+            removeFromChain(fs, "/newer");
         EXPECT_TRUE(testsupport::filesBelow(fs, CURI("/newer")).empty()) << context;
         bricks += expectView(fs, "/older", kOld, context + " and finishing the removal");
         storeView(fs, CURI("/disk"), kDiskNow, kNew, false);
@@ -460,10 +483,10 @@ Scenario removeMiddleSnapshot()
 }
 
 // The oldest snapshot, at the end of the chain, is removed.
-Scenario removeOldestSnapshot()
+Scenario removeOldestSnapshot(Format format)
 {
-    Scenario scenario = removeMiddleSnapshot();
-    scenario.work = [](IFileSystem* fs) { brick::CBrickDiskRemover::remove(fs, CURI("/older")); };
+    Scenario scenario = removeMiddleSnapshot(format);
+    scenario.work = [](IFileSystem* fs) { removeFromChain(fs, "/older"); };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kDiskNow, context) + expectView(fs, "/newer", kNewer, context);
         if (isWholeDisk(fs, "/older")) {
@@ -482,18 +505,22 @@ Scenario removeOldestSnapshot()
 
 TEST(CrashSweep, RemovingTheMiddleSnapshotKeepsEveryOtherDiskIntact)
 {
-    sweep("removing the middle snapshot of a chain", memoryFileSystem, removeMiddleSnapshot());
+    sweep("removing the middle snapshot of a chain", memoryFileSystem, removeMiddleSnapshot(Format::PBKDF2));
+    sweep("removing the middle snapshot of an authenticated chain", memoryFileSystem,
+          removeMiddleSnapshot(Format::Authenticated));
 }
 
 TEST(CrashSweep, RemovingTheOldestSnapshotKeepsEveryOtherDiskIntact)
 {
-    sweep("removing the oldest snapshot of a chain", memoryFileSystem, removeOldestSnapshot());
+    sweep("removing the oldest snapshot of a chain", memoryFileSystem, removeOldestSnapshot(Format::PBKDF2));
+    sweep("removing the oldest snapshot of an authenticated chain", memoryFileSystem,
+          removeOldestSnapshot(Format::Authenticated));
 }
 
 TEST(CrashSweep, ARemovalStoppedAtACheckpointLeavesTheChainAsItWas)
 {
     const P<IFileSystem> fs = memoryFileSystem();
-    removeMiddleSnapshot().setUp(fs.get());
+    removeMiddleSnapshot(Format::PBKDF2).setUp(fs.get());
     struct Stop {};
     int calls = 0;
     EXPECT_THROW(brick::CBrickDiskRemover::remove(fs.get(), CURI("/newer"),
@@ -532,12 +559,16 @@ TEST(CrashSweep, WritingTheMiddleDiskOfAChainKeepsTheParentAndTheChildIntact)
 
 TEST(CrashSweep, MakingASnapshotCutShortIsRefusedAndFinishedByMakingItAgain)
 {
-    sweep("making a child of a disk with a snapshot", memoryFileSystem, makeChildOfDiskWithSnapshot());
+    sweep("making a child of a disk with a snapshot", memoryFileSystem, makeChildOfDiskWithSnapshot(Format::PBKDF2));
+    sweep("making a child of an authenticated disk with a snapshot", memoryFileSystem,
+          makeChildOfDiskWithSnapshot(Format::Authenticated));
 }
 
 TEST(CrashSweep, MakingASnapshotCutShortIsRefusedAndRemovedByRemovingIt)
 {
-    sweep("removing a snapshot whose making was cut short", memoryFileSystem, removeUnfinishedChild());
+    sweep("removing a snapshot whose making was cut short", memoryFileSystem, removeUnfinishedChild(Format::PBKDF2));
+    sweep("removing an authenticated snapshot whose making was cut short", memoryFileSystem,
+          removeUnfinishedChild(Format::Authenticated));
 }
 
 TEST(CrashSweep, RepairingHeadersWhoseOnlyIntactCopyIsThePrimaryKeepsEveryDiskReadable)

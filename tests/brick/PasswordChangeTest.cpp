@@ -44,8 +44,8 @@ P<CMemoryFileSystem> makeChain(const char* password = kOld)
 {
     P<CMemoryFileSystem> fs(new CMemoryFileSystem());
     CBrickDisk::createAuthenticated(fs.get(), CURI(kFolders[0]), kDiskSize, 1, password, "lz4", kBrickSize, kTestCost);
-    CBrickDisk::createChild(fs.get(), CURI(kFolders[1]), CURI(kFolders[0]), CBrickDisk::linkedChild);
-    CBrickDisk::createChild(fs.get(), CURI(kFolders[2]), CURI(kFolders[1]), CBrickDisk::linkedChild);
+    testsupport::createLinkedChild(fs.get(), CURI(kFolders[1]), CURI(kFolders[0]), password);
+    testsupport::createLinkedChild(fs.get(), CURI(kFolders[2]), CURI(kFolders[1]), password);
     for (int i = 0; i < 3; ++i) {
         const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolders[i]), password);
         disk->setAllowWritingWithParentDisk(true);

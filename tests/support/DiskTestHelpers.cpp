@@ -2,6 +2,8 @@
 
 #include "brick/BrickDiskLink.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -17,6 +19,18 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
                                   zo::IIOStream::Access access, int maxBackgroundOps)
 {
     return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps));
+}
+
+zo::TCryptBuffer<zo::uint8> diskKey(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& password)
+{
+    zo::TCryptBuffer<zo::uint8> key;
+    EXPECT_TRUE(brick::CBrickDisk::isEncryptPasswordCorrect(fs, folder, password, &key)) << folder.toString(true).toUTF8();
+    return key;
+}
+
+void createLinkedChild(zo::IFileSystem* fs, const zo::CURI& child, const zo::CURI& parent, const zo::String& password)
+{
+    brick::CBrickDisk::createChild(fs, child, parent, brick::CBrickDisk::linkedChild, diskKey(fs, parent, password));
 }
 
 Bytes readAt(brick::CBrickDisk& disk, zo::int64 position, int size)

@@ -29,6 +29,12 @@ void createDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize,
 zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& password,
                                   zo::IIOStream::Access access = zo::IIOStream::AccessReadWrite,
                                   int maxBackgroundOps = 4);
+// The key that `password` opens the disk in `folder` with (empty for an
+// unencrypted disk); fails the test for a wrong password.
+zo::TCryptBuffer<zo::uint8> diskKey(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& password);
+// Makes a linked child of the disk in `parent`, with the key of `password`
+// (which the links of the authenticated format are tied under).
+void createLinkedChild(zo::IFileSystem* fs, const zo::CURI& child, const zo::CURI& parent, const zo::String& password);
 
 // `size` bytes read at `position`; the disk's position ends after them.
 Bytes readAt(brick::CBrickDisk& disk, zo::int64 position, int size);
