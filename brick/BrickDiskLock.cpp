@@ -2,6 +2,7 @@
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskError.h"
+#include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskLink.h"
 
 #include "zo/Log.h"
@@ -57,7 +58,12 @@ P<CBrickDiskLock> CBrickDiskLock::acquire(zo::IFileSystem* fs, const CURI& diskF
     if (mode == ForReading)
         return lock;
     const CURI childFolder = childFolderOf(fs, diskFolder);
-    if (!childFolder.isEmpty() && fs->folderExists(childFolder))
+    // Only a folder that holds a disk is locked (and cleaned): a child link
+    // pointed at any other folder must not make a lock file there.
+    const bool childHoldsDisk = !childFolder.isEmpty() &&
+                                (fs->fileExists(CBrickDiskHeader::getHeaderURI(childFolder, 0)) ||
+                                 fs->fileExists(CBrickDiskHeader::getHeaderURI(childFolder, 1)));
+    if (childHoldsDisk)
         lock->m_childLock = lockDiskFolder(fs, childFolder, false);
     lock->m_removedTemporaryFiles = fs->removeTemporaryFiles(diskFolder);
     if (lock->m_childLock)

@@ -238,7 +238,9 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
 zo::TCryptBuffer<zo::uint8> keyForLinks(zo::IFileSystem* fs, const zo::CURI& folder, const CPasswordSource& passwords)
 {
     zo::TCryptBuffer<zo::uint8> key;
-    const brick::CBrickDiskHeader header = loadDiskHeader(fs, folder);
+    // Also the header of a disk whose making or removal was cut short.
+    brick::CBrickDiskHeader header;
+    header.load(fs, folder);
     if (!header.hasIdentity() || header.getCipherID() == "null")
         return key;
     const zo::String password = passwords.forExistingDisk(folder.toLocalPath());

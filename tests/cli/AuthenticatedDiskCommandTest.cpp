@@ -124,7 +124,9 @@ TEST_F(AuthenticatedDiskCommandTest, CheckWithoutPasswordSaysTheDigestsNeedIt)
 TEST_F(AuthenticatedDiskCommandTest, PasswdChangesTheWholeChainWithoutTouchingBricks)
 {
     makeFullDisk();
-    ASSERT_EQ(run({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
+    // Its links are tied under the disk key: the snapshot needs the password.
+    ASSERT_EQ(run({"snapshot", path("disk"), path("snap")}).exitStatus, 2);
+    ASSERT_EQ(runWithPassword({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
     writeFile(path("image2"), makeImage(3 * kBrickSize, 8));
     importImage("disk", "image2");
     const std::string diskBefore = exportImage("disk");
@@ -207,6 +209,71 @@ TEST_F(AuthenticatedDiskCommandTest, UnencryptedDiskStillBindsBricksToTheirIndex
         << check.out;
     EXPECT_NE(run({"passwd", path("disk"), "--new-password-file", path("new-password")}).err.find("not encrypted"),
               std::string::npos);
+}
+
+// The links of such disks name both disks by ID under the disk key: a link
+// pointed elsewhere, or taken away, is refused instead of followed.
+TEST_F(AuthenticatedDiskCommandTest, ChildLinkPointedAtAnotherDiskOfTheSamePasswordIsRefused)
+{
+    makeFullDisk();
+    ASSERT_EQ(runWithPassword({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
+    makeFullDisk("victim");
+    const std::string victim = exportImage("victim");
+    // The snapshot's folder and the victim's swap names: the disk's link
+    // now leads to the victim.
+    std::filesystem::rename(path("snap"), path("kept"));
+    std::filesystem::rename(path("victim"), path("snap"));
+    writeFile(path("image2"), std::string(6 * kBrickSize, 'x'));
+    const RunResult imported = runWithPassword({"import", path("disk"), path("image2")});
+    EXPECT_EQ(imported.exitStatus, 1);
+    EXPECT_NE(imported.err.find("The child link of the disk leads to another disk."), std::string::npos)
+        << imported.err;
+    EXPECT_TRUE(exportImage("snap") == victim);
+}
+
+TEST_F(AuthenticatedDiskCommandTest, ChildLinkPointedAtAPlainFolderWritesNothingThere)
+{
+    makeFullDisk();
+    ASSERT_EQ(runWithPassword({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
+    std::filesystem::rename(path("snap"), path("kept"));
+    std::filesystem::create_directory(path("snap"));
+    writeFile(path("image2"), std::string(6 * kBrickSize, 'x'));
+    const RunResult imported = runWithPassword({"import", path("disk"), path("image2")});
+    EXPECT_EQ(imported.exitStatus, 1);
+    EXPECT_TRUE(std::filesystem::is_empty(path("snap")));
+}
+
+TEST_F(AuthenticatedDiskCommandTest, SnapshotWithoutItsParentLinkIsFoundByExportAndCheck)
+{
+    makeFullDisk();
+    ASSERT_EQ(runWithPassword({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
+    std::filesystem::remove(path("snap") + "/parent.bricklnk");
+    std::filesystem::remove(path("snap") + "/fallback/parent.bricklnk");
+    const RunResult exported = runWithPassword({"export", path("snap"), path("out")});
+    EXPECT_EQ(exported.exitStatus, 1);
+    EXPECT_NE(exported.err.find("The disk has a parent disk, but its parent link is missing."), std::string::npos)
+        << exported.err;
+    const RunResult check = runWithPassword({"check", path("snap"), "--read-data"});
+    EXPECT_NE(check.exitStatus, 0) << check.out;
+    EXPECT_EQ(check.out.find("no problems"), std::string::npos) << check.out;
+    EXPECT_NE((check.out + check.err).find("parent link is missing"), std::string::npos) << check.out << check.err;
+}
+
+TEST_F(AuthenticatedDiskCommandTest, DeleteTiesTheLinksAnewWithThePassword)
+{
+    makeFullDisk();
+    ASSERT_EQ(runWithPassword({"snapshot", path("disk"), path("old")}).exitStatus, 0);
+    writeFile(path("image2"), std::string(6 * kBrickSize, 'x'));
+    importImage("disk", "image2");
+    ASSERT_EQ(runWithPassword({"snapshot", path("disk"), path("mid")}).exitStatus, 0);
+    const std::string old = exportImage("old");
+    EXPECT_EQ(run({"delete", path("mid")}).exitStatus, 2);
+    EXPECT_TRUE(std::filesystem::exists(path("mid") + "/disk.brickdisk"));
+    const RunResult deleted = runWithPassword({"delete", path("mid")});
+    ASSERT_EQ(deleted.exitStatus, 0) << deleted.err;
+    EXPECT_TRUE(exportImage("old") == old);
+    const RunResult check = runWithPassword({"check", path("old"), "--read-data"});
+    EXPECT_EQ(check.exitStatus, 0) << check.out << check.err;
 }
 
 } // namespace
