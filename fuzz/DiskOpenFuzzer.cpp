@@ -22,13 +22,15 @@ const zo::CURI kFolder("/disks/child");
 const zo::CURI kParentFolder("/disks/parent");
 constexpr int kBrickSize = 4096;
 
-// A parent and its child, unencrypted: the fuzzed record replaces the
+// A parent and its child, unencrypted, of the authenticated format, so that
+// their headers and links carry identities: the fuzzed record replaces the
 // child's header or parent link before each opening.
 zo::CMemoryFileSystem& fileSystem()
 {
     static const zo::P<zo::CMemoryFileSystem> fs = [] {
         zo::P<zo::CMemoryFileSystem> created(new zo::CMemoryFileSystem(1));
-        brick::CBrickDisk::create(created.get(), kParentFolder, 4 * kBrickSize, 1, "", "lz4", kBrickSize);
+        brick::CBrickDisk::createAuthenticated(created.get(), kParentFolder, 4 * kBrickSize, 1, "", "lz4", kBrickSize,
+                                               seal::Argon2idCost{1, 8, 1});
         brick::CBrickDisk::createChild(created.get(), kFolder, kParentFolder, brick::CBrickDisk::standAloneChild);
         return created;
     }();
