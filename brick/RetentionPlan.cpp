@@ -173,9 +173,12 @@ std::vector<CRetentionPlan::Decision> CRetentionPlan::decide(const std::vector<D
     }
 
     if (rules.keepWithinSeconds && !candidates.empty()) {
-        const zo::int64 newest = *candidates.front()->disk.created;
+        // The age against the newest, in unsigned arithmetic: records of any
+        // time (a damaged one too) give the right difference without overflow.
+        const auto newest = static_cast<zo::uint64>(*candidates.front()->disk.created);
         for (Decision* candidate : candidates) {
-            if (*candidate->disk.created > newest - *rules.keepWithinSeconds)
+            if (newest - static_cast<zo::uint64>(*candidate->disk.created) <
+                static_cast<zo::uint64>(*rules.keepWithinSeconds))
                 addReason(*candidate, Reason::Within);
         }
     }

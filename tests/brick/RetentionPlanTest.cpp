@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -155,6 +156,19 @@ TEST(RetentionPlan, KeepWithinCountsBackFromTheNewestSnapshot)
     const auto plan = CRetentionPlan::decide(chainOf(times), rules);
     EXPECT_EQ(keptFolders(plan), (Folders{"/top", "/s1", "/s2"}));
     EXPECT_EQ(plan[2].reasons, std::vector<Reason>{Reason::Within});
+}
+
+TEST(RetentionPlan, KeepWithinCopesWithTimesAtTheEndsOfTheRange)
+{
+    // Damaged records may hold any time; the ages are still right.
+    const zo::int64 lowest = std::numeric_limits<zo::int64>::min();
+    CRetentionPlan::Rules rules;
+    rules.keepWithinSeconds = 10;
+    EXPECT_EQ(keep({lowest + 5, lowest}, rules), (Folders{"/top", "/s1", "/s2"}));
+    const zo::int64 highest = std::numeric_limits<zo::int64>::max();
+    EXPECT_EQ(keep({highest, highest - 10, lowest}, rules), (Folders{"/top", "/s1"}));
+    rules.keepWithinSeconds = highest;
+    EXPECT_EQ(keep({highest, highest - 10, lowest}, rules), (Folders{"/top", "/s1", "/s2"}));
 }
 
 TEST(RetentionPlan, ASnapshotKeptBySeveralRulesListsThemAll)
