@@ -6,6 +6,7 @@
 #include "brick/BrickDiskCreationTime.h"
 #include "zo/LocalFileSystem.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -110,6 +111,41 @@ TEST_F(ForgetCommandTest, DeletesWhatNoRuleKeepsAndKeptDisksReadAsBefore)
     const RunResult again = run({"forget", path("disk"), "--keep-weekly", "5"});
     ASSERT_EQ(again.exitStatus, 0) << again.err;
     EXPECT_NE(again.out.find("3 disks kept, 0 snapshots deleted"), std::string::npos) << again.out;
+}
+
+TEST_F(ForgetCommandTest, KeepWithinReadsDurationsOfSeveralUnits)
+{
+    makeChain();
+    // The snapshots are 1, 2 and 3 days older than s4.
+    const std::vector<std::string> all{"s4", "s3", "s2", "s1"};
+    const std::map<std::string, std::vector<std::string>> keptBy{
+        {"24h", {"s4"}}, {"25h", {"s4", "s3"}}, {"1d1h", {"s4", "s3"}}, {"2d", {"s4", "s3"}},
+        {"1w", all},     {"1m", all},           {"1y", all}};
+    for (const auto& [duration, kept] : keptBy) {
+        const RunResult result = run({"forget", path("disk"), "--keep-within", duration, "--dry-run"});
+        ASSERT_EQ(result.exitStatus, 0) << duration << ": " << result.err;
+        for (const std::string name : {"s1", "s2", "s3", "s4"}) {
+            const bool expected = std::find(kept.begin(), kept.end(), name) != kept.end();
+            EXPECT_EQ(result.out.find("keep   " + path(name) + "  ") != std::string::npos, expected)
+                << duration << " " << name << "\n" << result.out;
+        }
+    }
+}
+
+TEST_F(ForgetCommandTest, KeepsASnapshotWhoseCreationTimeCannotBeRead)
+{
+    makeChain();
+    // Both copies of its record damaged.
+    writeFile(path("s2") + "/created.bricktime", "not a time");
+    writeFile(path("s2") + "/fallback/created.bricktime", "not a time");
+    const RunResult result = run({"forget", path("disk"), "--keep-last", "1"});
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_NE(result.out.find("keep   " + path("s2") + "  unknown time  (its creation time cannot be read)"),
+              std::string::npos)
+        << result.out;
+    EXPECT_EQ(folders(), (std::vector<std::string>{"disk", "s2", "s4"}));
+    for (const std::string name : {"disk", "s2", "s4"})
+        EXPECT_TRUE(exportImage(name) == images[name]) << name;
 }
 
 TEST_F(ForgetCommandTest, RefusesWithoutAnyRuleOrWithABadDuration)
