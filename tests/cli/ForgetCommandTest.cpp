@@ -113,6 +113,19 @@ TEST_F(ForgetCommandTest, DeletesWhatNoRuleKeepsAndKeptDisksReadAsBefore)
     EXPECT_NE(again.out.find("3 disks kept, 0 snapshots deleted"), std::string::npos) << again.out;
 }
 
+TEST_F(ForgetCommandTest, ShowsProgressOfEachDeletionOnATerminal)
+{
+    makeChain();
+    // s1 goes first, then s3, whose bricks s2 read through it.
+    const RunResult result = runOnTerminal({"forget", path("disk"), "--keep-weekly", "5"}, {});
+    ASSERT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_NE(result.err.find("forget 1/2: deleting files ["), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("forget 2/2: keeping bricks for the older snapshot ["), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("forget 2/2: deleting files ["), std::string::npos) << result.err;
+    EXPECT_EQ(folders(), (std::vector<std::string>{"disk", "s2", "s4"}));
+    EXPECT_TRUE(exportImage("s2") == images["s2"]);
+}
+
 TEST_F(ForgetCommandTest, KeepWithinReadsDurationsOfSeveralUnits)
 {
     makeChain();
