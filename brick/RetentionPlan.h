@@ -16,6 +16,9 @@
 // newer. A snapshot whose time is not known is kept and counts for no rule; a
 // snapshot whose making or removal was cut short (it no longer opens) is
 // removed and counts for no rule either.
+//
+// All calls are static, keep no state and may run on any thread; carryOut
+// calls its hooks on the caller's thread.
 #pragma once
 
 #include "brick/BrickDiskRemover.h"
