@@ -22,5 +22,7 @@
 #include "brick/BrickFileChecker.h"
 #include "brick/BrickStorer.h"
 #include "brick/BrickTree.h"
+#include "brick/ChainSpace.h"
 #include "brick/ParallelReadAheadManager.h"
+#include "brick/RetentionPlan.h"
 #include "brick/Version.h"

@@ -25,6 +25,8 @@ CommandAction addChildCommand(CLI::App& program);
 CommandAction addCheckCommand(CLI::App& program);
 CommandAction addDeleteCommand(CLI::App& program);
 CommandAction addSnapshotsCommand(CLI::App& program);
+CommandAction addForgetCommand(CLI::App& program);
+CommandAction addDuCommand(CLI::App& program);
 CommandAction addDiffCommand(CLI::App& program);
 CommandAction addPasswdCommand(CLI::App& program);
 CommandAction addServeCommand(CLI::App& program);

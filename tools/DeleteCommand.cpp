@@ -3,6 +3,7 @@
 // CBrickDiskRemover), then removes its folder.
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "EmptyFolders.h"
 #include "Interrupt.h"
 #include "Progress.h"
 #include "Units.h"
@@ -14,7 +15,6 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 
 namespace cli {
@@ -25,18 +25,6 @@ struct DeleteOptions {
     std::string disk;
     CPasswordSource passwords;
 };
-
-// Removes the folders that the removal left empty, deepest first; anything
-// that is not an empty folder stays.
-void removeEmptyFolders(const std::filesystem::path& folder)
-{
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
-        if (entry.is_directory(ignored) && !entry.is_symlink(ignored))
-            removeEmptyFolders(entry.path());
-    }
-    std::filesystem::remove(folder, ignored);
-}
 
 int runDelete(const DeleteOptions& options)
 {

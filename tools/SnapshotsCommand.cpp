@@ -14,7 +14,6 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <ctime>
 #include <fcntl.h>
 #include <iostream>
 #include <memory>
@@ -40,16 +39,6 @@ struct ChainDisk {
     std::string problem;
 };
 
-// `seconds` since 1970-01-01 00:00:00 UTC as UTC text.
-std::string utcText(std::time_t seconds)
-{
-    std::tm utc {};
-    ::gmtime_r(&seconds, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);
-    return text;
-}
-
 // When a local folder was made: its birth time where the file system keeps
 // one, otherwise when its header was last written; empty when neither is
 // known.
@@ -58,11 +47,11 @@ std::string folderTime(const zo::CURI& folder)
     struct statx info {};
     const std::string path = folder.toLocalPath();
     if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &info) == 0 && (info.stx_mask & STATX_BTIME) != 0)
-        return utcText(static_cast<std::time_t>(info.stx_btime.tv_sec));
+        return formatUtcTime(static_cast<zo::int64>(info.stx_btime.tv_sec));
     struct stat header {};
     if (::stat((path + "/disk.brickdisk").c_str(), &header) != 0)
         return std::string();
-    return utcText(header.st_mtime);
+    return formatUtcTime(static_cast<zo::int64>(header.st_mtime));
 }
 
 // When the disk was made, as UTC text: its creation time record; for a disk
@@ -73,7 +62,7 @@ std::string creationTime(zo::IFileSystem* fs, const zo::CURI& folder)
 {
     try {
         if (const std::optional<zo::int64> recorded = brick::CBrickDiskCreationTime::load(fs, folder))
-            return utcText(static_cast<std::time_t>(*recorded));
+            return formatUtcTime(*recorded);
     } catch (const zo::CError&) {
         // The time is only shown: the folder's time stands in for it.
     }

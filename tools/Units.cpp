@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <limits>
 
 namespace cli {
@@ -69,6 +70,59 @@ zo::int64 parseByteSize(const std::string& text, const std::string& what)
     if (value == 0)
         throw UsageError(what + " must not be zero");
     return value;
+}
+
+zo::int64 parseDuration(const std::string& text, const std::string& what)
+{
+    const auto refuse = [&] {
+        return UsageError("invalid " + what + " '" + text +
+                          "': expected whole numbers with a unit h, d, w, m or y, such as 12h, 2d or 1y6m");
+    };
+    constexpr zo::int64 kMax = std::numeric_limits<zo::int64>::max();
+    constexpr zo::int64 kHour = 3600;
+    constexpr zo::int64 kDay = 24 * kHour;
+    zo::int64 total = 0;
+    size_t position = 0;
+    if (text.empty())
+        throw refuse();
+    while (position < text.size()) {
+        zo::int64 count = 0;
+        const size_t start = position;
+        for (; position < text.size() && std::isdigit(static_cast<unsigned char>(text[position])); ++position) {
+            const int digit = text[position] - '0';
+            if (count > (kMax - digit) / 10)
+                throw UsageError(what + " '" + text + "' is too long");
+            count = count * 10 + digit;
+        }
+        if (position == start || position == text.size())
+            throw refuse();
+        zo::int64 unit = 0;
+        switch (std::tolower(static_cast<unsigned char>(text[position]))) {
+        case 'h': unit = kHour; break;
+        case 'd': unit = kDay; break;
+        case 'w': unit = 7 * kDay; break;
+        case 'm': unit = 30 * kDay; break;
+        case 'y': unit = 365 * kDay; break;
+        default: throw refuse();
+        }
+        ++position;
+        if (count > (kMax - total) / unit)
+            throw UsageError(what + " '" + text + "' is too long");
+        total += count * unit;
+    }
+    if (total == 0)
+        throw UsageError(what + " must not be zero");
+    return total;
+}
+
+std::string formatUtcTime(zo::int64 seconds)
+{
+    const std::time_t time = static_cast<std::time_t>(seconds);
+    std::tm utc {};
+    ::gmtime_r(&time, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);
+    return text;
 }
 
 std::string formatCount(zo::int64 count, const std::string& singular, const std::string& plural)

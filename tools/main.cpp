@@ -117,6 +117,8 @@ int main(int argc, char** argv)
     add(cli::addCheckCommand);
     add(cli::addSnapshotsCommand);
     add(cli::addDeleteCommand);
+    add(cli::addForgetCommand);
+    add(cli::addDuCommand);
     add(cli::addDiffCommand);
     add(cli::addPasswdCommand);
     add(cli::addServeCommand);

@@ -1,0 +1,48 @@
+#include "brick/detail/ChainWalk.h"
+
+#include "brick/BrickDisk.h"
+
+#include "zo/Error.h"
+
+#include <set>
+
+namespace brick::detail {
+
+namespace {
+
+void addOnce(std::vector<zo::CURI>& folders, std::set<zo::String>& seen, const zo::CURI& folder,
+             const zo::CURI& diskFolder)
+{
+    if (!seen.insert(folder.toString(true)).second)
+        throw zo::CError("Child link loop detected in brick disk.", zo::String(), -1,
+                         zo::CProps()
+                             .add("diskFolder", diskFolder.toString(true))
+                             .add("loopFolder", folder.toString(true)));
+    folders.push_back(folder);
+}
+
+} // namespace
+
+std::vector<zo::CURI> walkChainDown(zo::IFileSystem* fs, const CBrickDiskChain& chain)
+{
+    chain.validate();
+    std::vector<zo::CURI> folders;
+    std::set<zo::String> seen;
+    zo::CURI current = chain.getMembers().back().folder;
+    addOnce(folders, seen, current, chain.getDiskFolder());
+    for (;;) {
+        const zo::CURI child = CBrickDiskChain::loadLinkedFolder(fs, current, CBrickDisk::getChildLinkFileName());
+        if (child.isEmpty())
+            return folders;
+        // A removal cut short after the parent was tied to the child leaves
+        // the child's parent link naming the marked disk.
+        const zo::CURI skipped = CBrickDiskChain::loadLinkedFolder(fs, child, CBrickDisk::getParentLinkFileName());
+        if (!skipped.isEmpty() && !(skipped == current) &&
+            CBrickDisk::getCompletion(fs, skipped) == CBrickDisk::RemovalUnfinished)
+            addOnce(folders, seen, skipped, chain.getDiskFolder());
+        addOnce(folders, seen, child, chain.getDiskFolder());
+        current = child;
+    }
+}
+
+} // namespace brick::detail
