@@ -21,5 +21,6 @@
 #include "brick/BrickFileChecker.h"
 #include "brick/BrickStorer.h"
 #include "brick/BrickTree.h"
+#include "brick/DiskStore.h"
 #include "brick/ParallelReadAheadManager.h"
 #include "brick/Version.h"

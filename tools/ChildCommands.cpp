@@ -99,7 +99,7 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
 {
     const zo::CURI parent = diskFolderURI(options.disk);
     const zo::CURI child = diskFolderURI(options.child);
-    if (!isSameStore(parent, child))
+    if (!brick::isSameStore(parent, child))
         throw UsageError("a child disk lives where its parent does: both on Ceph (rados://), both on S3 (s3://) "
                          "or both in local folders");
     const zo::P<zo::IFileSystem> fs = newFileSystem(parent, true, 1);
