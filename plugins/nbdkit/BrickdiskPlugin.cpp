@@ -250,6 +250,10 @@ int brickdiskAfterFork()
     routeLibraryLog();
     try {
         served = std::make_unique<CServedDisk>(options);
+    } catch (const zo::CError& e) {
+        // With its context: which disk, which parent, what differs.
+        nbdkit_error("%s", e.toString().toUTF8().c_str());
+        return -1;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
         return -1;
