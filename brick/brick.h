@@ -23,4 +23,6 @@
 #include "brick/BrickTree.h"
 #include "brick/DiskStore.h"
 #include "brick/ParallelReadAheadManager.h"
+#include "brick/PasswordFile.h"
+#include "brick/ServeControl.h"
 #include "brick/Version.h"

@@ -11,11 +11,10 @@
 #include "DiskAccess.h"
 #include "UsageError.h"
 
-#include "plugins/nbdkit/ControlSocket.h"
-
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskLink.h"
+#include "brick/ServeControl.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -77,8 +76,7 @@ bool isSnapshotOf(zo::IFileSystem* fs, const zo::CURI& child, const zo::CURI& pa
 // on disk before success is reported.
 bool takenByServer(zo::IFileSystem* fs, const zo::CURI& parent, const zo::CURI& child)
 {
-    const std::optional<std::string> answer =
-        nbdplugin::requestSnapshotFromServer(parent.toLocalPath(), child.toLocalPath());
+    const std::optional<std::string> answer = brick::requestSnapshotFromServer(parent, child);
     if (!answer)
         return false;
     if (!answer->empty())

@@ -14,12 +14,12 @@
 #include <nbdkit-plugin.h>
 
 #include "ServedDisk.h"
-#include "SnapshotControl.h"
 
 #include "brick/BrickDiskError.h"
 #include "brick/DiskStore.h"
+#include "brick/PasswordFile.h"
+#include "brick/ServeControl.h"
 #include "brick/Version.h"
-#include "tools/PasswordFile.h"
 #include "zo/Error.h"
 #include "zo/Log.h"
 
@@ -40,7 +40,7 @@ using nbdplugin::CServedDisk;
 nbdplugin::ServeOptions options;
 bool diskGiven = false;
 std::unique_ptr<CServedDisk> served;
-std::unique_ptr<nbdplugin::CSnapshotControl> snapshotControl;
+std::unique_ptr<brick::CSnapshotControl> snapshotControl;
 
 int errnoFor(const zo::CError& error)
 {
@@ -86,7 +86,7 @@ int request(const char* what, F&& action)
     return -1;
 }
 
-// The password as the brickdisk program reads it (tools/PasswordFile.h): a
+// The password as the brickdisk program reads it (brick/PasswordFile.h): a
 // file without one trailing newline (password-file=), or all that an
 // inherited descriptor holds (password-fd=, which brickdisk serve uses, so
 // the password never lies in a file). The descriptor is closed once read.
@@ -94,7 +94,7 @@ bool readPassword(const std::string& key, const char* value)
 {
     try {
         if (key == "password-file") {
-            options.password = cli::readPasswordFile(value);
+            options.password = brick::readPasswordFile(value);
             return true;
         }
         int fd = -1;
@@ -104,11 +104,11 @@ bool readPassword(const std::string& key, const char* value)
             nbdkit_error("password-fd must be a file descriptor, not %d", fd);
             return false;
         }
-        options.password = cli::readPasswordFrom(fd, "the descriptor password-fd=" + std::to_string(fd));
+        options.password = brick::readPasswordFrom(fd, "the descriptor password-fd=" + std::to_string(fd));
         ::close(fd);
         return true;
-    } catch (const cli::CPasswordFileError& e) {
-        nbdkit_error("%s", e.what());
+    } catch (const zo::CError& e) {
+        nbdkit_error("%s", e.getMessage().toUTF8().c_str());
         return false;
     }
 }
@@ -263,7 +263,9 @@ int brickdiskAfterFork()
     // Without its control socket the disk is served all the same; only
     // snapshots while it is served are not possible.
     try {
-        snapshotControl = std::make_unique<nbdplugin::CSnapshotControl>(*served);
+        snapshotControl = std::make_unique<brick::CSnapshotControl>(
+            zo::CURI(zo::String::fromUTF8(options.diskFolder)),
+            [](const zo::CURI& snapshotFolder) { served->takeSnapshot(snapshotFolder); });
     } catch (const std::exception& e) {
         nbdkit_error("%s Snapshots of the served disk cannot be taken while it is served.", e.what());
     }

@@ -3,43 +3,19 @@
 // caller gives passed on to the file system.
 #include "brick/DiskStore.h"
 
+#include "support/EnvironmentVariable.h"
+
 #include "zo/Error.h"
 #include "zo/LocalFileSystem.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace {
 
 using brick::StoreKind;
-
-// Sets an environment variable for as long as it lives, then restores it.
-class CEnvironmentVariable {
-public:
-    CEnvironmentVariable(const char* name, const char* value) : m_name(name)
-    {
-        if (const char* old = std::getenv(name))
-            m_old = old;
-        ::setenv(name, value, 1);
-    }
-    ~CEnvironmentVariable()
-    {
-        if (m_old)
-            ::setenv(m_name.c_str(), m_old->c_str(), 1);
-        else
-            ::unsetenv(m_name.c_str());
-    }
-    CEnvironmentVariable(const CEnvironmentVariable&) = delete;
-    CEnvironmentVariable& operator=(const CEnvironmentVariable&) = delete;
-
-private:
-    std::string m_name;
-    std::optional<std::string> m_old;
-};
+using testsupport::CEnvironmentVariable;
 
 // S3 keys in the environment, as S3 tools find them; nothing is contacted.
 class DiskStoreS3 : public ::testing::Test {
