@@ -13,10 +13,6 @@ namespace {
 const std::string kRadosPrefix = "rados://";
 const std::string kS3Prefix = "s3://";
 
-// Requests run side by side on the S3 file system's transfer thread; its
-// workers only check paths, and a few more keep the requests coming.
-constexpr int kMinS3Threads = 8;
-
 bool startsWith(const std::string& text, const std::string& prefix)
 {
     return text.compare(0, prefix.size(), prefix) == 0;
@@ -127,6 +123,9 @@ zo::S3Options makeS3Options(const S3ServiceSettings& settings, int threadCount)
     options.conditionalWrites = !settings.noConditionalPut;
     options.lockLeaseSeconds = settings.lockLeaseSeconds;
     options.maxAttempts = settings.attempts;
+    // Requests run side by side on the transfer thread; the workers only
+    // check paths, and a few more keep the requests coming.
+    constexpr int kMinS3Threads = 8;
     options.threadCount = std::max(threadCount, kMinS3Threads);
     return options;
 }
