@@ -76,6 +76,7 @@
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
+#include "brick/DiskStore.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "zo/Buffer.h"
@@ -314,8 +315,8 @@ struct Counts {
 class CStageRun {
 public:
     CStageRun(const Options& options, const zo::String& password)
-        : m_options(options), m_password(password), m_fs(new zo::CLocalFileSystem(1)),
-          m_folder(zo::String(options.disk))
+        : m_options(options), m_password(password), m_folder(zo::String(options.disk)),
+          m_fs(brick::openStore(m_folder, brick::StoreSettings(), false, 1))
     {
         for (int i = 0; i < 3; ++i) {
             const double before = m_stages.open.wall;
@@ -549,8 +550,8 @@ private:
 
     const Options& m_options;
     const zo::String m_password;
-    const zo::P<zo::CLocalFileSystem> m_fs;
     const zo::CURI m_folder;
+    const zo::P<zo::IFileSystem> m_fs;
     zo::P<brick::CBrickDisk> m_disk;
     int m_brickSize = 0;
     zo::P<zo::CLZ4Compressor> m_lz4;

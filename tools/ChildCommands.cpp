@@ -11,11 +11,10 @@
 #include "DiskAccess.h"
 #include "UsageError.h"
 
-#include "plugins/nbdkit/ControlSocket.h"
-
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskLink.h"
+#include "brick/ServeControl.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -78,8 +77,7 @@ bool isSnapshotOf(zo::IFileSystem* fs, const zo::CURI& child, const zo::CURI& pa
 // on disk before success is reported.
 bool takenByServer(zo::IFileSystem* fs, const zo::CURI& parent, const zo::CURI& child)
 {
-    const std::optional<std::string> answer =
-        nbdplugin::requestSnapshotFromServer(parent.toLocalPath(), child.toLocalPath());
+    const std::optional<std::string> answer = brick::requestSnapshotFromServer(parent, child);
     if (!answer)
         return false;
     if (!answer->empty())
@@ -100,7 +98,7 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
 {
     const zo::CURI parent = diskFolderURI(options.disk);
     const zo::CURI child = diskFolderURI(options.child);
-    if (!isSameStore(parent, child))
+    if (!brick::isSameStore(parent, child))
         throw UsageError("a child disk lives where its parent does: both on Ceph (rados://), both on S3 (s3://) "
                          "or both in local folders");
     const zo::P<zo::IFileSystem> fs = newFileSystem(parent, true, 1);

@@ -63,7 +63,7 @@ int runDiff(const DiffOptions& options)
 {
     const zo::CURI first = diskFolderURI(options.first);
     const zo::CURI second = diskFolderURI(options.second);
-    if (!isSameStore(first, second))
+    if (!brick::isSameStore(first, second))
         throw UsageError("the two disks of a diff are of one chain: both on Ceph (rados://), both on S3 (s3://) or "
                          "both in local folders");
     const zo::P<zo::IFileSystem> fs = newFileSystem(first, true, 1);

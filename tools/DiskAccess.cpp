@@ -6,17 +6,9 @@
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskError.h"
 #include "zo/Error.h"
-#ifdef BRICKDISK_HAVE_RADOS
-#include "rados/RadosFileSystem.h"
-#endif
-#ifdef BRICKDISK_HAVE_S3
-#include "s3/S3FileSystem.h"
-#endif
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <filesystem>
 
@@ -24,130 +16,39 @@ namespace cli {
 
 namespace {
 
-const std::string radosPrefix = "rados://";
-const std::string s3Prefix = "s3://";
-
-CephCluster& cephCluster()
+brick::StoreSettings& storeSettings()
 {
-    static CephCluster cluster;
-    return cluster;
-}
-
-S3Service& s3Service()
-{
-    static S3Service service;
-    return service;
-}
-
-bool startsWith(const std::string& path, const std::string& prefix)
-{
-    return path.compare(0, prefix.size(), prefix) == 0;
-}
-
-bool isOnCeph(const std::string& path)
-{
-    return startsWith(path, radosPrefix);
-}
-
-bool isOnS3(const std::string& path)
-{
-    return startsWith(path, s3Prefix);
-}
-
-zo::P<zo::IFileSystem> newCephFileSystem([[maybe_unused]] int threadCount)
-{
-#ifdef BRICKDISK_HAVE_RADOS
-    zo::RadosOptions options;
-    options.configFile = zo::String::fromUTF8(cephCluster().configFile);
-    options.clientId = zo::String::fromUTF8(cephCluster().clientId);
-    options.lockLeaseSeconds = cephCluster().lockLeaseSeconds;
-    options.operationTimeoutSeconds = cephCluster().operationTimeoutSeconds;
-    options.threadCount = threadCount;
-    return zo::P<zo::IFileSystem>(new zo::CRadosFileSystem(options));
-#else
-    throw UsageError("this brickdisk was built without Ceph (librados): rados:// disks are not available");
-#endif
-}
-
-zo::P<zo::IFileSystem> newS3FileSystem([[maybe_unused]] int threadCount)
-{
-#ifdef BRICKDISK_HAVE_S3
-    zo::S3Options options = zo::loadS3Options(s3Service().endpoint);
-    options.virtualHostStyle = options.virtualHostStyle || s3Service().virtualHost;
-    options.conditionalWrites = !s3Service().noConditionalPut;
-    options.lockLeaseSeconds = s3Service().lockLeaseSeconds;
-    options.maxAttempts = s3Service().attempts;
-    // Requests run side by side on the transfer thread; the workers only
-    // check paths, and a few more keep the requests coming.
-    options.threadCount = std::max(threadCount, 8);
-    return zo::P<zo::IFileSystem>(new zo::CS3FileSystem(options));
-#else
-    throw UsageError("this brickdisk was built without S3 (libcurl): s3:// disks are not available");
-#endif
-}
-
-// The scheme a path starts with: a word (a letter, then letters, digits,
-// "+", "-" or ".") followed by ":/", as "s3:" in "s3:/bucket" or "http:" in
-// "http://host"; empty when the path starts otherwise.
-std::string schemeOf(const std::string& path)
-{
-    if (path.empty() || !std::isalpha(static_cast<unsigned char>(path[0])))
-        return std::string();
-    size_t end = 1;
-    while (end < path.size() && (std::isalnum(static_cast<unsigned char>(path[end])) || path[end] == '+' ||
-                                 path[end] == '-' || path[end] == '.'))
-        ++end;
-    if (path.compare(end, 2, ":/") != 0)
-        return std::string();
-    return path.substr(0, end + 1);
-}
-
-// Refuses a path that starts like a store's address but is not one of the
-// known schemes (a mistyped "s3:/bucket", "S3://bucket", "file:///srv"), which
-// would otherwise become a local folder of that odd name.
-void checkScheme(const std::string& path)
-{
-    if (isOnCeph(path) || isOnS3(path))
-        return;
-    const std::string scheme = schemeOf(path);
-    if (scheme.empty())
-        return;
-    throw UsageError("Unknown storage scheme \"" + scheme + "\" in " + path + ": disks are named " + radosPrefix +
-                     "POOL/path (Ceph), " + s3Prefix + "BUCKET/path (S3) or by a local folder; a local folder of "
-                     "that name is given as ./" + path + ".");
+    static brick::StoreSettings settings;
+    return settings;
 }
 
 } // namespace
 
-bool isSameStore(const zo::CURI& first, const zo::CURI& second)
-{
-    const std::string a = first.toLocalPath();
-    const std::string b = second.toLocalPath();
-    return isOnCeph(a) == isOnCeph(b) && isOnS3(a) == isOnS3(b);
-}
-
 bool isLocalFolder(const zo::CURI& folder)
 {
-    const std::string path = folder.toLocalPath();
-    return !isOnCeph(path) && !isOnS3(path);
+    return brick::getStoreKind(folder.toLocalPath()) == brick::StoreKind::LocalFolder;
 }
 
-void setS3Service(const S3Service& service)
+void setStoreSettings(const brick::StoreSettings& settings)
 {
-    s3Service() = service;
+    storeSettings() = settings;
 }
 
-void setCephCluster(const CephCluster& cluster)
+const brick::StoreSettings& getStoreSettings()
 {
-    cephCluster() = cluster;
+    return storeSettings();
 }
 
 zo::CURI diskFolderURI(const std::string& path)
 {
     if (path.empty())
         throw UsageError("the disk path is empty");
-    checkScheme(path);
-    if (isOnCeph(path) || isOnS3(path))
+    try {
+        brick::checkStoreScheme(path);
+    } catch (const zo::CError& e) {
+        throw UsageError(e.getMessage().toUTF8());
+    }
+    if (brick::getStoreKind(path) != brick::StoreKind::LocalFolder)
         return zo::CURI(zo::String::fromUTF8(path)).toNormalized();
     // The user's own symbolic links on the way to the disk are resolved here,
     // once: the local file system follows no link, so that links planted
@@ -163,13 +64,7 @@ zo::CURI diskFolderURI(const std::string& path)
 
 zo::P<zo::IFileSystem> newFileSystem(const zo::CURI& folder, bool syncEnabled, int threadCount)
 {
-    if (isOnCeph(folder.toLocalPath()))
-        return newCephFileSystem(threadCount);
-    if (isOnS3(folder.toLocalPath()))
-        return newS3FileSystem(threadCount);
-    zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(threadCount));
-    fs->setSyncEnabled(syncEnabled);
-    return zo::P<zo::IFileSystem>(fs.get());
+    return brick::openStore(folder, storeSettings(), syncEnabled, threadCount);
 }
 
 brick::CBrickDiskHeader loadDiskHeader(zo::IFileSystem* fs, const zo::CURI& folder)

@@ -9,6 +9,7 @@
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskLock.h"
+#include "brick/DiskStore.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/URI.h"
 
@@ -30,43 +31,20 @@ namespace cli {
 // named "./s3:/bucket").
 zo::CURI diskFolderURI(const std::string& path);
 
-// The Ceph cluster of the disks on Ceph: the program's --ceph-conf (empty:
-// CEPH_CONF, then Ceph's default places), --ceph-id (the user without
-// "client."), --ceph-lock-lease (how long the disk lock of a killed
-// program keeps others out) and --ceph-timeout (when an operation gives up).
-struct CephCluster {
-    std::string configFile;
-    std::string clientId = "admin";
-    int lockLeaseSeconds = 30;
-    // Seconds after which an object or monitor operation gives up.
-    int operationTimeoutSeconds = 60;
-};
-void setCephCluster(const CephCluster& cluster);
-
-// The S3 service of the disks on S3: the program's --s3-endpoint (empty:
-// AWS_ENDPOINT_URL_S3, AWS_ENDPOINT_URL, the profile's endpoint_url, else
-// AWS itself), --s3-virtual-host (the bucket in the host name),
-// --s3-no-conditional-put (for services that ignore "If-None-Match: *"),
-// --s3-lock-lease and --s3-attempts (tries of each request). The keys and the region come from the environment or the
-// profile, as every S3 tool finds them, never from the command line.
-struct S3Service {
-    std::string endpoint;
-    bool virtualHost = false;
-    bool noConditionalPut = false;
-    int lockLeaseSeconds = 30;
-    int attempts = 8;
-};
-void setS3Service(const S3Service& service);
-
-// True when both folders are in the same kind of place: both local, both on
-// Ceph ("rados://POOL/path") or both on S3 ("s3://BUCKET/path").
-bool isSameStore(const zo::CURI& first, const zo::CURI& second);
+// The settings of the Ceph cluster and the S3 service of the disks in those
+// stores, as the program's options give them (--ceph-conf, --ceph-id,
+// --ceph-lock-lease, --ceph-timeout, --s3-endpoint, --s3-virtual-host,
+// --s3-no-conditional-put, --s3-lock-lease, --s3-attempts): set once, before
+// a command runs.
+void setStoreSettings(const brick::StoreSettings& settings);
+const brick::StoreSettings& getStoreSettings();
 
 // True for a disk folder in the local file system (neither rados:// nor s3://).
 bool isLocalFolder(const zo::CURI& folder);
 
-// The file system that holds `folder`, with `threadCount` worker threads: the
-// Ceph cluster's for "rados://" folders, the S3 service's for "s3://" folders
+// The file system that holds `folder`, with `threadCount` worker threads, as
+// brick::openStore makes it with the program's store settings: the Ceph
+// cluster's for "rados://" folders, the S3 service's for "s3://" folders
 // (connecting, or finding no S3 credentials, throws zo::CError), else the
 // local one, where with `syncEnabled` every stored brick and header reaches
 // the disk before it counts as stored.

@@ -1,8 +1,10 @@
 #include "Password.h"
 
-#include "PasswordFile.h"
 #include "Terminal.h"
 #include "UsageError.h"
+
+#include "brick/PasswordFile.h"
+#include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
 
@@ -24,9 +26,9 @@ public:
 std::string readPasswordFileOrRefuse(const std::string& path)
 {
     try {
-        return readPasswordFile(path);
-    } catch (const CPasswordFileError& e) {
-        throw UsageError(e.what());
+        return brick::readPasswordFile(path);
+    } catch (const zo::CError& e) {
+        throw UsageError(e.getMessage().toUTF8());
     }
 }
 

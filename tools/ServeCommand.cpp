@@ -196,6 +196,38 @@ private:
     std::string m_path;
 };
 
+// The plugin's parameters for the store of the disk in `folder`: the
+// program's --ceph-... or --s3-... settings, which the server needs to reach
+// the disk as this program does.
+std::vector<std::string> storeParameters(const zo::CURI& folder)
+{
+    const brick::StoreSettings& settings = getStoreSettings();
+    switch (brick::getStoreKind(folder.toLocalPath())) {
+    case brick::StoreKind::Ceph: {
+        std::vector<std::string> parameters{"ceph-id=" + settings.ceph.clientId,
+                                            "ceph-lock-lease=" + std::to_string(settings.ceph.lockLeaseSeconds),
+                                            "ceph-timeout=" + std::to_string(settings.ceph.operationTimeoutSeconds)};
+        if (!settings.ceph.configFile.empty())
+            parameters.push_back("ceph-conf=" + settings.ceph.configFile);
+        return parameters;
+    }
+    case brick::StoreKind::S3: {
+        std::vector<std::string> parameters{"s3-lock-lease=" + std::to_string(settings.s3.lockLeaseSeconds),
+                                            "s3-attempts=" + std::to_string(settings.s3.attempts)};
+        if (!settings.s3.endpoint.empty())
+            parameters.push_back("s3-endpoint=" + settings.s3.endpoint);
+        if (settings.s3.virtualHost)
+            parameters.push_back("s3-virtual-host=true");
+        if (settings.s3.noConditionalPut)
+            parameters.push_back("s3-no-conditional-put=true");
+        return parameters;
+    }
+    case brick::StoreKind::LocalFolder:
+        break;
+    }
+    return {};
+}
+
 // A running nbdkit serving one disk.
 class CServer {
 public:
@@ -224,6 +256,8 @@ public:
         }
         argv.push_back(options.plugin.empty() ? defaultPlugin() : options.plugin);
         argv.push_back("disk=" + folder.toLocalPath());
+        for (const std::string& parameter : storeParameters(folder))
+            argv.push_back(parameter);
         argv.push_back("cache=" + options.cache);
         if (m_readOnly)
             argv.push_back("readonly=true");

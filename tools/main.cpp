@@ -71,7 +71,8 @@ int main(int argc, char** argv)
     program.set_version_flag("--version", std::string("brickdisk ") + brick::getLibraryVersion());
     bool verbose = false;
     program.add_flag("-v,--verbose", verbose, "Also show what the library logs (failed brick loads and stores)");
-    cli::CephCluster ceph;
+    brick::StoreSettings stores;
+    brick::CephClusterSettings& ceph = stores.ceph;
     program.add_option("--ceph-conf", ceph.configFile, "Ceph configuration file for rados://POOL/path disks")
         ->envname("CEPH_CONF");
     program.add_option("--ceph-id", ceph.clientId, "Ceph user for rados:// disks, without \"client.\"")
@@ -84,7 +85,7 @@ int main(int argc, char** argv)
                        "Seconds after which an operation on the Ceph cluster gives up with an error")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
-    cli::S3Service s3;
+    brick::S3ServiceSettings& s3 = stores.s3;
     program.add_option("--s3-endpoint", s3.endpoint,
                        "S3 service of s3://BUCKET/path disks, e.g. https://minio.example:9000 (default: "
                        "AWS_ENDPOINT_URL, else AWS); the keys come from AWS_ACCESS_KEY_ID and "
@@ -148,8 +149,7 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
     routeLibraryLog(verbose);
-    cli::setCephCluster(ceph);
-    cli::setS3Service(s3);
+    cli::setStoreSettings(stores);
 
     try {
         for (const CLI::App* chosen : program.get_subcommands())

@@ -1,7 +1,12 @@
 // nbdkit-brickdisk-plugin: serves one brick disk over NBD.
 //
-//   nbdkit brickdisk disk=FOLDER [readonly=true] [cache=SIZE]
+//   nbdkit brickdisk disk=FOLDER|rados://POOL/path|s3://BUCKET/path
+//                    [readonly=true] [cache=SIZE]
 //                    [password-file=FILE | password-fd=N]
+//                    [ceph-conf=FILE] [ceph-id=USER] [ceph-lock-lease=SECONDS]
+//                    [ceph-timeout=SECONDS] [s3-endpoint=URL]
+//                    [s3-virtual-host=true] [s3-no-conditional-put=true]
+//                    [s3-lock-lease=SECONDS] [s3-attempts=N]
 //
 // All connections share one block device, so a flush on any connection makes
 // every write acknowledged before it durable (multi-conn consistent).
@@ -9,10 +14,12 @@
 #include <nbdkit-plugin.h>
 
 #include "ServedDisk.h"
-#include "SnapshotControl.h"
 
 #include "brick/BrickDiskError.h"
-#include "tools/PasswordFile.h"
+#include "brick/DiskStore.h"
+#include "brick/PasswordFile.h"
+#include "brick/ServeControl.h"
+#include "brick/Version.h"
 #include "zo/Error.h"
 #include "zo/Log.h"
 
@@ -33,7 +40,7 @@ using nbdplugin::CServedDisk;
 nbdplugin::ServeOptions options;
 bool diskGiven = false;
 std::unique_ptr<CServedDisk> served;
-std::unique_ptr<nbdplugin::CSnapshotControl> snapshotControl;
+std::unique_ptr<brick::CSnapshotControl> snapshotControl;
 
 int errnoFor(const zo::CError& error)
 {
@@ -79,7 +86,7 @@ int request(const char* what, F&& action)
     return -1;
 }
 
-// The password as the brickdisk program reads it (tools/PasswordFile.h): a
+// The password as the brickdisk program reads it (brick/PasswordFile.h): a
 // file without one trailing newline (password-file=), or all that an
 // inherited descriptor holds (password-fd=, which brickdisk serve uses, so
 // the password never lies in a file). The descriptor is closed once read.
@@ -87,7 +94,7 @@ bool readPassword(const std::string& key, const char* value)
 {
     try {
         if (key == "password-file") {
-            options.password = cli::readPasswordFile(value);
+            options.password = brick::readPasswordFile(value);
             return true;
         }
         int fd = -1;
@@ -97,25 +104,98 @@ bool readPassword(const std::string& key, const char* value)
             nbdkit_error("password-fd must be a file descriptor, not %d", fd);
             return false;
         }
-        options.password = cli::readPasswordFrom(fd, "the descriptor password-fd=" + std::to_string(fd));
+        options.password = brick::readPasswordFrom(fd, "the descriptor password-fd=" + std::to_string(fd));
         ::close(fd);
         return true;
-    } catch (const cli::CPasswordFileError& e) {
-        nbdkit_error("%s", e.what());
+    } catch (const zo::CError& e) {
+        nbdkit_error("%s", e.getMessage().toUTF8().c_str());
         return false;
     }
+}
+
+// The disk as the brickdisk program names it: a disk in a store by its
+// normalised address, a local folder by its real path (the disk is reached
+// without following links inside it, so the user's own links on the way to
+// it are resolved here, once).
+bool setDisk(const char* value)
+{
+    try {
+        brick::checkStoreScheme(value);
+    } catch (const zo::CError& e) {
+        nbdkit_error("%s", e.getMessage().toUTF8().c_str());
+        return false;
+    }
+    if (brick::getStoreKind(value) != brick::StoreKind::LocalFolder) {
+        options.diskFolder = zo::CURI(zo::String::fromUTF8(value)).toNormalized().toLocalPath();
+        return true;
+    }
+    std::unique_ptr<char, decltype(&free)> real(nbdkit_realpath(value), &free);
+    if (!real)
+        return false;
+    options.diskFolder = real.get();
+    return true;
+}
+
+// A whole number of seconds or tries, from 1 to `most`.
+bool parseCount(const char* key, const char* value, int most, int& count)
+{
+    int parsed = 0;
+    if (nbdkit_parse_int(key, value, &parsed) == -1)
+        return false;
+    if (parsed < 1 || parsed > most) {
+        nbdkit_error("%s must be between 1 and %d, not %d", key, most, parsed);
+        return false;
+    }
+    count = parsed;
+    return true;
+}
+
+bool parseFlag(const char* value, bool& flag)
+{
+    const int parsed = nbdkit_parse_bool(value);
+    if (parsed == -1)
+        return false;
+    flag = parsed != 0;
+    return true;
+}
+
+// The settings of the Ceph cluster and the S3 service, as brickdisk serve
+// passes on its --ceph-... and --s3-... options. False for another key.
+bool setStoreSetting(const std::string& name, const char* value, int& result)
+{
+    brick::CephClusterSettings& ceph = options.stores.ceph;
+    brick::S3ServiceSettings& s3 = options.stores.s3;
+    bool set = true;
+    if (name == "ceph-conf")
+        ceph.configFile = value;
+    else if (name == "ceph-id")
+        ceph.clientId = value;
+    else if (name == "ceph-lock-lease")
+        set = parseCount(name.c_str(), value, 3600, ceph.lockLeaseSeconds);
+    else if (name == "ceph-timeout")
+        set = parseCount(name.c_str(), value, 3600, ceph.operationTimeoutSeconds);
+    else if (name == "s3-endpoint")
+        s3.endpoint = value;
+    else if (name == "s3-virtual-host")
+        set = parseFlag(value, s3.virtualHost);
+    else if (name == "s3-no-conditional-put")
+        set = parseFlag(value, s3.noConditionalPut);
+    else if (name == "s3-lock-lease")
+        set = parseCount(name.c_str(), value, 3600, s3.lockLeaseSeconds);
+    else if (name == "s3-attempts")
+        set = parseCount(name.c_str(), value, 100, s3.attempts);
+    else
+        return false;
+    result = set ? 0 : -1;
+    return true;
 }
 
 int brickdiskConfig(const char* key, const char* value)
 {
     const std::string name(key);
     if (name == "disk") {
-        // The disk is reached without following links inside it, so the
-        // user's own links on the way to it are resolved here, once.
-        std::unique_ptr<char, decltype(&free)> real(nbdkit_realpath(value), &free);
-        if (!real)
+        if (!setDisk(value))
             return -1;
-        options.diskFolder = real.get();
         diskGiven = true;
         return 0;
     }
@@ -135,6 +215,9 @@ int brickdiskConfig(const char* key, const char* value)
     }
     if (name == "password-file" || name == "password-fd")
         return readPassword(name, value) ? 0 : -1;
+    int result = 0;
+    if (setStoreSetting(name, value, result))
+        return result;
     nbdkit_error("unknown parameter '%s'", key);
     return -1;
 }
@@ -142,7 +225,7 @@ int brickdiskConfig(const char* key, const char* value)
 int brickdiskConfigComplete()
 {
     if (!diskGiven) {
-        nbdkit_error("the parameter disk=FOLDER is required");
+        nbdkit_error("the parameter disk=FOLDER (or rados://POOL/path, s3://BUCKET/path) is required");
         return -1;
     }
     return 0;
@@ -167,6 +250,10 @@ int brickdiskAfterFork()
     routeLibraryLog();
     try {
         served = std::make_unique<CServedDisk>(options);
+    } catch (const zo::CError& e) {
+        // With its context: which disk, which parent, what differs.
+        nbdkit_error("%s", e.toString().toUTF8().c_str());
+        return -1;
     } catch (const std::exception& e) {
         nbdkit_error("%s", e.what());
         return -1;
@@ -176,7 +263,9 @@ int brickdiskAfterFork()
     // Without its control socket the disk is served all the same; only
     // snapshots while it is served are not possible.
     try {
-        snapshotControl = std::make_unique<nbdplugin::CSnapshotControl>(*served);
+        snapshotControl = std::make_unique<brick::CSnapshotControl>(
+            zo::CURI(zo::String::fromUTF8(options.diskFolder)),
+            [](const zo::CURI& snapshotFolder) { served->takeSnapshot(snapshotFolder); });
     } catch (const std::exception& e) {
         nbdkit_error("%s Snapshots of the served disk cannot be taken while it is served.", e.what());
     }
@@ -304,16 +393,27 @@ struct nbdkit_plugin makePlugin()
     struct nbdkit_plugin plugin {};
     plugin.name = "brickdisk";
     plugin.longname = "brickdisk: a virtual disk stored as compressed, encrypted brick files";
-    plugin.version = "0.1.0";
-    plugin.description = "Serves one brick disk folder.";
+    plugin.version = brick::kVersion;
+    plugin.description = "Serves one brick disk: a local folder, or a folder in a Ceph pool or an S3 bucket.";
     plugin.config = brickdiskConfig;
     plugin.config_complete = brickdiskConfigComplete;
-    plugin.config_help = "disk=FOLDER          (required) The brick disk to serve.\n"
+    plugin.config_help = "disk=FOLDER          (required) The brick disk to serve: a local folder,\n"
+                         "                     rados://POOL/path (Ceph) or s3://BUCKET/path (S3).\n"
                          "readonly=true        Serve it read-only.\n"
                          "cache=SIZE           Memory for decoded bricks (default 256M).\n"
                          "password-file=FILE   The password of an encrypted disk (the file without\n"
                          "                     one trailing newline, as brickdisk reads it).\n"
-                         "password-fd=N        The password: all that the inherited descriptor N holds.";
+                         "password-fd=N        The password: all that the inherited descriptor N holds.\n"
+                         "ceph-conf=FILE       Ceph configuration file (default: CEPH_CONF, then Ceph's own).\n"
+                         "ceph-id=USER         Ceph user without \"client.\" (default admin).\n"
+                         "ceph-lock-lease=S    Seconds the lock of a killed server keeps others out (30).\n"
+                         "ceph-timeout=S       Seconds after which a Ceph operation gives up (60).\n"
+                         "s3-endpoint=URL      S3 service (default: AWS_ENDPOINT_URL_S3, AWS_ENDPOINT_URL,\n"
+                         "                     the profile's endpoint_url, else AWS).\n"
+                         "s3-virtual-host=true The bucket in the host name instead of the path.\n"
+                         "s3-no-conditional-put=true  For services that ignore If-None-Match.\n"
+                         "s3-lock-lease=S      Seconds the lock of a killed server keeps others out (30).\n"
+                         "s3-attempts=N        Tries of each S3 request (8).";
     plugin.magic_config_key = "disk";
     plugin.after_fork = brickdiskAfterFork;
     plugin.cleanup = brickdiskCleanup;

@@ -1,5 +1,6 @@
 #include "ServedDisk.h"
 
+#include "brick/BrickDiskChain.h"
 #include "zo/Log.h"
 
 namespace nbdplugin {
@@ -37,12 +38,15 @@ std::string describeUnstoredBricks(CBrickDiskBlockDevice& device, const std::exc
 }
 
 CServedDisk::CServedDisk(const ServeOptions& options)
-    : m_options(options), m_folder(zo::String(options.diskFolder)), m_fs(new zo::CLocalFileSystem(kFileSystemThreads))
+    : m_options(options), m_folder(zo::String::fromUTF8(options.diskFolder)),
+      // A flush answers for durability, so every stored brick reaches the disk.
+      m_fs(brick::openStore(m_folder, options.stores, true, kFileSystemThreads))
 {
-    // A flush answers for durability, so every stored brick reaches the disk.
-    m_fs->setSyncEnabled(true);
     m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder,
                                      options.readOnly ? CBrickDiskLock::ForReading : CBrickDiskLock::ForWriting);
+    // A parent that is missing or was not made for this disk would show
+    // through as wrong bytes: the disk is refused, as the tools refuse it.
+    brick::CBrickDiskChain(m_fs.get(), m_folder).validate();
     const zo::P<CBrickDisk> disk = openDisk();
     m_device = zo::P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(disk.get(), options.cacheBytes));
 }

@@ -4,14 +4,17 @@
 
 #include "brick/BrickDiskBlockDevice.h"
 #include "brick/BrickDiskLock.h"
-#include "zo/LocalFileSystem.h"
+#include "brick/DiskStore.h"
 
 #include <string>
 
 namespace nbdplugin {
 
 struct ServeOptions {
+    // An absolute local folder, "rados://POOL/path" or "s3://BUCKET/path".
     std::string diskFolder;
+    // The Ceph cluster or S3 service of a disk in a store.
+    brick::StoreSettings stores;
     bool readOnly = false;
     zo::int64 cacheBytes = 256ll << 20;
     // Empty: the disk is not encrypted.
@@ -26,9 +29,11 @@ std::string describeUnstoredBricks(brick::CBrickDiskBlockDevice& device, const s
 
 class CServedDisk {
 public:
-    // Opens the disk (reading and writing unless read-only, durable stores),
-    // locks it (for writing, or shared for reading) and makes the block
-    // device. Throws the errors of locking and opening, such as
+    // Reaches the disk's store (brick::openStore, durable stores), locks the
+    // disk (for writing, or shared for reading), checks that every parent
+    // disk of its chain is there and made for it, opens it (reading and
+    // writing unless read-only) and makes the block device. Throws the errors
+    // of reaching the store, locking, the chain check and opening, such as
     // CBrickDiskError DiskInUse or IncorrectPassword.
     explicit CServedDisk(const ServeOptions& options);
     // Flushes and releases the disk and its lock; never throws.
@@ -52,7 +57,7 @@ private:
 
     ServeOptions m_options;
     zo::CURI m_folder;
-    zo::P<zo::CLocalFileSystem> m_fs;
+    zo::P<zo::IFileSystem> m_fs;
     zo::P<brick::CBrickDiskLock> m_lock;
     zo::P<brick::CBrickDiskBlockDevice> m_device;
 };

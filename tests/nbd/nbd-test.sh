@@ -703,5 +703,41 @@ case_snapshot_control_squatter() {
   grep -q "another user" "$work/snap3.log" || fail "the refusal does not say why: $(cat "$work/snap3.log")"
 }
 
+# refused_by_plugin NAME [plugin parameters...]: the plugin must refuse to
+# serve; the server is stopped when it serves all the same.
+refused_by_plugin() {
+  local name=$1 i
+  shift
+  nbdkit -f -U "$work/$name.sock" "$plugin" "$@" >"$work/$name.log" 2>&1 &
+  last_pid=$!
+  server_pids+=("$last_pid")
+  for i in $(seq 1 200); do
+    kill -0 "$last_pid" 2>/dev/null || break
+    nbdinfo --size "$(uri_of "$work/$name.sock")" >/dev/null 2>&1 && fail "server $name served: $*"
+    sleep 0.05
+  done
+  kill -0 "$last_pid" 2>/dev/null && fail "server $name neither served nor ended"
+  ! wait "$last_pid" || fail "server $name ended without an error"
+}
+
+# The plugin checks a disk's chain before it serves it, as the commands do: a
+# snapshot whose parent was replaced by a disk of another size is refused
+# instead of showing that disk's bricks. A disk name of an unknown scheme is refused as
+# the commands refuse it.
+case_plugin_checks_the_disk() {
+  make_disk "$work/base" 8M
+  head -c 8388608 /dev/urandom >"$work/image"
+  "$brickdisk" import "$work/base" "$work/image" -q
+  "$brickdisk" snapshot "$work/base" "$work/snap" >/dev/null
+  mv "$work/base" "$work/moved"
+  make_disk "$work/base" 16M
+  refused_by_plugin a disk="$work/snap" readonly=true
+  grep -q "A parent disk of the disk is missing or does not match it." "$work/a.log" ||
+    fail "the refusal does not name the chain: $(cat "$work/a.log")"
+  grep -q "disk size 16777216 instead of 8388608" "$work/a.log" || fail "the refusal does not say what differs"
+  refused_by_plugin b disk="s3:/bucket/disk"
+  grep -q 'Unknown storage scheme "s3:"' "$work/b.log" || fail "the refusal does not name the scheme: $(cat "$work/b.log")"
+}
+
 "case_$case_name"
 echo "PASSED: $case_name"

@@ -1,5 +1,8 @@
-#include "PasswordFile.h"
+#include "brick/PasswordFile.h"
 
+#include "zo/Error.h"
+
+#include <cctype>
 #include <cerrno>
 #include <string.h>
 
@@ -7,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace cli {
+namespace brick {
 
 namespace {
 
@@ -37,14 +40,23 @@ bool readAtMostTheLimit(int fd, std::string& content)
     return true;
 }
 
-std::string readPassword(int fd, const std::string& what)
+// `what` (a lower-case phrase naming the source) made the subject of a
+// sentence that ends with `rest`.
+[[noreturn]] void throwPasswordError(const std::string& what, const std::string& rest, const zo::CProps& props)
+{
+    std::string message = what + rest;
+    message[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(message[0])));
+    throw zo::CError(zo::String(message), zo::String(), -1, props);
+}
+
+std::string readPassword(int fd, const std::string& what, const zo::CProps& props)
 {
     std::string content;
     if (!readAtMostTheLimit(fd, content))
-        throw CPasswordFileError("cannot read " + what);
+        throwPasswordError("cannot read " + what, ".", props);
     if (content.size() > kMaxPasswordBytes) {
         explicit_bzero(content.data(), content.size());
-        throw CPasswordFileError(what + " is longer than 64 KiB; it cannot be a password");
+        throwPasswordError(what, " is longer than 64 KiB; it cannot be a password.", props);
     }
     return content;
 }
@@ -66,29 +78,30 @@ private:
 std::string readPasswordFile(const std::string& path)
 {
     const std::string what = "the password file '" + path + "'";
+    const zo::CProps props = zo::CProps().add("passwordFile", path);
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
-        throw CPasswordFileError(what + " is a folder, not a file");
+        throwPasswordError(what, " is a folder, not a file.", props);
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        throw CPasswordFileError("cannot read " + what);
+        throwPasswordError("cannot read " + what, ".", props);
     const CClosedAtEnd closer(fd);
-    std::string content = readPassword(fd, what);
+    std::string content = readPassword(fd, what, props);
     if (!content.empty() && content.back() == '\n')
         content.pop_back();
     if (!content.empty() && content.back() == '\r')
         content.pop_back();
     if (content.empty())
-        throw CPasswordFileError(what + " is empty");
+        throwPasswordError(what, " is empty.", props);
     return content;
 }
 
 std::string readPasswordFrom(int fd, const std::string& name)
 {
-    std::string content = readPassword(fd, name);
+    std::string content = readPassword(fd, name, zo::CProps());
     if (content.empty())
-        throw CPasswordFileError(name + " holds no password");
+        throwPasswordError(name, " holds no password.", zo::CProps());
     return content;
 }
 
-} // namespace cli
+} // namespace brick

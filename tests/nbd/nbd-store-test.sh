@@ -1,0 +1,237 @@
+#!/usr/bin/env bash
+# Serves brick disks that live in an object store (an S3 bucket or a Ceph
+# pool) with brickdisk serve and mount, and drives them with real NBD
+# clients (nbdinfo, nbdcopy, nbdfuse).
+#
+#   nbd-store-test.sh STORE CASE BRICKDISK_PROGRAM WORK_FOLDER
+#
+# STORE is s3 or ceph. The store is the Ceph test cluster's (its pool and its
+# radosgw), named by the environment that `scripts/ceph-test-cluster.sh start`
+# prints. Every server listens on a Unix socket in the case's own folder and
+# is stopped by its pid. A case that needs what the machine lacks prints
+# "SKIPPED: reason" and exits 77 (CTest's skip code).
+set -euo pipefail
+
+store=$1
+case_name=$2
+brickdisk=$3
+work=$4/$store-$case_name
+
+rm -rf "$work"
+mkdir -p "$work"
+declare -a cleanups=()
+
+cleanup() {
+  local command
+  for command in "${cleanups[@]}"; do eval "$command" || true; done
+}
+trap cleanup EXIT
+
+fail() {
+  echo "FAILED: $*" >&2
+  for log in "$work"/*.log; do
+    [ -f "$log" ] && { echo "--- $log" >&2; tail -n 20 "$log" >&2; }
+  done
+  exit 1
+}
+
+skip() {
+  echo "SKIPPED: $*"
+  exit 77
+}
+
+need() {
+  local tool
+  for tool in "$@"; do
+    command -v "$tool" >/dev/null || skip "$tool is not installed"
+  done
+}
+
+need nbdkit nbdinfo nbdcopy
+
+# Each run has a place of its own in the store, so runs never meet.
+run=nbd-${case_name//_/-}-$$-$RANDOM
+case $store in
+s3)
+  [ -n "${AWS_ENDPOINT_URL:-}" ] && [ -n "${AWS_ACCESS_KEY_ID:-}" ] ||
+    skip "no S3 test service: run eval \"\$(scripts/ceph-test-cluster.sh start)\" first"
+  need curl
+  # radosgw wants the payload's digest even of an empty body.
+  curl -fsS --aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
+    -H "x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855" \
+    -X PUT "$AWS_ENDPOINT_URL/$run" >/dev/null || fail "cannot create the bucket $run"
+  place=s3://$run
+  # Short lock leases, so that the lock of a server stopped by a failed case
+  # does not outlive it for long.
+  settings=(--s3-lock-lease 5)
+  ;;
+ceph)
+  [ -n "${CEPH_CONF:-}" ] && [ -n "${BRICKDISK_CEPH_POOL:-}" ] ||
+    skip "no Ceph test cluster: run eval \"\$(scripts/ceph-test-cluster.sh start)\" first"
+  place=rados://$BRICKDISK_CEPH_POOL/$run
+  settings=(--ceph-lock-lease 5)
+  ;;
+*)
+  fail "unknown store $store"
+  ;;
+esac
+
+# The control sockets of this run's servers, in a runtime folder of its own
+# (short enough a path for a Unix socket).
+XDG_RUNTIME_DIR=$(mktemp -d /tmp/brickdisk-test-XXXXXX)
+export XDG_RUNTIME_DIR
+cleanups+=("rm -rf $XDG_RUNTIME_DIR")
+
+uri_of() { echo "nbd+unix:///?socket=$1"; }
+
+# make_disk DISK SIZE: an unencrypted disk of 64 KiB bricks.
+make_disk() {
+  "$brickdisk" "${settings[@]}" create "$1" --size "$2" --brick-size 64K --no-encryption >/dev/null ||
+    fail "cannot create $1"
+}
+
+# wait_for_output LOG PATTERN PID: waits until LOG holds PATTERN or the
+# program PID has ended; true when the pattern came.
+wait_for_output() {
+  local log=$1 pattern=$2 pid=$3 i
+  for i in $(seq 1 1200); do
+    grep -q -- "$pattern" "$log" 2>/dev/null && return 0
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.05
+  done
+  grep -q -- "$pattern" "$log" 2>/dev/null
+}
+
+# serve_in_background NAME ARGS...: runs brickdisk serve ARGS... with the
+# store's settings and its output in $work/NAME.log, waits until it serves and
+# sets $serve_pid.
+serve_in_background() {
+  local name=$1
+  shift
+  "$brickdisk" "${settings[@]}" serve "$@" >"$work/$name.log" 2>&1 &
+  serve_pid=$!
+  cleanups+=("kill $serve_pid 2>/dev/null; wait $serve_pid 2>/dev/null")
+  wait_for_output "$work/$name.log" '^Serving' "$serve_pid" || fail "serve $name did not start: $(cat "$work/$name.log")"
+}
+
+# stop_serving PID LOG: Ctrl-C, and serve must end cleanly.
+stop_serving() {
+  kill -INT "$1"
+  wait "$1" || fail "serve did not end cleanly: $(cat "$2")"
+}
+
+# export_disk DISK FILE: the disk's bytes.
+export_disk() {
+  "$brickdisk" "${settings[@]}" export "$1" "$2" -q 2>"$work/export.log" || fail "cannot export $1"
+}
+
+# socket_hash NAME: the hexadecimal FNV-1a hash that names the control
+# socket of the disk NAME.
+socket_hash() {
+  python3 -c '
+import sys
+h = 14695981039346656037
+for c in sys.argv[1].encode():
+    h = ((h ^ c) * 1099511628211) % 2**64
+print("%016x" % h)' "$1"
+}
+
+# Written through NBD, flushed and stopped: the disk in the store holds the
+# bytes, and the server got the store's settings from serve.
+case_write_flush_export() {
+  local disk=$place/disk
+  make_disk "$disk" 4M
+  head -c 4194304 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock"
+  local server
+  server=$(pgrep -P "$serve_pid" nbdkit) || fail "no server process"
+  tr '\0' '\n' <"/proc/$server/cmdline" >"$work/server-arguments"
+  grep -qx "disk=$disk" "$work/server-arguments" || fail "the server was not given the disk: $(cat "$work/server-arguments")"
+  grep -qx -- "$store-lock-lease=5" "$work/server-arguments" ||
+    fail "the server was not given the store's settings: $(cat "$work/server-arguments")"
+  [ "$(nbdinfo --size "$(uri_of "$work/a.sock")")" = 4194304 ] || fail "the served disk has the wrong size"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  stop_serving "$serve_pid" "$work/a.log"
+  export_disk "$disk" "$work/out"
+  cmp "$work/image" "$work/out" || fail "the disk in the store does not hold what was written"
+}
+
+# A snapshot taken while the disk is served holds what was written before
+# it; the disk goes on taking writes. The server's control socket lies in the
+# runtime folder, named after the disk's address.
+case_snapshot_while_serving() {
+  local disk=$place/disk snap=$place/snap
+  make_disk "$disk" 4M
+  head -c 4194304 /dev/urandom >"$work/first"
+  head -c 4194304 /dev/urandom >"$work/second"
+  serve_in_background a "$disk" --socket "$work/a.sock"
+  local control
+  control=$XDG_RUNTIME_DIR/serve-$(socket_hash "$disk").sock
+  [ -S "$control" ] || fail "no control socket at $control: $(ls -A "$XDG_RUNTIME_DIR")"
+  nbdcopy --flush "$work/first" "$(uri_of "$work/a.sock")" || fail "writing the first image failed"
+  "$brickdisk" "${settings[@]}" snapshot "$disk" "$snap" >"$work/snapshot.log" 2>&1 ||
+    fail "snapshot of the served disk failed: $(cat "$work/snapshot.log")"
+  grep -q "taken by the server" "$work/snapshot.log" || fail "the server did not take the snapshot"
+  nbdcopy --flush "$work/second" "$(uri_of "$work/a.sock")" || fail "writing the second image failed"
+  stop_serving "$serve_pid" "$work/a.log"
+  [ -e "$control" ] && fail "the server left its control socket"
+  export_disk "$snap" "$work/snap.img"
+  cmp "$work/first" "$work/snap.img" || fail "the snapshot does not hold what was written before it"
+  export_disk "$disk" "$work/disk.img"
+  cmp "$work/second" "$work/disk.img" || fail "the disk does not hold what was written after the snapshot"
+}
+
+# Served read-only, the disk refuses writes and keeps its bytes; while a
+# writer serves it, a second server is refused by the store's lock.
+case_read_only_and_lock() {
+  local disk=$place/disk
+  make_disk "$disk" 4M
+  head -c 4194304 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  if "$brickdisk" "${settings[@]}" serve "$disk" --socket "$work/b.sock" >"$work/second.log" 2>&1; then
+    fail "a second serve of a served disk started"
+  fi
+  grep -q "in use by another process" "$work/second.log" || fail "no reason given: $(cat "$work/second.log")"
+  stop_serving "$serve_pid" "$work/a.log"
+
+  serve_in_background c "$disk" --socket "$work/c.sock" --read-only
+  grep -q "(read-only)" "$work/c.log" || fail "serve does not say read-only: $(cat "$work/c.log")"
+  head -c 4194304 /dev/urandom >"$work/other"
+  if nbdcopy --flush "$work/other" "$(uri_of "$work/c.sock")" 2>"$work/write.log"; then
+    fail "a disk served read-only accepted a write"
+  fi
+  nbdcopy "$(uri_of "$work/c.sock")" "$work/read"
+  cmp "$work/image" "$work/read" || fail "the disk served read-only does not read what was written"
+  if "$brickdisk" "${settings[@]}" snapshot "$disk" "$place/snap" >"$work/snapshot.log" 2>&1; then
+    fail "a snapshot was taken while a reader served the disk"
+  fi
+  stop_serving "$serve_pid" "$work/c.log"
+  export_disk "$disk" "$work/out"
+  cmp "$work/image" "$work/out" || fail "the disk changed while served read-only"
+}
+
+# brickdisk mount of a disk in the store: a file system made through the
+# disk file is stored, and unmount ends the mount.
+case_mount() {
+  need nbdfuse fusermount3 mkfs.ext4 e2fsck
+  [ -c /dev/fuse ] || skip "no /dev/fuse"
+  local disk=$place/disk
+  make_disk "$disk" 32M
+  mkdir "$work/mnt"
+  "$brickdisk" "${settings[@]}" mount "$disk" "$work/mnt" >"$work/mount.log" 2>&1 &
+  local mount=$!
+  cleanups+=("fusermount3 -u $work/mnt 2>/dev/null; kill $mount 2>/dev/null")
+  wait_for_output "$work/mount.log" '^Mounted' "$mount" || {
+    grep -qi "fuse" "$work/mount.log" && skip "FUSE mounts are not allowed here: $(cat "$work/mount.log")"
+    fail "the disk was not mounted: $(cat "$work/mount.log")"
+  }
+  mkfs.ext4 -q -F "$work/mnt/disk" || fail "mkfs.ext4 failed"
+  "$brickdisk" unmount "$work/mnt" || fail "unmount failed"
+  wait "$mount" || fail "mount did not end cleanly: $(cat "$work/mount.log")"
+  export_disk "$disk" "$work/out"
+  e2fsck -fn "$work/out" >"$work/fsck.log" 2>&1 || fail "the stored file system has errors: $(cat "$work/fsck.log")"
+}
+
+"case_$case_name"
+echo "PASSED: $store $case_name"
