@@ -200,7 +200,7 @@ int CRetentionPlan::carryOut(zo::IFileSystem* fs, const std::vector<Decision>& p
         if (hooks.beforeRemoval)
             hooks.beforeRemoval(folder);
         const CBrickDiskRemover::Outcome outcome =
-            CBrickDiskRemover::remove(fs, folder, hooks.checkpoint, hooks.onProgress);
+            CBrickDiskRemover::remove(fs, folder, hooks.diskKey, hooks.checkpoint, hooks.onProgress);
         if (hooks.afterRemoval)
             hooks.afterRemoval(folder, outcome);
     }

@@ -114,7 +114,10 @@ public:
         // Called after a disk has been removed, with what the removal did;
         // it should not throw.
         std::function<void(const zo::CURI& disk, const CBrickDiskRemover::Outcome& outcome)> afterRemoval;
-        // Passed to CBrickDiskRemover::remove for each removal.
+        // Passed to CBrickDiskRemover::remove for each removal: the chain's
+        // key (empty for an unencrypted disk or one without an identity),
+        // which ties the links around each removed disk.
+        zo::TCryptBuffer<zo::uint8> diskKey;
         std::function<void()> checkpoint;
         CBrickDiskRemover::ProgressListener onProgress;
     };

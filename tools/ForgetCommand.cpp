@@ -34,6 +34,7 @@ struct ForgetOptions {
     std::string keepWithin;
     bool dryRun = false;
     bool json = false;
+    CPasswordSource passwords;
 };
 
 // Why a disk is kept, or goes, in plain words.
@@ -148,6 +149,7 @@ int runForget(const ForgetOptions& options)
         auto shown = brick::CBrickDiskRemover::Phase::CopyingBricks;
         std::string label;
         brick::CRetentionPlan::Hooks hooks;
+        hooks.diskKey = keyForLinks(fs.get(), folder, options.passwords);
         hooks.beforeRemoval = [&](const zo::CURI& disk) {
             throwIfInterrupted();
             const zo::CURI parent = parentOf(fs.get(), disk);
@@ -220,6 +222,10 @@ CommandAction addForgetCommand(CLI::App& program)
                         "Keep every snapshot made within DURATION (12h, 2d, 1w, 1m, 1y) of the newest one");
     command->add_flag("--dry-run", options->dryRun, "Print the plan and change nothing");
     command->add_flag("--json", options->json, "Print the plan and what was deleted as one JSON object");
+    // The links of an encrypted disk of the authenticated format are tied
+    // under its key.
+    options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
     return [options] { return runForget(*options); };
 }
 
