@@ -107,8 +107,8 @@ void checkCompressorID(const std::string& id)
         brick::CBrickDiskHeaderLimits::checkCompressID(zo::String(id));
     } catch (const zo::CError&) {
         throw UsageError("unknown compression '" + id +
-                         "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9) or lzma-PRESET[-EXTREME] (0 to 9, "
-                         "extreme 0 or 1)");
+                         "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9), lzma-PRESET[-EXTREME] (0 to 9, "
+                         "extreme 0 or 1) or zstd-LEVEL (1 to 19)");
     }
 }
 
@@ -172,7 +172,7 @@ CommandAction addCreateCommand(CLI::App& program)
                         "Size of one brick, a power of two from 4K to 64M (default: 512K in a folder, 4M in an "
                         "object store)");
     command->add_option("--compression", options->compression,
-                        "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME]")
+                        "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME], zstd-LEVEL")
         ->capture_default_str();
     command->add_option("--checksum", options->checksum,
                         "Digest of every brick: hmac-sha256 (keyed, bound to the brick's index; the default with "

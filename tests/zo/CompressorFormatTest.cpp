@@ -4,6 +4,7 @@
 #include "zo/LZ4Compressor.h"
 #include "zo/LZMACompressor.h"
 #include "zo/ZLibCompressor.h"
+#include "zo/ZstdCompressor.h"
 
 #include <gtest/gtest.h>
 
@@ -102,6 +103,51 @@ TEST(LZMACompressor, WritesXZStreamWithCRC32Check)
     // Stream header magic and flags (check type 1, CRC32), footer magic.
     EXPECT_EQ(Bytes(packed.begin(), packed.begin() + 8), fromHex("fd377a585a000001"));
     EXPECT_EQ(Bytes(packed.end() - 2, packed.end()), fromHex("595a"));
+}
+
+TEST(ZstdCompressor, ReadsFrameOfTheZstdTool)
+{
+    // "hello brick" as `zstd -3 --check` writes it from a file: the frame
+    // records the size and ends with the content checksum.
+    const Bytes packed = fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf");
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(1));
+    EXPECT_EQ(decompressToText(*compressor, packed, 100), "hello brick");
+}
+
+TEST(ZstdCompressor, WritesFrameWithSizeAndContentChecksum)
+{
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    Bytes packed(static_cast<size_t>(compressor->getMaxCompressedSize(11)));
+    packed.resize(static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), static_cast<int>(packed.size()))));
+    EXPECT_EQ(packed, fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf"));
+}
+
+TEST(ZstdCompressor, RefusesFrameWithoutItsSize)
+{
+    // The same frame as the zstd tool writes it from a pipe, without the size.
+    const Bytes packed = fromHex("28b52ffd045859000068656c6c6f20627269636be423e5cf");
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    char dst[100];
+    EXPECT_THROW(compressor->decompress(packed.data(), static_cast<int>(packed.size()), dst, 100), zo::CError);
+}
+
+TEST(ZstdCompressor, RefusesSecondFrameAfterTheFirst)
+{
+    Bytes packed = fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf");
+    const Bytes frame = packed;
+    packed.insert(packed.end(), frame.begin(), frame.end());
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    char dst[100];
+    EXPECT_THROW(compressor->decompress(packed.data(), static_cast<int>(packed.size()), dst, 100), zo::CError);
+}
+
+TEST(ZstdCompressor, RefusesSizeBeyondTheDestinationBeforeDecoding)
+{
+    const Bytes packed = fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf");
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    std::string dst(12, '#');
+    EXPECT_THROW(compressor->decompress(packed.data(), static_cast<int>(packed.size()), dst.data(), 10), zo::CError);
+    EXPECT_EQ(dst, "############");
 }
 
 } // namespace
