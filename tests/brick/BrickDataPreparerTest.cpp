@@ -383,6 +383,26 @@ INSTANTIATE_TEST_SUITE_P(
                     CompressorCase{"zstd-19", [] { return zo::P<zo::ICompressor>(new zo::CZstdCompressor(19)); }}),
     compressorCaseName);
 
+TEST(BrickDataPreparer, IncompressibleBrickIsStoredAsLZ4LiteralsAndReadBack)
+{
+    CBrickDataPreparer writer(makeHeader("lz4hc", "null"), Key());
+    const Bytes source = randomBytes(kDefaultBrickSize);
+    const Bytes prepared = prepare(writer, source);
+
+    // The size, a token of 15 literals, the rest of the count, the bytes.
+    const Bytes payload = payloadOf(prepared);
+    const int countBytes = (kDefaultBrickSize - 15) / 255 + 1;
+    ASSERT_EQ(payload.getUsed(), 4 + 1 + countBytes + kDefaultBrickSize);
+    EXPECT_EQ(payload[4], 0xF0);
+    EXPECT_EQ(std::memcmp(payload.getData() + 5 + countBytes, source.getData(), kDefaultBrickSize), 0);
+
+    // A reader of the fast compressor reads it as any LZ4 brick.
+    CBrickDataPreparer reader(makeHeader("lz4", "null"), Key());
+    Bytes plain;
+    reader.unprepareData(prepared, plain);
+    EXPECT_TRUE(plain == source);
+}
+
 // The cases above can only tell compressors apart when their outputs differ.
 TEST(BrickDataPreparer, CompressorIDsOfDifferentLevelsGiveDifferentPayloads)
 {
