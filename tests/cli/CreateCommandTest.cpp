@@ -29,6 +29,15 @@ TEST_F(CreateCommandTest, NewDisksInAFolderGetHalfAMiBBricksByDefault)
     EXPECT_NE(run({"info", path("disk"), "--json"}).out.find("\"brickSize\": 524288"), std::string::npos);
 }
 
+TEST_F(CreateCommandTest, NewDisksInAFolderGetLZ4ByDefault)
+{
+    const RunResult created = run({"create", path("disk"), "--size", "1M", "--no-encryption"});
+    ASSERT_EQ(created.exitStatus, 0) << created.err;
+    EXPECT_NE(created.out.find("compression lz4,"), std::string::npos) << created.out;
+    const RunResult info = run({"info", path("disk"), "--json"});
+    EXPECT_NE(info.out.find("\"compression\": \"lz4\""), std::string::npos) << info.out;
+}
+
 TEST_F(CreateCommandTest, SizeSuffixesArePowersOf1024)
 {
     const RunResult result =
