@@ -15,8 +15,10 @@ namespace zo {
 // checksum.
 //
 // The compression and decompression contexts are created on first use and
-// kept, so a steady stream of blocks allocates nothing. Used by one thread at
-// a time.
+// kept, so a steady stream of blocks allocates nothing. What the compression
+// context holds grows with the level and the block: about 1.3 MiB at level 3,
+// 6.5 MiB at level 9 with 512 KiB blocks and 50 MiB at level 19 with 4 MiB
+// blocks (libzstd 1.5.4). Used by one thread at a time.
 class BRICKDISK_EXPORT CZstdCompressor : public CBase, public ICompressor {
 public:
     // The levels a compressor accepts: kMinLevel (fastest) to kMaxLevel
