@@ -12,6 +12,7 @@
 #include "zo/LZMACompressor.h"
 #include "zo/NullCompressor.h"
 #include "zo/ZLibCompressor.h"
+#include "zo/ZstdCompressor.h"
 
 #include <cstring>
 
@@ -113,6 +114,8 @@ zo::P<zo::ICompressor> CBrickDataPreparer::createCompressor(const zo::String& co
         const int preset = parseInt(compressID.Mid(5, static_cast<zo::int64>(separator - 5)));
         return zo::P<zo::ICompressor>(new zo::CLZMACompressor(preset, parseInt(compressID.Mid(separator + 1))));
     }
+    if (compressID.StartsWith("zstd-"))
+        return zo::P<zo::ICompressor>(new zo::CZstdCompressor(parseInt(compressID.Mid(5))));
     throw zo::CError("Unknown compressor ID: " + compressID);
 }
 

@@ -7,6 +7,7 @@
 #include "seal/KeyWrap.h"
 #include "zo/Error.h"
 #include "zo/Machine.h"
+#include "zo/ZstdCompressor.h"
 
 #include <limits>
 
@@ -83,6 +84,21 @@ bool isDigit(char16_t c, char16_t last)
     return c >= u'0' && c <= last;
 }
 
+// True for the decimal form of a zstd level the compressor accepts, written
+// without sign or leading zero.
+bool isZstdLevel(const String& text)
+{
+    if (text.getLength() < 1 || text.getLength() > 2 || text[0] == u'0')
+        return false;
+    int level = 0;
+    for (size_t i = 0; i < text.getLength(); ++i) {
+        if (!isDigit(text[i], u'9'))
+            return false;
+        level = 10 * level + (text[i] - u'0');
+    }
+    return level >= zo::CZstdCompressor::kMinLevel && level <= zo::CZstdCompressor::kMaxLevel;
+}
+
 // The digest size of a key hash ID that checkOneOf accepted.
 int keyHashSize(const String& cryptoHashID)
 {
@@ -149,13 +165,15 @@ bool CBrickDiskHeaderLimits::isValidCompressID(const String& id)
     if (id.StartsWith("lzma-"))
         return (id.getLength() == 6 && isDigit(id[5], u'9')) ||
                (id.getLength() == 8 && isDigit(id[5], u'9') && id[6] == u'-' && isDigit(id[7], u'1'));
+    if (id.StartsWith("zstd-"))
+        return isZstdLevel(id.Mid(5));
     return false;
 }
 
 void CBrickDiskHeaderLimits::checkCompressID(const String& id)
 {
     if (!isValidCompressID(id))
-        fail(kCompressID, shown(id), "null, lz4, lz4hc, zlib-L, lzma-P or lzma-P-E; L and P 0 to 9, E 0 or 1");
+        fail(kCompressID, shown(id), "null, lz4, lz4hc, zlib-L, lzma-P, lzma-P-E or zstd-Z; L and P 0 to 9, E 0 or 1, Z 1 to 19");
 }
 
 void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::CURI& diskFolder)

@@ -50,7 +50,8 @@ public:
     static void checkPayloadBlockSize(zo::int64 payloadBlockSize, zo::int64 brickSize);
     // True for the compressor IDs that bricks may name, written exactly so:
     // "null", "lz4", "lz4hc", "zlib-L" (L a digit, 0 to 9), "lzma-P" and
-    // "lzma-P-E" (P a digit, 0 to 9; E 0 or 1, 1 for the extreme variant).
+    // "lzma-P-E" (P a digit, 0 to 9; E 0 or 1, 1 for the extreme variant),
+    // "zstd-Z" (Z 1 to 19 in decimal, without sign or leading zero).
     static bool isValidCompressID(const zo::String& id);
     // Throws zo::CError ("field", "value") for an ID that isValidCompressID
     // refuses.

@@ -37,7 +37,8 @@ struct PreparerConfig {
     int brickSize;
 };
 
-// The order is part of the seed corpus: byte 1 of an input indexes it.
+// The order is part of the seed corpus: byte 1 of an input indexes it, so new
+// preparers go at the end.
 constexpr PreparerConfig kConfigs[] = {
     {"null", "aes256cbc", "md5", 4096},
     {"zlib-6", "aes256cbc", "md5", 4096},
@@ -49,6 +50,8 @@ constexpr PreparerConfig kConfigs[] = {
     {"lz4", "null", "sha256", 0x80000},
     {"lz4hc", "null", "sha256", 0x80000},
     {"lzma-6", "null", "sha256", 0x80000},
+    {"zstd-3", "aes256cbc", "md5", 4096},
+    {"zstd-3", "null", "sha256", 0x80000},
 };
 constexpr size_t kConfigCount = sizeof(kConfigs) / sizeof(kConfigs[0]);
 

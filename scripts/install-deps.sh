@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   build-essential g++ cmake ninja-build pkg-config
-  libssl-dev zlib1g-dev liblz4-dev liblzma-dev libargon2-dev
+  libssl-dev zlib1g-dev liblz4-dev liblzma-dev libzstd-dev libargon2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang e2fsprogs
   librados-dev libradospp-dev libcurl4-openssl-dev

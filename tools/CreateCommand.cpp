@@ -31,13 +31,20 @@ namespace {
 // speed, 4 MiB bricks (eight times fewer objects).
 constexpr const char* kLocalBrickSize = "512K";
 constexpr const char* kObjectStoreBrickSize = "4M";
+// Without --compression: LZ4 in a local folder, where import speed counts
+// most; in an object store, where every stored byte is paid for and the
+// network is slower than zstd at level 3, zstd-3 (about two thirds of LZ4's
+// bytes on the comparison image; docs/benchmarks.md).
+constexpr const char* kLocalCompression = "lz4";
+constexpr const char* kObjectStoreCompression = "zstd-3";
 
 struct CreateOptions {
     std::string disk;
     std::string size;
     // Empty: kLocalBrickSize or kObjectStoreBrickSize, by where the disk is.
     std::string brickSize;
-    std::string compression = "lz4";
+    // Empty: kLocalCompression or kObjectStoreCompression, by where the disk is.
+    std::string compression;
     // Empty: "hmac-sha256" for argon2id, "sha256" for pbkdf2.
     std::string checksum;
     std::string kdf = "argon2id";
@@ -107,8 +114,8 @@ void checkCompressorID(const std::string& id)
         brick::CBrickDiskHeaderLimits::checkCompressID(zo::String(id));
     } catch (const zo::CError&) {
         throw UsageError("unknown compression '" + id +
-                         "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9) or lzma-PRESET[-EXTREME] (0 to 9, "
-                         "extreme 0 or 1)");
+                         "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9), lzma-PRESET[-EXTREME] (0 to 9, "
+                         "extreme 0 or 1) or zstd-LEVEL (1 to 19)");
     }
 }
 
@@ -133,7 +140,10 @@ int runCreate(const CreateOptions& options)
     checkDiskSize(options.size, diskSize, brickSize);
     // Rounded up without overflowing for sizes near the largest number.
     const zo::int64 brickCount = diskSize / brickSize + (diskSize % brickSize != 0 ? 1 : 0);
-    checkCompressorID(options.compression);
+    const std::string compression = !options.compression.empty() ? options.compression
+                                    : isLocalFolder(folder)       ? kLocalCompression
+                                                                  : kObjectStoreCompression;
+    checkCompressorID(compression);
     const std::string checksum = brickDigestFor(options);
     const seal::Argon2idCost cost = options.cost.cost();
 
@@ -145,15 +155,15 @@ int runCreate(const CreateOptions& options)
     const zo::String password = options.noEncryption ? zo::String() : options.passwords.forNewDisk(options.disk);
     if (isAuthenticated(options)) {
         brick::CBrickDisk::createAuthenticated(fs.get(), folder, diskSize, 1, password,
-                                               zo::String(options.compression), static_cast<int>(brickSize), cost);
+                                               zo::String(compression), static_cast<int>(brickSize), cost);
     } else {
-        brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(options.compression),
+        brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(compression),
                                   static_cast<int>(brickSize));
         setBrickDigest(fs.get(), folder, checksum);
     }
     std::printf("created %s: %s in %lld bricks of %s, compression %s, %s, brick digest %s\n",
                 folder.toLocalPath().c_str(), formatBytes(diskSize).c_str(), static_cast<long long>(brickCount),
-                formatBytes(brickSize).c_str(), options.compression.c_str(),
+                formatBytes(brickSize).c_str(), compression.c_str(),
                 encryptionDescription(options, cost).c_str(), checksum.c_str());
     return 0;
 }
@@ -172,8 +182,8 @@ CommandAction addCreateCommand(CLI::App& program)
                         "Size of one brick, a power of two from 4K to 64M (default: 512K in a folder, 4M in an "
                         "object store)");
     command->add_option("--compression", options->compression,
-                        "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME]")
-        ->capture_default_str();
+                        "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME], zstd-LEVEL "
+                        "(default: lz4 in a folder, zstd-3 in an object store)");
     command->add_option("--checksum", options->checksum,
                         "Digest of every brick: hmac-sha256 (keyed, bound to the brick's index; the default with "
                         "--kdf argon2id), or with --kdf pbkdf2 sha256 (its default) or md5")

@@ -1,7 +1,7 @@
 // ICompressor: one block in, one block out. Implementations: CNullCompressor,
-// CZLibCompressor, CLZ4Compressor, CLZMACompressor. A compressor object keeps
-// no state between calls that a caller can see, but is used by one thread at
-// a time.
+// CZLibCompressor, CLZ4Compressor, CLZMACompressor, CZstdCompressor. A
+// compressor object keeps no state between calls that a caller can see, but
+// is used by one thread at a time.
 #pragma once
 
 #include "zo/Base.h"

@@ -6,12 +6,24 @@
 #include <lz4hc.h>
 
 #include <climits>
+#include <cstring>
 
 namespace zo {
 
 namespace {
 
 constexpr int SizePrefixBytes = 4;
+
+// Whether a block is worth the high-compression search is judged on a sample:
+// SampleCount pieces of SamplePieceBytes spread evenly over the block, each
+// compressed alone by LZ4's fast compressor. Blocks smaller than
+// SampledBlockBytes are compressed without asking.
+constexpr int SamplePieceBytes = 4096;
+constexpr int SampleCount = 8;
+constexpr int SampledBlockBytes = 4 * SampleCount * SamplePieceBytes;
+// A sample that shrinks by less than one part in SampleGainDivisor marks its
+// block as incompressible.
+constexpr int SampleGainDivisor = 32;
 
 void checkBuffers(const char* where, const void* src, int srcSize, const void* dst, int dstCapacity)
 {
@@ -33,6 +45,27 @@ uint32 readSizePrefix(const uint8* src)
     return size;
 }
 
+// Writes `size` bytes as one LZ4 block of literals only, which every LZ4
+// decoder restores: a token with the literal count (15 and more continue in
+// bytes of 255 and a last byte below 255), then the bytes. Returns the
+// block's size, or 0 when it does not fit into `capacity` bytes.
+int writeLiteralBlock(const uint8* src, int size, uint8* dst, int capacity)
+{
+    const int countBytes = size < 15 ? 0 : (size - 15) / 255 + 1;
+    if (size > capacity - 1 - countBytes)
+        return 0;
+    uint8* out = dst;
+    *out++ = static_cast<uint8>((size < 15 ? size : 15) << 4);
+    if (size >= 15) {
+        int rest = size - 15;
+        for (; rest >= 255; rest -= 255)
+            *out++ = 255;
+        *out++ = static_cast<uint8>(rest);
+    }
+    std::memcpy(out, src, static_cast<size_t>(size));
+    return 1 + countBytes + size;
+}
+
 CError damagedBlock(const char* reason)
 {
     return CError("Compressed data is damaged or truncated.", String(), -1,
@@ -43,13 +76,30 @@ CError damagedBlock(const char* reason)
 
 CLZ4Compressor::CLZ4Compressor(bool highCompression) : m_highCompression(highCompression) {}
 
-void* CLZ4Compressor::getState()
+void* CLZ4Compressor::getState(std::vector<uint64>& state, int bytes)
 {
-    if (m_state.empty()) {
-        const int bytes = m_highCompression ? LZ4_sizeofStateHC() : LZ4_sizeofState();
-        m_state.resize((static_cast<size_t>(bytes) + sizeof(uint64) - 1) / sizeof(uint64));
+    if (state.empty())
+        state.resize((static_cast<size_t>(bytes) + sizeof(uint64) - 1) / sizeof(uint64));
+    return state.data();
+}
+
+bool CLZ4Compressor::looksIncompressible(const uint8* src, int srcSize)
+{
+    // The fast compressor is not asked: it skips ahead ever faster where it
+    // finds no match, which costs less than the sample would.
+    if (!m_highCompression || srcSize < SampledBlockBytes)
+        return false;
+    m_sample.resize(static_cast<size_t>(LZ4_compressBound(SamplePieceBytes)));
+    void* const state = getState(m_fastState, LZ4_sizeofState());
+    const int64 stride = (srcSize - SamplePieceBytes) / (SampleCount - 1);
+    int64 sampled = 0;
+    for (int i = 0; i < SampleCount; ++i) {
+        const char* const piece = reinterpret_cast<const char*>(src + i * stride);
+        sampled += LZ4_compress_fast_extState(state, piece, reinterpret_cast<char*>(m_sample.data()), SamplePieceBytes,
+                                              static_cast<int>(m_sample.size()), 1);
     }
-    return m_state.data();
+    const int64 sampleBytes = int64(SampleCount) * SamplePieceBytes;
+    return sampled > sampleBytes - sampleBytes / SampleGainDivisor;
 }
 
 int CLZ4Compressor::getMaxCompressedSize(int sourceSize)
@@ -73,9 +123,15 @@ int CLZ4Compressor::compress(const void* src, int srcSize, void* dst, int dstCap
     const auto* const in = static_cast<const char*>(src);
     char* const block = reinterpret_cast<char*>(out + SizePrefixBytes);
     const int blockCapacity = dstCapacity - SizePrefixBytes;
-    const int blockSize = m_highCompression
-        ? LZ4_compress_HC_extStateHC(getState(), in, block, srcSize, blockCapacity, LZ4HC_CLEVEL_DEFAULT)
-        : LZ4_compress_fast_extState(getState(), in, block, srcSize, blockCapacity, 1);
+    int blockSize = 0;
+    if (looksIncompressible(static_cast<const uint8*>(src), srcSize))
+        blockSize = writeLiteralBlock(static_cast<const uint8*>(src), srcSize, out + SizePrefixBytes, blockCapacity);
+    else if (m_highCompression)
+        blockSize = LZ4_compress_HC_extStateHC(getState(m_highState, LZ4_sizeofStateHC()), in, block, srcSize,
+                                               blockCapacity, LZ4HC_CLEVEL_DEFAULT);
+    else
+        blockSize = LZ4_compress_fast_extState(getState(m_fastState, LZ4_sizeofState()), in, block, srcSize,
+                                               blockCapacity, 1);
     if (blockSize <= 0)
         throw CError("Compressed data does not fit into the destination buffer.", String(), -1,
                      CProps().add("compressor", "lz4").add("capacity", dstCapacity));

@@ -31,3 +31,4 @@
 #include "zo/Time.h"
 #include "zo/URI.h"
 #include "zo/ZLibCompressor.h"
+#include "zo/ZstdCompressor.h"

@@ -7,6 +7,7 @@
 #include "zo/LZMACompressor.h"
 #include "zo/NullCompressor.h"
 #include "zo/ZLibCompressor.h"
+#include "zo/ZstdCompressor.h"
 
 #include <gtest/gtest.h>
 
@@ -246,7 +247,8 @@ std::string configName(const testing::TestParamInfo<PreparerConfig>& info)
 std::vector<PreparerConfig> allConfigs()
 {
     std::vector<PreparerConfig> configs;
-    for (const char* compressID : {"null", "zlib-1", "zlib-6", "zlib-9", "lz4", "lz4hc", "lzma-0", "lzma-6", "lzma-9", "lzma-5-1"})
+    for (const char* compressID : {"null", "zlib-1", "zlib-6", "zlib-9", "lz4", "lz4hc", "lzma-0", "lzma-6", "lzma-9", "lzma-5-1",
+                                   "zstd-1", "zstd-3", "zstd-19"})
         for (const char* cipherID : {"aes256cbc", "null"})
             for (const char* hashID : {"md5", "sha256"})
                 configs.push_back({compressID, cipherID, hashID});
@@ -376,8 +378,30 @@ INSTANTIATE_TEST_SUITE_P(
                     CompressorCase{"lzma-0", [] { return zo::P<zo::ICompressor>(new zo::CLZMACompressor(0, 0)); }},
                     CompressorCase{"lzma-9", [] { return zo::P<zo::ICompressor>(new zo::CLZMACompressor(9, 0)); }},
                     CompressorCase{"lzma-5-1", [] { return zo::P<zo::ICompressor>(new zo::CLZMACompressor(5, 1)); }},
-                    CompressorCase{"lzma-6-0", [] { return zo::P<zo::ICompressor>(new zo::CLZMACompressor(6, 0)); }}),
+                    CompressorCase{"lzma-6-0", [] { return zo::P<zo::ICompressor>(new zo::CLZMACompressor(6, 0)); }},
+                    CompressorCase{"zstd-1", [] { return zo::P<zo::ICompressor>(new zo::CZstdCompressor(1)); }},
+                    CompressorCase{"zstd-19", [] { return zo::P<zo::ICompressor>(new zo::CZstdCompressor(19)); }}),
     compressorCaseName);
+
+TEST(BrickDataPreparer, IncompressibleBrickIsStoredAsLZ4LiteralsAndReadBack)
+{
+    CBrickDataPreparer writer(makeHeader("lz4hc", "null"), Key());
+    const Bytes source = randomBytes(kDefaultBrickSize);
+    const Bytes prepared = prepare(writer, source);
+
+    // The size, a token of 15 literals, the rest of the count, the bytes.
+    const Bytes payload = payloadOf(prepared);
+    const int countBytes = (kDefaultBrickSize - 15) / 255 + 1;
+    ASSERT_EQ(payload.getUsed(), 4 + 1 + countBytes + kDefaultBrickSize);
+    EXPECT_EQ(payload[4], 0xF0);
+    EXPECT_EQ(std::memcmp(payload.getData() + 5 + countBytes, source.getData(), kDefaultBrickSize), 0);
+
+    // A reader of the fast compressor reads it as any LZ4 brick.
+    CBrickDataPreparer reader(makeHeader("lz4", "null"), Key());
+    Bytes plain;
+    reader.unprepareData(prepared, plain);
+    EXPECT_TRUE(plain == source);
+}
 
 // The cases above can only tell compressors apart when their outputs differ.
 TEST(BrickDataPreparer, CompressorIDsOfDifferentLevelsGiveDifferentPayloads)
@@ -390,6 +414,7 @@ TEST(BrickDataPreparer, CompressorIDsOfDifferentLevelsGiveDifferentPayloads)
     EXPECT_NE(payloadFor("lz4"), payloadFor("lz4hc"));
     EXPECT_NE(payloadFor("zlib-1"), payloadFor("zlib-9"));
     EXPECT_NE(payloadFor("lzma-0"), payloadFor("lzma-9"));
+    EXPECT_NE(payloadFor("zstd-1"), payloadFor("zstd-19"));
     EXPECT_NE(payloadFor("null"), payloadFor("lz4"));
 }
 
@@ -416,7 +441,8 @@ TEST(BrickDataPreparer, RefusesCompressorIDsWithBadNumbersAsUnknown)
 {
     for (const char* compressID : {"zlib-", "zlib-x", "zlib-6x", "zlib-6 ", "zlib--1", "zlib-10", "zlib-06", "lzma-",
                                    "lzma-x", "lzma-5-", "lzma--3", "lzma-5-3-1", "lzma-5-y", "lzma-5-3", "lzma-10",
-                                   "lzma-9-99999999999"}) {
+                                   "lzma-9-99999999999", "zstd-", "zstd-0", "zstd-01", "zstd--1", "zstd-+3",
+                                   "zstd-20", "zstd-99999999999", "zstd-3x"}) {
         SCOPED_TRACE(compressID);
         try {
             CBrickDataPreparer preparer(makeHeader(compressID), makeKey("aes256cbc"));

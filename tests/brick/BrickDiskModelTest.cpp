@@ -73,7 +73,7 @@ std::string caseName(const ::testing::TestParamInfo<ModelCase>& info)
 INSTANTIATE_TEST_SUITE_P(EveryFileSystemCipherAndCompressor, BrickDiskModelTest,
                          ::testing::Combine(::testing::Values(FileSystemKind::memory, FileSystemKind::local),
                                             ::testing::Bool(),
-                                            ::testing::Values("null", "zlib-6", "lz4", "lz4hc", "lzma-1")),
+                                            ::testing::Values("null", "zlib-6", "lz4", "lz4hc", "lzma-1", "zstd-3")),
                          caseName);
 
 } // namespace

@@ -173,9 +173,10 @@ std::vector<Case> casesFor(Format format)
         cases.push_back(blockCase("cipherKeyHash", size, &H::setCipherKeyHash, bad));
 
     for (const std::string& id : Texts{"", "zlib--1", "zlib-10", "zlib-99", "zlib-x", "zlib-1 ", "lzma-",
-                                       "lzma-9-99999999999", "lzma-1-2", "lzma-10", "lzma-1-", "LZ4", "lz5"})
+                                       "lzma-9-99999999999", "lzma-1-2", "lzma-10", "lzma-1-", "LZ4", "lz5", "zstd-",
+                                       "zstd-0", "zstd-01", "zstd--1", "zstd-20", "zstd-99999999999", "zstd-3 "})
         cases.push_back(textCase("compressID", id, &H::setCompressID, bad));
-    for (const std::string& id : Texts{"null", "zlib-9", "lzma-9-1", "lz4hc"})
+    for (const std::string& id : Texts{"null", "zlib-9", "lzma-9-1", "lz4hc", "zstd-1", "zstd-19"})
         cases.push_back(textCase("compressID", id, &H::setCompressID, legal(format)));
 
     for (const std::string& id : Texts{"", "argon2", "pbkdf2", "PKCS5-PBKDF2-HMAC-SHA256"})

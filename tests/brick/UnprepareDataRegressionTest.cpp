@@ -48,7 +48,7 @@ TEST(UnprepareDataRegression, CompressorsRefuseAnEmptyCipherText)
 {
     Bytes zeroDigest(32);
     std::memset(zeroDigest.getData(), 0, 32);
-    for (const char* compressID : {"zlib-6", "lz4", "lz4hc", "lzma-6"}) {
+    for (const char* compressID : {"zlib-6", "lz4", "lz4hc", "lzma-6", "zstd-3"}) {
         SCOPED_TRACE(compressID);
         const zo::CError error = unprepareFailure(compressID, emptyCipherTextBrick(zeroDigest));
         EXPECT_FALSE(error.getProps().contains("action")) << error.what();

@@ -29,6 +29,15 @@ TEST_F(CreateCommandTest, NewDisksInAFolderGetHalfAMiBBricksByDefault)
     EXPECT_NE(run({"info", path("disk"), "--json"}).out.find("\"brickSize\": 524288"), std::string::npos);
 }
 
+TEST_F(CreateCommandTest, NewDisksInAFolderGetLZ4ByDefault)
+{
+    const RunResult created = run({"create", path("disk"), "--size", "1M", "--no-encryption"});
+    ASSERT_EQ(created.exitStatus, 0) << created.err;
+    EXPECT_NE(created.out.find("compression lz4,"), std::string::npos) << created.out;
+    const RunResult info = run({"info", path("disk"), "--json"});
+    EXPECT_NE(info.out.find("\"compression\": \"lz4\""), std::string::npos) << info.out;
+}
+
 TEST_F(CreateCommandTest, SizeSuffixesArePowersOf1024)
 {
     const RunResult result =
@@ -58,13 +67,27 @@ TEST_F(CreateCommandTest, EveryCompressorFamilyStoresAndRestoresAnImage)
 {
     const std::string image = makeImage(400000, 11);
     writeFile(path("image"), image);
-    for (const std::string id : {"null", "lz4", "lz4hc", "zlib-1", "lzma-2", "lzma-1-1"}) {
+    for (const std::string id : {"null", "lz4", "lz4hc", "zlib-1", "lzma-2", "lzma-1-1", "zstd-3"}) {
         SCOPED_TRACE(id);
         const std::string disk = "disk-" + id;
         createDisk(disk, "1M", {"--compression", id});
         importImage(disk, "image");
         EXPECT_EQ(exportImage(disk).substr(0, image.size()), image);
     }
+}
+
+TEST_F(CreateCommandTest, ZstdDiskNamesItsLevelAndRestoresItsImage)
+{
+    const std::string image = makeImage(1500000, 12);
+    writeFile(path("image"), image);
+    createDisk("disk", "2M", {"--compression", "zstd-3"});
+
+    const RunResult info = run({"info", path("disk"), "--json"});
+    ASSERT_EQ(info.exitStatus, 0) << info.err;
+    EXPECT_NE(info.out.find("\"compression\": \"zstd-3\""), std::string::npos) << info.out;
+    importImage("disk", "image");
+    EXPECT_FALSE(brickFiles("disk").empty());
+    EXPECT_EQ(exportImage("disk").substr(0, image.size()), image);
 }
 
 TEST_F(CreateCommandTest, BrickDigestIsSha256UnlessMd5IsChosen)
@@ -109,7 +132,7 @@ TEST_F(CreateCommandTest, UnknownChecksumIsAUsageError)
 
 TEST_F(CreateCommandTest, UnknownCompressionIsAUsageErrorAndCreatesNothing)
 {
-    for (const std::string id : {"lz5", "zlib-99", "zlib-x", "lzma-"}) {
+    for (const std::string id : {"lz5", "zlib-99", "zlib-x", "lzma-", "zstd-0", "zstd-01", "zstd--1", "zstd-20"}) {
         SCOPED_TRACE(id);
         const RunResult result = runWithPassword({"create", path("disk"), "--size", "1M", "--compression", id});
         EXPECT_EQ(result.exitStatus, 2);

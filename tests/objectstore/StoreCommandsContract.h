@@ -167,9 +167,22 @@ TYPED_TEST_P(StoreCommandsContractTest, NewDisksGetFourMiBBricksUnlessAskedOther
     EXPECT_NE(this->runOk({"info", other, "--json"}, false).out.find("\"brickSize\": 524288"), std::string::npos);
 }
 
+TYPED_TEST_P(StoreCommandsContractTest, NewDisksGetZstdLevelThreeUnlessAskedOtherwise)
+{
+    const clitest::RunResult created = this->runOk({"create", this->disk, "--size", "64M"});
+    EXPECT_NE(created.out.find("compression zstd-3"), std::string::npos) << created.out;
+    const clitest::RunResult info = this->runOk({"info", this->disk, "--json"}, false);
+    EXPECT_NE(info.out.find("\"compression\": \"zstd-3\""), std::string::npos) << info.out;
+
+    const std::string other = this->folder + "/other";
+    this->runOk({"create", other, "--size", "64M", "--compression", "lz4"});
+    EXPECT_NE(this->runOk({"info", other, "--json"}, false).out.find("\"compression\": \"lz4\""), std::string::npos);
+}
+
 REGISTER_TYPED_TEST_SUITE_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte,
                             ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndTheSnapshotExact,
                             ASecondImportIsRefusedWhileTheFirstHoldsTheDisk, AChildOnAnotherKindOfFolderIsAUsageError,
-                            NewDisksGetFourMiBBricksUnlessAskedOtherwise);
+                            NewDisksGetFourMiBBricksUnlessAskedOtherwise,
+                            NewDisksGetZstdLevelThreeUnlessAskedOtherwise);
 
 } // namespace

@@ -4,9 +4,14 @@
 #include "zo/LZ4Compressor.h"
 #include "zo/LZMACompressor.h"
 #include "zo/ZLibCompressor.h"
+#include "zo/ZstdCompressor.h"
+
+#include "CompressorTestData.h"
 
 #include <gtest/gtest.h>
+#include <lz4.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -84,6 +89,69 @@ TEST(LZ4Compressor, RefusesSizeBeyondTheDestinationBeforeDecoding)
     EXPECT_EQ(dst, "########");
 }
 
+// The LZ4 block of `size` literals only: a token of 15 literals, the rest of
+// the count in bytes of 255 and a last byte below 255, then the bytes.
+Bytes literalBlock(const Bytes& plain)
+{
+    const size_t size = plain.size();
+    Bytes block{static_cast<std::uint8_t>(size), static_cast<std::uint8_t>(size >> 8),
+                static_cast<std::uint8_t>(size >> 16), static_cast<std::uint8_t>(size >> 24), 0xF0};
+    block.insert(block.end(), (size - 15) / 255, 0xFF);
+    block.push_back(static_cast<std::uint8_t>((size - 15) % 255));
+    block.insert(block.end(), plain.begin(), plain.end());
+    return block;
+}
+
+Bytes compressWith(zo::ICompressor& compressor, const Bytes& plain)
+{
+    Bytes packed(static_cast<size_t>(compressor.getMaxCompressedSize(static_cast<int>(plain.size()))));
+    packed.resize(static_cast<size_t>(
+        compressor.compress(plain.data(), static_cast<int>(plain.size()), packed.data(), static_cast<int>(packed.size()))));
+    return packed;
+}
+
+TEST(LZ4Compressor, HighCompressionWritesRandomBlocksAsLiteralsThatLZ4Decodes)
+{
+    zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(true));
+    // From the smallest block that is sampled up to a brick, with counts that
+    // end on a byte of 0, of 254 and in between.
+    for (const int size : {131072, 131085, 131084, 200000, compressortest::BrickSize}) {
+        SCOPED_TRACE(size);
+        const Bytes plain = compressortest::randomBytes(size, static_cast<unsigned>(size));
+        const Bytes packed = compressWith(*compressor, plain);
+        EXPECT_EQ(packed, literalBlock(plain));
+
+        Bytes decoded(plain.size());
+        EXPECT_EQ(LZ4_decompress_safe(reinterpret_cast<const char*>(packed.data()) + 4,
+                                      reinterpret_cast<char*>(decoded.data()), static_cast<int>(packed.size()) - 4, size),
+                  size);
+        EXPECT_EQ(decoded, plain);
+        Bytes restored(plain.size());
+        EXPECT_EQ(compressor->decompress(packed.data(), static_cast<int>(packed.size()), restored.data(), size), size);
+        EXPECT_EQ(restored, plain);
+    }
+}
+
+TEST(LZ4Compressor, HighCompressionSearchesBlocksThatArePartlyCompressible)
+{
+    // Half random, half text: the sample sees both and the block shrinks.
+    Bytes plain = compressortest::randomBytes(compressortest::BrickSize / 2, 5);
+    const Bytes text = compressortest::textLike(compressortest::BrickSize / 2, 6);
+    plain.insert(plain.end(), text.begin(), text.end());
+    zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(true));
+    EXPECT_LT(compressWith(*compressor, plain).size(), plain.size() * 3 / 4);
+}
+
+TEST(LZ4Compressor, HighCompressionSearchesSmallBlocksWithoutSampling)
+{
+    // Below 128 KiB nothing is sampled: a random block repeated once is
+    // found to repeat, which the literal form would not have seen.
+    Bytes plain = compressortest::randomBytes(60000, 7);
+    plain.insert(plain.end(), plain.begin(), plain.end());
+    zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(true));
+    EXPECT_LT(compressWith(*compressor, plain).size(), 61000u);
+}
+
 TEST(LZMACompressor, ReadsStandardXZStream)
 {
     // "hello brick" as xz writes it with its default CRC64 check.
@@ -102,6 +170,51 @@ TEST(LZMACompressor, WritesXZStreamWithCRC32Check)
     // Stream header magic and flags (check type 1, CRC32), footer magic.
     EXPECT_EQ(Bytes(packed.begin(), packed.begin() + 8), fromHex("fd377a585a000001"));
     EXPECT_EQ(Bytes(packed.end() - 2, packed.end()), fromHex("595a"));
+}
+
+TEST(ZstdCompressor, ReadsFrameOfTheZstdTool)
+{
+    // "hello brick" as `zstd -3 --check` writes it from a file: the frame
+    // records the size and ends with the content checksum.
+    const Bytes packed = fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf");
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(1));
+    EXPECT_EQ(decompressToText(*compressor, packed, 100), "hello brick");
+}
+
+TEST(ZstdCompressor, WritesFrameWithSizeAndContentChecksum)
+{
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    Bytes packed(static_cast<size_t>(compressor->getMaxCompressedSize(11)));
+    packed.resize(static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), static_cast<int>(packed.size()))));
+    EXPECT_EQ(packed, fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf"));
+}
+
+TEST(ZstdCompressor, RefusesFrameWithoutItsSize)
+{
+    // The same frame as the zstd tool writes it from a pipe, without the size.
+    const Bytes packed = fromHex("28b52ffd045859000068656c6c6f20627269636be423e5cf");
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    char dst[100];
+    EXPECT_THROW(compressor->decompress(packed.data(), static_cast<int>(packed.size()), dst, 100), zo::CError);
+}
+
+TEST(ZstdCompressor, RefusesSecondFrameAfterTheFirst)
+{
+    Bytes packed = fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf");
+    const Bytes frame = packed;
+    packed.insert(packed.end(), frame.begin(), frame.end());
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    char dst[100];
+    EXPECT_THROW(compressor->decompress(packed.data(), static_cast<int>(packed.size()), dst, 100), zo::CError);
+}
+
+TEST(ZstdCompressor, RefusesSizeBeyondTheDestinationBeforeDecoding)
+{
+    const Bytes packed = fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf");
+    zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
+    std::string dst(12, '#');
+    EXPECT_THROW(compressor->decompress(packed.data(), static_cast<int>(packed.size()), dst.data(), 10), zo::CError);
+    EXPECT_EQ(dst, "############");
 }
 
 } // namespace

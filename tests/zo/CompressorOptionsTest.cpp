@@ -4,6 +4,7 @@
 #include "zo/LZ4Compressor.h"
 #include "zo/LZMACompressor.h"
 #include "zo/ZLibCompressor.h"
+#include "zo/ZstdCompressor.h"
 
 #include "CompressorTestData.h"
 
@@ -121,6 +122,43 @@ TEST(LZMACompressor, RefusesPresetOutsideZeroToNine)
 {
     for (int preset : {-1, 10, 99})
         EXPECT_THROW(zo::CLZMACompressor(preset, 0), zo::CInvalidArgError) << preset;
+}
+
+TEST(ZstdCompressor, AcceptsLevelsOneToNineteen)
+{
+    const Bytes plain = textLike(20000, 31);
+    for (int level = 1; level <= 19; ++level) {
+        zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(level));
+        EXPECT_EQ(compressor->getLevel(), level);
+        EXPECT_EQ(decompressWith(*compressor, compressWith(*compressor, plain), plain.size()), plain) << level;
+    }
+}
+
+TEST(ZstdCompressor, RefusesOtherLevels)
+{
+    for (int level : {-5, -1, 0, 20, 22, 100})
+        EXPECT_THROW(zo::CZstdCompressor{level}, zo::CInvalidArgError) << level;
+}
+
+TEST(ZstdCompressor, HigherLevelsAreNotLargerOnText)
+{
+    const Bytes plain = textLike(200000, 32);
+    size_t previous = plain.size();
+    for (int level : {1, 3, 9, 19}) {
+        zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(level));
+        const size_t size = compressWith(*compressor, plain).size();
+        EXPECT_LE(size, previous) << level;
+        previous = size;
+    }
+    EXPECT_LT(previous, plain.size() / 3);
+}
+
+TEST(ZstdCompressor, AnyLevelDecompressesAnyOther)
+{
+    const Bytes plain = textLike(30000, 33);
+    zo::P<zo::CZstdCompressor> writer(new zo::CZstdCompressor(19));
+    zo::P<zo::CZstdCompressor> reader(new zo::CZstdCompressor(1));
+    EXPECT_EQ(decompressWith(*reader, compressWith(*writer, plain), plain.size()), plain);
 }
 
 } // namespace

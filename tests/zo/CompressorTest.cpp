@@ -5,6 +5,7 @@
 #include "zo/LZMACompressor.h"
 #include "zo/NullCompressor.h"
 #include "zo/ZLibCompressor.h"
+#include "zo/ZstdCompressor.h"
 
 #include "CompressorTestData.h"
 
@@ -31,6 +32,9 @@ struct LZ4HCKind {
 };
 struct LZMAKind {
     static zo::P<zo::ICompressor> make() { return zo::P<zo::ICompressor>(new zo::CLZMACompressor(6, 0)); }
+};
+struct ZstdKind {
+    static zo::P<zo::ICompressor> make() { return zo::P<zo::ICompressor>(new zo::CZstdCompressor(3)); }
 };
 
 template <class Kind>
@@ -66,13 +70,13 @@ protected:
 };
 
 // Every compressor.
-using CompressorKinds = ::testing::Types<NullKind, ZLibKind, LZ4Kind, LZ4HCKind, LZMAKind>;
+using CompressorKinds = ::testing::Types<NullKind, ZLibKind, LZ4Kind, LZ4HCKind, LZMAKind, ZstdKind>;
 // Compressors that shrink redundant data and record where a block ends, so a
 // truncated block or one with bytes after its end is refused.
-using ShrinkingKinds = ::testing::Types<ZLibKind, LZ4Kind, LZ4HCKind, LZMAKind>;
+using ShrinkingKinds = ::testing::Types<ZLibKind, LZ4Kind, LZ4HCKind, LZMAKind, ZstdKind>;
 // Compressors whose format checks the data, so damaged bytes never decode to
 // wrong data.
-using ChecksummedKinds = ::testing::Types<ZLibKind, LZMAKind>;
+using ChecksummedKinds = ::testing::Types<ZLibKind, LZMAKind, ZstdKind>;
 
 class CompressorKindNames {
 public:
@@ -87,8 +91,10 @@ public:
             return "LZ4";
         else if constexpr (std::is_same_v<Kind, LZ4HCKind>)
             return "LZ4HC";
-        else
+        else if constexpr (std::is_same_v<Kind, LZMAKind>)
             return "LZMA";
+        else
+            return "Zstd";
     }
 };
 
