@@ -111,7 +111,10 @@ TEST_P(AuthenticatedDisk, TwoDisksOfOnePasswordHaveDifferentKeys)
     fillFirstBricks("/disks/b");
     // The brick files of one disk do not open under the other's key.
     fs->setFileData(brickFile(1, "/disks/b"), *fs->getFileData(brickFile(1)));
-    EXPECT_THROW(testsupport::readAt(*open("/disks/b"), kBrickSize, kBrickSize), CError);
+    const auto error = testsupport::errorOf<CError>(
+        [&] { testsupport::readAt(*open("/disks/b", kPassword, IIOStream::AccessRead), kBrickSize, kBrickSize); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(testsupport::messageOf(*error), "Brick file is corrupted.");
 }
 
 TEST_P(AuthenticatedDisk, BrickCopiedOverAnotherIndexFailsToRead)
