@@ -94,6 +94,7 @@ public:
     // True when the brick file heads `a` and `b` (getPlainDigestEnd() bytes
     // each) carry the same digest of their plain bytes: files made from the
     // same bytes (at the same index, where bound), barring a collision.
+    // Meaningful only when hasPlainDigest().
     bool haveSamePlainDigest(const zo::uint8* a, const zo::uint8* b) const;
 
     // The brick file bytes of the brick at `brickIndex`, as prepareData below.
