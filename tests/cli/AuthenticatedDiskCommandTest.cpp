@@ -198,6 +198,9 @@ TEST_F(AuthenticatedDiskCommandTest, NewDisksUseAES256GCMAndAES256CBCStaysAChoic
             << created.out;
         EXPECT_NE(run({"info", path(cipher), "--json"}).out.find("\"cipher\": \"" + cipher + "\""),
                   std::string::npos);
+        const std::string format = cipher == "aes256gcm" ? "format:            authenticated (each brick sealed"
+                                                         : "format:            authenticated (keyed brick digests";
+        EXPECT_NE(run({"info", path(cipher)}).out.find(format), std::string::npos);
         importImage(cipher, "image");
         EXPECT_EQ(exportImage(cipher).substr(0, 6 * kBrickSize), readFile(path("image")));
         EXPECT_EQ(runWithPassword({"check", path(cipher), "--read-data"}).exitStatus, 0);
