@@ -331,6 +331,12 @@ public:
             throw zo::CError("The stages are those of an lz4 disk; this one compresses with " + header.getCompressID());
         m_lz4 = new zo::CLZ4Compressor(header.getCompressID() == "lz4hc");
         m_cipher = seal::CCipherManager().getCipher(header.getCipherID());
+        // A cipher that authenticates its bricks replaces both digests.
+        m_sealed = seal::CCipherManager::isAuthenticated(header.getCipherID());
+        if (m_sealed) {
+            m_stages.encrypt.name = "AES-256-GCM encrypt";
+            m_stages.decrypt.name = "AES-256-GCM decrypt";
+        }
         const zo::uint8 digestKey[32] = {7};
         m_hmac = seal::createHMACSHA256Context(digestKey, sizeof(digestKey));
         m_sha256 = seal::CDigestManager().getType("sha256")->createContext();
@@ -440,10 +446,9 @@ public:
                                 : formatDouble("%.0f", static_cast<double>(stage->bricks) * m_brickSize / 1e6 / seconds)
                                       .c_str());
         }
-        const double sumOfStages = m_stages.hmacPlain.perBrick() + m_stages.compress.perBrick() +
-                                   m_stages.encrypt.perBrick() + m_stages.hmacFile.perBrick();
-        const double sumOfUnstages = m_stages.hmacFile.perBrick() + m_stages.decrypt.perBrick() +
-                                     m_stages.decompress.perBrick() + m_stages.hmacPlain.perBrick();
+        const double digests = m_sealed ? 0 : m_stages.hmacPlain.perBrick() + m_stages.hmacFile.perBrick();
+        const double sumOfStages = m_stages.compress.perBrick() + m_stages.encrypt.perBrick() + digests;
+        const double sumOfUnstages = m_stages.decrypt.perBrick() + m_stages.decompress.perBrick() + digests;
         std::printf("\nbricks: N %lld, D %lld, S %lld", static_cast<long long>(m_counts.bricks),
                     static_cast<long long>(m_counts.dataBricks), static_cast<long long>(m_counts.storedBricks));
         if (!m_options.changedImage.empty())
@@ -556,6 +561,7 @@ private:
     int m_brickSize = 0;
     zo::P<zo::CLZ4Compressor> m_lz4;
     zo::P<seal::ICipher> m_cipher;
+    bool m_sealed = false;
     zo::P<seal::IDigestContext> m_hmac;
     zo::P<seal::IDigestContext> m_sha256;
     zo::TCryptBuffer<zo::uint8> m_key;

@@ -4,8 +4,8 @@
 #
 #   1. makes the 2 GiB ext4 comparison image (bench/ext4-image.sh) and a copy
 #      with files of up to 75 MB in all changed, and imports the image into a
-#      disk made by `brickdisk create` (lz4, AES-256-CBC, 512 KiB bricks,
-#      HMAC-SHA256 brick digests, Argon2id-wrapped key);
+#      disk made by `brickdisk create` (lz4, AES-256-GCM, 512 KiB bricks,
+#      Argon2id-wrapped key);
 #   2. runs bench/ImportExportLimit on them, which times every stage of the
 #      three commands on one thread and derives each command's two-core
 #      limit (its opening comment states the model);

@@ -129,9 +129,9 @@ bool CBrick::storedFileHolds(const TBuffer<uint8>& plain, const TBuffer<uint8>* 
         if (!prepared)
             return m_searchFolders.size() == 1 && !m_fs->pathExists(file);
         const int headSize = m_preparer->getPlainDigestEnd();
-        if (prepared->getUsed() < headSize)
+        if (m_preparer->hasPlainDigest() && prepared->getUsed() < headSize)
             return false;
-        {
+        if (m_preparer->hasPlainDigest()) {
             const P<zo::IIOStream> stream = m_fs->openStream(file, zo::IIOStream::AccessRead, 0);
             TBuffer<uint8> head;
             head.setUsed(headSize);

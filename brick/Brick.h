@@ -72,8 +72,8 @@ public:
     // or, for an all-zero brick (`prepared` null) of a disk without parents,
     // no file of it. `prepared` is `plain` as prepareData made it for this
     // brick. Reads the file's head and compares the digests of the plain
-    // bytes; only when they match is the whole file read, checked and
-    // compared byte for byte. Never throws: a file that cannot be read or
+    // bytes; only when they match (or the files carry no such digest) is
+    // the whole file read, checked and compared byte for byte. Never throws: a file that cannot be read or
     // decoded counts as different, and the store goes ahead.
     bool storedFileHolds(const TBuffer<uint8>& plain, const TBuffer<uint8>* prepared);
 

@@ -5,6 +5,7 @@
 #include "brick/detail/BrickFileLayout.h"
 #include "brick/Version.h"
 #include "seal/KeyDerivation.h"
+#include "seal/Random.h"
 #include "zo/BufferStream.h"
 #include "zo/DataStream.h"
 #include "zo/Error.h"
@@ -25,8 +26,24 @@ using layout::kBrickFileIDSize;
 using layout::kBrickIndexSize;
 using layout::kFixedHeaderSize;
 using layout::kIndexBoundDigestID;
+using layout::kBrickKeySaltSize;
+using layout::kSealedHeaderSize;
+using layout::kSealedTagSize;
 constexpr char kDigestKeyInfo[] = "brickdisk brick digest";
 constexpr int kDigestKeySize = 32;
+// Brick files of an authenticated cipher: see the header.
+constexpr char kBrickKeyInfo[] = "brickdisk brick key";
+constexpr char kChainIdentityInfo[] = "brickdisk chain identity";
+constexpr char kSealedLabel[] = "brickdisk aes256gcm brick";
+constexpr int kDerivedSize = 32;
+// Every brick key encrypts a single file, so one nonce serves them all.
+constexpr zo::uint8 kSealedNonce[12] = {};
+
+// HKDF-SHA256 of the disk's key with `info` and no salt, 32 bytes.
+void deriveFromDiskKey(const zo::TCryptBuffer<zo::uint8>& key, const char* info, int infoSize, zo::uint8* out)
+{
+    seal::deriveKey_HKDF_SHA256(key.getData(), key.getUsed(), nullptr, 0, info, infoSize, kDerivedSize, out);
+}
 
 // The brick index as the digests and the file hold it: 8 bytes, little-endian.
 void encodeBrickIndex(zo::int64 brickIndex, zo::uint8* out)
@@ -71,6 +88,20 @@ CBrickDataPreparer::CBrickDataPreparer(const CBrickDiskHeader& header, const zo:
       m_fixedHeaderSize(kFixedHeaderSize + (m_bindsBrickIndex ? kBrickIndexSize : 0)),
       m_compressor(createCompressor(header.getCompressID()))
 {
+    if (!seal::CCipherManager::isAuthenticated(header.getCipherID()))
+        return;
+    if (!m_bindsBrickIndex)
+        throw zo::CError("An authenticated cipher needs the checksum ID hmac-sha256.", zo::String(), -1,
+                         zo::CProps().add("cipherID", header.getCipherID()));
+    m_aead = seal::CCipherManager().getAEADCipher(header.getCipherID());
+    zo::TCryptBuffer<zo::uint8> derived;
+    derived.setUsed(kDerivedSize);
+    deriveFromDiskKey(key, kBrickKeyInfo, static_cast<int>(sizeof(kBrickKeyInfo) - 1), derived.getData());
+    m_brickKeyDeriver = seal::createHMACSHA256Context(derived.getData(), kDerivedSize);
+    deriveFromDiskKey(key, kChainIdentityInfo, static_cast<int>(sizeof(kChainIdentityInfo) - 1), derived.getData());
+    m_associated.append(reinterpret_cast<const zo::uint8*>(kSealedLabel), static_cast<int>(sizeof(kSealedLabel) - 1));
+    m_associated.append(derived.getData(), kDerivedSize);
+    m_associatedPrefixSize = m_associated.getUsed();
 }
 
 zo::P<seal::IDigestContext> CBrickDataPreparer::createDigest(const zo::String& checkSumHashID,
@@ -169,6 +200,10 @@ void CBrickDataPreparer::prepare(const zo::TBuffer<zo::uint8>& source, zo::TBuff
     if (sourceSize > m_brickSize)
         throw zo::CInvalidArgError("CBrickDataPreparer::prepareData",
                                    "source buffer is bigger than brick size (" + zo::toDecimalString(sourceSize) + ").");
+    if (m_aead) {
+        sealBrick(source, prepared, brickIndex);
+        return;
+    }
     const int maxCompressed = m_compressor->getMaxCompressedSize(sourceSize);
 
     // Room for the worst case, so that nothing below has to grow the buffer.
@@ -205,6 +240,10 @@ void CBrickDataPreparer::prepare(const zo::TBuffer<zo::uint8>& source, zo::TBuff
 void CBrickDataPreparer::unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain,
                                    zo::int64 brickIndex)
 {
+    if (m_aead) {
+        unsealBrick(prepared, plain, brickIndex);
+        return;
+    }
     const zo::int64* boundIndex = m_bindsBrickIndex ? &brickIndex : nullptr;
     const int fullSize = prepared.getUsed();
     if (fullSize < m_digestSize)
@@ -214,29 +253,15 @@ void CBrickDataPreparer::unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::T
                     static_cast<size_t>(m_digestSize)) != 0)
         throwUnprepareError("Brick file is corrupted.");
 
-    zo::CBufferStream stream(&prepared);
-    zo::CDataInStream in(&stream);
-    char fileID[kBrickFileIDSize];
-    in.read(fileID, kBrickFileIDSize);
-    if (std::memcmp(fileID, kBrickFileID, kBrickFileIDSize) != 0)
-        throwUnprepareError("Invalid ID in brick data.");
-    const int minReadVersion = in.readInt16();
-    const int writeVersion = in.readInt16();
-    if (minReadVersion > kImplementationVersion)
-        throwUnprepareError("Newer software version required to read brick data.",
-                            unprepareProps().add("minReadVersion", minReadVersion).add("writeVersion", writeVersion));
-
     const int headerSize = m_fixedHeaderSize + m_digestSize;
     const int cipherTextSize = fullSize - headerSize - m_digestSize;
-    if (cipherTextSize < 0)
+    if (cipherTextSize < 0) {
+        // Too short for the fields after the versions: only ID and versions are checked first.
+        checkFileHead(prepared.getData(), nullptr);
         throwUnprepareError("Invalid size of prepared brick data.",
                             unprepareProps().add("fullSize", fullSize).add("headerSize", headerSize));
-    if (boundIndex) {
-        const zo::int64 storedIndex = decodeBrickIndex(prepared.getData() + kFixedHeaderSize);
-        if (storedIndex != brickIndex)
-            throwUnprepareError("Brick file belongs to another brick index.",
-                                unprepareProps().add("brickIndex", brickIndex).add("storedBrickIndex", storedIndex));
     }
+    checkFileHead(prepared.getData(), boundIndex);
 
     m_cipher->decrypt(m_key, prepared.getData() + headerSize, cipherTextSize, m_work, false, 0);
     const int brickSize = static_cast<int>(m_brickSize);
@@ -246,6 +271,88 @@ void CBrickDataPreparer::unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::T
     if (std::memcmp(digestOf(plain.getData(), plain.getUsed(), boundIndex), prepared.getData() + m_fixedHeaderSize,
                     static_cast<size_t>(m_digestSize)) != 0)
         throwUnprepareError("Decrypted and decompressed brick data does not match hash.");
+}
+
+void CBrickDataPreparer::checkFileHead(const zo::uint8* fileHead, const zo::int64* brickIndex) const
+{
+    if (std::memcmp(fileHead, kBrickFileID, kBrickFileIDSize) != 0)
+        throwUnprepareError("Invalid ID in brick data.");
+    const auto readInt16 = [fileHead](int offset) {
+        return static_cast<int>(static_cast<int16_t>(fileHead[offset] | (fileHead[offset + 1] << 8)));
+    };
+    const int minReadVersion = readInt16(kBrickFileIDSize);
+    const int writeVersion = readInt16(kBrickFileIDSize + 2);
+    if (minReadVersion > kImplementationVersion)
+        throwUnprepareError("Newer software version required to read brick data.",
+                            unprepareProps().add("minReadVersion", minReadVersion).add("writeVersion", writeVersion));
+    if (!brickIndex)
+        return;
+    const zo::int64 storedIndex = decodeBrickIndex(fileHead + kFixedHeaderSize);
+    if (storedIndex != *brickIndex)
+        throwUnprepareError("Brick file belongs to another brick index.",
+                            unprepareProps().add("brickIndex", *brickIndex).add("storedBrickIndex", storedIndex));
+}
+
+void CBrickDataPreparer::deriveBrickKey(const zo::uint8* salt)
+{
+    m_brickKeyDeriver->reset();
+    m_brickKeyDeriver->update(salt, kBrickKeySaltSize);
+    m_brickKeyDeriver->finish();
+    m_brickKey.setUsed(0);
+    m_brickKey.append(m_brickKeyDeriver->getDigest(), m_brickKeyDeriver->getSize());
+}
+
+const zo::TBuffer<zo::uint8>& CBrickDataPreparer::associatedData(const zo::uint8* fileHead)
+{
+    m_associated.setUsed(m_associatedPrefixSize);
+    m_associated.append(fileHead, kSealedHeaderSize);
+    return m_associated;
+}
+
+void CBrickDataPreparer::sealBrick(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared,
+                              zo::int64 brickIndex)
+{
+    const int sourceSize = source.getUsed();
+    const int maxCompressed = m_compressor->getMaxCompressedSize(sourceSize);
+    // Room for the worst case, so that nothing below has to grow the buffer.
+    prepared.setUsed(kSealedHeaderSize + maxCompressed + kSealedTagSize);
+    zo::uint8* const head = prepared.getData();
+    std::memcpy(head, kBrickFileID, kBrickFileIDSize);
+    for (int offset = kBrickFileIDSize; offset < kFixedHeaderSize; offset += 2) {
+        head[offset] = static_cast<zo::uint8>(kImplementationVersion & 0xff);
+        head[offset + 1] = static_cast<zo::uint8>((kImplementationVersion >> 8) & 0xff);
+    }
+    encodeBrickIndex(brickIndex, head + kFixedHeaderSize);
+    zo::uint8* const salt = head + kFixedHeaderSize + kBrickIndexSize;
+    seal::fillRandomBytes(salt, kBrickKeySaltSize);
+    deriveBrickKey(salt);
+    const zo::TBuffer<zo::uint8>& associated = associatedData(head);
+    prepared.setUsed(kSealedHeaderSize);
+
+    m_work.setUsed(maxCompressed);
+    const int compressedSize = m_compressor->compress(source.getData(), sourceSize, m_work.getData(), maxCompressed);
+    m_work.setUsed(compressedSize);
+    m_aead->encryptWithNonce(m_brickKey, kSealedNonce, associated.getData(), associated.getUsed(), m_work.getData(),
+                             compressedSize, prepared);
+}
+
+void CBrickDataPreparer::unsealBrick(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain,
+                                zo::int64 brickIndex)
+{
+    const int fullSize = prepared.getUsed();
+    if (fullSize < kSealedHeaderSize + kSealedTagSize)
+        throwUnprepareError("Brick file is corrupted.");
+    const zo::uint8* const head = prepared.getData();
+    deriveBrickKey(head + kFixedHeaderSize + kBrickIndexSize);
+    const zo::TBuffer<zo::uint8>& associated = associatedData(head);
+    m_work.setUsed(0);
+    if (!m_aead->decryptWithNonce(m_brickKey, kSealedNonce, associated.getData(), associated.getUsed(),
+                                  head + kSealedHeaderSize, fullSize - kSealedHeaderSize, m_work))
+        throwUnprepareError("Brick file is corrupted.");
+    checkFileHead(head, &brickIndex);
+    const int brickSize = static_cast<int>(m_brickSize);
+    plain.setUsed(brickSize);
+    plain.setUsed(m_compressor->decompress(m_work.getData(), m_work.getUsed(), plain.getData(), brickSize));
 }
 
 } // namespace brick

@@ -27,6 +27,28 @@
 // the stored index included. A file copied to another index, or changed
 // anywhere, is refused before anything is decrypted.
 //
+// Under the cipher ID "aes256gcm" (only with "hmac-sha256", on disks whose
+// key is wrapped) the cipher authenticates what it encrypts, so the file has
+// no digests:
+//
+//   offset   size  field
+//   0        5     "BRICK"
+//   5        2     minReadVersion (int16, little-endian)
+//   7        2     writeVersion   (int16, little-endian)
+//   9        8     brick index    (int64, little-endian)
+//   17       32    salt (random, new for every file)
+//   49       n     AES-256-GCM ciphertext of the compressed plain bytes
+//   49 + n   16    GCM tag
+//
+// Each file is encrypted under a key of its own, HMAC-SHA256 of the salt
+// under a key derived from the disk's key (HKDF-SHA256, info "brickdisk
+// brick key"), with an all-zero nonce: a key encrypts one message only. The
+// tag covers, as associated data, the label "brickdisk aes256gcm brick", the
+// chain's identity (HKDF-SHA256 of the disk's key, info "brickdisk chain
+// identity", 32 bytes; every disk of a chain shares the key) and the
+// file's first 49 bytes. A file changed anywhere, or from a disk with
+// another key, is refused as corrupted before anything is decompressed.
+//
 // Threads: both calls share one digest context and one work buffer, so calls
 // on one preparer must not overlap; a thread of its own needs a preparer of
 // its own.
@@ -53,7 +75,9 @@ public:
     // Compressor IDs: those of CBrickDiskHeaderLimits::isValidCompressID.
     //
     // Throws zo::CError "Unknown compressor ID: <ID>" for any other compressor
-    // ID, and the cryptography library's error for an unknown cipher or digest.
+    // ID, zo::CError "An authenticated cipher needs the checksum ID
+    // hmac-sha256." for an authenticated cipher with another checksum ID, and
+    // the cryptography library's error for an unknown cipher or digest.
     CBrickDataPreparer(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key);
 
     // True when the disk's brick files are bound to their brick index
@@ -61,12 +85,16 @@ public:
     // may be used.
     bool bindsBrickIndex() const { return m_bindsBrickIndex; }
 
+    // True when a brick file carries a digest of its plain bytes; the files
+    // of an authenticated cipher do not, and are only compared by decoding.
+    bool hasPlainDigest() const { return !m_aead; }
     // How many bytes at the start of a brick file carry the digest of its
-    // plain bytes (and, where bound, its brick index).
+    // plain bytes (and, where bound, its brick index), when hasPlainDigest().
     int getPlainDigestEnd() const { return m_fixedHeaderSize + m_digestSize; }
     // True when the brick file heads `a` and `b` (getPlainDigestEnd() bytes
     // each) carry the same digest of their plain bytes: files made from the
     // same bytes (at the same index, where bound), barring a collision.
+    // Meaningful only when hasPlainDigest().
     bool haveSamePlainDigest(const zo::uint8* a, const zo::uint8* b) const;
 
     // The brick file bytes of the brick at `brickIndex`, as prepareData below.
@@ -95,7 +123,8 @@ public:
     // needs a newer reader ("Newer software version required to read brick
     // data.", with "minReadVersion" and "writeVersion"), is too short to hold
     // a brick ("Invalid size of prepared brick data.", with "fullSize" and
-    // "headerSize") or decodes to bytes that do not match their digest
+    // "headerSize"; a file of an authenticated cipher that is too short is
+    // corrupted) or decodes to bytes that do not match their digest
     // ("Decrypted and decompressed brick data does not match hash."). Cipher
     // and compressor errors pass through unchanged. After a failure
     // `plain` holds no meaningful bytes. Throws zo::CInvalidArgError
@@ -115,6 +144,17 @@ private:
     const zo::uint8* digestOf(const void* data, int size, const zo::int64* brickIndex = nullptr);
     void prepare(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared, zo::int64 brickIndex);
     void unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain, zo::int64 brickIndex);
+    // prepare and unprepare for an authenticated cipher.
+    void sealBrick(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared, zo::int64 brickIndex);
+    void unsealBrick(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain, zo::int64 brickIndex);
+    // Sets m_brickKey to the key of the brick file whose salt is `salt`.
+    void deriveBrickKey(const zo::uint8* salt);
+    // The associated data of the brick file that starts with `fileHead`
+    // (layout::kSealedHeaderSize bytes); valid until the next call.
+    const zo::TBuffer<zo::uint8>& associatedData(const zo::uint8* fileHead);
+    // Checks a brick file's ID, versions and stored brick index, as
+    // unprepareData documents.
+    void checkFileHead(const zo::uint8* fileHead, const zo::int64* brickIndex) const;
 
     zo::int64 m_brickSize;
     zo::P<seal::ICipher> m_cipher;
@@ -128,6 +168,14 @@ private:
     // The compressed, not yet encrypted bytes; it lives as long as the
     // preparer and only grows.
     zo::TBuffer<zo::uint8> m_work;
+    // Set for an authenticated cipher only: the cipher, the HMAC that makes
+    // each file's key from its salt, that key, and the associated data (its
+    // first bytes, up to the file head, stay the same).
+    zo::P<seal::IAEADCipher> m_aead;
+    zo::P<seal::IDigestContext> m_brickKeyDeriver;
+    zo::TCryptBuffer<zo::uint8> m_brickKey;
+    zo::TCryptBuffer<zo::uint8> m_associated;
+    int m_associatedPrefixSize = 0;
 };
 
 } // namespace brick

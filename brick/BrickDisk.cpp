@@ -179,7 +179,7 @@ void CBrickDisk::setEmptyKeyHash(CBrickDiskHeader& header)
 
 void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                                      const String& password, const String& compressorID, int brickSize,
-                                     const seal::Argon2idCost& cost)
+                                     const seal::Argon2idCost& cost, const String& cipherID)
 {
     CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
     header.setCheckSumHashID(kAuthenticatedCheckSumID);
@@ -190,6 +190,7 @@ void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, in
         header.setCipherID("null");
         setEmptyKeyHash(header);
     } else {
+        header.setCipherID(cipherID);
         CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
     }
     CBrickDiskIdentity::sealIdentity(header, key);

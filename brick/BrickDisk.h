@@ -106,18 +106,23 @@ public:
 
     // The checksum ID of authenticated disks: "hmac-sha256".
     static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";
+    // The cipher of new encrypted authenticated disks: "aes256gcm", which
+    // authenticates each brick file itself (see CBrickDataPreparer).
+    static constexpr const char* kAuthenticatedCipherID = "aes256gcm";
 
     // Makes a new, empty disk like create, but with authenticated bricks:
     // checksum ID "hmac-sha256" (keyed digests, every brick file bound to
     // its brick index) and, for a non-empty password, a random cipher key
     // wrapped under an Argon2id key of the password with `cost` (see
     // CBrickDiskKeyWrap), so that the password can be changed later without
-    // touching a brick. An empty password makes an unencrypted disk whose
+    // touching a brick, and the cipher `cipherID` ("aes256gcm" or
+    // "aes256cbc"). An empty password makes an unencrypted disk whose
     // digests still bind each brick file to its index. Throws what create
-    // throws, and zo::CInvalidArgError for a cost that Argon2id refuses.
+    // throws, zo::CInvalidArgError for a cost that Argon2id refuses, and the
+    // CError of CBrickDiskHeaderLimits for another cipher ID.
     static void createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                                     const String& password, const String& compressorID, int brickSize,
-                                    const seal::Argon2idCost& cost);
+                                    const seal::Argon2idCost& cost, const String& cipherID = kAuthenticatedCipherID);
 
     // Makes a child disk of the disk in `parentDiskFolder` in `childDiskFolder`:
     // its creation time (CBrickDiskCreationTime), a copy of the parent's

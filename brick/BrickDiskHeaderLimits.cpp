@@ -195,7 +195,11 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
             checkOneOf(kCryptoHashID, header.getCryptoHashID(), {CBrickDiskKeyWrap::kKeyCheckID});
         else
             checkOneOf(kCryptoHashID, header.getCryptoHashID(), {"md5", "sha256"});
-        checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", "null"});
+        // The authenticated cipher goes only with keyed, index-bound bricks and a wrapped key.
+        if (wrapped && header.getCheckSumHashID() == CBrickDisk::kAuthenticatedCheckSumID)
+            checkOneOf(kCipherID, header.getCipherID(), {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", "null"});
+        else
+            checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", "null"});
         const int keyHashLength = keyHashSize(header.getCryptoHashID());
         checkRange(kCipherKeyHash, header.getCipherKeyHash().getUsed(), keyHashLength, keyHashLength);
         checkCompressID(header.getCompressID());

@@ -57,7 +57,8 @@ public:
     // refuses.
     static void checkCompressID(const zo::String& id);
 
-    // Checks every field of `header`: versions, sizes, algorithm IDs, the
+    // Checks every field of `header`: versions, sizes, algorithm IDs (the
+    // cipher "aes256gcm" only with a wrapped key and "hmac-sha256"), the
     // key hash's length for its digest, and the salt, cost and wrapped key of
     // the key derivation (within the largest cost that can be made:
     // CBrickDiskKeyWrap::getCostLimit for Argon2id, kMaxPBKDF2Iterations for

@@ -1,6 +1,7 @@
 #include "brick/BrickFileChecker.h"
 
 #include "brick/detail/BrickFileLayout.h"
+#include "seal/Cipher.h"
 #include "zo/Error.h"
 
 #include <cstring>
@@ -14,6 +15,16 @@ bool isKeyed(const CBrickDiskHeader& header)
     return header.getCheckSumHashID() == layout::kIndexBoundDigestID;
 }
 
+// The smallest brick file of the disk's format: its fixed fields and nothing encrypted.
+int minimumFileSize(const CBrickDiskHeader& header, const seal::IDigestContext* digest)
+{
+    if (digest)
+        return layout::kFixedHeaderSize + 2 * digest->getSize();
+    if (seal::CCipherManager::isAuthenticated(header.getCipherID()))
+        return layout::kSealedHeaderSize + layout::kSealedTagSize;
+    return layout::kFixedHeaderSize + layout::kBrickIndexSize + 2 * layout::kIndexBoundDigestSize;
+}
+
 zo::String decimal(zo::int64 value)
 {
     return zo::toDecimalString(value);
@@ -24,8 +35,7 @@ zo::String decimal(zo::int64 value)
 CBrickFileChecker::CBrickFileChecker(zo::IFileSystem* fs, const CBrickDiskHeader& header, CBrickDisk* disk)
     : m_fs(fs), m_brickSize(header.getBrickSize()),
       m_digest(isKeyed(header) ? nullptr : seal::CDigestManager().getType(header.getCheckSumHashID())->createContext()),
-      m_minimumSize(m_digest ? layout::kFixedHeaderSize + 2 * m_digest->getSize()
-                             : layout::kFixedHeaderSize + layout::kBrickIndexSize + 2 * layout::kIndexBoundDigestSize)
+      m_minimumSize(minimumFileSize(header, m_digest.get()))
 {
     if (disk)
         m_preparer = disk->createDataPreparer();

@@ -13,6 +13,13 @@
 //           decompressor sees attacker-chosen bytes;
 //   mode 3  the payload is prepared and unprepared again and must come back
 //           unchanged.
+// Modes 4 and 5 fuzz the bricks of the cipher "aes256gcm" at brick index 0;
+// byte 1 picks the compressor:
+//   mode 4  the payload is the brick file as it stands (only the tag check
+//           and the size checks before it see it, barring a forgery);
+//   mode 5  the payload is sealed as the compressed bytes of a brick (by a
+//           preparer of the same key without compressor, which the tag does
+//           not cover), so the decompressor sees attacker-chosen bytes.
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
 #include "seal/Cipher.h"
@@ -55,6 +62,11 @@ constexpr PreparerConfig kConfigs[] = {
 };
 constexpr size_t kConfigCount = sizeof(kConfigs) / sizeof(kConfigs[0]);
 
+// The compressors of modes 4 and 5, all with bricks of 4096 bytes.
+constexpr const char* kSealedCompressIDs[] = {"null", "zlib-6", "lz4", "lz4hc", "lzma-6"};
+constexpr size_t kSealedCount = sizeof(kSealedCompressIDs) / sizeof(kSealedCompressIDs[0]);
+constexpr int kSealedBrickSize = 4096;
+
 struct Fixture {
     explicit Fixture(const PreparerConfig& config)
     {
@@ -96,6 +108,28 @@ Fixture& fixture(size_t index)
     return *fixtures[index];
 }
 
+// The preparer of the "aes256gcm" bricks that compress with
+// kSealedCompressIDs[index]; one key for all.
+brick::CBrickDataPreparer& sealedPreparer(size_t index)
+{
+    static std::vector<zo::P<brick::CBrickDataPreparer>> preparers = [] {
+        Key key(32);
+        for (int i = 0; i < key.getUsed(); ++i)
+            key[i] = static_cast<zo::uint8>(0x5A ^ i);
+        std::vector<zo::P<brick::CBrickDataPreparer>> made;
+        for (const char* compressID : kSealedCompressIDs) {
+            brick::CBrickDiskHeader header;
+            header.setCompressID(compressID);
+            header.setCipherID("aes256gcm");
+            header.setCheckSumHashID("hmac-sha256");
+            header.setBrickSize(kSealedBrickSize);
+            made.push_back(zo::P<brick::CBrickDataPreparer>(new brick::CBrickDataPreparer(header, key)));
+        }
+        return made;
+    }();
+    return *preparers[index];
+}
+
 Bytes encryptedBrickFile(Fixture& fixture, const zo::uint8* payload, int size)
 {
     const int digestSize = fixture.digest->getSize();
@@ -128,10 +162,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 2 || size > 0x200000)
         return 0;
-    const int mode = data[0] % 4;
+    const int mode = data[0] % 6;
+    const Bytes payload(data + 2, static_cast<int>(size - 2));
+    if (mode >= 4) {
+        brick::CBrickDataPreparer& preparer = sealedPreparer(data[1] % kSealedCount);
+        try {
+            Bytes plain;
+            if (mode == 4) {
+                preparer.unprepareData(payload, plain, 0);
+            } else if (payload.getUsed() <= kSealedBrickSize) {
+                // The compressor "null" takes at most a brick.
+                Bytes file;
+                sealedPreparer(0).prepareData(payload, file, 0);
+                preparer.unprepareData(file, plain, 0);
+            }
+        } catch (const zo::CError&) {
+        }
+        return 0;
+    }
     const size_t configIndex = data[1] % kConfigCount;
     Fixture& target = fixture(configIndex);
-    const Bytes payload(data + 2, static_cast<int>(size - 2));
 
     if (mode == 3) {
         // Any error here is a bug: every source of at most a brick prepares.

@@ -1,10 +1,11 @@
 // brickdisk create DISK --size SIZE [--brick-size SIZE] [--compression ID] [--checksum ID]
-//                  [--kdf argon2id|pbkdf2] [--kdf-memory SIZE] [--kdf-passes N] [--kdf-lanes N]
-//                  [--no-encryption]
+//                  [--cipher aes256gcm|aes256cbc] [--kdf argon2id|pbkdf2] [--kdf-memory SIZE]
+//                  [--kdf-passes N] [--kdf-lanes N] [--no-encryption]
 //
-// New disks get authenticated bricks and a wrapped key (--kdf argon2id);
-// --kdf pbkdf2 makes a disk that older readers open too, whose key is
-// derived from the password itself (so its password can never change).
+// New disks get authenticated bricks, encrypted with AES-256-GCM, and a
+// wrapped key (--kdf argon2id); --kdf pbkdf2 makes a disk that older readers
+// open too, whose key is derived from the password itself (so its password
+// can never change) and whose bricks are encrypted with AES-256-CBC.
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "KeyDerivationOptions.h"
@@ -47,6 +48,8 @@ struct CreateOptions {
     std::string compression;
     // Empty: "hmac-sha256" for argon2id, "sha256" for pbkdf2.
     std::string checksum;
+    // Empty: "aes256gcm" for argon2id, "aes256cbc" for pbkdf2.
+    std::string cipher;
     std::string kdf = "argon2id";
     CKeyDerivationOptions cost;
     bool noEncryption = false;
@@ -70,13 +73,29 @@ std::string brickDigestFor(const CreateOptions& options)
     return options.checksum;
 }
 
-std::string encryptionDescription(const CreateOptions& options, const seal::Argon2idCost& cost)
+// The cipher for the chosen key derivation; the authenticated cipher on a
+// disk of the original format is a usage error.
+std::string cipherFor(const CreateOptions& options)
+{
+    if (options.noEncryption && !options.cipher.empty())
+        throw UsageError("--cipher does not go with --no-encryption");
+    if (options.cipher.empty())
+        return isAuthenticated(options) ? brick::CBrickDisk::kAuthenticatedCipherID : "aes256cbc";
+    if (!isAuthenticated(options) && options.cipher != "aes256cbc")
+        throw UsageError("--cipher " + options.cipher + " does not go with --kdf " + options.kdf +
+                         ": pbkdf2 disks use aes256cbc");
+    return options.cipher;
+}
+
+std::string encryptionDescription(const CreateOptions& options, const std::string& cipher,
+                                  const seal::Argon2idCost& cost)
 {
     if (options.noEncryption)
         return "not encrypted";
     if (isAuthenticated(options))
-        return "encrypted with aes256cbc, key wrapped under argon2id (" + CKeyDerivationOptions::describe(cost) + ")";
-    return "encrypted with aes256cbc, key by PKCS5-PBKDF2-HMAC-SHA1";
+        return "encrypted with " + cipher + ", key wrapped under argon2id (" + CKeyDerivationOptions::describe(cost) +
+               ")";
+    return "encrypted with " + cipher + ", key by PKCS5-PBKDF2-HMAC-SHA1";
 }
 
 // A brick size that the disk could not be opened with is a usage error.
@@ -145,6 +164,7 @@ int runCreate(const CreateOptions& options)
                                                                   : kObjectStoreCompression;
     checkCompressorID(compression);
     const std::string checksum = brickDigestFor(options);
+    const std::string cipher = cipherFor(options);
     const seal::Argon2idCost cost = options.cost.cost();
 
     const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
@@ -155,7 +175,8 @@ int runCreate(const CreateOptions& options)
     const zo::String password = options.noEncryption ? zo::String() : options.passwords.forNewDisk(options.disk);
     if (isAuthenticated(options)) {
         brick::CBrickDisk::createAuthenticated(fs.get(), folder, diskSize, 1, password,
-                                               zo::String(compression), static_cast<int>(brickSize), cost);
+                                               zo::String(compression), static_cast<int>(brickSize), cost,
+                                               zo::String(cipher));
     } else {
         brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(compression),
                                   static_cast<int>(brickSize));
@@ -164,7 +185,7 @@ int runCreate(const CreateOptions& options)
     std::printf("created %s: %s in %lld bricks of %s, compression %s, %s, brick digest %s\n",
                 folder.toLocalPath().c_str(), formatBytes(diskSize).c_str(), static_cast<long long>(brickCount),
                 formatBytes(brickSize).c_str(), compression.c_str(),
-                encryptionDescription(options, cost).c_str(), checksum.c_str());
+                encryptionDescription(options, cipher, cost).c_str(), checksum.c_str());
     return 0;
 }
 
@@ -188,6 +209,10 @@ CommandAction addCreateCommand(CLI::App& program)
                         "Digest of every brick: hmac-sha256 (keyed, bound to the brick's index; the default with "
                         "--kdf argon2id), or with --kdf pbkdf2 sha256 (its default) or md5")
         ->check(CLI::IsMember({"hmac-sha256", "sha256", "md5"}));
+    command->add_option("--cipher", options->cipher,
+                        "Cipher of the bricks: aes256gcm (authenticates each brick itself; the default with --kdf "
+                        "argon2id) or aes256cbc (with keyed digests; the only choice with --kdf pbkdf2)")
+        ->check(CLI::IsMember({"aes256gcm", "aes256cbc"}));
     command->add_option("--kdf", options->kdf,
                         "Key derivation: argon2id (a random key wrapped under a memory-hard derivation of the "
                         "password, which passwd can change) or pbkdf2 (the key derived from the password itself, "

@@ -11,6 +11,7 @@
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickTree.h"
+#include "seal/Cipher.h"
 
 #include <CLI/CLI.hpp>
 
@@ -48,7 +49,8 @@ struct DiskInfo {
     }
     bool encrypted() const { return header.getCipherID() != "null"; }
     bool keyWrapped() const { return brick::CBrickDiskKeyWrap::isKeyWrapped(header); }
-    // "authenticated": keyed brick digests bound to the brick's index;
+    // "authenticated": brick files bound to the brick's index, under keyed
+    // digests or sealed by the cipher;
     // "original": plain digests, and a key derived from the password itself.
     std::string format() const
     {
@@ -60,7 +62,9 @@ struct DiskInfo {
         if (format() == "original")
             return "original (plain brick digests; an encrypted disk's key is derived from its password, which "
                    "cannot change)";
-        return std::string("authenticated (keyed brick digests, each brick bound to its index") +
+        const bool sealed = seal::CCipherManager::isAuthenticated(header.getCipherID());
+        return std::string(sealed ? "authenticated (each brick sealed with its own key, bound to its index"
+                                  : "authenticated (keyed brick digests, each brick bound to its index") +
                (keyWrapped() ? "; random key wrapped under the password, which passwd can change)" : ")");
     }
     std::string keyDerivation() const

@@ -16,5 +16,11 @@ inline constexpr int kBrickIndexSize = 8;
 // their digests are keyed (HMAC-SHA256: 32 bytes each).
 inline constexpr char kIndexBoundDigestID[] = "hmac-sha256";
 inline constexpr int kIndexBoundDigestSize = 32;
+// Brick files of an authenticated cipher ("aes256gcm") hold, after the brick
+// index, the random salt of the brick's own key, then the ciphertext and the
+// cipher's tag; they carry no digests.
+inline constexpr int kBrickKeySaltSize = 32;
+inline constexpr int kSealedHeaderSize = kFixedHeaderSize + kBrickIndexSize + kBrickKeySaltSize;
+inline constexpr int kSealedTagSize = 16;
 
 } // namespace brick::layout

@@ -37,13 +37,46 @@ public:
     virtual zo::String getID() const = 0;
 };
 
+// A cipher that authenticates what it encrypts, and associated data that it
+// does not encrypt. As an ICipher it draws a fresh random nonce per message,
+// puts it in front of the ciphertext and the tag behind it, and
+// authenticates no associated data; decrypt throws zo::CError when the tag
+// does not check out. The calls below leave the nonce to the caller.
+class BRICKDISK_EXPORT IAEADCipher : public ICipher {
+public:
+    virtual int getNonceSize() const = 0;
+    virtual int getTagSize() const = 0;
+    // Encrypts `size` bytes at `src` under `key` and `nonce` (getNonceSize()
+    // bytes) and appends the ciphertext (`size` bytes) followed by the tag
+    // (getTagSize() bytes) to `out`; the tag also covers the `aadSize` bytes
+    // at `aad`. A nonce must never be used twice with one key: that reveals
+    // the messages' XOR and lets tags be forged. Throws zo::CInvalidArgError
+    // on a key of the wrong length or a negative size, and zo::CError when the
+    // library fails; `out` is then as before.
+    virtual void encryptWithNonce(const zo::TCryptBuffer<zo::uint8>& key, const zo::uint8* nonce, const void* aad,
+                                  int aadSize, const void* src, int size, zo::TBuffer<zo::uint8>& out) = 0;
+    // Verifies and decrypts what encryptWithNonce made (`size` bytes: the
+    // ciphertext and its tag) and appends the message to `out`. Returns false,
+    // with `out` as before, when the tag does not match: a wrong key, nonce or
+    // associated data, or damaged bytes. Throws zo::CInvalidArgError on a key
+    // of the wrong length or a size below getTagSize().
+    virtual bool decryptWithNonce(const zo::TCryptBuffer<zo::uint8>& key, const zo::uint8* nonce, const void* aad,
+                                  int aadSize, const void* src, int size, zo::TBuffer<zo::uint8>& out) = 0;
+};
+
 // Makes ciphers by ID: "aes256cbc" (AES-256-CBC, PKCS#7 padding, a fresh
-// random 16-byte IV in front of every ciphertext) and "null" (copies bytes,
-// key length 0). Any other ID throws zo::CError "Unknown cipher ID: " + ID.
+// random 16-byte IV in front of every ciphertext), "aes256gcm" (AES-256-GCM,
+// 12-byte nonce, 16-byte tag; an IAEADCipher) and "null" (copies bytes, key
+// length 0). Any other ID throws zo::CError "Unknown cipher ID: " + ID.
 // Every call makes a new cipher object; any thread may call it.
 class BRICKDISK_EXPORT CCipherManager {
 public:
     zo::P<ICipher> getCipher(const zo::String& cipherID) const;
+    // The cipher of an ID that isAuthenticated accepts; any other ID throws
+    // zo::CError "Not an authenticated cipher ID: " + ID.
+    zo::P<IAEADCipher> getAEADCipher(const zo::String& cipherID) const;
+    // True for the IDs of ciphers that authenticate what they encrypt.
+    static bool isAuthenticated(const zo::String& cipherID);
 };
 
 } // namespace seal

@@ -21,6 +21,7 @@ using zo::IIOStream;
 using zo::P;
 using zo::int64;
 using Kind = CBrickDiskBlockDevice::ExtentKind;
+using Op = zo::CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int kBrickCount = 8;
@@ -30,12 +31,12 @@ const char* const kPassword = "secret";
 // Cheap enough for tests.
 const seal::Argon2idCost kTestCost{1, 8, 1};
 
-class AuthenticatedBlockDeviceTest : public ::testing::Test {
+class AuthenticatedBlockDeviceTest : public ::testing::TestWithParam<const char*> {
 protected:
     void SetUp() override
     {
         CBrickDisk::createAuthenticated(fs.get(), CURI(kFolder), kDiskSize, 1, kPassword, "lz4", kBrickSize,
-                                        kTestCost);
+                                        kTestCost, GetParam());
     }
 
     P<CBrickDiskBlockDevice> openDevice()
@@ -66,7 +67,7 @@ protected:
     P<zo::CMemoryFileSystem> fs{new zo::CMemoryFileSystem(2)};
 };
 
-TEST_F(AuthenticatedBlockDeviceTest, WritesZerosTrimsAndFlushesRoundTrip)
+TEST_P(AuthenticatedBlockDeviceTest, WritesZerosTrimsAndFlushesRoundTrip)
 {
     const Bytes data = testsupport::patternBytes(static_cast<int>(kDiskSize), 3);
     Bytes expected = data;
@@ -100,7 +101,7 @@ TEST_F(AuthenticatedBlockDeviceTest, WritesZerosTrimsAndFlushesRoundTrip)
     EXPECT_EQ(extents[3].kind, Kind::Hole);
 }
 
-TEST_F(AuthenticatedBlockDeviceTest, ABrickFileMovedToAnotherIndexReadsAsDamaged)
+TEST_P(AuthenticatedBlockDeviceTest, ABrickFileMovedToAnotherIndexReadsAsDamaged)
 {
     const Bytes data = testsupport::patternBytes(static_cast<int>(kDiskSize), 4);
     {
@@ -122,5 +123,22 @@ TEST_F(AuthenticatedBlockDeviceTest, ABrickFileMovedToAnotherIndexReadsAsDamaged
     EXPECT_EQ(testsupport::messageOf(*error), "Brick file belongs to another brick index.");
     EXPECT_EQ(readDevice(*device, 3 * kBrickSize, kBrickSize), Bytes(data.getData() + 3 * kBrickSize, kBrickSize));
 }
+
+TEST_P(AuthenticatedBlockDeviceTest, RewritingTheBytesTheDiskHoldsStoresOnlyTheChangedBrick)
+{
+    const Bytes data = testsupport::patternBytes(4 * kBrickSize, 8);
+    openDevice()->write(data.getData(), 0, data.getUsed());
+    const P<CBrickDiskBlockDevice> device = openDevice();
+    fs->resetCounters();
+    device->write(data.getData(), 0, data.getUsed());
+    const Bytes changed = testsupport::patternBytes(kBrickSize, 9);
+    device->write(changed.getData(), 2 * kBrickSize, kBrickSize);
+    device->flush();
+    EXPECT_EQ(fs->getOperationCount(Op::StoreFile), 1);
+    EXPECT_EQ(readDevice(*openDevice(), 2 * kBrickSize, kBrickSize), changed);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryCipher, AuthenticatedBlockDeviceTest, testing::Values("aes256gcm", "aes256cbc"),
+                         [](const testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 } // namespace

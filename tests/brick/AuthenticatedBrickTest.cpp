@@ -1,5 +1,6 @@
-// Brick files under the checksum ID "hmac-sha256": keyed digests, bound to
-// the brick's index.
+// Brick files under the checksum ID "hmac-sha256": bound to the brick's
+// index, with keyed digests (cipher "aes256cbc") or authenticated by the
+// cipher itself ("aes256gcm").
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
 #include "seal/Digest.h"
@@ -46,9 +47,9 @@ std::string unprepareMessage(CBrickDataPreparer& preparer, const Bytes& file, zo
     return std::string();
 }
 
-class AuthenticatedBrick : public ::testing::Test {
+class AuthenticatedBrick : public ::testing::TestWithParam<const char*> {
 protected:
-    CBrickDataPreparer preparer{authenticatedHeader(), keyOf(1)};
+    CBrickDataPreparer preparer{authenticatedHeader(GetParam()), keyOf(1)};
     const Bytes plain = testsupport::patternBytes(kBrickSize, 7);
 
     Bytes prepared(zo::int64 index, const Bytes& source)
@@ -59,7 +60,7 @@ protected:
     }
 };
 
-TEST_F(AuthenticatedBrick, RestoresTheBrickAtItsIndex)
+TEST_P(AuthenticatedBrick, RestoresTheBrickAtItsIndex)
 {
     ASSERT_TRUE(preparer.bindsBrickIndex());
     Bytes restored;
@@ -67,7 +68,7 @@ TEST_F(AuthenticatedBrick, RestoresTheBrickAtItsIndex)
     EXPECT_TRUE(testsupport::sameBytes(restored, plain));
 }
 
-TEST_F(AuthenticatedBrick, RefusesTheFileAtAnotherIndex)
+TEST_P(AuthenticatedBrick, RefusesTheFileAtAnotherIndex)
 {
     const Bytes file = prepared(3, plain);
     Bytes restored;
@@ -82,7 +83,7 @@ TEST_F(AuthenticatedBrick, RefusesTheFileAtAnotherIndex)
     }
 }
 
-TEST_F(AuthenticatedBrick, EverySingleByteChangeIsDetected)
+TEST_P(AuthenticatedBrick, EverySingleByteChangeIsDetected)
 {
     const Bytes file = prepared(9, plain);
     for (int i = 0; i < file.getUsed(); ++i) {
@@ -94,20 +95,20 @@ TEST_F(AuthenticatedBrick, EverySingleByteChangeIsDetected)
     }
 }
 
-TEST_F(AuthenticatedBrick, ChangedStoredIndexWithoutTheKeyIsDamage)
+TEST_P(AuthenticatedBrick, ChangedStoredIndexWithoutTheKeyIsDamage)
 {
     Bytes changed = prepared(9, plain);
     changed[5 + 2 + 2] = 8;
     EXPECT_EQ(unprepareMessage(preparer, changed, 8), "Brick file is corrupted.");
 }
 
-TEST_F(AuthenticatedBrick, AnotherKeyFailsAsDamage)
+TEST_P(AuthenticatedBrick, AnotherKeyFailsAsDamage)
 {
-    CBrickDataPreparer other(authenticatedHeader(), keyOf(2));
+    CBrickDataPreparer other(authenticatedHeader(GetParam()), keyOf(2));
     EXPECT_EQ(unprepareMessage(other, prepared(1, plain), 1), "Brick file is corrupted.");
 }
 
-TEST_F(AuthenticatedBrick, InnerDigestIsNotThePlainSHA256)
+TEST_P(AuthenticatedBrick, InnerDigestIsNotThePlainSHA256)
 {
     const Bytes file = prepared(0, plain);
     const zo::P<seal::IDigestContext> sha256 = seal::CDigestManager().getType("sha256")->createContext();
@@ -117,19 +118,22 @@ TEST_F(AuthenticatedBrick, InnerDigestIsNotThePlainSHA256)
         EXPECT_NE(std::memcmp(file.getData() + offset, sha256->getDigest(), 32), 0) << "offset " << offset;
 }
 
-TEST_F(AuthenticatedBrick, EqualBricksAtTwoIndexesShowNoEqualBytes)
+TEST_P(AuthenticatedBrick, EqualBricksAtTwoIndexesShowNoEqualBytes)
 {
     const Bytes first = prepared(1, plain);
     const Bytes second = prepared(2, plain);
     EXPECT_NE(std::memcmp(first.getData() + kInnerDigestOffset, second.getData() + kInnerDigestOffset, 32), 0);
 }
 
-TEST_F(AuthenticatedBrick, CallsWithoutIndexAreRefused)
+TEST_P(AuthenticatedBrick, CallsWithoutIndexAreRefused)
 {
     Bytes file;
     EXPECT_THROW(preparer.prepareData(plain, file), zo::CInvalidArgError);
     EXPECT_THROW(preparer.unprepareData(prepared(0, plain), file), zo::CInvalidArgError);
 }
+
+INSTANTIATE_TEST_SUITE_P(EveryCipher, AuthenticatedBrick, testing::Values("aes256cbc", "aes256gcm"),
+                         [](const testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 // Prepares a brick at index 5 and reads it back at `readIndex`; true when
 // it comes back whole.

@@ -1,5 +1,6 @@
 // Disks made by CBrickDisk::createAuthenticated: a wrapped random key,
-// authenticated headers and brick files bound to their index.
+// authenticated headers and brick files bound to their index, with either
+// cipher ("aes256gcm", the default, or "aes256cbc" with keyed digests).
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskKeyWrap.h"
@@ -28,13 +29,14 @@ const char* const kPassword = "secret";
 // Cheap enough for tests; the tool's default is far costlier.
 const seal::Argon2idCost kTestCost{1, 8, 1};
 
-class AuthenticatedDisk : public ::testing::Test {
+class AuthenticatedDisk : public ::testing::TestWithParam<const char*> {
 protected:
     void SetUp() override { create("/disks/a"); }
 
     void create(const char* folder, const char* password = kPassword)
     {
-        CBrickDisk::createAuthenticated(fs.get(), CURI(folder), kDiskSize, 1, password, "lz4", kBrickSize, kTestCost);
+        CBrickDisk::createAuthenticated(fs.get(), CURI(folder), kDiskSize, 1, password, "lz4", kBrickSize, kTestCost,
+                                        GetParam());
     }
     P<CBrickDisk> open(const char* folder = "/disks/a", const char* password = kPassword,
                        IIOStream::Access access = IIOStream::AccessReadWrite)
@@ -71,11 +73,12 @@ protected:
     P<zo::CMemoryFileSystem> fs{new zo::CMemoryFileSystem()};
 };
 
-TEST_F(AuthenticatedDisk, HeaderNamesTheAuthenticatedFormat)
+TEST_P(AuthenticatedDisk, HeaderNamesTheAuthenticatedFormat)
 {
     CBrickDiskHeader header;
     header.load(fs.get(), CURI("/disks/a"));
     EXPECT_EQ(header.getCheckSumHashID(), "hmac-sha256");
+    EXPECT_EQ(header.getCipherID(), GetParam());
     EXPECT_EQ(header.getCipherKeyDeriverID(), "argon2id");
     EXPECT_EQ(header.getCryptoHashID(), "hkdf-sha256");
     EXPECT_EQ(header.getCipherKeyDerivationIterations(), kTestCost.passes);
@@ -85,7 +88,7 @@ TEST_F(AuthenticatedDisk, HeaderNamesTheAuthenticatedFormat)
     EXPECT_EQ(header.getWrappedCipherKey().getUsed(), 32 + 28);
 }
 
-TEST_F(AuthenticatedDisk, WritesAndReadsBack)
+TEST_P(AuthenticatedDisk, WritesAndReadsBack)
 {
     fillFirstBricks();
     const P<CBrickDisk> disk = open();
@@ -94,24 +97,27 @@ TEST_F(AuthenticatedDisk, WritesAndReadsBack)
                                            testsupport::patternBytes(kBrickSize, 10 + i)));
 }
 
-TEST_F(AuthenticatedDisk, WrongPasswordIsRefused)
+TEST_P(AuthenticatedDisk, WrongPasswordIsRefused)
 {
     const auto error = testsupport::errorOf<CBrickDiskError>([&] { open("/disks/a", "Secret"); });
     ASSERT_TRUE(error);
     EXPECT_EQ(error->getCode(), CBrickDiskError::IncorrectPassword);
 }
 
-TEST_F(AuthenticatedDisk, TwoDisksOfOnePasswordHaveDifferentKeys)
+TEST_P(AuthenticatedDisk, TwoDisksOfOnePasswordHaveDifferentKeys)
 {
     create("/disks/b");
     fillFirstBricks();
     fillFirstBricks("/disks/b");
     // The brick files of one disk do not open under the other's key.
     fs->setFileData(brickFile(1, "/disks/b"), *fs->getFileData(brickFile(1)));
-    EXPECT_THROW(testsupport::readAt(*open("/disks/b"), kBrickSize, kBrickSize), CError);
+    const auto error = testsupport::errorOf<CError>(
+        [&] { testsupport::readAt(*open("/disks/b", kPassword, IIOStream::AccessRead), kBrickSize, kBrickSize); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(testsupport::messageOf(*error), "Brick file is corrupted.");
 }
 
-TEST_F(AuthenticatedDisk, BrickCopiedOverAnotherIndexFailsToRead)
+TEST_P(AuthenticatedDisk, BrickCopiedOverAnotherIndexFailsToRead)
 {
     fillFirstBricks();
     fs->setFileData(brickFile(2), *fs->getFileData(brickFile(1)));
@@ -119,7 +125,7 @@ TEST_F(AuthenticatedDisk, BrickCopiedOverAnotherIndexFailsToRead)
     EXPECT_EQ(readError(1), "");
 }
 
-TEST_F(AuthenticatedDisk, SwappedBricksFailToRead)
+TEST_P(AuthenticatedDisk, SwappedBricksFailToRead)
 {
     fillFirstBricks();
     const P<Bytes> first = fs->getFileData(brickFile(0));
@@ -129,7 +135,7 @@ TEST_F(AuthenticatedDisk, SwappedBricksFailToRead)
     EXPECT_EQ(readError(3), "Brick file belongs to another brick index.");
 }
 
-TEST_F(AuthenticatedDisk, BrickCopiedToAnIndexWithoutFileFailsToRead)
+TEST_P(AuthenticatedDisk, BrickCopiedToAnIndexWithoutFileFailsToRead)
 {
     fillFirstBricks();
     const CURI target = brickFile(6);
@@ -140,7 +146,7 @@ TEST_F(AuthenticatedDisk, BrickCopiedToAnIndexWithoutFileFailsToRead)
 // Every byte of the header record changed, with the header's checksum
 // made to match and both copies alike (as whoever changes it on purpose
 // would do): the disk never opens.
-TEST_F(AuthenticatedDisk, EverySingleByteChangeOfTheHeaderIsDetected)
+TEST_P(AuthenticatedDisk, EverySingleByteChangeOfTheHeaderIsDetected)
 {
     const CURI primary = CBrickDiskHeader::getHeaderURI(CURI("/disks/a"), 0);
     const CURI fallback = CBrickDiskHeader::getHeaderURI(CURI("/disks/a"), 1);
@@ -164,7 +170,7 @@ TEST_F(AuthenticatedDisk, EverySingleByteChangeOfTheHeaderIsDetected)
     EXPECT_NO_THROW(open());
 }
 
-TEST_F(AuthenticatedDisk, ChildKeepsZerosWhereTheParentGetsANewBrick)
+TEST_P(AuthenticatedDisk, ChildKeepsZerosWhereTheParentGetsANewBrick)
 {
     testsupport::createLinkedChild(fs.get(), CURI("/disks/child"), CURI("/disks/a"), kPassword);
     // Brick 5 has no file yet: the child receives a zero brick of index 5.
@@ -182,7 +188,7 @@ TEST_F(AuthenticatedDisk, ChildKeepsZerosWhereTheParentGetsANewBrick)
                                        testsupport::patternBytes(kBrickSize, 3)));
 }
 
-TEST_F(AuthenticatedDisk, ZeroBricksOfAChildAreBoundToTheirIndex)
+TEST_P(AuthenticatedDisk, ZeroBricksOfAChildAreBoundToTheirIndex)
 {
     fillFirstBricks();
     testsupport::createLinkedChild(fs.get(), CURI("/disks/child"), CURI("/disks/a"), kPassword);
@@ -200,7 +206,7 @@ TEST_F(AuthenticatedDisk, ZeroBricksOfAChildAreBoundToTheirIndex)
     EXPECT_THROW(testsupport::readAt(*open("/disks/child"), 2 * kBrickSize, kBrickSize), CError);
 }
 
-TEST_F(AuthenticatedDisk, UnencryptedDiskOpensWithoutPasswordAndBindsIndexes)
+TEST_P(AuthenticatedDisk, UnencryptedDiskOpensWithoutPasswordAndBindsIndexes)
 {
     create("/disks/plain", "");
     fillFirstBricks("/disks/plain", "");
@@ -211,7 +217,7 @@ TEST_F(AuthenticatedDisk, UnencryptedDiskOpensWithoutPasswordAndBindsIndexes)
     EXPECT_THROW(testsupport::readAt(*open("/disks/plain", ""), 2 * kBrickSize, kBrickSize), CError);
 }
 
-TEST_F(AuthenticatedDisk, KeyChecksAcceptOnlyTheUnwrappedKey)
+TEST_P(AuthenticatedDisk, KeyChecksAcceptOnlyTheUnwrappedKey)
 {
     CBrickDiskHeader header;
     header.load(fs.get(), CURI("/disks/a"));
@@ -228,7 +234,7 @@ TEST_F(AuthenticatedDisk, KeyChecksAcceptOnlyTheUnwrappedKey)
 // "sha256" digests refuses such a disk at once, by name, instead of
 // reading garbage: it derives the key before anything else, and its digests
 // do not include the keyed one.
-TEST_F(AuthenticatedDisk, ReaderOfDerivedKeysRefusesTheDiskByItsIDs)
+TEST_P(AuthenticatedDisk, ReaderOfDerivedKeysRefusesTheDiskByItsIDs)
 {
     CBrickDiskHeader header;
     header.load(fs.get(), CURI("/disks/a"));
@@ -242,7 +248,7 @@ TEST_F(AuthenticatedDisk, ReaderOfDerivedKeysRefusesTheDiskByItsIDs)
     EXPECT_EQ(testsupport::messageOf(*digest), "Unknown digest ID: hmac-sha256");
 }
 
-TEST_F(AuthenticatedDisk, HeaderCostBeyondTheLimitIsRefusedBeforeDeriving)
+TEST_P(AuthenticatedDisk, HeaderCostBeyondTheLimitIsRefusedBeforeDeriving)
 {
     CBrickDiskHeader header;
     header.load(fs.get(), CURI("/disks/a"));
@@ -250,5 +256,8 @@ TEST_F(AuthenticatedDisk, HeaderCostBeyondTheLimitIsRefusedBeforeDeriving)
     zo::TCryptBuffer<zo::uint8> key;
     EXPECT_THROW(CBrickDisk::isEncryptPasswordCorrect(header, kPassword, &key), CError);
 }
+
+INSTANTIATE_TEST_SUITE_P(EveryCipher, AuthenticatedDisk, testing::Values("aes256gcm", "aes256cbc"),
+                         [](const testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 } // namespace

@@ -257,6 +257,41 @@ std::vector<PreparerConfig> allConfigs()
 
 INSTANTIATE_TEST_SUITE_P(EveryAlgorithm, BrickDataPreparerRoundTrip, testing::ValuesIn(allConfigs()), configName);
 
+// The same for bricks bound to their index, with keyed digests or sealed by
+// the authenticated cipher, over every compressor.
+class BrickDataPreparerIndexedRoundTrip : public testing::TestWithParam<PreparerConfig> {};
+
+TEST_P(BrickDataPreparerIndexedRoundTrip, RestoresZerosTextAndRandomBricksAtTheirIndex)
+{
+    const PreparerConfig config = GetParam();
+    constexpr int brickSize = 0x20000;
+    const CBrickDiskHeader header = makeHeader(config.compressID, config.cipherID, config.checkSumHashID, brickSize);
+    CBrickDataPreparer preparer(header, makeKey(config.cipherID));
+    for (const DataKind& kind : kDataKinds) {
+        for (int size : {0, 1, 1000, brickSize}) {
+            SCOPED_TRACE(std::string(kind.name) + " of " + std::to_string(size) + " bytes");
+            const Bytes source = kind.make(size);
+            Bytes prepared;
+            preparer.prepareData(source, prepared, size);
+            Bytes plain = randomBytes(100);
+            preparer.unprepareData(prepared, plain, size);
+            EXPECT_TRUE(plain == source);
+        }
+    }
+}
+
+std::vector<PreparerConfig> indexedConfigs()
+{
+    std::vector<PreparerConfig> configs;
+    for (const char* compressID : {"null", "zlib-6", "lz4", "lz4hc", "lzma-0", "lzma-5-1"})
+        for (const char* cipherID : {"aes256gcm", "aes256cbc", "null"})
+            configs.push_back({compressID, cipherID, "hmac-sha256"});
+    return configs;
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryAlgorithm, BrickDataPreparerIndexedRoundTrip, testing::ValuesIn(indexedConfigs()),
+                         configName);
+
 TEST(BrickDataPreparer, RoundTripsFullBricksWithTheDefaultHeader)
 {
     const CBrickDiskHeader header;

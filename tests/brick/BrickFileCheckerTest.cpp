@@ -8,11 +8,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 namespace {
 
 using brick::CBrickDisk;
 using brick::CBrickFileChecker;
 using brick::CBrickTree;
+using testsupport::Bytes;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
@@ -27,12 +30,14 @@ const seal::Argon2idCost kTestCost{1, 8, 1};
 
 class BrickFileCheckerTest : public ::testing::Test {
 protected:
-    // Makes the disk in `folder` (authenticated or in the original format)
-    // and writes bricks 0 to 2.
-    void makeDisk(bool authenticated)
+    // Makes the disk in `folder` (authenticated, with the cipher `cipherID`,
+    // or in the original format) and writes bricks 0 to 2.
+    void makeDisk(bool authenticated, const char* cipherID = "aes256gcm")
     {
+        fs = new CMemoryFileSystem();
         if (authenticated)
-            CBrickDisk::createAuthenticated(fs.get(), folder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+            CBrickDisk::createAuthenticated(fs.get(), folder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost,
+                                            cipherID);
         else
             testsupport::createDisk(fs.get(), folder, kDiskSize, kPassword);
         const P<CBrickDisk> disk = open(IIOStream::AccessReadWrite);
@@ -115,21 +120,43 @@ TEST_F(BrickFileCheckerTest, AFileThatCannotBeReadIsReportedNotThrown)
 
 TEST_F(BrickFileCheckerTest, KeyedDigestsAreCheckedOnlyWithTheKey)
 {
-    makeDisk(true);
-    flipByte(1, 60);
-    // Without the key, a keyed digest cannot be checked: only the framing is.
-    EXPECT_EQ(checkWithoutKey(brickFile(1)), "");
-    EXPECT_EQ(checkWithKey(brickFile(1)), "damaged: its keyed digest does not match its content");
-    EXPECT_EQ(checkWithKey(brickFile(0)), "");
+    for (const char* cipherID : {"aes256gcm", "aes256cbc"}) {
+        SCOPED_TRACE(cipherID);
+        makeDisk(true, cipherID);
+        flipByte(1, 60);
+        // Without the key, a keyed digest or tag cannot be checked: only the framing is.
+        EXPECT_EQ(checkWithoutKey(brickFile(1)), "");
+        EXPECT_EQ(checkWithKey(brickFile(1)), "damaged: its keyed digest does not match its content");
+        EXPECT_EQ(checkWithKey(brickFile(0)), "");
+    }
 }
 
 TEST_F(BrickFileCheckerTest, ABrickFileCopiedToAnotherIndexNamesItsOwnIndex)
 {
+    for (const char* cipherID : {"aes256gcm", "aes256cbc"}) {
+        SCOPED_TRACE(cipherID);
+        makeDisk(true, cipherID);
+        const CBrickTree::BrickFile source = brickFile(2);
+        const CBrickTree::BrickFile target = brickFile(0);
+        fs->setFileData(target.path, *fs->getFileData(source.path));
+        EXPECT_EQ(checkWithKey(brickFile(0)),
+                  "at the wrong index: it is the brick file of brick 2 (moved or copied here)");
+    }
+}
+
+TEST_F(BrickFileCheckerTest, AnAuthenticatedCipherFileNeedsItsHeadAndTag)
+{
     makeDisk(true);
-    const CBrickTree::BrickFile source = brickFile(2);
-    const CBrickTree::BrickFile target = brickFile(0);
-    fs->setFileData(target.path, *fs->getFileData(source.path));
-    EXPECT_EQ(checkWithKey(brickFile(0)), "at the wrong index: it is the brick file of brick 2 (moved or copied here)");
+    const CURI path = brickFile(0).path;
+    // "BRICK", versions, index, salt and tag: 65 bytes.
+    Bytes bytes = testsupport::patternBytes(64, 1);
+    std::memcpy(bytes.getData(), "BRICK", 5);
+    fs->setFileData(path, bytes);
+    EXPECT_EQ(checkWithoutKey(brickFile(0)), "too short to be a brick file (64 bytes)");
+    bytes.append(bytes.getData(), 1);
+    fs->setFileData(path, bytes);
+    EXPECT_EQ(checkWithoutKey(brickFile(0)), "");
+    EXPECT_EQ(checkWithKey(brickFile(0)), "damaged: its keyed digest does not match its content");
 }
 
 } // namespace

@@ -52,22 +52,29 @@ using Values = std::vector<int64>;
 using Texts = std::vector<std::string>;
 
 // The kinds of header on file.
-enum class Format { PBKDF2, Argon2id, Unencrypted, UnencryptedAuthenticated };
+// Argon2id disks with the cipher "aes256gcm" (the default) or "aes256cbc".
+enum class Format { PBKDF2, Argon2id, Argon2idCBC, Unencrypted, UnencryptedAuthenticated };
 
 std::string nameOf(Format format)
 {
     switch (format) {
     case Format::PBKDF2: return "PBKDF2";
     case Format::Argon2id: return "Argon2id";
+    case Format::Argon2idCBC: return "Argon2idCBC";
     case Format::Unencrypted: return "Unencrypted";
     case Format::UnencryptedAuthenticated: return "UnencryptedAuthenticated";
     }
     return "?";
 }
 
+bool isWrapped(Format format)
+{
+    return format == Format::Argon2id || format == Format::Argon2idCBC;
+}
+
 bool isEncrypted(Format format)
 {
-    return format == Format::PBKDF2 || format == Format::Argon2id;
+    return format == Format::PBKDF2 || isWrapped(format);
 }
 
 // What opening an edited disk must end in.
@@ -118,7 +125,7 @@ Case blockCase(const std::string& field, int size, void (CBrickDiskHeader::*sett
 // with its password, as its wrap covers every field.
 Outcome legal(Format format, bool changesKey = false)
 {
-    if (format == Format::Argon2id || (changesKey && isEncrypted(format)))
+    if (isWrapped(format) || (changesKey && isEncrypted(format)))
         return Outcome::WrongKey;
     return Outcome::Opens;
 }
@@ -127,7 +134,7 @@ std::vector<Case> casesFor(Format format)
 {
     using H = CBrickDiskHeader;
     const Outcome bad = Outcome::InvalidField;
-    const bool wrapped = format == Format::Argon2id;
+    const bool wrapped = isWrapped(format);
     const int64 maxDiskSize = CBrickDiskHeaderLimits::getMaxBrickCount() * kBrickSize;
     std::vector<Case> cases;
 
@@ -166,8 +173,21 @@ std::vector<Case> casesFor(Format format)
         cases.push_back(textCase("cryptoHashID", id, &H::setCryptoHashID, bad));
     cases.push_back(textCase("cryptoHashID", wrapped ? "sha256" : "hkdf-sha256", &H::setCryptoHashID, bad));
 
-    for (const std::string& id : Texts{"", "aes128cbc", "NULL", "aes256cbc\n"})
+    for (const std::string& id : Texts{"", "aes128cbc", "NULL", "aes256cbc\n", "aes256gcm "})
         cases.push_back(textCase("cipherID", id, &H::setCipherID, bad));
+    // The authenticated cipher only with keyed, index-bound bricks and a wrapped key.
+    if (!wrapped)
+        cases.push_back(textCase("cipherID", "aes256gcm", &H::setCipherID, bad));
+    if (wrapped) {
+        cases.push_back(textCase("cipherID", format == Format::Argon2id ? "aes256cbc" : "aes256gcm", &H::setCipherID,
+                                 Outcome::WrongKey));
+        cases.push_back({"cipherID", "aes256gcm with sha256 bricks",
+                         [](H& h) {
+                             h.setCipherID("aes256gcm");
+                             h.setCheckSumHashID("sha256");
+                         },
+                         bad});
+    }
 
     for (const int size : std::vector<int>{0, 1, 31, 33, 4096})
         cases.push_back(blockCase("cipherKeyHash", size, &H::setCipherKeyHash, bad));
@@ -233,7 +253,8 @@ protected:
         if (format == Format::PBKDF2 || format == Format::Unencrypted)
             CBrickDisk::create(fs.get(), kFolder, kDiskSize, 1, password, "lz4", kBrickSize);
         else
-            CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, password, "lz4", kBrickSize, kTestCost);
+            CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, password, "lz4", kBrickSize, kTestCost,
+                                            format == Format::Argon2idCBC ? "aes256cbc" : "aes256gcm");
         original.load(fs.get(), kFolder);
     }
 
@@ -391,8 +412,8 @@ TEST(HeaderTamperRecord, OriginalHeaderWithTheLargestIterationCountIsRefusedByNa
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryFormat, HeaderTamper,
-                         ::testing::Values(Format::PBKDF2, Format::Argon2id, Format::Unencrypted,
-                                           Format::UnencryptedAuthenticated),
+                         ::testing::Values(Format::PBKDF2, Format::Argon2id, Format::Argon2idCBC,
+                                           Format::Unencrypted, Format::UnencryptedAuthenticated),
                          [](const ::testing::TestParamInfo<Format>& info) { return nameOf(info.param); });
 INSTANTIATE_TEST_SUITE_P(PBKDF2, HeaderTamperCost, ::testing::Values(Format::PBKDF2),
                          [](const ::testing::TestParamInfo<Format>& info) { return nameOf(info.param); });

@@ -184,6 +184,65 @@ TEST_F(AuthenticatedDiskCommandTest, ChecksumThatDoesNotFitTheKeyDerivationIsAUs
     EXPECT_FALSE(std::filesystem::exists(path("b")));
 }
 
+TEST_F(AuthenticatedDiskCommandTest, NewDisksUseAES256GCMAndAES256CBCStaysAChoice)
+{
+    for (const std::string cipher : {"aes256gcm", "aes256cbc"}) {
+        SCOPED_TRACE(cipher);
+        std::vector<std::string> args{"create", path(cipher), "--size", "1M", "--brick-size", "64K"};
+        args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+        if (cipher != "aes256gcm") {
+            args.push_back("--cipher");
+            args.push_back(cipher);
+        }
+        const RunResult created = runWithPassword(args);
+        ASSERT_EQ(created.exitStatus, 0) << created.err;
+        EXPECT_NE(created.out.find("encrypted with " + cipher + ", key wrapped under argon2id"), std::string::npos)
+            << created.out;
+        EXPECT_NE(run({"info", path(cipher), "--json"}).out.find("\"cipher\": \"" + cipher + "\""),
+                  std::string::npos);
+        const std::string format = cipher == "aes256gcm" ? "format:            authenticated (each brick sealed"
+                                                         : "format:            authenticated (keyed brick digests";
+        EXPECT_NE(run({"info", path(cipher)}).out.find(format), std::string::npos);
+        importImage(cipher, "image");
+        EXPECT_EQ(exportImage(cipher).substr(0, 6 * kBrickSize), readFile(path("image")));
+        EXPECT_EQ(runWithPassword({"check", path(cipher), "--read-data"}).exitStatus, 0);
+    }
+    EXPECT_NE(run({"info", path("aes256gcm"), "--json"}).out.find("\"format\": \"authenticated\""),
+              std::string::npos);
+}
+
+TEST_F(AuthenticatedDiskCommandTest, CheckReadDataFindsAChangedByteWithEitherCipher)
+{
+    for (const std::string cipher : {"aes256gcm", "aes256cbc"}) {
+        SCOPED_TRACE(cipher);
+        std::vector<std::string> args = kCheapKdf;
+        args.insert(args.end(), {"--cipher", cipher});
+        createDisk(cipher, "1M", args);
+        importImage(cipher, "image");
+        const std::string victim = brickFiles(cipher)[3];
+        std::string bytes = readFile(victim);
+        bytes[bytes.size() / 2] ^= 0x01;
+        writeFile(victim, bytes);
+        const RunResult check = runWithPassword({"check", path(cipher), "--read-data"});
+        EXPECT_EQ(check.exitStatus, 1);
+        EXPECT_NE(check.out.find("problem: brick 3 (" + victim + "): damaged: its keyed digest does not match"),
+                  std::string::npos)
+            << check.out;
+        EXPECT_EQ(countOf(check.out, "problem:"), 1u);
+    }
+}
+
+TEST_F(AuthenticatedDiskCommandTest, CipherThatDoesNotFitTheDiskIsAUsageError)
+{
+    EXPECT_EQ(runWithPassword({"create", path("a"), "--size", "1M", "--kdf", "pbkdf2", "--cipher", "aes256gcm"})
+                  .exitStatus,
+              2);
+    EXPECT_EQ(run({"create", path("b"), "--size", "1M", "--no-encryption", "--cipher", "aes256gcm"}).exitStatus, 2);
+    EXPECT_EQ(runWithPassword({"create", path("c"), "--size", "1M", "--cipher", "aes128gcm"}).exitStatus, 2);
+    for (const char* folder : {"a", "b", "c"})
+        EXPECT_FALSE(std::filesystem::exists(path(folder))) << folder;
+}
+
 TEST_F(AuthenticatedDiskCommandTest, KeyDerivationCostOutsideTheLimitsIsAUsageError)
 {
     for (const std::vector<std::string>& cost : {std::vector<std::string>{"--kdf-memory", "4K"},
