@@ -84,6 +84,7 @@ enum class Outcome {
     WrongKey,      // CBrickDiskError IncorrectPassword: legal, but not the disk's key
     NewerSoftware, // CBrickDiskError NewerSoftwareRequired
     CostRefused,   // CError of a key derivation costlier than allowed
+    NotAuthentic,  // CError "The disk's identity is not authentic."
 };
 
 struct Case {
@@ -241,6 +242,21 @@ std::vector<Case> casesFor(Format format)
         cases.push_back(intCase(iterations, 1000001, &H::setCipherKeyDerivationIterations,
                                 isEncrypted(format) ? Outcome::CostRefused : Outcome::Opens));
     }
+
+    // The identity of the authenticated formats: sizes are field errors;
+    // another ID or tag of the right size is not the disk's (its tag is
+    // made under the key); an identity cut off is found by the key wrap.
+    if (format == Format::Argon2id || format == Format::Argon2idCBC || format == Format::UnencryptedAuthenticated) {
+        for (const int size : std::vector<int>{1, 15, 17, 100000})
+            cases.push_back(blockCase("diskID", size, &H::setDiskID, bad));
+        for (const int size : std::vector<int>{0, 31, 33, 100000})
+            cases.push_back(blockCase("identityTag", size, &H::setIdentityTag, bad));
+        cases.push_back(blockCase("diskID", 16, &H::setDiskID, Outcome::NotAuthentic));
+        cases.push_back(blockCase("identityTag", 32, &H::setIdentityTag, Outcome::NotAuthentic));
+        cases.push_back({"hasParent", "true", [](H& h) { h.setHasParent(true); }, Outcome::NotAuthentic});
+        cases.push_back({"diskID", "cut off", [](H& h) { h.setDiskID(TBuffer<uint8>()); },
+                         wrapped ? Outcome::WrongKey : Outcome::Opens});
+    }
     return cases;
 }
 
@@ -290,6 +306,10 @@ protected:
                 << e.toString().toUTF8();
         } catch (const CError& e) {
             const std::string text = e.toString().toUTF8();
+            if (edit.outcome == Outcome::NotAuthentic) {
+                EXPECT_EQ(e.getMessage().toUTF8(), "The disk's identity is not authentic.") << text;
+                return;
+            }
             if (edit.outcome == Outcome::CostRefused) {
                 EXPECT_NE(text.find("key derivation of the disk"), std::string::npos) << text;
                 return;
