@@ -277,7 +277,7 @@ case_serve_command() {
   "$brickdisk" export "$work/disk" "$work/out" -q --password-file "$work/password"
   cmp "$work/image" "$work/out" || fail "what was written before Ctrl-C is not stored"
 
-  "$brickdisk" snapshot "$work/disk" "$work/snap" >/dev/null
+  "$brickdisk" snapshot "$work/disk" "$work/snap" --password-file "$work/password" >/dev/null
   BRICKDISK_PASSWORD='pass phrase' "$brickdisk" serve "$work/snap" --socket "$work/t.sock" \
     >"$work/serve-snap.log" 2>&1 &
   serve=$!

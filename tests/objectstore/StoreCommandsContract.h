@@ -66,7 +66,7 @@ TYPED_TEST_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte)
     const std::string& snapshot = this->snapshot;
     this->runOk({"create", disk, "--size", std::to_string(first.size()), "--brick-size", "64K"});
     this->runOk({"import", disk, this->path("v1.img")});
-    this->runOk({"snapshot", disk, snapshot}, false);
+    this->runOk({"snapshot", disk, snapshot});
     this->runOk({"import", disk, this->path("v2.img")});
     this->runOk({"export", disk, this->path("v2.exported")});
     this->runOk({"export", snapshot, this->path("v1.exported")});
@@ -94,7 +94,7 @@ TYPED_TEST_P(StoreCommandsContractTest, ImportKilledAtRandomMomentsLeavesEveryBr
     clitest::writeFile(this->path("fresh"), fresh);
     this->runOk({"create", disk, "--size", std::to_string(size), "--brick-size", "64K"});
     this->runOk({"import", disk, this->path("old")});
-    this->runOk({"snapshot", disk, snapshot}, false);
+    this->runOk({"snapshot", disk, snapshot});
 
     std::mt19937 random(2026);
     for (int round = 0; round < 5 && !this->HasFailure(); ++round) {

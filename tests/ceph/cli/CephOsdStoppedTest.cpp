@@ -163,7 +163,7 @@ TEST_F(CephOsdStoppedTest, ImportWithTheOsdStoppedEndsWithinTheTimeOutAndLeavesE
     writeFile(path("fresh"), fresh);
     runOk({"create", disk, "--size", std::to_string(size), "--brick-size", "64K"});
     runOk({"import", disk, path("old")});
-    runOk({"snapshot", disk, snapshot}, false);
+    runOk({"snapshot", disk, snapshot});
 
     std::vector<std::string> args = cephArgs;
     args.insert(args.end(), {"import", disk, "-", "--password-file", path("pw")});
