@@ -29,25 +29,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
-fail() {
-  echo "FAILED: $*" >&2
-  for log in "$work"/*.log; do
-    [ -f "$log" ] && { echo "--- $log" >&2; tail -n 20 "$log" >&2; }
-  done
-  exit 1
-}
-
-skip() {
-  echo "SKIPPED: $*"
-  exit 77
-}
-
-need() {
-  local tool
-  for tool in "$@"; do
-    command -v "$tool" >/dev/null || skip "$tool is not installed"
-  done
-}
+# shellcheck source=nbd-common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/nbd-common.sh"
 
 need nbdkit nbdinfo nbdcopy
 
