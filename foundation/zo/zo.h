@@ -11,6 +11,7 @@
 #include "zo/Error.h"
 #include "zo/FileSystem.h"
 #include "zo/FileSystemOp.h"
+#include "zo/ForwardingFileSystem.h"
 #include "zo/LZ4Compressor.h"
 #include "zo/LZMACompressor.h"
 #include "zo/LocalFileSystem.h"

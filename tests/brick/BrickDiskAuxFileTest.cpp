@@ -4,6 +4,7 @@
 
 #include "zo/Error.h"
 #include "zo/LocalFileSystem.h"
+#include "zo/ForwardingFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
@@ -85,57 +86,24 @@ private:
 // A file system that passes every call to a memory file system, except that
 // its streams may not know their length and its openStream may throw an
 // exception that is not a CError.
-class CAlteredFileSystem : public zo::CBase, public zo::IFileSystem {
+class CAlteredFileSystem : public zo::CForwardingFileSystem {
 public:
-    explicit CAlteredFileSystem(P<CMemoryFileSystem> inner) : m_inner(std::move(inner)) {}
+    explicit CAlteredFileSystem(const P<CMemoryFileSystem>& inner) : CForwardingFileSystem(inner.get()) {}
 
     bool streamsWithoutLength = false;
     bool openThrowsStdException = false;
     int openCount = 0;
 
-    P<zo::IFileSystemOp> beginStoreFile(const CURI& file, int size, zo::IInStream* source, bool overwrite,
-                                        zo::IDoneListener* listener) override
-    {
-        return m_inner->beginStoreFile(file, size, source, overwrite, listener);
-    }
-    P<zo::IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, zo::IDoneListener* listener) override
-    {
-        return m_inner->beginCreateFolder(folder, mode, listener);
-    }
-    P<zo::IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite, zo::IDoneListener* listener) override
-    {
-        return m_inner->beginMoveFile(from, to, overwrite, listener);
-    }
-    P<zo::IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite, zo::IDoneListener* listener) override
-    {
-        return m_inner->beginCopyFile(from, to, overwrite, listener);
-    }
-    P<zo::IFileSystemOp> beginDeleteFile(const CURI& file, zo::IDoneListener* listener) override
-    {
-        return m_inner->beginDeleteFile(file, listener);
-    }
-    P<zo::IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override { return m_inner->getFileInfo(path, throwIfMissing); }
     P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
     {
         ++openCount;
         if (openThrowsStdException)
             throw std::runtime_error("not a brickdisk error");
-        P<zo::IIOStream> stream = m_inner->openStream(file, access, options);
+        P<zo::IIOStream> stream = CForwardingFileSystem::openStream(file, access, options);
         if (streamsWithoutLength)
             return P<zo::IIOStream>(new CUnknownLengthStream(stream));
         return stream;
     }
-    void createFolder(const CURI& folder, int mode) override { m_inner->createFolder(folder, mode); }
-    bool fileExists(const CURI& file) override { return m_inner->fileExists(file); }
-    bool folderExists(const CURI& folder) override { return m_inner->folderExists(folder); }
-    bool pathExists(const CURI& path) override { return m_inner->pathExists(path); }
-    void deleteFile(const CURI& file, bool ignoreMissing) override { m_inner->deleteFile(file, ignoreMissing); }
-    zo::TList<zo::String> listFolder(const CURI& folder) override { return m_inner->listFolder(folder); }
-    P<zo::IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override { return m_inner->lockFolder(folder, exclusive); }
-    int removeTemporaryFiles(const CURI& folder) override { return m_inner->removeTemporaryFiles(folder); }
-
-private:
-    P<CMemoryFileSystem> m_inner;
 };
 
 class BrickDiskAuxFile : public ::testing::Test {

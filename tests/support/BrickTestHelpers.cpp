@@ -150,7 +150,7 @@ private:
 };
 
 SteppedFileSystem::SteppedFileSystem(zo::IFileSystem* inner, bool holdCompletions)
-    : m_inner(inner), m_holdCompletions(holdCompletions)
+    : CForwardingFileSystem(inner), m_holdCompletions(holdCompletions)
 {
 }
 
@@ -235,21 +235,21 @@ zo::P<zo::IFileSystemOp> SteppedFileSystem::beginStoreFile(const zo::CURI& file,
         std::lock_guard lock(m_mutex);
         m_stores.push_back(FlaggedCall{file.toString(true).toUTF8(), overwrite});
     }
-    return m_inner->beginStoreFile(file, size, source, overwrite, wrap(listener).get());
+    return getInner()->beginStoreFile(file, size, source, overwrite, wrap(listener).get());
 }
 
 zo::P<zo::IFileSystemOp> SteppedFileSystem::beginCreateFolder(const zo::CURI& folder, int mode,
                                                               zo::IDoneListener* listener)
 {
     checkStart(Operation::CreateFolder, folder);
-    return m_inner->beginCreateFolder(folder, mode, wrap(listener).get());
+    return getInner()->beginCreateFolder(folder, mode, wrap(listener).get());
 }
 
 zo::P<zo::IFileSystemOp> SteppedFileSystem::beginMoveFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
                                                           zo::IDoneListener* listener)
 {
     checkStart(Operation::MoveFile, from);
-    return m_inner->beginMoveFile(from, to, overwrite, wrap(listener).get());
+    return getInner()->beginMoveFile(from, to, overwrite, wrap(listener).get());
 }
 
 zo::P<zo::IFileSystemOp> SteppedFileSystem::beginCopyFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
@@ -260,64 +260,13 @@ zo::P<zo::IFileSystemOp> SteppedFileSystem::beginCopyFile(const zo::CURI& from, 
         std::lock_guard lock(m_mutex);
         m_copies.push_back(FlaggedCall{from.toString(true).toUTF8(), overwrite});
     }
-    return m_inner->beginCopyFile(from, to, overwrite, wrap(listener).get());
+    return getInner()->beginCopyFile(from, to, overwrite, wrap(listener).get());
 }
 
 zo::P<zo::IFileSystemOp> SteppedFileSystem::beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener)
 {
     checkStart(Operation::DeleteFile, file);
-    return m_inner->beginDeleteFile(file, wrap(listener).get());
-}
-
-zo::P<zo::IFileInfo> SteppedFileSystem::getFileInfo(const zo::CURI& path, bool throwIfMissing)
-{
-    return m_inner->getFileInfo(path, throwIfMissing);
-}
-
-zo::P<zo::IIOStream> SteppedFileSystem::openStream(const zo::CURI& file, zo::IIOStream::Access access,
-                                                   const int& options)
-{
-    return m_inner->openStream(file, access, options);
-}
-
-void SteppedFileSystem::createFolder(const zo::CURI& folder, int mode)
-{
-    m_inner->createFolder(folder, mode);
-}
-
-bool SteppedFileSystem::fileExists(const zo::CURI& file)
-{
-    return m_inner->fileExists(file);
-}
-
-bool SteppedFileSystem::folderExists(const zo::CURI& folder)
-{
-    return m_inner->folderExists(folder);
-}
-
-bool SteppedFileSystem::pathExists(const zo::CURI& path)
-{
-    return m_inner->pathExists(path);
-}
-
-void SteppedFileSystem::deleteFile(const zo::CURI& file, bool ignoreMissing)
-{
-    m_inner->deleteFile(file, ignoreMissing);
-}
-
-zo::TList<zo::String> SteppedFileSystem::listFolder(const zo::CURI& folder)
-{
-    return m_inner->listFolder(folder);
-}
-
-zo::P<zo::IFileSystemLock> SteppedFileSystem::lockFolder(const zo::CURI& folder, bool exclusive)
-{
-    return m_inner->lockFolder(folder, exclusive);
-}
-
-int SteppedFileSystem::removeTemporaryFiles(const zo::CURI& folder)
-{
-    return m_inner->removeTemporaryFiles(folder);
+    return getInner()->beginDeleteFile(file, wrap(listener).get());
 }
 
 } // namespace testsupport

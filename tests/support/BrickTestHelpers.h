@@ -8,6 +8,7 @@
 #include "zo/Buffer.h"
 #include "zo/Error.h"
 #include "zo/FileSystem.h"
+#include "zo/ForwardingFileSystem.h"
 #include "zo/Log.h"
 #include "zo/MemoryFileSystem.h"
 #include "zo/Signal.h"
@@ -88,7 +89,7 @@ private:
 // test delivers them (on the test's own thread), records the overwrite flag of
 // every store and move, and can make a chosen asynchronous operation throw
 // when it is started. Everything else is passed through.
-class SteppedFileSystem : public zo::CBase, public zo::IFileSystem {
+class SteppedFileSystem : public zo::CForwardingFileSystem {
 public:
     using Operation = zo::CMemoryFileSystem::Operation;
 
@@ -121,16 +122,6 @@ public:
     zo::P<zo::IFileSystemOp> beginCopyFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
                                            zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener) override;
-    zo::P<zo::IFileInfo> getFileInfo(const zo::CURI& path, bool throwIfMissing) override;
-    zo::P<zo::IIOStream> openStream(const zo::CURI& file, zo::IIOStream::Access access, const int& options) override;
-    void createFolder(const zo::CURI& folder, int mode) override;
-    bool fileExists(const zo::CURI& file) override;
-    bool folderExists(const zo::CURI& folder) override;
-    bool pathExists(const zo::CURI& path) override;
-    void deleteFile(const zo::CURI& file, bool ignoreMissing) override;
-    zo::TList<zo::String> listFolder(const zo::CURI& folder) override;
-    zo::P<zo::IFileSystemLock> lockFolder(const zo::CURI& folder, bool exclusive) override;
-    int removeTemporaryFiles(const zo::CURI& folder) override;
 
 private:
     struct HeldCompletion {
@@ -145,7 +136,6 @@ private:
     zo::P<zo::IDoneListener> wrap(zo::IDoneListener* listener);
     void hold(const zo::P<zo::IDoneListener>& listener, const zo::CError* error);
 
-    zo::P<zo::IFileSystem> m_inner;
     const bool m_holdCompletions;
     mutable std::mutex m_mutex;
     std::condition_variable m_heldChanged;
