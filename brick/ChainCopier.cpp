@@ -79,6 +79,16 @@ void deleteRecord(zo::IFileSystem* fs, const CURI& folder, const String& name)
         fs->deleteFile(CBrickDiskAuxFileBase::getAuxFileURI(folder, name, copy), true);
 }
 
+// True when `folder` holds anything but the lock file of the folder lock
+// (which the caller may take on a new destination before it copies).
+bool holdsFiles(zo::IFileSystem* fs, const CURI& folder)
+{
+    for (const String& name : fs->listFolder(folder))
+        if (name != String(".lock"))
+            return true;
+    return false;
+}
+
 // Leading ".." components of a normalized relative path.
 int countUpSteps(const CURI& relative)
 {
@@ -479,7 +489,7 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
             CBrickDiskHeader header;
             header.load(destinationFs, destinationTop);
             checkSameDisk(topHeader, header, sourceTop, destinationTop);
-        } else if (completion == CBrickDisk::Finished && !destinationFs->listFolder(destinationTop).empty()) {
+        } else if (completion == CBrickDisk::Finished && holdsFiles(destinationFs, destinationTop)) {
             throw copyError("The destination holds files but no disk: copy into an empty folder.", sourceTop,
                             destinationTop);
         }
