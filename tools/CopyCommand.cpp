@@ -4,6 +4,7 @@
 // changed and adds the new snapshots.
 #include "Commands.h"
 #include "DiskAccess.h"
+#include "EmptyFolders.h"
 #include "Interrupt.h"
 #include "JsonWriter.h"
 #include "Progress.h"
@@ -125,6 +126,7 @@ int runCopy(const CopyOptions& options)
     const zo::P<brick::CBrickDiskLock> sourceLock =
         lockDisk(sourceFs.get(), source, brick::CBrickDiskLock::ForReading);
     zo::P<brick::CBrickDiskLock> destinationLock;
+    const bool destinationExisted = destinationFs->pathExists(destination);
     if (!options.dryRun) {
         // The folder of a first copy is made here to be locked; the umask
         // trims the mode as for every folder of a disk.
@@ -143,8 +145,19 @@ int runCopy(const CopyOptions& options)
             }
             progress->update(now.filesDone);
         };
-    const brick::CChainCopier::Summary summary =
-        brick::CChainCopier::copy(sourceFs.get(), source, destinationFs.get(), destination, copy);
+    brick::CChainCopier::Summary summary;
+    try {
+        summary = brick::CChainCopier::copy(sourceFs.get(), source, destinationFs.get(), destination, copy);
+    } catch (...) {
+        progress.reset();
+        // A refused first copy leaves no empty folder behind.
+        destinationLock.reset();
+        if (!destinationExisted && isLocalFolder(destination)) {
+            destinationFs->deleteFile(destination << ".lock", true);
+            removeEmptyFolders(destination.toLocalPath());
+        }
+        throw;
+    }
     progress.reset();
 
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
