@@ -212,7 +212,8 @@ public:
     }
 
     // Makes `disk` in the destination as its source is, under the creating
-    // mark: a disk cut short in the making is refused by every opening.
+    // mark, which stays until the copy ends (finishDisk): a disk cut short
+    // in the making is refused by every opening.
     void makeDisk(const DiskPlan& disk, const std::set<CURI>& destinationDisks)
     {
         if (m_options.checkpoint)
@@ -241,8 +242,15 @@ public:
         syncRecord(disk, headerRecordName(), false);
         syncRecord(disk, CBrickDisk::getParentLinkFileName(), true);
         syncChildLink(disk, destinationDisks);
-        if (!m_options.dryRun)
-            deleteRecord(m_destinationFs, disk.destination, mark);
+    }
+
+    // Removes the creating mark of `disk`, once it and every newer disk of
+    // the destination are whole.
+    void finishDisk(const DiskPlan& disk)
+    {
+        if (!m_options.dryRun &&
+            CBrickDisk::getCompletion(m_destinationFs, disk.destination) == CBrickDisk::CreationUnfinished)
+            deleteRecord(m_destinationFs, disk.destination, CBrickDisk::getCreatingMarkFileName());
     }
 
     // The child link is copied when the disk it names is copied too; a disk
@@ -603,6 +611,11 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
         run.syncRecord(topPlan, CBrickDiskCreationTime::getFileName(), false);
         run.syncRecord(topPlan, headerRecordName(), false);
     }
+
+    // 5. The marks go, the top's first: a disk opens only once every newer
+    // disk it reads through is whole.
+    for (auto it = plan.rbegin(); it != plan.rend(); ++it)
+        run.finishDisk(*it);
 
     if (options.verify && !options.dryRun) {
         for (const DiskPlan& disk : plan)

@@ -16,14 +16,16 @@
 //      source kept for them since (those equal what they read through their
 //      newer disks, so nothing changes for them);
 //   2. each new snapshot is made in its folder, the oldest first, under a
-//      creating mark (CBrickDisk::getCreatingMarkFileName) that is removed
-//      when it is whole: its brick files, its creation time, its header, its
+//      creating mark (CBrickDisk::getCreatingMarkFileName), which every
+//      opening refuses: its brick files, its creation time, its header, its
 //      links;
 //   3. the new snapshots are tied in: the top's child link, then the parent
 //      link of the snapshot below them, both copied from the source;
 //   4. the top's brick files are replaced (each atomically), then those that
-//      the top no longer holds are deleted, then its records are replaced.
-// A first copy makes every disk as in step 2, the top last. A copy cut short
+//      the top no longer holds are deleted, then its records are replaced;
+//   5. the creating marks are removed, the newest disk's first, so that a
+//      disk opens only once every newer disk it reads through is whole.
+// A first copy makes every disk as in step 2, the top last, then step 5. A copy cut short
 // at any point is finished by running it again. Snapshots that the source
 // has dropped since an earlier copy stay in the destination.
 //

@@ -244,6 +244,78 @@ TEST(ChainCopier, VerifyFailsWhenSentFilesDoNotReadBack)
     EXPECT_NO_THROW(copy(source.get(), destination.get(), options));
 }
 
+// A first copy stopped at any failing operation leaves no disk that opens
+// with other bytes than its source's: a disk not yet whole is refused (its
+// header is missing or it is marked unfinished), and a new run finishes.
+TEST(ChainCopier, FirstCopyStoppedAnywhereLeavesNoHalfDiskAndARunFinishesIt)
+{
+    const CMemoryFileSystem::Operation kinds[] = {CMemoryFileSystem::Operation::StoreFile,
+                                                  CMemoryFileSystem::Operation::CreateFolderSync,
+                                                  CMemoryFileSystem::Operation::DeleteFileSync};
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    makeChain(source.get());
+    const std::map<std::string, Bytes> expected = readDisks(source.get(), "/src", kFirstDisks);
+
+    int cutsTried = 0;
+    for (CMemoryFileSystem::Operation kind : kinds) {
+        for (int nth = 1;; ++nth) {
+            const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
+            const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
+                                        std::to_string(nth) + " failing";
+            fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
+            bool stopped = false;
+            try {
+                copy(source.get(), fs.get());
+            } catch (const zo::CError&) {
+                stopped = true;
+            }
+            fs->waitUntilIdle();
+            fs->clearFailures();
+            if (!stopped)
+                break;
+            ++cutsTried;
+            for (const std::string& disk : kFirstDisks) {
+                try {
+                    const P<CBrickDisk> opened =
+                        testsupport::openDisk(fs.get(), CURI("/dst" + disk), kPassword, zo::IIOStream::AccessRead);
+                    EXPECT_EQ(testsupport::readWholeDisk(*opened), expected.at(disk)) << disk << " " << context;
+                } catch (const zo::CError&) {
+                    // Not whole yet, and refused as such.
+                }
+            }
+            EXPECT_NO_THROW(copy(source.get(), fs.get())) << context;
+            EXPECT_EQ(readDisks(fs.get(), "/dst", kFirstDisks), expected) << context << " and running again";
+            if (HasFailure())
+                return;
+        }
+    }
+    EXPECT_GT(cutsTried, 20);
+}
+
+TEST(ChainCopier, StopsWhereTheCheckpointThrowsAndARunFinishes)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    CChainCopier::Options options;
+    options.jobs = 2;
+    int calls = 0;
+    options.checkpoint = [&] {
+        if (++calls == 3)
+            throw zo::CError("Stopped.");
+    };
+
+    EXPECT_THROW(copy(source.get(), destination.get(), options), zo::CError);
+    EXPECT_EQ(brick::CBrickDisk::getCompletion(destination.get(), CURI("/dst/snaps/s0")),
+              CBrickDisk::CreationUnfinished);
+    EXPECT_FALSE(destination->pathExists(CURI("/dst/disk")));
+
+    options.checkpoint = nullptr;
+    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+    EXPECT_GT(summary.filesSkipped, 0);
+    EXPECT_EQ(readDisks(destination.get(), "/dst", kFirstDisks), readDisks(source.get(), "/src", kFirstDisks));
+}
+
 // Every changing operation of the destination, in turn, fails for good from
 // its nth occurrence on during a second copy: the snapshots the destination
 // held read as before, and a new run finishes the copy.
