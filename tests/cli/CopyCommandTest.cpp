@@ -1,7 +1,10 @@
 #include "CliTestFixture.h"
 
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <map>
+#include <thread>
 
 namespace clitest {
 namespace {
@@ -88,6 +91,41 @@ TEST_F(CopyCommandTest, SecondCopySendsOnlyTheChangedFilesAndAddsTheNewSnapshot)
     expectSameDisks("backup", {"disk", "snaps/s2", "snaps/s1", "snaps/s0"});
     const RunResult again = run({"copy", path("src/disk"), path("backup/disk"), "--json"});
     EXPECT_NE(again.out.find("\"filesSent\": 0,"), std::string::npos) << again.out;
+}
+
+TEST_F(CopyCommandTest, InterruptedOrKilledCopyIsFinishedByARunAgain)
+{
+    createDisk("src/disk", "32M");
+    writeFile(path("image"), makeImage(32 << 20, 7));
+    importImage("src/disk", "image");
+    // A fast machine may copy the whole disk before the signal comes: then
+    // it comes sooner in the next try.
+    RunResult result;
+    for (const int delayMillis : {150, 40, 10, 1}) {
+        std::filesystem::remove_all(path("backup"));
+        RunningProgram copying({"copy", path("src/disk"), path("backup/disk"), "--jobs", "1"}, RunOptions{});
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMillis));
+        copying.signal(SIGINT);
+        result = copying.wait();
+        if (result.exitStatus != 0)
+            break;
+    }
+    EXPECT_EQ(result.exitStatus, 130) << result.err;
+    EXPECT_NE(result.err.find("brickdisk: interrupted"), std::string::npos) << result.err;
+    EXPECT_NE(runWithPassword({"export", path("backup/disk"), path("refused.img")}).exitStatus, 0);
+    ASSERT_EQ(run({"copy", path("src/disk"), path("backup/disk")}).exitStatus, 0);
+    expectSameDisks("backup", {"disk"});
+
+    // Killed while it sends the second time: the run after finishes too.
+    writeFile(path("image2"), makeImage(32 << 20, 8));
+    importImage("src/disk", "image2");
+    RunningProgram killed({"copy", path("src/disk"), path("backup/disk"), "--jobs", "1"}, RunOptions{});
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    killed.kill();
+    killed.wait();
+    ASSERT_EQ(run({"copy", path("src/disk"), path("backup/disk")}).exitStatus, 0);
+    EXPECT_EQ(countDifferingBrickFiles("backup"), 0);
+    expectSameDisks("backup", {"disk"});
 }
 
 TEST_F(CopyCommandTest, RefusesADestinationThatHoldsAnotherDisk)
