@@ -16,9 +16,7 @@
 #include "zo/Error.h"
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <exception>
 #include <map>
 #include <mutex>
@@ -462,6 +460,31 @@ void checkSameDisk(const CBrickDiskHeader& source, const CBrickDiskHeader& desti
                         sourceFolder, destinationFolder);
 }
 
+// Throws when the folder of a snapshot in the destination holds anything but
+// that snapshot, or the same snapshot cut short in the making by an earlier
+// copy: a disk of another key or ID, or files of no disk.
+void checkSnapshotFolder(zo::IFileSystem* fs, const DiskPlan& disk, const CURI& sourceFolder,
+                         const CURI& destinationFolder)
+{
+    if (!fs->folderExists(disk.destination))
+        return;
+    const bool hasHeader = fs->fileExists(CBrickDiskHeader::getHeaderURI(disk.destination, 0)) ||
+                           fs->fileExists(CBrickDiskHeader::getHeaderURI(disk.destination, 1));
+    const bool marked = CBrickDisk::getCompletion(fs, disk.destination) == CBrickDisk::CreationUnfinished;
+    bool same = !hasHeader && (marked || !holdsFiles(fs, disk.destination));
+    if (hasHeader && (disk.existing || marked)) {
+        CBrickDiskHeader header;
+        header.load(fs, disk.destination);
+        same = header.getCipherKeyHash() == disk.header.getCipherKeyHash() &&
+               header.getDiskID() == disk.header.getDiskID();
+    }
+    if (!same)
+        throw copyError("The destination's folder " + disk.destination.toString(true) +
+                            " of the snapshot " + disk.source.toString(true) +
+                            " holds another disk or other files: move them away first.",
+                        sourceFolder, destinationFolder);
+}
+
 } // namespace
 
 CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& source, zo::IFileSystem* destinationFs,
@@ -561,14 +584,8 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
             leftOut.push_back(disk.source);
             continue;
         }
-        if (disk.existing && disk.destination != destinationTop) {
-            CBrickDiskHeader header;
-            header.load(destinationFs, disk.destination);
-            if (!(header.getDiskID() == disk.header.getDiskID()))
-                throw copyError("The destination's snapshot " + disk.destination.toString(true) +
-                                    " is another disk than the source's (another disk ID).",
-                                sourceTop, destinationTop);
-        }
+        if (disk.destination != destinationTop)
+            checkSnapshotFolder(destinationFs, disk, sourceTop, destinationTop);
         plan.push_back(disk);
     }
     std::set<CURI> copiedDisks = destinationDisks;

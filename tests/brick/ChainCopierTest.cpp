@@ -208,6 +208,21 @@ TEST(ChainCopier, RefusesADestinationThatIsAnotherDisk)
     EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
 }
 
+TEST(ChainCopier, RefusesASnapshotFolderThatHoldsAnotherDisk)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    testsupport::createDisk(destination.get(), CURI("/dst/snaps/s0"), kDiskSize, kPassword);
+    const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
+
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
+
+    ASSERT_TRUE(refused);
+    EXPECT_NE(testsupport::messageOf(*refused).find("/dst/snaps/s0"), std::string::npos);
+    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+}
+
 TEST(ChainCopier, RefusesSnapshotsThatWouldLandAboveTheStoreRootOrInTheSource)
 {
     const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
