@@ -535,12 +535,26 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     // Where each disk goes, oldest snapshot first, the top last: the chosen
     // snapshots and those the destination holds, which must keep reading as
     // they do while the top changes.
+    // The snapshots newer than the newest one the destination holds are
+    // copied whatever was chosen: that one reads through them.
+    const auto targetOf = [&](const CURI& folder) {
+        return (destinationTop << folder.toRelative(sourceTop).toNormalized()).toNormalized();
+    };
+    std::set<CURI> needed;
+    for (std::size_t i = 1; i < chain.size(); ++i) {
+        if (destinationDisks.count(targetOf(chain[i].folder)) > 0) {
+            for (std::size_t newer = 1; newer < i; ++newer)
+                needed.insert(chain[newer].folder);
+            break;
+        }
+    }
     std::vector<DiskPlan> disks;
     const int depth = depthInStore(destinationTop);
     for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
         const CURI relative = it->folder.toRelative(sourceTop).toNormalized();
-        const CURI target = (destinationTop << relative).toNormalized();
-        const bool isChosen = std::find(chosen.begin(), chosen.end(), it->folder) != chosen.end();
+        const CURI target = targetOf(it->folder);
+        const bool isChosen = std::find(chosen.begin(), chosen.end(), it->folder) != chosen.end() ||
+                              needed.count(it->folder) > 0;
         if (it->folder.toNormalized() == sourceTop || (!isChosen && destinationDisks.count(target) == 0))
             continue;
         if (countUpSteps(relative) >= depth)

@@ -65,7 +65,9 @@ public:
         SnapshotChoice snapshots = SnapshotChoice::All;
         // With Listed: snapshot folders, by their name or their path relative
         // to the top's folder. They must be the newest snapshots of the
-        // chain: an older snapshot reads through every newer one.
+        // chain: an older snapshot reads through every newer one. For the
+        // same reason the snapshots newer than the newest one the
+        // destination holds are copied whatever the choice.
         std::vector<std::string> snapshotNames;
         // Brick files read and sent at once (at least 1).
         int jobs = 4;

@@ -158,6 +158,23 @@ TEST(ChainCopier, SecondCopySendsOnlyChangedFilesAndAddsTheNewSnapshot)
     EXPECT_EQ(copy(source.get(), destination.get()).filesSent, 0);
 }
 
+TEST(ChainCopier, CopiesTheNewSnapshotsThatTheDestinationsSnapshotsReadThroughWhateverIsChosen)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    copy(source.get(), destination.get());
+    changeChain(source.get());
+    CChainCopier::Options options;
+    options.snapshots = CChainCopier::SnapshotChoice::None;
+
+    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+
+    ASSERT_EQ(summary.disksMade.size(), 1u);
+    EXPECT_EQ(summary.disksMade[0], CURI("/dst/snaps/s2"));
+    EXPECT_EQ(readDisks(destination.get(), "/dst", kSecondDisks), readDisks(source.get(), "/src", kSecondDisks));
+}
+
 TEST(ChainCopier, DryRunCountsWhatWouldBeSentAndChangesNothing)
 {
     const P<CMemoryFileSystem> source(new CMemoryFileSystem());
