@@ -577,16 +577,15 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     // New snapshots go between the top and the destination's newest
     // snapshot; one older than that cannot be put below it and is left out.
     const DiskPlan* newestExisting = nullptr;
-    for (std::size_t i = 1; i < destinationChain.size() && !newestExisting; ++i)
-        for (const DiskPlan& disk : disks)
-            if (disk.destination == destinationChain[i])
-                newestExisting = &disk;
-    bool anyNew = false;
     for (const DiskPlan& disk : disks)
-        anyNew = anyNew || !disk.existing;
-    if (destinationChain.size() > 1 && !newestExisting && anyNew)
+        if (destinationChain.size() > 1 && disk.destination == destinationChain[1])
+            newestExisting = &disk;
+    // A newest snapshot that the source deleted holds none of the old
+    // bricks that the top changed since: they would show through it.
+    if (destinationChain.size() > 1 && !newestExisting)
         throw copyError("The destination's newest snapshot " + destinationChain[1].toString(true) +
-                            " is no longer in the source chain, so newer snapshots cannot be tied in below the top.",
+                            " is no longer in the source chain: the top's changes since would show through it. "
+                            "Delete it in the destination and copy again.",
                         sourceTop, destinationTop);
     std::vector<CURI> leftOut;
     std::vector<DiskPlan> plan;

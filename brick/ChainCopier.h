@@ -27,7 +27,8 @@
 //      disk opens only once every newer disk it reads through is whole.
 // A first copy makes every disk as in step 2, the top last, then step 5. A copy cut short
 // at any point is finished by running it again. Snapshots that the source
-// has dropped since an earlier copy stay in the destination.
+// has dropped since an earlier copy stay in the destination, except its
+// newest one, which would show the top's changes: that copy is refused.
 //
 // All calls are static and keep no state; they run on the caller's thread,
 // with `Options::jobs` threads of their own for the brick files.
@@ -112,7 +113,9 @@ public:
     // lies above the root of the destination's store or inside the source's
     // disks, a destination that holds files but no disk, and a destination
     // that is another disk ("The destination holds another disk: ...", which
-    // says whether its key or its disk ID differs). With `verify`, throws
+    // says whether its key or its disk ID differs), a snapshot folder in the
+// destination that holds another disk or other files, and a destination
+// whose newest snapshot the source no longer has. With `verify`, throws
     // CError "The copy does not read back as sent: ..." listing every file
     // that differs. Passes on the file systems' errors and what
     // `checkpoint` throws; whatever stops the copy leaves every disk that was

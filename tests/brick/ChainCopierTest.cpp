@@ -6,6 +6,7 @@
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskCreationTime.h"
+#include "brick/BrickDiskRemover.h"
 #include "brick/ChainCopier.h"
 #include "brick/RetentionPlan.h"
 #include "support/DiskTestHelpers.h"
@@ -173,6 +174,46 @@ TEST(ChainCopier, CopiesTheNewSnapshotsThatTheDestinationsSnapshotsReadThroughWh
     ASSERT_EQ(summary.disksMade.size(), 1u);
     EXPECT_EQ(summary.disksMade[0], CURI("/dst/snaps/s2"));
     EXPECT_EQ(readDisks(destination.get(), "/dst", kSecondDisks), readDisks(source.get(), "/src", kSecondDisks));
+}
+
+TEST(ChainCopier, RefusesToUpdateADestinationWhoseNewestSnapshotTheSourceDeleted)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    copy(source.get(), destination.get());
+    brick::CBrickDiskRemover::remove(source.get(), CURI("/src/snaps/s1"),
+                                     testsupport::diskKey(source.get(), CURI("/src/disk"), kPassword));
+    writeBricks(source.get(), {3, 4}, 60);
+    const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
+
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
+
+    ASSERT_TRUE(refused);
+    EXPECT_NE(testsupport::messageOf(*refused).find("/dst/snaps/s1 is no longer in the source chain"),
+              std::string::npos);
+    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+}
+
+TEST(ChainCopier, KeepsAnOlderSnapshotTheSourceDeletedAndItsNeighboursReadAsBefore)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    changeChain(source.get());
+    copy(source.get(), destination.get());
+    const std::map<std::string, Bytes> before = readDisks(destination.get(), "/dst", kSecondDisks);
+    brick::CBrickDiskRemover::remove(source.get(), CURI("/src/snaps/s1"),
+                                     testsupport::diskKey(source.get(), CURI("/src/disk"), kPassword));
+    writeBricks(source.get(), {3, 4}, 60);
+
+    copy(source.get(), destination.get());
+
+    std::map<std::string, Bytes> after = readDisks(destination.get(), "/dst", kSecondDisks);
+    EXPECT_EQ(after.at("/snaps/s2"), before.at("/snaps/s2"));
+    EXPECT_EQ(after.at("/snaps/s1"), before.at("/snaps/s1"));
+    EXPECT_EQ(after.at("/snaps/s0"), before.at("/snaps/s0"));
+    EXPECT_EQ(after.at("/disk"), readDisks(source.get(), "/src", {"/disk"}).at("/disk"));
 }
 
 TEST(ChainCopier, DryRunCountsWhatWouldBeSentAndChangesNothing)
