@@ -129,7 +129,9 @@ bool isSameOrBelow(const CURI& path, const CURI& folder)
 CError copyError(const String& message, const CURI& source, const CURI& destination)
 {
     return CError(message, String(), -1,
-                  zo::CProps().add("diskFolder", source.toString(true)).add("destinationFolder", destination.toString(true)));
+                  zo::CProps()
+                      .add("diskFolder", source.toString(true))
+                      .add("destinationFolder", destination.toString(true)));
 }
 
 class CCopyRun {
@@ -150,9 +152,11 @@ public:
         const std::vector<CBrickTree::BrickFile> sourceBricks =
             CBrickTree::list(m_sourceFs, disk.source, disk.header).bricks;
         std::map<zo::int64, CBrickTree::BrickFile> held;
-        if (m_destinationFs->folderExists(disk.destination))
-            for (const CBrickTree::BrickFile& brick : CBrickTree::list(m_destinationFs, disk.destination, disk.header).bricks)
+        if (m_destinationFs->folderExists(disk.destination)) {
+            const CBrickTree::Listing listing = CBrickTree::list(m_destinationFs, disk.destination, disk.header);
+            for (const CBrickTree::BrickFile& brick : listing.bricks)
                 held.emplace(brick.index, brick);
+        }
 
         std::vector<CBrickTree::BrickFile> toSend;
         for (const CBrickTree::BrickFile& brick : sourceBricks) {
