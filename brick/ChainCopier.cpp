@@ -20,6 +20,7 @@
 #include <exception>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -33,6 +34,12 @@ namespace {
 
 // The outer digest (or tag) of a brick file is at most this long and ends it.
 constexpr int kBrickFileTailSize = 32;
+
+// A brick file of the source and the destination's file of that brick.
+struct Candidate {
+    CBrickTree::BrickFile brick;
+    std::optional<CBrickTree::BrickFile> held;
+};
 
 // One disk of the copy: its folder in the source and in the destination.
 struct DiskPlan {
@@ -158,22 +165,17 @@ public:
                 held.emplace(brick.index, brick);
         }
 
-        std::vector<CBrickTree::BrickFile> toSend;
+        std::vector<Candidate> candidates;
         for (const CBrickTree::BrickFile& brick : sourceBricks) {
+            Candidate candidate{brick, std::nullopt};
             const auto found = held.find(brick.index);
-            const bool same = found != held.end() && found->second.size == brick.size &&
-                              readTail(m_sourceFs, brick.path, brick.size) ==
-                                  readTail(m_destinationFs, found->second.path, found->second.size);
-            if (found != held.end())
+            if (found != held.end()) {
+                candidate.held = found->second;
                 held.erase(found);
-            if (same) {
-                ++m_summary.filesSkipped;
-                m_summary.bytesSkipped += brick.size;
-            } else {
-                toSend.push_back(brick);
             }
+            candidates.push_back(candidate);
         }
-        sendFiles(disk, toSend);
+        sendFiles(disk, candidates);
         if (!deleteOthers)
             return;
         for (const auto& [index, brick] : held) {
@@ -296,6 +298,15 @@ private:
         m_problems.push_back(problem);
     }
 
+    // True when the destination holds the candidate's bytes already: the
+    // same size and the same outer digest.
+    bool isHeld(const Candidate& candidate) const
+    {
+        return candidate.held && candidate.held->size == candidate.brick.size &&
+               readTail(m_sourceFs, candidate.brick.path, candidate.brick.size) ==
+                   readTail(m_destinationFs, candidate.held->path, candidate.held->size);
+    }
+
     // Sends one brick file: read whole, then stored atomically in place of
     // whatever the destination held; with verify, read back and compared.
     void sendFile(const DiskPlan& disk, const CBrickTree::BrickFile& brick)
@@ -318,9 +329,10 @@ private:
             addProblem(target.toString(true).toUTF8() + ": the bytes read back differ from those sent");
     }
 
-    // Sends `files` on the worker threads; the caller's thread reports
-    // progress and runs the checkpoint between files.
-    void sendFiles(const DiskPlan& disk, const std::vector<CBrickTree::BrickFile>& files)
+    // Compares and sends (unless in a dry run) the files on the worker
+    // threads; the caller's thread reports progress and runs the checkpoint
+    // between files.
+    void sendFiles(const DiskPlan& disk, const std::vector<Candidate>& files)
     {
         CChainCopier::Progress progress;
         progress.disk = disk.destination;
@@ -330,13 +342,8 @@ private:
                 m_options.onProgress(progress);
         };
         report();
-        if (m_options.dryRun) {
-            for (const CBrickTree::BrickFile& brick : files) {
-                ++m_summary.filesSent;
-                m_summary.bytesSent += brick.size;
-            }
+        if (files.empty())
             return;
-        }
 
         std::mutex mutex;
         std::condition_variable changed;
@@ -354,9 +361,13 @@ private:
                         return;
                     index = next++;
                 }
+                const CBrickTree::BrickFile& brick = files[index].brick;
                 std::exception_ptr error;
+                bool held = false;
                 try {
-                    sendFile(disk, files[index]);
+                    held = isHeld(files[index]);
+                    if (!held && !m_options.dryRun)
+                        sendFile(disk, brick);
                 } catch (...) {
                     error = std::current_exception();
                 }
@@ -367,10 +378,13 @@ private:
                         stop = true;
                         if (!failure)
                             failure = error;
+                    } else if (held) {
+                        ++m_summary.filesSkipped;
+                        m_summary.bytesSkipped += brick.size;
                     } else {
-                        bytes += files[index].size;
+                        bytes += brick.size;
                         ++m_summary.filesSent;
-                        m_summary.bytesSent += files[index].size;
+                        m_summary.bytesSent += brick.size;
                     }
                 }
                 changed.notify_all();

@@ -70,7 +70,7 @@ public:
         // same reason the snapshots newer than the newest one the
         // destination holds are copied whatever the choice.
         std::vector<std::string> snapshotNames;
-        // Brick files read and sent at once (at least 1).
+        // Brick files compared and sent at once (at least 1).
         int jobs = 4;
         // Work out what would be sent and change nothing.
         bool dryRun = false;
