@@ -22,6 +22,7 @@
 #include "brick/BrickFileChecker.h"
 #include "brick/BrickStorer.h"
 #include "brick/BrickTree.h"
+#include "brick/ChainCopier.h"
 #include "brick/ChainSpace.h"
 #include "brick/DiskStore.h"
 #include "brick/ParallelReadAheadManager.h"

@@ -26,6 +26,7 @@ CommandAction addCheckCommand(CLI::App& program);
 CommandAction addDeleteCommand(CLI::App& program);
 CommandAction addSnapshotsCommand(CLI::App& program);
 CommandAction addForgetCommand(CLI::App& program);
+CommandAction addCopyCommand(CLI::App& program);
 CommandAction addDuCommand(CLI::App& program);
 CommandAction addDiffCommand(CLI::App& program);
 CommandAction addPasswdCommand(CLI::App& program);

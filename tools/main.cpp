@@ -119,6 +119,7 @@ int main(int argc, char** argv)
     add(cli::addSnapshotsCommand);
     add(cli::addDeleteCommand);
     add(cli::addForgetCommand);
+    add(cli::addCopyCommand);
     add(cli::addDuCommand);
     add(cli::addDiffCommand);
     add(cli::addPasswdCommand);

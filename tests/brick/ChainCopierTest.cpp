@@ -1,0 +1,441 @@
+// Copying a chain from one file system to another: every copied disk reads
+// like its source and opens with the same password, a second copy sends only
+// what changed and adds the new snapshots, a copy stopped at any failing
+// operation keeps the destination's snapshots reading as before and a new
+// run finishes it, and a destination that is another disk is refused.
+#include "brick/BrickDisk.h"
+#include "brick/BrickDiskChain.h"
+#include "brick/BrickDiskCreationTime.h"
+#include "brick/BrickDiskRemover.h"
+#include "brick/ChainCopier.h"
+#include "brick/RetentionPlan.h"
+#include "support/DiskTestHelpers.h"
+#include "zo/Error.h"
+#include "zo/MemoryFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+using brick::CBrickDisk;
+using brick::CChainCopier;
+using testsupport::Bytes;
+using zo::CMemoryFileSystem;
+using zo::CURI;
+using zo::P;
+
+namespace {
+
+constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
+constexpr zo::int64 kDiskSize = 8 * kBrickSize;
+const char* const kPassword = "pw";
+
+void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
+{
+    const P<CBrickDisk> disk = testsupport::openDisk(fs, CURI("/src/disk"), kPassword);
+    for (int index : indexes)
+        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize,
+                             testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(index)));
+}
+
+void takeSnapshot(zo::IFileSystem* fs, const char* folder)
+{
+    testsupport::createLinkedChild(fs, CURI(folder), CURI("/src/disk"), kPassword);
+}
+
+// The chain /src/disk, /src/snaps/s1, /src/snaps/s0 (oldest).
+void makeChain(zo::IFileSystem* fs)
+{
+    testsupport::createDisk(fs, CURI("/src/disk"), kDiskSize, kPassword);
+    writeBricks(fs, {0, 1, 2, 3}, 10);
+    takeSnapshot(fs, "/src/snaps/s0");
+    writeBricks(fs, {1, 4}, 20);
+    takeSnapshot(fs, "/src/snaps/s1");
+    writeBricks(fs, {2, 5, 1}, 30);
+}
+
+// New writes and a new snapshot s2 after a first copy.
+void changeChain(zo::IFileSystem* fs)
+{
+    writeBricks(fs, {0, 6}, 40);
+    takeSnapshot(fs, "/src/snaps/s2");
+    writeBricks(fs, {0, 2, 7}, 50);
+}
+
+std::map<std::string, Bytes> readDisks(zo::IFileSystem* fs, const std::string& root,
+                                       const std::vector<std::string>& folders)
+{
+    std::map<std::string, Bytes> contents;
+    for (const std::string& folder : folders) {
+        const P<CBrickDisk> disk =
+            testsupport::openDisk(fs, CURI(root + folder), kPassword, zo::IIOStream::AccessRead);
+        contents[folder] = testsupport::readWholeDisk(*disk);
+    }
+    return contents;
+}
+
+std::vector<std::string> chainOf(zo::IFileSystem* fs, const char* top)
+{
+    std::vector<std::string> folders;
+    for (const brick::CRetentionPlan::Disk& disk : brick::CRetentionPlan::readChain(fs, CURI(top)))
+        folders.push_back(disk.folder.toString(true).toUTF8());
+    return folders;
+}
+
+CChainCopier::Summary copy(zo::IFileSystem* source, zo::IFileSystem* destination,
+                           const CChainCopier::Options& options = {})
+{
+    return CChainCopier::copy(source, CURI("/src/disk"), destination, CURI("/dst/disk"), options);
+}
+
+// Brick files below `root` whose bytes `other` does not hold at the same path.
+int countDifferingBrickFiles(const std::map<std::string, Bytes>& files, const std::map<std::string, Bytes>& other)
+{
+    int count = 0;
+    for (const auto& [path, bytes] : files) {
+        if (path.find("/bricks/") == std::string::npos)
+            continue;
+        const auto found = other.find(path);
+        count += found == other.end() || !(found->second == bytes) ? 1 : 0;
+    }
+    return count;
+}
+
+// The files below "/src" under the names they get below "/dst".
+std::map<std::string, Bytes> asDestinationFiles(CMemoryFileSystem* fs)
+{
+    std::map<std::string, Bytes> files;
+    for (const auto& [path, bytes] : testsupport::fileContentsBelow(fs, CURI("/src")))
+        files["dst/" + path] = bytes;
+    return files;
+}
+
+const std::vector<std::string> kFirstDisks{"/disk", "/snaps/s1", "/snaps/s0"};
+const std::vector<std::string> kSecondDisks{"/disk", "/snaps/s2", "/snaps/s1", "/snaps/s0"};
+
+TEST(ChainCopier, CopiesEveryDiskSoEachReadsLikeItsSource)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+
+    const CChainCopier::Summary summary = copy(source.get(), destination.get());
+
+    const std::map<std::string, Bytes> sourceFiles = asDestinationFiles(source.get());
+    EXPECT_EQ(summary.filesSent, countDifferingBrickFiles(sourceFiles, {}));
+    EXPECT_EQ(summary.filesSkipped, 0);
+    EXPECT_EQ(summary.disksMade.size(), 3u);
+    EXPECT_EQ(readDisks(destination.get(), "/dst", kFirstDisks), readDisks(source.get(), "/src", kFirstDisks));
+    EXPECT_EQ(chainOf(destination.get(), "/dst/disk"),
+              (std::vector<std::string>{"/dst/disk", "/dst/snaps/s1", "/dst/snaps/s0"}));
+    EXPECT_NO_THROW(brick::CBrickDiskChain(destination.get(), CURI("/dst/snaps/s0")).validate());
+    // Byte for byte: every file of the source is in the destination.
+    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/dst")),
+              testsupport::fileContentsBelow(source.get(), CURI("/src")));
+}
+
+TEST(ChainCopier, SecondCopySendsOnlyChangedFilesAndAddsTheNewSnapshot)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    copy(source.get(), destination.get());
+    changeChain(source.get());
+    const int differing = countDifferingBrickFiles(asDestinationFiles(source.get()),
+                                                   testsupport::fileContentsBelow(destination.get(), CURI("/")));
+    ASSERT_GT(differing, 0);
+
+    const CChainCopier::Summary summary = copy(source.get(), destination.get());
+
+    EXPECT_EQ(summary.filesSent, differing);
+    EXPECT_GT(summary.filesSkipped, 0);
+    ASSERT_EQ(summary.disksMade.size(), 1u);
+    EXPECT_EQ(summary.disksMade[0], CURI("/dst/snaps/s2"));
+    EXPECT_EQ(readDisks(destination.get(), "/dst", kSecondDisks), readDisks(source.get(), "/src", kSecondDisks));
+    EXPECT_EQ(chainOf(destination.get(), "/dst/disk"),
+              (std::vector<std::string>{"/dst/disk", "/dst/snaps/s2", "/dst/snaps/s1", "/dst/snaps/s0"}));
+    EXPECT_EQ(copy(source.get(), destination.get()).filesSent, 0);
+}
+
+TEST(ChainCopier, CopiesTheNewSnapshotsThatTheDestinationsSnapshotsReadThroughWhateverIsChosen)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    copy(source.get(), destination.get());
+    changeChain(source.get());
+    CChainCopier::Options options;
+    options.snapshots = CChainCopier::SnapshotChoice::None;
+
+    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+
+    ASSERT_EQ(summary.disksMade.size(), 1u);
+    EXPECT_EQ(summary.disksMade[0], CURI("/dst/snaps/s2"));
+    EXPECT_EQ(readDisks(destination.get(), "/dst", kSecondDisks), readDisks(source.get(), "/src", kSecondDisks));
+}
+
+TEST(ChainCopier, RefusesToUpdateADestinationWhoseNewestSnapshotTheSourceDeleted)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    copy(source.get(), destination.get());
+    brick::CBrickDiskRemover::remove(source.get(), CURI("/src/snaps/s1"),
+                                     testsupport::diskKey(source.get(), CURI("/src/disk"), kPassword));
+    writeBricks(source.get(), {3, 4}, 60);
+    const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
+
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
+
+    ASSERT_TRUE(refused);
+    EXPECT_NE(testsupport::messageOf(*refused).find("/dst/snaps/s1 is no longer in the source chain"),
+              std::string::npos);
+    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+}
+
+TEST(ChainCopier, KeepsAnOlderSnapshotTheSourceDeletedAndItsNeighboursReadAsBefore)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    changeChain(source.get());
+    copy(source.get(), destination.get());
+    const std::map<std::string, Bytes> before = readDisks(destination.get(), "/dst", kSecondDisks);
+    brick::CBrickDiskRemover::remove(source.get(), CURI("/src/snaps/s1"),
+                                     testsupport::diskKey(source.get(), CURI("/src/disk"), kPassword));
+    writeBricks(source.get(), {3, 4}, 60);
+
+    copy(source.get(), destination.get());
+
+    std::map<std::string, Bytes> after = readDisks(destination.get(), "/dst", kSecondDisks);
+    EXPECT_EQ(after.at("/snaps/s2"), before.at("/snaps/s2"));
+    EXPECT_EQ(after.at("/snaps/s1"), before.at("/snaps/s1"));
+    EXPECT_EQ(after.at("/snaps/s0"), before.at("/snaps/s0"));
+    EXPECT_EQ(after.at("/disk"), readDisks(source.get(), "/src", {"/disk"}).at("/disk"));
+}
+
+TEST(ChainCopier, DryRunCountsWhatWouldBeSentAndChangesNothing)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    CChainCopier::Options options;
+    options.dryRun = true;
+
+    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+
+    EXPECT_EQ(summary.filesSent, countDifferingBrickFiles(asDestinationFiles(source.get()), {}));
+    EXPECT_EQ(summary.disksMade.size(), 3u);
+    EXPECT_TRUE(testsupport::filesBelow(destination.get(), CURI("/")).empty());
+}
+
+TEST(ChainCopier, CopiesOnlyTheNewestSnapshotsThatAreChosen)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    CChainCopier::Options options;
+    options.snapshots = CChainCopier::SnapshotChoice::Listed;
+    options.snapshotNames = {"s0"};
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get(), options); });
+    ASSERT_TRUE(refused);
+    EXPECT_NE(testsupport::messageOf(*refused).find("Only the newest snapshots"), std::string::npos);
+
+    options.snapshotNames = {"s1"};
+    copy(source.get(), destination.get(), options);
+    EXPECT_EQ(chainOf(destination.get(), "/dst/disk"), (std::vector<std::string>{"/dst/disk", "/dst/snaps/s1"}));
+    EXPECT_EQ(readDisks(destination.get(), "/dst", {"/disk", "/snaps/s1"}),
+              readDisks(source.get(), "/src", {"/disk", "/snaps/s1"}));
+    EXPECT_FALSE(destination->folderExists(CURI("/dst/snaps/s0")));
+}
+
+TEST(ChainCopier, RefusesADestinationThatIsAnotherDisk)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    testsupport::createDisk(destination.get(), CURI("/dst/disk"), kDiskSize, kPassword);
+    const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
+
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
+
+    ASSERT_TRUE(refused);
+    EXPECT_NE(testsupport::messageOf(*refused).find("The destination holds another disk"), std::string::npos);
+    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+}
+
+TEST(ChainCopier, RefusesASnapshotFolderThatHoldsAnotherDisk)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    testsupport::createDisk(destination.get(), CURI("/dst/snaps/s0"), kDiskSize, kPassword);
+    const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
+
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
+
+    ASSERT_TRUE(refused);
+    EXPECT_NE(testsupport::messageOf(*refused).find("/dst/snaps/s0"), std::string::npos);
+    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+}
+
+TEST(ChainCopier, RefusesSnapshotsThatWouldLandAboveTheStoreRootOrInTheSource)
+{
+    const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
+    makeChain(fs.get());
+    // "../snaps/s1" from "/copy" would be above "/".
+    const auto above = testsupport::errorOf<zo::CError>(
+        [&] { CChainCopier::copy(fs.get(), CURI("/src/disk"), fs.get(), CURI("/copy"), {}); });
+    ASSERT_TRUE(above);
+    EXPECT_NE(testsupport::messageOf(*above).find("above the root"), std::string::npos);
+    // "/src/other" puts the snapshots onto the source's own.
+    const auto inside = testsupport::errorOf<zo::CError>(
+        [&] { CChainCopier::copy(fs.get(), CURI("/src/disk"), fs.get(), CURI("/src/other"), {}); });
+    ASSERT_TRUE(inside);
+    EXPECT_NE(testsupport::messageOf(*inside).find("source's disk"), std::string::npos);
+    EXPECT_FALSE(fs->pathExists(CURI("/copy")));
+    EXPECT_FALSE(fs->pathExists(CURI("/src/other")));
+}
+
+TEST(ChainCopier, VerifyFailsWhenSentFilesDoNotReadBack)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    CChainCopier::Options options;
+    options.verify = true;
+    destination->failStreamReads(CURI("/dst/snaps/s0/bricks"), zo::CFileSystemError::AccessDenied);
+
+    const auto failed = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get(), options); });
+
+    ASSERT_TRUE(failed);
+    EXPECT_NE(testsupport::messageOf(*failed).find("does not read back as sent"), std::string::npos);
+    EXPECT_NE(testsupport::messageOf(*failed).find("/dst/snaps/s0/bricks"), std::string::npos);
+    destination->clearFailures();
+    EXPECT_NO_THROW(copy(source.get(), destination.get(), options));
+}
+
+// A first copy stopped at any failing operation leaves no disk that opens
+// with other bytes than its source's: a disk not yet whole is refused (its
+// header is missing or it is marked unfinished), and a new run finishes.
+TEST(ChainCopier, FirstCopyStoppedAnywhereLeavesNoHalfDiskAndARunFinishesIt)
+{
+    const CMemoryFileSystem::Operation kinds[] = {CMemoryFileSystem::Operation::StoreFile,
+                                                  CMemoryFileSystem::Operation::CreateFolderSync,
+                                                  CMemoryFileSystem::Operation::DeleteFileSync};
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    makeChain(source.get());
+    const std::map<std::string, Bytes> expected = readDisks(source.get(), "/src", kFirstDisks);
+
+    int cutsTried = 0;
+    for (CMemoryFileSystem::Operation kind : kinds) {
+        for (int nth = 1;; ++nth) {
+            const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
+            const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
+                                        std::to_string(nth) + " failing";
+            fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
+            bool stopped = false;
+            try {
+                copy(source.get(), fs.get());
+            } catch (const zo::CError&) {
+                stopped = true;
+            }
+            fs->waitUntilIdle();
+            fs->clearFailures();
+            if (!stopped)
+                break;
+            ++cutsTried;
+            for (const std::string& disk : kFirstDisks) {
+                try {
+                    const P<CBrickDisk> opened =
+                        testsupport::openDisk(fs.get(), CURI("/dst" + disk), kPassword, zo::IIOStream::AccessRead);
+                    EXPECT_EQ(testsupport::readWholeDisk(*opened), expected.at(disk)) << disk << " " << context;
+                } catch (const zo::CError&) {
+                    // Not whole yet, and refused as such.
+                }
+            }
+            EXPECT_NO_THROW(copy(source.get(), fs.get())) << context;
+            EXPECT_EQ(readDisks(fs.get(), "/dst", kFirstDisks), expected) << context << " and running again";
+            if (HasFailure())
+                return;
+        }
+    }
+    EXPECT_GT(cutsTried, 20);
+}
+
+TEST(ChainCopier, StopsWhereTheCheckpointThrowsAndARunFinishes)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    CChainCopier::Options options;
+    options.jobs = 2;
+    int calls = 0;
+    options.checkpoint = [&] {
+        if (++calls == 3)
+            throw zo::CError("Stopped.");
+    };
+
+    EXPECT_THROW(copy(source.get(), destination.get(), options), zo::CError);
+    EXPECT_EQ(brick::CBrickDisk::getCompletion(destination.get(), CURI("/dst/snaps/s0")),
+              CBrickDisk::CreationUnfinished);
+    EXPECT_FALSE(destination->pathExists(CURI("/dst/disk")));
+
+    options.checkpoint = nullptr;
+    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+    EXPECT_GT(summary.filesSkipped, 0);
+    EXPECT_EQ(readDisks(destination.get(), "/dst", kFirstDisks), readDisks(source.get(), "/src", kFirstDisks));
+}
+
+// Every changing operation of the destination, in turn, fails for good from
+// its nth occurrence on during a second copy: the snapshots the destination
+// held read as before, and a new run finishes the copy.
+TEST(ChainCopier, SnapshotsReadAsBeforeWhereverASecondCopyStops)
+{
+    const CMemoryFileSystem::Operation kinds[] = {
+        CMemoryFileSystem::Operation::StoreFile,        CMemoryFileSystem::Operation::DeleteFile,
+        CMemoryFileSystem::Operation::DeleteFileSync,   CMemoryFileSystem::Operation::CreateFolderSync,
+        CMemoryFileSystem::Operation::OpenStream,       CMemoryFileSystem::Operation::ListFolder};
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> pristine(new CMemoryFileSystem());
+    makeChain(source.get());
+    copy(source.get(), pristine.get());
+    const std::vector<std::string> snapshots{"/snaps/s1", "/snaps/s0"};
+    const std::map<std::string, Bytes> before = readDisks(pristine.get(), "/dst", snapshots);
+    const std::map<std::string, Bytes> files = testsupport::fileContentsBelow(pristine.get(), CURI("/"));
+    changeChain(source.get());
+    const std::map<std::string, Bytes> expected = readDisks(source.get(), "/src", kSecondDisks);
+
+    int cutsTried = 0;
+    for (CMemoryFileSystem::Operation kind : kinds) {
+        for (int nth = 1;; ++nth) {
+            const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
+            for (const auto& [path, bytes] : files)
+                fs->setFileData(CURI("/" + path), bytes);
+            const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
+                                        std::to_string(nth) + " failing";
+            fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
+            bool stopped = false;
+            try {
+                copy(source.get(), fs.get());
+            } catch (const zo::CError&) {
+                stopped = true;
+            }
+            fs->waitUntilIdle();
+            fs->clearFailures();
+            if (!stopped)
+                break;
+            ++cutsTried;
+            EXPECT_EQ(readDisks(fs.get(), "/dst", snapshots), before) << context;
+            EXPECT_NO_THROW(copy(source.get(), fs.get())) << context;
+            EXPECT_EQ(readDisks(fs.get(), "/dst", kSecondDisks), expected) << context << " and running again";
+            if (HasFailure())
+                return;
+        }
+    }
+    EXPECT_GT(cutsTried, 20);
+}
+
+} // namespace
