@@ -179,10 +179,45 @@ TYPED_TEST_P(StoreCommandsContractTest, NewDisksGetZstdLevelThreeUnlessAskedOthe
     EXPECT_NE(this->runOk({"info", other, "--json"}, false).out.find("\"compression\": \"lz4\""), std::string::npos);
 }
 
+// A chain copied from a local folder into the store and back, without the
+// password: every disk reads like its source, and a second copy sends only
+// what changed.
+TYPED_TEST_P(StoreCommandsContractTest, CopyTakesAChainIntoTheStoreAndBack)
+{
+    const std::string first = clitest::makeImage(512 * 1024, 41);
+    const std::string second = clitest::makeImage(512 * 1024, 42);
+    clitest::writeFile(this->path("v1.img"), first);
+    clitest::writeFile(this->path("v2.img"), second);
+    const std::string local = this->path("local/disk");
+    this->runOk({"create", local, "--size", std::to_string(first.size()), "--brick-size", "64K", "--kdf",
+                 "argon2id", "--kdf-memory", "64K", "--kdf-passes", "1"});
+    this->runOk({"import", local, this->path("v1.img")});
+    // Next to the disk, as the store's snapshot is next to its disk.
+    this->runOk({"snapshot", local, this->path("local/snapshot")});
+    this->runOk({"import", local, this->path("v2.img")});
+
+    const clitest::RunResult copied = this->runOk({"copy", local, this->disk, "--json", "--verify"}, false);
+    EXPECT_NE(copied.out.find("\"verified\": true"), std::string::npos) << copied.out;
+    this->runOk({"export", this->disk, this->path("v2.exported")});
+    this->runOk({"export", this->snapshot, this->path("v1.exported")});
+    EXPECT_TRUE(clitest::readFile(this->path("v2.exported")) == second);
+    EXPECT_TRUE(clitest::readFile(this->path("v1.exported")) == first);
+    this->runOk({"check", this->snapshot, "--read-data"});
+    const clitest::RunResult again = this->runOk({"copy", local, this->disk, "--json"}, false);
+    EXPECT_NE(again.out.find("\"filesSent\": 0,"), std::string::npos) << again.out;
+
+    const std::string back = this->path("back/disk");
+    this->runOk({"copy", this->disk, back}, false);
+    this->runOk({"export", back, this->path("v2.back")});
+    this->runOk({"export", this->path("back/snapshot"), this->path("v1.back")});
+    EXPECT_TRUE(clitest::readFile(this->path("v2.back")) == second);
+    EXPECT_TRUE(clitest::readFile(this->path("v1.back")) == first);
+}
+
 REGISTER_TYPED_TEST_SUITE_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte,
                             ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndTheSnapshotExact,
                             ASecondImportIsRefusedWhileTheFirstHoldsTheDisk, AChildOnAnotherKindOfFolderIsAUsageError,
                             NewDisksGetFourMiBBricksUnlessAskedOtherwise,
-                            NewDisksGetZstdLevelThreeUnlessAskedOtherwise);
+                            NewDisksGetZstdLevelThreeUnlessAskedOtherwise, CopyTakesAChainIntoTheStoreAndBack);
 
 } // namespace
