@@ -448,6 +448,7 @@ CBrickDisk::~CBrickDisk()
         if (m_currentBrick) {
             m_currentBrick->backgroundSaveChanges();
             m_currentBrick->waitUntilBackgroundSavesDone(-1);
+            m_fs->syncBatch();
         }
     } catch (const std::exception& e) {
         zo::onExceptionInDestructorIgnored("brick::CBrickDisk", e, true);
@@ -504,6 +505,7 @@ void CBrickDisk::flushChanges()
 {
     m_currentBrick->backgroundSaveChanges();
     m_currentBrick->waitUntilBackgroundSavesDone(-1);
+    m_fs->syncBatch();
 }
 
 bool CBrickDisk::waitForFreeBackgroundOpSlot(int timeoutMillis)

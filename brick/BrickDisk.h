@@ -229,9 +229,11 @@ public:
     // count as 1), for threads that store many bricks one after another.
     P<CBrick> newStandAloneBrickObjectWith(int maxBackgroundOps) const;
 
-    // Starts saving the current brick if it changed and waits, without a
-    // time limit, until no background save runs. Failed saves are not
-    // thrown: they are in getBackgroundErrorList.
+    // Starts saving the current brick if it changed, waits, without a time
+    // limit, until no background save runs, and then syncs the file
+    // system's batch (IFileSystem::syncBatch), so that every brick stored
+    // so far is durable. Failed saves are not thrown: they are in
+    // getBackgroundErrorList; a failed sync is thrown (CError).
     void flushChanges();
     // Waits until a background save slot is free (-1: no limit); true then.
     bool waitForFreeBackgroundOpSlot(int timeoutMillis);

@@ -675,6 +675,13 @@ void CBrickDiskBlockDevice::flushLocked()
         std::lock_guard lock(m_mutex);
         retireStore(store);
     }
+    // The stored files' names become durable with the batch (CBrickStorer).
+    P<CBrickDisk> disk;
+    {
+        std::lock_guard lock(m_mutex);
+        disk = m_disk;
+    }
+    disk->getFileSystem()->syncBatch();
 
     std::lock_guard lock(m_mutex);
     forgetEndedStores();

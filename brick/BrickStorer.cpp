@@ -150,6 +150,7 @@ void CBrickStorer::onDone_copyToChild(const CError* error)
     if (!error) {
         // The old file is still here: the new one replaces it.
         m_overwrite = true;
+        syncChildFoldersCreated();
         doStoreBrick();
         return;
     }
@@ -176,6 +177,15 @@ void CBrickStorer::onDone_copyToChild(const CError* error)
     }
 }
 
+void CBrickStorer::syncChildFoldersCreated()
+{
+    // The copy or zero brick is durable in its folder, but the folders made
+    // for it only once their parents are synced; the child's brick must not
+    // be lost while this disk's replacement survives.
+    if (m_childParentFolderCreated)
+        m_fs->syncBatch();
+}
+
 void CBrickStorer::doStoreZeroBrickInChild()
 {
     if (!m_preparedData) {
@@ -195,6 +205,7 @@ void CBrickStorer::onDone_storeZeroBrickInChild(const CError* error)
     if (!error) {
         onWorkFinished(1, zeroBrickSize());
         m_zeroBrickStoredInChild = true;
+        syncChildFoldersCreated();
         doStoreBrick();
         return;
     }
@@ -220,7 +231,7 @@ void CBrickStorer::doStoreBrick()
     }
     m_uploadedBytes = 0;
     P<CUploadBufferStream> source(new CUploadBufferStream(this, m_preparedData.get()));
-    m_fs->beginStoreFile(file, m_preparedData->getUsed(), source.get(), m_overwrite, this);
+    m_fs->beginStoreFileBatched(file, m_preparedData->getUsed(), source.get(), m_overwrite, this);
 }
 
 void CBrickStorer::onDone_storeBrick(const CError* error)

@@ -43,8 +43,9 @@ using zo::uint8;
 //   storeZeroBrickInChild (2)   the child gets an all-zero brick, because this
 //                               disk had no file (skipped when the new content
 //                               is itself all zero).
-//   storeBrick (3)              store the prepared brick (or delete the file
-//                               for an all-zero brick). A missing folder:
+//   storeBrick (3)              store the prepared brick with
+//                               IFileSystem::beginStoreFileBatched (or delete
+//                               the file for an all-zero brick). A missing folder:
 //                               create this disk's brick folders once, then
 //                               store again. A final failure removes the zero
 //                               brick stored into the child.
@@ -55,6 +56,17 @@ using zo::uint8;
 // store, so a stop at any step leaves every disk of the chain reading each
 // brick with its old or its new content: the child gains its copy before this
 // disk changes, and this disk never lacks the brick in between.
+//
+// Syncs: the child's side is durable before this disk's file is replaced.
+// The copy and the zero brick into the child are durable when they end, and
+// when the storer made folders for them it syncs the file system's batch
+// (IFileSystem::syncBatch) before the store, so that those folders survive
+// too. The store into this disk has its bytes durable when it ends, but its
+// name, like the folders it made and a deletion, only once the batch is
+// synced: a crash before that leaves the old or the new file. Whoever
+// reports the stores as durable (CBrickDisk::flushChanges, the block
+// device's flush) syncs the batch first, one sync per folder for all the
+// bricks stored into it instead of one per brick.
 //
 // Folders are created from the deepest up: while the parent of a folder is
 // missing the creation climbs one level, and once one level exists it comes
@@ -137,6 +149,8 @@ protected:
     void doCopyToChild();
     void doCreateChildParentFolder();
     void doStoreZeroBrickInChild();
+    // Syncs the file system's batch when this storer created child folders.
+    void syncChildFoldersCreated();
     void doStoreBrick();
     void doCreateParentFolder();
     void doEnd();

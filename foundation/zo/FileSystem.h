@@ -61,6 +61,26 @@ public:
     // The file system holds a reference to `source` until the operation ends.
     virtual P<IFileSystemOp> beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
                                             IDoneListener* listener) = 0;
+    // Stores as beginStoreFile does, atomic as well, but with a sync left for
+    // later: when the listener hears of success the new file's bytes are
+    // durable, while its name (the replacement of the old file) may become
+    // durable only when syncBatch returns. A crash in between leaves the old
+    // file or the whole new one. Many stores into one folder thus share one
+    // sync of that folder. This default stores with beginStoreFile, whose
+    // stores are durable when they end.
+    virtual P<IFileSystemOp> beginStoreFileBatched(const CURI& file, int size, IInStream* source, bool overwrite,
+                                                   IDoneListener* listener)
+    {
+        return beginStoreFile(file, size, source, overwrite, listener);
+    }
+    // Makes durable what the stores of beginStoreFileBatched, the folders of
+    // beginCreateFolder and the deletions of beginDeleteFile that reported
+    // success before the call changed in their folders. Throws CError (as a
+    // rule a CFileSystemError) when a folder cannot be synced; what was not
+    // synced is tried again by the next call. Any thread may call it. This
+    // default does nothing: it suits file systems whose operations are
+    // durable when they end.
+    virtual void syncBatch() {}
     // Creates one folder. An existing folder fails with AlreadyExists, a
     // missing parent with NotFound.
     virtual P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) = 0;

@@ -178,14 +178,16 @@ void checkReplaceable(const CLocalEntry& target, const String& targetPath)
         throw notRegularFileError(targetPath, S_ISDIR(info.st_mode));
 }
 
-// Makes a filled temporary file durable and puts it in place as `target`'s
-// entry: renamed over it (overwrite) or linked without replacing anything.
+// Makes a filled temporary file's bytes durable (fdatasync: a new file's
+// size and blocks are included, its times are not needed) and puts it in
+// place as `target`'s entry: renamed over it (overwrite) or linked without
+// replacing anything. With LocalStoreSync::Full the folder entry is synced too.
 void placeTemporaryFile(CTemporaryFile& temporary, const CLocalEntry& target, const String& targetPath, bool overwrite,
-                        bool sync)
+                        LocalStoreSync sync)
 {
     const int folder = target.folder.get();
-    if (sync && ::fsync(temporary.getFd()) != 0)
-        throw makeErrnoError(errno, "fsync", targetPath);
+    if (sync != LocalStoreSync::None && ::fdatasync(temporary.getFd()) != 0)
+        throw makeErrnoError(errno, "fdatasync", targetPath);
     temporary.close(targetPath);
     if (overwrite) {
         checkReplaceable(target, targetPath);
@@ -197,7 +199,7 @@ void placeTemporaryFile(CTemporaryFile& temporary, const CLocalEntry& target, co
             throw makeErrnoError(errno, "link", targetPath);
         temporary.remove();
     }
-    if (sync)
+    if (sync == LocalStoreSync::Full)
         syncOpenFolder(folder, targetPath);
 }
 
@@ -253,7 +255,7 @@ void copyLocalFileBytes(const CLocalEntry& source, const CLocalEntry& target, co
             break;
         writeAll(temporary.getFd(), chunk.data(), static_cast<int>(got), targetPath);
     }
-    placeTemporaryFile(temporary, target, targetPath, overwrite, sync);
+    placeTemporaryFile(temporary, target, targetPath, overwrite, sync ? LocalStoreSync::Full : LocalStoreSync::None);
 }
 
 // errno values of a link that the file systems involved cannot make, where a
@@ -265,7 +267,7 @@ bool linkImpossible(int errnoValue)
 
 } // namespace
 
-void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, bool sync)
+void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, LocalStoreSync sync)
 {
     const String targetPath = file.toString(true);
     const CLocalEntry target = openLocalEntry(file.toLocalPath(), targetPath, "open");

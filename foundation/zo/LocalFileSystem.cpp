@@ -277,13 +277,59 @@ P<IFileSystemOp> CLocalFileSystem::beginStoreFile(const CURI& file, int size, II
 {
     checkStoreFileArguments("zo::CLocalFileSystem::beginStoreFile", file, size, source);
     return postFileSystemOp(*m_pool, listener, [file, size, source = P<IInStream>(source), overwrite, sync = isSyncEnabled()] {
-        storeLocalFile(file, size, *source, overwrite, sync);
+        storeLocalFile(file, size, *source, overwrite, sync ? LocalStoreSync::Full : LocalStoreSync::None);
     });
+}
+
+P<IFileSystemOp> CLocalFileSystem::beginStoreFileBatched(const CURI& file, int size, IInStream* source,
+                                                         bool overwrite, IDoneListener* listener)
+{
+    checkStoreFileArguments("zo::CLocalFileSystem::beginStoreFileBatched", file, size, source);
+    // The pool's threads end before this object does (the destructor shuts
+    // the pool down), so the operation may note into it.
+    return postFileSystemOp(*m_pool, listener,
+                            [this, file, size, source = P<IInStream>(source), overwrite, sync = isSyncEnabled()] {
+                                storeLocalFile(file, size, *source, overwrite,
+                                               sync ? LocalStoreSync::Content : LocalStoreSync::None);
+                                noteChangedFolder(file, sync);
+                            });
+}
+
+void CLocalFileSystem::noteChangedFolder(const CURI& path, bool sync)
+{
+    if (!sync)
+        return;
+    std::string folder = localParentFolder(path);
+    CMutexLock lock(m_batchMutex);
+    m_batchFolders.insert(std::move(folder));
+}
+
+void CLocalFileSystem::syncBatch()
+{
+    std::set<std::string> folders;
+    {
+        CMutexLock lock(m_batchMutex);
+        folders.swap(m_batchFolders);
+    }
+    for (auto it = folders.begin(); it != folders.end(); ++it) {
+        try {
+            syncLocalFolder(*it);
+        } catch (const CFileSystemError& e) {
+            if (e.getProblem() == CFileSystemError::NotFound)
+                continue;
+            CMutexLock lock(m_batchMutex);
+            m_batchFolders.insert(it, folders.end());
+            throw;
+        }
+    }
 }
 
 P<IFileSystemOp> CLocalFileSystem::beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener)
 {
-    return postFileSystemOp(*m_pool, listener, [folder, mode] { makeLocalFolder(folder, mode); });
+    return postFileSystemOp(*m_pool, listener, [this, folder, mode, sync = isSyncEnabled()] {
+        makeLocalFolder(folder, mode);
+        noteChangedFolder(folder, sync);
+    });
 }
 
 P<IFileSystemOp> CLocalFileSystem::beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
@@ -300,7 +346,10 @@ P<IFileSystemOp> CLocalFileSystem::beginCopyFile(const CURI& from, const CURI& t
 
 P<IFileSystemOp> CLocalFileSystem::beginDeleteFile(const CURI& file, IDoneListener* listener)
 {
-    return postFileSystemOp(*m_pool, listener, [file] { unlinkLocalFile(file); });
+    return postFileSystemOp(*m_pool, listener, [this, file, sync = isSyncEnabled()] {
+        unlinkLocalFile(file);
+        noteChangedFolder(file, sync);
+    });
 }
 
 P<IFileInfo> CLocalFileSystem::getFileInfo(const CURI& path, bool throwIfMissing)

@@ -15,8 +15,10 @@
 
 #include "zo/Export.h"
 #include "zo/FileSystem.h"
+#include "zo/Mutex.h"
 
 #include <atomic>
+#include <set>
 #include <string>
 
 namespace zo {
@@ -37,7 +39,8 @@ public:
     CLocalFileSystem& operator=(const CLocalFileSystem&) = delete;
 
     // With sync on (the default) stores, moves and stream flushes reach the
-    // disk (fsync of the file and its folder) before they report success.
+    // disk (fsync of the file and its folder) before they report success;
+    // batched stores, folder creations and deletions reach it by syncBatch.
     // Turning it off is for tests and benchmarks. Any thread may call it; it
     // applies to operations and streams started afterwards.
     void setSyncEnabled(bool enabled);
@@ -67,7 +70,17 @@ public:
     // file remains. A null source or a negative size throws CInvalidArgError.
     P<IFileSystemOp> beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
                                     IDoneListener* listener) override;
-    // mkdir with `mode`.
+    // As beginStoreFile, but with sync on only the file's bytes are synced
+    // (fdatasync) before the rename; its folder is noted and synced by
+    // syncBatch, once for all the stores into it.
+    P<IFileSystemOp> beginStoreFileBatched(const CURI& file, int size, IInStream* source, bool overwrite,
+                                           IDoneListener* listener) override;
+    // With sync on, fsync of each folder noted since the last call: the
+    // folders of batched stores and of deletions, and the parents of created
+    // folders. A folder that no longer exists counts as done. On failure the
+    // folders not yet synced stay noted.
+    void syncBatch() override;
+    // mkdir with `mode`; the parent is noted for syncBatch.
     P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
     // rename (overwrite), or a rename that refuses an existing target (no
     // overwrite: renameat2, or link and unlink where that is not supported).
@@ -77,6 +90,7 @@ public:
     // copyLocalFile), otherwise a durable full copy.
     P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
                                    IDoneListener* listener) override;
+    // unlink; the folder is noted for syncBatch.
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
 
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
@@ -101,7 +115,13 @@ public:
     int removeTemporaryFiles(const CURI& folder) override;
 
 private:
+    // Notes the folder that holds `path` for syncBatch, when sync is on.
+    void noteChangedFolder(const CURI& path, bool sync);
+
     std::atomic<bool> m_syncEnabled{true};
+    CMutex m_batchMutex;
+    // Folders whose entries changed since the last syncBatch (under m_batchMutex).
+    std::set<std::string> m_batchFolders;
     P<CCompletionPool> m_pool;
 };
 

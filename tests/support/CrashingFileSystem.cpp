@@ -48,6 +48,21 @@ zo::P<zo::IFileSystemOp> CrashingFileSystem::beginStoreFile(const zo::CURI& file
     return m_inner->beginStoreFile(file, size, source, overwrite, listener);
 }
 
+zo::P<zo::IFileSystemOp> CrashingFileSystem::beginStoreFileBatched(const zo::CURI& file, int size,
+                                                                   zo::IInStream* source, bool overwrite,
+                                                                   zo::IDoneListener* listener)
+{
+    if (!admitChange())
+        return refuse(file, listener);
+    return m_inner->beginStoreFileBatched(file, size, source, overwrite, listener);
+}
+
+void CrashingFileSystem::syncBatch()
+{
+    checkAlive(zo::CURI());
+    m_inner->syncBatch();
+}
+
 zo::P<zo::IFileSystemOp> CrashingFileSystem::beginCreateFolder(const zo::CURI& folder, int mode,
                                                                zo::IDoneListener* listener)
 {

@@ -34,6 +34,10 @@ public:
 
     zo::P<zo::IFileSystemOp> beginStoreFile(const zo::CURI& file, int size, zo::IInStream* source, bool overwrite,
                                             zo::IDoneListener* listener) override;
+    zo::P<zo::IFileSystemOp> beginStoreFileBatched(const zo::CURI& file, int size, zo::IInStream* source,
+                                                   bool overwrite, zo::IDoneListener* listener) override;
+    // Not a change of its own: passed on while the file system lives.
+    void syncBatch() override;
     zo::P<zo::IFileSystemOp> beginCreateFolder(const zo::CURI& folder, int mode, zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginMoveFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
                                            zo::IDoneListener* listener) override;

@@ -158,6 +158,14 @@ protected:
         const int count = size < 0 ? static_cast<int>(bytes.size()) : size;
         return finish(fs().beginStoreFile(file, count, source.get(), overwrite, listener.get()), *listener);
     }
+    P<CError> storeBatched(const CURI& file, const std::string& bytes, bool overwrite)
+    {
+        P<CRecordingListener> listener(new CRecordingListener());
+        const P<IInStream> source = makeSource(bytes);
+        return finish(fs().beginStoreFileBatched(file, static_cast<int>(bytes.size()), source.get(), overwrite,
+                                                 listener.get()),
+                      *listener);
+    }
     P<CError> createFolderAsync(const CURI& folder)
     {
         P<CRecordingListener> listener(new CRecordingListener());
@@ -288,6 +296,26 @@ TYPED_TEST_P(FileSystemContractTest, BeginStoreFileRefusesANegativeSizeOrNoSourc
     const P<IInStream> source = makeSource("x");
     EXPECT_THROW(this->fs().beginStoreFile(this->path("a"), -1, source.get(), true, nullptr), CInvalidArgError);
     EXPECT_THROW(this->fs().beginStoreFile(this->path("a"), 1, nullptr, true, nullptr), CInvalidArgError);
+}
+
+// --- beginStoreFileBatched, syncBatch ---
+
+TYPED_TEST_P(FileSystemContractTest, BatchedStoreFileStoresAsStoreFileDoesAndSyncBatchKeepsTheFiles)
+{
+    ASSERT_FALSE(this->store(this->path("a"), "old", false));
+    EXPECT_EQ(problemOf(this->storeBatched(this->path("a"), "new", false)), CFileSystemError::AlreadyExists);
+    EXPECT_EQ(this->readFile(this->path("a")), "old");
+    EXPECT_FALSE(this->storeBatched(this->path("a"), "new", true));
+    EXPECT_FALSE(this->storeBatched(this->path("b"), "other", false));
+    EXPECT_EQ(problemOf(this->storeBatched(this->path("missing/a"), "x", true)), CFileSystemError::NotFound);
+    EXPECT_FALSE(this->createFolderAsync(this->path("made")));
+    EXPECT_FALSE(this->storeBatched(this->path("made/c"), "in a new folder", false));
+    EXPECT_FALSE(this->deleteAsync(this->path("b")));
+    this->fs().syncBatch();
+    EXPECT_EQ(this->readFile(this->path("a")), "new");
+    EXPECT_EQ(this->readFile(this->path("made/c")), "in a new folder");
+    EXPECT_FALSE(this->fs().pathExists(this->path("b")));
+    this->fs().syncBatch();
 }
 
 // --- beginCreateFolder ---
@@ -810,6 +838,7 @@ TYPED_TEST_P(FileSystemContractTest, DestroyingTheFileSystemWaitsForQueuedOperat
 }
 
 REGISTER_TYPED_TEST_SUITE_P(FileSystemContractTest,
+    BatchedStoreFileStoresAsStoreFileDoesAndSyncBatchKeepsTheFiles,
     StoreFileCreatesFileWithTheSourceBytes,
     StoreFileTakesOnlySizeBytesFromALongerSource,
     StoreFileOfZeroBytesCreatesAnEmptyFile,

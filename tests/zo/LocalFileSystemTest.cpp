@@ -131,6 +131,27 @@ TEST_F(LocalFileSystemTest, StoreLeavesExactlyTheTargetInItsFolder)
     EXPECT_EQ(readFile(temp.path() + "/00.brick"), "second");
 }
 
+TEST_F(LocalFileSystemTest, BatchSyncCountsAFolderRemovedSinceItsStoreAsDone)
+{
+    fs->createFolder(temp.uri() << "gone", 0755);
+    fs->createFolder(temp.uri() << "kept", 0755);
+    P<COutcomeListener> listener(new COutcomeListener());
+    P<CSource> source(new CSource("brick"));
+    ASSERT_TRUE(fs->beginStoreFileBatched(temp.uri() << "gone" << "00.brick", 5, source.get(), false, listener.get())
+                    ->waitDone(waitMillis));
+    ASSERT_FALSE(listener->getError());
+    P<COutcomeListener> keptListener(new COutcomeListener());
+    P<CSource> keptSource(new CSource("kept"));
+    ASSERT_TRUE(fs->beginStoreFileBatched(temp.uri() << "kept" << "00.brick", 4, keptSource.get(), false,
+                                          keptListener.get())
+                    ->waitDone(waitMillis));
+    ASSERT_FALSE(keptListener->getError());
+    std::filesystem::remove_all(temp.path() + "/gone");
+    EXPECT_NO_THROW(fs->syncBatch());
+    EXPECT_EQ(folderEntries(temp.path() + "/kept"), std::vector<std::string>{"00.brick"});
+    EXPECT_EQ(readFile(temp.path() + "/kept/00.brick"), "kept");
+}
+
 TEST_F(LocalFileSystemTest, StoreFromAShortSourceLeavesNoTemporaryFile)
 {
     P<CSource> source(new CSource("only five"));

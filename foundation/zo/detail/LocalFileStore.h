@@ -7,13 +7,22 @@
 
 namespace zo {
 
+// How much of a store is durable when storeLocalFile returns.
+enum class LocalStoreSync {
+    None,    // nothing is synced
+    Content, // the file's bytes (fdatasync before the rename), not its folder entry
+    Full,    // the file's bytes and its folder entry (fsync of the folder after the rename)
+};
+
 // Stores exactly `size` bytes of `source` as `file`. With `overwrite` an
 // existing file is replaced (rename), without it an existing target fails
-// with AlreadyExists (link). With `sync` the file and its folder are fsynced
-// before the call returns. Throws CFileSystemError (NotFound when a folder on
-// the path is missing), CIOError EndOfData when the source delivers fewer
-// bytes, or whatever the source throws; no temporary file remains then.
-void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, bool sync);
+// with AlreadyExists (link). `sync` says what is durable before the call
+// returns; the bytes are always synced before the rename when anything is,
+// so that a crash leaves the old file or the whole new one. Throws
+// CFileSystemError (NotFound when a folder on the path is missing), CIOError
+// EndOfData when the source delivers fewer bytes, or whatever the source
+// throws; no temporary file remains then.
+void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, LocalStoreSync sync);
 
 // Copies `from` to `to`, leaving `from` in place: a hard link where both lie
 // on one file system (this file system replaces files by renaming, never
