@@ -82,4 +82,9 @@ int CForwardingFileSystem::removeTemporaryFiles(const CURI& folder)
     return m_inner->removeTemporaryFiles(folder);
 }
 
+void CForwardingFileSystem::syncBatch()
+{
+    m_inner->syncBatch();
+}
+
 } // namespace zo

@@ -2,6 +2,9 @@
 // A wrapper that changes a few calls (counting, failing, holding back or
 // altering them) derives from it and overrides only those; the rest pass
 // through unchanged, with the inner file system's results and errors.
+// Batched stores go through this file system's beginStoreFile (so that a
+// wrapper which changes stores sees them all) and are durable when they
+// end; syncBatch is passed on, for the folders and deletions it covers.
 //
 // It keeps a counted reference to the inner file system; the calls may come
 // from any thread the inner file system allows.
@@ -35,6 +38,7 @@ public:
     TList<String> listFolder(const CURI& folder) override;
     P<IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override;
     int removeTemporaryFiles(const CURI& folder) override;
+    void syncBatch() override;
 
 protected:
     IFileSystem* getInner() const { return m_inner.get(); }
