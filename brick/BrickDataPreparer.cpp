@@ -25,7 +25,6 @@ using layout::kBrickFileID;
 using layout::kBrickFileIDSize;
 using layout::kBrickIndexSize;
 using layout::kFixedHeaderSize;
-using layout::kIndexBoundDigestID;
 using layout::kBrickKeySaltSize;
 using layout::kSealedHeaderSize;
 using layout::kSealedTagSize;
@@ -84,7 +83,7 @@ CBrickDataPreparer::CBrickDataPreparer(const CBrickDiskHeader& header, const zo:
       m_key(key),
       m_digest(createDigest(header.getCheckSumHashID(), key)),
       m_digestSize(m_digest->getSize()),
-      m_bindsBrickIndex(header.getCheckSumHashID() == kIndexBoundDigestID),
+      m_bindsBrickIndex(header.getCheckSumHashID() == CBrickDiskHeader::kAuthenticatedCheckSumID),
       m_fixedHeaderSize(kFixedHeaderSize + (m_bindsBrickIndex ? kBrickIndexSize : 0)),
       m_compressor(createCompressor(header.getCompressID()))
 {
@@ -107,7 +106,7 @@ CBrickDataPreparer::CBrickDataPreparer(const CBrickDiskHeader& header, const zo:
 zo::P<seal::IDigestContext> CBrickDataPreparer::createDigest(const zo::String& checkSumHashID,
                                                              const zo::TCryptBuffer<zo::uint8>& key)
 {
-    if (checkSumHashID != kIndexBoundDigestID)
+    if (checkSumHashID != CBrickDiskHeader::kAuthenticatedCheckSumID)
         return seal::CDigestManager().getType(checkSumHashID)->createContext();
     // The digest key is derived, so that it never equals the cipher key.
     zo::TCryptBuffer<zo::uint8> digestKey;

@@ -81,10 +81,9 @@ void CBrickDisk::deriveCipherKey(zo::TCryptBuffer<zo::uint8>& key, const zo::Str
 
 bool CBrickDisk::isCipherKeyCorrect(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key)
 {
-    const zo::String cipherID = header.getCipherID();
-    if (cipherID == "null")
+    if (!header.isEncrypted())
         return true;
-    const zo::P<seal::ICipher> cipher = seal::CCipherManager().getCipher(cipherID);
+    const zo::P<seal::ICipher> cipher = seal::CCipherManager().getCipher(header.getCipherID());
     if (header.getCryptoHashID() == CBrickDiskKeyWrap::kKeyCheckID)
         return key.getUsed() == cipher->getKeySize() && CBrickDiskKeyWrap::keyCheckValue(key) == header.getCipherKeyHash();
     const zo::P<seal::IDigestType> digestType = seal::CDigestManager().getType(header.getCryptoHashID());
@@ -115,7 +114,7 @@ bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const 
 bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
                                           zo::TCryptBuffer<zo::uint8>* keyOut, bool allowExpensiveKeyDerivation)
 {
-    if (header.getCipherID() == "null") {
+    if (!header.isEncrypted()) {
         // An unencrypted disk has no password; any other answer is wrong.
         if (!password.isEmpty())
             return false;
@@ -187,7 +186,7 @@ void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, in
     CBrickDiskIdentity::giveNewIdentity(header, false);
     zo::TCryptBuffer<uint8> key;
     if (password.isEmpty()) {
-        header.setCipherID("null");
+        header.setCipherID(CBrickDiskHeader::kNoCipherID);
         setEmptyKeyHash(header);
     } else {
         header.setCipherID(cipherID);
@@ -205,7 +204,7 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
     CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
     zo::TCryptBuffer<uint8> key;
     if (password.isEmpty()) {
-        header.setCipherID("null");
+        header.setCipherID(CBrickDiskHeader::kNoCipherID);
     } else {
         TBuffer<uint8> salt(kSaltSize);
         {
@@ -375,7 +374,7 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
         throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, diskFolder);
     if (!isEncryptPasswordCorrect(m_header, password, &m_cipherKey, options.allowExpensiveKeyDerivation))
         throw CBrickDiskError(CBrickDiskError::IncorrectPassword, diskFolder);
-    if (m_header.getCipherID() != "null")
+    if (m_header.isEncrypted())
         m_cipher = seal::CCipherManager().getCipher(m_header.getCipherID());
     // Unknown digest IDs are refused here, before any brick is read.
     const seal::CDigestManager digests;

@@ -43,7 +43,7 @@ public:
     // in its header under a key derived from the password, and a check value
     // of the key (digest ID "hkdf-sha256"; see CBrickDiskKeyWrap); the key
     // checks below handle both. A disk whose cipher is "null" is not
-    // encrypted. These calls keep no state and may be
+    // encrypted (CBrickDiskHeader::isEncrypted). These calls keep no state and may be
     // called from any thread at once.
 
     // Derives the key for `password` (taken as its UTF-8 bytes) into `key`,
@@ -105,7 +105,7 @@ public:
                        const String& password, const String& compressorID, int brickSize);
 
     // The checksum ID of authenticated disks: "hmac-sha256".
-    static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";
+    static constexpr const char* kAuthenticatedCheckSumID = CBrickDiskHeader::kAuthenticatedCheckSumID;
     // The cipher of new encrypted authenticated disks: "aes256gcm", which
     // authenticates each brick file itself (see CBrickDataPreparer).
     static constexpr const char* kAuthenticatedCipherID = "aes256gcm";

@@ -107,7 +107,7 @@ int keyHashSize(const String& cryptoHashID)
 
 void validateKeyDerivation(const CBrickDiskHeader& header)
 {
-    const bool encrypted = header.getCipherID() != "null";
+    const bool encrypted = header.isEncrypted();
     const int saltSize = header.getCipherKeyDerivationSalt().getUsed();
     if (encrypted || saltSize != 0)
         checkRange(kSalt, saltSize, CBrickDiskHeaderLimits::kMinSaltSize, CBrickDiskHeaderLimits::kMaxSaltSize);
@@ -197,9 +197,9 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
             checkOneOf(kCryptoHashID, header.getCryptoHashID(), {"md5", "sha256"});
         // The authenticated cipher goes only with keyed, index-bound bricks and a wrapped key.
         if (wrapped && header.getCheckSumHashID() == CBrickDisk::kAuthenticatedCheckSumID)
-            checkOneOf(kCipherID, header.getCipherID(), {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", "null"});
+            checkOneOf(kCipherID, header.getCipherID(), {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
         else
-            checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", "null"});
+            checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", CBrickDiskHeader::kNoCipherID});
         const int keyHashLength = keyHashSize(header.getCryptoHashID());
         checkRange(kCipherKeyHash, header.getCipherKeyHash().getUsed(), keyHashLength, keyHashLength);
         checkCompressID(header.getCompressID());
@@ -218,7 +218,7 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
 
 void CBrickDiskHeaderLimits::checkKeyDerivationCost(const CBrickDiskHeader& header, bool allowExpensive)
 {
-    if (header.getCipherID() == "null")
+    if (!header.isEncrypted())
         return;
     if (!CBrickDiskKeyWrap::isKeyWrapped(header)) {
         const int iterations = header.getCipherKeyDerivationIterations();

@@ -12,7 +12,7 @@ namespace {
 
 bool isKeyed(const CBrickDiskHeader& header)
 {
-    return header.getCheckSumHashID() == layout::kIndexBoundDigestID;
+    return header.getCheckSumHashID() == CBrickDiskHeader::kAuthenticatedCheckSumID;
 }
 
 // The smallest brick file of the disk's format: its fixed fields and nothing encrypted.

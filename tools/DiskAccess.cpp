@@ -123,8 +123,7 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
 {
     const brick::CBrickDiskHeader header = loadDiskHeader(fs, folder);
     brick::CBrickDiskChain(fs, folder).validate();
-    const zo::String password =
-        header.getCipherID() == "null" ? zo::String() : passwords.forExistingDisk(folder.toLocalPath());
+    const zo::String password = header.isEncrypted() ? passwords.forExistingDisk(folder.toLocalPath()) : zo::String();
     brick::CBrickDisk::OpenOptions options;
     options.allowExpensiveKeyDerivation = passwords.allowsExpensiveKdf();
     return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps, options));
@@ -136,7 +135,7 @@ zo::TCryptBuffer<zo::uint8> keyForLinks(zo::IFileSystem* fs, const zo::CURI& fol
     // Also the header of a disk whose making or removal was cut short.
     brick::CBrickDiskHeader header;
     header.load(fs, folder);
-    if (!header.hasIdentity() || header.getCipherID() == "null")
+    if (!header.hasIdentity() || !header.isEncrypted())
         return key;
     const zo::String password = passwords.forExistingDisk(folder.toLocalPath());
     if (!brick::CBrickDisk::isEncryptPasswordCorrect(header, password, &key, passwords.allowsExpensiveKdf()))
