@@ -13,11 +13,10 @@
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
+#include "seal/Random.h"
 #include "zo/Error.h"
 #include "zo/FileSystem.h"
 #include "zo/Log.h"
-#include "zo/Mutex.h"
-#include "zo/Random.h"
 
 #include <algorithm>
 
@@ -207,10 +206,7 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
         header.setCipherID(CBrickDiskHeader::kNoCipherID);
     } else {
         TBuffer<uint8> salt(kSaltSize);
-        {
-            zo::CMutexLock lock(zo::CMTRand::getGlobalInstanceMutex());
-            zo::CMTRand::getGlobal().randData(salt.getData(), salt.getUsed());
-        }
+        seal::fillRandomBytes(salt.getData(), salt.getUsed());
         header.setCipherKeyDerivationSalt(salt);
         deriveCipherKey(key, password, header);
     }
