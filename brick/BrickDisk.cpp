@@ -145,62 +145,68 @@ bool CBrickDisk::isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& d
 
 // ---- Creation ---------------------------------------------------------------
 
-CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
-                                          int payloadBlockSize, const String& compressorID, int brickSize)
+CBrickDisk::CreateOptions CBrickDisk::withDefaults(const CreateOptions& options)
+{
+    const bool wrapped = options.keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID;
+    CreateOptions resolved = options;
+    if (resolved.checkSumID.isEmpty())
+        resolved.checkSumID = wrapped ? kAuthenticatedCheckSumID : "sha256";
+    if (resolved.cipherID.isEmpty())
+        resolved.cipherID = wrapped ? kAuthenticatedCipherID : "aes256cbc";
+    if (resolved.cost.passes == 0)
+        resolved.cost = CBrickDiskKeyWrap::getDefaultCost();
+    return resolved;
+}
+
+void CBrickDisk::checkCreateOptions(const CreateOptions& options)
+{
+    const CreateOptions resolved = withDefaults(options);
+    CBrickDiskHeaderLimits::checkBrickSize(resolved.brickSize);
+    CBrickDiskHeaderLimits::checkDiskSize(resolved.diskSize, resolved.brickSize);
+    CBrickDiskHeaderLimits::checkPayloadBlockSize(resolved.payloadBlockSize, resolved.brickSize);
+    CBrickDiskHeaderLimits::checkCompressID(resolved.compressorID);
+    CBrickDiskHeaderLimits::checkNewDiskAlgorithms(resolved.keyDeriverID, resolved.checkSumID, resolved.cipherID);
+}
+
+CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolder, const CreateOptions& options)
 {
     // Nothing is made for a disk that could not be opened.
-    const int64 storedBrickSize = brickSize != -1 ? brickSize : CBrickDiskHeader().getBrickSize();
-    CBrickDiskHeaderLimits::checkBrickSize(storedBrickSize);
-    CBrickDiskHeaderLimits::checkDiskSize(diskSize, storedBrickSize);
-    CBrickDiskHeaderLimits::checkPayloadBlockSize(payloadBlockSize, storedBrickSize);
-    CBrickDiskHeaderLimits::checkCompressID(compressorID);
+    checkCreateOptions(options);
     fs->createFolder(diskFolder, kFolderMode);
     if (fs->fileExists(CBrickDiskHeader::getHeaderURI(diskFolder, 0)))
         throw CError("Cannot create brick disk in a folder that already contains one.", String(), -1,
                      zo::CProps().add("diskFolder", diskFolder.toString(true)));
 
     CBrickDiskHeader header;
-    header.setDiskSize(diskSize);
-    header.setPayloadBlockSize(payloadBlockSize);
-    header.setCompressID(compressorID);
-    if (brickSize != -1)
-        header.setBrickSize(brickSize);
+    header.setDiskSize(options.diskSize);
+    header.setBrickSize(options.brickSize);
+    header.setPayloadBlockSize(options.payloadBlockSize);
+    header.setCompressID(options.compressorID);
+    header.setCheckSumHashID(options.checkSumID);
     return header;
 }
 
-void CBrickDisk::setEmptyKeyHash(CBrickDiskHeader& header)
+void CBrickDisk::setUpWrappedKey(CBrickDiskHeader& header, const String& password, const String& cipherID,
+                                 const seal::Argon2idCost& cost)
 {
-    const P<seal::IDigestContext> digest = seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
-    digest->finish();
-    header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
-}
-
-void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
-                                     const String& password, const String& compressorID, int brickSize,
-                                     const seal::Argon2idCost& cost, const String& cipherID)
-{
-    CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
-    header.setCheckSumHashID(kAuthenticatedCheckSumID);
     // Before the key is wrapped: the wrap binds that the disk has one.
     CBrickDiskIdentity::giveNewIdentity(header, false);
     zo::TCryptBuffer<uint8> key;
     if (password.isEmpty()) {
         header.setCipherID(CBrickDiskHeader::kNoCipherID);
-        setEmptyKeyHash(header);
+        const P<seal::IDigestContext> digest =
+            seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
+        digest->finish();
+        header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
     } else {
         header.setCipherID(cipherID);
         CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
     }
     CBrickDiskIdentity::sealIdentity(header, key);
-    CBrickDiskHeaderLimits::validate(header, diskFolder);
-    CBrickDiskCreationTime::storeNow(fs, diskFolder);
-    header.store(fs, diskFolder);
 }
 
-void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
-                        const String& password, const String& compressorID, int brickSize)
+void CBrickDisk::setUpDerivedKey(CBrickDiskHeader& header, const String& password)
 {
-    CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
     zo::TCryptBuffer<uint8> key;
     if (password.isEmpty()) {
         header.setCipherID(CBrickDiskHeader::kNoCipherID);
@@ -210,15 +216,53 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
         header.setCipherKeyDerivationSalt(salt);
         deriveCipherKey(key, password, header);
     }
-
     const P<seal::IDigestContext> digest = seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
     digest->update(key.getData(), key.getUsed());
     digest->finish();
     header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
+}
 
+void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, const String& password,
+                        const CreateOptions& options)
+{
+    const CreateOptions resolved = withDefaults(options);
+    CBrickDiskHeader header = startNewDisk(fs, diskFolder, resolved);
+    if (resolved.keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID)
+        setUpWrappedKey(header, password, resolved.cipherID, resolved.cost);
+    else
+        setUpDerivedKey(header, password);
     CBrickDiskHeaderLimits::validate(header, diskFolder);
     CBrickDiskCreationTime::storeNow(fs, diskFolder);
     header.store(fs, diskFolder);
+}
+
+void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
+                                     const String& password, const String& compressorID, int brickSize,
+                                     const seal::Argon2idCost& cost, const String& cipherID)
+{
+    CreateOptions options;
+    options.diskSize = diskSize;
+    if (brickSize != -1)
+        options.brickSize = brickSize;
+    options.payloadBlockSize = payloadBlockSize;
+    options.compressorID = compressorID;
+    options.cipherID = cipherID;
+    options.cost = cost;
+    create(fs, diskFolder, password, options);
+}
+
+void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
+                        const String& password, const String& compressorID, int brickSize)
+{
+    CreateOptions options;
+    options.diskSize = diskSize;
+    if (brickSize != -1)
+        options.brickSize = brickSize;
+    options.payloadBlockSize = payloadBlockSize;
+    options.compressorID = compressorID;
+    options.keyDeriverID = CBrickDiskHeader::kPBKDF2DeriverID;
+    options.checkSumID = "md5";
+    create(fs, diskFolder, password, options);
 }
 
 void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,

@@ -90,6 +90,56 @@ public:
 
     // ---- Creation -------------------------------------------------------
 
+    // Every choice of a new disk's header, for the create call below.
+    struct CreateOptions {
+        // The disk's size in bytes, at least 1 and at most the bricks that
+        // the brick tree addresses (CBrickDiskHeaderLimits::checkDiskSize).
+        int64 diskSize = 0;
+        // A power of two from 4 KiB to 64 MiB.
+        int brickSize = 0x80000;
+        // From 1 to the brick size.
+        int payloadBlockSize = 1;
+        // An ID of CBrickDiskHeaderLimits::isValidCompressID.
+        String compressorID = "lz4";
+        // How the cipher key comes from the password:
+        // CBrickDiskHeader::kKeyWrappingDeriverID (a random key wrapped
+        // under an Argon2id key, authenticated bricks and an identity; see
+        // createAuthenticated) or CBrickDiskHeader::kPBKDF2DeriverID (the key
+        // derived from the password itself, as older disks have it).
+        String keyDeriverID = CBrickDiskHeader::kKeyWrappingDeriverID;
+        // The brick digest; empty for the deriver's default. A wrapped key
+        // goes only with kAuthenticatedCheckSumID (its default), a PBKDF2 key
+        // with "sha256" (its default) or "md5".
+        String checkSumID;
+        // The cipher of an encrypted disk; empty for the deriver's default.
+        // A wrapped key goes with kAuthenticatedCipherID (its default) or
+        // "aes256cbc", a PBKDF2 key only with "aes256cbc". An empty password
+        // makes an unencrypted disk all the same (the choice is still checked).
+        String cipherID;
+        // The Argon2id cost of a wrapped key; passes 0 for
+        // CBrickDiskKeyWrap::getDefaultCost(). Not used by PBKDF2.
+        seal::Argon2idCost cost{0, 0, 0};
+    };
+
+    // Throws the zo::CError of CBrickDiskHeaderLimits ("field", "value")
+    // for the first choice of `options` that a new disk cannot have, in the
+    // order brick size, disk size, payload block size, compressor ID, key
+    // deriver, checksum ID and cipher ID. Touches nothing. Any thread.
+    static void checkCreateOptions(const CreateOptions& options);
+
+    // Makes a new, empty disk in `diskFolder` (created with its missing
+    // parents) with every choice of `options` in its header, which is
+    // written once: its creation time (CBrickDiskCreationTime), then its
+    // header, each with its fallback copy. An empty password makes an
+    // unencrypted disk. Throws what checkCreateOptions throws before
+    // anything is made, zo::CInvalidArgError for a cost that Argon2id
+    // refuses, CError "Cannot create brick disk in a folder that
+    // already contains one." (with "diskFolder") when the folder holds a
+    // header already, and passes on the errors of the file system and of
+    // key derivation. Any thread.
+    static void create(IFileSystem* fs, const CURI& diskFolder, const String& password,
+                       const CreateOptions& options);
+
     // Makes a new, empty disk in `diskFolder` (created with its missing
     // parents): writes its creation time (CBrickDiskCreationTime), then its
     // header, `disk.brickdisk`, each with its fallback copy. An empty
@@ -101,6 +151,8 @@ public:
     // anything is made) for a disk size, brick size, payload block size or
     // compressor ID outside its limits, and passes on the errors of the file
     // system and of key derivation. Any thread.
+    // The disk has the checksum ID "md5" and the key deriver
+    // CBrickDiskHeader::kPBKDF2DeriverID (the create call above with those).
     static void create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                        const String& password, const String& compressorID, int brickSize);
 
@@ -286,12 +338,18 @@ protected:
     [[noreturn]] void throwIOError(zo::CIOError::Code code, const zo::CProps& props) const;
 
 private:
+    // `options` with the deriver's defaults for an empty checksum, cipher
+    // and cost.
+    static CreateOptions withDefaults(const CreateOptions& options);
     // Creates the folder of a new disk, checks that it holds no disk yet and
-    // returns a default header with the caller's choices.
-    static CBrickDiskHeader startNewDisk(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
-                                         int payloadBlockSize, const String& compressorID, int brickSize);
-    // Sets the key hash of an unencrypted disk: the digest of no bytes.
-    static void setEmptyKeyHash(CBrickDiskHeader& header);
+    // returns a default header with the choices of `options` (checked).
+    static CBrickDiskHeader startNewDisk(IFileSystem* fs, const CURI& diskFolder, const CreateOptions& options);
+    // The header of a new disk whose key is derived from the password itself.
+    static void setUpDerivedKey(CBrickDiskHeader& header, const String& password);
+    // The header of a new disk with an identity and, for a non-empty
+    // password, a wrapped random key.
+    static void setUpWrappedKey(CBrickDiskHeader& header, const String& password, const String& cipherID,
+                                const seal::Argon2idCost& cost);
     void followParentLinks();
     [[noreturn]] void throwShortBrickError() const;
     // Moves the current brick object to the position; throws the short brick

@@ -23,6 +23,9 @@ public:
     // The deriver ID of disks whose cipher key is random and stored wrapped
     // under an Argon2id key derived from the password.
     static constexpr const char* kKeyWrappingDeriverID = "argon2id";
+    // The deriver ID of disks whose cipher key is derived from the password
+    // itself with PBKDF2.
+    static constexpr const char* kPBKDF2DeriverID = "PKCS5-PBKDF2-HMAC-SHA1";
     // The checksum ID of authenticated disks: keyed digests (HMAC-SHA256)
     // that bind every brick file to its brick index.
     static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";

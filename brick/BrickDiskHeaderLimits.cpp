@@ -18,7 +18,7 @@ using zo::String;
 
 namespace {
 
-constexpr const char* kPBKDF2DeriverID = "PKCS5-PBKDF2-HMAC-SHA1";
+constexpr const char* kPBKDF2DeriverID = CBrickDiskHeader::kPBKDF2DeriverID;
 constexpr int kCipherKeySize = 32;
 constexpr int64 kMaxInt = std::numeric_limits<int>::max();
 // Long text values are cut in messages: a record holds up to 1 MiB.
@@ -174,6 +174,19 @@ void CBrickDiskHeaderLimits::checkCompressID(const String& id)
 {
     if (!isValidCompressID(id))
         fail(kCompressID, shown(id), "null, lz4, lz4hc, zlib-L, lzma-P, lzma-P-E or zstd-Z; L and P 0 to 9, E 0 or 1, Z 1 to 19");
+}
+
+void CBrickDiskHeaderLimits::checkNewDiskAlgorithms(const String& keyDeriverID, const String& checkSumID,
+                                                    const String& cipherID)
+{
+    checkOneOf(kDeriverID, keyDeriverID, {CBrickDiskHeader::kKeyWrappingDeriverID, kPBKDF2DeriverID});
+    if (keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID) {
+        checkOneOf(kCheckSumHashID, checkSumID, {CBrickDiskHeader::kAuthenticatedCheckSumID});
+        checkOneOf(kCipherID, cipherID, {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
+    } else {
+        checkOneOf(kCheckSumHashID, checkSumID, {"sha256", "md5"});
+        checkOneOf(kCipherID, cipherID, {"aes256cbc", CBrickDiskHeader::kNoCipherID});
+    }
 }
 
 void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::CURI& diskFolder)
