@@ -1,5 +1,6 @@
 #include "brick/BrickDiskBlockDevice.h"
 
+#include "brick/BrickTree.h"
 #include "zo/Log.h"
 
 #include <algorithm>
@@ -752,7 +753,7 @@ CBrickDiskBlockDevice::ExtentKind CBrickDiskBlockDevice::kindOfBrick(int64 index
             return isAllZero(*pending->second->data) ? ExtentKind::Zero : ExtentKind::Data;
         disk = m_disk;
     }
-    const zo::CURI relativeURI = CBrick::getRelativeBrickURI(disk->getHeader(), index);
+    const zo::CURI relativeURI = CBrickTree::getRelativeBrickURI(disk->getHeader(), index);
     zo::IFileSystem* fs = disk->getFileSystem();
     if (fs->fileExists(disk->getDiskFolder() << relativeURI))
         return ExtentKind::Data;

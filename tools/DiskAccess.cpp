@@ -2,9 +2,9 @@
 
 #include "UsageError.h"
 
-#include "brick/Brick.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskError.h"
+#include "brick/BrickTree.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -204,7 +204,7 @@ std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& fol
 
 zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index)
 {
-    const zo::CURI relative = brick::CBrick::getRelativeBrickURI(disk.getHeader(), index);
+    const zo::CURI relative = brick::CBrickTree::getRelativeBrickURI(disk.getHeader(), index);
     if (fs->fileExists(disk.getDiskFolder() << relative))
         return disk.getDiskFolder() << relative;
     for (const zo::CURI& folder : disk.getParentDiskFolders()) {
