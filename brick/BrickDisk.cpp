@@ -570,15 +570,13 @@ void CBrickDisk::throwShortBrickError() const
     throw zo::CIOError(zo::CIOError::InvalidData, "Brick holds fewer bytes than the disk expects.",
                        zo::CProps()
                            .add("diskFolder", m_diskFolder.toString(true))
-                           .add("brickIndex", m_brickSize > 0 ? m_position / m_brickSize : 0)
+                           .add("brickIndex", m_position / m_brickSize)
                            .add("position", m_position));
 }
 
 void CBrickDisk::seekCurrentBrickToPosition()
 {
-    // Creation stores any brick size; bricks of no bytes hold no position.
-    if (m_brickSize < 1)
-        throwShortBrickError();
+    // The header's limits, checked at creation and load, keep bricks at 4 KiB or more.
     m_currentBrick->seek(m_position / m_brickSize, static_cast<int>(m_position % m_brickSize));
 }
 
@@ -596,8 +594,7 @@ void CBrickDisk::read(void* buffer, int size)
     auto* dst = static_cast<uint8*>(buffer);
     int64 remaining = size;
     while (remaining > 0) {
-        // At the end; a disk whose size is below 0 (creation stores any
-        // size) is always at its end.
+        // At the end.
         if (m_position >= m_diskSize)
             throwIOError(zo::CIOError::EndOfData, zo::CProps());
         const int64 count = std::min(remaining, m_diskSize - m_position);
@@ -648,8 +645,6 @@ P<CBrickStorer> CBrickDisk::writePreparedBrickData(const TBuffer<uint8>* prepare
     if (m_position >= m_diskSize)
         throw zo::CIOError(zo::CIOError::WriteBeyondSize, "Prepared brick write exceeds disk size.",
                            props("diskSize", m_diskSize));
-    if (m_brickSize < 1)
-        throwShortBrickError();
     if (m_position % m_brickSize != 0)
         throw zo::CIOError(zo::CIOError::NotOnBoundary,
                            "Prepared brick write in brick disk can only be done on a brick boundary.",

@@ -298,8 +298,7 @@ public:
     // Reads `size` bytes from the position on (nothing for size < 1). A read
     // that passes the end copies what there is, leaves the position at the
     // end and then throws CIOError 4. Passes on a brick's load error. A brick
-    // that holds fewer bytes than the brick size (or a brick size below 1)
-    // throws CIOError 5 ("diskFolder", "brickIndex", "position") when the
+    // that holds fewer bytes than the brick size throws CIOError 5 ("diskFolder", "brickIndex", "position") when the
     // read reaches past its bytes. Bytes read before an error stay counted
     // in the position.
     void read(void* buffer, int size);
@@ -312,8 +311,8 @@ public:
     // the position, which must be a brick boundary before the end, and
     // advances by one brick (not past the end). `listener` (may be null)
     // hears the end of the store. Throws CIOError 3 at or past the end,
-    // CIOError 5 when the brick size is below 1, CIOError 11 off a boundary,
-    // CError when not opened for writing, checked in this order.
+    // CIOError 11 off a boundary, CError when not opened for writing,
+    // checked in this order.
     P<CBrickStorer> writePreparedBrickData(const TBuffer<uint8>* preparedData, IDoneListener* listener);
 
     static String getParentLinkFileName() { return "parent.bricklnk"; }
