@@ -76,6 +76,7 @@
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
+#include "brick/BrickTree.h"
 #include "brick/DiskStore.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
@@ -518,7 +519,7 @@ private:
 
     void readBrickFile(zo::int64 index, Bytes& bytes)
     {
-        const zo::CURI file = m_folder << brick::CBrick::getRelativeBrickURI(m_disk->getHeader(), index);
+        const zo::CURI file = m_folder << brick::CBrickTree::getRelativeBrickURI(m_disk->getHeader(), index);
         const zo::P<zo::IIOStream> stream = m_fs->openStream(file, zo::IIOStream::AccessRead, 0);
         bytes.setUsed(bytes.getCapacity());
         bytes.setUsed(stream->readLax(bytes.getData(), bytes.getUsed()));

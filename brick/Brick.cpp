@@ -1,5 +1,7 @@
 #include "brick/Brick.h"
 
+#include "brick/BrickTree.h"
+
 #include "zo/Log.h"
 #include "zo/Time.h"
 
@@ -11,26 +13,6 @@ namespace brick {
 
 using zo::CFileSystemError;
 using zo::String;
-
-namespace {
-
-// Number of hexadecimal digits of `objectsPerTreeLevel` itself, the minimum
-// width of every name part of the brick tree.
-int hexDigitWidthFor(int objectsPerTreeLevel)
-{
-    int width = 1;
-    int q = objectsPerTreeLevel / 16;
-    if (q > 0) {
-        width = 1;
-        while (q != 0) {
-            ++width;
-            q >>= 4;
-        }
-    }
-    return width;
-}
-
-} // namespace
 
 CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
                const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps)
@@ -154,38 +136,7 @@ bool CBrick::storedFileHolds(const TBuffer<uint8>& plain, const TBuffer<uint8>* 
 
 CURI CBrick::getRelativeBrickURI()
 {
-    return getRelativeBrickURI(m_header, m_brickIndex);
-}
-
-CURI CBrick::getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickIndex)
-{
-    const int levels = std::max(0, header.getTreeLevels());
-    const int64 perLevel = header.getObjectsPerTreeLevel();
-    std::vector<int> digits(static_cast<size_t>(levels));
-    int64 n = brickIndex;
-    for (int level = 0; level < levels; ++level) {
-        digits[static_cast<size_t>(level)] = static_cast<int>(n % perLevel);
-        n /= perLevel;
-    }
-    CURI uri(String("bricks"));
-    for (int level = levels - 1; level >= 0; --level)
-        uri = uri << getTreeEntryName(header, level, digits[static_cast<size_t>(level)]);
-    return uri;
-}
-
-String CBrick::getTreeEntryName(const CBrickDiskHeader& header, int level, int digit)
-{
-    const int hexDigitWidth = hexDigitWidthFor(header.getObjectsPerTreeLevel());
-    const String hex = zo::toHexString(digit);
-    String name;
-    if (level > 0)
-        name += static_cast<wchar_t>(0x60 + level);
-    for (size_t i = hex.getLength(); i < static_cast<size_t>(hexDigitWidth); ++i)
-        name += "0";
-    name += hex;
-    if (level == 0)
-        name += ".brick";
-    return name;
+    return CBrickTree::getRelativeBrickURI(m_header, m_brickIndex);
 }
 
 void CBrick::loadBrickPayload()

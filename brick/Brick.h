@@ -77,15 +77,9 @@ public:
     // decoded counts as different, and the store goes ahead.
     bool storedFileHolds(const TBuffer<uint8>& plain, const TBuffer<uint8>* prepared);
 
-    // The current brick's file, relative to a disk folder:
-    // "bricks/<level T-1>/.../<level 1>/<level 0>.brick".
+    // The current brick's file, relative to a disk folder
+    // (CBrickTree::getRelativeBrickURI).
     CURI getRelativeBrickURI();
-    // The file of brick `brickIndex` of any disk with `header`'s tree shape,
-    // relative to its folder; needs no brick object. Thread-safe.
-    static CURI getRelativeBrickURI(const CBrickDiskHeader& header, int64 brickIndex);
-    // The name of the entry of the brick tree at `level` (0: the brick file,
-    // "<digits>.brick"; above: a folder, "<letter><digits>") for `digit`.
-    static zo::String getTreeEntryName(const CBrickDiskHeader& header, int level, int digit);
 
     // Starts saving the current brick if it changed. A failure to start is
     // logged and recorded, never thrown.

@@ -25,7 +25,6 @@ using layout::kBrickFileID;
 using layout::kBrickFileIDSize;
 using layout::kBrickIndexSize;
 using layout::kFixedHeaderSize;
-using layout::kIndexBoundDigestID;
 using layout::kBrickKeySaltSize;
 using layout::kSealedHeaderSize;
 using layout::kSealedTagSize;
@@ -66,9 +65,10 @@ zo::CProps unprepareProps()
     return zo::CProps().add("action", "CBrickDataPreparer::unprepareData");
 }
 
-[[noreturn]] void throwUnprepareError(const char* message, const zo::CProps& props = unprepareProps())
+[[noreturn]] void throwUnprepareError(CBrickDataPreparer::ErrorCode code, const char* message,
+                                      const zo::CProps& props = unprepareProps())
 {
-    throw zo::CError(message, zo::String(), -1, props);
+    throw zo::CError(message, CBrickDataPreparer::kErrorDomain, code, props);
 }
 
 int parseInt(const zo::String& text)
@@ -84,7 +84,7 @@ CBrickDataPreparer::CBrickDataPreparer(const CBrickDiskHeader& header, const zo:
       m_key(key),
       m_digest(createDigest(header.getCheckSumHashID(), key)),
       m_digestSize(m_digest->getSize()),
-      m_bindsBrickIndex(header.getCheckSumHashID() == kIndexBoundDigestID),
+      m_bindsBrickIndex(header.getCheckSumHashID() == CBrickDiskHeader::kAuthenticatedCheckSumID),
       m_fixedHeaderSize(kFixedHeaderSize + (m_bindsBrickIndex ? kBrickIndexSize : 0)),
       m_compressor(createCompressor(header.getCompressID()))
 {
@@ -107,7 +107,7 @@ CBrickDataPreparer::CBrickDataPreparer(const CBrickDiskHeader& header, const zo:
 zo::P<seal::IDigestContext> CBrickDataPreparer::createDigest(const zo::String& checkSumHashID,
                                                              const zo::TCryptBuffer<zo::uint8>& key)
 {
-    if (checkSumHashID != kIndexBoundDigestID)
+    if (checkSumHashID != CBrickDiskHeader::kAuthenticatedCheckSumID)
         return seal::CDigestManager().getType(checkSumHashID)->createContext();
     // The digest key is derived, so that it never equals the cipher key.
     zo::TCryptBuffer<zo::uint8> digestKey;
@@ -247,18 +247,18 @@ void CBrickDataPreparer::unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::T
     const zo::int64* boundIndex = m_bindsBrickIndex ? &brickIndex : nullptr;
     const int fullSize = prepared.getUsed();
     if (fullSize < m_digestSize)
-        throwUnprepareError("Brick file is corrupted.");
+        throwUnprepareError(CorruptedFile, "Brick file is corrupted.");
     const int digestedSize = fullSize - m_digestSize;
     if (std::memcmp(digestOf(prepared.getData(), digestedSize), prepared.getData() + digestedSize,
                     static_cast<size_t>(m_digestSize)) != 0)
-        throwUnprepareError("Brick file is corrupted.");
+        throwUnprepareError(CorruptedFile, "Brick file is corrupted.");
 
     const int headerSize = m_fixedHeaderSize + m_digestSize;
     const int cipherTextSize = fullSize - headerSize - m_digestSize;
     if (cipherTextSize < 0) {
         // Too short for the fields after the versions: only ID and versions are checked first.
         checkFileHead(prepared.getData(), nullptr);
-        throwUnprepareError("Invalid size of prepared brick data.",
+        throwUnprepareError(InvalidSize, "Invalid size of prepared brick data.",
                             unprepareProps().add("fullSize", fullSize).add("headerSize", headerSize));
     }
     checkFileHead(prepared.getData(), boundIndex);
@@ -270,26 +270,26 @@ void CBrickDataPreparer::unprepare(const zo::TBuffer<zo::uint8>& prepared, zo::T
 
     if (std::memcmp(digestOf(plain.getData(), plain.getUsed(), boundIndex), prepared.getData() + m_fixedHeaderSize,
                     static_cast<size_t>(m_digestSize)) != 0)
-        throwUnprepareError("Decrypted and decompressed brick data does not match hash.");
+        throwUnprepareError(PlainDigestMismatch, "Decrypted and decompressed brick data does not match hash.");
 }
 
 void CBrickDataPreparer::checkFileHead(const zo::uint8* fileHead, const zo::int64* brickIndex) const
 {
     if (std::memcmp(fileHead, kBrickFileID, kBrickFileIDSize) != 0)
-        throwUnprepareError("Invalid ID in brick data.");
+        throwUnprepareError(NotABrickFile, "Invalid ID in brick data.");
     const auto readInt16 = [fileHead](int offset) {
         return static_cast<int>(static_cast<int16_t>(fileHead[offset] | (fileHead[offset + 1] << 8)));
     };
     const int minReadVersion = readInt16(kBrickFileIDSize);
     const int writeVersion = readInt16(kBrickFileIDSize + 2);
     if (minReadVersion > kImplementationVersion)
-        throwUnprepareError("Newer software version required to read brick data.",
+        throwUnprepareError(NewerSoftwareRequired, "Newer software version required to read brick data.",
                             unprepareProps().add("minReadVersion", minReadVersion).add("writeVersion", writeVersion));
     if (!brickIndex)
         return;
     const zo::int64 storedIndex = decodeBrickIndex(fileHead + kFixedHeaderSize);
     if (storedIndex != *brickIndex)
-        throwUnprepareError("Brick file belongs to another brick index.",
+        throwUnprepareError(WrongBrickIndex, "Brick file belongs to another brick index.",
                             unprepareProps().add("brickIndex", *brickIndex).add("storedBrickIndex", storedIndex));
 }
 
@@ -341,18 +341,23 @@ void CBrickDataPreparer::unsealBrick(const zo::TBuffer<zo::uint8>& prepared, zo:
 {
     const int fullSize = prepared.getUsed();
     if (fullSize < kSealedHeaderSize + kSealedTagSize)
-        throwUnprepareError("Brick file is corrupted.");
+        throwUnprepareError(CorruptedFile, "Brick file is corrupted.");
     const zo::uint8* const head = prepared.getData();
     deriveBrickKey(head + kFixedHeaderSize + kBrickIndexSize);
     const zo::TBuffer<zo::uint8>& associated = associatedData(head);
     m_work.setUsed(0);
     if (!m_aead->decryptWithNonce(m_brickKey, kSealedNonce, associated.getData(), associated.getUsed(),
                                   head + kSealedHeaderSize, fullSize - kSealedHeaderSize, m_work))
-        throwUnprepareError("Brick file is corrupted.");
+        throwUnprepareError(CorruptedFile, "Brick file is corrupted.");
     checkFileHead(head, &brickIndex);
     const int brickSize = static_cast<int>(m_brickSize);
     plain.setUsed(brickSize);
     plain.setUsed(m_compressor->decompress(m_work.getData(), m_work.getUsed(), plain.getData(), brickSize));
+}
+
+bool CBrickDataPreparer::isError(const zo::CError& error, ErrorCode code)
+{
+    return error.getDomain() == kErrorDomain && error.getCode() == code;
 }
 
 } // namespace brick

@@ -59,6 +59,7 @@
 #include "zo/Base.h"
 #include "zo/Buffer.h"
 #include "zo/Compressor.h"
+#include "zo/Error.h"
 #include "zo/Export.h"
 #include "zo/String.h"
 
@@ -68,6 +69,28 @@ class CBrickDiskHeader;
 
 class BRICKDISK_EXPORT CBrickDataPreparer : public zo::CBase {
 public:
+    // The domain (zo::CError::getDomain) of the errors that decoding a brick
+    // file throws for what is wrong with the file, and their codes
+    // (zo::CError::getCode), which callers test instead of the messages.
+    static constexpr const char* kErrorDomain = "brickData";
+    enum ErrorCode : int {
+        // The file's outer digest or its authenticated cipher's tag does
+        // not match its bytes.
+        CorruptedFile = 1,
+        // The file does not start with the brick file ID.
+        NotABrickFile = 2,
+        // The file needs a newer reader.
+        NewerSoftwareRequired = 3,
+        // The file is too short for the fields of a brick file.
+        InvalidSize = 4,
+        // The decoded bytes do not match the digest of the plain bytes.
+        PlainDigestMismatch = 5,
+        // The file holds the index of another brick.
+        WrongBrickIndex = 6,
+    };
+    // True when `error` is the decoding error with `code`.
+    static bool isError(const zo::CError& error, ErrorCode code);
+
     // Sets the preparer up for the disk that `header` describes: its brick
     // size, cipher ("cipherID"), checksum digest ("checkSumHashID") and
     // compressor ("compressID"). `key`, the disk's cipher key, is copied.
@@ -102,8 +125,9 @@ public:
     void prepareData(const zo::TBuffer<zo::uint8>& source, zo::TBuffer<zo::uint8>& prepared, zo::int64 brickIndex);
     // Decodes the brick file of the brick at `brickIndex`, as unprepareData
     // below. When the bricks are bound to their index, a file that holds
-    // another brick's index throws zo::CError "Brick file belongs to another
-    // brick index." with "action", "brickIndex" and "storedBrickIndex".
+    // another brick's index throws zo::CError WrongBrickIndex "Brick file
+    // belongs to another brick index." with "action", "brickIndex" and
+    // "storedBrickIndex".
     void unprepareData(const zo::TBuffer<zo::uint8>& prepared, zo::TBuffer<zo::uint8>& plain, zo::int64 brickIndex);
 
     // Writes the brick file bytes for `source` into `prepared` (another
@@ -118,14 +142,16 @@ public:
     // Verifies and decodes the brick file bytes `prepared` into `plain`
     // (another buffer), replacing what it held; `plain` gets room for a whole
     // brick. Throws zo::CError with the property "action" =
-    // "CBrickDataPreparer::unprepareData" when the file is damaged ("Brick
-    // file is corrupted."), is not a brick file ("Invalid ID in brick data."),
-    // needs a newer reader ("Newer software version required to read brick
-    // data.", with "minReadVersion" and "writeVersion"), is too short to hold
-    // a brick ("Invalid size of prepared brick data.", with "fullSize" and
-    // "headerSize"; a file of an authenticated cipher that is too short is
-    // corrupted) or decodes to bytes that do not match their digest
-    // ("Decrypted and decompressed brick data does not match hash."). Cipher
+    // "CBrickDataPreparer::unprepareData", domain kErrorDomain and the code
+    // named here when the file is damaged (CorruptedFile, "Brick file is
+    // corrupted."), is not a brick file (NotABrickFile, "Invalid ID in brick
+    // data."), needs a newer reader (NewerSoftwareRequired, "Newer software
+    // version required to read brick data.", with "minReadVersion" and
+    // "writeVersion"), is too short to hold a brick (InvalidSize, "Invalid
+    // size of prepared brick data.", with "fullSize" and "headerSize"; a
+    // file of an authenticated cipher that is too short is CorruptedFile) or
+    // decodes to bytes that do not match their digest (PlainDigestMismatch,
+    // "Decrypted and decompressed brick data does not match hash."). Cipher
     // and compressor errors pass through unchanged. After a failure
     // `plain` holds no meaningful bytes. Throws zo::CInvalidArgError
     // ("CBrickDataPreparer::unprepareData") when the bricks are bound to

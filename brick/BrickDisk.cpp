@@ -13,11 +13,10 @@
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
+#include "seal/Random.h"
 #include "zo/Error.h"
 #include "zo/FileSystem.h"
 #include "zo/Log.h"
-#include "zo/Mutex.h"
-#include "zo/Random.h"
 
 #include <algorithm>
 
@@ -81,10 +80,9 @@ void CBrickDisk::deriveCipherKey(zo::TCryptBuffer<zo::uint8>& key, const zo::Str
 
 bool CBrickDisk::isCipherKeyCorrect(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key)
 {
-    const zo::String cipherID = header.getCipherID();
-    if (cipherID == "null")
+    if (!header.isEncrypted())
         return true;
-    const zo::P<seal::ICipher> cipher = seal::CCipherManager().getCipher(cipherID);
+    const zo::P<seal::ICipher> cipher = seal::CCipherManager().getCipher(header.getCipherID());
     if (header.getCryptoHashID() == CBrickDiskKeyWrap::kKeyCheckID)
         return key.getUsed() == cipher->getKeySize() && CBrickDiskKeyWrap::keyCheckValue(key) == header.getCipherKeyHash();
     const zo::P<seal::IDigestType> digestType = seal::CDigestManager().getType(header.getCryptoHashID());
@@ -115,7 +113,7 @@ bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const 
 bool CBrickDisk::isEncryptPasswordCorrect(const CBrickDiskHeader& header, const zo::String& password,
                                           zo::TCryptBuffer<zo::uint8>* keyOut, bool allowExpensiveKeyDerivation)
 {
-    if (header.getCipherID() == "null") {
+    if (!header.isEncrypted()) {
         // An unencrypted disk has no password; any other answer is wrong.
         if (!password.isEmpty())
             return false;
@@ -147,83 +145,124 @@ bool CBrickDisk::isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& d
 
 // ---- Creation ---------------------------------------------------------------
 
-CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
-                                          int payloadBlockSize, const String& compressorID, int brickSize)
+CBrickDisk::CreateOptions CBrickDisk::withDefaults(const CreateOptions& options)
+{
+    const bool wrapped = options.keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID;
+    CreateOptions resolved = options;
+    if (resolved.checkSumID.isEmpty())
+        resolved.checkSumID = wrapped ? kAuthenticatedCheckSumID : "sha256";
+    if (resolved.cipherID.isEmpty())
+        resolved.cipherID = wrapped ? kAuthenticatedCipherID : "aes256cbc";
+    if (resolved.cost.passes == 0)
+        resolved.cost = CBrickDiskKeyWrap::getDefaultCost();
+    return resolved;
+}
+
+void CBrickDisk::checkCreateOptions(const CreateOptions& options)
+{
+    const CreateOptions resolved = withDefaults(options);
+    CBrickDiskHeaderLimits::checkBrickSize(resolved.brickSize);
+    CBrickDiskHeaderLimits::checkDiskSize(resolved.diskSize, resolved.brickSize);
+    CBrickDiskHeaderLimits::checkPayloadBlockSize(resolved.payloadBlockSize, resolved.brickSize);
+    CBrickDiskHeaderLimits::checkCompressID(resolved.compressorID);
+    CBrickDiskHeaderLimits::checkNewDiskAlgorithms(resolved.keyDeriverID, resolved.checkSumID, resolved.cipherID);
+}
+
+CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolder, const CreateOptions& options)
 {
     // Nothing is made for a disk that could not be opened.
-    const int64 storedBrickSize = brickSize != -1 ? brickSize : CBrickDiskHeader().getBrickSize();
-    CBrickDiskHeaderLimits::checkBrickSize(storedBrickSize);
-    CBrickDiskHeaderLimits::checkDiskSize(diskSize, storedBrickSize);
-    CBrickDiskHeaderLimits::checkPayloadBlockSize(payloadBlockSize, storedBrickSize);
-    CBrickDiskHeaderLimits::checkCompressID(compressorID);
+    checkCreateOptions(options);
     fs->createFolder(diskFolder, kFolderMode);
     if (fs->fileExists(CBrickDiskHeader::getHeaderURI(diskFolder, 0)))
         throw CError("Cannot create brick disk in a folder that already contains one.", String(), -1,
                      zo::CProps().add("diskFolder", diskFolder.toString(true)));
 
     CBrickDiskHeader header;
-    header.setDiskSize(diskSize);
-    header.setPayloadBlockSize(payloadBlockSize);
-    header.setCompressID(compressorID);
-    if (brickSize != -1)
-        header.setBrickSize(brickSize);
+    header.setDiskSize(options.diskSize);
+    header.setBrickSize(options.brickSize);
+    header.setPayloadBlockSize(options.payloadBlockSize);
+    header.setCompressID(options.compressorID);
+    header.setCheckSumHashID(options.checkSumID);
     return header;
 }
 
-void CBrickDisk::setEmptyKeyHash(CBrickDiskHeader& header)
+void CBrickDisk::setUpWrappedKey(CBrickDiskHeader& header, const String& password, const String& cipherID,
+                                 const seal::Argon2idCost& cost)
 {
+    // Before the key is wrapped: the wrap binds that the disk has one.
+    CBrickDiskIdentity::giveNewIdentity(header, false);
+    zo::TCryptBuffer<uint8> key;
+    if (password.isEmpty()) {
+        header.setCipherID(CBrickDiskHeader::kNoCipherID);
+        const P<seal::IDigestContext> digest =
+            seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
+        digest->finish();
+        header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
+    } else {
+        header.setCipherID(cipherID);
+        CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
+    }
+    CBrickDiskIdentity::sealIdentity(header, key);
+}
+
+void CBrickDisk::setUpDerivedKey(CBrickDiskHeader& header, const String& password)
+{
+    zo::TCryptBuffer<uint8> key;
+    if (password.isEmpty()) {
+        header.setCipherID(CBrickDiskHeader::kNoCipherID);
+    } else {
+        TBuffer<uint8> salt(kSaltSize);
+        seal::fillRandomBytes(salt.getData(), salt.getUsed());
+        header.setCipherKeyDerivationSalt(salt);
+        deriveCipherKey(key, password, header);
+    }
     const P<seal::IDigestContext> digest = seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
+    digest->update(key.getData(), key.getUsed());
     digest->finish();
     header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
+}
+
+void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, const String& password,
+                        const CreateOptions& options)
+{
+    const CreateOptions resolved = withDefaults(options);
+    CBrickDiskHeader header = startNewDisk(fs, diskFolder, resolved);
+    if (resolved.keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID)
+        setUpWrappedKey(header, password, resolved.cipherID, resolved.cost);
+    else
+        setUpDerivedKey(header, password);
+    CBrickDiskHeaderLimits::validate(header, diskFolder);
+    CBrickDiskCreationTime::storeNow(fs, diskFolder);
+    header.store(fs, diskFolder);
 }
 
 void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                                      const String& password, const String& compressorID, int brickSize,
                                      const seal::Argon2idCost& cost, const String& cipherID)
 {
-    CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
-    header.setCheckSumHashID(kAuthenticatedCheckSumID);
-    // Before the key is wrapped: the wrap binds that the disk has one.
-    CBrickDiskIdentity::giveNewIdentity(header, false);
-    zo::TCryptBuffer<uint8> key;
-    if (password.isEmpty()) {
-        header.setCipherID("null");
-        setEmptyKeyHash(header);
-    } else {
-        header.setCipherID(cipherID);
-        CBrickDiskKeyWrap::setUpNewKey(header, password, cost, key);
-    }
-    CBrickDiskIdentity::sealIdentity(header, key);
-    CBrickDiskHeaderLimits::validate(header, diskFolder);
-    CBrickDiskCreationTime::storeNow(fs, diskFolder);
-    header.store(fs, diskFolder);
+    CreateOptions options;
+    options.diskSize = diskSize;
+    if (brickSize != -1)
+        options.brickSize = brickSize;
+    options.payloadBlockSize = payloadBlockSize;
+    options.compressorID = compressorID;
+    options.cipherID = cipherID;
+    options.cost = cost;
+    create(fs, diskFolder, password, options);
 }
 
 void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                         const String& password, const String& compressorID, int brickSize)
 {
-    CBrickDiskHeader header = startNewDisk(fs, diskFolder, diskSize, payloadBlockSize, compressorID, brickSize);
-    zo::TCryptBuffer<uint8> key;
-    if (password.isEmpty()) {
-        header.setCipherID("null");
-    } else {
-        TBuffer<uint8> salt(kSaltSize);
-        {
-            zo::CMutexLock lock(zo::CMTRand::getGlobalInstanceMutex());
-            zo::CMTRand::getGlobal().randData(salt.getData(), salt.getUsed());
-        }
-        header.setCipherKeyDerivationSalt(salt);
-        deriveCipherKey(key, password, header);
-    }
-
-    const P<seal::IDigestContext> digest = seal::CDigestManager().getType(header.getCryptoHashID())->createContext();
-    digest->update(key.getData(), key.getUsed());
-    digest->finish();
-    header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
-
-    CBrickDiskHeaderLimits::validate(header, diskFolder);
-    CBrickDiskCreationTime::storeNow(fs, diskFolder);
-    header.store(fs, diskFolder);
+    CreateOptions options;
+    options.diskSize = diskSize;
+    if (brickSize != -1)
+        options.brickSize = brickSize;
+    options.payloadBlockSize = payloadBlockSize;
+    options.compressorID = compressorID;
+    options.keyDeriverID = CBrickDiskHeader::kPBKDF2DeriverID;
+    options.checkSumID = "md5";
+    create(fs, diskFolder, password, options);
 }
 
 void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const CURI& parentDiskFolder,
@@ -375,7 +414,7 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
         throw CBrickDiskError(CBrickDiskError::NewerSoftwareRequired, diskFolder);
     if (!isEncryptPasswordCorrect(m_header, password, &m_cipherKey, options.allowExpensiveKeyDerivation))
         throw CBrickDiskError(CBrickDiskError::IncorrectPassword, diskFolder);
-    if (m_header.getCipherID() != "null")
+    if (m_header.isEncrypted())
         m_cipher = seal::CCipherManager().getCipher(m_header.getCipherID());
     // Unknown digest IDs are refused here, before any brick is read.
     const seal::CDigestManager digests;
@@ -533,15 +572,13 @@ void CBrickDisk::throwShortBrickError() const
     throw zo::CIOError(zo::CIOError::InvalidData, "Brick holds fewer bytes than the disk expects.",
                        zo::CProps()
                            .add("diskFolder", m_diskFolder.toString(true))
-                           .add("brickIndex", m_brickSize > 0 ? m_position / m_brickSize : 0)
+                           .add("brickIndex", m_position / m_brickSize)
                            .add("position", m_position));
 }
 
 void CBrickDisk::seekCurrentBrickToPosition()
 {
-    // Creation stores any brick size; bricks of no bytes hold no position.
-    if (m_brickSize < 1)
-        throwShortBrickError();
+    // The header's limits, checked at creation and load, keep bricks at 4 KiB or more.
     m_currentBrick->seek(m_position / m_brickSize, static_cast<int>(m_position % m_brickSize));
 }
 
@@ -559,8 +596,7 @@ void CBrickDisk::read(void* buffer, int size)
     auto* dst = static_cast<uint8*>(buffer);
     int64 remaining = size;
     while (remaining > 0) {
-        // At the end; a disk whose size is below 0 (creation stores any
-        // size) is always at its end.
+        // At the end.
         if (m_position >= m_diskSize)
             throwIOError(zo::CIOError::EndOfData, zo::CProps());
         const int64 count = std::min(remaining, m_diskSize - m_position);
@@ -611,8 +647,6 @@ P<CBrickStorer> CBrickDisk::writePreparedBrickData(const TBuffer<uint8>* prepare
     if (m_position >= m_diskSize)
         throw zo::CIOError(zo::CIOError::WriteBeyondSize, "Prepared brick write exceeds disk size.",
                            props("diskSize", m_diskSize));
-    if (m_brickSize < 1)
-        throwShortBrickError();
     if (m_position % m_brickSize != 0)
         throw zo::CIOError(zo::CIOError::NotOnBoundary,
                            "Prepared brick write in brick disk can only be done on a brick boundary.",

@@ -43,7 +43,7 @@ public:
     // in its header under a key derived from the password, and a check value
     // of the key (digest ID "hkdf-sha256"; see CBrickDiskKeyWrap); the key
     // checks below handle both. A disk whose cipher is "null" is not
-    // encrypted. These calls keep no state and may be
+    // encrypted (CBrickDiskHeader::isEncrypted). These calls keep no state and may be
     // called from any thread at once.
 
     // Derives the key for `password` (taken as its UTF-8 bytes) into `key`,
@@ -90,6 +90,56 @@ public:
 
     // ---- Creation -------------------------------------------------------
 
+    // Every choice of a new disk's header, for the create call below.
+    struct CreateOptions {
+        // The disk's size in bytes, at least 1 and at most the bricks that
+        // the brick tree addresses (CBrickDiskHeaderLimits::checkDiskSize).
+        int64 diskSize = 0;
+        // A power of two from 4 KiB to 64 MiB.
+        int brickSize = 0x80000;
+        // From 1 to the brick size.
+        int payloadBlockSize = 1;
+        // An ID of CBrickDiskHeaderLimits::isValidCompressID.
+        String compressorID = "lz4";
+        // How the cipher key comes from the password:
+        // CBrickDiskHeader::kKeyWrappingDeriverID (a random key wrapped
+        // under an Argon2id key, authenticated bricks and an identity; see
+        // createAuthenticated) or CBrickDiskHeader::kPBKDF2DeriverID (the key
+        // derived from the password itself, as older disks have it).
+        String keyDeriverID = CBrickDiskHeader::kKeyWrappingDeriverID;
+        // The brick digest; empty for the deriver's default. A wrapped key
+        // goes only with kAuthenticatedCheckSumID (its default), a PBKDF2 key
+        // with "sha256" (its default) or "md5".
+        String checkSumID;
+        // The cipher of an encrypted disk; empty for the deriver's default.
+        // A wrapped key goes with kAuthenticatedCipherID (its default) or
+        // "aes256cbc", a PBKDF2 key only with "aes256cbc". An empty password
+        // makes an unencrypted disk all the same (the choice is still checked).
+        String cipherID;
+        // The Argon2id cost of a wrapped key; passes 0 for
+        // CBrickDiskKeyWrap::getDefaultCost(). Not used by PBKDF2.
+        seal::Argon2idCost cost{0, 0, 0};
+    };
+
+    // Throws the zo::CError of CBrickDiskHeaderLimits ("field", "value")
+    // for the first choice of `options` that a new disk cannot have, in the
+    // order brick size, disk size, payload block size, compressor ID, key
+    // deriver, checksum ID and cipher ID. Touches nothing. Any thread.
+    static void checkCreateOptions(const CreateOptions& options);
+
+    // Makes a new, empty disk in `diskFolder` (created with its missing
+    // parents) with every choice of `options` in its header, which is
+    // written once: its creation time (CBrickDiskCreationTime), then its
+    // header, each with its fallback copy. An empty password makes an
+    // unencrypted disk. Throws what checkCreateOptions throws before
+    // anything is made, zo::CInvalidArgError for a cost that Argon2id
+    // refuses, CError "Cannot create brick disk in a folder that
+    // already contains one." (with "diskFolder") when the folder holds a
+    // header already, and passes on the errors of the file system and of
+    // key derivation. Any thread.
+    static void create(IFileSystem* fs, const CURI& diskFolder, const String& password,
+                       const CreateOptions& options);
+
     // Makes a new, empty disk in `diskFolder` (created with its missing
     // parents): writes its creation time (CBrickDiskCreationTime), then its
     // header, `disk.brickdisk`, each with its fallback copy. An empty
@@ -101,11 +151,13 @@ public:
     // anything is made) for a disk size, brick size, payload block size or
     // compressor ID outside its limits, and passes on the errors of the file
     // system and of key derivation. Any thread.
+    // The disk has the checksum ID "md5" and the key deriver
+    // CBrickDiskHeader::kPBKDF2DeriverID (the create call above with those).
     static void create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
                        const String& password, const String& compressorID, int brickSize);
 
     // The checksum ID of authenticated disks: "hmac-sha256".
-    static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";
+    static constexpr const char* kAuthenticatedCheckSumID = CBrickDiskHeader::kAuthenticatedCheckSumID;
     // The cipher of new encrypted authenticated disks: "aes256gcm", which
     // authenticates each brick file itself (see CBrickDataPreparer).
     static constexpr const char* kAuthenticatedCipherID = "aes256gcm";
@@ -248,8 +300,7 @@ public:
     // Reads `size` bytes from the position on (nothing for size < 1). A read
     // that passes the end copies what there is, leaves the position at the
     // end and then throws CIOError 4. Passes on a brick's load error. A brick
-    // that holds fewer bytes than the brick size (or a brick size below 1)
-    // throws CIOError 5 ("diskFolder", "brickIndex", "position") when the
+    // that holds fewer bytes than the brick size throws CIOError 5 ("diskFolder", "brickIndex", "position") when the
     // read reaches past its bytes. Bytes read before an error stay counted
     // in the position.
     void read(void* buffer, int size);
@@ -262,8 +313,8 @@ public:
     // the position, which must be a brick boundary before the end, and
     // advances by one brick (not past the end). `listener` (may be null)
     // hears the end of the store. Throws CIOError 3 at or past the end,
-    // CIOError 5 when the brick size is below 1, CIOError 11 off a boundary,
-    // CError when not opened for writing, checked in this order.
+    // CIOError 11 off a boundary, CError when not opened for writing,
+    // checked in this order.
     P<CBrickStorer> writePreparedBrickData(const TBuffer<uint8>* preparedData, IDoneListener* listener);
 
     static String getParentLinkFileName() { return "parent.bricklnk"; }
@@ -288,12 +339,18 @@ protected:
     [[noreturn]] void throwIOError(zo::CIOError::Code code, const zo::CProps& props) const;
 
 private:
+    // `options` with the deriver's defaults for an empty checksum, cipher
+    // and cost.
+    static CreateOptions withDefaults(const CreateOptions& options);
     // Creates the folder of a new disk, checks that it holds no disk yet and
-    // returns a default header with the caller's choices.
-    static CBrickDiskHeader startNewDisk(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
-                                         int payloadBlockSize, const String& compressorID, int brickSize);
-    // Sets the key hash of an unencrypted disk: the digest of no bytes.
-    static void setEmptyKeyHash(CBrickDiskHeader& header);
+    // returns a default header with the choices of `options` (checked).
+    static CBrickDiskHeader startNewDisk(IFileSystem* fs, const CURI& diskFolder, const CreateOptions& options);
+    // The header of a new disk whose key is derived from the password itself.
+    static void setUpDerivedKey(CBrickDiskHeader& header, const String& password);
+    // The header of a new disk with an identity and, for a non-empty
+    // password, a wrapped random key.
+    static void setUpWrappedKey(CBrickDiskHeader& header, const String& password, const String& cipherID,
+                                const seal::Argon2idCost& cost);
     void followParentLinks();
     [[noreturn]] void throwShortBrickError() const;
     // Moves the current brick object to the position; throws the short brick

@@ -1,5 +1,6 @@
 #include "brick/BrickDiskBlockDevice.h"
 
+#include "brick/BrickTree.h"
 #include "zo/Log.h"
 
 #include <algorithm>
@@ -99,13 +100,10 @@ CBrickDiskBlockDevice::CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes)
     : m_diskSize(disk->getSize()), m_brickSize(disk->getBrickSize()),
       m_writable(disk->getAccess() == zo::IIOStream::AccessReadWrite),
       m_capacity(std::max<size_t>(kMinimumCachedBricks,
-                                  static_cast<size_t>(std::max<int64>(0, cacheBytes) / std::max<int64>(1, m_brickSize)))),
-      m_brickCount(m_brickSize < 1 ? 0 : (m_diskSize + m_brickSize - 1) / m_brickSize),
+                                  static_cast<size_t>(std::max<int64>(0, cacheBytes) / m_brickSize))),
+      m_brickCount(disk->getHeader().getBrickCount()),
       m_readAheadBricks(std::min<int64>(kReadAheadBricks, static_cast<int64>(m_capacity / 4))), m_disk(disk)
 {
-    if (m_brickSize < 1)
-        throw CIOError(CIOError::InvalidData, "Brick disk has no valid brick size.",
-                       CProps().add("diskFolder", disk->getDiskFolder().toString(true)));
     m_brickBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
     m_preparedBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
     reserveCacheMemory();
@@ -759,7 +757,7 @@ CBrickDiskBlockDevice::ExtentKind CBrickDiskBlockDevice::kindOfBrick(int64 index
             return isAllZero(*pending->second->data) ? ExtentKind::Zero : ExtentKind::Data;
         disk = m_disk;
     }
-    const zo::CURI relativeURI = CBrick::getRelativeBrickURI(disk->getHeader(), index);
+    const zo::CURI relativeURI = CBrickTree::getRelativeBrickURI(disk->getHeader(), index);
     zo::IFileSystem* fs = disk->getFileSystem();
     if (fs->fileExists(disk->getDiskFolder() << relativeURI))
         return ExtentKind::Data;

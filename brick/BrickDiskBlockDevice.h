@@ -62,8 +62,7 @@ public:
     // fewer than 4 bricks, never more than the disk has), and its memory is
     // taken here, once, and kept until the device goes. Writable when the disk
     // was opened for reading and writing. Starts the read-ahead threads;
-    // throws zo::CIOError InvalidData when the disk has no valid brick size,
-    // std::bad_alloc when the cache's memory cannot be had, and what starting
+    // throws std::bad_alloc when the cache's memory cannot be had, and what starting
     // a thread throws.
     CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes);
     // Ends the read-ahead threads, flushes what was written and waits for

@@ -1,8 +1,8 @@
 #include "brick/BrickDiskChain.h"
 
-#include "brick/Brick.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskLink.h"
+#include "brick/BrickTree.h"
 
 #include "zo/Error.h"
 
@@ -120,7 +120,7 @@ void CBrickDiskChain::validate() const
 
 CURI CBrickDiskChain::locateBrick(zo::IFileSystem* fs, zo::int64 brickIndex) const
 {
-    const CURI relative = CBrick::getRelativeBrickURI(getHeader(), brickIndex);
+    const CURI relative = CBrickTree::getRelativeBrickURI(getHeader(), brickIndex);
     for (const Member& member : m_members) {
         if (member.problem.isEmpty() && fs->fileExists(member.folder << relative))
             return member.folder << relative;

@@ -23,6 +23,14 @@ public:
     // The deriver ID of disks whose cipher key is random and stored wrapped
     // under an Argon2id key derived from the password.
     static constexpr const char* kKeyWrappingDeriverID = "argon2id";
+    // The deriver ID of disks whose cipher key is derived from the password
+    // itself with PBKDF2.
+    static constexpr const char* kPBKDF2DeriverID = "PKCS5-PBKDF2-HMAC-SHA1";
+    // The checksum ID of authenticated disks: keyed digests (HMAC-SHA256)
+    // that bind every brick file to its brick index.
+    static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";
+    // The cipher ID of an unencrypted disk.
+    static constexpr const char* kNoCipherID = "null";
 
     // Version 1 everywhere, 512 KiB bricks, payload block size 1, disk size -1,
     // "md5", "sha256", "aes256cbc", empty key hash, "PKCS5-PBKDF2-HMAC-SHA1",
@@ -35,6 +43,9 @@ public:
     CBrickDiskHeader& operator=(CBrickDiskHeader&& other) = default;
     ~CBrickDiskHeader() override = default;
 
+    // The header's file name, "disk.brickdisk", as CBrickDiskAuxFileBase's
+    // calls take it.
+    static zo::String getHeaderFilename();
     // The header file of `folder`: copy 0 the primary, any other the fallback.
     static zo::CURI getHeaderURI(const zo::CURI& folder, int copy);
 
@@ -77,6 +88,9 @@ public:
     void setCryptoHashID(const zo::String& id) { m_cryptoHashID = id; }
     zo::String getCipherID() const { return m_cipherID; }
     void setCipherID(const zo::String& id) { m_cipherID = id; }
+    // True unless the cipher is kNoCipherID: the bricks are encrypted and
+    // the disk has a key (and a password).
+    bool isEncrypted() const { return m_cipherID != kNoCipherID; }
     const zo::TBuffer<zo::uint8>& getCipherKeyHash() const { return m_cipherKeyHash; }
     void setCipherKeyHash(const zo::TBuffer<zo::uint8>& hash) { m_cipherKeyHash.assign(hash); }
     zo::String getCipherKeyDeriverID() const { return m_cipherKeyDeriverID; }
@@ -124,10 +138,6 @@ public:
     // HMAC-SHA256 of the ID and the parent flag under the disk's record key.
     const zo::TBuffer<zo::uint8>& getIdentityTag() const { return m_identityTag; }
     void setIdentityTag(const zo::TBuffer<zo::uint8>& tag) { m_identityTag.assign(tag); }
-
-protected:
-    // "disk.brickdisk".
-    static zo::String getHeaderFilename();
 
 private:
     int m_version = 1;

@@ -18,7 +18,7 @@ using zo::String;
 
 namespace {
 
-constexpr const char* kPBKDF2DeriverID = "PKCS5-PBKDF2-HMAC-SHA1";
+constexpr const char* kPBKDF2DeriverID = CBrickDiskHeader::kPBKDF2DeriverID;
 constexpr int kCipherKeySize = 32;
 constexpr int64 kMaxInt = std::numeric_limits<int>::max();
 // Long text values are cut in messages: a record holds up to 1 MiB.
@@ -107,7 +107,7 @@ int keyHashSize(const String& cryptoHashID)
 
 void validateKeyDerivation(const CBrickDiskHeader& header)
 {
-    const bool encrypted = header.getCipherID() != "null";
+    const bool encrypted = header.isEncrypted();
     const int saltSize = header.getCipherKeyDerivationSalt().getUsed();
     if (encrypted || saltSize != 0)
         checkRange(kSalt, saltSize, CBrickDiskHeaderLimits::kMinSaltSize, CBrickDiskHeaderLimits::kMaxSaltSize);
@@ -176,6 +176,19 @@ void CBrickDiskHeaderLimits::checkCompressID(const String& id)
         fail(kCompressID, shown(id), "null, lz4, lz4hc, zlib-L, lzma-P, lzma-P-E or zstd-Z; L and P 0 to 9, E 0 or 1, Z 1 to 19");
 }
 
+void CBrickDiskHeaderLimits::checkNewDiskAlgorithms(const String& keyDeriverID, const String& checkSumID,
+                                                    const String& cipherID)
+{
+    checkOneOf(kDeriverID, keyDeriverID, {CBrickDiskHeader::kKeyWrappingDeriverID, kPBKDF2DeriverID});
+    if (keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID) {
+        checkOneOf(kCheckSumHashID, checkSumID, {CBrickDiskHeader::kAuthenticatedCheckSumID});
+        checkOneOf(kCipherID, cipherID, {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
+    } else {
+        checkOneOf(kCheckSumHashID, checkSumID, {"sha256", "md5"});
+        checkOneOf(kCipherID, cipherID, {"aes256cbc", CBrickDiskHeader::kNoCipherID});
+    }
+}
+
 void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::CURI& diskFolder)
 {
     try {
@@ -197,9 +210,9 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
             checkOneOf(kCryptoHashID, header.getCryptoHashID(), {"md5", "sha256"});
         // The authenticated cipher goes only with keyed, index-bound bricks and a wrapped key.
         if (wrapped && header.getCheckSumHashID() == CBrickDisk::kAuthenticatedCheckSumID)
-            checkOneOf(kCipherID, header.getCipherID(), {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", "null"});
+            checkOneOf(kCipherID, header.getCipherID(), {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
         else
-            checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", "null"});
+            checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", CBrickDiskHeader::kNoCipherID});
         const int keyHashLength = keyHashSize(header.getCryptoHashID());
         checkRange(kCipherKeyHash, header.getCipherKeyHash().getUsed(), keyHashLength, keyHashLength);
         checkCompressID(header.getCompressID());
@@ -218,7 +231,7 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
 
 void CBrickDiskHeaderLimits::checkKeyDerivationCost(const CBrickDiskHeader& header, bool allowExpensive)
 {
-    if (header.getCipherID() == "null")
+    if (!header.isEncrypted())
         return;
     if (!CBrickDiskKeyWrap::isKeyWrapped(header)) {
         const int iterations = header.getCipherKeyDerivationIterations();

@@ -57,6 +57,15 @@ public:
     // refuses.
     static void checkCompressID(const zo::String& id);
 
+    // Throws zo::CError ("field", "value") unless `keyDeriverID` is one of
+    // the two derivers and the checksum and cipher IDs go with it on a new
+    // disk: with CBrickDiskHeader::kKeyWrappingDeriverID only the checksum
+    // CBrickDisk::kAuthenticatedCheckSumID and the ciphers "aes256gcm",
+    // "aes256cbc" and "null"; with kPBKDF2DeriverID the checksums "sha256"
+    // and "md5" and the ciphers "aes256cbc" and "null".
+    static void checkNewDiskAlgorithms(const zo::String& keyDeriverID, const zo::String& checkSumID,
+                                       const zo::String& cipherID);
+
     // Checks every field of `header`: versions, sizes, algorithm IDs (the
     // cipher "aes256gcm" only with a wrapped key and "hmac-sha256"), the
     // key hash's length for its digest, and the salt, cost and wrapped key of

@@ -161,7 +161,7 @@ void CBrickDiskKeyWrap::changePassword(zo::IFileSystem* fs, const zo::TList<zo::
     for (const zo::CURI& folder : diskFolders) {
         headers.emplace_back();
         headers.back().load(fs, folder);
-        if (!isKeyWrapped(headers.back()) || headers.back().getCipherID() == "null")
+        if (!isKeyWrapped(headers.back()) || !headers.back().isEncrypted())
             throw zo::CInvalidArgError(where, "The disk's key is not wrapped, so its password cannot change.",
                                        zo::CProps().add("diskFolder", folder.toString(true)));
         CBrickDiskHeaderLimits::checkKeyDerivationCost(headers.back(), allowExpensiveKeyDerivation);

@@ -17,18 +17,6 @@ constexpr int kCacheBytes = 33554432;
 // ... but never fewer bricks than this.
 constexpr int kMinCachedBricks = 10;
 
-// Creation stores any brick size; bricks of no bytes cannot be cached.
-int checkedBrickSize(const CBrickDisk& disk)
-{
-    if (disk.getBrickSize() < 1)
-        throw zo::CInvalidArgError("CBrickDiskStreamWithCache::CBrickDiskStreamWithCache",
-                                   "Brick size of disk is below 1.",
-                                   zo::CProps()
-                                       .add("diskFolder", disk.getDiskFolder().toString(true))
-                                       .add("brickSize", disk.getBrickSize()));
-    return static_cast<int>(disk.getBrickSize());
-}
-
 int cacheCapacity(int brickSize)
 {
     const int capacity = kCacheBytes / brickSize;
@@ -39,7 +27,7 @@ int cacheCapacity(int brickSize)
 
 CBrickDiskStreamWithCache::CBrickDiskStreamWithCache(CBrickDisk* disk)
     : m_uri(disk->getDiskFolder()),
-      m_brickSize(checkedBrickSize(*disk)),
+      m_brickSize(static_cast<int>(disk->getBrickSize())),
       m_innerStream(new CBrickDiskStream(disk)),
       m_length(m_innerStream->getLength())
 {

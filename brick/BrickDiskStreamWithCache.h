@@ -38,9 +38,8 @@ class BRICKDISK_EXPORT CBrickDiskStreamWithCache : public zo::CBase, public zo::
 public:
     // Builds the inner stream over `disk` (which must not be null), with
     // position 0 and the disk's size as length, and allocates the cache's
-    // buffers up front. Throws zo::CInvalidArgError ("diskFolder",
-    // "brickSize") when the disk's brick size is below 1, std::bad_alloc
-    // when the buffers cannot be had.
+    // buffers up front. Throws std::bad_alloc when the buffers cannot be
+    // had.
     explicit CBrickDiskStreamWithCache(CBrickDisk* disk);
     // A copy has its own position and length and shares the inner stream,
     // the cache and the pool with the original.

@@ -51,22 +51,6 @@ void CBrickDiskStreamWithParallelReadAhead::CReadThread::readBrick(int64 brickIn
 
 // ---- Stream -----------------------------------------------------------------
 
-namespace {
-
-// Creation stores any brick size; bricks of no bytes cannot be read ahead.
-int64 checkedBrickSize(const CBrickDisk& disk)
-{
-    if (disk.getBrickSize() < 1)
-        throw zo::CInvalidArgError("CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead",
-                                   "Brick size of disk is below 1.",
-                                   zo::CProps()
-                                       .add("diskFolder", disk.getDiskFolder().toString(true))
-                                       .add("brickSize", disk.getBrickSize()));
-    return disk.getBrickSize();
-}
-
-} // namespace
-
 CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk,
                                                                              zo::int32 threadCount)
     : CBrickDiskStreamWithParallelReadAhead(disk, threadCount, threadCount)
@@ -77,7 +61,7 @@ CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBr
                                                                              zo::int32 threadCount,
                                                                              zo::int32 bricksAhead)
     : m_disk(disk),
-      m_brickSize(checkedBrickSize(*disk)),
+      m_brickSize(disk->getBrickSize()),
       m_uri(disk->getDiskFolder()),
       m_length(disk->getSize())
 {

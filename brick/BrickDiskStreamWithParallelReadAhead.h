@@ -50,8 +50,7 @@ public:
     // a read that needs a brick waits for ever: callers pass at least 1.
     // At most `threadCount` bricks are read ahead and not yet consumed.
     // When a thread cannot be made or started, the threads already running
-    // are stopped and the error is thrown. Throws zo::CInvalidArgError
-    // ("diskFolder", "brickSize") when the disk's brick size is below 1.
+    // are stopped and the error is thrown.
     CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk, zo::int32 threadCount);
     // The same, with at most `bricksAhead` bricks read ahead and not yet
     // consumed; a bound below the thread count is raised to it.

@@ -12,7 +12,7 @@ namespace {
 
 bool isKeyed(const CBrickDiskHeader& header)
 {
-    return header.getCheckSumHashID() == layout::kIndexBoundDigestID;
+    return header.getCheckSumHashID() == CBrickDiskHeader::kAuthenticatedCheckSumID;
 }
 
 // The smallest brick file of the disk's format: its fixed fields and nothing encrypted.
@@ -76,10 +76,10 @@ zo::String CBrickFileChecker::check(const CBrickTree::BrickFile& file)
         m_plain.setUsed(0);
         m_preparer->unprepareData(m_bytes, m_plain, file.index);
     } catch (const zo::CError& e) {
-        const zo::String storedIndex = e.getProps().lookup("storedBrickIndex");
-        if (!storedIndex.isEmpty())
-            return "at the wrong index: it is the brick file of brick " + storedIndex + " (moved or copied here)";
-        if (!m_digest && std::string(e.what()) == "Brick file is corrupted.")
+        if (CBrickDataPreparer::isError(e, CBrickDataPreparer::WrongBrickIndex))
+            return "at the wrong index: it is the brick file of brick " + e.getProps().lookup("storedBrickIndex") +
+                   " (moved or copied here)";
+        if (!m_digest && CBrickDataPreparer::isError(e, CBrickDataPreparer::CorruptedFile))
             return "damaged: its keyed digest does not match its content";
         return "its data do not decode: " + e.toString();
     }

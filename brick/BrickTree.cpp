@@ -1,15 +1,27 @@
 #include "brick/BrickTree.h"
 
-#include "brick/Brick.h"
+#include "zo/String.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace brick {
 
 namespace {
 
+constexpr char kRootFolder[] = "bricks";
 constexpr char kBrickSuffix[] = ".brick";
 constexpr char kTemporaryPrefix[] = ".tmp-";
+
+// Number of hexadecimal digits of `objectsPerTreeLevel` itself, the minimum
+// width of every name part of the brick tree.
+int hexDigitWidthFor(int objectsPerTreeLevel)
+{
+    int width = 1;
+    for (int q = objectsPerTreeLevel / 16; q != 0; q >>= 4)
+        ++width;
+    return width;
+}
 
 bool isTemporaryName(const std::string& name)
 {
@@ -54,7 +66,7 @@ zo::int64 CBrickTree::Listing::totalBrickBytes() const
 CBrickTree::Listing CBrickTree::list(zo::IFileSystem* fs, const zo::CURI& diskFolder, const CBrickDiskHeader& header)
 {
     Listing listing;
-    const zo::CURI root = diskFolder << "bricks";
+    const zo::CURI root = diskFolder << kRootFolder;
     if (!fs->folderExists(root)) {
         if (fs->pathExists(root))
             listing.unexpectedEntries.push_back(root);
@@ -65,6 +77,37 @@ CBrickTree::Listing CBrickTree::list(zo::IFileSystem* fs, const zo::CURI& diskFo
     std::sort(listing.bricks.begin(), listing.bricks.end(),
               [](const BrickFile& a, const BrickFile& b) { return a.index < b.index; });
     return listing;
+}
+
+zo::CURI CBrickTree::getRelativeBrickURI(const CBrickDiskHeader& header, zo::int64 brickIndex)
+{
+    const int levels = std::max(0, header.getTreeLevels());
+    const zo::int64 perLevel = header.getObjectsPerTreeLevel();
+    std::vector<int> digits(static_cast<size_t>(levels));
+    zo::int64 n = brickIndex;
+    for (int level = 0; level < levels; ++level) {
+        digits[static_cast<size_t>(level)] = static_cast<int>(n % perLevel);
+        n /= perLevel;
+    }
+    zo::CURI uri{zo::String(kRootFolder)};
+    for (int level = levels - 1; level >= 0; --level)
+        uri = uri << getEntryName(header, level, digits[static_cast<size_t>(level)]);
+    return uri;
+}
+
+zo::String CBrickTree::getEntryName(const CBrickDiskHeader& header, int level, int digit)
+{
+    const int hexDigitWidth = hexDigitWidthFor(header.getObjectsPerTreeLevel());
+    const zo::String hex = zo::toHexString(digit);
+    zo::String name;
+    if (level > 0)
+        name += static_cast<wchar_t>(0x60 + level);
+    for (size_t i = hex.getLength(); i < static_cast<size_t>(hexDigitWidth); ++i)
+        name += "0";
+    name += hex;
+    if (level == 0)
+        name += kBrickSuffix;
+    return name;
 }
 
 int CBrickTree::parseEntryName(const CBrickDiskHeader& header, int level, const std::string& name)
@@ -90,7 +133,7 @@ int CBrickTree::parseEntryName(const CBrickDiskHeader& header, int level, const 
         value = value * 16 + nibble;
     }
     // Only the one spelling that the tree writes counts (no other padding).
-    if (value >= header.getObjectsPerTreeLevel() || zo::String(name) != CBrick::getTreeEntryName(header, level, value))
+    if (value >= header.getObjectsPerTreeLevel() || zo::String(name) != getEntryName(header, level, value))
         return -1;
     return value;
 }

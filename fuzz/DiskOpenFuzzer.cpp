@@ -43,7 +43,7 @@ zo::CMemoryFileSystem& fileSystem()
 void openAndRead(zo::CMemoryFileSystem& fs)
 {
     const brick::CBrickDiskChain chain(&fs, kFolder);
-    if (chain.getHeader().getCipherID() != "null")
+    if (chain.getHeader().isEncrypted())
         return;
     const zo::P<brick::CBrickDisk> disk(new brick::CBrickDisk(&fs, kFolder, "", zo::IIOStream::AccessRead, 1));
     std::vector<char> buffer(512);
@@ -59,7 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     zo::CMemoryFileSystem& fs = fileSystem();
     fs.resetCounters(); // keeps the operation log from growing without end
     const bool header = data[0] % 2 == 0;
-    const char* fileName = header ? "disk.brickdisk" : "parent.bricklnk";
+    const zo::String fileName =
+        header ? brick::CBrickDiskHeader::getHeaderFilename() : brick::CBrickDisk::getParentLinkFileName();
     const zo::P<zo::TBuffer<zo::uint8>> original = brick::CBrickDiskAuxFileBase::loadAuxFile(&fs, kFolder, fileName);
     const zo::TBuffer<zo::uint8> record(data + 1, static_cast<int>(size - 1));
     brick::CBrickDiskAuxFileBase::storeAuxFile(&fs, kFolder, fileName, record);

@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     zo::CMemoryFileSystem& fs = fileSystem();
     fs.resetCounters(); // keeps the operation log from growing without end
     const zo::TBuffer<zo::uint8> record(data, static_cast<int>(size));
-    brick::CBrickDiskAuxFileBase::storeAuxFile(&fs, kFolder, "disk.brickdisk", record);
+    brick::CBrickDiskAuxFileBase::storeAuxFile(&fs, kFolder, brick::CBrickDiskHeader::getHeaderFilename(), record);
     try {
         brick::CBrickDiskHeader header;
         header.load(&fs, kFolder);

@@ -94,7 +94,7 @@ bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::Strin
 {
     if (primary.isIntact() == fallback.isIntact())
         return false;
-    if (fileName == "disk.brickdisk") {
+    if (fileName == brick::CBrickDiskHeader::getHeaderFilename()) {
         brick::CBrickDiskHeader header;
         header.load(fs, folder);
         header.store(fs, folder);
@@ -110,9 +110,10 @@ bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::Strin
 
 void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, bool repair, CFindings& findings)
 {
-    const brick::CBrickDiskAuxFileBase::CopyCheck primary = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
-    const brick::CBrickDiskAuxFileBase::CopyCheck fallback = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
-    if (repair && repairFromTwin(fs, folder, "disk.brickdisk", primary, fallback, findings))
+    const zo::String fileName = brick::CBrickDiskHeader::getHeaderFilename();
+    const brick::CBrickDiskAuxFileBase::CopyCheck primary = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, fileName, 0);
+    const brick::CBrickDiskAuxFileBase::CopyCheck fallback = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, fileName, 1);
+    if (repair && repairFromTwin(fs, folder, fileName, primary, fallback, findings))
         return;
     for (const brick::CBrickDiskAuxFileBase::CopyCheck* copy : {&primary, &fallback}) {
         if (!copy->isIntact())

@@ -46,9 +46,9 @@ struct CreateOptions {
     std::string brickSize;
     // Empty: kLocalCompression or kObjectStoreCompression, by where the disk is.
     std::string compression;
-    // Empty: "hmac-sha256" for argon2id, "sha256" for pbkdf2.
+    // Empty: the library's default for the key derivation.
     std::string checksum;
-    // Empty: "aes256gcm" for argon2id, "aes256cbc" for pbkdf2.
+    // Empty: the library's default for the key derivation.
     std::string cipher;
     std::string kdf = "argon2id";
     CKeyDerivationOptions cost;
@@ -56,116 +56,85 @@ struct CreateOptions {
     CPasswordSource passwords;
 };
 
-bool isAuthenticated(const CreateOptions& options)
+// How the new disk's bricks and key are protected, as its header says.
+std::string encryptionDescription(const brick::CBrickDiskHeader& header)
 {
-    return options.kdf == "argon2id";
-}
-
-// The brick digest for the chosen key derivation; a combination that the
-// disk could not use is a usage error.
-std::string brickDigestFor(const CreateOptions& options)
-{
-    if (options.checksum.empty())
-        return isAuthenticated(options) ? brick::CBrickDisk::kAuthenticatedCheckSumID : "sha256";
-    if (isAuthenticated(options) != (options.checksum == brick::CBrickDisk::kAuthenticatedCheckSumID))
-        throw UsageError("--checksum " + options.checksum + " does not go with --kdf " + options.kdf +
-                         ": argon2id disks use hmac-sha256, pbkdf2 disks sha256 or md5");
-    return options.checksum;
-}
-
-// The cipher for the chosen key derivation; the authenticated cipher on a
-// disk of the original format is a usage error.
-std::string cipherFor(const CreateOptions& options)
-{
-    if (options.noEncryption && !options.cipher.empty())
-        throw UsageError("--cipher does not go with --no-encryption");
-    if (options.cipher.empty())
-        return isAuthenticated(options) ? brick::CBrickDisk::kAuthenticatedCipherID : "aes256cbc";
-    if (!isAuthenticated(options) && options.cipher != "aes256cbc")
-        throw UsageError("--cipher " + options.cipher + " does not go with --kdf " + options.kdf +
-                         ": pbkdf2 disks use aes256cbc");
-    return options.cipher;
-}
-
-std::string encryptionDescription(const CreateOptions& options, const std::string& cipher,
-                                  const seal::Argon2idCost& cost)
-{
-    if (options.noEncryption)
+    const std::string cipher = header.getCipherID().toUTF8();
+    if (!header.isEncrypted())
         return "not encrypted";
-    if (isAuthenticated(options))
+    if (header.getCipherKeyDeriverID() == brick::CBrickDiskHeader::kKeyWrappingDeriverID) {
+        const seal::Argon2idCost cost{header.getCipherKeyDerivationIterations(),
+                                      header.getCipherKeyDerivationMemoryKiB(), header.getCipherKeyDerivationLanes()};
         return "encrypted with " + cipher + ", key wrapped under argon2id (" + CKeyDerivationOptions::describe(cost) +
                ")";
+    }
     return "encrypted with " + cipher + ", key by PKCS5-PBKDF2-HMAC-SHA1";
 }
 
-// A brick size that the disk could not be opened with is a usage error.
-zo::int64 validBrickSize(const std::string& text)
+// The library's choices of the new disk, from the command line.
+brick::CBrickDisk::CreateOptions diskChoices(const CreateOptions& options, const zo::CURI& folder)
 {
-    const zo::int64 size = parseByteSize(text, "brick size");
-    try {
-        brick::CBrickDiskHeaderLimits::checkBrickSize(size);
-    } catch (const zo::CError&) {
-        throw UsageError("invalid brick size '" + text + "': it must be a power of two from 4K to 64M");
-    }
-    return size;
+    if (options.noEncryption && !options.cipher.empty())
+        throw UsageError("--cipher does not go with --no-encryption");
+    brick::CBrickDisk::CreateOptions choices;
+    choices.diskSize = parseByteSize(options.size, "disk size");
+    const std::string brickSize =
+        !options.brickSize.empty() ? options.brickSize : isLocalFolder(folder) ? kLocalBrickSize : kObjectStoreBrickSize;
+    const zo::int64 brickBytes = parseByteSize(brickSize, "brick size");
+    // A size beyond every valid one stays invalid when it is narrowed.
+    choices.brickSize = brickBytes > brick::CBrickDiskHeaderLimits::kMaxBrickSize ? -1 : static_cast<int>(brickBytes);
+    choices.compressorID = zo::String(!options.compression.empty() ? options.compression
+                                      : isLocalFolder(folder)       ? kLocalCompression
+                                                                    : kObjectStoreCompression);
+    choices.keyDeriverID = options.kdf == "argon2id" ? brick::CBrickDiskHeader::kKeyWrappingDeriverID
+                                                     : brick::CBrickDiskHeader::kPBKDF2DeriverID;
+    choices.checkSumID = zo::String(options.checksum);
+    choices.cipherID = zo::String(options.cipher);
+    choices.cost = options.cost.cost();
+    return choices;
 }
 
-// The same for a disk size: at least one byte, and no more bricks than the
-// brick tree addresses.
-void checkDiskSize(const std::string& text, zo::int64 diskSize, zo::int64 brickSize)
+// Refuses the choices that the disk could not have as usage errors, saying
+// which option to change.
+void checkDiskChoices(const CreateOptions& options, const brick::CBrickDisk::CreateOptions& choices)
 {
     try {
-        brick::CBrickDiskHeaderLimits::checkDiskSize(diskSize, brickSize);
-    } catch (const zo::CError&) {
-        if (diskSize < 1)
-            throw UsageError("invalid disk size '" + text + "': a disk holds at least one byte");
-        const zo::int64 maxCount = brick::CBrickDiskHeaderLimits::getMaxBrickCount();
-        const zo::int64 brickCount = diskSize / brickSize + (diskSize % brickSize != 0 ? 1 : 0);
-        throw UsageError("a disk of " + text + " needs " + std::to_string(brickCount) + " bricks, more than the " +
-                         std::to_string(maxCount) + " that a disk can hold; choose larger bricks");
+        brick::CBrickDisk::checkCreateOptions(choices);
+    } catch (const zo::CError& e) {
+        const zo::String field = e.getProps().lookup("field");
+        if (field == "brickSize")
+            throw UsageError("invalid brick size '" + options.brickSize +
+                             "': it must be a power of two from 4K to 64M");
+        if (field == "diskSize" && choices.diskSize < 1)
+            throw UsageError("invalid disk size '" + options.size + "': a disk holds at least one byte");
+        if (field == "diskSize") {
+            brick::CBrickDiskHeader sized;
+            sized.setDiskSize(choices.diskSize);
+            sized.setBrickSize(choices.brickSize);
+            throw UsageError("a disk of " + options.size + " needs " + std::to_string(sized.getBrickCount()) +
+                             " bricks, more than the " +
+                             std::to_string(brick::CBrickDiskHeaderLimits::getMaxBrickCount()) +
+                             " that a disk can hold; choose larger bricks");
+        }
+        if (field == "compressID")
+            throw UsageError("unknown compression '" + choices.compressorID.toUTF8() +
+                             "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9), lzma-PRESET[-EXTREME] (0 to 9, "
+                             "extreme 0 or 1) or zstd-LEVEL (1 to 19)");
+        if (field == "checkSumHashID")
+            throw UsageError("--checksum " + options.checksum + " does not go with --kdf " + options.kdf +
+                             ": argon2id disks use hmac-sha256, pbkdf2 disks sha256 or md5");
+        if (field == "cipherID")
+            throw UsageError("--cipher " + options.cipher + " does not go with --kdf " + options.kdf +
+                             ": pbkdf2 disks use aes256cbc");
+        throw;
     }
-}
-
-// The same for a compressor ID.
-void checkCompressorID(const std::string& id)
-{
-    try {
-        brick::CBrickDiskHeaderLimits::checkCompressID(zo::String(id));
-    } catch (const zo::CError&) {
-        throw UsageError("unknown compression '" + id +
-                         "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9), lzma-PRESET[-EXTREME] (0 to 9, "
-                         "extreme 0 or 1) or zstd-LEVEL (1 to 19)");
-    }
-}
-
-// Gives the new disk's bricks another digest than the one a new header has:
-// the header is written again with it before any brick exists.
-void setBrickDigest(zo::IFileSystem* fs, const zo::CURI& folder, const std::string& checksum)
-{
-    brick::CBrickDiskHeader header;
-    header.load(fs, folder);
-    if (header.getCheckSumHashID() == zo::String(checksum))
-        return;
-    header.setCheckSumHashID(zo::String(checksum));
-    header.store(fs, folder);
 }
 
 int runCreate(const CreateOptions& options)
 {
     const zo::CURI folder = diskFolderURI(options.disk);
-    const zo::int64 diskSize = parseByteSize(options.size, "disk size");
-    const zo::int64 brickSize = validBrickSize(
-        !options.brickSize.empty() ? options.brickSize : isLocalFolder(folder) ? kLocalBrickSize : kObjectStoreBrickSize);
-    checkDiskSize(options.size, diskSize, brickSize);
-    // Rounded up without overflowing for sizes near the largest number.
-    const zo::int64 brickCount = diskSize / brickSize + (diskSize % brickSize != 0 ? 1 : 0);
-    const std::string compression = !options.compression.empty() ? options.compression
-                                    : isLocalFolder(folder)       ? kLocalCompression
-                                                                  : kObjectStoreCompression;
-    checkCompressorID(compression);
-    const std::string checksum = brickDigestFor(options);
-    const std::string cipher = cipherFor(options);
-    const seal::Argon2idCost cost = options.cost.cost();
+    const brick::CBrickDisk::CreateOptions choices = diskChoices(options, folder);
+    checkDiskChoices(options, choices);
 
     const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     if (!isMissingOrEmptyFolder(fs.get(), folder))
@@ -173,19 +142,14 @@ int runCreate(const CreateOptions& options)
                          zo::CProps().add("diskFolder", folder.toString(true)));
 
     const zo::String password = options.noEncryption ? zo::String() : options.passwords.forNewDisk(options.disk);
-    if (isAuthenticated(options)) {
-        brick::CBrickDisk::createAuthenticated(fs.get(), folder, diskSize, 1, password,
-                                               zo::String(compression), static_cast<int>(brickSize), cost,
-                                               zo::String(cipher));
-    } else {
-        brick::CBrickDisk::create(fs.get(), folder, diskSize, 1, password, zo::String(compression),
-                                  static_cast<int>(brickSize));
-        setBrickDigest(fs.get(), folder, checksum);
-    }
+    brick::CBrickDisk::create(fs.get(), folder, password, choices);
+    brick::CBrickDiskHeader header;
+    header.load(fs.get(), folder);
     std::printf("created %s: %s in %lld bricks of %s, compression %s, %s, brick digest %s\n",
-                folder.toLocalPath().c_str(), formatBytes(diskSize).c_str(), static_cast<long long>(brickCount),
-                formatBytes(brickSize).c_str(), compression.c_str(),
-                encryptionDescription(options, cipher, cost).c_str(), checksum.c_str());
+                folder.toLocalPath().c_str(), formatBytes(header.getDiskSize()).c_str(),
+                static_cast<long long>(header.getBrickCount()), formatBytes(header.getBrickSize()).c_str(),
+                header.getCompressID().toUTF8().c_str(), encryptionDescription(header).c_str(),
+                header.getCheckSumHashID().toUTF8().c_str());
     return 0;
 }
 

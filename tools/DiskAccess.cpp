@@ -2,9 +2,9 @@
 
 #include "UsageError.h"
 
-#include "brick/Brick.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskError.h"
+#include "brick/BrickTree.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -123,8 +123,7 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
 {
     const brick::CBrickDiskHeader header = loadDiskHeader(fs, folder);
     brick::CBrickDiskChain(fs, folder).validate();
-    const zo::String password =
-        header.getCipherID() == "null" ? zo::String() : passwords.forExistingDisk(folder.toLocalPath());
+    const zo::String password = header.isEncrypted() ? passwords.forExistingDisk(folder.toLocalPath()) : zo::String();
     brick::CBrickDisk::OpenOptions options;
     options.allowExpensiveKeyDerivation = passwords.allowsExpensiveKdf();
     return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, password, access, maxBackgroundOps, options));
@@ -136,7 +135,7 @@ zo::TCryptBuffer<zo::uint8> keyForLinks(zo::IFileSystem* fs, const zo::CURI& fol
     // Also the header of a disk whose making or removal was cut short.
     brick::CBrickDiskHeader header;
     header.load(fs, folder);
-    if (!header.hasIdentity() || header.getCipherID() == "null")
+    if (!header.hasIdentity() || !header.isEncrypted())
         return key;
     const zo::String password = passwords.forExistingDisk(folder.toLocalPath());
     if (!brick::CBrickDisk::isEncryptPasswordCorrect(header, password, &key, passwords.allowsExpensiveKdf()))
@@ -205,7 +204,7 @@ std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& fol
 
 zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index)
 {
-    const zo::CURI relative = brick::CBrick::getRelativeBrickURI(disk.getHeader(), index);
+    const zo::CURI relative = brick::CBrickTree::getRelativeBrickURI(disk.getHeader(), index);
     if (fs->fileExists(disk.getDiskFolder() << relative))
         return disk.getDiskFolder() << relative;
     for (const zo::CURI& folder : disk.getParentDiskFolders()) {

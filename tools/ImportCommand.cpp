@@ -14,6 +14,7 @@
 #include "brick/Brick.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
+#include "brick/BrickTree.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -49,7 +50,7 @@ void throwIfAnySaveFailed(brick::CBrickDisk& disk)
         if (error.brickIndex < lowest->brickIndex)
             lowest = &error;
     }
-    const zo::CURI file = disk.getDiskFolder() << brick::CBrick::getRelativeBrickURI(disk.getHeader(), lowest->brickIndex);
+    const zo::CURI file = disk.getDiskFolder() << brick::CBrickTree::getRelativeBrickURI(disk.getHeader(), lowest->brickIndex);
     throw zo::CError("Storing brick " + zo::toDecimalString(lowest->brickIndex) + " failed.", zo::String(), -1,
                      zo::CProps()
                          .add("brickIndex", lowest->brickIndex)

@@ -47,7 +47,7 @@ struct DiskInfo {
     {
         return presentBytes() == 0 ? -1.0 : static_cast<double>(storedBytes()) / static_cast<double>(presentBytes());
     }
-    bool encrypted() const { return header.getCipherID() != "null"; }
+    bool encrypted() const { return header.isEncrypted(); }
     bool keyWrapped() const { return brick::CBrickDiskKeyWrap::isKeyWrapped(header); }
     // "authenticated": brick files bound to the brick's index, under keyed
     // digests or sealed by the cipher;
@@ -87,8 +87,9 @@ DiskInfo gatherInfo(zo::IFileSystem* fs, const zo::CURI& folder)
     DiskInfo info;
     info.folder = folder;
     info.header = loadDiskHeader(fs, folder);
-    info.primaryHeader = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 0);
-    info.fallbackHeader = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, "disk.brickdisk", 1);
+    const zo::String headerFile = brick::CBrickDiskHeader::getHeaderFilename();
+    info.primaryHeader = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, headerFile, 0);
+    info.fallbackHeader = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, headerFile, 1);
     info.parents = parentDiskFolders(fs, folder);
     info.child = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
     info.bricks = brick::CBrickTree::list(fs, folder, info.header);

@@ -36,7 +36,7 @@ struct PasswdOptions {
 void checkPasswordCanChange(const brick::CBrickDiskHeader& header, const zo::CURI& folder)
 {
     const zo::CProps props = zo::CProps().add("diskFolder", folder.toString(true));
-    if (header.getCipherID() == "null")
+    if (!header.isEncrypted())
         throw zo::CError("The disk is not encrypted: it has no password to change.", zo::String(), -1, props);
     if (!brick::CBrickDiskKeyWrap::isKeyWrapped(header))
         throw zo::CError("The password of this disk cannot change: its bricks are encrypted with the key derived "

@@ -262,7 +262,7 @@ public:
         if (m_readOnly)
             argv.push_back("readonly=true");
         std::unique_ptr<CPasswordPipe> password;
-        if (header.getCipherID() != "null") {
+        if (header.isEncrypted()) {
             password = std::make_unique<CPasswordPipe>(options.passwords.forExistingDisk(options.disk));
             argv.push_back("password-fd=" + std::to_string(password->readEnd()));
         }

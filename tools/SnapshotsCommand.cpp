@@ -49,7 +49,7 @@ std::string folderTime(const zo::CURI& folder)
     if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &info) == 0 && (info.stx_mask & STATX_BTIME) != 0)
         return formatUtcTime(static_cast<zo::int64>(info.stx_btime.tv_sec));
     struct stat header {};
-    if (::stat((path + "/disk.brickdisk").c_str(), &header) != 0)
+    if (::stat(brick::CBrickDiskHeader::getHeaderURI(folder, 0).toLocalPath().c_str(), &header) != 0)
         return std::string();
     return formatUtcTime(static_cast<zo::int64>(header.st_mtime));
 }

@@ -12,9 +12,9 @@ inline constexpr int kBrickFileIDSize = 5;
 inline constexpr int kFixedHeaderSize = kBrickFileIDSize + 2 + 2;
 // The brick index that index-bound brick files hold after the versions.
 inline constexpr int kBrickIndexSize = 8;
-// The checksum ID under which brick files are bound to their index and
-// their digests are keyed (HMAC-SHA256: 32 bytes each).
-inline constexpr char kIndexBoundDigestID[] = "hmac-sha256";
+// The size of each digest of the brick files that are bound to their index
+// and whose digests are keyed (checksum ID
+// CBrickDiskHeader::kAuthenticatedCheckSumID, HMAC-SHA256).
 inline constexpr int kIndexBoundDigestSize = 32;
 // Brick files of an authenticated cipher ("aes256gcm") hold, after the brick
 // index, the random salt of the brick's own key, then the ciphertext and the

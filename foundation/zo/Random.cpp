@@ -73,16 +73,4 @@ double CMTRand::randDouble()
     return static_cast<double>(randUInt64() >> 11) * 0x1.0p-53;
 }
 
-CMTRand& CMTRand::getGlobal()
-{
-    static CMTRand global;
-    return global;
-}
-
-CMutex& CMTRand::getGlobalInstanceMutex()
-{
-    static CMutex mutex;
-    return mutex;
-}
-
 } // namespace zo

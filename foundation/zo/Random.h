@@ -1,17 +1,18 @@
-// CMTRand: a Mersenne-Twister random generator, with one global instance.
+// CMTRand: a Mersenne-Twister random generator, for randomness that needs no
+// secrecy (test data, examples, jitter). Its output can be predicted from a
+// few hundred values: keys, salts, nonces and IDs come from
+// seal::fillRandomBytes instead.
 #pragma once
 
 #include "zo/Base.h"
 #include "zo/Export.h"
-#include "zo/Mutex.h"
 
 #include <random>
 
 namespace zo {
 
 // A 32-bit Mersenne Twister (std::mt19937). Not thread-safe: one thread at a
-// time per instance. The global instance is shared by the whole program, so
-// every use of it is wrapped in a CMutexLock on getGlobalInstanceMutex().
+// time per instance.
 class BRICKDISK_EXPORT CMTRand {
 public:
     // Seeded from the operating system's random source. Throws CError when
@@ -28,11 +29,6 @@ public:
     uint64 randUInt64();
     // Uniform in [0, 1).
     double randDouble();
-
-    // The program's one shared instance, created on first use.
-    static CMTRand& getGlobal();
-    // The mutex that guards the shared instance.
-    static CMutex& getGlobalInstanceMutex();
 
 private:
     std::mt19937 m_engine;

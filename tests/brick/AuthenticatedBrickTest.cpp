@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -34,6 +36,18 @@ Key keyOf(zo::uint8 seed)
     for (int i = 0; i < 32; ++i)
         key[i] = static_cast<zo::uint8>(seed + i);
     return key;
+}
+
+// The domain and code of the error that decoding `file` at `index` throws.
+std::pair<std::string, zo::int64> unprepareCode(CBrickDataPreparer& preparer, const Bytes& file, zo::int64 index)
+{
+    Bytes plain;
+    try {
+        preparer.unprepareData(file, plain, index);
+    } catch (const zo::CError& e) {
+        return {e.getDomain().toUTF8(), e.getCode()};
+    }
+    return {std::string(), -1};
 }
 
 std::string unprepareMessage(CBrickDataPreparer& preparer, const Bytes& file, zo::int64 index)
@@ -106,6 +120,24 @@ TEST_P(AuthenticatedBrick, AnotherKeyFailsAsDamage)
 {
     CBrickDataPreparer other(authenticatedHeader(GetParam()), keyOf(2));
     EXPECT_EQ(unprepareMessage(other, prepared(1, plain), 1), "Brick file is corrupted.");
+}
+
+TEST_P(AuthenticatedBrick, DamageAndAnotherIndexCarryTheirErrorCodes)
+{
+    const std::pair<std::string, zo::int64> corrupted{CBrickDataPreparer::kErrorDomain,
+                                                      CBrickDataPreparer::CorruptedFile};
+    const std::pair<std::string, zo::int64> wrongIndex{CBrickDataPreparer::kErrorDomain,
+                                                       CBrickDataPreparer::WrongBrickIndex};
+    const Bytes file = prepared(5, plain);
+    Bytes changed(file);
+    changed[file.getUsed() - 1] ^= 0x01;
+    EXPECT_EQ(unprepareCode(preparer, changed, 5), corrupted);
+    EXPECT_EQ(unprepareCode(preparer, file, 6), wrongIndex);
+    CBrickDataPreparer other(authenticatedHeader(GetParam()), keyOf(2));
+    EXPECT_EQ(unprepareCode(other, file, 5), corrupted);
+    // The same words from elsewhere are not the decoding's verdict.
+    const zo::CError sameText("Brick file is corrupted.");
+    EXPECT_FALSE(CBrickDataPreparer::isError(sameText, CBrickDataPreparer::CorruptedFile));
 }
 
 TEST_P(AuthenticatedBrick, InnerDigestIsNotThePlainSHA256)

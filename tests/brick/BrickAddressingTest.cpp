@@ -1,4 +1,5 @@
 #include "brick/Brick.h"
+#include "brick/BrickTree.h"
 
 #include "support/BrickTestHelpers.h"
 #include "support/TempFolder.h"
@@ -15,6 +16,7 @@
 namespace {
 
 using brick::CBrick;
+using brick::CBrickTree;
 using testsupport::Bytes;
 using zo::CURI;
 using zo::P;
@@ -33,8 +35,22 @@ std::string relativePath(int treeLevels, int objectsPerTreeLevel, int64 index)
     const P<CBrick> object(new CBrick(fs.get(), CURI("/disk"), CURI(), {}, header, testsupport::makeBrickKey("null"), 1));
     object->seek(index, 0);
     const std::string path = object->getRelativeBrickURI().toString(true).toUTF8();
-    EXPECT_EQ(CBrick::getRelativeBrickURI(header, index).toString(true).toUTF8(), path);
+    EXPECT_EQ(CBrickTree::getRelativeBrickURI(header, index).toString(true).toUTF8(), path);
     return path;
+}
+
+TEST(BrickAddressing, EveryEntryNameParsesBackToItsDigitAtItsLevelOnly)
+{
+    for (const int perLevel : {15, 16, 97, 256}) {
+        const brick::CBrickDiskHeader header = testsupport::makeBrickHeader(kBrickSize, 3, perLevel, "null");
+        for (int level = 0; level < 3; ++level) {
+            for (int digit = 0; digit < perLevel; ++digit) {
+                const std::string name = CBrickTree::getEntryName(header, level, digit).toUTF8();
+                EXPECT_EQ(CBrickTree::parseEntryName(header, level, name), digit) << name;
+                EXPECT_EQ(CBrickTree::parseEntryName(header, (level + 1) % 3, name), -1) << name;
+            }
+        }
+    }
 }
 
 TEST(BrickAddressing, NamesEachFolderLevelWithItsLetterAndTheFileWithBrick)

@@ -181,12 +181,29 @@ zo::CError unprepareFailure(CBrickDataPreparer& preparer, const Bytes& prepared)
     return zo::CError("no error");
 }
 
+// The code that goes with each message of a damaged brick file.
+zo::int64 unprepareCodeOf(const std::string& message)
+{
+    if (message == "Brick file is corrupted.")
+        return CBrickDataPreparer::CorruptedFile;
+    if (message == "Invalid ID in brick data.")
+        return CBrickDataPreparer::NotABrickFile;
+    if (message == "Newer software version required to read brick data.")
+        return CBrickDataPreparer::NewerSoftwareRequired;
+    if (message == "Invalid size of prepared brick data.")
+        return CBrickDataPreparer::InvalidSize;
+    if (message == "Decrypted and decompressed brick data does not match hash.")
+        return CBrickDataPreparer::PlainDigestMismatch;
+    ADD_FAILURE() << "no code for " << message;
+    return -1;
+}
+
 void expectUnprepareError(const zo::CError& error, const char* message, const zo::CProps& extraProps = zo::CProps())
 {
     EXPECT_EQ(error.getMessage().toUTF8(), message);
     EXPECT_EQ(propsText(error.getProps()), propsText(zo::CProps().add("action", kUnprepareAction).addAll(extraProps)));
-    EXPECT_EQ(error.getCode(), -1);
-    EXPECT_TRUE(error.getDomain().isEmpty());
+    EXPECT_EQ(error.getCode(), unprepareCodeOf(message));
+    EXPECT_EQ(error.getDomain().toUTF8(), CBrickDataPreparer::kErrorDomain);
 }
 
 bool isUnprepareMessage(const std::string& message)

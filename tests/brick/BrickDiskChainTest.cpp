@@ -1,6 +1,5 @@
 // The chain of a disk as its folders hold it, and the brick files of a disk
 // folder, read without a password.
-#include "brick/Brick.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickTree.h"
@@ -9,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-using brick::CBrick;
 using brick::CBrickDisk;
 using brick::CBrickDiskChain;
 using brick::CBrickTree;
@@ -63,8 +61,8 @@ TEST_F(BrickDiskChainTest, ListsTheDiskThenItsAncestorsAndNamesItsChild)
 TEST_F(BrickDiskChainTest, LocatesEachBrickInTheNearestDiskThatHoldsIt)
 {
     const CBrickDiskChain snapshot(fs.get(), CURI("/disks/monday"));
-    const CURI relative3 = CBrick::getRelativeBrickURI(snapshot.getHeader(), 3);
-    const CURI relative5 = CBrick::getRelativeBrickURI(snapshot.getHeader(), 5);
+    const CURI relative3 = CBrickTree::getRelativeBrickURI(snapshot.getHeader(), 3);
+    const CURI relative5 = CBrickTree::getRelativeBrickURI(snapshot.getHeader(), 5);
     EXPECT_EQ(snapshot.locateBrick(fs.get(), 3).toString(true).toUTF8(),
               (CURI("/disks/monday") << relative3).toString(true).toUTF8());
     EXPECT_EQ(snapshot.locateBrick(fs.get(), 5).toString(true).toUTF8(),
@@ -119,7 +117,7 @@ TEST_F(BrickDiskChainTest, ALinkLoopIsRefused)
 TEST_F(BrickDiskChainTest, TreeListingGivesEveryBrickFileWithItsIndexAndSizeAndWhatDoesNotBelong)
 {
     const CBrickDiskChain base(fs.get(), CURI("/disks/base"));
-    const CURI brick5 = CURI("/disks/base") << CBrick::getRelativeBrickURI(base.getHeader(), 5);
+    const CURI brick5 = CURI("/disks/base") << CBrickTree::getRelativeBrickURI(base.getHeader(), 5);
     fs->setFileData(brick5.getParent() << "notes.txt", testsupport::patternBytes(3, 1));
     fs->setFileData(brick5.getParent() << ".tmp-0123456789abcdef-05.brick.part", testsupport::patternBytes(3, 1));
 

@@ -236,8 +236,21 @@ TEST(BrickDiskHeader, CopyAndMoveCopyEveryField)
     }
 }
 
+TEST(BrickDiskHeader, OnlyTheNullCipherIsUnencrypted)
+{
+    CBrickDiskHeader header;
+    EXPECT_TRUE(header.isEncrypted());
+    for (const char* cipherID : {"aes256cbc", "aes256gcm", "nul", "NULL"}) {
+        header.setCipherID(cipherID);
+        EXPECT_TRUE(header.isEncrypted()) << cipherID;
+    }
+    header.setCipherID("null");
+    EXPECT_FALSE(header.isEncrypted());
+}
+
 TEST(BrickDiskHeader, HeaderURIIsDiskBrickdiskOrItsFallbackCopy)
 {
+    EXPECT_EQ(CBrickDiskHeader::getHeaderFilename(), "disk.brickdisk");
     EXPECT_EQ(CBrickDiskHeader::getHeaderURI(CURI("/d"), 0), CURI("/d/disk.brickdisk"));
     EXPECT_EQ(CBrickDiskHeader::getHeaderURI(CURI("/d"), 1), CURI("/d/fallback/disk.brickdisk"));
 }

@@ -115,14 +115,3 @@ TEST(CMTRand, RandInt32CoversNegativeAndPositive)
     EXPECT_TRUE(negative);
     EXPECT_TRUE(positive);
 }
-
-TEST(CMTRand, GlobalInstanceAndMutexAreSingletons)
-{
-    EXPECT_EQ(&CMTRand::getGlobal(), &CMTRand::getGlobal());
-    EXPECT_EQ(&CMTRand::getGlobalInstanceMutex(), &CMTRand::getGlobalInstanceMutex());
-    zo::CMutexLock lock(CMTRand::getGlobalInstanceMutex());
-    uint8_t salt[16] = {};
-    CMTRand::getGlobal().randData(salt, 16);
-    const std::set<uint8_t> distinct(salt, salt + 16);
-    EXPECT_GT(distinct.size(), 1u);
-}
