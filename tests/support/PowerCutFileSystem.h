@@ -16,6 +16,7 @@
 
 #include "zo/Buffer.h"
 #include "zo/FileSystem.h"
+#include "zo/ForwardingFileSystem.h"
 
 #include <memory>
 #include <mutex>
@@ -23,7 +24,7 @@
 
 namespace testsupport {
 
-class PowerCutFileSystem : public zo::CBase, public zo::IFileSystem {
+class PowerCutFileSystem : public zo::CForwardingFileSystem {
 public:
     explicit PowerCutFileSystem(zo::IFileSystem* inner);
 
@@ -39,27 +40,11 @@ public:
     // Changes that a power cut now would undo.
     int getUnsyncedChangeCount() const;
 
-    zo::P<zo::IFileSystemOp> beginStoreFile(const zo::CURI& file, int size, zo::IInStream* source, bool overwrite,
-                                            zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginStoreFileBatched(const zo::CURI& file, int size, zo::IInStream* source,
                                                    bool overwrite, zo::IDoneListener* listener) override;
     void syncBatch() override;
     zo::P<zo::IFileSystemOp> beginCreateFolder(const zo::CURI& folder, int mode, zo::IDoneListener* listener) override;
-    zo::P<zo::IFileSystemOp> beginMoveFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
-                                           zo::IDoneListener* listener) override;
-    zo::P<zo::IFileSystemOp> beginCopyFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
-                                           zo::IDoneListener* listener) override;
     zo::P<zo::IFileSystemOp> beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener) override;
-    zo::P<zo::IFileInfo> getFileInfo(const zo::CURI& path, bool throwIfMissing) override;
-    zo::P<zo::IIOStream> openStream(const zo::CURI& file, zo::IIOStream::Access access, const int& options) override;
-    void createFolder(const zo::CURI& folder, int mode) override;
-    bool fileExists(const zo::CURI& file) override;
-    bool folderExists(const zo::CURI& folder) override;
-    bool pathExists(const zo::CURI& path) override;
-    void deleteFile(const zo::CURI& file, bool ignoreMissing) override;
-    zo::TList<zo::String> listFolder(const zo::CURI& folder) override;
-    zo::P<zo::IFileSystemLock> lockFolder(const zo::CURI& folder, bool exclusive) override;
-    int removeTemporaryFiles(const zo::CURI& folder) override;
 
     // One change that waits for a sync.
     struct Change {
@@ -82,7 +67,6 @@ private:
     zo::P<zo::IDoneListener> marking(const std::shared_ptr<Change>& change, zo::IDoneListener* listener);
     void undo(const Change& change);
 
-    zo::P<zo::IFileSystem> m_inner;
     mutable std::mutex m_mutex;
     // The changes no sync has made durable yet, oldest first (under m_mutex).
     std::vector<std::shared_ptr<Change>> m_unsynced;
