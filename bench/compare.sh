@@ -193,7 +193,7 @@ for ((round = 1; round <= rounds; round++)); do
   brickdisk_folder=$(apparent "$disk")
   timed brickdisk-export "$brickdisk" export "$disk" disk.raw "${pw[@]}"
   same image.raw disk.raw
-  "$brickdisk" snapshot "$disk" "$snapshot" >/dev/null
+  "$brickdisk" snapshot "$disk" "$snapshot" "${pw[@]}" >/dev/null
   timed brickdisk-reimport "$brickdisk" import "$disk" changed.raw "${pw[@]}"
   "$brickdisk" export "$disk" disk.raw "${pw[@]}" >/dev/null
   same changed.raw disk.raw

@@ -92,7 +92,7 @@ for ((round = 1; round <= rounds; round++)); do
   cpu_timed import "$brickdisk" import "$disk" image.raw "${pw[@]}"
   cpu_timed export "$brickdisk" export "$disk" disk.raw "${pw[@]}"
   same image.raw disk.raw
-  "$brickdisk" snapshot "$disk" "snapshot$round" >/dev/null
+  "$brickdisk" snapshot "$disk" "snapshot$round" "${pw[@]}" >/dev/null
   cpu_timed reimport "$brickdisk" import "$disk" changed.raw "${pw[@]}"
   if ((with_borg)); then
     export BORG_REPO=$work/borg$round

@@ -64,7 +64,7 @@ t0=$(now)
 t1=$(now)
 
 step "taking a snapshot"
-"$brickdisk" snapshot "$work/disk" "$work/snapshot"
+"$brickdisk" snapshot "$work/disk" "$work/snapshot" "${pw[@]}"
 
 step "importing the second version (a few files changed)"
 t2=$(now)
