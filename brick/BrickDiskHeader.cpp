@@ -10,6 +10,7 @@
 #include "zo/Error.h"
 
 #include <cstring>
+#include <string>
 
 namespace brick {
 
@@ -21,7 +22,44 @@ namespace {
 constexpr const char* kHeaderFileID = "BRCKDISK";
 constexpr double kGrowFactor = 2.0;
 constexpr const char* kIdentityMark = "BRCKIDNT";
+constexpr const char* kKeyListMark = "BRCKKEYS";
 constexpr zo::int32 kHasParentFlag = 1;
+
+// The mark of the next part of the record: the next eight bytes, or nothing
+// when fewer are left.
+std::string readMark(zo::CDataInStream& in, zo::IInStream& stream)
+{
+    const size_t size = std::strlen(kIdentityMark);
+    if (stream.getLength() - stream.getPosition() < static_cast<zo::int64>(size))
+        return std::string();
+    std::string mark(size, '\0');
+    in.read(mark.data(), static_cast<int>(size));
+    return mark;
+}
+
+void writeKeySlot(zo::CDataOutStream& out, const CBrickDiskHeader::KeySlot& slot)
+{
+    out.writeString(slot.name);
+    out.writeInt64(slot.creationTime);
+    record::writeByteBlock(out, slot.salt);
+    out.writeInt32(slot.passes);
+    out.writeInt32(slot.memoryKiB);
+    out.writeInt32(slot.lanes);
+    record::writeByteBlock(out, slot.wrappedKey);
+}
+
+CBrickDiskHeader::KeySlot readKeySlot(zo::CDataInStream& in, zo::IInStream& stream)
+{
+    CBrickDiskHeader::KeySlot slot;
+    slot.name = in.readString();
+    slot.creationTime = in.readInt64();
+    record::readByteBlock(in, stream, slot.salt);
+    slot.passes = in.readInt32();
+    slot.memoryKiB = in.readInt32();
+    slot.lanes = in.readInt32();
+    record::readByteBlock(in, stream, slot.wrappedKey);
+    return slot;
+}
 
 } // namespace
 
@@ -72,6 +110,15 @@ void CBrickDiskHeader::store(zo::IFileSystem* fs, const CURI& folder) const
         record::writeByteBlock(out, m_diskID);
         out.writeInt32(m_hasParent ? kHasParentFlag : 0);
         record::writeByteBlock(out, m_identityTag);
+    }
+    if (hasKeyWrapFields() && m_hasKeyList) {
+        record::writeFileID(out, kKeyListMark);
+        out.writeString(m_firstKeyName);
+        out.writeInt64(m_firstKeyCreationTime);
+        out.writeInt32(static_cast<zo::int32>(m_furtherKeys.size()));
+        for (const KeySlot& slot : m_furtherKeys)
+            writeKeySlot(out, slot);
+        record::writeByteBlock(out, m_keyListTag);
     }
     storeAuxFile(fs, folder, getHeaderFilename(), *stream->getBuffer());
 }
@@ -128,8 +175,8 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     m_diskID.setUsed(0);
     m_hasParent = false;
     m_identityTag.setUsed(0);
-    if (stream->getLength() - stream->getPosition() >= static_cast<zo::int64>(std::strlen(kIdentityMark)) &&
-        record::readFileIDMatches(in, kIdentityMark)) {
+    std::string mark = readMark(in, *stream);
+    if (mark == kIdentityMark) {
         record::readByteBlock(in, *stream, m_diskID);
         const zo::int32 flags = in.readInt32();
         if (flags != 0 && flags != kHasParentFlag)
@@ -137,6 +184,30 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
                              zo::CProps().add("flags", flags).add("diskFolder", folder.toString(true)));
         m_hasParent = flags == kHasParentFlag;
         record::readByteBlock(in, *stream, m_identityTag);
+        mark = readMark(in, *stream);
+    }
+    m_hasKeyList = false;
+    m_firstKeyName = zo::String();
+    m_firstKeyCreationTime = 0;
+    m_furtherKeys.clear();
+    m_keyListTag.setUsed(0);
+    if (hasKeyWrapFields() && mark == kKeyListMark) {
+        m_hasKeyList = true;
+        m_firstKeyName = in.readString();
+        m_firstKeyCreationTime = in.readInt64();
+        const zo::int32 count = in.readInt32();
+        // Checked before the loop, so that a changed count cannot make it run long.
+        if (count < 0 || count >= CBrickDiskHeaderLimits::kMaxKeyCount)
+            throw zo::CError("Invalid key count: " + zo::toDecimalString(zo::int64(count) + 1) + " (from 1 to " +
+                                 zo::toDecimalString(CBrickDiskHeaderLimits::kMaxKeyCount) + ").",
+                             zo::String(), -1,
+                             zo::CProps()
+                                 .add("field", "keyCount")
+                                 .add("value", zo::toDecimalString(zo::int64(count) + 1))
+                                 .add("diskFolder", folder.toString(true)));
+        for (zo::int32 i = 0; i < count; ++i)
+            m_furtherKeys.push_back(readKeySlot(in, *stream));
+        record::readByteBlock(in, *stream, m_keyListTag);
     }
     // Before any caller sizes a buffer, a loop or a key derivation by it.
     CBrickDiskHeaderLimits::validate(*this, folder);

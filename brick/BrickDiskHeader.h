@@ -16,6 +16,8 @@
 #include "zo/String.h"
 #include "zo/URI.h"
 
+#include <vector>
+
 namespace brick {
 
 class BRICKDISK_EXPORT CBrickDiskHeader : public CBrickDiskAuxFileBase {
@@ -31,6 +33,22 @@ public:
     static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";
     // The cipher ID of an unencrypted disk.
     static constexpr const char* kNoCipherID = "null";
+    // The name of a key-wrapped disk's only key before it has more.
+    static constexpr const char* kDefaultKeyName = "default";
+
+    // One of the keys of a key-wrapped disk: a password, known by its name,
+    // that wraps the disk's key (see CBrickDiskKeyWrap).
+    struct KeySlot {
+        zo::String name;
+        // Seconds since 1970-01-01 00:00:00 UTC when the key was added; 0
+        // when it is not known (the first key of a disk made without a list).
+        zo::int64 creationTime = 0;
+        zo::TBuffer<zo::uint8> salt;
+        int passes = 0;
+        int memoryKiB = 0;
+        int lanes = 0;
+        zo::TBuffer<zo::uint8> wrappedKey;
+    };
 
     // Version 1 everywhere, 512 KiB bricks, payload block size 1, disk size -1,
     // "md5", "sha256", "aes256cbc", empty key hash, "PKCS5-PBKDF2-HMAC-SHA1",
@@ -139,6 +157,27 @@ public:
     const zo::TBuffer<zo::uint8>& getIdentityTag() const { return m_identityTag; }
     void setIdentityTag(const zo::TBuffer<zo::uint8>& tag) { m_identityTag.assign(tag); }
 
+    // A key-wrapped disk given a second key holds a key list from then on:
+    // the first key stays in the derivation fields and the wrapped key
+    // above, and the list, stored after the identity behind the mark
+    // "BRCKKEYS", adds the first key's name and creation time, the further
+    // keys and a tag under the disk's record key over all of them. A header
+    // with a list binds into every wrap that it has one, so the list cannot
+    // be cut off unseen. CBrickDiskKeyWrap reads and writes the keys.
+    bool hasKeyList() const { return m_hasKeyList; }
+    void setHasKeyList(bool hasKeyList) { m_hasKeyList = hasKeyList; }
+    // The first key's name and creation time, as the list stores them.
+    const zo::String& getFirstKeyName() const { return m_firstKeyName; }
+    void setFirstKeyName(const zo::String& name) { m_firstKeyName = name; }
+    zo::int64 getFirstKeyCreationTime() const { return m_firstKeyCreationTime; }
+    void setFirstKeyCreationTime(zo::int64 time) { m_firstKeyCreationTime = time; }
+    // The keys after the first, in the order they are tried.
+    const std::vector<KeySlot>& getFurtherKeys() const { return m_furtherKeys; }
+    void setFurtherKeys(const std::vector<KeySlot>& keys) { m_furtherKeys = keys; }
+    // HMAC-SHA256 over every key of the list under the disk's record key.
+    const zo::TBuffer<zo::uint8>& getKeyListTag() const { return m_keyListTag; }
+    void setKeyListTag(const zo::TBuffer<zo::uint8>& tag) { m_keyListTag.assign(tag); }
+
 private:
     int m_version = 1;
     int m_minReaderVersion = 1;
@@ -160,6 +199,11 @@ private:
     zo::TBuffer<zo::uint8> m_diskID;
     bool m_hasParent = false;
     zo::TBuffer<zo::uint8> m_identityTag;
+    bool m_hasKeyList = false;
+    zo::String m_firstKeyName;
+    zo::int64 m_firstKeyCreationTime = 0;
+    std::vector<KeySlot> m_furtherKeys;
+    zo::TBuffer<zo::uint8> m_keyListTag;
     static constexpr int kFixedObjectsPerTreeLevel = 97;
     static constexpr int kFixedTreeLevels = 5;
     int m_objectsPerTreeLevel = kFixedObjectsPerTreeLevel;

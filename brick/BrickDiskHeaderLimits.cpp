@@ -9,7 +9,9 @@
 #include "zo/Machine.h"
 #include "zo/ZstdCompressor.h"
 
+#include <algorithm>
 #include <limits>
+#include <vector>
 
 namespace brick {
 
@@ -48,6 +50,10 @@ constexpr Field kLanes{"cipherKeyDerivationLanes", "key derivation lane count"};
 constexpr Field kWrappedKey{"wrappedCipherKey", "wrapped key length"};
 constexpr Field kDiskID{"diskID", "disk ID length"};
 constexpr Field kIdentityTag{"identityTag", "identity tag length"};
+constexpr Field kKeyName{"keyName", "key name"};
+constexpr Field kKeyNameLength{"keyName", "key name length"};
+constexpr Field kKeyCreationTime{"keyCreationTime", "key creation time"};
+constexpr Field kKeyListTag{"keyListTag", "key list tag length"};
 
 String shown(const String& value)
 {
@@ -105,6 +111,18 @@ int keyHashSize(const String& cryptoHashID)
     return cryptoHashID == "md5" ? 16 : 32;
 }
 
+// The Argon2id cost and the wrapped key of one key.
+void validateWrap(const CBrickDiskHeader::KeySlot& slot)
+{
+    const seal::Argon2idCost limit = CBrickDiskKeyWrap::getCostLimit();
+    checkRange(kIterations, slot.passes, 1, limit.passes);
+    checkRange(kLanes, slot.lanes, 1, limit.lanes);
+    // Argon2 needs 8 KiB per lane.
+    checkRange(kMemory, slot.memoryKiB, int64(8) * slot.lanes, limit.memoryKiB);
+    checkRange(kWrappedKey, slot.wrappedKey.getUsed(), seal::kKeyWrapOverhead + kCipherKeySize,
+               seal::kKeyWrapOverhead + kCipherKeySize);
+}
+
 void validateKeyDerivation(const CBrickDiskHeader& header)
 {
     const bool encrypted = header.isEncrypted();
@@ -116,14 +134,32 @@ void validateKeyDerivation(const CBrickDiskHeader& header)
                    CBrickDiskHeaderLimits::kMaxPBKDF2Iterations);
         return;
     }
-    const seal::Argon2idCost limit = CBrickDiskKeyWrap::getCostLimit();
-    checkRange(kIterations, header.getCipherKeyDerivationIterations(), 1, limit.passes);
-    checkRange(kLanes, header.getCipherKeyDerivationLanes(), 1, limit.lanes);
-    // Argon2 needs 8 KiB per lane.
-    checkRange(kMemory, header.getCipherKeyDerivationMemoryKiB(), int64(8) * header.getCipherKeyDerivationLanes(),
-               limit.memoryKiB);
-    const int wrapped = header.getWrappedCipherKey().getUsed();
-    checkRange(kWrappedKey, wrapped, seal::kKeyWrapOverhead + kCipherKeySize, seal::kKeyWrapOverhead + kCipherKeySize);
+    CBrickDiskHeader::KeySlot first;
+    first.passes = header.getCipherKeyDerivationIterations();
+    first.memoryKiB = header.getCipherKeyDerivationMemoryKiB();
+    first.lanes = header.getCipherKeyDerivationLanes();
+    first.wrappedKey = header.getWrappedCipherKey();
+    validateWrap(first);
+}
+
+// The names, times and wraps of the keys of a key list.
+void validateKeyList(const CBrickDiskHeader& header)
+{
+    std::vector<String> names{header.getFirstKeyName()};
+    CBrickDiskHeaderLimits::checkKeyName(header.getFirstKeyName());
+    checkRange(kKeyCreationTime, header.getFirstKeyCreationTime(), 0, std::numeric_limits<int64>::max());
+    for (const CBrickDiskHeader::KeySlot& slot : header.getFurtherKeys()) {
+        CBrickDiskHeaderLimits::checkKeyName(slot.name);
+        if (std::find(names.begin(), names.end(), slot.name) != names.end())
+            fail(kKeyName, shown(slot.name), "no two keys of the same name");
+        names.push_back(slot.name);
+        checkRange(kKeyCreationTime, slot.creationTime, 0, std::numeric_limits<int64>::max());
+        checkRange(kSalt, slot.salt.getUsed(), CBrickDiskHeaderLimits::kMinSaltSize,
+                   CBrickDiskHeaderLimits::kMaxSaltSize);
+        validateWrap(slot);
+    }
+    checkRange(kKeyListTag, header.getKeyListTag().getUsed(), CBrickDiskIdentity::kTagSize,
+               CBrickDiskIdentity::kTagSize);
 }
 
 } // namespace
@@ -223,6 +259,8 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
             checkRange(kIdentityTag, header.getIdentityTag().getUsed(), CBrickDiskIdentity::kTagSize,
                        CBrickDiskIdentity::kTagSize);
         }
+        if (header.hasKeyList())
+            validateKeyList(header);
     } catch (zo::CError& e) {
         e.getProps().add("diskFolder", diskFolder.toString(true));
         throw;
@@ -241,19 +279,25 @@ void CBrickDiskHeaderLimits::checkKeyDerivationCost(const CBrickDiskHeader& head
                 zo::CProps().add("iterations", iterations).add("allowedIterations", kAllowedPBKDF2Iterations));
         return;
     }
-    const int passes = header.getCipherKeyDerivationIterations();
-    const int memoryKiB = header.getCipherKeyDerivationMemoryKiB();
-    const zo::CProps cost = zo::CProps()
-                                .add("passes", passes)
-                                .add("memoryKiB", memoryKiB)
-                                .add("lanes", header.getCipherKeyDerivationLanes());
-    const int64 machineMemory = zo::getPhysicalMemorySize();
-    if (machineMemory > 0 && int64(memoryKiB) * 1024 > machineMemory)
-        throw zo::CError("The key derivation of the disk needs more memory than the machine has.", String(), -1,
-                         zo::CProps(cost).add("machineMemory", machineMemory));
-    if (!allowExpensive &&
-        (memoryKiB > kAllowedArgon2idMemoryKiB || int64(passes) * memoryKiB > kAllowedArgon2idWorkKiB))
-        throw zo::CError("The key derivation of the disk costs more than allowed.", String(), -1, cost);
+    for (const CBrickDiskHeader::KeySlot& slot : CBrickDiskKeyWrap::getKeys(header)) {
+        const zo::CProps cost =
+            zo::CProps().add("passes", slot.passes).add("memoryKiB", slot.memoryKiB).add("lanes", slot.lanes);
+        const int64 machineMemory = zo::getPhysicalMemorySize();
+        if (machineMemory > 0 && int64(slot.memoryKiB) * 1024 > machineMemory)
+            throw zo::CError("The key derivation of the disk needs more memory than the machine has.", String(), -1,
+                             zo::CProps(cost).add("machineMemory", machineMemory));
+        if (!allowExpensive && (slot.memoryKiB > kAllowedArgon2idMemoryKiB ||
+                                int64(slot.passes) * slot.memoryKiB > kAllowedArgon2idWorkKiB))
+            throw zo::CError("The key derivation of the disk costs more than allowed.", String(), -1, cost);
+    }
+}
+
+void CBrickDiskHeaderLimits::checkKeyName(const String& name)
+{
+    checkRange(kKeyNameLength, static_cast<int64>(name.toUTF8().size()), 1, kMaxKeyNameLength);
+    for (size_t i = 0; i < name.getLength(); ++i)
+        if (name[i] < u' ' || name[i] == u'\x7f')
+            fail(kKeyName, shown(name), "no control characters");
 }
 
 } // namespace brick

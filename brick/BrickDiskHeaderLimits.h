@@ -33,6 +33,10 @@ public:
     static constexpr zo::int64 kAllowedArgon2idWorkKiB = 16LL * 12 * 64 * 1024;
     static constexpr int kAllowedArgon2idMemoryKiB = 1024 * 1024;
     static constexpr int kAllowedPBKDF2Iterations = 1000000;
+    // A key-wrapped disk holds 1 to 32 keys, each named by 1 to 64 bytes of
+    // UTF-8 without control characters, no two alike.
+    static constexpr int kMaxKeyCount = 32;
+    static constexpr int kMaxKeyNameLength = 64;
 
     // The number of bricks that the brick tree addresses: 97 to the power 5.
     static zo::int64 getMaxBrickCount();
@@ -71,7 +75,8 @@ public:
     // key hash's length for its digest, and the salt, cost and wrapped key of
     // the key derivation (within the largest cost that can be made:
     // CBrickDiskKeyWrap::getCostLimit for Argon2id, kMaxPBKDF2Iterations for
-    // PBKDF2). Throws zo::CError "Invalid <field>: <value> (<what is
+    // PBKDF2), and the same of every further key of a key list, with the
+    // names of its keys and the length of its tag. Throws zo::CError "Invalid <field>: <value> (<what is
     // allowed>)." with "diskFolder" = `diskFolder`, "field" and "value" for
     // the first field that fails. The minimum reader
     // version is left to the caller, which refuses a newer one by itself.
@@ -79,11 +84,15 @@ public:
 
     // Checks that deriving the key of `header` (valid) costs no more than the
     // machine can give, and, unless `allowExpensive`, no more than the
-    // allowed costs above. Throws zo::CError "The key derivation of the disk
+    // allowed costs above; for a key list, each of its keys. Throws zo::CError "The key derivation of the disk
     // costs more than allowed." or "... needs more memory than the machine
     // has." with the cost as properties ("passes", "memoryKiB", "lanes" or
     // "iterations") before any work is done. An unencrypted header passes.
     static void checkKeyDerivationCost(const CBrickDiskHeader& header, bool allowExpensive);
+
+    // Throws zo::CError ("field" "keyName", "value") for a key name that is
+    // empty, longer than kMaxKeyNameLength or holds a control character.
+    static void checkKeyName(const zo::String& name);
 };
 
 } // namespace brick

@@ -7,6 +7,8 @@
 #include "seal/Random.h"
 #include "zo/Error.h"
 
+#include <cstring>
+
 namespace brick {
 
 using zo::CError;
@@ -38,13 +40,12 @@ TCryptBuffer<uint8> recordKey(const TCryptBuffer<uint8>& diskKey)
 
 // A tag over a label and byte blocks, each block preceded by its length so
 // that no two lists of blocks give the same message.
-template <size_t N>
-TBuffer<uint8> tagOf(const TCryptBuffer<uint8>& diskKey, const char (&label)[N],
+TBuffer<uint8> tagOf(const TCryptBuffer<uint8>& diskKey, const char* label,
                      std::initializer_list<const TBuffer<uint8>*> blocks)
 {
     const TCryptBuffer<uint8> key = recordKey(diskKey);
     const zo::P<seal::IDigestContext> mac = seal::createHMACSHA256Context(key.getData(), key.getUsed());
-    mac->update(label, static_cast<int>(N - 1));
+    mac->update(label, static_cast<int>(std::strlen(label)));
     for (const TBuffer<uint8>* block : blocks) {
         const uint8 length[4] = {static_cast<uint8>(block->getUsed() >> 24), static_cast<uint8>(block->getUsed() >> 16),
                                  static_cast<uint8>(block->getUsed() >> 8), static_cast<uint8>(block->getUsed())};
@@ -95,6 +96,12 @@ bool holdsRecord(zo::IFileSystem* fs, const CURI& folder, const String& fileName
 String CBrickDiskIdentity::getLinkFileName(LinkKind kind)
 {
     return kind == LinkKind::Parent ? CBrickDisk::getParentLinkFileName() : CBrickDisk::getChildLinkFileName();
+}
+
+TBuffer<uint8> CBrickDiskIdentity::makeRecordTag(const TCryptBuffer<uint8>& diskKey, const char* label,
+                                                const TBuffer<uint8>& message)
+{
+    return tagOf(diskKey, label, {&message});
 }
 
 void CBrickDiskIdentity::giveNewIdentity(CBrickDiskHeader& header, bool hasParent)

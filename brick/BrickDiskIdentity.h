@@ -36,6 +36,12 @@ public:
     enum class LinkKind { Parent, Child };
     static zo::String getLinkFileName(LinkKind kind);
 
+    // HMAC-SHA256 under the record key of `diskKey` (empty for an
+    // unencrypted disk) over `label` and the length and bytes of `message`:
+    // the tag of a record of the disk that only who holds its key can make.
+    static zo::TBuffer<zo::uint8> makeRecordTag(const zo::TCryptBuffer<zo::uint8>& diskKey, const char* label,
+                                                const zo::TBuffer<zo::uint8>& message);
+
     // Gives `header` a new random ID and the parent flag `hasParent`, and
     // takes its tag away: the header has an identity from here on, which a
     // key wrap made afterwards binds. sealIdentity then makes the tag.

@@ -23,6 +23,8 @@
 #include "zo/String.h"
 #include "zo/URI.h"
 
+#include <vector>
+
 namespace brick {
 
 class BRICKDISK_EXPORT CBrickDiskKeyWrap {
@@ -52,25 +54,60 @@ public:
     static void setUpNewKey(CBrickDiskHeader& header, const zo::String& password, const seal::Argon2idCost& cost,
                             zo::TCryptBuffer<zo::uint8>& keyOut);
 
-    // Unwraps the key of `header` with `password` into `keyOut`. False, with
-    // `keyOut` untouched, when the password is wrong or any field of the
-    // header was changed. Throws the error of a cost beyond the limits,
+    // Unwraps the key of `header` with `password` into `keyOut`, trying its
+    // keys in order (see findKey). False, with `keyOut` untouched, when the
+    // password is wrong or any field of the header was changed. Throws the error of a cost beyond the limits,
     // zo::CInvalidArgError
     // ("CBrickDiskKeyWrap::unwrapKey") when the header is not key-wrapped
     // and the errors of key derivation (a cost or salt that Argon2id refuses).
     static bool unwrapKey(const CBrickDiskHeader& header, const zo::String& password,
                           zo::TCryptBuffer<zo::uint8>& keyOut);
 
+    // The index of the key of `header` that `password` opens, trying them in
+    // order (one Argon2id derivation each, at its own cost), with the disk's
+    // key unwrapped into `keyOut`; -1, with `keyOut` untouched, when none
+    // does, or when the key list's tag is not the one the unwrapped key
+    // makes (the list was changed). Throws as unwrapKey does.
+    static int findKey(const CBrickDiskHeader& header, const zo::String& password,
+                       zo::TCryptBuffer<zo::uint8>& keyOut);
+    // True, with the disk's key in `keyOut`, when `password` opens `slot`
+    // as a key of `header` (whose key list tag is not checked). Throws the
+    // error of a cost beyond the limits and of key derivation.
+    static bool opensKey(const CBrickDiskHeader& header, const CBrickDiskHeader::KeySlot& slot,
+                         const zo::String& password, zo::TCryptBuffer<zo::uint8>& keyOut);
+    // The keys of the key-wrapped `header`, in the order they are tried: the
+    // first from the derivation fields and the wrapped key (named
+    // CBrickDiskHeader::kDefaultKeyName, creation time 0, in a header without
+    // a key list), then the further keys of its list.
+    static std::vector<CBrickDiskHeader::KeySlot> getKeys(const CBrickDiskHeader& header);
+    // A new key named `name`, made at `creationTime`, that wraps `key`, the
+    // disk's key, under `password` with `cost` and a fresh salt, for
+    // `header` as it will be stored (with or without a key list: the wrap
+    // binds which). Throws zo::CInvalidArgError when `key` is not the key of
+    // `header`, and the errors of key derivation and of the random generator.
+    static CBrickDiskHeader::KeySlot makeKey(const CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key,
+                                             const zo::String& name, zo::int64 creationTime,
+                                             const zo::String& password, const seal::Argon2idCost& cost);
+    // Makes `keys` the keys of `header`, in that order: the first into the
+    // derivation fields and the wrapped key, the others into the key list,
+    // whose tag it makes under `key`. Throws zo::CInvalidArgError for no
+    // keys, or for more than one in a header without a key list.
+    static void setKeys(CBrickDiskHeader& header, const std::vector<CBrickDiskHeader::KeySlot>& keys,
+                        const zo::TCryptBuffer<zo::uint8>& key);
+
     // Wraps `key`, the disk's key, anew under `newPassword` with `cost` and a
     // fresh salt, replacing the derivation fields and the wrapped key of
-    // `header`. Throws zo::CInvalidArgError when `key` is not the key of
+    // `header` (its first key; a key list keeps its names and gets its tag
+    // anew). Throws zo::CInvalidArgError when `key` is not the key of
     // `header` (its check value differs), and the errors of setUpNewKey.
     static void rewrapKey(CBrickDiskHeader& header, const zo::TCryptBuffer<zo::uint8>& key,
                           const zo::String& newPassword, const seal::Argon2idCost& cost);
 
     // Changes the password of the disks in `diskFolders` (a disk with its
     // parents and children, which share one key) from `oldPassword` to
-    // `newPassword`, wrapping the key anew with `cost`, by rewriting their
+    // `newPassword`, wrapping the key anew with `cost`: the key that
+    // `oldPassword` opens in the first disk gets the new password (see
+    // CBrickDiskKeys::changePassword, which can name the key), by rewriting their
     // headers only (each copy replaced atomically, the only intact copy
     // last; see CBrickDiskAuxFileBase::storeAuxFile). A disk that opens with
     // `newPassword` already (a change that was interrupted) is accepted as

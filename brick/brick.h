@@ -12,6 +12,7 @@
 #include "brick/BrickDiskHeaderLimits.h"
 #include "brick/BrickDiskIdentity.h"
 #include "brick/BrickDiskKeyWrap.h"
+#include "brick/BrickDiskKeys.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickDiskBlockDevice.h"
 #include "brick/BrickDiskLock.h"
