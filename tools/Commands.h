@@ -30,6 +30,7 @@ CommandAction addCopyCommand(CLI::App& program);
 CommandAction addDuCommand(CLI::App& program);
 CommandAction addDiffCommand(CLI::App& program);
 CommandAction addPasswdCommand(CLI::App& program);
+CommandAction addKeyCommand(CLI::App& program);
 CommandAction addServeCommand(CLI::App& program);
 CommandAction addMountCommand(CLI::App& program);
 CommandAction addUnmountCommand(CLI::App& program);

@@ -123,6 +123,7 @@ int main(int argc, char** argv)
     add(cli::addDuCommand);
     add(cli::addDiffCommand);
     add(cli::addPasswdCommand);
+    add(cli::addKeyCommand);
     add(cli::addServeCommand);
     add(cli::addMountCommand);
     add(cli::addUnmountCommand);
