@@ -24,6 +24,7 @@
 #include "brick/BrickStorer.h"
 #include "brick/BrickTree.h"
 #include "brick/ChainCopier.h"
+#include "brick/ChainRekeyer.h"
 #include "brick/ChainSpace.h"
 #include "brick/DiskStore.h"
 #include "brick/ParallelReadAheadManager.h"

@@ -1,17 +1,22 @@
 // brickdisk copy SOURCE DEST: copies a disk and the snapshots of its chain
 // from any store to any store as they are stored, without the password (see
 // brick::CChainCopier); a second copy to the same DEST sends only what
-// changed and adds the new snapshots.
+// changed and adds the new snapshots. With --rekey, every brick is decoded
+// and encoded anew under a new disk key and password (brick::CChainRekeyer),
+// into a new DEST.
 #include "Commands.h"
 #include "DiskAccess.h"
 #include "EmptyFolders.h"
 #include "Interrupt.h"
 #include "JsonWriter.h"
+#include "KeyDerivationOptions.h"
+#include "Password.h"
 #include "Progress.h"
 #include "Units.h"
 #include "UsageError.h"
 
 #include "brick/ChainCopier.h"
+#include "brick/ChainRekeyer.h"
 
 #include <CLI/CLI.hpp>
 
@@ -34,6 +39,10 @@ struct CopyOptions {
     bool dryRun = false;
     bool verify = false;
     bool json = false;
+    bool rekey = false;
+    CPasswordSource passwords;
+    CPasswordSource newPasswords{"--new-password-file", "BRICKDISK_NEW_PASSWORD", "new password"};
+    CKeyDerivationOptions cost;
 };
 
 // --snapshots all | none | a comma list of snapshot folder names.
@@ -105,8 +114,73 @@ void printSummary(const CopyOptions& options, const brick::CChainCopier::Summary
                 options.verify && !options.dryRun ? ", verified" : "");
 }
 
+// copy --rekey: the whole chain into a new DEST under a new key.
+int runRekeyedCopy(const CopyOptions& options)
+{
+    if (options.dryRun || options.verify || options.jobs || options.snapshots != "all")
+        throw UsageError("--rekey copies every snapshot anew on one thread: it takes no --snapshots, --jobs, "
+                         "--dry-run or --verify");
+    const auto start = std::chrono::steady_clock::now();
+    const zo::CURI source = diskFolderURI(options.source);
+    const zo::CURI destination = diskFolderURI(options.destination);
+    brick::CChainRekeyer::Options rekey;
+    rekey.cost = options.cost.cost();
+    rekey.allowExpensiveKeyDerivation = options.passwords.allowsExpensiveKdf();
+    rekey.checkpoint = throwIfInterrupted;
+
+    const zo::P<zo::IFileSystem> sourceFs = newFileSystem(source, true, 2);
+    const zo::P<zo::IFileSystem> destinationFs = newFileSystem(destination, true, 2);
+    loadDiskHeader(sourceFs.get(), source);
+    const zo::P<brick::CBrickDiskLock> sourceLock =
+        lockDisk(sourceFs.get(), source, brick::CBrickDiskLock::ForReading);
+    rekey.password = options.passwords.forExistingDisk(options.source);
+    rekey.newPassword = options.newPasswords.forNewDisk(options.destination);
+
+    const bool destinationExisted = destinationFs->pathExists(destination);
+    destinationFs->createFolder(destination, 0777);
+    zo::P<brick::CBrickDiskLock> destinationLock =
+        lockDisk(destinationFs.get(), destination, brick::CBrickDiskLock::ForWriting);
+    brick::CChainRekeyer::Summary summary;
+    try {
+        summary = brick::CChainRekeyer::copy(sourceFs.get(), source, destinationFs.get(), destination, rekey);
+    } catch (...) {
+        // A refused copy into a new folder leaves no empty folder behind.
+        destinationLock.reset();
+        if (!destinationExisted && isLocalFolder(destination)) {
+            destinationFs->deleteFile(destination << ".lock", true);
+            removeEmptyFolders(destination.toLocalPath());
+        }
+        throw;
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (options.json) {
+        CJsonWriter json(std::cout);
+        json.beginObject();
+        json.field("source", describe(source));
+        json.field("destination", describe(destination));
+        json.field("rekeyed", true);
+        json.field("bricksReencoded", summary.bricksReencoded);
+        json.key("disksMade");
+        json.beginArray();
+        for (const zo::CURI& disk : summary.disksMade)
+            json.value(describe(disk));
+        json.endArray();
+        json.field("seconds", seconds);
+        json.endObject();
+        return 0;
+    }
+    for (const zo::CURI& disk : summary.disksMade)
+        std::printf("made %s\n", describe(disk).c_str());
+    std::printf("%s encoded anew under a new key (argon2id, %s), in %s\n",
+                formatCount(summary.bricksReencoded, "brick file", "brick files").c_str(),
+                CKeyDerivationOptions::describe(rekey.cost).c_str(), formatDuration(seconds).c_str());
+    return 0;
+}
+
 int runCopy(const CopyOptions& options)
 {
+    if (options.rekey)
+        return runRekeyedCopy(options);
     if (options.jobs)
         checkJobCount(*options.jobs);
     const auto start = std::chrono::steady_clock::now();
@@ -191,6 +265,13 @@ CommandAction addCopyCommand(CLI::App& program)
                       "Read back every brick file sent and every record of the copied disks, and fail when one "
                       "differs");
     command->add_flag("--json", options->json, "Print the summary as one JSON object");
+    command->add_flag("--rekey", options->rekey,
+                      "Decode every brick and encode it anew under a new disk key and password, into a new or "
+                      "empty DEST (asks for the source's password, then the new one)");
+    options->passwords.addOptionTo(*command);
+    options->passwords.addAllowExpensiveKdfOptionTo(*command);
+    options->newPasswords.addOptionTo(*command);
+    options->cost.addTo(*command);
     return [options] { return runCopy(*options); };
 }
 

@@ -17,9 +17,10 @@ zo::TList<zo::CURI> sharedKeyFolders(zo::IFileSystem* fs, const zo::CURI& folder
         folders.push_back(parent);
         seen.insert(parent.toString(true));
     }
-    for (zo::CURI child = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, brick::CBrickDisk::getChildLinkFileName());
+    const zo::String childLink = brick::CBrickDisk::getChildLinkFileName();
+    for (zo::CURI child = brick::CBrickDiskChain::loadLinkedFolder(fs, folder, childLink);
          !child.isEmpty() && seen.insert(child.toString(true)).second;
-         child = brick::CBrickDiskChain::loadLinkedFolder(fs, child, brick::CBrickDisk::getChildLinkFileName()))
+         child = brick::CBrickDiskChain::loadLinkedFolder(fs, child, childLink))
         folders.push_back(child);
     return folders;
 }
