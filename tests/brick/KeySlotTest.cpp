@@ -2,6 +2,7 @@
 // and changing keys, a changed key list refused, and changes cut short at
 // every changing operation.
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskAuxFileBase.h"
 #include "brick/BrickDiskCreationTime.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
@@ -390,6 +391,39 @@ TEST(KeySlot, KeyListWithTwoKeysOfOneNameIsRefused)
     addKey(fs.get(), "backup", kBackup);
     storeEdited(fs.get(), [](CBrickDiskHeader& h) { h.setFirstKeyName("backup"); });
     EXPECT_THROW(headerOf(fs.get(), kFolders[0]), CError);
+}
+
+// The key count is checked before any key is read, so that a changed
+// count cannot make the reader loop or allocate by it.
+TEST(KeySlot, KeyListWithAHugeKeyCountIsRefusedByName)
+{
+    const P<CMemoryFileSystem> fs = makeChain();
+    addKey(fs.get(), "backup", kBackup);
+    const CURI folder(kFolders[0]);
+    const P<Bytes> payload =
+        brick::CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, CBrickDiskHeader::getHeaderFilename());
+    const std::string bytes(reinterpret_cast<const char*>(payload->getData()), payload->getUsed());
+    const size_t mark = bytes.find("BRCKKEYS");
+    ASSERT_NE(mark, std::string::npos);
+    // The mark, the first key's name "default" (4 + 7 bytes), its time (8).
+    const size_t count = mark + 8 + 4 + 7 + 8;
+    ASSERT_EQ((*payload)[static_cast<int>(count)], 1);
+    for (int i = 0; i < 4; ++i)
+        (*payload)[static_cast<int>(count) + i] = i == 3 ? 0x7f : 0xff;
+    brick::CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, CBrickDiskHeader::getHeaderFilename(), *payload);
+    const auto error = testsupport::errorOf<CError>([&] { headerOf(fs.get(), kFolders[0]); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(testsupport::messageOf(*error), "Invalid key count: 2147483648 (from 1 to 32).");
+}
+
+TEST(KeySlot, SnapshotMadeAfterAddingAKeyOpensWithEveryKey)
+{
+    const P<CMemoryFileSystem> fs = makeChain();
+    addKey(fs.get(), "backup", kBackup);
+    testsupport::createLinkedChild(fs.get(), CURI("/disks/newest"), CURI(kFolders[2]), kBackup);
+    EXPECT_TRUE(opensWith(fs.get(), "/disks/newest", kOwner));
+    EXPECT_TRUE(opensWith(fs.get(), "/disks/newest", kBackup));
+    EXPECT_EQ(keyNames(fs.get(), "/disks/newest"), (std::vector<std::string>{"default", "backup"}));
 }
 
 // The keys each disk holds, by name: before and after the change.
