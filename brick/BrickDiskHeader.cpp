@@ -157,8 +157,9 @@ void CBrickDiskHeader::load(zo::IFileSystem* fs, const CURI& folder)
     m_cipherKeyDerivationIterations = static_cast<int>(iterations);
 
     // Only a key-wrapped header holds the next three fields, only a header
-    // with an identity the marked three after them; other bytes after the
-    // last field are not read.
+    // with an identity the marked three after them, and only a key-wrapped
+    // header with a key list the marked list after those; other bytes after
+    // the last field are not read.
     m_cipherKeyDerivationMemoryKiB = 0;
     m_cipherKeyDerivationLanes = 0;
     m_wrappedCipherKey.setUsed(0);

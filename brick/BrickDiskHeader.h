@@ -74,8 +74,10 @@ public:
     // into this object. Throws the framing's error when no copy is intact,
     // CError "brickdisk header file does not start with correct file ID."
     // for another kind of file, CBrickDiskError NewerSoftwareRequired (with
-    // "diskFolder" = folder) when the disk needs a newer reader, and the data
-    // stream's CIOError for a record that ends early, and the CError of
+    // "diskFolder" = folder) when the disk needs a newer reader, CError
+    // "Invalid key count: ..." (field "keyCount") for a key list of more keys
+    // than CBrickDiskHeaderLimits::kMaxKeyCount, before any key is read, the
+    // data stream's CIOError for a record that ends early, and the CError of
     // CBrickDiskHeaderLimits::validate (naming the field, its value and
     // "diskFolder") for a field outside its limits. After a failure the
     // object may hold part of the record; callers discard it.

@@ -6,8 +6,10 @@
 // password wraps the same key anew, so no brick is touched, and a wrong
 // password is found by the wrap's own authentication, which also covers
 // every other field of the header (sizes, algorithm IDs, versions, whether
-// the disk has an identity): a header
-// changed anywhere does not open.
+// the disk has an identity or a key list): a header changed anywhere does
+// not open. A disk may have several keys (passwords), each wrapping the same
+// disk key; the list of them is tagged under the disk's record key (see
+// CBrickDiskHeader::hasKeyList and CBrickDiskKeys).
 //
 // Every call is static, keeps no state and may run on any thread at once.
 #pragma once
