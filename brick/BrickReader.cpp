@@ -66,11 +66,17 @@ P<CBrickDataPreparer> CBrickReader::createDataPreparer() const
 
 CBrickReader::Location CBrickReader::locate(int64 brickIndex) const
 {
-    const CURI relative = CBrickTree::getRelativeBrickURI(m_header, brickIndex);
-    for (size_t depth = 0; depth < m_folders.size(); ++depth) {
-        const CURI file = m_folders[depth] << relative;
-        if (m_fs->fileExists(file))
-            return Location{static_cast<int>(depth), m_folders[depth], file};
+    return locateIn(m_fs.get(), m_folders, m_header, brickIndex);
+}
+
+CBrickReader::Location CBrickReader::locateIn(zo::IFileSystem* fs, const std::vector<CURI>& chainFolders,
+                                              const CBrickDiskHeader& header, int64 brickIndex)
+{
+    const CURI relative = CBrickTree::getRelativeBrickURI(header, brickIndex);
+    for (size_t depth = 0; depth < chainFolders.size(); ++depth) {
+        const CURI file = chainFolders[depth] << relative;
+        if (fs->fileExists(file))
+            return Location{static_cast<int>(depth), chainFolders[depth], file};
     }
     return Location();
 }

@@ -75,6 +75,11 @@ public:
     // Which disk of the chain holds the file of brick `brickIndex`: the
     // nearest one where the file exists. Passes on the file system's errors.
     Location locate(zo::int64 brickIndex) const;
+    // The same for the chain of `chainFolders` (as the constructor takes
+    // them) of a disk whose header is `header`, read through `fs`: for
+    // callers that locate bricks without the disk's key. Any thread.
+    static Location locateIn(zo::IFileSystem* fs, const std::vector<zo::CURI>& chainFolders,
+                             const CBrickDiskHeader& header, zo::int64 brickIndex);
 
     // Loads the file of brick `brickIndex` from the nearest disk of the
     // chain that holds it, checks and decodes it into `dst` (a buffer of one
