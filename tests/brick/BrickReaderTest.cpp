@@ -1,8 +1,10 @@
 #include "brick/BrickReader.h"
 
 #include "brick/BrickDataPreparer.h"
+#include "brick/BrickDisk.h"
 #include "brick/BrickTree.h"
 #include "support/BrickTestHelpers.h"
+#include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/ForwardingFileSystem.h"
 #include "zo/MemoryFileSystem.h"
@@ -297,6 +299,27 @@ TEST_F(BrickReader, ReadsFromManyThreadsAtOnce)
         thread.join();
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(failed.load(), 0);
+}
+
+TEST_F(BrickReader, OpenDiskHandsOutTheReaderOfItsChain)
+{
+    testsupport::createDisk(fs.get(), CURI("/disks/parent"), 4 * kBrickSize, "secret");
+    const Bytes parentPlain = testsupport::patternBytes(kBrickSize, 200);
+    testsupport::writeAt(*testsupport::openDisk(fs.get(), CURI("/disks/parent"), "secret"), kBrickSize, parentPlain);
+    brick::CBrickDisk::createChild(fs.get(), CURI("/disks/child"), CURI("/disks/parent"),
+                                   brick::CBrickDisk::linkedChild);
+    const P<brick::CBrickDisk> disk =
+        testsupport::openDisk(fs.get(), CURI("/disks/child"), "secret", zo::IIOStream::AccessRead);
+
+    const CBrickReader* reader = disk->getBrickReader();
+    ASSERT_EQ(reader->getChainFolders().size(), 2u);
+    EXPECT_EQ(reader->getDiskFolder().toString(true), disk->getDiskFolder().toString(true));
+    EXPECT_EQ(reader->getChainFolders()[1].toString(true), disk->getParentDiskFolder().toString(true));
+    EXPECT_EQ(reader->locate(1).depth, 1);
+    EXPECT_TRUE(reader->locate(0).isHole());
+    Bytes dst;
+    EXPECT_EQ(reader->read(1, dst).content, Content::Data);
+    EXPECT_TRUE(testsupport::sameBytes(dst, parentPlain));
 }
 
 } // namespace
