@@ -11,18 +11,32 @@
 
 namespace brick {
 
-using zo::CFileSystemError;
 using zo::String;
+
+namespace {
+
+std::vector<CURI> chainOf(const CURI& diskFolder, const zo::TList<CURI>& parentFolders)
+{
+    std::vector<CURI> folders{diskFolder};
+    folders.insert(folders.end(), parentFolders.begin(), parentFolders.end());
+    return folders;
+}
+
+} // namespace
 
 CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
                const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps)
-    : m_fs(fs), m_diskFolder(diskFolder), m_childFolder(childFolder), m_header(header),
+    : CBrick(P<CBrickReader>(new CBrickReader(fs, chainOf(diskFolder, parentFolders), header, cipherKey)).get(),
+             childFolder, maxBackgroundOps)
+{
+}
+
+CBrick::CBrick(CBrickReader* reader, const CURI& childFolder, int maxBackgroundOps)
+    : m_reader(reader), m_fs(reader->getFileSystem()), m_diskFolder(reader->getDiskFolder()),
+      m_childFolder(childFolder), m_searchFolders(reader->getChainFolders()), m_header(reader->getHeader()),
       m_maxBackgroundOps(std::max(1, maxBackgroundOps))
 {
-    m_searchFolders.reserve(parentFolders.size() + 1);
-    m_searchFolders.push_back(diskFolder);
-    m_searchFolders.insert(m_searchFolders.end(), parentFolders.begin(), parentFolders.end());
-    m_preparer = P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, cipherKey));
+    m_preparer = reader->createDataPreparer();
     m_maxPreparedSize = static_cast<int64>(m_header.getBrickSize() * 1.1 + 1024.0);
     m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(m_maxBackgroundOps + 2, static_cast<int>(m_maxPreparedSize), 1));
 
@@ -121,7 +135,7 @@ bool CBrick::storedFileHolds(const TBuffer<uint8>& plain, const TBuffer<uint8>* 
                 !m_preparer->haveSamePlainDigest(head.getData(), prepared->getData()))
                 return false;
         }
-        const P<zo::CMemPoolBuffer> stored = readBrickFile(m_diskFolder);
+        const P<zo::CMemPoolBuffer> stored = m_reader->readFile(0, m_brickIndex);
         if (!stored)
             return false;
         TBuffer<uint8> storedPlain;
@@ -170,61 +184,9 @@ bool CBrick::loadFromStorer()
     return true;
 }
 
-// A parent disk may be written by another process or thread while this disk
-// reads it (a snapshot read while its origin changes). Its writer always
-// copies a brick's old file into the child before it replaces the brick, so a
-// file taken from an ancestor's folder is the right version only if the nearer
-// folders still lack the brick after the file was read: had the writer
-// replaced the file in the meantime, the nearer folder would already hold the
-// old copy. So after each read from an ancestor the nearer folders are looked
-// at again, and when one of them has gained the brick it is read from there.
 bool CBrick::loadFromSearchFolders()
 {
-    const std::vector<CURI>& folders = m_searchFolders;
-    const CURI relativeURI = getRelativeBrickURI();
-    size_t first = 0;
-    // Each legitimate retry reads from a nearer folder than the one before, so
-    // there are fewer retries than folders; past that a file that is listed
-    // but cannot be read is taken as missing, as on the first pass.
-    for (size_t attempt = 0;; ++attempt) {
-        P<zo::CMemPoolBuffer> file;
-        size_t found = first;
-        for (; found < folders.size() && !file; ++found)
-            file = readBrickFile(folders[found]);
-        if (!file)
-            return false;
-        --found;
-        size_t nearer = 0;
-        if (attempt < folders.size()) {
-            while (nearer < found && !m_fs->fileExists(folders[nearer] << relativeURI))
-                ++nearer;
-        } else {
-            nearer = found;
-        }
-        if (nearer == found) {
-            m_payload.setUsed(0);
-            m_preparer->unprepareData(*file, m_payload, m_brickIndex);
-            return true;
-        }
-        first = nearer;
-    }
-}
-
-P<zo::CMemPoolBuffer> CBrick::readBrickFile(const CURI& folder)
-{
-    try {
-        P<zo::IIOStream> stream = m_fs->openStream(folder << getRelativeBrickURI(), zo::IIOStream::AccessRead, 0);
-        P<zo::CMemPoolBuffer> buffer = m_bufferPool->checkOutItem();
-        buffer->setUsed(static_cast<int>(m_maxPreparedSize));
-        buffer->setUsed(stream->readLax(buffer->getData(), static_cast<int>(m_maxPreparedSize)));
-        return buffer;
-    } catch (const CFileSystemError& e) {
-        // NotAFolder: a file stands where a folder of the path belongs, so
-        // no brick file can be there either.
-        if (e.getProblem() == CFileSystemError::NotFound || e.getProblem() == CFileSystemError::NotAFolder)
-            return P<zo::CMemPoolBuffer>();
-        throw;
-    }
+    return m_reader->read(m_brickIndex, m_payload).content != CBrickReader::Content::Hole;
 }
 
 // A disk between a parent and a child shows, where it has no file of its own,
@@ -239,18 +201,18 @@ void CBrick::copyParentBrickIntoChild(const CURI& relativeURI)
         return;
     if (m_fs->pathExists(m_diskFolder << relativeURI) || m_fs->pathExists(m_childFolder << relativeURI))
         return;
-    for (auto parent = std::next(m_searchFolders.begin()); parent != m_searchFolders.end(); ++parent) {
+    for (size_t depth = 1; depth < m_searchFolders.size(); ++depth) {
         const auto fail = [&](const CError& cause) {
             throw CError("Copying a parent disk's brick into the child disk failed.", String(), -1,
                          zo::CProps()
                              .add("brickIndex", m_brickIndex)
-                             .add("parentFile", (*parent << relativeURI).toString(true))
+                             .add("parentFile", (m_searchFolders[depth] << relativeURI).toString(true))
                              .add("childFolder", m_childFolder.toString(true)),
                          &cause);
         };
         P<zo::CMemPoolBuffer> file;
         try {
-            file = readBrickFile(*parent);
+            file = m_reader->readFile(static_cast<int>(depth), m_brickIndex);
         } catch (const CError& e) {
             fail(e);
         }

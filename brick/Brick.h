@@ -5,6 +5,7 @@
 
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickReader.h"
 #include "brick/BrickStorer.h"
 #include "zo/Export.h"
 
@@ -30,11 +31,15 @@ public:
         P<CError> error;
     };
 
-    // A brick object over the disk in `diskFolder`. Bricks are searched in
-    // `diskFolder`, then in `parentFolders` in order. A changed brick first
-    // copies its old file into `childFolder` when that is not empty. At most
-    // `maxBackgroundOps` saves run at once (values below 1 count as 1).
-    // Prepares the all-zero brick once; throws what the preparer throws.
+    // A brick object over the disk that `reader` reads (its folder, header
+    // and chain), which loads bricks through `reader` and holds a reference
+    // to it. A changed brick first copies its old file into `childFolder`
+    // when that is not empty. At most `maxBackgroundOps` saves run at once
+    // (values below 1 count as 1). Prepares the all-zero brick once; throws
+    // what the preparer throws.
+    CBrick(CBrickReader* reader, const CURI& childFolder, int maxBackgroundOps);
+    // The same over a reader of its own, for the disk in `diskFolder` whose
+    // ancestors' folders are `parentFolders`, nearest first.
     CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
            const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps);
     CBrick(const CBrick&) = default;
@@ -100,22 +105,21 @@ protected:
 
 private:
     bool loadFromStorer();
-    // Loads the brick from the nearest search folder that holds its file;
-    // false when none does.
+    // Loads the brick from the nearest disk of the chain that holds its
+    // file (CBrickReader::read); false when none does.
     bool loadFromSearchFolders();
-    // The bytes of the current brick's file in `folder`; null when the folder
-    // has no file for it.
-    P<zo::CMemPoolBuffer> readBrickFile(const CURI& folder);
     void copyParentBrickIntoChild(const CURI& relativeURI);
     void fillPayloadWithZeros();
     // Makes the prepared zero brick the one of the current brick index, for
     // disks whose bricks are bound to their index.
     void prepareZeroBrickForCurrentIndex();
 
+    P<CBrickReader> m_reader;
     P<IFileSystem> m_fs;
     CURI m_diskFolder;
     CURI m_childFolder;
-    // This disk's folder, then its parents' folders, nearest first.
+    // This disk's folder, then its parents' folders, nearest first: the
+    // reader's chain.
     std::vector<CURI> m_searchFolders;
     CBrickDiskHeader m_header;
     int64 m_maxPreparedSize;

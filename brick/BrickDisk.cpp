@@ -1,5 +1,6 @@
 #include "brick/BrickDisk.h"
 
+#include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskCreationTime.h"
 #include "brick/BrickDiskError.h"
 #include "brick/BrickDiskHeader.h"
@@ -8,6 +9,7 @@
 #include "brick/BrickDiskKeyWrap.h"
 #include "brick/BrickDiskLink.h"
 #include "brick/Version.h"
+#include "brick/detail/ChainWalk.h"
 #include "brick/detail/FolderMode.h"
 #include "brick/detail/PasswordBytes.h"
 #include "seal/Cipher.h"
@@ -19,6 +21,7 @@
 #include "zo/Log.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace brick {
 
@@ -445,40 +448,28 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
     }
     followParentLinks();
 
+    std::vector<CURI> chainFolders{m_diskFolder};
+    chainFolders.insert(chainFolders.end(), m_parentDiskFolders.begin(), m_parentDiskFolders.end());
+    m_brickReader = P<CBrickReader>(new CBrickReader(fs, chainFolders, m_header, m_cipherKey));
     m_currentBrick = newStandAloneBrickObjectWith(m_maxBackgroundOps);
 }
 
 void CBrickDisk::followParentLinks()
 {
-    // Folder strings already on the chain, the disk's own first: meeting one
-    // again means the links run in a circle.
-    zo::TSet<String> visited{m_diskFolder.toNormalized().toString(true)};
-    CURI current = m_diskFolder;
     // A disk with an identity is followed to its parents by their IDs, each
-    // link and header checked under the key.
-    CBrickDiskHeader currentHeader(m_header);
-    for (;;) {
-        CURI parent;
-        if (currentHeader.hasIdentity()) {
-            CBrickDiskHeader parentHeader;
-            parent = CBrickDiskIdentity::followLink(m_fs.get(), current, currentHeader,
-                                                    CBrickDiskIdentity::LinkKind::Parent, m_cipherKey, parentHeader);
-            currentHeader = parentHeader;
-        } else {
-            const CURI target = loadLink(m_fs.get(), current, getParentLinkFileName());
-            if (!target.isEmpty())
-                parent = (current << target).toNormalized();
-        }
-        if (parent.isEmpty())
-            return;
-        const String parentString = parent.toString(true);
-        if (visited.count(parentString) != 0)
-            throw CError("Parent link loop detected in brick disk.", String(), -1,
-                         zo::CProps().add("diskFolder", m_diskFolder.toString(true)).add("loopFolder", parentString));
-        visited.insert(parentString);
+    // link and linked header checked under the key.
+    const auto step = [this](const CURI& folder, const CBrickDiskHeader& header) {
+        detail::ParentStep parent;
+        if (header.hasIdentity())
+            parent.folder = CBrickDiskIdentity::followLink(m_fs.get(), folder, header,
+                                                           CBrickDiskIdentity::LinkKind::Parent, m_cipherKey,
+                                                           parent.header);
+        else
+            parent.folder = CBrickDiskChain::loadLinkedFolder(m_fs.get(), folder, getParentLinkFileName());
+        return parent;
+    };
+    for (const CURI& parent : detail::walkParentLinks(m_fs.get(), m_diskFolder, m_header, step))
         m_parentDiskFolders.push_back(parent);
-        current = parent;
-    }
 }
 
 CBrickDisk::~CBrickDisk()
@@ -506,7 +497,7 @@ int CBrickDisk::getPayloadBlockSize() const
 
 P<CBrickDataPreparer> CBrickDisk::createDataPreparer() const
 {
-    return P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, m_cipherKey));
+    return m_brickReader->createDataPreparer();
 }
 
 P<CBrick> CBrickDisk::newStandAloneBrickObject() const
@@ -516,8 +507,7 @@ P<CBrick> CBrickDisk::newStandAloneBrickObject() const
 
 P<CBrick> CBrickDisk::newStandAloneBrickObjectWith(int maxBackgroundOps) const
 {
-    return P<CBrick>(new CBrick(m_fs.get(), m_diskFolder, m_childDiskFolder, m_parentDiskFolders, m_header,
-                                m_cipherKey, maxBackgroundOps));
+    return P<CBrick>(new CBrick(m_brickReader.get(), m_childDiskFolder, maxBackgroundOps));
 }
 
 CURI CBrickDisk::loadLink(IFileSystem* fs, const CURI& diskFolder, const String& linkFileName)

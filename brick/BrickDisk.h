@@ -4,6 +4,7 @@
 #include "brick/Brick.h"
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickReader.h"
 #include "brick/BrickStorer.h"
 #include "zo/Export.h"
 
@@ -271,6 +272,12 @@ public:
     // the parent's bricks show through, so such writes are usually a mistake.
     void setAllowWritingWithParentDisk(bool allow) { m_allowWritingWithParentDisk = allow; }
 
+    // The disk's brick reader, made at opening over the disk's folder and
+    // its ancestors' folders: where a brick of the chain is stored, and its
+    // decoded bytes. Any thread may use it, at the same time as the disk.
+    // The disk holds it; a caller that keeps it longer than the disk holds
+    // a reference of its own.
+    CBrickReader* getBrickReader() const { return m_brickReader.get(); }
     // A new preparer for this disk's bricks (for threads that prepare or
     // decode bricks themselves; each thread needs its own).
     P<CBrickDataPreparer> createDataPreparer() const;
@@ -369,6 +376,7 @@ private:
     int64 m_diskSize = 0;
     int64 m_position = 0;
     int64 m_lastBrickIndex = -1;
+    P<CBrickReader> m_brickReader;
     P<CBrick> m_currentBrick;
     int m_maxBackgroundOps;
     bool m_allowWritingWithParentDisk = false;

@@ -1,6 +1,5 @@
 #include "brick/BrickDiskBlockDevice.h"
 
-#include "brick/BrickTree.h"
 #include "zo/Log.h"
 
 #include <algorithm>
@@ -333,22 +332,26 @@ void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>&
 
 CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::loadBrick(int64 index)
 {
-    P<CBrick> loader = borrowLoader();
+    P<CBrickReader> reader;
+    {
+        std::lock_guard lock(m_mutex);
+        reader = m_disk->getBrickReader();
+    }
     BrickData data = newBrickData(false);
     try {
-        // A brick object keeps the payload of the brick it was last moved
-        // to; that brick may have been stored anew since, so the loader is
-        // moved off it first and reads the files again.
-        loader->seek(-1, 0);
-        loader->seek(index, 0);
-        const int got = loader->readLaxInsideBrick(data->getData(), static_cast<int>(m_brickSize));
-        if (got < m_brickSize)
-            std::memset(data->getData() + got, 0, static_cast<size_t>(m_brickSize - got));
-    } catch (...) {
-        returnLoader(loader);
+        reader->read(index, *data);
+    } catch (const std::exception& e) {
+        zo::logError(e,
+                     "Error loading brick (diskFolder:" + reader->getDiskFolder().toString(true) +
+                         ", brickIndex:" + zo::toDecimalString(index) + ").",
+                     zo::String::getEmptyString());
         throw;
     }
-    returnLoader(loader);
+    // A brick file that holds fewer bytes than a brick reads as zeros beyond them.
+    const int got = data->getUsed();
+    data->setUsed(static_cast<int>(m_brickSize));
+    if (got < m_brickSize)
+        std::memset(data->getData() + got, 0, static_cast<size_t>(m_brickSize - got));
     return data;
 }
 
@@ -378,25 +381,6 @@ CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::copyOf(const zo::TBuffer
     BrickData copy = newBrickData(false);
     std::memcpy(copy->getData(), data.getData(), static_cast<size_t>(m_brickSize));
     return copy;
-}
-
-P<CBrick> CBrickDiskBlockDevice::borrowLoader()
-{
-    std::unique_lock lock(m_mutex);
-    if (!m_idleLoaders.empty()) {
-        P<CBrick> loader = m_idleLoaders.back();
-        m_idleLoaders.pop_back();
-        return loader;
-    }
-    const P<CBrickDisk> disk = m_disk;
-    lock.unlock();
-    return disk->newStandAloneBrickObject();
-}
-
-void CBrickDiskBlockDevice::returnLoader(P<CBrick> loader)
-{
-    std::lock_guard lock(m_mutex);
-    m_idleLoaders.push_back(std::move(loader));
 }
 
 // ---- Read-ahead -------------------------------------------------------------------
@@ -460,8 +444,8 @@ void CBrickDiskBlockDevice::readAheadOne(int64 index)
     try {
         loadIntoCache(addToCache(index), lock);
     } catch (...) {
-        // Logged by the brick object; a reader that needs the brick loads it
-        // again and meets the error itself.
+        // Logged by loadBrick; a reader that needs the brick loads it again
+        // and meets the error itself.
         return;
     }
     evictWhileOverCapacity(lock);
@@ -757,15 +741,7 @@ CBrickDiskBlockDevice::ExtentKind CBrickDiskBlockDevice::kindOfBrick(int64 index
             return isAllZero(*pending->second->data) ? ExtentKind::Zero : ExtentKind::Data;
         disk = m_disk;
     }
-    const zo::CURI relativeURI = CBrickTree::getRelativeBrickURI(disk->getHeader(), index);
-    zo::IFileSystem* fs = disk->getFileSystem();
-    if (fs->fileExists(disk->getDiskFolder() << relativeURI))
-        return ExtentKind::Data;
-    for (const zo::CURI& parent : disk->getParentDiskFolders()) {
-        if (fs->fileExists(parent << relativeURI))
-            return ExtentKind::Data;
-    }
-    return ExtentKind::Hole;
+    return disk->getBrickReader()->locate(index).isHole() ? ExtentKind::Hole : ExtentKind::Data;
 }
 
 // ---- Replacing the disk ---------------------------------------------------------------
@@ -783,9 +759,8 @@ void CBrickDiskBlockDevice::pauseAndReplaceDisk(const std::function<P<CBrickDisk
     if (!replacement)
         return;
     std::lock_guard lock(m_mutex);
-    // The brick objects know the old disk's child and parents; new ones are
+    // The store workers know the old disk's child and parents; new ones are
     // made from the replacement on demand.
-    m_idleLoaders.clear();
     m_idleStoreWorkers.clear();
     m_disk = replacement;
 }

@@ -57,8 +57,8 @@ public:
         ExtentKind kind;
     };
 
-    // A device over `disk`, whose bricks it reads through its own brick
-    // objects. The cache keeps about `cacheBytes` of decoded bricks (never
+    // A device over `disk`, whose bricks it reads through the disk's brick
+    // reader (CBrickDisk::getBrickReader). The cache keeps about `cacheBytes` of decoded bricks (never
     // fewer than 4 bricks, never more than the disk has), and its memory is
     // taken here, once, and kept until the device goes. Writable when the disk
     // was opened for reading and writing. Starts the read-ahead threads;
@@ -160,9 +160,7 @@ private:
     void readAheadOne(int64 index);
     void stopReadAhead();
 
-    // Brick objects of the current disk, each lent to one thread at a time.
-    P<CBrick> borrowLoader();
-    void returnLoader(P<CBrick> loader);
+    // A brick object of the current disk, lent to one thread at a time.
     StoreWorker borrowStoreWorker();
 
     // Called with the mutex held.
@@ -197,7 +195,6 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     P<CBrickDisk> m_disk;
-    std::vector<P<CBrick>> m_idleLoaders;
     std::vector<StoreWorker> m_idleStoreWorkers;
     std::map<int64, std::shared_ptr<CachedBrick>> m_cache;
     // Least recently used last.

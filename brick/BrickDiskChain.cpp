@@ -2,11 +2,12 @@
 
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskLink.h"
-#include "brick/BrickTree.h"
+#include "brick/BrickReader.h"
+#include "brick/detail/ChainWalk.h"
 
 #include "zo/Error.h"
 
-#include <set>
+#include <vector>
 
 namespace brick {
 
@@ -54,47 +55,30 @@ CBrickDiskChain::CBrickDiskChain(zo::IFileSystem* fs, const CURI& diskFolder)
     m_members.push_back(disk);
     m_childFolder = loadLinkedFolder(fs, disk.folder, CBrickDisk::getChildLinkFileName());
 
-    std::set<String> visited{disk.folder.toString(true)};
-    for (CURI current = disk.folder;;) {
-        const CBrickDiskHeader& currentHeader = m_members.back().header;
-        const String linkFileName = CBrickDisk::getParentLinkFileName();
-        if (!holdsLink(fs, current, linkFileName)) {
-            // A disk with an identity says whether it has a parent: without
-            // the link it would read holes where its parent's bricks are.
-            if (currentHeader.hasIdentity() && currentHeader.getHasParent())
-                throw CError("The disk has a parent disk, but its parent link is missing.", String(), -1,
-                             zo::CProps().add("diskFolder", current.toString(true)));
-            return;
-        }
+    const auto step = [&](const CURI& current, const CBrickDiskHeader& currentHeader) {
         CBrickDiskLink link;
-        link.load(fs, current, linkFileName);
-        const CURI parent = (current << link.getTargetURI()).toNormalized();
-        if (!visited.insert(parent.toString(true)).second)
-            throw CError("Parent link loop detected in brick disk.", String(), -1,
-                         zo::CProps()
-                             .add("diskFolder", disk.folder.toString(true))
-                             .add("loopFolder", parent.toString(true)));
+        link.load(fs, current, CBrickDisk::getParentLinkFileName());
         Member member;
-        member.folder = parent;
-        if (!fs->folderExists(parent)) {
+        member.folder = (current << link.getTargetURI()).toNormalized();
+        if (!fs->folderExists(member.folder)) {
             member.problem = "the folder is missing";
-        } else if (!holdsHeader(fs, parent)) {
+        } else if (!holdsHeader(fs, member.folder)) {
             member.problem = "the folder holds no disk";
         } else {
             try {
-                member.header.load(fs, parent);
+                member.header.load(fs, member.folder);
                 member.problem = describeDifference(member.header, m_members.front().header);
-                if (member.problem.isEmpty() && currentHeader.hasIdentity() && !linksByID(link, currentHeader, member.header))
+                if (member.problem.isEmpty() && currentHeader.hasIdentity() &&
+                    !linksByID(link, currentHeader, member.header))
                     member.problem = "it is not the disk that the parent link names";
             } catch (const CError& e) {
                 member.problem = "its header cannot be read: " + e.toString();
             }
         }
         m_members.push_back(member);
-        if (!member.problem.isEmpty())
-            return;
-        current = parent;
-    }
+        return detail::ParentStep{member.folder, member.header, member.problem.isEmpty()};
+    };
+    detail::walkParentLinks(fs, disk.folder, disk.header, step);
 }
 
 const CBrickDiskChain::Member* CBrickDiskChain::findProblem() const
@@ -120,12 +104,13 @@ void CBrickDiskChain::validate() const
 
 CURI CBrickDiskChain::locateBrick(zo::IFileSystem* fs, zo::int64 brickIndex) const
 {
-    const CURI relative = CBrickTree::getRelativeBrickURI(getHeader(), brickIndex);
+    // A member with a problem is the last one and holds no brick of the disk.
+    std::vector<CURI> folders;
     for (const Member& member : m_members) {
-        if (member.problem.isEmpty() && fs->fileExists(member.folder << relative))
-            return member.folder << relative;
+        if (member.problem.isEmpty())
+            folders.push_back(member.folder);
     }
-    return CURI();
+    return CBrickReader::locateIn(fs, folders, getHeader(), brickIndex).file;
 }
 
 CURI CBrickDiskChain::loadLinkedFolder(zo::IFileSystem* fs, const CURI& diskFolder, const String& linkFileName)

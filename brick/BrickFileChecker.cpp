@@ -38,7 +38,7 @@ CBrickFileChecker::CBrickFileChecker(zo::IFileSystem* fs, const CBrickDiskHeader
       m_minimumSize(minimumFileSize(header, m_digest.get()))
 {
     if (disk)
-        m_preparer = disk->createDataPreparer();
+        m_reader = disk->getBrickReader();
 }
 
 zo::String CBrickFileChecker::checkOuter(const zo::TBuffer<zo::uint8>& bytes)
@@ -70,11 +70,10 @@ zo::String CBrickFileChecker::check(const CBrickTree::BrickFile& file)
         return "cannot be read: " + e.toString();
     }
     zo::String verdict = checkOuter(m_bytes);
-    if (!verdict.isEmpty() || !m_preparer)
+    if (!verdict.isEmpty() || !m_reader)
         return verdict;
     try {
-        m_plain.setUsed(0);
-        m_preparer->unprepareData(m_bytes, m_plain, file.index);
+        m_reader->decode(file.index, m_bytes, m_plain);
     } catch (const zo::CError& e) {
         if (CBrickDataPreparer::isError(e, CBrickDataPreparer::WrongBrickIndex))
             return "at the wrong index: it is the brick file of brick " + e.getProps().lookup("storedBrickIndex") +

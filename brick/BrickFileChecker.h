@@ -14,6 +14,7 @@
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDisk.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickReader.h"
 #include "brick/BrickTree.h"
 
 #include "seal/Digest.h"
@@ -45,7 +46,8 @@ private:
     // Null when the digests are keyed.
     zo::P<seal::IDigestContext> m_digest;
     int m_minimumSize;
-    zo::P<CBrickDataPreparer> m_preparer;
+    // The disk's brick reader, which decodes; null without a disk.
+    zo::P<CBrickReader> m_reader;
     zo::TBuffer<zo::uint8> m_bytes;
     zo::TBuffer<zo::uint8> m_plain;
 };

@@ -47,16 +47,23 @@ std::vector<zo::uint8> fileBytes(zo::IFileSystem* fs, const zo::CURI& file)
     return bytes;
 }
 
-std::vector<zo::uint8> brickOf(zo::IFileSystem* fs, brick::CBrickDisk& disk, zo::int64 index, int size)
+// The first `size` bytes that brick `index` of `disk` reads as, decoded by
+// the disk's brick reader.
+std::vector<zo::uint8> brickOf(const brick::CBrickDisk& disk, zo::int64 index, int size)
 {
-    std::vector<zo::uint8> bytes(static_cast<size_t>(size));
+    zo::TBuffer<zo::uint8> plain;
     try {
-        disk.seek(index * disk.getBrickSize());
-        disk.read(bytes.data(), size);
+        disk.getBrickReader()->read(index, plain);
     } catch (const zo::CError& e) {
-        throwBrickReadError(fs, disk, index, e);
+        throwBrickReadError(disk, index, e);
     }
-    return bytes;
+    if (plain.getUsed() < size)
+        throwBrickReadError(disk, index,
+                            zo::CIOError(zo::CIOError::InvalidData, "Brick holds fewer bytes than the disk expects.",
+                                         zo::CProps()
+                                             .add("diskFolder", disk.getDiskFolder().toString(true))
+                                             .add("brickIndex", index)));
+    return std::vector<zo::uint8>(plain.getData(), plain.getData() + size);
 }
 
 int runDiff(const DiffOptions& options)
@@ -98,8 +105,8 @@ int runDiff(const DiffOptions& options)
             secondDisk = openDisk(fs.get(), second, options.passwords, zo::IIOStream::AccessRead, 1);
         }
         const int size = static_cast<int>(std::min<zo::int64>(header.getBrickSize(), header.getDiskSize() - index * header.getBrickSize()));
-        const std::vector<zo::uint8> x = brickOf(fs.get(), *firstDisk, index, size);
-        const std::vector<zo::uint8> y = brickOf(fs.get(), *secondDisk, index, size);
+        const std::vector<zo::uint8> x = brickOf(*firstDisk, index, size);
+        const std::vector<zo::uint8> y = brickOf(*secondDisk, index, size);
         ++decoded;
         zo::int64 bytes = 0;
         for (size_t i = 0; i < x.size(); ++i)

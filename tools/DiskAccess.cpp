@@ -202,24 +202,20 @@ std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& fol
     return parents;
 }
 
-zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index)
+zo::CURI locateBrickFile(const brick::CBrickDisk& disk, zo::int64 index)
 {
-    const zo::CURI relative = brick::CBrickTree::getRelativeBrickURI(disk.getHeader(), index);
-    if (fs->fileExists(disk.getDiskFolder() << relative))
-        return disk.getDiskFolder() << relative;
-    for (const zo::CURI& folder : disk.getParentDiskFolders()) {
-        if (fs->fileExists(folder << relative))
-            return folder << relative;
-    }
-    return disk.getDiskFolder() << relative;
+    const brick::CBrickReader::Location location = disk.getBrickReader()->locate(index);
+    if (!location.isHole())
+        return location.file;
+    return disk.getDiskFolder() << brick::CBrickTree::getRelativeBrickURI(disk.getHeader(), index);
 }
 
-void throwBrickReadError(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index, const zo::CError& cause)
+void throwBrickReadError(const brick::CBrickDisk& disk, zo::int64 index, const zo::CError& cause)
 {
     throw zo::CError("Cannot read brick " + zo::toDecimalString(index) + ".", zo::String(), -1,
                      zo::CProps()
                          .add("brickIndex", index)
-                         .add("brickFile", locateBrickFile(fs, disk, index).toString(true)),
+                         .add("brickFile", locateBrickFile(disk, index).toString(true)),
                      &cause);
 }
 

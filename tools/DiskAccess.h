@@ -105,13 +105,12 @@ zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folde
 std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& folder);
 
 // The file of brick `index` in the first folder of the disk's chain (the disk,
-// then its parents, nearest first) that holds it; the path in the disk's own
-// folder when none does.
-zo::CURI locateBrickFile(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index);
+// then its parents, nearest first) that holds it, as the disk's brick reader
+// locates it; the path in the disk's own folder when none does.
+zo::CURI locateBrickFile(const brick::CBrickDisk& disk, zo::int64 index);
 
 // Throws CError "Cannot read brick N." with "brickIndex" and "brickFile" (the
 // file it was read from) and `cause` as its cause.
-[[noreturn]] void throwBrickReadError(zo::IFileSystem* fs, const brick::CBrickDisk& disk, zo::int64 index,
-                                      const zo::CError& cause);
+[[noreturn]] void throwBrickReadError(const brick::CBrickDisk& disk, zo::int64 index, const zo::CError& cause);
 
 } // namespace cli

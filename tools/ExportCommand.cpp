@@ -54,7 +54,7 @@ struct ExportCounts {
 
 // With `skipDamaged` a brick that cannot be read becomes zeros and is
 // reported on stderr; otherwise it ends the export.
-ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& sink, int jobs, bool skipDamaged)
+ExportCounts copyDisk(brick::CBrickDisk& disk, CImageSink& sink, int jobs, bool skipDamaged)
 {
     const zo::int64 length = disk.getSize();
     const int brickSize = static_cast<int>(disk.getBrickSize());
@@ -77,8 +77,8 @@ ExportCounts copyDisk(zo::IFileSystem* fs, brick::CBrickDisk& disk, CImageSink& 
         } catch (const zo::CError& e) {
             progress.clear();
             if (!skipDamaged)
-                throwBrickReadError(fs, disk, index, e);
-            const std::string file = locateBrickFile(fs, disk, index).toLocalPath();
+                throwBrickReadError(disk, index, e);
+            const std::string file = locateBrickFile(disk, index).toLocalPath();
             std::fprintf(stderr, "brickdisk: damaged brick %lld written as zeros (%s)\n", static_cast<long long>(index),
                          file.c_str());
             counts.damaged.emplace_back(index, file);
@@ -161,7 +161,7 @@ int runExport(const ExportOptions& options)
     CImageSink sink(options.image, disk->getHeader().getDiskSize(), options.force);
     ExportCounts counts;
     try {
-        counts = copyDisk(fs.get(), *disk, sink, jobs, options.skipDamaged);
+        counts = copyDisk(*disk, sink, jobs, options.skipDamaged);
     } catch (...) {
         sink.discard();
         throw;

@@ -1,6 +1,7 @@
 #include "brick/detail/ChainWalk.h"
 
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskLink.h"
 
 #include "zo/Error.h"
 
@@ -9,6 +10,13 @@
 namespace brick::detail {
 
 namespace {
+
+bool holdsParentLink(zo::IFileSystem* fs, const zo::CURI& folder)
+{
+    const zo::String linkFileName = CBrickDisk::getParentLinkFileName();
+    return fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, linkFileName, 0)) ||
+           fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, linkFileName, 1));
+}
 
 void addOnce(std::vector<zo::CURI>& folders, std::set<zo::String>& seen, const zo::CURI& folder,
              const zo::CURI& diskFolder)
@@ -22,6 +30,35 @@ void addOnce(std::vector<zo::CURI>& folders, std::set<zo::String>& seen, const z
 }
 
 } // namespace
+
+std::vector<zo::CURI> walkParentLinks(zo::IFileSystem* fs, const zo::CURI& diskFolder, const CBrickDiskHeader& header,
+                                      const ParentStepper& step)
+{
+    std::vector<zo::CURI> parents;
+    std::set<zo::String> visited{diskFolder.toNormalized().toString(true)};
+    zo::CURI current = diskFolder;
+    CBrickDiskHeader currentHeader(header);
+    for (;;) {
+        if (!holdsParentLink(fs, current)) {
+            if (currentHeader.hasIdentity() && currentHeader.getHasParent())
+                throw zo::CError("The disk has a parent disk, but its parent link is missing.", zo::String(), -1,
+                                 zo::CProps().add("diskFolder", current.toString(true)));
+            return parents;
+        }
+        ParentStep parent = step(current, currentHeader);
+        if (parent.folder.isEmpty())
+            return parents;
+        const zo::String parentString = parent.folder.toString(true);
+        if (!visited.insert(parentString).second)
+            throw zo::CError("Parent link loop detected in brick disk.", zo::String(), -1,
+                             zo::CProps().add("diskFolder", diskFolder.toString(true)).add("loopFolder", parentString));
+        parents.push_back(parent.folder);
+        if (!parent.goOn)
+            return parents;
+        current = parent.folder;
+        currentHeader = parent.header;
+    }
+}
 
 std::vector<zo::CURI> walkChainDown(zo::IFileSystem* fs, const CBrickDiskChain& chain)
 {
