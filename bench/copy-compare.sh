@@ -106,10 +106,10 @@ for ((round = 1; round <= rounds; round++)); do
   for name in brickdisk restic rclone; do make_bucket "bench-$name-$round"; done
   find src -type f -exec cat {} + >/dev/null
 
-  timed brickdisk-copy bd copy src/disk "s3://bench-brickdisk-$round/disk" --jobs "$jobs"
+  timed brickdisk-copy bd copy src/disk "s3://bench-brickdisk-$round/src/disk" --jobs "$jobs"
   stored_brickdisk=$(bucket_bytes "bench-brickdisk-$round")
   rm -rf back
-  timed brickdisk-copy-back bd copy "s3://bench-brickdisk-$round/disk" back/disk --jobs "$jobs"
+  timed brickdisk-copy-back bd copy "s3://bench-brickdisk-$round/src/disk" back/disk --jobs "$jobs"
   bd export back/disk back.raw "${pw[@]}" -q
   same v3.raw back.raw
 
@@ -140,13 +140,13 @@ for ((round = 1; round <= rounds; round++)); do
   cp v4.raw disk.raw
   restic -r restic-next backup --compression auto disk.raw >/dev/null
   rm -f disk.raw
-  timed brickdisk-incremental bd copy src-next/disk "s3://bench-brickdisk-$round/disk" --jobs "$jobs" --json
+  timed brickdisk-incremental bd copy src-next/disk "s3://bench-brickdisk-$round/src/disk" --jobs "$jobs" --json
   grep -E '"(filesSent|bytesSent|filesSkipped)"' "$work/brickdisk-incremental.out" | tr -d ' ,' | paste -sd' '
   rm -rf "$RESTIC_CACHE_DIR"
   timed restic-incremental restic -r "s3:$AWS_ENDPOINT_URL/bench-restic-$round" copy --from-repo restic-next
   timed rclone-incremental rclone_copy src-next "bench:bench-rclone-$round/src"
   rm -rf back
-  bd copy "s3://bench-brickdisk-$round/disk" back/disk --jobs "$jobs" >/dev/null
+  bd copy "s3://bench-brickdisk-$round/src/disk" back/disk --jobs "$jobs" >/dev/null
   bd export back/disk back.raw "${pw[@]}" -q
   same v4.raw back.raw
 
