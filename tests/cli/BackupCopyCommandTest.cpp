@@ -29,13 +29,12 @@ std::string nextImage(const std::string& image, unsigned round)
 {
     std::string next = image;
     const std::string fresh = makeImage(image.size(), 100 + round);
-    const size_t brickSize = kBrickBytes;
-    const size_t bricks = image.size() / brickSize;
+    const size_t bricks = image.size() / kBrickBytes;
     for (size_t i = 0; i < bricks; ++i) {
         if ((i * 7 + round) % 5 == 0)
-            next.replace(i * brickSize, brickSize, fresh.substr(i * brickSize, brickSize));
+            next.replace(i * kBrickBytes, kBrickBytes, fresh.substr(i * kBrickBytes, kBrickBytes));
     }
-    next.replace((round % bricks) * brickSize, brickSize, std::string(brickSize, '\0'));
+    next.replace((round % bricks) * kBrickBytes, kBrickBytes, std::string(kBrickBytes, '\0'));
     return next;
 }
 
