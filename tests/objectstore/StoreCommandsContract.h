@@ -1,7 +1,8 @@
 // The brickdisk program on disks in an object store, as every store must
 // serve it: the main job (import, snapshot, re-import, export of both, check
 // with data), imports killed at random moments, a second import refused while
-// the first holds the disk, and a child in another kind of folder refused.
+// the first holds the disk, a child in another kind of folder refused, and
+// chains copied into the store and back.
 //
 // A test program includes this once, defines a type with
 // `static zo::CURI uniqueFolder(const std::string& label)`,
@@ -17,6 +18,7 @@
 #include "zo/URI.h"
 
 #include <chrono>
+#include <map>
 #include <random>
 #include <string>
 #include <thread>
@@ -214,10 +216,70 @@ TYPED_TEST_P(StoreCommandsContractTest, CopyTakesAChainIntoTheStoreAndBack)
     EXPECT_TRUE(clitest::readFile(this->path("v1.back")) == first);
 }
 
+// A local chain of five snapshots copied into the store: every disk exports
+// like its source; after one more import a second copy sends only the brick
+// files that changed.
+TYPED_TEST_P(StoreCommandsContractTest, CopyOfAChainOfFiveSnapshotsExportsExactlyAndSendsOnlyWhatChanged)
+{
+    constexpr size_t size = 1024 * 1024;
+    constexpr size_t brickSize = clitest::CliTest::kBrickSize;
+    const std::string local = this->path("local/disk");
+    this->runOk({"create", local, "--size", std::to_string(size), "--brick-size", "64K", "--kdf", "argon2id",
+                 "--kdf-memory", "64K", "--kdf-passes", "1"});
+    std::string image = clitest::makeImage(size, 61);
+    std::vector<std::string> disks{"disk"};
+    for (int i = 1; i <= 6; ++i) {
+        clitest::writeFile(this->path("image"), image);
+        this->runOk({"import", local, this->path("image")});
+        if (i == 6)
+            break;
+        // Next to the disk, as the store's snapshots are next to its disk.
+        disks.push_back("s" + std::to_string(i));
+        this->runOk({"snapshot", local, this->path("local/" + disks.back())});
+        const std::string fresh = clitest::makeImage(size, 61 + static_cast<unsigned>(i));
+        for (size_t at = static_cast<size_t>(i) * brickSize; at < size; at += 3 * brickSize)
+            image.replace(at, brickSize, fresh.substr(at, brickSize));
+    }
+
+    this->runOk({"copy", local, this->disk, "--json"}, false);
+    for (const std::string& name : disks) {
+        this->runOk({"export", this->path("local/" + name), this->path("source.img"), "--force"});
+        this->runOk({"export", this->folder + "/" + name, this->path("copy.img"), "--force"});
+        EXPECT_TRUE(clitest::readFile(this->path("copy.img")) == clitest::readFile(this->path("source.img"))) << name;
+    }
+
+    // One more import that rewrites two bricks; the brick files it changes
+    // (the top's, and the newest snapshot's copies of the old bricks) are
+    // what a second copy sends.
+    const auto localBrickFiles = [&] {
+        std::map<std::string, std::string> files;
+        for (const std::string& name : disks)
+            for (const std::string& file : this->brickFiles("local/" + name))
+                files[file] = clitest::readFile(file);
+        return files;
+    };
+    const std::map<std::string, std::string> before = localBrickFiles();
+    image.replace(0, 2 * brickSize, std::string(2 * brickSize, 'n'));
+    clitest::writeFile(this->path("image"), image);
+    this->runOk({"import", local, this->path("image")});
+    size_t changed = 0;
+    for (const auto& [file, bytes] : localBrickFiles())
+        changed += before.count(file) == 0 || before.at(file) != bytes ? 1 : 0;
+    ASSERT_GE(changed, 2u);
+    const clitest::RunResult again = this->runOk({"copy", local, this->disk, "--json"}, false);
+    EXPECT_NE(again.out.find("\"filesSent\": " + std::to_string(changed) + ","), std::string::npos) << again.out;
+    this->runOk({"export", this->disk, this->path("copy.img"), "--force"});
+    EXPECT_TRUE(clitest::readFile(this->path("copy.img")) == image);
+    this->runOk({"export", this->folder + "/s5", this->path("copy.img"), "--force"});
+    this->runOk({"export", this->path("local/s5"), this->path("source.img"), "--force"});
+    EXPECT_TRUE(clitest::readFile(this->path("copy.img")) == clitest::readFile(this->path("source.img")));
+}
+
 REGISTER_TYPED_TEST_SUITE_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte,
                             ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndTheSnapshotExact,
                             ASecondImportIsRefusedWhileTheFirstHoldsTheDisk, AChildOnAnotherKindOfFolderIsAUsageError,
                             NewDisksGetFourMiBBricksUnlessAskedOtherwise,
-                            NewDisksGetZstdLevelThreeUnlessAskedOtherwise, CopyTakesAChainIntoTheStoreAndBack);
+                            NewDisksGetZstdLevelThreeUnlessAskedOtherwise, CopyTakesAChainIntoTheStoreAndBack,
+                            CopyOfAChainOfFiveSnapshotsExportsExactlyAndSendsOnlyWhatChanged);
 
 } // namespace

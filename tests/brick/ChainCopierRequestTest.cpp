@@ -1,0 +1,190 @@
+// What a second copy of a chain asks of the destination's store: after one
+// more import into the source it stores exactly the brick files that changed,
+// deletes those the source no longer holds and writes no other brick object, counted by a wrapper around a file system over an object
+// store in memory.
+#include "brick/BrickDisk.h"
+#include "brick/ChainCopier.h"
+#include "objectstore/ObjectStoreFileSystem.h"
+#include "support/DiskTestHelpers.h"
+#include "support/MemoryObjectStore.h"
+#include "zo/ForwardingFileSystem.h"
+#include "zo/MemoryFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+using brick::CChainCopier;
+using testsupport::Bytes;
+using zo::CURI;
+using zo::P;
+
+namespace {
+
+constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
+constexpr zo::int64 kDiskSize = 16 * kBrickSize;
+const char* const kPassword = "pw";
+const char* const kDestination = "memory://bucket/dst/disk";
+
+// Counts the calls that change files, by the path they name.
+class CCountingFileSystem : public zo::CForwardingFileSystem {
+public:
+    explicit CCountingFileSystem(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
+
+    P<zo::IFileSystemOp> beginStoreFile(const CURI& file, int size, zo::IInStream* source, bool overwrite,
+                                        zo::IDoneListener* listener) override
+    {
+        note(m_stored, file);
+        return CForwardingFileSystem::beginStoreFile(file, size, source, overwrite, listener);
+    }
+    P<zo::IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                       zo::IDoneListener* listener) override
+    {
+        note(m_copied, to);
+        return CForwardingFileSystem::beginCopyFile(from, to, overwrite, listener);
+    }
+    P<zo::IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
+                                       zo::IDoneListener* listener) override
+    {
+        note(m_moved, to);
+        return CForwardingFileSystem::beginMoveFile(from, to, overwrite, listener);
+    }
+    P<zo::IFileSystemOp> beginDeleteFile(const CURI& file, zo::IDoneListener* listener) override
+    {
+        note(m_deleted, file);
+        return CForwardingFileSystem::beginDeleteFile(file, listener);
+    }
+    void deleteFile(const CURI& file, bool ignoreMissing) override
+    {
+        note(m_deleted, file);
+        CForwardingFileSystem::deleteFile(file, ignoreMissing);
+    }
+    P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
+    {
+        if (access != zo::IIOStream::AccessRead)
+            note(m_written, file);
+        return CForwardingFileSystem::openStream(file, access, options);
+    }
+
+    // The paths named so far (a path named twice is listed twice).
+    std::multiset<std::string> stored() const { return take(m_stored); }
+    std::multiset<std::string> copied() const { return take(m_copied); }
+    std::multiset<std::string> moved() const { return take(m_moved); }
+    std::multiset<std::string> deleted() const { return take(m_deleted); }
+    std::multiset<std::string> written() const { return take(m_written); }
+
+private:
+    void note(std::multiset<std::string>& calls, const CURI& path)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        calls.insert(path.toString(true).toUTF8());
+    }
+    std::multiset<std::string> take(const std::multiset<std::string>& calls) const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return calls;
+    }
+
+    mutable std::mutex m_mutex;
+    std::multiset<std::string> m_stored;
+    std::multiset<std::string> m_copied;
+    std::multiset<std::string> m_moved;
+    std::multiset<std::string> m_deleted;
+    std::multiset<std::string> m_written;
+};
+
+void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
+{
+    const P<brick::CBrickDisk> disk = testsupport::openDisk(fs, CURI("/src/disk"), kPassword);
+    for (int index : indexes)
+        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize,
+                             testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(index)));
+}
+
+// The brick files below /src, by their path in the destination.
+std::map<std::string, Bytes> sourceBrickFiles(zo::CMemoryFileSystem* fs)
+{
+    std::map<std::string, Bytes> files;
+    for (const auto& [path, bytes] : testsupport::fileContentsBelow(fs, CURI("/src"))) {
+        if (path.find("/bricks/") != std::string::npos)
+            files["memory://bucket/dst/" + path] = bytes;
+    }
+    return files;
+}
+
+std::multiset<std::string> brickPaths(const std::multiset<std::string>& paths)
+{
+    std::multiset<std::string> bricks;
+    for (const std::string& path : paths) {
+        if (path.find("/bricks/") != std::string::npos)
+            bricks.insert(path);
+    }
+    return bricks;
+}
+
+TEST(ChainCopierRequests, SecondCopyAfterOneMoreImportStoresOnlyTheChangedBricks)
+{
+    const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
+    const P<testsupport::CMemoryObjectStore> objects(new testsupport::CMemoryObjectStore());
+    const P<zo::CObjectStoreFileSystem> store(new zo::CObjectStoreFileSystem(objects.get(), "memory", 2));
+    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
+    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
+    testsupport::createLinkedChild(source.get(), CURI("/src/snaps/s0"), CURI("/src/disk"), kPassword);
+    writeBricks(source.get(), {1, 4, 12}, 20);
+    CChainCopier::copy(source.get(), CURI("/src/disk"), store.get(), CURI(kDestination), {});
+
+    // One more import: three bricks rewritten, one cleared.
+    const std::map<std::string, Bytes> before = sourceBrickFiles(source.get());
+    writeBricks(source.get(), {2, 9, 13}, 30);
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(source.get(), CURI("/src/disk"), kPassword);
+        testsupport::writeAt(*disk, 5 * kBrickSize, Bytes(kBrickSize, 0));
+    }
+    const std::map<std::string, Bytes> after = sourceBrickFiles(source.get());
+    std::multiset<std::string> changed;
+    for (const auto& [path, bytes] : after) {
+        const auto old = before.find(path);
+        if (old == before.end() || !(old->second == bytes))
+            changed.insert(path);
+    }
+    std::multiset<std::string> gone;
+    for (const auto& [path, bytes] : before) {
+        if (after.count(path) == 0)
+            gone.insert(path);
+    }
+    // The rewritten and cleared bricks of the top, and the snapshot's copies
+    // of those it did not hold yet.
+    ASSERT_GE(changed.size(), 4u);
+
+    const P<CCountingFileSystem> counted(new CCountingFileSystem(store.get()));
+    const testsupport::CMemoryObjectStore::Counts start = objects->getCounts();
+    const CChainCopier::Summary summary =
+        CChainCopier::copy(source.get(), CURI("/src/disk"), counted.get(), CURI(kDestination), {});
+    const testsupport::CMemoryObjectStore::Counts calls = objects->getCounts();
+
+    EXPECT_EQ(summary.filesSent, static_cast<zo::int64>(changed.size()));
+    EXPECT_EQ(summary.filesDeleted, static_cast<zo::int64>(gone.size()));
+    EXPECT_EQ(summary.filesSkipped, static_cast<zo::int64>(after.size() - changed.size()));
+    EXPECT_EQ(brickPaths(counted->stored()), changed);
+    EXPECT_EQ(brickPaths(counted->deleted()), gone);
+    EXPECT_TRUE(brickPaths(counted->copied()).empty());
+    EXPECT_TRUE(brickPaths(counted->moved()).empty());
+    EXPECT_TRUE(brickPaths(counted->written()).empty());
+    // In the store: one object written for each file stored, none for a
+    // brick that did not change.
+    EXPECT_EQ(calls.puts + calls.copies + calls.writes - start.puts - start.copies - start.writes,
+              static_cast<int>(counted->stored().size() + counted->copied().size() + counted->moved().size()));
+    EXPECT_EQ(calls.removes - start.removes, static_cast<int>(counted->deleted().size() + counted->moved().size()));
+
+    // A third copy stores nothing.
+    const P<CCountingFileSystem> idle(new CCountingFileSystem(store.get()));
+    EXPECT_EQ(CChainCopier::copy(source.get(), CURI("/src/disk"), idle.get(), CURI(kDestination), {}).filesSent, 0);
+    EXPECT_TRUE(brickPaths(idle->stored()).empty());
+    EXPECT_TRUE(brickPaths(idle->deleted()).empty());
+}
+
+} // namespace
