@@ -27,6 +27,7 @@
 #include "zo/Semaphore.h"
 #include "zo/Signal.h"
 #include "zo/Stream.h"
+#include "zo/StreamBase.h"
 #include "zo/String.h"
 #include "zo/Thread.h"
 #include "zo/Time.h"
