@@ -32,5 +32,6 @@
 #include "zo/Thread.h"
 #include "zo/Time.h"
 #include "zo/URI.h"
+#include "zo/WorkerPool.h"
 #include "zo/ZLibCompressor.h"
 #include "zo/ZstdCompressor.h"
