@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -93,7 +94,9 @@ TEST(WorkerPool, OnlyTheFirstErrorIsPassedBack)
     });
     pool.post([&](int) {
         firstThrown.wait(-1);
-        while (!pool.isStopped())
+        // The deadline only keeps a broken pool from hanging the test.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMillis);
+        while (!pool.isStopped() && std::chrono::steady_clock::now() < deadline)
             std::this_thread::yield();
         throw std::runtime_error("second");
     });
