@@ -7,7 +7,6 @@
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickTree.h"
 #include "brick/detail/FolderMode.h"
-#include "brick/detail/WaitingListener.h"
 
 #include "zo/Error.h"
 
@@ -54,10 +53,8 @@ zo::int64 copyMissingBricksIntoChild(zo::IFileSystem* fs, const CURI& diskFolder
         const CURI target = childFolder << relative;
         if (!fs->fileExists(target)) {
             fs->createFolder(target.getParent(), kFolderMode);
-            const zo::P<detail::CWaitingListener> listener(new detail::CWaitingListener());
-            fs->beginCopyFile(brick.path, target, false, listener.get());
             // A brick that the child already has is the child's own: it stays.
-            listener->wait(zo::CFileSystemError::AlreadyExists);
+            fs->beginCopyFile(brick.path, target, false, nullptr)->wait(zo::CFileSystemError::AlreadyExists);
             ++copied;
         }
         if (onProgress)

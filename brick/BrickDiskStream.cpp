@@ -10,7 +10,7 @@ namespace brick {
 using zo::CIOError;
 
 CBrickDiskStream::CBrickDiskStream(CBrickDisk* disk)
-    : m_disk(disk), m_uri(disk->getDiskFolder()), m_virtualLength(disk->getSize())
+    : CStreamBase("Brick disk stream"), m_disk(disk), m_uri(disk->getDiskFolder()), m_virtualLength(disk->getSize())
 {
 }
 
@@ -54,12 +54,6 @@ void CBrickDiskStream::seek(int64 position)
     m_disk->seek(position);
 }
 
-void CBrickDiskStream::lockRange(int64, int64, LockType)
-{
-    throw zo::CFileSystemError(zo::CFileSystemError::NotSupported,
-                               CError("Brick disk stream does not support lockRange."));
-}
-
 void CBrickDiskStream::close()
 {
     m_disk = nullptr;
@@ -79,25 +73,10 @@ int CBrickDiskStream::readLax(void* dst, int size)
     return count;
 }
 
-int CBrickDiskStream::readAvailable(void* dst, int size)
-{
-    return readLax(dst, size);
-}
-
 bool CBrickDiskStream::waitReadable(int)
 {
     checkOpen();
     return true;
-}
-
-bool CBrickDiskStream::isEndOfStream()
-{
-    return getLength() <= getPosition();
-}
-
-int CBrickDiskStream::isEndOfStream_NonBlocking()
-{
-    return isEndOfStream() ? 1 : 0;
 }
 
 void CBrickDiskStream::write(const void* src, int size, zo::IWriteBarrier*)
@@ -106,11 +85,6 @@ void CBrickDiskStream::write(const void* src, int size, zo::IWriteBarrier*)
     m_disk->write(src, size);
     if (m_disk->getPosition() > m_virtualLength)
         m_virtualLength = m_disk->getPosition();
-}
-
-void CBrickDiskStream::writeKeepBuffer(const zo::TConstBufferSlice<uint8>& slice, zo::IWriteBarrier* barrier)
-{
-    write(slice.getData(), slice.getSize(), barrier);
 }
 
 P<zo::IWriteBarrier> CBrickDiskStream::createWriteBarrier(zo::IWriteBarrier*)

@@ -7,6 +7,7 @@
 #include "zo/Base.h"
 #include "zo/Buffer.h"
 #include "zo/Stream.h"
+#include "zo/StreamBase.h"
 #include "zo/URI.h"
 
 namespace brick {
@@ -20,9 +21,14 @@ namespace brick {
 // close and lockRange throws zo::CIOError StreamClosed (10) with an empty
 // message and no properties. Errors of the disk itself pass through unchanged.
 //
+// From zo::CStreamBase: readAvailable is readLax, isEndOfStream is true when
+// the position has reached the virtual length, and lockRange is never
+// supported: it throws zo::CFileSystemError NotSupported (6) around "Brick
+// disk stream does not support lockRange.", open or closed.
+//
 // Threads: one thread at a time. Copies share the disk object and so one
 // position; they must not be used on different threads at once either.
-class BRICKDISK_EXPORT CBrickDiskStream : public zo::CBase, public zo::IIOStream {
+class BRICKDISK_EXPORT CBrickDiskStream : public zo::CStreamBase {
 public:
     // Holds a counted reference to `disk` (which must not be null) until
     // close(). The virtual length starts at the disk's size; the disk's
@@ -44,9 +50,6 @@ public:
     // Moves the disk to `position`, from 0 to the virtual length inclusive;
     // CIOError SeekOutOfRange (7), no properties, otherwise.
     void seek(int64 position) override;
-    // Never supported: always throws zo::CFileSystemError NotSupported (6)
-    // around "Brick disk stream does not support lockRange.", open or closed.
-    void lockRange(int64 start, int64 length, LockType type) override;
     // Drops the disk reference without flushing; the stream stays closed.
     // Closing a closed stream does nothing.
     void close() override;
@@ -55,21 +58,13 @@ public:
     void read(void* dst, int size) override;
     // Reads min(size, virtual length - position) bytes and returns that count.
     int readLax(void* dst, int size) override;
-    // The same as readLax.
-    int readAvailable(void* dst, int size) override;
     // Always true at once: the disk never makes a reader wait for data.
     bool waitReadable(int timeoutMillis) override;
-    // True when the position has reached the virtual length.
-    bool isEndOfStream() override;
-    // 1 at the end, 0 otherwise.
-    int isEndOfStream_NonBlocking() override;
 
     // CBrickDisk::write; afterwards a disk position beyond the virtual length
     // becomes the virtual length. The barrier is ignored: the bytes are in the
     // disk when the call returns.
     void write(const void* src, int size, zo::IWriteBarrier* barrier = nullptr) override;
-    // write() of the slice's bytes; the slice is not kept.
-    void writeKeepBuffer(const zo::TConstBufferSlice<uint8>& slice, zo::IWriteBarrier* barrier = nullptr) override;
     // Flushes, then returns a barrier that is already passed.
     P<zo::IWriteBarrier> createWriteBarrier(zo::IWriteBarrier* previous) override;
     // CBrickDisk::flushChanges: every changed brick is stored before it

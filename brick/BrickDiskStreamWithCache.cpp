@@ -26,7 +26,8 @@ int cacheCapacity(int brickSize)
 } // namespace
 
 CBrickDiskStreamWithCache::CBrickDiskStreamWithCache(CBrickDisk* disk)
-    : m_uri(disk->getDiskFolder()),
+    : CStreamBase("Brick disk stream"),
+      m_uri(disk->getDiskFolder()),
       m_brickSize(static_cast<int>(disk->getBrickSize())),
       m_innerStream(new CBrickDiskStream(disk)),
       m_length(m_innerStream->getLength())
@@ -80,12 +81,6 @@ void CBrickDiskStreamWithCache::seek(int64 position)
     m_position = position;
 }
 
-void CBrickDiskStreamWithCache::lockRange(int64, int64, LockType)
-{
-    throw zo::CFileSystemError(zo::CFileSystemError::NotSupported,
-                               CError("Brick disk stream does not support lockRange."));
-}
-
 void CBrickDiskStreamWithCache::close()
 {
     if (m_innerStream)
@@ -132,26 +127,10 @@ int CBrickDiskStreamWithCache::readLax(void* dst, int size)
     return count;
 }
 
-int CBrickDiskStreamWithCache::readAvailable(void* dst, int size)
-{
-    return readLax(dst, size);
-}
-
 bool CBrickDiskStreamWithCache::waitReadable(int)
 {
     checkOpen();
     return true;
-}
-
-bool CBrickDiskStreamWithCache::isEndOfStream()
-{
-    checkOpen();
-    return m_position >= m_length;
-}
-
-int CBrickDiskStreamWithCache::isEndOfStream_NonBlocking()
-{
-    return isEndOfStream() ? 1 : 0;
 }
 
 void CBrickDiskStreamWithCache::write(const void* src, int size, zo::IWriteBarrier*)
@@ -179,11 +158,6 @@ void CBrickDiskStreamWithCache::write(const void* src, int size, zo::IWriteBarri
         if (!cached)
             loadBrickIntoCache(brickIndex);
     }
-}
-
-void CBrickDiskStreamWithCache::writeKeepBuffer(const zo::TConstBufferSlice<uint8>& slice, zo::IWriteBarrier* barrier)
-{
-    write(slice.getData(), slice.getSize(), barrier);
 }
 
 P<zo::IWriteBarrier> CBrickDiskStreamWithCache::createWriteBarrier(zo::IWriteBarrier*)

@@ -11,6 +11,7 @@
 #include "zo/MemPool.h"
 #include "zo/MostRecentlyUsedCache.h"
 #include "zo/Stream.h"
+#include "zo/StreamBase.h"
 #include "zo/URI.h"
 
 namespace brick {
@@ -31,10 +32,14 @@ namespace brick {
 // succeed afterwards, while anything that needs the disk throws the inner
 // stream's zo::CIOError StreamClosed (10). Errors of the disk pass through.
 //
+// From zo::CStreamBase: readAvailable is readLax, and lockRange is never
+// supported: it throws zo::CFileSystemError NotSupported (6) around "Brick
+// disk stream does not support lockRange.".
+//
 // Threads: one thread at a time. Copies share the inner stream, the cache and
 // the buffer pool without locking, so they must not be used on different
 // threads at once either.
-class BRICKDISK_EXPORT CBrickDiskStreamWithCache : public zo::CBase, public zo::IIOStream {
+class BRICKDISK_EXPORT CBrickDiskStreamWithCache : public zo::CStreamBase {
 public:
     // Builds the inner stream over `disk` (which must not be null), with
     // position 0 and the disk's size as length, and allocates the cache's
@@ -56,9 +61,6 @@ public:
     // Sets the position, from 0 to the length inclusive; CIOError
     // SeekOutOfRange (7), no properties, otherwise. The disk is not touched.
     void seek(int64 position) override;
-    // Never supported: always throws zo::CFileSystemError NotSupported (6)
-    // around "Brick disk stream does not support lockRange.".
-    void lockRange(int64 start, int64 length, LockType type) override;
     // Closes the inner stream (see the class comment).
     void close() override;
 
@@ -69,21 +71,14 @@ public:
     void read(void* dst, int size) override;
     // Reads min(size, length - position) bytes and returns that count.
     int readLax(void* dst, int size) override;
-    // The same as readLax.
-    int readAvailable(void* dst, int size) override;
     // Always true at once.
     bool waitReadable(int timeoutMillis) override;
-    bool isEndOfStream() override;
-    // 1 at the end, 0 otherwise.
-    int isEndOfStream_NonBlocking() override;
 
     // Writes through to the disk brick by brick (a cached brick is updated
     // before its disk write); a position beyond the length afterwards becomes
     // the length. The barrier is ignored. A failing disk write leaves the
     // position at the start of the piece that failed.
     void write(const void* src, int size, zo::IWriteBarrier* barrier = nullptr) override;
-    // write() of the slice's bytes; the slice is not kept.
-    void writeKeepBuffer(const zo::TConstBufferSlice<uint8>& slice, zo::IWriteBarrier* barrier = nullptr) override;
     // Flushes, then returns a barrier that is already passed.
     P<zo::IWriteBarrier> createWriteBarrier(zo::IWriteBarrier* previous) override;
     // Stores every changed brick of the disk before it returns; the cache is

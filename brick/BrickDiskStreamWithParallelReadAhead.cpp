@@ -60,7 +60,8 @@ CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBr
 CBrickDiskStreamWithParallelReadAhead::CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk,
                                                                              zo::int32 threadCount,
                                                                              zo::int32 bricksAhead)
-    : m_disk(disk),
+    : CInStreamBase("Brick disk stream"),
+      m_disk(disk),
       m_brickSize(disk->getBrickSize()),
       m_uri(disk->getDiskFolder()),
       m_length(disk->getSize())
@@ -129,12 +130,6 @@ void CBrickDiskStreamWithParallelReadAhead::seek(int64 position)
     m_position = position;
 }
 
-void CBrickDiskStreamWithParallelReadAhead::lockRange(int64, int64, LockType)
-{
-    throw zo::CFileSystemError(zo::CFileSystemError::NotSupported,
-                               CError("Brick disk stream does not support lockRange."));
-}
-
 void CBrickDiskStreamWithParallelReadAhead::close()
 {
     if (!m_disk)
@@ -194,27 +189,6 @@ int CBrickDiskStreamWithParallelReadAhead::readLax(void* dst, int size)
         remaining -= count;
     }
     return total;
-}
-
-int CBrickDiskStreamWithParallelReadAhead::readAvailable(void* dst, int size)
-{
-    return readLax(dst, size);
-}
-
-bool CBrickDiskStreamWithParallelReadAhead::waitReadable(int)
-{
-    return true;
-}
-
-bool CBrickDiskStreamWithParallelReadAhead::isEndOfStream()
-{
-    checkOpen();
-    return m_position >= m_length;
-}
-
-int CBrickDiskStreamWithParallelReadAhead::isEndOfStream_NonBlocking()
-{
-    return isEndOfStream() ? 1 : 0;
 }
 
 } // namespace brick

@@ -12,6 +12,7 @@
 #include "zo/Containers.h"
 #include "zo/MemPool.h"
 #include "zo/Stream.h"
+#include "zo/StreamBase.h"
 #include "zo/Thread.h"
 #include "zo/URI.h"
 
@@ -38,10 +39,15 @@ namespace brick {
 // close still answer as before; every other operation throws zo::CIOError
 // StreamClosed (10) with an empty message and no properties.
 //
+// From zo::CInStreamBase: readAvailable is readLax; waitReadable is true at
+// once, also when closed; lockRange is never supported: it throws
+// zo::CFileSystemError NotSupported (6) around "Brick disk stream does not
+// support lockRange.".
+//
 // Threads: the stream's own operations are for one thread at a time. The
 // read threads run from construction until close() (or destruction) and touch
 // only their own brick objects, the read-ahead manager and the buffer pool.
-class BRICKDISK_EXPORT CBrickDiskStreamWithParallelReadAhead : public zo::CBase, public zo::IInStream {
+class BRICKDISK_EXPORT CBrickDiskStreamWithParallelReadAhead : public zo::CInStreamBase {
 public:
     // Holds a counted reference to `disk` (which must not be null; its
     // cipher key and folders are shared with the read threads' brick
@@ -74,9 +80,6 @@ public:
     // SeekOutOfRange (7) with the property "uri" otherwise. The read-ahead is
     // restarted by the next read, not here.
     void seek(int64 position) override;
-    // Never supported: always throws zo::CFileSystemError NotSupported (6)
-    // around "Brick disk stream does not support lockRange.".
-    void lockRange(int64 start, int64 length, LockType type) override;
     // Stops the read-ahead and waits until every read thread has ended, then
     // drops the threads, the manager and the disk. Closing a closed stream
     // does nothing. Throws only what ending a thread throws.
@@ -95,13 +98,6 @@ public:
     // "Internal error in CBrickDiskStreamWithParallelReadAhead::readLax" when a
     // delivered brick is shorter than the position in it.
     int readLax(void* dst, int size) override;
-    // The same as readLax.
-    int readAvailable(void* dst, int size) override;
-    // Always true at once, also when closed.
-    bool waitReadable(int timeoutMillis) override;
-    bool isEndOfStream() override;
-    // 1 at the end, 0 otherwise.
-    int isEndOfStream_NonBlocking() override;
 
 private:
     // One read thread: claims brick indexes from the manager, reads each

@@ -14,15 +14,14 @@
 
 #include "zo/Buffer.h"
 #include "zo/Error.h"
+#include "zo/WorkerPool.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <exception>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <set>
-#include <thread>
 
 namespace brick {
 
@@ -346,81 +345,48 @@ private:
             return;
 
         std::mutex mutex;
-        std::condition_variable changed;
-        std::size_t next = 0;
-        std::size_t finished = 0;
         zo::int64 bytes = 0;
-        bool stop = false;
-        std::exception_ptr failure;
-        const auto work = [&] {
-            for (;;) {
-                std::size_t index = 0;
-                {
-                    const std::lock_guard<std::mutex> lock(mutex);
-                    if (stop || next == files.size())
-                        return;
-                    index = next++;
-                }
-                const CBrickTree::BrickFile& brick = files[index].brick;
-                std::exception_ptr error;
-                bool held = false;
-                try {
-                    held = isHeld(files[index]);
-                    if (!held && !m_options.dryRun)
-                        sendFile(disk, brick);
-                } catch (...) {
-                    error = std::current_exception();
-                }
-                {
-                    const std::lock_guard<std::mutex> lock(mutex);
-                    ++finished;
-                    if (error) {
-                        stop = true;
-                        if (!failure)
-                            failure = error;
-                    } else if (held) {
-                        ++m_summary.filesSkipped;
-                        m_summary.bytesSkipped += brick.size;
-                    } else {
-                        bytes += brick.size;
-                        ++m_summary.filesSent;
-                        m_summary.bytesSent += brick.size;
-                    }
-                }
-                changed.notify_all();
+        const auto send = [&](const Candidate& file) {
+            const CBrickTree::BrickFile& brick = file.brick;
+            const bool held = isHeld(file);
+            if (!held && !m_options.dryRun)
+                sendFile(disk, brick);
+            const std::lock_guard<std::mutex> lock(mutex);
+            if (held) {
+                ++m_summary.filesSkipped;
+                m_summary.bytesSkipped += brick.size;
+            } else {
+                bytes += brick.size;
+                ++m_summary.filesSent;
+                m_summary.bytesSent += brick.size;
             }
         };
         const int threadCount = static_cast<int>(std::min<std::size_t>(std::max(1, m_options.jobs), files.size()));
-        std::vector<std::thread> threads;
-        for (int i = 0; i < threadCount; ++i)
-            threads.emplace_back(work);
+        zo::CWorkerPool pool(threadCount);
+        for (const Candidate& file : files)
+            pool.post([&send, &file](int) { send(file); });
 
+        // The first file that fails stops the pool; the checkpoint's error
+        // stops it too.
         std::exception_ptr stopped;
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            std::size_t seen = 0;
-            while (finished < files.size() && !stop) {
-                changed.wait(lock, [&] { return finished != seen || stop; });
-                seen = finished;
-                progress.filesDone = static_cast<zo::int64>(finished);
+        int ended = 0;
+        while (!pool.isStopped() && !pool.waitDone(0)) {
+            ended = pool.waitForEndedJobs(ended, -1);
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                progress.filesDone = ended;
                 progress.bytesSent = bytes;
-                lock.unlock();
-                try {
-                    report();
-                    if (m_options.checkpoint)
-                        m_options.checkpoint();
-                } catch (...) {
-                    stopped = std::current_exception();
-                }
-                lock.lock();
-                if (stopped)
-                    stop = true;
+            }
+            try {
+                report();
+                if (m_options.checkpoint)
+                    m_options.checkpoint();
+            } catch (...) {
+                stopped = std::current_exception();
+                pool.stop();
             }
         }
-        for (std::thread& thread : threads)
-            thread.join();
-        if (failure)
-            std::rethrow_exception(failure);
+        pool.wait();
         if (stopped)
             std::rethrow_exception(stopped);
     }

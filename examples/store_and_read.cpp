@@ -11,31 +11,6 @@
 
 using namespace zo;
 
-namespace {
-
-// Waits for one asynchronous operation and keeps its error.
-class CWaitingListener : public CBase, public IDoneListener {
-public:
-    void onDone(const CError* error) override
-    {
-        if (error)
-            m_error = error->clone();
-        m_done.set();
-    }
-    void waitAndThrow()
-    {
-        m_done.wait(-1);
-        if (m_error)
-            m_error->throwClone();
-    }
-
-private:
-    CSignal m_done;
-    P<CError> m_error;
-};
-
-} // namespace
-
 int main(int argc, char** argv)
 {
     if (argc != 2) {
@@ -52,10 +27,8 @@ int main(int argc, char** argv)
         random.randData(data.getData(), data.getUsed());
 
         fs->createFolder(folder, 0x1ff);
-        P<CWaitingListener> listener(new CWaitingListener());
         P<CBufferStream> source(new CBufferStream(&data));
-        fs->beginStoreFile(file, data.getUsed(), source.get(), true, listener.get());
-        listener->waitAndThrow();
+        fs->beginStoreFile(file, data.getUsed(), source.get(), true, nullptr)->wait();
 
         P<IIOStream> in = fs->openStream(file, IIOStream::AccessRead, IIOStream::OptionNone);
         TBuffer<uint8> back(static_cast<int>(in->getSize()));

@@ -17,16 +17,15 @@
 #include "brick/BrickDiskLink.h"
 #include "brick/BrickTree.h"
 #include "zo/Error.h"
+#include "zo/WorkerPool.h"
 
 #include <CLI/CLI.hpp>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace cli {
@@ -170,36 +169,34 @@ void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrick
     }
 }
 
-// Checks every brick file on `jobs` threads; returns one text per file, empty
-// for a good one.
+// Checks every brick file on `jobs` threads, each with a checker of its own;
+// returns one text per file, empty for a good one.
 std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const brick::CBrickTree::Listing& listing,
                                          const brick::CBrickDiskHeader& header,
                                          brick::CBrickDisk* disk, int jobs)
 {
     std::vector<std::string> verdicts(listing.bricks.size());
-    std::atomic<size_t> next{0};
-    std::atomic<zo::int64> bytesDone{0};
-    const auto work = [&](std::unique_ptr<brick::CBrickFileChecker> checker) {
-        for (size_t i = next++; i < listing.bricks.size(); i = next++) {
-            verdicts[i] = checker->check(listing.bricks[i]).toUTF8();
-            bytesDone += listing.bricks[i].size;
-        }
-    };
-    std::vector<std::thread> threads;
+    std::vector<std::unique_ptr<brick::CBrickFileChecker>> checkers;
     for (int i = 0; i < jobs; ++i)
-        threads.emplace_back(work, std::make_unique<brick::CBrickFileChecker>(fs, header, disk));
+        checkers.push_back(std::make_unique<brick::CBrickFileChecker>(fs, header, disk));
+    std::atomic<zo::int64> bytesDone{0};
+    zo::CWorkerPool pool(jobs);
+    for (size_t i = 0; i < listing.bricks.size(); ++i) {
+        pool.post([&, i](int worker) {
+            verdicts[i] = checkers[static_cast<size_t>(worker)]->check(listing.bricks[i]).toUTF8();
+            bytesDone += listing.bricks[i].size;
+        });
+    }
     CProgressBar progress("check", listing.totalBrickBytes());
-    while (next < listing.bricks.size()) {
+    while (!pool.waitDone(50)) {
         if (wasInterrupted()) {
             // The workers take no further brick.
-            next = listing.bricks.size();
+            pool.stop();
             break;
         }
         progress.update(bytesDone);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    for (std::thread& thread : threads)
-        thread.join();
+    pool.wait();
     throwIfInterrupted();
     return verdicts;
 }

@@ -8,7 +8,8 @@
 
 namespace zo {
 
-CBufferStream::CBufferStream(TBuffer<uint8>* buffer, double growFactor) : m_growFactor(growFactor < 1.0 ? 1.0 : growFactor)
+CBufferStream::CBufferStream(TBuffer<uint8>* buffer, double growFactor)
+    : CStreamBase("Buffer stream"), m_growFactor(growFactor < 1.0 ? 1.0 : growFactor)
 {
     if (!buffer) {
         m_owned = P<TBuffer<uint8>>(new TBuffer<uint8>());
@@ -18,7 +19,7 @@ CBufferStream::CBufferStream(TBuffer<uint8>* buffer, double growFactor) : m_grow
     m_readOnly = buffer;
 }
 
-CBufferStream::CBufferStream(const TBuffer<uint8>* buffer) : m_readOnly(buffer)
+CBufferStream::CBufferStream(const TBuffer<uint8>* buffer) : CStreamBase("Buffer stream"), m_readOnly(buffer)
 {
     if (!buffer) {
         m_owned = P<TBuffer<uint8>>(new TBuffer<uint8>());
@@ -67,21 +68,9 @@ void CBufferStream::seek(int64 position)
     m_position = position;
 }
 
-void CBufferStream::lockRange(int64, int64, LockType)
-{
-    throw CFileSystemError(CFileSystemError::NotSupported, CError("Buffer stream does not support lockRange."));
-}
-
 void CBufferStream::close()
 {
     m_closed = true;
-}
-
-void CBufferStream::read(void* dst, int size)
-{
-    const int got = readLax(dst, size);
-    if (got < size)
-        throw CIOError(CIOError::EndOfData, String(), CProps().add("wanted", size).add("got", got));
 }
 
 int CBufferStream::readLax(void* dst, int size)
@@ -95,27 +84,6 @@ int CBufferStream::readLax(void* dst, int size)
         std::memcpy(dst, readBuffer().getData() + m_position, static_cast<size_t>(n));
     m_position += n;
     return n;
-}
-
-int CBufferStream::readAvailable(void* dst, int size)
-{
-    return readLax(dst, size);
-}
-
-bool CBufferStream::waitReadable(int)
-{
-    return true;
-}
-
-bool CBufferStream::isEndOfStream()
-{
-    checkOpen();
-    return m_position >= readBuffer().getUsed();
-}
-
-int CBufferStream::isEndOfStream_NonBlocking()
-{
-    return isEndOfStream() ? 1 : 0;
 }
 
 void CBufferStream::write(const void* src, int size, IWriteBarrier*)
@@ -137,16 +105,6 @@ void CBufferStream::write(const void* src, int size, IWriteBarrier*)
         m_writable->setUsed(static_cast<int>(end));
     std::memcpy(m_writable->getData() + m_position, src, static_cast<size_t>(size));
     m_position = end;
-}
-
-void CBufferStream::writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier)
-{
-    write(slice.getData(), slice.getSize(), barrier);
-}
-
-P<IWriteBarrier> CBufferStream::createWriteBarrier(IWriteBarrier*)
-{
-    return P<IWriteBarrier>(new CDummyWriteBarrier());
 }
 
 void CBufferStream::flush()

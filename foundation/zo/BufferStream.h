@@ -4,11 +4,12 @@
 #include "zo/Buffer.h"
 #include "zo/Export.h"
 #include "zo/Stream.h"
+#include "zo/StreamBase.h"
 #include "zo/URI.h"
 
 namespace zo {
 
-class BRICKDISK_EXPORT CBufferStream : public CBase, public IIOStream {
+class BRICKDISK_EXPORT CBufferStream : public CStreamBase {
 public:
     // Over a writable buffer, which the caller keeps alive and owns; a null
     // buffer makes the stream own a new one. Writes grow the buffer's capacity
@@ -27,19 +28,11 @@ public:
     int64 getPosition() override;
     CURI getURI() override;
     void seek(int64 position) override;
-    void lockRange(int64 start, int64 length, LockType type) override;
     void close() override;
 
-    void read(void* dst, int size) override;
     int readLax(void* dst, int size) override;
-    int readAvailable(void* dst, int size) override;
-    bool waitReadable(int timeoutMillis) override;
-    bool isEndOfStream() override;
-    int isEndOfStream_NonBlocking() override;
 
     void write(const void* src, int size, IWriteBarrier* barrier = nullptr) override;
-    void writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier = nullptr) override;
-    P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
     void flush() override;
     // Cuts or extends the data (new bytes are zero); a position beyond the
     // new end moves to it. ReadOnly for a read-only stream, SeekOutOfRange

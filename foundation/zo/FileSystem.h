@@ -29,11 +29,36 @@ public:
     virtual void onDone(const CError* error) = 0;
 };
 
-// Handle of an asynchronous operation.
+// Handle of an asynchronous operation: its end and its outcome. Any thread
+// may call it, also after the file system has gone; none of its calls waits
+// inside the listener of the same operation (that would never end).
 class BRICKDISK_EXPORT IFileSystemOp : public virtual IBase {
 public:
-    // True once the listener has been called; waits up to `timeoutMillis` (-1: no limit).
+    // True once the operation has ended: its listener has been called and has
+    // returned. Waits up to `timeoutMillis` (-1: no limit). Throws nothing.
     virtual bool waitDone(int timeoutMillis) = 0;
+    // The error the operation ended with, the one its listener heard (a copy
+    // of its own type that the caller owns); null on success and while the
+    // operation runs. Throws nothing.
+    virtual P<CError> getError() const = 0;
+
+    // Waits for the end without limit and throws the operation's error, if
+    // any, with its own type (a CFileSystemError stays one).
+    void wait()
+    {
+        waitDone(-1);
+        if (const P<CError> error = getError())
+            error->throwClone();
+    }
+    // Waits as wait() does, but an error whose CFileSystemError problem is
+    // `tolerated` counts as success and is not thrown.
+    void wait(CFileSystemError::Problem tolerated)
+    {
+        waitDone(-1);
+        const P<CError> error = getError();
+        if (error && CFileSystemError::getProblem(error->getProps()) != tolerated)
+            error->throwClone();
+    }
 };
 
 class BRICKDISK_EXPORT IFileInfo : public virtual IBase {

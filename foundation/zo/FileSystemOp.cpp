@@ -11,8 +11,19 @@ bool CFileSystemOp::waitDone(int timeoutMillis)
     return m_done.wait(timeoutMillis);
 }
 
+P<CError> CFileSystemOp::getError() const
+{
+    const std::lock_guard<std::mutex> lock(m_errorMutex);
+    return m_error ? m_error->clone() : P<CError>();
+}
+
 void CFileSystemOp::complete(const CError* error) noexcept
 {
+    if (error) {
+        P<CError> kept = error->clone();
+        const std::lock_guard<std::mutex> lock(m_errorMutex);
+        m_error = std::move(kept);
+    }
     P<IDoneListener> listener = std::move(m_listener);
     if (listener) {
         try {

@@ -9,6 +9,7 @@
 #include "zo/Signal.h"
 
 #include <functional>
+#include <mutex>
 
 namespace zo {
 
@@ -18,14 +19,18 @@ public:
     explicit CFileSystemOp(IDoneListener* listener);
 
     bool waitDone(int timeoutMillis) override;
+    P<CError> getError() const override;
 
-    // Calls the listener with `error` (null on success), drops the listener
-    // and then marks the operation done. Called exactly once, on a worker
-    // thread; an exception thrown by the listener is logged, never passed on.
+    // Keeps a copy of `error` (null on success) as the operation's error,
+    // calls the listener with it, drops the listener and then marks the
+    // operation done. Called exactly once, on a worker thread; an exception
+    // thrown by the listener is logged, never passed on.
     void complete(const CError* error) noexcept;
 
 private:
     P<IDoneListener> m_listener;
+    mutable std::mutex m_errorMutex;
+    P<CError> m_error;
     CSignal m_done;
 };
 

@@ -10,7 +10,7 @@
 namespace zo {
 
 CLocalFileStream::CLocalFileStream(int fd, const CURI& uri, Access access, bool syncOnFlush)
-    : m_fd(fd), m_uri(uri), m_access(access), m_syncOnFlush(syncOnFlush)
+    : CStreamBase("Local file stream"), m_fd(fd), m_uri(uri), m_access(access), m_syncOnFlush(syncOnFlush)
 {
 }
 
@@ -78,14 +78,6 @@ void CLocalFileStream::close()
         throw errnoError(errno, "close");
 }
 
-void CLocalFileStream::read(void* dst, int size)
-{
-    const int got = readLax(dst, size);
-    if (got < size)
-        throw CIOError(CIOError::EndOfData, String(),
-                       CProps().add("wanted", size).add("got", got).add("uri", m_uri.toString(true)));
-}
-
 int CLocalFileStream::readLax(void* dst, int size)
 {
     checkReadable();
@@ -128,16 +120,6 @@ bool CLocalFileStream::waitReadable(int)
     return true;
 }
 
-bool CLocalFileStream::isEndOfStream()
-{
-    return m_position >= getLength();
-}
-
-int CLocalFileStream::isEndOfStream_NonBlocking()
-{
-    return isEndOfStream() ? 1 : 0;
-}
-
 void CLocalFileStream::write(const void* src, int size, IWriteBarrier*)
 {
     checkWritable();
@@ -153,16 +135,6 @@ void CLocalFileStream::write(const void* src, int size, IWriteBarrier*)
         done += static_cast<int>(put);
         m_position += put;
     }
-}
-
-void CLocalFileStream::writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier)
-{
-    write(slice.getData(), slice.getSize(), barrier);
-}
-
-P<IWriteBarrier> CLocalFileStream::createWriteBarrier(IWriteBarrier*)
-{
-    return P<IWriteBarrier>(new CDummyWriteBarrier());
 }
 
 void CLocalFileStream::flush()

@@ -6,7 +6,7 @@ namespace zo {
 
 CMemoryFileStream::CMemoryFileStream(CMemoryFileStore* store, const CURI& file, CMemoryFileStore::FileData* data,
                                      Access access)
-    : m_store(store), m_uri(file), m_data(data), m_access(access)
+    : CStreamBase("Memory file stream"), m_store(store), m_uri(file), m_data(data), m_access(access)
 {
 }
 
@@ -36,23 +36,9 @@ void CMemoryFileStream::seek(int64 position)
     m_position = position;
 }
 
-void CMemoryFileStream::lockRange(int64, int64, LockType)
-{
-    throw CFileSystemError(CFileSystemError::NotSupported,
-                           CError("Files in memory cannot lock ranges.", String(), -1, CProps().add("uri", m_uri.toString(true))));
-}
-
 void CMemoryFileStream::close()
 {
     m_closed = true;
-}
-
-void CMemoryFileStream::read(void* dst, int size)
-{
-    const int got = readLax(dst, size);
-    if (got < size)
-        throw CIOError(CIOError::EndOfData, String(),
-                       CProps().add("wanted", size).add("got", got).add("uri", m_uri.toString(true)));
 }
 
 int CMemoryFileStream::readLax(void* dst, int size)
@@ -65,25 +51,10 @@ int CMemoryFileStream::readLax(void* dst, int size)
     return got;
 }
 
-int CMemoryFileStream::readAvailable(void* dst, int size)
-{
-    return readLax(dst, size);
-}
-
 bool CMemoryFileStream::waitReadable(int)
 {
     checkReadable();
     return true;
-}
-
-bool CMemoryFileStream::isEndOfStream()
-{
-    return m_position >= getLength();
-}
-
-int CMemoryFileStream::isEndOfStream_NonBlocking()
-{
-    return isEndOfStream() ? 1 : 0;
 }
 
 void CMemoryFileStream::write(const void* src, int size, IWriteBarrier*)
@@ -92,16 +63,6 @@ void CMemoryFileStream::write(const void* src, int size, IWriteBarrier*)
     m_store->write(*m_data, m_position, src, size);
     if (size > 0)
         m_position += size;
-}
-
-void CMemoryFileStream::writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier)
-{
-    write(slice.getData(), slice.getSize(), barrier);
-}
-
-P<IWriteBarrier> CMemoryFileStream::createWriteBarrier(IWriteBarrier*)
-{
-    return P<IWriteBarrier>(new CDummyWriteBarrier());
 }
 
 void CMemoryFileStream::flush()

@@ -145,11 +145,19 @@ protected:
     IFileSystem& fs() { return *env.fs; }
     CURI path(const char* relative) const { return env.root() << CURI(relative); }
 
+    // Waits for `op` and gives the error its listener heard, after checking
+    // that the handle gives the same one.
     static P<CError> finish(const P<IFileSystemOp>& op, CRecordingListener& listener)
     {
         EXPECT_TRUE(op->waitDone(waitMillis));
         EXPECT_EQ(listener.record()->getCalls(), 1);
-        return listener.record()->getError();
+        const P<CError> heard = listener.record()->getError();
+        const P<CError> kept = op->getError();
+        EXPECT_EQ(problemOf(kept), problemOf(heard));
+        if (heard && kept) {
+            EXPECT_EQ(kept->toString(), heard->toString());
+        }
+        return heard;
     }
     P<CError> store(const CURI& file, const std::string& bytes, bool overwrite, int size = -1)
     {
@@ -785,6 +793,37 @@ TYPED_TEST_P(FileSystemContractTest, OperationWithoutListenerCompletesItsHandle)
     EXPECT_TRUE(this->fs().folderExists(this->path("f")));
 }
 
+TYPED_TEST_P(FileSystemContractTest, HandleOfASuccessGivesNoErrorAndWaitReturns)
+{
+    const P<IFileSystemOp> op = this->fs().beginCreateFolder(this->path("f"), folderMode, nullptr);
+    op->wait();
+    EXPECT_TRUE(op->waitDone(0));
+    EXPECT_FALSE(op->getError());
+    EXPECT_TRUE(this->fs().folderExists(this->path("f")));
+}
+
+TYPED_TEST_P(FileSystemContractTest, HandleOfAFailureGivesItsErrorAndWaitThrowsIt)
+{
+    ASSERT_FALSE(this->store(this->path("a"), "old", false));
+    const P<IInStream> source = makeSource("new");
+    const P<IFileSystemOp> op = this->fs().beginStoreFile(this->path("a"), 3, source.get(), false, nullptr);
+    EXPECT_EQ(thrownProblem([&] { op->wait(); }), CFileSystemError::AlreadyExists);
+    EXPECT_EQ(problemOf(op->getError()), CFileSystemError::AlreadyExists);
+    EXPECT_THROW(op->wait(), CFileSystemError);
+    EXPECT_EQ(this->readFile(this->path("a")), "old");
+}
+
+TYPED_TEST_P(FileSystemContractTest, WaitWithAToleratedProblemThrowsOnlyOtherProblems)
+{
+    ASSERT_FALSE(this->store(this->path("a"), "source", false));
+    ASSERT_FALSE(this->store(this->path("b"), "target", false));
+    const P<IFileSystemOp> exists = this->fs().beginCopyFile(this->path("a"), this->path("b"), false, nullptr);
+    EXPECT_NO_THROW(exists->wait(CFileSystemError::AlreadyExists));
+    EXPECT_EQ(problemOf(exists->getError()), CFileSystemError::AlreadyExists);
+    const P<IFileSystemOp> missing = this->fs().beginCopyFile(this->path("none"), this->path("c"), false, nullptr);
+    EXPECT_EQ(thrownProblem([&] { missing->wait(CFileSystemError::AlreadyExists); }), CFileSystemError::NotFound);
+}
+
 // A listener that holds the only reference to its file system and drops it.
 class CFileSystemOwningListener : public CRecordingListener {
 public:
@@ -900,6 +939,9 @@ REGISTER_TYPED_TEST_SUITE_P(FileSystemContractTest,
     ListenerIsCalledOnAThreadOfTheFileSystem,
     ListenerAndSourceAreHeldUntilTheOperationEnds,
     OperationWithoutListenerCompletesItsHandle,
+    HandleOfASuccessGivesNoErrorAndWaitReturns,
+    HandleOfAFailureGivesItsErrorAndWaitThrowsIt,
+    WaitWithAToleratedProblemThrowsOnlyOtherProblems,
     DroppingTheLastReferenceInAListenerStillCompletesQueuedOperations,
     DestroyingTheFileSystemWaitsForQueuedOperations);
 

@@ -153,6 +153,19 @@ TEST_F(MemoryFileSystemTest, FailOperationFailsOnlyTheNthOperationOnce)
     EXPECT_EQ(textOf(fs->getFileData("/c")), "3");
 }
 
+TEST_F(MemoryFileSystemTest, InjectedFailureIsTheErrorOfTheOperationsHandle)
+{
+    fs->failOperation(Operation::StoreFile, 2, CFileSystemError::NoSpace, false);
+    const P<IFileSystemOp> first = fs->beginStoreFile("/a", 1, makeSource("1").get(), true, nullptr);
+    const P<IFileSystemOp> second = fs->beginStoreFile("/b", 1, makeSource("2").get(), true, nullptr);
+    EXPECT_NO_THROW(first->wait());
+    EXPECT_EQ(thrownProblem([&] { second->wait(); }), CFileSystemError::NoSpace);
+    const P<CError> error = second->getError();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProps().lookup("path"), "/b");
+    EXPECT_FALSE(first->getError());
+}
+
 TEST_F(MemoryFileSystemTest, PersistentFailureFailsTheNthAndEveryLaterOperation)
 {
     fs->failOperation(Operation::DeleteFile, 2, CFileSystemError::AccessDenied, true);

@@ -4,11 +4,12 @@
 
 #include "zo/Error.h"
 #include "zo/Stream.h"
+#include "zo/StreamBase.h"
 #include "zo/URI.h"
 
 namespace zo {
 
-class CLocalFileStream : public CBase, public IIOStream {
+class CLocalFileStream : public CStreamBase {
 public:
     // Takes over `fd`, which is open with `access`; the stream closes it.
     // With `syncOnFlush`, flush() makes the written data durable (fsync).
@@ -30,17 +31,13 @@ public:
     void close() override;
 
     // Reading needs AccessRead or AccessReadWrite (CIOError ReadFailed otherwise).
-    void read(void* dst, int size) override;
     int readLax(void* dst, int size) override;
+    // One read of what the file holds, up to `size` bytes.
     int readAvailable(void* dst, int size) override;
     bool waitReadable(int timeoutMillis) override;
-    bool isEndOfStream() override;
-    int isEndOfStream_NonBlocking() override;
 
     // Writing needs AccessWrite or AccessReadWrite (CIOError ReadOnly otherwise).
     void write(const void* src, int size, IWriteBarrier* barrier = nullptr) override;
-    void writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier = nullptr) override;
-    P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
     void flush() override;
     // Truncates or extends the file (ftruncate); the position stays within it.
     void setLength(int64 length) override;

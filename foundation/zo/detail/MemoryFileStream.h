@@ -7,11 +7,12 @@
 
 #include "zo/detail/MemoryFileStore.h"
 #include "zo/Stream.h"
+#include "zo/StreamBase.h"
 #include "zo/URI.h"
 
 namespace zo {
 
-class CMemoryFileStream : public CBase, public IIOStream {
+class CMemoryFileStream : public CStreamBase {
 public:
     // Over `data` of `store`, opened as `file` with `access`.
     CMemoryFileStream(CMemoryFileStore* store, const CURI& file, CMemoryFileStore::FileData* data, Access access);
@@ -21,23 +22,15 @@ public:
     CURI getURI() override;
     // Positions from 0 to the length are valid; others throw CIOError SeekOutOfRange.
     void seek(int64 position) override;
-    // Always fails with CFileSystemError NotSupported.
-    void lockRange(int64 start, int64 length, LockType type) override;
     // Later calls other than close throw CIOError StreamClosed.
     void close() override;
 
     // Reading needs AccessRead or AccessReadWrite (CIOError ReadFailed otherwise).
-    void read(void* dst, int size) override;
     int readLax(void* dst, int size) override;
-    int readAvailable(void* dst, int size) override;
     bool waitReadable(int timeoutMillis) override;
-    bool isEndOfStream() override;
-    int isEndOfStream_NonBlocking() override;
 
     // Writing needs AccessWrite or AccessReadWrite (CIOError ReadOnly otherwise).
     void write(const void* src, int size, IWriteBarrier* barrier = nullptr) override;
-    void writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier = nullptr) override;
-    P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
     void flush() override;
     // Truncates or extends the file with zeros; the position stays within it.
     void setLength(int64 length) override;
