@@ -19,7 +19,7 @@ CBrickDiskStream::~CBrickDiskStream()
     try {
         close();
     } catch (const std::exception& e) {
-        zo::onExceptionInDestructorIgnored("kelp::CBrickDiskStream", e, true);
+        zo::onExceptionInDestructorIgnored("brick::CBrickDiskStream", e, true);
     }
 }
 

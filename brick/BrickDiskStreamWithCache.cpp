@@ -46,7 +46,7 @@ CBrickDiskStreamWithCache::~CBrickDiskStreamWithCache()
         m_cache = nullptr;
         m_innerStream = nullptr;
     } catch (const std::exception& e) {
-        zo::onExceptionInDestructorIgnored("kelp::CBrickDiskStreamWithCache", e, true);
+        zo::onExceptionInDestructorIgnored("brick::CBrickDiskStreamWithCache", e, true);
     }
 }
 

@@ -64,7 +64,7 @@ TEST(Log, ExceptionIgnoredInDestructorNamesTheClass)
 TEST(Log, ExceptionIgnoredInDestructorWithoutLogFlagWritesNothing)
 {
     CapturedLog log;
-    zo::onExceptionInDestructorIgnored("kelp::CBrickDiskStream", std::runtime_error("x"), false);
+    zo::onExceptionInDestructorIgnored("brick::CBrickDiskStream", std::runtime_error("x"), false);
     EXPECT_TRUE(log.lines.empty());
 }
 
