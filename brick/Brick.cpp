@@ -16,21 +16,24 @@ using zo::String;
 
 CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
                const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps)
-    : m_fs(fs), m_diskFolder(diskFolder), m_childFolder(childFolder), m_header(header),
-      m_maxBackgroundOps(std::max(1, maxBackgroundOps))
+    : CBrick(fs, diskFolder, parentFolders, header, cipherKey,
+             P<CBrickStoreQueue>(new CBrickStoreQueue(fs, diskFolder, childFolder, parentFolders, header, cipherKey,
+                                                      maxBackgroundOps))
+                 .get())
+{
+}
+
+CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const zo::TList<CURI>& parentFolders,
+               const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, CBrickStoreQueue* storeQueue)
+    : m_fs(fs), m_diskFolder(diskFolder), m_header(header), m_storeQueue(storeQueue)
 {
     m_searchFolders.reserve(parentFolders.size() + 1);
     m_searchFolders.push_back(diskFolder);
     m_searchFolders.insert(m_searchFolders.end(), parentFolders.begin(), parentFolders.end());
     m_preparer = P<CBrickDataPreparer>(new CBrickDataPreparer(m_header, cipherKey));
     m_maxPreparedSize = static_cast<int64>(m_header.getBrickSize() * 1.1 + 1024.0);
-    m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(m_maxBackgroundOps + 2, static_cast<int>(m_maxPreparedSize), 1));
-
-    TBuffer<uint8> zeros(m_header.getBrickSize());
-    if (zeros.getUsed() > 0)
-        std::memset(zeros.getData(), 0, static_cast<size_t>(zeros.getUsed()));
-    m_preparedZeroBrick = m_bufferPool->checkOutItem();
-    m_preparer->prepareData(zeros, *m_preparedZeroBrick, m_zeroBrickIndex);
+    const int pooled = storeQueue ? storeQueue->getMaxStores() + 2 : 2;
+    m_bufferPool = P<zo::CMemPool>(new zo::CMemPool(pooled, static_cast<int>(m_maxPreparedSize), 1));
 }
 
 CBrick::~CBrick()
@@ -97,7 +100,7 @@ int CBrick::writeLaxInsideBrick(const void* src, int size)
 
 P<CBrickStorer> CBrick::writePreparedBrick(const TBuffer<uint8>* prepared, IDoneListener* listener)
 {
-    P<CBrickStorer> storer = writePreparedBrickImpl(prepared, listener);
+    P<CBrickStorer> storer = storeQueue().store(m_brickIndex, prepared, listener);
     m_payload.setUsed(0);
     m_payloadDirty = false;
     m_payloadLoaded = false;
@@ -142,7 +145,7 @@ CURI CBrick::getRelativeBrickURI()
 void CBrick::loadBrickPayload()
 {
     try {
-        m_payloadStored = loadFromStorer() || loadFromSearchFolders();
+        m_payloadStored = loadFromStoreQueue() || loadFromSearchFolders();
         if (!m_payloadStored)
             fillPayloadWithZeros();
     } catch (const std::exception& e) {
@@ -155,12 +158,14 @@ void CBrick::loadBrickPayload()
     m_payloadLoaded = true;
 }
 
-bool CBrick::loadFromStorer()
+bool CBrick::loadFromStoreQueue()
 {
-    const auto it = m_storers.find(m_brickIndex);
-    if (it == m_storers.end())
+    if (!m_storeQueue)
         return false;
-    const PC<TBuffer<uint8>> prepared = it->second->getBrickData();
+    const std::optional<CBrickStoreQueue::Store> store = m_storeQueue->getStoreOf(m_brickIndex);
+    if (!store)
+        return false;
+    const PC<TBuffer<uint8>> prepared = store->prepared;
     if (!prepared) {
         fillPayloadWithZeros();
     } else {
@@ -227,44 +232,6 @@ P<zo::CMemPoolBuffer> CBrick::readBrickFile(const CURI& folder)
     }
 }
 
-// A disk between a parent and a child shows, where it has no file of its own,
-// the brick of its nearest parent, and so does its child. Before such a brick
-// is written, the child receives a copy of that parent's file: the storer then
-// finds the brick already present in the child and leaves it there, so the
-// child keeps reading what it read before (instead of the zeros the storer
-// would give a child when this disk has no old file to copy).
-void CBrick::copyParentBrickIntoChild(const CURI& relativeURI)
-{
-    if (m_childFolder.isEmpty() || m_searchFolders.size() < 2)
-        return;
-    if (m_fs->pathExists(m_diskFolder << relativeURI) || m_fs->pathExists(m_childFolder << relativeURI))
-        return;
-    for (auto parent = std::next(m_searchFolders.begin()); parent != m_searchFolders.end(); ++parent) {
-        const auto fail = [&](const CError& cause) {
-            throw CError("Copying a parent disk's brick into the child disk failed.", String(), -1,
-                         zo::CProps()
-                             .add("brickIndex", m_brickIndex)
-                             .add("parentFile", (*parent << relativeURI).toString(true))
-                             .add("childFolder", m_childFolder.toString(true)),
-                         &cause);
-        };
-        P<zo::CMemPoolBuffer> file;
-        try {
-            file = readBrickFile(*parent);
-        } catch (const CError& e) {
-            fail(e);
-        }
-        if (!file)
-            continue;
-        const P<CBrickStorer> copier = CBrickStorer::start(m_fs.get(), m_childFolder, relativeURI, CURI(), CURI(),
-                                                           file.get(), m_preparedZeroBrick.get(), nullptr);
-        copier->waitFinished(-1);
-        if (const PC<CError> error = copier->getError())
-            fail(*error);
-        return;
-    }
-}
-
 void CBrick::fillPayloadWithZeros()
 {
     m_payload.setUsed(m_header.getBrickSize());
@@ -283,122 +250,48 @@ void CBrick::backgroundSaveChanges()
         m_preparer->prepareData(m_payload, *prepared, m_brickIndex);
     }
     try {
-        writePreparedBrickImpl(prepared.get(), nullptr);
-    } catch (const CError& e) {
-        zo::logError(e, "Error initiating background brick storing operation.", String::getEmptyString());
-        m_backgroundErrors.push_back(Error{m_brickIndex, e.clone()});
+        storeQueue().store(m_brickIndex, prepared.get(), nullptr);
+    } catch (const CError&) {
+        // Logged and recorded by the queue.
     }
     m_payloadDirty = false;
 }
 
-P<CBrickStorer> CBrick::writePreparedBrickImpl(const TBuffer<uint8>* prepared, IDoneListener* listener)
+CBrickStoreQueue& CBrick::storeQueue() const
 {
-    const auto running = m_storers.find(m_brickIndex);
-    if (running != m_storers.end()) {
-        // Saves of one brick never overlap, so the later one always lands last.
-        running->second->waitFinished(-1);
-        handleFinishedStorers();
-        if (m_storers.count(m_brickIndex) != 0)
-            throw CError("INTERNAL ERROR: CBrick waited for storer to end, but the storer then was not removed.");
-    }
-    waitForFreeBackgroundOpSlot(-1);
-    prepareZeroBrickForCurrentIndex();
-    // Deleting the file of an all-zero brick would let a parent's brick show
-    // through again: on a disk with parents such a brick is stored as a file.
-    if (!prepared && m_searchFolders.size() > 1)
-        prepared = m_preparedZeroBrick.get();
-    const CURI relativeURI = getRelativeBrickURI();
-    copyParentBrickIntoChild(relativeURI);
-    const CURI childRelativeURI = m_childFolder.isEmpty() ? CURI() : relativeURI;
-    P<CBrickStorer> storer = CBrickStorer::start(m_fs.get(), m_diskFolder, relativeURI, m_childFolder,
-                                                 childRelativeURI, prepared, m_preparedZeroBrick.get(), listener);
-    m_storers[m_brickIndex] = storer;
-    return storer;
-}
-
-void CBrick::prepareZeroBrickForCurrentIndex()
-{
-    // Only disks with a parent or a child ever store the zero brick.
-    if (!m_preparer->bindsBrickIndex() || m_zeroBrickIndex == m_brickIndex ||
-        (m_childFolder.isEmpty() && m_searchFolders.size() < 2))
-        return;
-    // Storers still in flight keep their reference to the former buffer.
-    const P<zo::CMemPoolBuffer> zeroBrick = m_bufferPool->checkOutItem();
-    TBuffer<uint8> zeros(m_header.getBrickSize());
-    if (zeros.getUsed() > 0)
-        std::memset(zeros.getData(), 0, static_cast<size_t>(zeros.getUsed()));
-    zeroBrick->setUsed(0);
-    m_preparer->prepareData(zeros, *zeroBrick, m_brickIndex);
-    m_preparedZeroBrick = zeroBrick;
-    m_zeroBrickIndex = m_brickIndex;
-}
-
-void CBrick::handleFinishedStorers()
-{
-    for (auto it = m_storers.begin(); it != m_storers.end();) {
-        if (!it->second->waitFinished(0)) {
-            ++it;
-            continue;
-        }
-        if (const PC<CError> error = it->second->getError()) {
-            zo::logError(*error, "Error during background brick storing operation.", String::getEmptyString());
-            m_backgroundErrors.push_back(Error{it->first, error->clone()});
-        }
-        it = m_storers.erase(it);
-    }
+    if (!m_storeQueue)
+        throw CError("The brick object cannot save: its disk is open for reading only.", String(), -1,
+                     zo::CProps().add("diskFolder", m_diskFolder.toString(true)).add("brickIndex", m_brickIndex));
+    return *m_storeQueue;
 }
 
 bool CBrick::waitForFreeBackgroundOpSlot(int timeoutMillis)
 {
-    const bool limited = timeoutMillis != -1;
-    const zo::CTime deadline = zo::CTime::now() + zo::CTimeSpan::fromMillis(limited ? timeoutMillis : 0);
-    while (static_cast<int>(m_storers.size()) >= m_maxBackgroundOps) {
-        m_storers.begin()->second->waitFinished(50);
-        handleFinishedStorers();
-        if (limited && zo::CTime::now() >= deadline)
-            break;
-    }
-    return static_cast<int>(m_storers.size()) < m_maxBackgroundOps;
+    return !m_storeQueue || m_storeQueue->waitForFreeSlot(timeoutMillis);
 }
 
 bool CBrick::waitUntilBackgroundSavesDone(int timeoutMillis)
 {
-    const bool limited = timeoutMillis != -1;
-    const zo::CTime deadline = zo::CTime::now() + zo::CTimeSpan::fromMillis(limited ? timeoutMillis : 0);
-    handleFinishedStorers();
-    if (m_storers.empty())
-        return true;
-    for (;;) {
-        int wait = -1;
-        if (limited) {
-            wait = static_cast<int>((deadline - zo::CTime::now()).toMicros() / 1000);
-            if (wait < 0)
-                return false;
-        }
-        if (!m_storers.begin()->second->waitFinished(wait))
-            return false;
-        handleFinishedStorers();
-        if (m_storers.empty())
-            return true;
-    }
+    return !m_storeQueue || m_storeQueue->waitForAll(timeoutMillis);
 }
 
 const zo::TList<CBrick::Error>& CBrick::getBackgroundErrorList()
 {
-    handleFinishedStorers();
+    if (m_storeQueue) {
+        const std::vector<Error> failures = m_storeQueue->getFailures();
+        m_backgroundErrors.assign(failures.begin(), failures.end());
+    }
     return m_backgroundErrors;
 }
 
 int CBrick::getBackgroundSavesInProgress()
 {
-    handleFinishedStorers();
-    return static_cast<int>(m_storers.size());
+    return m_storeQueue ? m_storeQueue->getStoresInFlight() : 0;
 }
 
 bool CBrick::haveBackgroundErrors()
 {
-    handleFinishedStorers();
-    return !m_backgroundErrors.empty();
+    return m_storeQueue && m_storeQueue->hasFailures();
 }
 
 } // namespace brick

@@ -445,7 +445,10 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
     }
     followParentLinks();
 
-    m_currentBrick = newStandAloneBrickObjectWith(m_maxBackgroundOps);
+    if (access == IIOStream::AccessReadWrite)
+        m_storeQueue = P<CBrickStoreQueue>(new CBrickStoreQueue(fs, diskFolder, m_childDiskFolder, m_parentDiskFolders,
+                                                                m_header, m_cipherKey, m_maxBackgroundOps));
+    m_currentBrick = newStandAloneBrickObject();
 }
 
 void CBrickDisk::followParentLinks()
@@ -511,13 +514,8 @@ P<CBrickDataPreparer> CBrickDisk::createDataPreparer() const
 
 P<CBrick> CBrickDisk::newStandAloneBrickObject() const
 {
-    return newStandAloneBrickObjectWith(1);
-}
-
-P<CBrick> CBrickDisk::newStandAloneBrickObjectWith(int maxBackgroundOps) const
-{
-    return P<CBrick>(new CBrick(m_fs.get(), m_diskFolder, m_childDiskFolder, m_parentDiskFolders, m_header,
-                                m_cipherKey, maxBackgroundOps));
+    return P<CBrick>(new CBrick(m_fs.get(), m_diskFolder, m_parentDiskFolders, m_header, m_cipherKey,
+                                m_storeQueue.get()));
 }
 
 CURI CBrickDisk::loadLink(IFileSystem* fs, const CURI& diskFolder, const String& linkFileName)

@@ -20,6 +20,7 @@
 #include "brick/BrickDiskStreamWithCache.h"
 #include "brick/BrickDiskStreamWithParallelReadAhead.h"
 #include "brick/BrickFileChecker.h"
+#include "brick/BrickStoreQueue.h"
 #include "brick/BrickStorer.h"
 #include "brick/BrickTree.h"
 #include "brick/ChainCopier.h"
