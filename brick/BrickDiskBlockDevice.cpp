@@ -299,7 +299,7 @@ void CBrickDiskBlockDevice::releaseBrick(const std::shared_ptr<CachedBrick>& bri
 }
 
 // Evicts as many bricks as the cache holds too many now. A brick whose store
-// fails comes back into the cache (see retireStore), possibly while this
+// fails comes back into the cache (see keepUnstoredBytes), possibly while this
 // runs; it waits for the next call, so that a file system that fails every
 // store cannot keep this loop going.
 void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>& lock)
