@@ -93,7 +93,8 @@ public:
     void backgroundSaveChanges();
     // Waits until fewer than maxBackgroundOps saves run (-1: no limit); true then.
     bool waitForFreeBackgroundOpSlot(int timeoutMillis);
-    // Waits until no save of the queue runs (-1: no limit); true then.
+    // Waits until every save handed to the queue before the call has ended
+    // (-1: no limit); true then.
     bool waitUntilBackgroundSavesDone(int timeoutMillis);
     // The failed saves of the queue so far, oldest first. The list is this
     // object's copy, valid until the next call.
