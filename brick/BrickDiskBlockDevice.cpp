@@ -616,33 +616,47 @@ void CBrickDiskBlockDevice::flush()
 
 void CBrickDiskBlockDevice::flushLocked()
 {
-    std::vector<std::pair<int64, BrickData>> handOvers;
-    std::vector<std::shared_ptr<CachedBrick>> handedOver;
+    // Bricks that changed, and bricks that another thread hands over right
+    // now: their stores must be in the queue before it is waited for. A
+    // brick handed over elsewhere is waited for, holding no hand-over of
+    // this thread, and stored here when it changed meanwhile.
+    std::vector<int64> pending;
     {
-        std::unique_lock lock(m_mutex);
-        std::vector<int64> dirty;
+        std::lock_guard lock(m_mutex);
         for (const auto& [index, brick] : m_cache) {
-            if (!brick->loading && brick->dirty)
-                dirty.push_back(index);
+            if (!brick->loading && (brick->dirty || brick->handingOver))
+                pending.push_back(index);
         }
-        for (const int64 index : dirty) {
-            // A brick that an eviction hands over right now follows it.
+    }
+    while (!pending.empty()) {
+        std::vector<int64> elsewhere;
+        std::vector<std::pair<int64, BrickData>> handOvers;
+        std::vector<std::shared_ptr<CachedBrick>> handedOver;
+        {
+            std::lock_guard lock(m_mutex);
+            for (const int64 index : pending) {
+                const auto cached = m_cache.find(index);
+                if (cached == m_cache.end() || cached->second->loading)
+                    continue;
+                if (cached->second->handingOver) {
+                    elsewhere.push_back(index);
+                } else if (cached->second->dirty) {
+                    handOvers.emplace_back(index, beginHandOver(*cached->second));
+                    handedOver.push_back(cached->second);
+                }
+            }
+        }
+        handOverInParallel(handOvers);
+        std::unique_lock lock(m_mutex);
+        for (const std::shared_ptr<CachedBrick>& brick : handedOver)
+            endHandOver(*brick);
+        for (const int64 index : elsewhere) {
             m_changed.wait(lock, [&] {
                 const auto cached = m_cache.find(index);
                 return cached == m_cache.end() || !cached->second->handingOver;
             });
-            const auto cached = m_cache.find(index);
-            if (cached == m_cache.end() || cached->second->loading || !cached->second->dirty)
-                continue;
-            handOvers.emplace_back(index, beginHandOver(*cached->second));
-            handedOver.push_back(cached->second);
         }
-    }
-    handOverInParallel(handOvers);
-    {
-        std::lock_guard lock(m_mutex);
-        for (const std::shared_ptr<CachedBrick>& brick : handedOver)
-            endHandOver(*brick);
+        pending = std::move(elsewhere);
     }
     const P<CBrickStoreQueue> queue = storeQueue();
     if (queue)
