@@ -6,6 +6,7 @@
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
 #include "brick/BrickReader.h"
+#include "brick/BrickStoreQueue.h"
 #include "brick/BrickStorer.h"
 #include "zo/Export.h"
 
@@ -21,30 +22,32 @@
 
 namespace brick {
 
-// Used by one thread at a time; it has no lock. Saves run on the file
-// system's threads, and this object learns of their end only by polling.
+// Used by one thread at a time; it has no lock. Saves go to a store queue
+// (CBrickStoreQueue), which may be shared with other brick objects of the
+// same disk and with other writers: then the waits and the failures below
+// are those of every save of the queue.
 class BRICKDISK_EXPORT CBrick : public zo::CBase {
 public:
     // One failed background save.
-    struct Error {
-        int64 brickIndex;
-        P<CError> error;
-    };
+    using Error = CBrickStoreQueue::Failure;
 
-    // A brick object over the disk that `reader` reads (its folder, header
-    // and chain), which loads bricks through `reader` and holds a reference
-    // to it. A changed brick first copies its old file into `childFolder`
-    // when that is not empty. At most `maxBackgroundOps` saves run at once
-    // (values below 1 count as 1). Prepares the all-zero brick once; throws
-    // what the preparer throws.
-    CBrick(CBrickReader* reader, const CURI& childFolder, int maxBackgroundOps);
-    // The same over a reader of its own, for the disk in `diskFolder` whose
-    // ancestors' folders are `parentFolders`, nearest first.
+    // A brick object over the disk in `diskFolder`, with a brick reader and
+    // a store queue of its own. Bricks are searched in `diskFolder`, then in
+    // `parentFolders` in order. A changed brick first copies its old file
+    // into `childFolder` when that is not empty. At most `maxBackgroundOps`
+    // saves run at once (values below 1 count as 1). Throws what the
+    // preparer throws.
     CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
            const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps);
+    // A brick object that loads through `reader` and saves through
+    // `storeQueue`, both over the same disk (the disk's own, shared with its
+    // other brick objects and writers); it holds a reference to each. A null
+    // `storeQueue`: the object only reads, and saving a change throws.
+    CBrick(CBrickReader* reader, CBrickStoreQueue* storeQueue);
+    // A copy shares the store queue.
     CBrick(const CBrick&) = default;
     CBrick& operator=(const CBrick&) = default;
-    // Saves a changed brick and waits for every save; never throws.
+    // Saves a changed brick and waits for every save of its queue; never throws.
     ~CBrick() override;
 
     // Makes `brickIndex` current, at `positionInBrick`. Leaving a changed
@@ -68,9 +71,10 @@ public:
     // Stores already prepared data (null: an all-zero brick, whose file is
     // deleted, or stored when a parent folder could show through) as the
     // current brick, replacing what memory held; `prepared` is a counted buffer that
-    // the storer keeps a reference to. `listener` (may be null) hears the end
+    // the queue keeps a reference to. `listener` (may be null) hears the end
     // of the save. Waits for an earlier save of the same brick and for a free
-    // slot first. Returns the storer; throws when it cannot be started.
+    // slot first (CBrickStoreQueue::store). Returns the storer; throws when
+    // it cannot be started (the failure is also recorded).
     P<CBrickStorer> writePreparedBrick(const TBuffer<uint8>* prepared, IDoneListener* listener);
     // True when storing `plain` as the current brick would change nothing:
     // this disk's own folder holds the brick's file with exactly these bytes,
@@ -91,36 +95,34 @@ public:
     void backgroundSaveChanges();
     // Waits until fewer than maxBackgroundOps saves run (-1: no limit); true then.
     bool waitForFreeBackgroundOpSlot(int timeoutMillis);
-    // Waits until no save runs (-1: no limit); true then.
+    // Waits until every save handed to the queue before the call has ended
+    // (-1: no limit); true then.
     bool waitUntilBackgroundSavesDone(int timeoutMillis);
-    // The failed saves so far, oldest first.
+    // The failed saves of the queue so far, oldest first. The list is this
+    // object's copy, valid until the next call.
     const zo::TList<Error>& getBackgroundErrorList();
     int getBackgroundSavesInProgress();
     bool haveBackgroundErrors();
+    // The queue that saves this object's bricks; null when it only reads.
+    CBrickStoreQueue* getStoreQueue() const { return m_storeQueue.get(); }
 
 protected:
     void loadBrickPayload();
-    P<CBrickStorer> writePreparedBrickImpl(const TBuffer<uint8>* prepared, IDoneListener* listener);
-    void handleFinishedStorers();
 
 private:
-    bool loadFromStorer();
+    // The store queue; throws when the object only reads.
+    CBrickStoreQueue& storeQueue() const;
+    // Loads the current brick from a save of it that has not ended (or that
+    // failed and was not saved again); false when there is none.
+    bool loadFromStoreQueue();
     // Loads the brick from the nearest disk of the chain that holds its
     // file (CBrickReader::read); false when none does.
     bool loadFromSearchFolders();
-    void copyParentBrickIntoChild(const CURI& relativeURI);
     void fillPayloadWithZeros();
-    // Makes the prepared zero brick the one of the current brick index, for
-    // disks whose bricks are bound to their index.
-    void prepareZeroBrickForCurrentIndex();
 
     P<CBrickReader> m_reader;
     P<IFileSystem> m_fs;
     CURI m_diskFolder;
-    CURI m_childFolder;
-    // This disk's folder, then its parents' folders, nearest first: the
-    // reader's chain.
-    std::vector<CURI> m_searchFolders;
     CBrickDiskHeader m_header;
     int64 m_maxPreparedSize;
     int64 m_brickIndex = 0;
@@ -130,13 +132,8 @@ private:
     P<CBrickDataPreparer> m_preparer;
     P<zo::CMemPool> m_bufferPool;
     TBuffer<uint8> m_payload;
-    P<zo::CMemPoolBuffer> m_preparedZeroBrick;
-    // The brick index that the prepared zero brick is bound to (when the
-    // disk's bricks are bound to their index).
-    int64 m_zeroBrickIndex = 0;
     int64 m_positionInBrick = 0;
-    int m_maxBackgroundOps;
-    zo::TMap<int64, P<CBrickStorer>> m_storers;
+    P<CBrickStoreQueue> m_storeQueue;
     zo::TList<Error> m_backgroundErrors;
 };
 

@@ -451,7 +451,10 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
     std::vector<CURI> chainFolders{m_diskFolder};
     chainFolders.insert(chainFolders.end(), m_parentDiskFolders.begin(), m_parentDiskFolders.end());
     m_brickReader = P<CBrickReader>(new CBrickReader(fs, chainFolders, m_header, m_cipherKey));
-    m_currentBrick = newStandAloneBrickObjectWith(m_maxBackgroundOps);
+    if (access == IIOStream::AccessReadWrite)
+        m_storeQueue = P<CBrickStoreQueue>(new CBrickStoreQueue(fs, diskFolder, m_childDiskFolder, m_parentDiskFolders,
+                                                                m_header, m_cipherKey, m_maxBackgroundOps));
+    m_currentBrick = newStandAloneBrickObject();
 }
 
 void CBrickDisk::followParentLinks()
@@ -502,12 +505,7 @@ P<CBrickDataPreparer> CBrickDisk::createDataPreparer() const
 
 P<CBrick> CBrickDisk::newStandAloneBrickObject() const
 {
-    return newStandAloneBrickObjectWith(1);
-}
-
-P<CBrick> CBrickDisk::newStandAloneBrickObjectWith(int maxBackgroundOps) const
-{
-    return P<CBrick>(new CBrick(m_brickReader.get(), m_childDiskFolder, maxBackgroundOps));
+    return P<CBrick>(new CBrick(m_brickReader.get(), m_storeQueue.get()));
 }
 
 CURI CBrickDisk::loadLink(IFileSystem* fs, const CURI& diskFolder, const String& linkFileName)

@@ -281,12 +281,15 @@ public:
     // A new preparer for this disk's bricks (for threads that prepare or
     // decode bricks themselves; each thread needs its own).
     P<CBrickDataPreparer> createDataPreparer() const;
-    // A new brick object over this disk, independent of the disk's own, with
-    // one background save at a time (for threads that read bricks themselves).
+    // A new brick object over this disk, independent of the disk's own
+    // position, saving through the disk's store queue (for threads that read
+    // bricks themselves: they see the saves in flight). Any thread.
     P<CBrick> newStandAloneBrickObject() const;
-    // The same with up to `maxBackgroundOps` saves at once (values below 1
-    // count as 1), for threads that store many bricks one after another.
-    P<CBrick> newStandAloneBrickObjectWith(int maxBackgroundOps) const;
+    // The queue of every background save of this disk, shared by its brick
+    // objects (at most `maxBackgroundOps` saves at once); null when the disk
+    // was opened for reading only. Threads that store bricks themselves
+    // hand them to it.
+    CBrickStoreQueue* getStoreQueue() const { return m_storeQueue.get(); }
 
     // Starts saving the current brick if it changed, waits, without a time
     // limit, until no background save runs, and then syncs the file
@@ -377,6 +380,7 @@ private:
     int64 m_position = 0;
     int64 m_lastBrickIndex = -1;
     P<CBrickReader> m_brickReader;
+    P<CBrickStoreQueue> m_storeQueue;
     P<CBrick> m_currentBrick;
     int m_maxBackgroundOps;
     bool m_allowWritingWithParentDisk = false;

@@ -27,35 +27,36 @@ struct CBrickDiskBlockDevice::CachedBrick {
     // tells nothing about what the disk holds.
     bool bytesKnown = true;
     bool loading = false;
+    // A thread prepares `data` and hands it to the store queue: the brick
+    // stays in the cache (reads find it there) and is not handed over again
+    // until then, so that stores of a brick start in the order of its bytes.
+    bool handingOver = false;
     bool dirty = false;
     int users = 0;
     std::list<int64>::iterator recency;
     std::shared_mutex bytes;
 };
 
-// The bytes of a brick that is on its way to the file system. They answer
-// reads of the brick until the store has ended, because the store moves and
-// replaces files that a load would otherwise read half-way.
-struct CBrickDiskBlockDevice::PendingStore {
-    int64 index = 0;
-    BrickData data;
-    // The earlier store of the same brick that has to end first, if any.
-    std::shared_ptr<PendingStore> previous;
-    // Set, under the device's mutex, once the store was started or failed to.
-    bool started = false;
-    P<CBrickStorer> storer;
-    // Why the store could not be started, if it could not.
-    P<zo::CError> startFailure;
-    // Set, under the device's mutex, once the store has ended and its outcome
-    // was taken; its buffers are let go then.
-    bool retired = false;
-};
+// Hears the end of one brick's store; a failure puts the brick's bytes back
+// into the cache (keepUnstoredBytes). The device waits for every store
+// before it goes, so the raw pointer stays valid.
+class CBrickDiskBlockDevice::CStoreListener : public zo::CBase, public zo::IDoneListener {
+public:
+    CStoreListener(CBrickDiskBlockDevice* device, int64 index, BrickData data)
+        : m_device(device), m_index(index), m_data(std::move(data))
+    {
+    }
+    void onDone(const zo::CError* error) override
+    {
+        if (error)
+            m_device->keepUnstoredBytes(m_index, m_data, true);
+        m_data.reset();
+    }
 
-// A brick object and a preparer of the current disk, lent to one thread at a
-// time for storing.
-struct CBrickDiskBlockDevice::StoreWorker {
-    P<CBrick> brick;
-    P<CBrickDataPreparer> preparer;
+private:
+    CBrickDiskBlockDevice* m_device;
+    int64 m_index;
+    BrickData m_data;
 };
 
 namespace {
@@ -84,9 +85,6 @@ constexpr int kContinuationsBeforeReadAhead = 2;
 // Bricks waiting for a read-ahead thread, at most; the oldest give way,
 // as the reader has most likely passed them.
 constexpr size_t kMaxQueuedReadAhead = 2 * kReadAheadBricks;
-// Stores that one store worker keeps in flight: a store mostly waits for
-// the file system, so each worker goes on preparing the next brick meanwhile.
-constexpr int kStoresInFlightPerWorker = 4;
 
 int readAheadThreadCount()
 {
@@ -124,6 +122,9 @@ CBrickDiskBlockDevice::~CBrickDiskBlockDevice()
     } catch (const std::exception& e) {
         zo::onExceptionInDestructorIgnored("brick::CBrickDiskBlockDevice", e, true);
     }
+    // The stores' listeners point at the device.
+    if (const P<CBrickStoreQueue> queue = storeQueue())
+        queue->waitForAll(-1);
 }
 
 P<CBrickDisk> CBrickDiskBlockDevice::getDisk()
@@ -252,13 +253,7 @@ std::shared_ptr<CBrickDiskBlockDevice::CachedBrick> CBrickDiskBlockDevice::acqui
         brick->bytesKnown = false;
         return brick;
     }
-    const auto pending = m_pendingStores.find(index);
-    if (pending != m_pendingStores.end()) {
-        // Nobody else can reach the new entry before the mutex is let go.
-        brick->data = pending->second->data;
-        brick->sharedWithStore = true;
-        return brick;
-    }
+    // A brick whose store is in flight loads from the store queue's bytes.
     loadIntoCache(brick, lock);
     return brick;
 }
@@ -303,7 +298,7 @@ void CBrickDiskBlockDevice::releaseBrick(const std::shared_ptr<CachedBrick>& bri
 }
 
 // Evicts as many bricks as the cache holds too many now. A brick whose store
-// fails comes back into the cache (see retireStore), possibly while this
+// fails comes back into the cache (see keepUnstoredBytes), possibly while this
 // runs; it waits for the next call, so that a file system that fails every
 // store cannot keep this loop going.
 void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>& lock)
@@ -315,7 +310,7 @@ void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>&
         for (auto it = m_recency.end(); it != m_recency.begin();) {
             --it;
             const CachedBrick& candidate = *m_cache.at(*it);
-            if (candidate.users == 0 && !candidate.loading) {
+            if (candidate.users == 0 && !candidate.loading && !candidate.handingOver) {
                 victim = it;
                 break;
             }
@@ -323,10 +318,19 @@ void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>&
         if (victim == m_recency.end())
             return;
         const std::shared_ptr<CachedBrick> brick = m_cache.at(*victim);
-        m_recency.erase(victim);
+        if (brick->dirty) {
+            // The brick leaves the cache once it is handed over, unless it
+            // was used or changed meanwhile.
+            const BrickData data = beginHandOver(*brick);
+            lock.unlock();
+            handOver(brick->index, data);
+            lock.lock();
+            endHandOver(*brick);
+            if (brick->users != 0 || brick->dirty)
+                continue;
+        }
+        m_recency.erase(brick->recency);
         m_cache.erase(brick->index);
-        if (brick->dirty)
-            storeInBackground(brick->index, brick->data, lock);
     }
 }
 
@@ -407,7 +411,7 @@ void CBrickDiskBlockDevice::noteReadForReadAhead(int64 first, int64 last)
         return;
     const int64 stop = std::min(m_brickCount, run.end + m_readAheadBricks);
     for (int64 index = run.end; index < stop; ++index) {
-        if (m_cache.count(index) != 0 || m_pendingStores.count(index) != 0 ||
+        if (m_cache.count(index) != 0 || inStoreQueue(index) ||
             std::find(m_readAheadQueue.begin(), m_readAheadQueue.end(), index) != m_readAheadQueue.end())
             continue;
         m_readAheadQueue.push_back(index);
@@ -439,7 +443,7 @@ void CBrickDiskBlockDevice::readAheadOne(int64 index)
     // who waits for the brick holds up whoever waits for the gate.
     std::shared_lock gate(m_gate);
     std::unique_lock lock(m_mutex);
-    if (m_stopping || m_cache.count(index) != 0 || m_pendingStores.count(index) != 0)
+    if (m_stopping || m_cache.count(index) != 0 || inStoreQueue(index))
         return;
     try {
         loadIntoCache(addToCache(index), lock);
@@ -466,154 +470,124 @@ void CBrickDiskBlockDevice::stopReadAhead()
 
 // ---- Storing ------------------------------------------------------------------------
 
-void CBrickDiskBlockDevice::storeInBackground(int64 index, BrickData data, std::unique_lock<std::mutex>& lock)
+P<CBrickStoreQueue> CBrickDiskBlockDevice::storeQueue()
 {
-    const std::shared_ptr<PendingStore> store = addPendingStore(index, std::move(data));
-    lock.unlock();
-    startStore(store);
-    lock.lock();
-}
-
-std::shared_ptr<CBrickDiskBlockDevice::PendingStore> CBrickDiskBlockDevice::addPendingStore(int64 index,
-                                                                                           BrickData data)
-{
-    auto store = std::make_shared<PendingStore>();
-    store->index = index;
-    store->data = std::move(data);
-    std::shared_ptr<PendingStore>& newest = m_pendingStores[index];
-    store->previous = newest;
-    newest = store;
-    m_allPendingStores.push_back(store);
-    return store;
-}
-
-// Prepares the brick on the calling thread and starts its store, unless the
-// disk already holds its bytes. A failure is kept with the brick: see
-// retireStore.
-void CBrickDiskBlockDevice::startStore(const std::shared_ptr<PendingStore>& store)
-{
-    StoreWorker worker = borrowStoreWorker();
-    P<CBrickStorer> storer;
-    P<zo::CError> failure;
-    try {
-        P<zo::TBuffer<uint8>> prepared;
-        if (!isAllZero(*store->data)) {
-            prepared = m_preparedBuffers->checkOutItem();
-            worker.preparer->prepareData(*store->data, *prepared, store->index);
-        }
-        waitForEarlierStore(*store);
-        worker.brick->seek(store->index, 0);
-        if (!worker.brick->storedFileHolds(*store->data, prepared.get()))
-            storer = worker.brick->writePreparedBrick(prepared.get(), nullptr);
-    } catch (const zo::CError& e) {
-        zo::logError(e, "Error initiating background brick storing operation.", zo::String::getEmptyString());
-        failure = e.clone();
-    } catch (const std::exception& e) {
-        failure = zo::CStdExceptionError::exceptionToError(&e);
-    }
     std::lock_guard lock(m_mutex);
-    m_idleStoreWorkers.push_back(std::move(worker));
-    store->previous.reset();
-    store->storer = storer;
-    store->startFailure = failure;
-    store->started = true;
-    forgetEndedStores();
+    return m_disk->getStoreQueue();
+}
+
+bool CBrickDiskBlockDevice::inStoreQueue(int64 index)
+{
+    CBrickStoreQueue* queue = m_disk->getStoreQueue();
+    return queue && queue->getStoreOf(index).has_value();
+}
+
+CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::beginHandOver(CachedBrick& brick)
+{
+    BrickData data;
+    {
+        // Waits for a write in progress; later writes copy the buffer.
+        std::unique_lock bytes(brick.bytes);
+        data = brick.data;
+        brick.sharedWithStore = true;
+    }
+    brick.dirty = false;
+    brick.handingOver = true;
+    return data;
+}
+
+void CBrickDiskBlockDevice::endHandOver(CachedBrick& brick)
+{
+    brick.handingOver = false;
     m_changed.notify_all();
 }
 
-// Stores of one brick never overlap, so that the later one lands last.
-void CBrickDiskBlockDevice::waitForEarlierStore(const PendingStore& store)
+// Prepares the brick on the calling thread and hands it to the store queue,
+// which stores nothing when the disk already holds its bytes. A failure is
+// kept with the brick: see keepUnstoredBytes.
+void CBrickDiskBlockDevice::handOver(int64 index, const BrickData& data)
 {
-    if (!store.previous)
+    const P<CBrickStoreQueue> queue = storeQueue();
+    P<zo::TBuffer<uint8>> prepared;
+    try {
+        if (!isAllZero(*data)) {
+            const P<CBrickDataPreparer> preparer = borrowPreparer();
+            prepared = m_preparedBuffers->checkOutItem();
+            preparer->prepareData(*data, *prepared, index);
+            returnPreparer(preparer);
+        }
+    } catch (const std::exception& e) {
+        queue->recordFailure(index, *zo::CStdExceptionError::exceptionToError(&e));
+        keepUnstoredBytes(index, data, false);
         return;
-    const PendingStore& previous = *store.previous;
-    P<CBrickStorer> storer;
+    }
+    const P<CStoreListener> listener(new CStoreListener(this, index, data));
+    P<CBrickReader> reader;
     {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [&previous] { return previous.started; });
-        storer = previous.storer;
+        std::lock_guard lock(m_mutex);
+        reader = m_disk->getBrickReader();
     }
-    if (storer)
-        storer->waitFinished(-1);
-}
-
-CBrickDiskBlockDevice::StoreWorker CBrickDiskBlockDevice::borrowStoreWorker()
-{
-    std::unique_lock lock(m_mutex);
-    if (!m_idleStoreWorkers.empty()) {
-        StoreWorker worker = m_idleStoreWorkers.back();
-        m_idleStoreWorkers.pop_back();
-        return worker;
+    const auto alreadyStored = [&] { return reader->holds(index, *data, prepared.get()); };
+    try {
+        queue->store(index, prepared.get(), listener.get(), alreadyStored);
+    } catch (const std::exception&) {
+        // Logged and recorded by the queue.
+        keepUnstoredBytes(index, data, false);
     }
-    const P<CBrickDisk> disk = m_disk;
-    lock.unlock();
-    return StoreWorker{disk->newStandAloneBrickObjectWith(kStoresInFlightPerWorker), disk->createDataPreparer()};
-}
-
-void CBrickDiskBlockDevice::forgetEndedStores()
-{
-    std::erase_if(m_allPendingStores, [this](const std::shared_ptr<PendingStore>& store) {
-        if (store->retired)
-            return true;
-        if (!store->started || (store->storer && !store->storer->waitFinished(0)))
-            return false;
-        retireStore(store);
-        return true;
-    });
 }
 
 // A store that failed leaves its brick dirty: nothing acknowledged is dropped.
 // Unless a later store of the brick is on its way, the bytes go back into the
 // cache as a changed brick, where reads find them and the next eviction or
-// flush stores them again; the brick counts as unstored until a store of it
-// succeeds.
-void CBrickDiskBlockDevice::retireStore(const std::shared_ptr<PendingStore>& store)
+// flush stores them again; the brick counts as unstored (in the store queue)
+// until a store of it succeeds.
+void CBrickDiskBlockDevice::keepUnstoredBytes(int64 index, const BrickData& data, bool unlessLaterStore)
 {
-    if (store->retired)
-        return;
-    store->retired = true;
-    P<zo::CError> failure = store->startFailure;
-    if (!failure && store->storer) {
-        if (const PC<zo::CError> error = store->storer->getError())
-            failure = error->clone();
+    std::lock_guard lock(m_mutex);
+    if (unlessLaterStore) {
+        const std::optional<CBrickStoreQueue::Store> store = m_disk->getStoreQueue()->getStoreOf(index);
+        if (store && !store->failed)
+            return;
     }
-    const auto newest = m_pendingStores.find(store->index);
-    const bool isNewest = newest != m_pendingStores.end() && newest->second == store;
-    if (isNewest)
-        m_pendingStores.erase(newest);
-    if (!failure) {
-        if (isNewest)
-            m_unstoredBricks.erase(store->index);
-    } else if (isNewest) {
-        m_unstoredBricks[store->index] = failure;
-        keepUnstoredBytes(*store);
-    }
-    // The brick's buffer and its prepared bytes (held by the storer) go back
-    // to their pools now, not when the last flush that waited for the store
-    // lets go of it.
-    store->data.reset();
-    store->storer.reset();
-}
-
-void CBrickDiskBlockDevice::keepUnstoredBytes(const PendingStore& store)
-{
-    const auto cached = m_cache.find(store.index);
+    const auto cached = m_cache.find(index);
     if (cached != m_cache.end()) {
         // The cache holds these bytes, or newer ones written since.
         cached->second->dirty = true;
         return;
     }
-    const std::shared_ptr<CachedBrick> brick = addToCache(store.index);
-    brick->data = store.data;
+    const std::shared_ptr<CachedBrick> brick = addToCache(index);
+    brick->data = data;
+    brick->sharedWithStore = true;
     brick->dirty = true;
+    m_changed.notify_all();
+}
+
+P<CBrickDataPreparer> CBrickDiskBlockDevice::borrowPreparer()
+{
+    std::unique_lock lock(m_mutex);
+    if (!m_idlePreparers.empty()) {
+        P<CBrickDataPreparer> preparer = m_idlePreparers.back();
+        m_idlePreparers.pop_back();
+        return preparer;
+    }
+    const P<CBrickDisk> disk = m_disk;
+    lock.unlock();
+    return disk->createDataPreparer();
+}
+
+void CBrickDiskBlockDevice::returnPreparer(P<CBrickDataPreparer> preparer)
+{
+    std::lock_guard lock(m_mutex);
+    m_idlePreparers.push_back(std::move(preparer));
 }
 
 std::vector<int64> CBrickDiskBlockDevice::getUnstoredBricks()
 {
-    std::lock_guard lock(m_mutex);
     std::vector<int64> indexes;
-    for (const auto& [index, error] : m_unstoredBricks)
-        indexes.push_back(index);
+    if (const P<CBrickStoreQueue> queue = storeQueue()) {
+        for (const CBrickStoreQueue::Failure& failure : queue->getUnstoredBricks())
+            indexes.push_back(failure.brickIndex);
+    }
     return indexes;
 }
 
@@ -625,38 +599,51 @@ void CBrickDiskBlockDevice::flush()
 
 void CBrickDiskBlockDevice::flushLocked()
 {
-    std::vector<std::shared_ptr<PendingStore>> stores;
-    std::vector<std::shared_ptr<PendingStore>> waitFor;
+    // Bricks that changed, and bricks that another thread hands over right
+    // now: their stores must be in the queue before it is waited for. A
+    // brick handed over elsewhere is waited for, holding no hand-over of
+    // this thread, and stored here when it changed meanwhile.
+    std::vector<int64> pending;
     {
         std::lock_guard lock(m_mutex);
         for (const auto& [index, brick] : m_cache) {
-            if (brick->loading || !brick->dirty)
-                continue;
-            BrickData shared;
-            {
-                // Waits for a write in progress; later writes copy the buffer.
-                std::unique_lock bytes(brick->bytes);
-                shared = brick->data;
-                brick->sharedWithStore = true;
-            }
-            brick->dirty = false;
-            stores.push_back(addPendingStore(index, shared));
+            if (!brick->loading && (brick->dirty || brick->handingOver))
+                pending.push_back(index);
         }
-        waitFor = m_allPendingStores;
     }
-    startStoresInParallel(stores);
-    for (const std::shared_ptr<PendingStore>& store : waitFor) {
-        P<CBrickStorer> storer;
+    while (!pending.empty()) {
+        std::vector<int64> elsewhere;
+        std::vector<std::pair<int64, BrickData>> handOvers;
+        std::vector<std::shared_ptr<CachedBrick>> handedOver;
         {
-            std::unique_lock lock(m_mutex);
-            m_changed.wait(lock, [&store] { return store->started; });
-            storer = store->storer;
+            std::lock_guard lock(m_mutex);
+            for (const int64 index : pending) {
+                const auto cached = m_cache.find(index);
+                if (cached == m_cache.end() || cached->second->loading)
+                    continue;
+                if (cached->second->handingOver) {
+                    elsewhere.push_back(index);
+                } else if (cached->second->dirty) {
+                    handOvers.emplace_back(index, beginHandOver(*cached->second));
+                    handedOver.push_back(cached->second);
+                }
+            }
         }
-        if (storer)
-            storer->waitFinished(-1);
-        std::lock_guard lock(m_mutex);
-        retireStore(store);
+        handOverInParallel(handOvers);
+        std::unique_lock lock(m_mutex);
+        for (const std::shared_ptr<CachedBrick>& brick : handedOver)
+            endHandOver(*brick);
+        for (const int64 index : elsewhere) {
+            m_changed.wait(lock, [&] {
+                const auto cached = m_cache.find(index);
+                return cached == m_cache.end() || !cached->second->handingOver;
+            });
+        }
+        pending = std::move(elsewhere);
     }
+    const P<CBrickStoreQueue> queue = storeQueue();
+    if (queue)
+        queue->waitForAll(-1);
     // The stored files' names become durable with the batch (CBrickStorer).
     P<CBrickDisk> disk;
     {
@@ -665,29 +652,28 @@ void CBrickDiskBlockDevice::flushLocked()
     }
     disk->getFileSystem()->syncBatch();
 
-    std::lock_guard lock(m_mutex);
-    forgetEndedStores();
-    if (m_unstoredBricks.empty())
+    const std::vector<CBrickStoreQueue::Failure> unstored =
+        queue ? queue->getUnstoredBricks() : std::vector<CBrickStoreQueue::Failure>();
+    if (unstored.empty())
         return;
-    const auto& [firstIndex, firstError] = *m_unstoredBricks.begin();
     throw zo::CError("Storing changed bricks failed.", zo::String(), -1,
                      CProps()
-                         .add("diskFolder", m_disk->getDiskFolder().toString(true))
-                         .add("unstoredBricks", static_cast<int64>(m_unstoredBricks.size()))
-                         .add("brickIndex", firstIndex),
-                     firstError.get());
+                         .add("diskFolder", disk->getDiskFolder().toString(true))
+                         .add("unstoredBricks", static_cast<int64>(unstored.size()))
+                         .add("brickIndex", unstored.front().brickIndex),
+                     unstored.front().error.get());
 }
 
 // Preparing a brick (compressing, encrypting) is the costly part of a store,
 // so a flush of many bricks prepares them on one thread per processor.
-void CBrickDiskBlockDevice::startStoresInParallel(const std::vector<std::shared_ptr<PendingStore>>& stores)
+void CBrickDiskBlockDevice::handOverInParallel(const std::vector<std::pair<int64, BrickData>>& bricks)
 {
     const size_t threadCount =
-        std::min<size_t>(stores.size(), std::max(1u, std::thread::hardware_concurrency()));
+        std::min<size_t>(bricks.size(), std::max(1u, std::thread::hardware_concurrency()));
     std::atomic<size_t> next{0};
     const auto work = [&] {
-        for (size_t i = next++; i < stores.size(); i = next++)
-            startStore(stores[i]);
+        for (size_t i = next++; i < bricks.size(); i = next++)
+            handOver(bricks[i].first, bricks[i].second);
     };
     std::vector<std::thread> threads;
     for (size_t t = 1; t < threadCount; ++t)
@@ -730,15 +716,18 @@ CBrickDiskBlockDevice::ExtentKind CBrickDiskBlockDevice::kindOfBrick(int64 index
             const CachedBrick& brick = *cached->second;
             if (brick.loading)
                 return ExtentKind::Data;
-            // A clean brick reads as it is stored, so the files tell.
-            if (brick.dirty) {
+            // A clean brick reads as it is stored, so the files tell; one
+            // being handed over may not be in the store queue yet.
+            if (brick.dirty || brick.handingOver) {
                 std::shared_lock bytes(cached->second->bytes);
                 return isAllZero(*brick.data) ? ExtentKind::Zero : ExtentKind::Data;
             }
         }
-        const auto pending = m_pendingStores.find(index);
-        if (pending != m_pendingStores.end())
-            return isAllZero(*pending->second->data) ? ExtentKind::Zero : ExtentKind::Data;
+        if (CBrickStoreQueue* queue = m_disk->getStoreQueue()) {
+            const std::optional<CBrickStoreQueue::Store> store = queue->getStoreOf(index);
+            if (store)
+                return store->allZero ? ExtentKind::Zero : ExtentKind::Data;
+        }
         disk = m_disk;
     }
     return disk->getBrickReader()->locate(index).isHole() ? ExtentKind::Hole : ExtentKind::Data;
@@ -761,7 +750,7 @@ void CBrickDiskBlockDevice::pauseAndReplaceDisk(const std::function<P<CBrickDisk
     std::lock_guard lock(m_mutex);
     // The store workers know the old disk's child and parents; new ones are
     // made from the replacement on demand.
-    m_idleStoreWorkers.clear();
+    m_idlePreparers.clear();
     m_disk = replacement;
 }
 

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace brick {
@@ -118,8 +119,7 @@ public:
 
 private:
     struct CachedBrick;
-    struct PendingStore;
-    struct StoreWorker;
+    class CStoreListener;
     // A run of reads: the brick after its furthest read, and how many reads
     // continued it.
     struct ReadRun {
@@ -160,19 +160,27 @@ private:
     void readAheadOne(int64 index);
     void stopReadAhead();
 
-    // A brick object of the current disk, lent to one thread at a time.
-    StoreWorker borrowStoreWorker();
+    // Preparers of the current disk, each lent to one thread at a time.
+    P<CBrickDataPreparer> borrowPreparer();
+    void returnPreparer(P<CBrickDataPreparer> preparer);
+    // The current disk's store queue; null when the device is read-only.
+    P<CBrickStoreQueue> storeQueue();
+    // Called with the mutex held: whether the store queue has bytes of `index`.
+    bool inStoreQueue(int64 index);
 
-    // Called with the mutex held.
-    std::shared_ptr<PendingStore> addPendingStore(int64 index, BrickData data);
-    void storeInBackground(int64 index, BrickData data, std::unique_lock<std::mutex>& lock);
-    void forgetEndedStores();
-    void retireStore(const std::shared_ptr<PendingStore>& store);
-    void keepUnstoredBytes(const PendingStore& store);
-    // Called without the mutex.
-    void startStore(const std::shared_ptr<PendingStore>& store);
-    void startStoresInParallel(const std::vector<std::shared_ptr<PendingStore>>& stores);
-    void waitForEarlierStore(const PendingStore& store);
+    // Called with the mutex held: marks a changed brick as handed over to
+    // the store queue and returns the bytes to hand over.
+    BrickData beginHandOver(CachedBrick& brick);
+    // Called without the mutex: prepares `data` and hands it to the store
+    // queue as brick `index`, unless the disk already holds those bytes.
+    void handOver(int64 index, const BrickData& data);
+    void handOverInParallel(const std::vector<std::pair<int64, BrickData>>& bricks);
+    // Called with the mutex held, after handOver.
+    void endHandOver(CachedBrick& brick);
+    // A store of brick `index` failed or could not start: `data` goes back
+    // into the cache as a changed brick, with `unlessLaterStore` only when
+    // no later store of the brick is on its way. Takes the mutex.
+    void keepUnstoredBytes(int64 index, const BrickData& data, bool unlessLaterStore);
     // Called with the gate held.
     void flushLocked();
 
@@ -195,16 +203,10 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     P<CBrickDisk> m_disk;
-    std::vector<StoreWorker> m_idleStoreWorkers;
+    std::vector<P<CBrickDataPreparer>> m_idlePreparers;
     std::map<int64, std::shared_ptr<CachedBrick>> m_cache;
     // Least recently used last.
     std::list<int64> m_recency;
-    // The newest store of each brick whose store has not been seen to end.
-    std::map<int64, std::shared_ptr<PendingStore>> m_pendingStores;
-    std::vector<std::shared_ptr<PendingStore>> m_allPendingStores;
-    // Bricks whose latest store failed, with the failure; their bytes are in
-    // the cache or in a store on its way.
-    std::map<int64, P<zo::CError>> m_unstoredBricks;
 
     // Recent runs of reads, most recently continued first.
     std::list<ReadRun> m_readRuns;

@@ -124,6 +124,37 @@ void CBrickReader::decode(int64 brickIndex, const TBuffer<uint8>& fileBytes, TBu
     preparer->unprepareData(fileBytes, dst, brickIndex);
 }
 
+bool CBrickReader::holds(int64 brickIndex, const TBuffer<uint8>& plain, const TBuffer<uint8>* prepared) const
+{
+    const CURI file = getDiskFolder() << CBrickTree::getRelativeBrickURI(m_header, brickIndex);
+    try {
+        if (!prepared)
+            return m_folders.size() == 1 && !m_fs->pathExists(file);
+        const CPreparerLoan preparer(*this);
+        if (preparer->hasPlainDigest()) {
+            const int headSize = preparer->getPlainDigestEnd();
+            if (prepared->getUsed() < headSize)
+                return false;
+            const P<zo::IIOStream> stream = m_fs->openStream(file, zo::IIOStream::AccessRead, 0);
+            TBuffer<uint8> head;
+            head.setUsed(headSize);
+            if (stream->readLax(head.getData(), headSize) != headSize ||
+                !preparer->haveSamePlainDigest(head.getData(), prepared->getData()))
+                return false;
+        }
+        const P<zo::CMemPoolBuffer> stored = readFile(0, brickIndex);
+        if (!stored)
+            return false;
+        TBuffer<uint8> storedPlain;
+        preparer->unprepareData(*stored, storedPlain, brickIndex);
+        return storedPlain.getUsed() == plain.getUsed() &&
+               std::memcmp(storedPlain.getData(), plain.getData(), static_cast<size_t>(plain.getUsed())) == 0;
+    } catch (const std::exception&) {
+        // Missing, unreadable or damaged: storing the brick is the answer.
+        return false;
+    }
+}
+
 P<zo::CMemPoolBuffer> CBrickReader::readFile(int depth, int64 brickIndex) const
 {
     if (depth < 0 || depth >= static_cast<int>(m_folders.size()))

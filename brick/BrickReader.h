@@ -101,6 +101,17 @@ public:
     // made with another key, and passes on cipher and compressor errors.
     void decode(zo::int64 brickIndex, const zo::TBuffer<zo::uint8>& fileBytes, zo::TBuffer<zo::uint8>& dst) const;
 
+    // True when storing `plain` as brick `brickIndex` of this disk would
+    // change nothing: the disk's own folder holds the brick's file with
+    // exactly these bytes, or, for an all-zero brick (`prepared` null) of a
+    // disk without parents, no file of it. `prepared` is `plain` as
+    // CBrickDataPreparer::prepareData made it for this brick. Reads the
+    // file's head and compares the digests of the plain bytes; only when
+    // they match (or the files carry no such digest) is the whole file read,
+    // checked and compared byte for byte. Never throws: a file that cannot
+    // be read or decoded counts as different, and the store goes ahead.
+    bool holds(zo::int64 brickIndex, const zo::TBuffer<zo::uint8>& plain,
+               const zo::TBuffer<zo::uint8>* prepared) const;
     // The bytes of the file of brick `brickIndex` in the disk at `depth` of
     // the chain (0 the disk itself); null when that disk holds no file of
     // it. Throws the file system's errors other than a missing file, and

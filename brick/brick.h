@@ -22,6 +22,7 @@
 #include "brick/BrickDiskStreamWithParallelReadAhead.h"
 #include "brick/BrickFileChecker.h"
 #include "brick/BrickReader.h"
+#include "brick/BrickStoreQueue.h"
 #include "brick/BrickStorer.h"
 #include "brick/BrickTree.h"
 #include "brick/ChainCopier.h"

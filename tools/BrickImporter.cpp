@@ -10,9 +10,8 @@
 namespace cli {
 
 CBrickImporter::CBrickImporter(brick::CBrickDisk& disk, int jobs)
-    : m_disk(disk), m_brickSize(static_cast<int>(disk.getBrickSize())),
-      m_diskSize(disk.getSize()),
-      m_hasParents(!disk.getParentDiskFolders().empty()), m_window(2 * std::max(1, jobs) + 2)
+    : m_brickSize(static_cast<int>(disk.getBrickSize())),
+      m_diskSize(disk.getSize()), m_storeQueue(disk.getStoreQueue()), m_window(2 * std::max(1, jobs) + 2)
 {
     for (int i = 0; i < std::max(1, jobs); ++i) {
         zo::P<brick::CBrickDataPreparer> preparer = disk.createDataPreparer();
@@ -120,9 +119,8 @@ void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, bri
         return;
     }
     task.outcome = Task::Store;
-    // An all-zero brick is deleted, unless a parent disk would then show
-    // its own version of the brick through.
-    if (task.zero && !m_hasParents)
+    // The store queue stores an all-zero brick as it must (CBrickStoreQueue).
+    if (task.zero)
         return;
     task.prepared = zo::P<zo::TBuffer<zo::uint8>>(new zo::TBuffer<zo::uint8>());
     preparer.prepareData(task.plain, *task.prepared, task.index);
@@ -145,8 +143,7 @@ void CBrickImporter::handOver(Task& task)
         ++m_counts.skipped;
         return;
     }
-    m_disk.seek(task.index * m_brickSize);
-    m_disk.writePreparedBrickData(task.prepared.get(), nullptr);
+    m_storeQueue->store(task.index, task.prepared.get(), nullptr);
     ++(task.zero ? m_counts.zero : m_counts.written);
     if (task.prepared)
         m_counts.storedBytes += task.prepared->getUsed();

@@ -2,8 +2,8 @@
 // brick. Worker threads compare each brick of the image with what the disk
 // holds there and prepare the bricks that changed, each thread with a
 // preparer and a brick object of its own; the calling thread reads the image
-// and hands the prepared bricks to the disk in index order, which stores them
-// in the background. Unchanged bricks are not written at all, so importing a
+// and hands the prepared bricks to the disk's store queue in index order,
+// which stores them in the background. Unchanged bricks are not written at all, so importing a
 // changed image writes only the changed bricks (and a disk with a linked child
 // moves only those old bricks into the child).
 #pragma once
@@ -68,7 +68,7 @@ private:
         int imageBytes = 0;
         Outcome outcome = Pending;
         bool zero = false;
-        // The brick file's bytes; null for an all-zero brick that is deleted.
+        // The brick file's bytes; null for an all-zero brick.
         zo::P<zo::TBuffer<zo::uint8>> prepared;
         std::exception_ptr error;
     };
@@ -79,10 +79,10 @@ private:
     std::unique_ptr<Task> waitForResult(zo::int64 index);
     void handOver(Task& task);
 
-    brick::CBrickDisk& m_disk;
     const int m_brickSize;
     const zo::int64 m_diskSize;
-    const bool m_hasParents;
+    // The disk's store queue, which the bricks are handed to.
+    const zo::P<brick::CBrickStoreQueue> m_storeQueue;
     const int m_window;
     Counts m_counts;
 
