@@ -452,8 +452,8 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
     chainFolders.insert(chainFolders.end(), m_parentDiskFolders.begin(), m_parentDiskFolders.end());
     m_brickReader = P<CBrickReader>(new CBrickReader(fs, chainFolders, m_header, m_cipherKey));
     if (access == IIOStream::AccessReadWrite)
-        m_storeQueue = P<CBrickStoreQueue>(new CBrickStoreQueue(fs, diskFolder, m_childDiskFolder, m_parentDiskFolders,
-                                                                m_header, m_cipherKey, m_maxBackgroundOps));
+        m_storeQueue =
+            P<CBrickStoreQueue>(new CBrickStoreQueue(m_brickReader.get(), m_childDiskFolder, m_maxBackgroundOps));
     m_currentBrick = newStandAloneBrickObject();
 }
 

@@ -337,13 +337,24 @@ void CBrickDiskBlockDevice::evictWhileOverCapacity(std::unique_lock<std::mutex>&
 CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::loadBrick(int64 index)
 {
     P<CBrickReader> reader;
+    P<CBrickStoreQueue> queue;
     {
         std::lock_guard lock(m_mutex);
         reader = m_disk->getBrickReader();
+        queue = m_disk->getStoreQueue();
     }
     BrickData data = newBrickData(false);
     try {
-        reader->read(index, *data);
+        // The newest bytes of a brick whose store has not ended (or failed)
+        // are in the store queue; the files hold older ones.
+        const std::optional<CBrickStoreQueue::Store> store =
+            queue ? queue->getStoreOf(index) : std::optional<CBrickStoreQueue::Store>();
+        if (store && store->prepared)
+            reader->decode(index, *store->prepared, *data);
+        else if (store)
+            data->setUsed(0);
+        else
+            reader->read(index, *data);
     } catch (const std::exception& e) {
         zo::logError(e,
                      "Error loading brick (diskFolder:" + reader->getDiskFolder().toString(true) +
@@ -601,13 +612,19 @@ void CBrickDiskBlockDevice::flushLocked()
 {
     // Bricks that changed, and bricks that another thread hands over right
     // now: their stores must be in the queue before it is waited for. A
-    // brick handed over elsewhere is waited for, holding no hand-over of
-    // this thread, and stored here when it changed meanwhile.
+    // brick handed over elsewhere, or loading (a failed store may have put
+    // its bytes back as changed meanwhile), is waited for, holding no
+    // hand-over of this thread, and stored here when it changed meanwhile.
+    // First the stores already under way: one that fails puts its brick
+    // back as changed, and this flush stores it again.
+    const P<CBrickStoreQueue> queue = storeQueue();
+    if (queue)
+        queue->waitForAll(-1);
     std::vector<int64> pending;
     {
         std::lock_guard lock(m_mutex);
         for (const auto& [index, brick] : m_cache) {
-            if (!brick->loading && (brick->dirty || brick->handingOver))
+            if (brick->dirty || brick->handingOver)
                 pending.push_back(index);
         }
     }
@@ -619,9 +636,9 @@ void CBrickDiskBlockDevice::flushLocked()
             std::lock_guard lock(m_mutex);
             for (const int64 index : pending) {
                 const auto cached = m_cache.find(index);
-                if (cached == m_cache.end() || cached->second->loading)
+                if (cached == m_cache.end())
                     continue;
-                if (cached->second->handingOver) {
+                if (cached->second->handingOver || cached->second->loading) {
                     elsewhere.push_back(index);
                 } else if (cached->second->dirty) {
                     handOvers.emplace_back(index, beginHandOver(*cached->second));
@@ -636,12 +653,11 @@ void CBrickDiskBlockDevice::flushLocked()
         for (const int64 index : elsewhere) {
             m_changed.wait(lock, [&] {
                 const auto cached = m_cache.find(index);
-                return cached == m_cache.end() || !cached->second->handingOver;
+                return cached == m_cache.end() || (!cached->second->handingOver && !cached->second->loading);
             });
         }
         pending = std::move(elsewhere);
     }
-    const P<CBrickStoreQueue> queue = storeQueue();
     if (queue)
         queue->waitForAll(-1);
     // The stored files' names become durable with the batch (CBrickStorer).

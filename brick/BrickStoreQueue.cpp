@@ -9,7 +9,6 @@
 
 namespace brick {
 
-using zo::CFileSystemError;
 using zo::String;
 
 // One store handed over: its bytes, and the listener of the storer, which
@@ -41,12 +40,29 @@ public:
     uint64_t number = 0;
 };
 
+namespace {
+
+std::vector<CURI> chainOf(const CURI& diskFolder, const zo::TList<CURI>& parentFolders)
+{
+    std::vector<CURI> folders{diskFolder};
+    folders.insert(folders.end(), parentFolders.begin(), parentFolders.end());
+    return folders;
+}
+
+} // namespace
+
 CBrickStoreQueue::CBrickStoreQueue(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
                                    const zo::TList<CURI>& parentFolders, const CBrickDiskHeader& header,
                                    const zo::TCryptBuffer<uint8>& cipherKey, int maxStores)
-    : m_fs(fs), m_diskFolder(diskFolder), m_childFolder(childFolder), m_parentFolders(parentFolders),
-      m_header(header), m_maxFileSize(static_cast<int64>(header.getBrickSize() * 1.1 + 1024.0)),
-      m_maxStores(std::max(1, maxStores)), m_preparer(new CBrickDataPreparer(header, cipherKey))
+    : CBrickStoreQueue(P<CBrickReader>(new CBrickReader(fs, chainOf(diskFolder, parentFolders), header, cipherKey)).get(),
+                       childFolder, maxStores)
+{
+}
+
+CBrickStoreQueue::CBrickStoreQueue(CBrickReader* reader, const CURI& childFolder, int maxStores)
+    : m_reader(reader), m_fs(reader->getFileSystem()), m_diskFolder(reader->getDiskFolder()),
+      m_childFolder(childFolder), m_hasParents(reader->getChainFolders().size() > 1), m_header(reader->getHeader()),
+      m_maxStores(std::max(1, maxStores)), m_preparer(reader->createDataPreparer())
 {
     TBuffer<uint8> zeros(m_header.getBrickSize());
     if (zeros.getUsed() > 0)
@@ -100,7 +116,7 @@ P<CBrickStorer> CBrickStoreQueue::startStorer(CEntry& entry)
     // Deleting the file of an all-zero brick would let a parent's brick show
     // through again: on a disk with parents such a brick is stored as a file.
     const TBuffer<uint8>* prepared = entry.prepared.get();
-    if (!prepared && !m_parentFolders.empty())
+    if (!prepared && m_hasParents)
         prepared = zeroBrick.get();
     const CURI relativeURI = CBrickTree::getRelativeBrickURI(m_header, entry.brickIndex);
     copyParentBrickIntoChild(entry.brickIndex, relativeURI);
@@ -114,7 +130,7 @@ P<TBuffer<uint8>> CBrickStoreQueue::preparedZeroBrickFor(int64 brickIndex)
     std::lock_guard lock(m_zeroMutex);
     // Only disks with a parent or a child ever store the zero brick.
     if (!m_preparer->bindsBrickIndex() || m_zeroBrickIndex == brickIndex ||
-        (m_childFolder.isEmpty() && m_parentFolders.empty()))
+        (m_childFolder.isEmpty() && !m_hasParents))
         return m_preparedZeroBrick;
     // Storers still in flight keep their reference to the former buffer.
     TBuffer<uint8> zeros(m_header.getBrickSize());
@@ -135,22 +151,23 @@ P<TBuffer<uint8>> CBrickStoreQueue::preparedZeroBrickFor(int64 brickIndex)
 // would give a child when this disk has no old file to copy).
 void CBrickStoreQueue::copyParentBrickIntoChild(int64 brickIndex, const CURI& relativeURI)
 {
-    if (m_childFolder.isEmpty() || m_parentFolders.empty())
+    if (m_childFolder.isEmpty() || !m_hasParents)
         return;
     if (m_fs->pathExists(m_diskFolder << relativeURI) || m_fs->pathExists(m_childFolder << relativeURI))
         return;
-    for (const CURI& parent : m_parentFolders) {
+    const std::vector<CURI>& chain = m_reader->getChainFolders();
+    for (size_t depth = 1; depth < chain.size(); ++depth) {
         const auto fail = [&](const CError& cause) {
             throw CError("Copying a parent disk's brick into the child disk failed.", String(), -1,
                          zo::CProps()
                              .add("brickIndex", brickIndex)
-                             .add("parentFile", (parent << relativeURI).toString(true))
+                             .add("parentFile", (chain[depth] << relativeURI).toString(true))
                              .add("childFolder", m_childFolder.toString(true)),
                          &cause);
         };
-        P<TBuffer<uint8>> file;
+        P<zo::CMemPoolBuffer> file;
         try {
-            file = readFile(parent << relativeURI);
+            file = m_reader->readFile(static_cast<int>(depth), brickIndex);
         } catch (const CError& e) {
             fail(e);
         }
@@ -163,22 +180,6 @@ void CBrickStoreQueue::copyParentBrickIntoChild(int64 brickIndex, const CURI& re
         if (const PC<CError> error = copier->getError())
             fail(*error);
         return;
-    }
-}
-
-P<TBuffer<uint8>> CBrickStoreQueue::readFile(const CURI& file)
-{
-    try {
-        const P<zo::IIOStream> stream = m_fs->openStream(file, zo::IIOStream::AccessRead, 0);
-        const P<TBuffer<uint8>> buffer(new TBuffer<uint8>(static_cast<int>(m_maxFileSize)));
-        buffer->setUsed(stream->readLax(buffer->getData(), static_cast<int>(m_maxFileSize)));
-        return buffer;
-    } catch (const CFileSystemError& e) {
-        // NotAFolder: a file stands where a folder of the path belongs, so
-        // no brick file can be there either.
-        if (e.getProblem() == CFileSystemError::NotFound || e.getProblem() == CFileSystemError::NotAFolder)
-            return P<TBuffer<uint8>>();
-        throw;
     }
 }
 

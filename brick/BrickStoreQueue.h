@@ -5,6 +5,7 @@
 
 #include "brick/BrickDataPreparer.h"
 #include "brick/BrickDiskHeader.h"
+#include "brick/BrickReader.h"
 #include "brick/BrickStorer.h"
 
 #include "zo/Base.h"
@@ -71,6 +72,10 @@ public:
     CBrickStoreQueue(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
                      const zo::TList<CURI>& parentFolders, const CBrickDiskHeader& header,
                      const zo::TCryptBuffer<uint8>& cipherKey, int maxStores);
+    // A queue over the disk that `reader` reads (its folder, header, chain
+    // and key), which reads the parents' brick files through it and holds a
+    // reference to it; its child is `childFolder`.
+    CBrickStoreQueue(CBrickReader* reader, const CURI& childFolder, int maxStores);
     CBrickStoreQueue(const CBrickStoreQueue&) = delete;
     CBrickStoreQueue& operator=(const CBrickStoreQueue&) = delete;
     // Every store holds the queue until it has ended, so the last reference
@@ -132,8 +137,6 @@ private:
     // disk's bricks are bound to their index).
     P<TBuffer<uint8>> preparedZeroBrickFor(int64 brickIndex);
     void copyParentBrickIntoChild(int64 brickIndex, const CURI& relativeURI);
-    // The bytes of the brick file `file`; null when there is none.
-    P<TBuffer<uint8>> readFile(const CURI& file);
     // Called with the lock held: `entry` has ended, with `failure` or
     // (null) stored, and leaves the queue.
     void noteEnded(CEntry& entry, const CError* failure);
@@ -143,12 +146,12 @@ private:
     // Waits on the lock until `done` holds; -1 without limit.
     bool waitUntil(std::unique_lock<std::mutex>& lock, int timeoutMillis, const std::function<bool()>& done);
 
+    P<CBrickReader> m_reader;
     P<IFileSystem> m_fs;
     CURI m_diskFolder;
     CURI m_childFolder;
-    zo::TList<CURI> m_parentFolders;
+    bool m_hasParents;
     CBrickDiskHeader m_header;
-    int64 m_maxFileSize;
     int m_maxStores;
 
     // Guards the prepared zero brick and the preparer that makes it.
