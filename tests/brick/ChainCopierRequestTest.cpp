@@ -111,7 +111,10 @@ public:
     zo::int64 getPosition() override { return m_inner->getPosition(); }
     CURI getURI() override { return m_inner->getURI(); }
     void seek(zo::int64 position) override { m_inner->seek(position); }
-    void lockRange(zo::int64 start, zo::int64 length, LockType type) override { m_inner->lockRange(start, length, type); }
+    void lockRange(zo::int64 start, zo::int64 length, LockType type) override
+    {
+        m_inner->lockRange(start, length, type);
+    }
     void close() override { m_inner->close(); }
     void read(void* dst, int size) override
     {

@@ -366,7 +366,8 @@ TEST(ChainCopier, RunAfterAKilledCopyRemovesItsTemporaryFilesAndFinishes)
     for (const auto& [copied, original] : {std::pair(copiedTop, top), std::pair(copiedSnapshot, snapshot)}) {
         const P<CBrickDisk> copy = testsupport::openDisk(fs.get(), copied, kPassword, zo::IIOStream::AccessRead);
         const P<CBrickDisk> source = testsupport::openDisk(fs.get(), original, kPassword, zo::IIOStream::AccessRead);
-        EXPECT_EQ(testsupport::readWholeDisk(*copy), testsupport::readWholeDisk(*source)) << copied.toString(true).toUTF8();
+        EXPECT_EQ(testsupport::readWholeDisk(*copy), testsupport::readWholeDisk(*source))
+            << copied.toString(true).toUTF8();
         EXPECT_EQ(fs->removeTemporaryFiles(copied), 0) << copied.toString(true).toUTF8();
     }
 }
