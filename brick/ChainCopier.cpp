@@ -9,9 +9,11 @@
 #include "brick/BrickTree.h"
 #include "brick/DiskStore.h"
 #include "brick/RetentionPlan.h"
+#include "brick/detail/BrickFileLayout.h"
 #include "brick/detail/FolderMode.h"
 #include "brick/detail/WaitingListener.h"
 
+#include "seal/Digest.h"
 #include "zo/Buffer.h"
 #include "zo/Error.h"
 #include "zo/WorkerPool.h"
@@ -31,8 +33,10 @@ using zo::String;
 
 namespace {
 
-// The outer digest (or tag) of a brick file is at most this long and ends it.
-constexpr int kBrickFileTailSize = 32;
+// The outer digest (or tag) of a brick file ends it and is at most as long as
+// a SHA-256 or HMAC-SHA256 digest (an MD5 digest and a cipher's tag are
+// shorter): comparing this many last bytes compares the digests.
+constexpr int kBrickFileTailSize = layout::kIndexBoundDigestSize;
 
 // A brick file of the source and the destination's file of that brick.
 struct Candidate {
@@ -63,6 +67,30 @@ zo::TBuffer<zo::uint8> readTail(zo::IFileSystem* fs, const CURI& file, zo::int64
 {
     const zo::int64 tail = std::min<zo::int64>(size, kBrickFileTailSize);
     return readFile(fs, file, size - tail, tail);
+}
+
+// The digest type of the brick files of a disk whose header names a plain
+// checksum ("md5", "sha256"), which checks their outer digest without the
+// key; null for a keyed one.
+zo::P<seal::IDigestType> plainDigestOf(const CBrickDiskHeader& header)
+{
+    const String id = header.getCheckSumHashID();
+    if (id != String("md5") && id != String("sha256"))
+        return nullptr;
+    return seal::CDigestManager().getType(id);
+}
+
+// True when the last bytes of a brick file are the digest of all the bytes
+// before them (a file too short to hold one does not match).
+bool matchesOuterDigest(const zo::TBuffer<zo::uint8>& bytes, const seal::IDigestType& type)
+{
+    const int size = type.getSize();
+    if (bytes.getUsed() < size)
+        return false;
+    const zo::P<seal::IDigestContext> context = type.createContext();
+    context->update(bytes.getData(), bytes.getUsed() - size);
+    context->finish();
+    return std::equal(context->getDigest(), context->getDigest() + size, bytes.getData() + bytes.getUsed() - size);
 }
 
 // The header's record name, "disk.brickdisk".
@@ -104,6 +132,16 @@ int countUpSteps(const CURI& relative)
     return steps;
 }
 
+// True when a folder at `relative` (normalized) from a folder `depth` levels
+// below its store's root lies above that root or is the root itself: a
+// snapshot needs a folder inside the store, at any level of it.
+bool landsAboveRoot(const CURI& relative, int depth)
+{
+    const int steps = countUpSteps(relative);
+    const bool onlyUpSteps = relative.toString(true).toUTF8().size() == static_cast<std::size_t>(3 * steps - 1);
+    return steps > depth || (steps == depth && onlyUpSteps);
+}
+
 // How many folders below its store's root `folder` lies: below "/" for a
 // local folder, below the pool or bucket for "rados://" and "s3://".
 int depthInStore(const CURI& folder)
@@ -130,6 +168,17 @@ bool isSameOrBelow(const CURI& path, const CURI& folder)
     const std::string a = path.toNormalized().toString(true).toUTF8();
     const std::string b = folder.toNormalized().toString(true).toUTF8();
     return a == b || (a.size() > b.size() && a.compare(0, b.size(), b) == 0 && (b.back() == '/' || a[b.size()] == '/'));
+}
+
+// Removes the temporary files that a store or copy into `folder` left
+// behind when an earlier copy was killed (a snapshot's creating mark cut
+// short leaves one): they are no part of any disk, and would otherwise make
+// the folder look as if it held other files. The caller holds the
+// destination's exclusive lock; a dry run changes nothing.
+void removeLeftovers(zo::IFileSystem* fs, const CURI& folder, const CChainCopier::Options& options)
+{
+    if (!options.dryRun && fs->folderExists(folder))
+        fs->removeTemporaryFiles(folder);
 }
 
 CError copyError(const String& message, const CURI& source, const CURI& destination)
@@ -306,12 +355,17 @@ private:
                    readTail(m_destinationFs, candidate.held->path, candidate.held->size);
     }
 
-    // Sends one brick file: read whole, then stored atomically in place of
-    // whatever the destination held; with verify, read back and compared.
-    void sendFile(const DiskPlan& disk, const CBrickTree::BrickFile& brick)
+    // Sends one brick file: read whole, checked against its outer digest
+    // where that needs no key, then stored atomically in place of whatever
+    // the destination held; with verify, read back and compared.
+    void sendFile(const DiskPlan& disk, const CBrickTree::BrickFile& brick, const seal::IDigestType* digest)
     {
         const CURI target = disk.destination << brick.path.toRelative(disk.source);
         const zo::TBuffer<zo::uint8> bytes = readFile(m_sourceFs, brick.path, 0, brick.size);
+        if (digest && !matchesOuterDigest(bytes, *digest)) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_summary.damagedFiles.push_back(brick.path);
+        }
         m_destinationFs->createFolder(target.getParent(), kFolderMode);
         detail::replaceFileAndWait(m_destinationFs, target, bytes);
         if (!m_options.verify)
@@ -343,6 +397,7 @@ private:
         report();
         if (files.empty())
             return;
+        const zo::P<seal::IDigestType> digest = plainDigestOf(disk.header);
 
         std::mutex mutex;
         zo::int64 bytes = 0;
@@ -350,7 +405,7 @@ private:
             const CBrickTree::BrickFile& brick = file.brick;
             const bool held = isHeld(file);
             if (!held && !m_options.dryRun)
-                sendFile(disk, brick);
+                sendFile(disk, brick, digest.get());
             const std::lock_guard<std::mutex> lock(mutex);
             if (held) {
                 ++m_summary.filesSkipped;
@@ -497,6 +552,7 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     if (destinationFs->pathExists(destinationTop)) {
         if (!destinationFs->folderExists(destinationTop))
             throw copyError("The destination is a file, not a folder.", sourceTop, destinationTop);
+        removeLeftovers(destinationFs, destinationTop, options);
         const bool hasHeader = destinationFs->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 0)) ||
                                destinationFs->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 1));
         const CBrickDisk::Completion completion = CBrickDisk::getCompletion(destinationFs, destinationTop);
@@ -541,7 +597,7 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
                               needed.count(it->folder) > 0;
         if (it->folder.toNormalized() == sourceTop || (!isChosen && destinationDisks.count(target) == 0))
             continue;
-        if (countUpSteps(relative) >= depth)
+        if (landsAboveRoot(relative, depth))
             throw copyError("The snapshot " + it->folder.toString(true) +
                                 " would land above the root of the destination's store: copy to a deeper folder.",
                             sourceTop, destinationTop);
@@ -581,8 +637,10 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
             leftOut.push_back(disk.source);
             continue;
         }
-        if (disk.destination != destinationTop)
+        if (disk.destination != destinationTop) {
+            removeLeftovers(destinationFs, disk.destination, options);
             checkSnapshotFolder(destinationFs, disk, sourceTop, destinationTop);
+        }
         plan.push_back(disk);
     }
     std::set<CURI> copiedDisks = destinationDisks;

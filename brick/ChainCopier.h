@@ -96,6 +96,9 @@ public:
         // Disks made in the destination (new snapshots, and the top on a
         // first copy).
         std::vector<zo::CURI> disksMade;
+        // Brick files of the source whose outer digest does not match their
+        // bytes, by their path in the source; they are sent as they are.
+        std::vector<zo::CURI> damagedFiles;
         // Snapshots of the source older than the destination's newest that
         // the destination lacks: they cannot be put below it and are left out.
         std::vector<zo::CURI> snapshotsLeftOut;
@@ -105,13 +108,25 @@ public:
     // `destination` (on `destinationFs`; the two may be the same file
     // system). Needs no key. The caller locks the disks.
     //
+    // Each brick file sent is checked against its outer digest where that
+    // needs no key (the checksum formats "md5" and "sha256"; the keyed
+    // "hmac-sha256" is left to a check with the key). A file that fails is
+    // sent all the same, so that the copy stays as detectably damaged as its
+    // source, and listed in Summary::damagedFiles; it does not stop the copy.
+    //
+    // Unless in a dry run, the temporary files that a killed store or copy
+    // left in the destination's disk folders (and below them) are removed
+    // before those folders are checked, so that a run finishes what a
+    // killed one began; the caller's exclusive lock on the destination keeps
+    // other writers out meanwhile.
+    //
     // Throws zo::CError (with "diskFolder" and, where it applies,
     // "destinationFolder") for: a source that is not the top of its chain
     // ("The source must be the top disk of its chain."), a source chain with
     // a snapshot whose making or removal was cut short, an unknown or
     // not-newest snapshot name, a snapshot whose place in the destination
-    // lies above the root of the destination's store or inside the source's
-    // disks, a destination that holds files but no disk, and a destination
+    // lies above the root of the destination's store, on that root, or
+    // inside the source's disks, a destination that holds files but no disk, and a destination
     // that is another disk ("The destination holds another disk: ...", which
     // says whether its key or its disk ID differs), a snapshot folder in the
 // destination that holds another disk or other files, and a destination

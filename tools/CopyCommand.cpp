@@ -96,6 +96,11 @@ void printJson(const CopyOptions& options, const zo::CURI& source, const zo::CUR
     for (const zo::CURI& disk : summary.snapshotsLeftOut)
         json.value(describe(disk));
     json.endArray();
+    json.key("damagedFiles");
+    json.beginArray();
+    for (const zo::CURI& file : summary.damagedFiles)
+        json.value(describe(file));
+    json.endArray();
     json.field("seconds", seconds);
     json.endObject();
 }
@@ -239,7 +244,13 @@ int runCopy(const CopyOptions& options)
         printJson(options, source, destination, summary, seconds);
     else
         printSummary(options, summary, seconds);
-    return 0;
+    // A damaged source file is sent as it is, so that the copy stays
+    // detectably damaged, but the copy does not end as a success.
+    for (const zo::CURI& file : summary.damagedFiles)
+        std::fprintf(stderr,
+                     "brickdisk: damaged brick file copied as it is (its digest does not match its bytes): %s\n",
+                     describe(file).c_str());
+    return summary.damagedFiles.empty() ? 0 : 1;
 }
 
 } // namespace

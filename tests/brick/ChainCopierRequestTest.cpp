@@ -1,7 +1,8 @@
 // What a second copy of a chain asks of the destination's store: after one
 // more import into the source it stores exactly the brick files that changed,
-// deletes those the source no longer holds and writes no other brick object, counted by a wrapper around a file system over an object
-// store in memory.
+// deletes those the source no longer holds and writes no other brick object,
+// counted by a wrapper around a file system over an object store in memory;
+// and it reads only the digests at the end of the destination's brick files.
 #include "brick/BrickDisk.h"
 #include "brick/ChainCopier.h"
 #include "objectstore/ObjectStoreFileSystem.h"
@@ -12,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -95,6 +97,83 @@ private:
     std::multiset<std::string> m_moved;
     std::multiset<std::string> m_deleted;
     std::multiset<std::string> m_written;
+};
+
+// A stream that adds the bytes read through it to a count.
+class CReadCountingStream : public zo::CBase, public zo::IIOStream {
+public:
+    CReadCountingStream(P<zo::IIOStream> inner, std::function<void(int)> counted)
+        : m_inner(std::move(inner)), m_counted(std::move(counted))
+    {
+    }
+
+    zo::int64 getLength() override { return m_inner->getLength(); }
+    zo::int64 getPosition() override { return m_inner->getPosition(); }
+    CURI getURI() override { return m_inner->getURI(); }
+    void seek(zo::int64 position) override { m_inner->seek(position); }
+    void lockRange(zo::int64 start, zo::int64 length, LockType type) override
+    {
+        m_inner->lockRange(start, length, type);
+    }
+    void close() override { m_inner->close(); }
+    void read(void* dst, int size) override
+    {
+        m_inner->read(dst, size);
+        m_counted(size);
+    }
+    int readLax(void* dst, int size) override { return counted(m_inner->readLax(dst, size)); }
+    int readAvailable(void* dst, int size) override { return counted(m_inner->readAvailable(dst, size)); }
+    bool waitReadable(int timeoutMillis) override { return m_inner->waitReadable(timeoutMillis); }
+    bool isEndOfStream() override { return m_inner->isEndOfStream(); }
+    int isEndOfStream_NonBlocking() override { return m_inner->isEndOfStream_NonBlocking(); }
+    void write(const void* src, int size, zo::IWriteBarrier* barrier) override { m_inner->write(src, size, barrier); }
+    void writeKeepBuffer(const zo::TConstBufferSlice<zo::uint8>& slice, zo::IWriteBarrier* barrier) override
+    {
+        m_inner->writeKeepBuffer(slice, barrier);
+    }
+    P<zo::IWriteBarrier> createWriteBarrier(zo::IWriteBarrier* previous) override
+    {
+        return m_inner->createWriteBarrier(previous);
+    }
+    void flush() override { m_inner->flush(); }
+    void setLength(zo::int64 length) override { m_inner->setLength(length); }
+
+private:
+    int counted(int size)
+    {
+        m_counted(size > 0 ? size : 0);
+        return size;
+    }
+
+    P<zo::IIOStream> m_inner;
+    std::function<void(int)> m_counted;
+};
+
+// Counts the bytes read from each file through the streams it opens.
+class CReadCountingFileSystem : public zo::CForwardingFileSystem {
+public:
+    explicit CReadCountingFileSystem(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
+
+    P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
+    {
+        const std::string path = file.toString(true).toUTF8();
+        return P<zo::IIOStream>(new CReadCountingStream(
+            CForwardingFileSystem::openStream(file, access, options), [this, path](int size) {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_bytesRead[path] += size;
+            }));
+    }
+
+    // Bytes read so far, by the path of the file they were read from.
+    std::map<std::string, zo::int64> bytesRead() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_bytesRead;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<std::string, zo::int64> m_bytesRead;
 };
 
 void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
@@ -185,6 +264,58 @@ TEST(ChainCopierRequests, SecondCopyAfterOneMoreImportStoresOnlyTheChangedBricks
     EXPECT_EQ(CChainCopier::copy(source.get(), CURI("/src/disk"), idle.get(), CURI(kDestination), {}).filesSent, 0);
     EXPECT_TRUE(brickPaths(idle->stored()).empty());
     EXPECT_TRUE(brickPaths(idle->deleted()).empty());
+}
+
+// Whether the destination holds a brick file already is told by its size
+// and the outer digest at its end: a second copy reads only those last bytes
+// of each brick file in the destination, however large the files are. With
+// verify, the file sent is read back whole.
+TEST(ChainCopierRequests, SecondCopyReadsOnlyTheDigestsAtTheEndOfTheDestinationsBrickFiles)
+{
+    // The longest outer digest of a brick file (SHA-256, HMAC-SHA256).
+    constexpr zo::int64 kDigestSize = 32;
+    const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
+    const P<zo::CMemoryFileSystem> destination(new zo::CMemoryFileSystem());
+    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
+    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
+    CChainCopier::copy(source.get(), CURI("/src/disk"), destination.get(), CURI("/dst/disk"), {});
+    writeBricks(source.get(), {4}, 20);
+    std::map<std::string, zo::int64> sizes;
+    for (const auto& [path, bytes] : testsupport::fileContentsBelow(destination.get(), CURI("/dst")))
+        if (path.find("/bricks/") != std::string::npos)
+            sizes["/dst/" + path] = bytes.getUsed();
+    ASSERT_EQ(sizes.size(), 12u);
+
+    for (const bool verify : {false, true}) {
+        if (verify)
+            writeBricks(source.get(), {4}, 30);
+        const P<CReadCountingFileSystem> counted(new CReadCountingFileSystem(destination.get()));
+        CChainCopier::Options options;
+        options.verify = verify;
+        const CChainCopier::Summary summary =
+            CChainCopier::copy(source.get(), CURI("/src/disk"), counted.get(), CURI("/dst/disk"), options);
+
+        ASSERT_EQ(summary.filesSent, 1) << "verify " << verify;
+        ASSERT_EQ(summary.filesSkipped, 11) << "verify " << verify;
+        zo::int64 brickBytes = 0;
+        int readWhole = 0;
+        for (const auto& [path, bytes] : counted->bytesRead()) {
+            if (path.find("/bricks/") == std::string::npos)
+                continue;
+            ASSERT_EQ(sizes.count(path), 1u) << path;
+            EXPECT_GT(sizes.at(path), 4 * kDigestSize) << path;
+            if (bytes > kDigestSize) {
+                ++readWhole;
+                continue;
+            }
+            brickBytes += bytes;
+        }
+        EXPECT_GT(brickBytes, 0) << "verify " << verify;
+        EXPECT_LE(brickBytes, kDigestSize * 12) << "verify " << verify;
+        // Only the file sent is read further, back whole after it was sent,
+        // and only with verify.
+        EXPECT_EQ(readWhole, verify ? 1 : 0) << "verify " << verify;
+    }
 }
 
 } // namespace

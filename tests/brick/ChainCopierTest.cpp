@@ -4,17 +4,21 @@
 // operation keeps the destination's snapshots reading as before and a new
 // run finishes it, and a destination that is another disk is refused.
 #include "brick/BrickDisk.h"
+#include "brick/BrickDiskAuxFileBase.h"
 #include "brick/BrickDiskChain.h"
 #include "brick/BrickDiskCreationTime.h"
 #include "brick/BrickDiskRemover.h"
 #include "brick/ChainCopier.h"
 #include "brick/RetentionPlan.h"
 #include "support/DiskTestHelpers.h"
+#include "support/TempFolder.h"
 #include "zo/Error.h"
+#include "zo/LocalFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -285,11 +289,14 @@ TEST(ChainCopier, RefusesSnapshotsThatWouldLandAboveTheStoreRootOrInTheSource)
 {
     const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
     makeChain(fs.get());
-    // "../snaps/s1" from "/copy" would be above "/".
+    testsupport::createDisk(fs.get(), CURI("/deep/top/disk"), kDiskSize, kPassword);
+    testsupport::createLinkedChild(fs.get(), CURI("/deep/snap"), CURI("/deep/top/disk"), kPassword);
+    // "../../snap" from "/copy" would be above "/".
     const auto above = testsupport::errorOf<zo::CError>(
-        [&] { CChainCopier::copy(fs.get(), CURI("/src/disk"), fs.get(), CURI("/copy"), {}); });
+        [&] { CChainCopier::copy(fs.get(), CURI("/deep/top/disk"), fs.get(), CURI("/copy"), {}); });
     ASSERT_TRUE(above);
     EXPECT_NE(testsupport::messageOf(*above).find("above the root"), std::string::npos);
+    EXPECT_FALSE(fs->pathExists(CURI("/snap")));
     // "/src/other" puts the snapshots onto the source's own.
     const auto inside = testsupport::errorOf<zo::CError>(
         [&] { CChainCopier::copy(fs.get(), CURI("/src/disk"), fs.get(), CURI("/src/other"), {}); });
@@ -297,6 +304,98 @@ TEST(ChainCopier, RefusesSnapshotsThatWouldLandAboveTheStoreRootOrInTheSource)
     EXPECT_NE(testsupport::messageOf(*inside).find("source's disk"), std::string::npos);
     EXPECT_FALSE(fs->pathExists(CURI("/copy")));
     EXPECT_FALSE(fs->pathExists(CURI("/src/other")));
+}
+
+// A disk whose snapshot sits beside it ("/disks/vm1" linked to "../snap1")
+// copied to the top of a store ("/vm1") puts the snapshot at the top too
+// ("/snap1"), which is inside the store.
+TEST(ChainCopier, PutsASnapshotBesideTheTopAtTheTopOfTheStore)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    testsupport::createDisk(source.get(), CURI("/disks/vm1"), kDiskSize, kPassword);
+    {
+        const P<CBrickDisk> disk = testsupport::openDisk(source.get(), CURI("/disks/vm1"), kPassword);
+        testsupport::writeAt(*disk, 0, testsupport::patternBytes(kBrickSize, 1));
+    }
+    testsupport::createLinkedChild(source.get(), CURI("/disks/snap1"), CURI("/disks/vm1"), kPassword);
+    {
+        const P<CBrickDisk> disk = testsupport::openDisk(source.get(), CURI("/disks/vm1"), kPassword);
+        testsupport::writeAt(*disk, 0, testsupport::patternBytes(kBrickSize, 2));
+    }
+
+    CChainCopier::copy(source.get(), CURI("/disks/vm1"), destination.get(), CURI("/vm1"), {});
+
+    EXPECT_EQ(chainOf(destination.get(), "/vm1"), (std::vector<std::string>{"/vm1", "/snap1"}));
+    EXPECT_EQ(readDisks(destination.get(), "", {"/vm1", "/snap1"}),
+              readDisks(source.get(), "/disks", {"/vm1", "/snap1"}));
+}
+
+// A copy killed while the local file system stored a record leaves that
+// store's temporary file in the disk's folder; the next run removes it
+// instead of taking the folder for one that holds other files, and finishes.
+TEST(ChainCopier, RunAfterAKilledCopyRemovesItsTemporaryFilesAndFinishes)
+{
+    const testsupport::TempFolder temp;
+    const P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(2));
+    const CURI top = temp.uri() << "src/disk";
+    const CURI snapshot = temp.uri() << "src/snaps/s0";
+    testsupport::createDisk(fs.get(), top, kDiskSize, kPassword);
+    {
+        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), top, kPassword);
+        testsupport::writeAt(*disk, 0, testsupport::patternBytes(kBrickSize, 1));
+    }
+    testsupport::createLinkedChild(fs.get(), snapshot, top, kPassword);
+    {
+        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), top, kPassword);
+        testsupport::writeAt(*disk, kBrickSize, testsupport::patternBytes(kBrickSize, 2));
+    }
+    const CURI copiedTop = temp.uri() << "dst/disk";
+    const CURI copiedSnapshot = temp.uri() << "dst/snaps/s0";
+    const std::string mark =
+        brick::CBrickDiskAuxFileBase::getAuxFileURI(CURI("."), CBrickDisk::getCreatingMarkFileName(), 0)
+            .getName()
+            .toUTF8();
+    for (const CURI& folder : {copiedTop, copiedSnapshot}) {
+        fs->createFolder(folder, 0755);
+        std::ofstream(folder.toLocalPath() + "/" + testsupport::storeLeftoverName(mark)) << "cut short";
+    }
+
+    EXPECT_NO_THROW(CChainCopier::copy(fs.get(), top, fs.get(), copiedTop, {}));
+
+    for (const auto& [copied, original] : {std::pair(copiedTop, top), std::pair(copiedSnapshot, snapshot)}) {
+        const P<CBrickDisk> copy = testsupport::openDisk(fs.get(), copied, kPassword, zo::IIOStream::AccessRead);
+        const P<CBrickDisk> source = testsupport::openDisk(fs.get(), original, kPassword, zo::IIOStream::AccessRead);
+        EXPECT_EQ(testsupport::readWholeDisk(*copy), testsupport::readWholeDisk(*source))
+            << copied.toString(true).toUTF8();
+        EXPECT_EQ(fs->removeTemporaryFiles(copied), 0) << copied.toString(true).toUTF8();
+    }
+}
+
+// The disks of makeChain have plain MD5 digests, which need no key: a brick
+// file whose outer digest does not match is sent as it is and listed.
+TEST(ChainCopier, SendsADamagedSourceFileAsItIsAndListsIt)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    makeChain(source.get());
+    std::string damaged;
+    for (const auto& [path, bytes] : testsupport::fileContentsBelow(source.get(), CURI("/src/snaps/s1")))
+        if (path.find("bricks/") == 0)
+            damaged = "/src/snaps/s1/" + path;
+    ASSERT_FALSE(damaged.empty());
+    zo::TBuffer<zo::uint8> file = *source->getFileData(CURI(damaged));
+    file[file.getUsed() / 2] ^= 0x20;
+    source->setFileData(CURI(damaged), file);
+    const Bytes bytes = testsupport::fileContentsBelow(source.get(), CURI("/src")).at(damaged.substr(5));
+
+    CChainCopier::Options options;
+    options.verify = true;
+    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+
+    ASSERT_EQ(summary.damagedFiles.size(), 1u);
+    EXPECT_EQ(summary.damagedFiles[0].toString(true).toUTF8(), damaged);
+    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/dst")).at(damaged.substr(5)), bytes);
 }
 
 TEST(ChainCopier, VerifyFailsWhenSentFilesDoNotReadBack)

@@ -184,8 +184,20 @@ TEST_F(BackupCopyCommandTest, DamagedSourceBrickNeverReadsAsGoodFromTheCopy)
     const std::string copy = path("backup/disk") + damaged.substr(path("src/disk").size());
 
     // The copy takes brick files as stored, without the key; the damaged
-    // file keeps the digest that gives it away.
-    ASSERT_EQ(run({"copy", path("src/disk"), path("backup/disk")}).exitStatus, 0);
+    // file keeps the digest that gives it away. The copy checks that digest
+    // (plain SHA-256 needs no key), names the file and fails at the end.
+    const RunResult copied = run({"copy", path("src/disk"), path("backup/disk"), "--verify", "--json"});
+    EXPECT_EQ(copied.exitStatus, 1) << copied.out << copied.err;
+    EXPECT_NE(copied.err.find("damaged brick file copied as it is (its digest does not match its bytes): " + damaged),
+              std::string::npos)
+        << copied.err;
+    const size_t damagedList = copied.out.find("\"damagedFiles\": [");
+    ASSERT_NE(damagedList, std::string::npos) << copied.out;
+    EXPECT_NE(copied.out.find("\"" + damaged + "\"", damagedList), std::string::npos) << copied.out;
+    EXPECT_EQ(readFile(copy), bytes);
+    // Only the damaged file is named.
+    EXPECT_EQ(copied.err.find("damaged brick file", copied.err.find("damaged brick file") + 1), std::string::npos)
+        << copied.err;
 
     const RunResult check = runWithPassword({"check", path("backup/disk"), "--read-data"});
     EXPECT_EQ(check.exitStatus, 1) << check.out << check.err;

@@ -1,12 +1,15 @@
 // The brickdisk program on disks on the S3 test service: what every object
-// store serves, a disk of more than a thousand brick objects, and the
-// errors of a missing bucket and of wrong keys. The program finds the service
+// store serves, a disk of more than a thousand brick objects, a copy to the
+// top of a bucket, and the errors of a missing bucket and of wrong keys. The program finds the service
 // through AWS_ENDPOINT_URL or --s3-endpoint and its keys in the environment,
 // as S3 tools do.
 #include "../S3TestService.h"
 #include "objectstore/StoreCommandsContract.h"
 
 #include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -45,6 +48,36 @@ TEST_F(S3CommandsTest, ADiskOfMoreThanAThousandBrickObjectsIsCheckedAndExportedE
     EXPECT_NE(check.out.find("\"brickFiles\": " + std::to_string(storedBricks)), std::string::npos) << check.out;
     runOk({"export", disk, path("exported")});
     EXPECT_TRUE(readFile(path("exported")) == image);
+}
+
+// A disk whose snapshot sits beside it, copied to the top of a bucket, puts
+// the snapshot beside the copy at the top of the bucket, which is inside it:
+// the copy is made and both disks export like their sources.
+TEST_F(S3CommandsTest, CopyToTheTopOfABucketPutsTheSnapshotBesideItThere)
+{
+    // The copy's top has the source's name, so that the snapshot's link to
+    // it ("../" and that name) stays true.
+    const zo::CURI snapshotCopy = testsupport::uniqueS3Folder("snap");
+    const std::string source = path("disks/" + zo::CURI(zo::String::fromUTF8(folder)).getName().toUTF8());
+    const std::string sourceSnapshot = path("disks/" + snapshotCopy.getName().toUTF8());
+    runOk({"create", source, "--size", "256K", "--brick-size", "4K"});
+    writeFile(path("a.img"), clitest::makeImage(256 * 1024, 61));
+    runOk({"import", source, path("a.img")});
+    runOk({"snapshot", source, sourceSnapshot});
+    writeFile(path("b.img"), clitest::makeImage(256 * 1024, 62));
+    runOk({"import", source, path("b.img")});
+
+    const RunResult copied = clitest::run({"copy", source, folder});
+
+    EXPECT_EQ(copied.exitStatus, 0) << copied.err;
+    const std::vector<std::pair<std::string, std::string>> disks{
+        {folder, source}, {snapshotCopy.toString(true).toUTF8(), sourceSnapshot}};
+    for (const auto& [copy, original] : disks) {
+        runOk({"export", original, path("source.img"), "--force"});
+        runOk({"export", copy, path("copy.img"), "--force"});
+        EXPECT_TRUE(readFile(path("copy.img")) == readFile(path("source.img"))) << copy;
+    }
+    testsupport::removeS3Folder(snapshotCopy);
 }
 
 TEST_F(S3CommandsTest, AMissingBucketIsReportedAsSuch)
