@@ -68,7 +68,8 @@ void survey(Tally& tally, const Bytes& brick, Bytes& packed, Bytes& restored)
     const int size = static_cast<int>(brick.size());
     packed.resize(static_cast<size_t>(tally.compressor->getMaxCompressedSize(size)));
     const double start = threadSeconds();
-    const int packedSize = tally.compressor->compress(brick.data(), size, packed.data(), static_cast<int>(packed.size()));
+    const int packedSize =
+        tally.compressor->compress(brick.data(), size, packed.data(), static_cast<int>(packed.size()));
     const double compressed = threadSeconds();
     const int restoredSize = tally.compressor->decompress(packed.data(), packedSize, restored.data(), size);
     const double end = threadSeconds();
@@ -107,7 +108,8 @@ int main(int argc, char** argv)
     long long bricks = 0;
     long long stored = 0;
     for (;;) {
-        const ssize_t got = pread(fd, brick.data(), brickSize, static_cast<off_t>(bricks) * static_cast<off_t>(brickSize));
+        const ssize_t got =
+            pread(fd, brick.data(), brickSize, static_cast<off_t>(bricks) * static_cast<off_t>(brickSize));
         if (got <= 0)
             break;
         // A short last brick is padded with zeros, as the disk's last brick is.
@@ -122,8 +124,8 @@ int main(int argc, char** argv)
     close(fd);
 
     std::printf("%lld bricks of %zu bytes, %lld not all zero\n", bricks, brickSize, stored);
-    std::printf("%-10s %12s %12s %7s %12s %12s %9s\n", "compressor", "plain MiB", "stored MiB", "ratio",
-                "comp MB/s", "decomp MB/s", "unshrunk");
+    std::printf("%-10s %12s %12s %7s %12s %12s %9s\n", "compressor", "plain MiB", "stored MiB", "ratio", "comp MB/s",
+                "decomp MB/s", "unshrunk");
     for (const Tally& tally : tallies) {
         const double plain = static_cast<double>(tally.plainBytes);
         std::printf("%-10s %12.2f %12.2f %7.3f %12.0f %12.0f %9lld\n", tally.id.c_str(), plain / 1048576.0,

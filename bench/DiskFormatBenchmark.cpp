@@ -4,9 +4,9 @@
 // brick's index, and with aes256gcm, whose tag replaces the digests; and the
 // key derivation of each format at its default cost (PBKDF2-HMAC-SHA1 with
 // 10000 iterations, Argon2id with the library's default cost).
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskKeyWrap.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskKeyWrap.h"
 #include "seal/KeyDerivation.h"
 
 #include <benchmark/benchmark.h>

@@ -72,12 +72,12 @@
 // scripts, "limit import|export|reimport|open SECONDS", and one per command
 // with the processor seconds the model gives it, opening included, "cpu
 // import|export|reimport SECONDS" (to hold against what the command spends).
-#include "brick/Brick.h"
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickTree.h"
-#include "brick/DiskStore.h"
+#include "brick/chain/Brick.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/DiskStore.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickTree.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "zo/Buffer.h"
@@ -147,7 +147,8 @@ struct Options {
 
 [[noreturn]] void usage()
 {
-    std::fprintf(stderr, "usage: ImportExportLimit IMAGE DISK PASSWORD_FILE SCRATCH_FOLDER [--changed IMAGE2] [--cold]\n");
+    std::fprintf(stderr,
+                 "usage: ImportExportLimit IMAGE DISK PASSWORD_FILE SCRATCH_FOLDER [--changed IMAGE2] [--cold]\n");
     std::exit(2);
 }
 
@@ -235,8 +236,7 @@ private:
 class CImageOut {
 public:
     CImageOut(const std::string& path, int brickSize)
-        : m_path(path),
-          m_fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)),
+        : m_path(path), m_fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)),
           m_chunk(static_cast<zo::uint8*>(std::aligned_alloc(kPage, roundUpToPage(brickSize))))
     {
         if (m_fd < 0)
@@ -305,12 +305,12 @@ struct Stages {
 };
 
 struct Counts {
-    zo::int64 bricks = 0;        // N
-    zo::int64 dataBricks = 0;    // D
-    zo::int64 storedBricks = 0;  // S
-    zo::int64 changedData = 0;   // D'
+    zo::int64 bricks = 0; // N
+    zo::int64 dataBricks = 0; // D
+    zo::int64 storedBricks = 0; // S
+    zo::int64 changedData = 0; // D'
     zo::int64 changedStored = 0; // S'
-    zo::int64 changed = 0;       // C
+    zo::int64 changed = 0; // C
 };
 
 class CStageRun {
@@ -368,7 +368,8 @@ public:
             m_stages.lookUp.time([&] { stored = !chain.locateBrick(m_fs.get(), index).isEmpty(); });
             if (data) {
                 ++m_counts.dataBricks;
-                m_stages.zeroTest.time([&] { m_sink = zo::isAllZero(plain.getData(), static_cast<size_t>(m_brickSize)); });
+                m_stages.zeroTest.time(
+                    [&] { m_sink = zo::isAllZero(plain.getData(), static_cast<size_t>(m_brickSize)); });
             }
             if (changedImage && changedImage->readBrick(offset, changedPlain.getData(), m_brickSize)) {
                 ++m_counts.changedData;
@@ -389,25 +390,21 @@ public:
                 throw zo::CError("The disk stores a brick where the image has a hole: it was not imported from it.");
             ++m_counts.storedBricks;
             std::memcpy(copy.getData(), plain.getData(), static_cast<size_t>(m_brickSize));
-            m_stages.compare.time([&] {
-                m_sink = std::memcmp(copy.getData(), plain.getData(), static_cast<size_t>(m_brickSize)) == 0;
-            });
+            m_stages.compare.time(
+                [&] { m_sink = std::memcmp(copy.getData(), plain.getData(), static_cast<size_t>(m_brickSize)) == 0; });
             digest(m_stages.hmacPlain, *m_hmac, plain);
             digest(m_stages.sha256Plain, *m_sha256, plain);
             m_stages.compress.time([&] {
                 compressed.setUsed(m_lz4->compress(plain.getData(), m_brickSize, compressed.getData(),
                                                    m_lz4->getMaxCompressedSize(m_brickSize)));
             });
-            m_stages.encrypt.time([&] {
-                m_cipher->encrypt(m_key, compressed.getData(), compressed.getUsed(), encrypted, false, 0);
-            });
+            m_stages.encrypt.time(
+                [&] { m_cipher->encrypt(m_key, compressed.getData(), compressed.getUsed(), encrypted, false, 0); });
             digest(m_stages.hmacFile, *m_hmac, encrypted);
-            m_stages.decrypt.time([&] {
-                m_cipher->decrypt(m_key, encrypted.getData(), encrypted.getUsed(), decrypted, false, 0);
-            });
-            m_stages.decompress.time([&] {
-                m_lz4->decompress(decrypted.getData(), decrypted.getUsed(), decoded.getData(), m_brickSize);
-            });
+            m_stages.decrypt.time(
+                [&] { m_cipher->decrypt(m_key, encrypted.getData(), encrypted.getUsed(), decrypted, false, 0); });
+            m_stages.decompress.time(
+                [&] { m_lz4->decompress(decrypted.getData(), decrypted.getUsed(), decoded.getData(), m_brickSize); });
             // Prepared into a buffer that is used again, as the importer's
             // buffers are, and kept as a copy for the store below.
             m_stages.prepare.time([&] { preparer->prepareData(plain, prepared, index); });
@@ -428,24 +425,25 @@ public:
     {
         std::printf("| stage | bricks | CPU s | wall s | ms per brick | MB/s of the bricks |\n");
         std::printf("|---|---:|---:|---:|---:|---:|\n");
-        const Stage* all[] = {&m_stages.read,        &m_stages.readCold,       &m_stages.lookUp,
-                              &m_stages.zeroTest,    &m_stages.compare,        &m_stages.hmacPlain,
-                              &m_stages.sha256Plain, &m_stages.compress,       &m_stages.encrypt,
-                              &m_stages.hmacFile,    &m_stages.prepare,        &m_stages.prepareChanged,
-                              &m_stages.store,       &m_stages.readFile,       &m_stages.decrypt,
-                              &m_stages.decompress,  &m_stages.unprepare,      &m_stages.writeImage,
-                              &m_stages.syncImage,   &m_stages.emptyBrick,     &m_stages.open};
+        const Stage* all[] = {&m_stages.read,        &m_stages.readCold,   &m_stages.lookUp,
+                              &m_stages.zeroTest,    &m_stages.compare,    &m_stages.hmacPlain,
+                              &m_stages.sha256Plain, &m_stages.compress,   &m_stages.encrypt,
+                              &m_stages.hmacFile,    &m_stages.prepare,    &m_stages.prepareChanged,
+                              &m_stages.store,       &m_stages.readFile,   &m_stages.decrypt,
+                              &m_stages.decompress,  &m_stages.unprepare,  &m_stages.writeImage,
+                              &m_stages.syncImage,   &m_stages.emptyBrick, &m_stages.open};
         for (const Stage* stage : all) {
             if (stage->bricks == 0)
                 continue;
             const bool perDisk = stage == &m_stages.syncImage || stage == &m_stages.open;
             const double seconds = stage == &m_stages.readCold ? stage->wall : stage->cpu;
-            std::printf("| %s | %lld | %.3f | %.3f | %s | %s |\n", stage->name, static_cast<long long>(stage->bricks),
-                        stage->cpu, stage->wall,
-                        perDisk ? "" : formatDouble("%.3f", 1e3 * seconds / static_cast<double>(stage->bricks)).c_str(),
-                        perDisk ? ""
-                                : formatDouble("%.0f", static_cast<double>(stage->bricks) * m_brickSize / 1e6 / seconds)
-                                      .c_str());
+            std::printf(
+                "| %s | %lld | %.3f | %.3f | %s | %s |\n", stage->name, static_cast<long long>(stage->bricks),
+                stage->cpu, stage->wall,
+                perDisk ? "" : formatDouble("%.3f", 1e3 * seconds / static_cast<double>(stage->bricks)).c_str(),
+                perDisk
+                    ? ""
+                    : formatDouble("%.0f", static_cast<double>(stage->bricks) * m_brickSize / 1e6 / seconds).c_str());
         }
         const double digests = m_sealed ? 0 : m_stages.hmacPlain.perBrick() + m_stages.hmacFile.perBrick();
         const double sumOfStages = m_stages.compress.perBrick() + m_stages.encrypt.perBrick() + digests;
@@ -461,12 +459,12 @@ public:
 
         const double open = medianOpenSeconds();
         const double openCpu = m_stages.open.perBrick();
-        const double importWork = m_stages.read.cpu + m_stages.lookUp.cpu + m_stages.zeroTest.cpu +
-                                  m_stages.prepare.cpu + m_stages.store.cpu;
+        const double importWork =
+            m_stages.read.cpu + m_stages.lookUp.cpu + m_stages.zeroTest.cpu + m_stages.prepare.cpu + m_stages.store.cpu;
         const double exportWork = m_stages.readFile.cpu + m_stages.unprepare.cpu + m_stages.writeImage.cpu +
-                                  m_stages.zeroTest.perBrick() * static_cast<double>(m_counts.storedBricks) +
-                                  m_stages.lookUp.perBrick() * static_cast<double>(m_counts.bricks - m_counts.storedBricks) +
-                                  m_stages.emptyBrick.cpu;
+            m_stages.zeroTest.perBrick() * static_cast<double>(m_counts.storedBricks) +
+            m_stages.lookUp.perBrick() * static_cast<double>(m_counts.bricks - m_counts.storedBricks) +
+            m_stages.emptyBrick.cpu;
         std::printf("\n| command | work CPU s | two-core limit s | with opening the disk s |\n|---|---:|---:|---:|\n");
         printLimit("import", importWork, open);
         printLimit("export", exportWork, open);
@@ -474,10 +472,9 @@ public:
         if (!m_options.changedImage.empty()) {
             const double stored = static_cast<double>(m_counts.changedStored);
             reimportWork = m_stages.read.cpu + m_stages.lookUp.cpu +
-                           m_stages.zeroTest.perBrick() * static_cast<double>(m_counts.changedData) +
-                           stored * (m_stages.readFile.perBrick() + m_stages.unprepare.perBrick() +
-                                     m_stages.compare.perBrick()) +
-                           m_stages.prepareChanged.cpu + static_cast<double>(m_counts.changed) * m_stages.store.perBrick();
+                m_stages.zeroTest.perBrick() * static_cast<double>(m_counts.changedData) +
+                stored * (m_stages.readFile.perBrick() + m_stages.unprepare.perBrick() + m_stages.compare.perBrick()) +
+                m_stages.prepareChanged.cpu + static_cast<double>(m_counts.changed) * m_stages.store.perBrick();
             printLimit("re-import", reimportWork, open);
         }
         std::printf("\nlimit open %.3f\nlimit import %.3f\nlimit export %.3f\n", open, importWork / 2 + open,

@@ -9,8 +9,8 @@
 // touches, so the stage throughputs combine: the stages of one brick take
 // 1 / (sum of 1 / stage throughput) together, which is the most that prepare
 // or unprepare can reach. bench/preparer_ratio.py prints how close they come.
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "zo/LZ4Compressor.h"
@@ -42,8 +42,8 @@ Bytes makeBrick(DataKind kind)
         for (int i = 0; i < kBrickSize; ++i)
             brick[i] = static_cast<zo::uint8>(generator());
     } else {
-        static const std::vector<std::string> words = {"brick ", "disk ", "the ", "folder ", "of ", "sector ",
-                                                       "file\n", "data ", "zero ", "child ", "parent ", "key "};
+        static const std::vector<std::string> words = {"brick ", "disk ", "the ",  "folder ", "of ",     "sector ",
+                                                       "file\n", "data ", "zero ", "child ",  "parent ", "key "};
         int used = 0;
         while (used < kBrickSize) {
             const std::string& word = words[generator() % words.size()];
@@ -72,8 +72,9 @@ struct Forms {
         zo::CLZ4Compressor lz4(false);
         compressed.setUsed(lz4.getMaxCompressedSize(kBrickSize));
         compressed.setUsed(lz4.compress(plain.getData(), kBrickSize, compressed.getData(), compressed.getUsed()));
-        seal::CCipherManager().getCipher("aes256cbc")->encrypt(key, compressed.getData(), compressed.getUsed(),
-                                                               encrypted, false, 0);
+        seal::CCipherManager()
+            .getCipher("aes256cbc")
+            ->encrypt(key, compressed.getData(), compressed.getUsed(), encrypted, false, 0);
     }
 
     const brick::CBrickDiskHeader header;
@@ -180,9 +181,9 @@ void BM_StageDecrypt(benchmark::State& state, DataKind kind)
     countBricks(state);
 }
 
-#define BRICK_BENCHMARK(function)                                                                                    \
-    BENCHMARK_CAPTURE(function, zeros, zeros);                                                                       \
-    BENCHMARK_CAPTURE(function, text, text);                                                                         \
+#define BRICK_BENCHMARK(function)                                                                                      \
+    BENCHMARK_CAPTURE(function, zeros, zeros);                                                                         \
+    BENCHMARK_CAPTURE(function, text, text);                                                                           \
     BENCHMARK_CAPTURE(function, random, random)
 
 BRICK_BENCHMARK(BM_Prepare);

@@ -10,9 +10,9 @@
 // figures are those of decoding bricks, not of a storage device. Every
 // benchmark counts the disk's bytes per iteration; the iterations run on the
 // wall clock, since the work is spread over threads.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskStream.h"
-#include "brick/BrickDiskStreamWithParallelReadAhead.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/streams/BrickDiskStream.h"
+#include "brick/streams/BrickDiskStreamWithParallelReadAhead.h"
 #include "zo/LocalFileSystem.h"
 
 #include <benchmark/benchmark.h>
@@ -40,8 +40,8 @@ const char* const kPassword = "read-ahead-benchmark";
 // Words and numbers, as in logs or source text: lz4 shrinks it to about half.
 void fillWithText(std::vector<zo::uint8>& bytes, unsigned seed)
 {
-    static const std::vector<std::string> words = {"brick ", "disk ", "the ", "folder ", "of ", "sector ", "file\n",
-                                                   "data ", "zero ", "child ", "parent ", "key ", "stream ", "read "};
+    static const std::vector<std::string> words = {"brick ", "disk ", "the ",   "folder ", "of ",  "sector ", "file\n",
+                                                   "data ",  "zero ", "child ", "parent ", "key ", "stream ", "read "};
     std::mt19937 generator(seed);
     size_t used = 0;
     while (used < bytes.size()) {

@@ -2,9 +2,9 @@
 // store, reads it back through a stream and checks every byte.
 //
 //   store_and_read FOLDER
-#include "zo/zo.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/Random.h"
+#include "zo/zo.h"
 
 #include <cstdio>
 #include <cstring>
@@ -39,7 +39,8 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "store_and_read: the file read back differs from what was stored\n");
             return 1;
         }
-        std::printf("stored and read back %d bytes through %s: identical\n", data.getUsed(), file.toString().toUTF8().c_str());
+        std::printf("stored and read back %d bytes through %s: identical\n", data.getUsed(),
+                    file.toString().toUTF8().c_str());
         return 0;
     } catch (const CError& e) {
         std::fprintf(stderr, "store_and_read: %s\n", e.toString().toUTF8().c_str());

@@ -2,7 +2,7 @@
 // primary and fallback copies of a record. The first byte chooses which
 // copies exist and how the fallback copy differs; the rest is the file.
 // Every CError is an accepted outcome; anything else is a bug.
-#include "brick/BrickDiskAuxFileBase.h"
+#include "brick/format/BrickDiskAuxFileBase.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"

@@ -5,9 +5,9 @@
 // what lies behind them: the chain inspection, the opening, link following
 // and a first read. Every CError is an accepted outcome; a crash, a hang or
 // an allocation by a hostile field is a bug.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskAuxFileBase.h"
-#include "brick/BrickDiskChain.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskAuxFileBase.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"

@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the disk header parser. The bytes are framed as a
 // valid "disk.brickdisk" (with a matching digest) so that every input reaches
 // the parser. Every CError is an accepted outcome; anything else is a bug.
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDiskHeader.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"

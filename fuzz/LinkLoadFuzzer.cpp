@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the link file parser. The bytes are framed as a
 // valid link file (with a matching digest) so that every input reaches the
 // parser. Every CError is an accepted outcome; anything else is a bug.
-#include "brick/BrickDiskLink.h"
+#include "brick/format/BrickDiskLink.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"

@@ -20,8 +20,8 @@
 //   mode 5  the payload is sealed as the compressed bytes of a brick (by a
 //           preparer of the same key without compressor, which the tag does
 //           not cover), so the decompressor sees attacker-chosen bytes.
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "zo/Error.h"
@@ -47,18 +47,10 @@ struct PreparerConfig {
 // The order is part of the seed corpus: byte 1 of an input indexes it, so new
 // preparers go at the end.
 constexpr PreparerConfig kConfigs[] = {
-    {"null", "aes256cbc", "md5", 4096},
-    {"zlib-6", "aes256cbc", "md5", 4096},
-    {"lz4", "aes256cbc", "md5", 4096},
-    {"lz4hc", "aes256cbc", "md5", 4096},
-    {"lzma-6", "aes256cbc", "md5", 4096},
-    {"null", "null", "sha256", 0x80000},
-    {"zlib-6", "null", "sha256", 0x80000},
-    {"lz4", "null", "sha256", 0x80000},
-    {"lz4hc", "null", "sha256", 0x80000},
-    {"lzma-6", "null", "sha256", 0x80000},
-    {"zstd-3", "aes256cbc", "md5", 4096},
-    {"zstd-3", "null", "sha256", 0x80000},
+    {"null", "aes256cbc", "md5", 4096},    {"zlib-6", "aes256cbc", "md5", 4096}, {"lz4", "aes256cbc", "md5", 4096},
+    {"lz4hc", "aes256cbc", "md5", 4096},   {"lzma-6", "aes256cbc", "md5", 4096}, {"null", "null", "sha256", 0x80000},
+    {"zlib-6", "null", "sha256", 0x80000}, {"lz4", "null", "sha256", 0x80000},   {"lz4hc", "null", "sha256", 0x80000},
+    {"lzma-6", "null", "sha256", 0x80000}, {"zstd-3", "aes256cbc", "md5", 4096}, {"zstd-3", "null", "sha256", 0x80000},
 };
 constexpr size_t kConfigCount = sizeof(kConfigs) / sizeof(kConfigs[0]);
 

@@ -8,7 +8,7 @@ packages=(
   build-essential g++ cmake ninja-build pkg-config
   libssl-dev zlib1g-dev liblz4-dev liblzma-dev libzstd-dev libargon2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
-  clang e2fsprogs
+  clang clang-format e2fsprogs
   librados-dev libradospp-dev libcurl4-openssl-dev
   ceph-mon ceph-mgr ceph-osd ceph-common radosgw curl
   nbdkit nbdkit-plugin-dev libnbd-bin fuse3 fio qemu-utils

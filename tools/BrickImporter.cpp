@@ -1,6 +1,6 @@
 #include "BrickImporter.h"
 
-#include "brick/Brick.h"
+#include "brick/chain/Brick.h"
 #include "zo/Buffer.h"
 #include "zo/Error.h"
 
@@ -10,8 +10,8 @@
 namespace cli {
 
 CBrickImporter::CBrickImporter(brick::CBrickDisk& disk, int jobs)
-    : m_brickSize(static_cast<int>(disk.getBrickSize())),
-      m_diskSize(disk.getSize()), m_storeQueue(disk.getStoreQueue()), m_window(2 * std::max(1, jobs) + 2)
+    : m_brickSize(static_cast<int>(disk.getBrickSize())), m_diskSize(disk.getSize()),
+      m_storeQueue(disk.getStoreQueue()), m_window(2 * std::max(1, jobs) + 2)
 {
     for (int i = 0; i < std::max(1, jobs); ++i) {
         zo::P<brick::CBrickDataPreparer> preparer = disk.createDataPreparer();
@@ -110,10 +110,9 @@ void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, bri
     }
 
     task.zero = task.hole || zo::isAllZero(plain, static_cast<size_t>(m_brickSize));
-    const bool unchanged =
-        state == Absent ? task.zero
-                        : state == Read && current.getUsed() == m_brickSize &&
-                              std::memcmp(current.getData(), plain, static_cast<size_t>(m_brickSize)) == 0;
+    const bool unchanged = state == Absent ? task.zero
+                                           : state == Read && current.getUsed() == m_brickSize &&
+            std::memcmp(current.getData(), plain, static_cast<size_t>(m_brickSize)) == 0;
     if (unchanged) {
         task.outcome = Task::Unchanged;
         return;

@@ -10,8 +10,8 @@
 
 #include "ImageSource.h"
 
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickDataPreparer.h"
 
 #include <condition_variable>
 #include <deque>
@@ -28,11 +28,11 @@ namespace cli {
 class CBrickImporter {
 public:
     struct Counts {
-        zo::int64 imageBytes = 0;   // bytes read from the image
-        zo::int64 written = 0;      // changed bricks stored with data
-        zo::int64 zero = 0;         // changed bricks that became all zero
-        zo::int64 skipped = 0;      // bricks equal to what the disk held
-        zo::int64 storedBytes = 0;  // size of the brick files handed over
+        zo::int64 imageBytes = 0; // bytes read from the image
+        zo::int64 written = 0; // changed bricks stored with data
+        zo::int64 zero = 0; // changed bricks that became all zero
+        zo::int64 skipped = 0; // bricks equal to what the disk held
+        zo::int64 storedBytes = 0; // size of the brick files handed over
     };
 
     // Starts `jobs` worker threads over `disk`, which must be open for

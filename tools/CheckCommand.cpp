@@ -10,12 +10,12 @@
 #include "Progress.h"
 #include "Units.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickFileChecker.h"
-#include "brick/BrickDiskKeyWrap.h"
-#include "brick/BrickDiskLink.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskKeyWrap.h"
+#include "brick/format/BrickDiskLink.h"
+#include "brick/format/BrickFileChecker.h"
+#include "brick/format/BrickTree.h"
 #include "zo/Error.h"
 #include "zo/WorkerPool.h"
 
@@ -89,7 +89,8 @@ private:
 // atomically, the damaged one first and the intact one last); returns true
 // when it did so.
 bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& fileName,
-                    const brick::CBrickDiskAuxFileBase::CopyCheck& primary, const brick::CBrickDiskAuxFileBase::CopyCheck& fallback, CFindings& findings)
+                    const brick::CBrickDiskAuxFileBase::CopyCheck& primary,
+                    const brick::CBrickDiskAuxFileBase::CopyCheck& fallback, CFindings& findings)
 {
     if (primary.isIntact() == fallback.isIntact())
         return false;
@@ -110,8 +111,10 @@ bool repairFromTwin(zo::IFileSystem* fs, const zo::CURI& folder, const zo::Strin
 void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, bool repair, CFindings& findings)
 {
     const zo::String fileName = brick::CBrickDiskHeader::getHeaderFilename();
-    const brick::CBrickDiskAuxFileBase::CopyCheck primary = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, fileName, 0);
-    const brick::CBrickDiskAuxFileBase::CopyCheck fallback = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, fileName, 1);
+    const brick::CBrickDiskAuxFileBase::CopyCheck primary =
+        brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, fileName, 0);
+    const brick::CBrickDiskAuxFileBase::CopyCheck fallback =
+        brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, fileName, 1);
     if (repair && repairFromTwin(fs, folder, fileName, primary, fallback, findings))
         return;
     for (const brick::CBrickDiskAuxFileBase::CopyCheck* copy : {&primary, &fallback}) {
@@ -127,9 +130,12 @@ void checkHeaderCopies(zo::IFileSystem* fs, const zo::CURI& folder, bool repair,
 zo::CURI checkLink(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrickDiskHeader& header,
                    const zo::String& linkName, bool repair, CFindings& findings)
 {
-    const brick::CBrickDiskAuxFileBase::CopyCheck primary = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, linkName, 0);
-    const brick::CBrickDiskAuxFileBase::CopyCheck fallback = brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, linkName, 1);
-    if (primary.kind == brick::CBrickDiskAuxFileBase::CopyCheck::Missing && fallback.kind == brick::CBrickDiskAuxFileBase::CopyCheck::Missing)
+    const brick::CBrickDiskAuxFileBase::CopyCheck primary =
+        brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, linkName, 0);
+    const brick::CBrickDiskAuxFileBase::CopyCheck fallback =
+        brick::CBrickDiskAuxFileBase::checkAuxFileCopy(fs, folder, linkName, 1);
+    if (primary.kind == brick::CBrickDiskAuxFileBase::CopyCheck::Missing &&
+        fallback.kind == brick::CBrickDiskAuxFileBase::CopyCheck::Missing)
         return zo::CURI();
     const bool repaired = repair && repairFromTwin(fs, folder, linkName, primary, fallback, findings);
     for (const brick::CBrickDiskAuxFileBase::CopyCheck* copy : {&primary, &fallback}) {
@@ -158,7 +164,8 @@ void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrick
     checkLink(fs, folder, header, brick::CBrickDisk::getParentLinkFileName(), repair, findings);
     const zo::CURI child = checkLink(fs, folder, header, brick::CBrickDisk::getChildLinkFileName(), repair, findings);
     if (!child.isEmpty()) {
-        const zo::CURI back = brick::CBrickDiskChain::loadLinkedFolder(fs, child, brick::CBrickDisk::getParentLinkFileName());
+        const zo::CURI back =
+            brick::CBrickDiskChain::loadLinkedFolder(fs, child, brick::CBrickDisk::getParentLinkFileName());
         if (back != folder)
             findings.problem("the child disk " + child.toLocalPath() + " does not link back to this disk");
     }
@@ -172,8 +179,7 @@ void checkLinks(zo::IFileSystem* fs, const zo::CURI& folder, const brick::CBrick
 // Checks every brick file on `jobs` threads, each with a checker of its own;
 // returns one text per file, empty for a good one.
 std::vector<std::string> checkBrickFiles(zo::IFileSystem* fs, const brick::CBrickTree::Listing& listing,
-                                         const brick::CBrickDiskHeader& header,
-                                         brick::CBrickDisk* disk, int jobs)
+                                         const brick::CBrickDiskHeader& header, brick::CBrickDisk* disk, int jobs)
 {
     std::vector<std::string> verdicts(listing.bricks.size());
     std::vector<std::unique_ptr<brick::CBrickFileChecker>> checkers;
@@ -213,9 +219,9 @@ int runCheck(const CheckOptions& options)
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
     // Repairs change the disk: then nobody else may use it meanwhile, and
     // taking the lock for writing removes the leftovers of interrupted stores.
-    const zo::P<brick::CBrickDiskLock> lock =
-        lockDisk(fs.get(), folder, options.repair ? brick::CBrickDiskLock::ForWriting : brick::CBrickDiskLock::ForReading,
-                 options.forceShare);
+    const zo::P<brick::CBrickDiskLock> lock = lockDisk(
+        fs.get(), folder, options.repair ? brick::CBrickDiskLock::ForWriting : brick::CBrickDiskLock::ForReading,
+        options.forceShare);
     if (lock && lock->getRemovedTemporaryFileCount() > 0)
         findings.repaired("removed " +
                           formatCount(lock->getRemovedTemporaryFileCount(), "temporary file", "temporary files") +
@@ -236,7 +242,8 @@ int runCheck(const CheckOptions& options)
         if (verdict.empty() && brick.index >= brickCount)
             verdict = "lies beyond the end of the disk";
         if (!verdict.empty())
-            findings.problem("brick " + std::to_string(brick.index) + " (" + brick.path.toLocalPath() + "): " + verdict);
+            findings.problem("brick " + std::to_string(brick.index) + " (" + brick.path.toLocalPath() +
+                             "): " + verdict);
     }
     for (const zo::CURI& entry : listing.unexpectedEntries)
         findings.problem("unexpected entry in the brick tree: " + entry.toLocalPath());
@@ -259,8 +266,8 @@ int runCheck(const CheckOptions& options)
         std::cout << std::flush;
     } else {
         const std::string repairs = findings.getRepairCount() == 0
-                                        ? std::string()
-                                        : ", " + std::to_string(findings.getRepairCount()) + " repaired";
+            ? std::string()
+            : ", " + std::to_string(findings.getRepairCount()) + " repaired";
         const int problems = findings.getProblemCount();
         std::printf("checked the header, the links and %s (%s)%s: %s%s\n",
                     formatCount(static_cast<zo::int64>(listing.bricks.size()), "brick file", "brick files").c_str(),
@@ -276,8 +283,8 @@ int runCheck(const CheckOptions& options)
 CommandAction addCheckCommand(CLI::App& program)
 {
     auto options = std::make_shared<CheckOptions>();
-    CLI::App* command = program.add_subcommand(
-        "check", "Look for damage: header copies, links and the digest of every brick file");
+    CLI::App* command =
+        program.add_subcommand("check", "Look for damage: header copies, links and the digest of every brick file");
     command->add_option("DISK", options->disk, "Folder of the disk")->required();
     command->add_flag("--read-data", options->readData,
                       "Also decrypt and decompress every brick and check its inner digest (needs the password)");

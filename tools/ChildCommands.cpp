@@ -11,10 +11,10 @@
 #include "DiskAccess.h"
 #include "UsageError.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskLink.h"
-#include "brick/ServeControl.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskLink.h"
+#include "brick/serving/ServeControl.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -52,9 +52,7 @@ void refuseFolderInsideChain(const brick::CBrickDiskChain& chain, const zo::CURI
     for (const zo::CURI& disk : disks) {
         if (childPath.rfind(disk.toLocalPath() + "/", 0) == 0)
             throw zo::CError("The new disk would lie inside the folder of a disk of the chain.", zo::String(), -1,
-                             zo::CProps()
-                                 .add("diskFolder", child.toLocalPath())
-                                 .add("insideDisk", disk.toLocalPath()));
+                             zo::CProps().add("diskFolder", child.toLocalPath()).add("insideDisk", disk.toLocalPath()));
     }
 }
 
@@ -81,14 +79,12 @@ bool takenByServer(zo::IFileSystem* fs, const zo::CURI& parent, const zo::CURI& 
     if (!answer)
         return false;
     if (!answer->empty())
-        throw zo::CError("The server of the disk could not take the snapshot: " + zo::String(*answer), zo::String(),
-                         -1, zo::CProps().add("diskFolder", parent.toString(true)));
+        throw zo::CError("The server of the disk could not take the snapshot: " + zo::String(*answer), zo::String(), -1,
+                         zo::CProps().add("diskFolder", parent.toString(true)));
     if (!isSnapshotOf(fs, child, parent))
-        throw zo::CError("The server of the disk answered that it took the snapshot, but there is no such snapshot.",
-                         zo::String(), -1,
-                         zo::CProps()
-                             .add("diskFolder", parent.toString(true))
-                             .add("snapshotFolder", child.toString(true)));
+        throw zo::CError(
+            "The server of the disk answered that it took the snapshot, but there is no such snapshot.", zo::String(),
+            -1, zo::CProps().add("diskFolder", parent.toString(true)).add("snapshotFolder", child.toString(true)));
     std::printf("created snapshot %s of %s (taken by the server of the disk)\n", child.toLocalPath().c_str(),
                 parent.toLocalPath().c_str());
     return true;
@@ -106,8 +102,7 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
     const brick::CBrickDiskChain chain(fs.get(), parent);
     chain.validate();
     // A child whose making was cut short is finished by making it again.
-    const bool unfinished =
-        brick::CBrickDisk::getCompletion(fs.get(), child) == brick::CBrickDisk::CreationUnfinished;
+    const bool unfinished = brick::CBrickDisk::getCompletion(fs.get(), child) == brick::CBrickDisk::CreationUnfinished;
     refuseFolderInsideChain(chain, child, unfinished);
     if (!unfinished && !isMissingOrEmptyFolder(fs.get(), child))
         throw zo::CError("Cannot create a child disk in a folder that is not empty.", zo::String(), -1,

@@ -15,8 +15,8 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/ChainCopier.h"
-#include "brick/ChainRekeyer.h"
+#include "brick/backup/ChainCopier.h"
+#include "brick/backup/ChainRekeyer.h"
 
 #include <CLI/CLI.hpp>
 
@@ -136,8 +136,7 @@ int runRekeyedCopy(const CopyOptions& options)
     const zo::P<zo::IFileSystem> sourceFs = newFileSystem(source, true, 2);
     const zo::P<zo::IFileSystem> destinationFs = newFileSystem(destination, true, 2);
     loadDiskHeader(sourceFs.get(), source);
-    const zo::P<brick::CBrickDiskLock> sourceLock =
-        lockDisk(sourceFs.get(), source, brick::CBrickDiskLock::ForReading);
+    const zo::P<brick::CBrickDiskLock> sourceLock = lockDisk(sourceFs.get(), source, brick::CBrickDiskLock::ForReading);
     rekey.password = options.passwords.forExistingDisk(options.source);
     rekey.newPassword = options.newPasswords.forNewDisk(options.destination);
 
@@ -202,8 +201,7 @@ int runCopy(const CopyOptions& options)
     const zo::P<zo::IFileSystem> sourceFs = newFileSystem(source, true, 2);
     const zo::P<zo::IFileSystem> destinationFs = newFileSystem(destination, true, copy.jobs);
     loadDiskHeader(sourceFs.get(), source);
-    const zo::P<brick::CBrickDiskLock> sourceLock =
-        lockDisk(sourceFs.get(), source, brick::CBrickDiskLock::ForReading);
+    const zo::P<brick::CBrickDiskLock> sourceLock = lockDisk(sourceFs.get(), source, brick::CBrickDiskLock::ForReading);
     zo::P<brick::CBrickDiskLock> destinationLock;
     const bool destinationExisted = destinationFs->pathExists(destination);
     if (!options.dryRun) {
@@ -259,12 +257,14 @@ CommandAction addCopyCommand(CLI::App& program)
 {
     auto options = std::make_shared<CopyOptions>();
     CLI::App* command = program.add_subcommand(
-        "copy", "Copy a disk and its snapshots to another folder or store as they are stored, without the password; "
-                "a second copy sends only what changed");
+        "copy",
+        "Copy a disk and its snapshots to another folder or store as they are stored, without the password; "
+        "a second copy sends only what changed");
     command->add_option("SOURCE", options->source, "Folder of the top disk of the chain")->required();
-    command->add_option("DEST", options->destination,
-                        "Folder of the copy's top disk; each snapshot goes where its path relative to SOURCE says, "
-                        "relative to DEST")
+    command
+        ->add_option("DEST", options->destination,
+                     "Folder of the copy's top disk; each snapshot goes where its path relative to SOURCE says, "
+                     "relative to DEST")
         ->required();
     command->add_option("--snapshots", options->snapshots,
                         "all (the default), none, or a comma list of snapshot folder names (the newest ones)");

@@ -13,9 +13,9 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskHeaderLimits.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskHeaderLimits.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -66,7 +66,7 @@ std::string encryptionDescription(const brick::CBrickDiskHeader& header)
         const seal::Argon2idCost cost{header.getCipherKeyDerivationIterations(),
                                       header.getCipherKeyDerivationMemoryKiB(), header.getCipherKeyDerivationLanes()};
         return "encrypted with " + cipher + ", key wrapped under argon2id (" + CKeyDerivationOptions::describe(cost) +
-               ")";
+            ")";
     }
     return "encrypted with " + cipher + ", key by PKCS5-PBKDF2-HMAC-SHA1";
 }
@@ -78,14 +78,15 @@ brick::CBrickDisk::CreateOptions diskChoices(const CreateOptions& options, const
         throw UsageError("--cipher does not go with --no-encryption");
     brick::CBrickDisk::CreateOptions choices;
     choices.diskSize = parseByteSize(options.size, "disk size");
-    const std::string brickSize =
-        !options.brickSize.empty() ? options.brickSize : isLocalFolder(folder) ? kLocalBrickSize : kObjectStoreBrickSize;
+    const std::string brickSize = !options.brickSize.empty() ? options.brickSize
+        : isLocalFolder(folder)                              ? kLocalBrickSize
+                                                             : kObjectStoreBrickSize;
     const zo::int64 brickBytes = parseByteSize(brickSize, "brick size");
     // A size beyond every valid one stays invalid when it is narrowed.
     choices.brickSize = brickBytes > brick::CBrickDiskHeaderLimits::kMaxBrickSize ? -1 : static_cast<int>(brickBytes);
     choices.compressorID = zo::String(!options.compression.empty() ? options.compression
-                                      : isLocalFolder(folder)       ? kLocalCompression
-                                                                    : kObjectStoreCompression);
+                                          : isLocalFolder(folder)  ? kLocalCompression
+                                                                   : kObjectStoreCompression);
     choices.keyDeriverID = options.kdf == "argon2id" ? brick::CBrickDiskHeader::kKeyWrappingDeriverID
                                                      : brick::CBrickDiskHeader::kPBKDF2DeriverID;
     choices.checkSumID = zo::String(options.checksum);
@@ -159,8 +160,7 @@ CommandAction addCreateCommand(CLI::App& program)
 {
     auto options = std::make_shared<CreateOptions>();
     CLI::App* command = program.add_subcommand("create", "Make a new, empty disk in a folder");
-    command->add_option("DISK", options->disk, "Folder of the new disk (made when missing; must be empty)")
-        ->required();
+    command->add_option("DISK", options->disk, "Folder of the new disk (made when missing; must be empty)")->required();
     command->add_option("--size", options->size, "Size of the disk, e.g. 64G (K, M, G, T are powers of 1024)")
         ->required();
     command->add_option("--brick-size", options->brickSize,
@@ -169,18 +169,21 @@ CommandAction addCreateCommand(CLI::App& program)
     command->add_option("--compression", options->compression,
                         "Compressor of the bricks: null, lz4, lz4hc, zlib-LEVEL, lzma-PRESET[-EXTREME], zstd-LEVEL "
                         "(default: lz4 in a folder, zstd-3 in an object store)");
-    command->add_option("--checksum", options->checksum,
-                        "Digest of every brick: hmac-sha256 (keyed, bound to the brick's index; the default with "
-                        "--kdf argon2id), or with --kdf pbkdf2 sha256 (its default) or md5")
+    command
+        ->add_option("--checksum", options->checksum,
+                     "Digest of every brick: hmac-sha256 (keyed, bound to the brick's index; the default with "
+                     "--kdf argon2id), or with --kdf pbkdf2 sha256 (its default) or md5")
         ->check(CLI::IsMember({"hmac-sha256", "sha256", "md5"}));
-    command->add_option("--cipher", options->cipher,
-                        "Cipher of the bricks: aes256gcm (authenticates each brick itself; the default with --kdf "
-                        "argon2id) or aes256cbc (with keyed digests; the only choice with --kdf pbkdf2)")
+    command
+        ->add_option("--cipher", options->cipher,
+                     "Cipher of the bricks: aes256gcm (authenticates each brick itself; the default with --kdf "
+                     "argon2id) or aes256cbc (with keyed digests; the only choice with --kdf pbkdf2)")
         ->check(CLI::IsMember({"aes256gcm", "aes256cbc"}));
-    command->add_option("--kdf", options->kdf,
-                        "Key derivation: argon2id (a random key wrapped under a memory-hard derivation of the "
-                        "password, which passwd can change) or pbkdf2 (the key derived from the password itself, "
-                        "as older disks have it)")
+    command
+        ->add_option("--kdf", options->kdf,
+                     "Key derivation: argon2id (a random key wrapped under a memory-hard derivation of the "
+                     "password, which passwd can change) or pbkdf2 (the key derived from the password itself, "
+                     "as older disks have it)")
         ->check(CLI::IsMember({"argon2id", "pbkdf2"}))
         ->capture_default_str();
     options->cost.addTo(*command);

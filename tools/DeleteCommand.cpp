@@ -8,8 +8,8 @@
 #include "Progress.h"
 #include "Units.h"
 
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskRemover.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickDiskRemover.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -41,8 +41,8 @@ int runDelete(const DeleteOptions& options)
         // A snapshot whose making or deletion was cut short does not open;
         // its mark names the parent, its child link the child.
         const zo::String mark = completion == brick::CBrickDisk::CreationUnfinished
-                                    ? brick::CBrickDisk::getCreatingMarkFileName()
-                                    : brick::CBrickDisk::getRemovingMarkFileName();
+            ? brick::CBrickDisk::getCreatingMarkFileName()
+            : brick::CBrickDisk::getRemovingMarkFileName();
         const zo::CURI parent = brick::CBrickDiskChain::loadLinkedFolder(fs.get(), folder, mark);
         child = brick::CBrickDiskChain::loadLinkedFolder(fs.get(), folder, brick::CBrickDisk::getChildLinkFileName());
         diskLock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);
@@ -77,9 +77,9 @@ int runDelete(const DeleteOptions& options)
                 progress.reset();
                 shown = phase;
                 const bool copying = phase == brick::CBrickDiskRemover::Phase::CopyingBricks;
-                progress = std::make_unique<CProgressBar>(
-                    copying ? "delete: keeping bricks for the child" : "delete: deleting files", total,
-                    copying ? "bricks" : "files");
+                progress = std::make_unique<CProgressBar>(copying ? "delete: keeping bricks for the child"
+                                                                  : "delete: deleting files",
+                                                          total, copying ? "bricks" : "files");
             }
             progress->update(done);
         };

@@ -10,8 +10,8 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -58,11 +58,10 @@ std::vector<zo::uint8> brickOf(const brick::CBrickDisk& disk, zo::int64 index, i
         throwBrickReadError(disk, index, e);
     }
     if (plain.getUsed() < size)
-        throwBrickReadError(disk, index,
-                            zo::CIOError(zo::CIOError::InvalidData, "Brick holds fewer bytes than the disk expects.",
-                                         zo::CProps()
-                                             .add("diskFolder", disk.getDiskFolder().toString(true))
-                                             .add("brickIndex", index)));
+        throwBrickReadError(
+            disk, index,
+            zo::CIOError(zo::CIOError::InvalidData, "Brick holds fewer bytes than the disk expects.",
+                         zo::CProps().add("diskFolder", disk.getDiskFolder().toString(true)).add("brickIndex", index)));
     return std::vector<zo::uint8>(plain.getData(), plain.getData() + size);
 }
 
@@ -104,7 +103,8 @@ int runDiff(const DiffOptions& options)
             firstDisk = openDisk(fs.get(), first, options.passwords, zo::IIOStream::AccessRead, 1);
             secondDisk = openDisk(fs.get(), second, options.passwords, zo::IIOStream::AccessRead, 1);
         }
-        const int size = static_cast<int>(std::min<zo::int64>(header.getBrickSize(), header.getDiskSize() - index * header.getBrickSize()));
+        const int size = static_cast<int>(
+            std::min<zo::int64>(header.getBrickSize(), header.getDiskSize() - index * header.getBrickSize()));
         const std::vector<zo::uint8> x = brickOf(*firstDisk, index, size);
         const std::vector<zo::uint8> y = brickOf(*secondDisk, index, size);
         ++decoded;
@@ -151,8 +151,7 @@ int runDiff(const DiffOptions& options)
 CommandAction addDiffCommand(CLI::App& program)
 {
     auto options = std::make_shared<DiffOptions>();
-    CLI::App* command =
-        program.add_subcommand("diff", "Show which bricks read differently in two disks of one chain");
+    CLI::App* command = program.add_subcommand("diff", "Show which bricks read differently in two disks of one chain");
     command->add_option("A", options->first, "Folder of one disk")->required();
     command->add_option("B", options->second, "Folder of another disk of the same chain")->required();
     command->add_flag("--json", options->json, "Print the same as one JSON object");

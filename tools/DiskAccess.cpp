@@ -2,9 +2,9 @@
 
 #include "UsageError.h"
 
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickTree.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -172,8 +172,9 @@ zo::P<brick::CBrickDiskLock> acquireLock(zo::IFileSystem* fs, const zo::CURI& fo
         throw zo::CError(message, zo::String(), -1, props);
     }
     if (!lock->isHeld())
-        std::fprintf(stderr, "brickdisk: warning: the file system of %s cannot lock it; nothing keeps other "
-                             "processes from using it at the same time\n",
+        std::fprintf(stderr,
+                     "brickdisk: warning: the file system of %s cannot lock it; nothing keeps other "
+                     "processes from using it at the same time\n",
                      folder.toLocalPath().c_str());
     return lock;
 }
@@ -212,11 +213,9 @@ zo::CURI locateBrickFile(const brick::CBrickDisk& disk, zo::int64 index)
 
 void throwBrickReadError(const brick::CBrickDisk& disk, zo::int64 index, const zo::CError& cause)
 {
-    throw zo::CError("Cannot read brick " + zo::toDecimalString(index) + ".", zo::String(), -1,
-                     zo::CProps()
-                         .add("brickIndex", index)
-                         .add("brickFile", locateBrickFile(disk, index).toString(true)),
-                     &cause);
+    throw zo::CError(
+        "Cannot read brick " + zo::toDecimalString(index) + ".", zo::String(), -1,
+        zo::CProps().add("brickIndex", index).add("brickFile", locateBrickFile(disk, index).toString(true)), &cause);
 }
 
 } // namespace cli

@@ -6,10 +6,10 @@
 
 #include "Password.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskLock.h"
-#include "brick/DiskStore.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskLock.h"
+#include "brick/chain/DiskStore.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/URI.h"
 

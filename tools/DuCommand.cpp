@@ -7,7 +7,7 @@
 #include "JsonWriter.h"
 #include "Units.h"
 
-#include "brick/ChainSpace.h"
+#include "brick/backup/ChainSpace.h"
 
 #include <CLI/CLI.hpp>
 

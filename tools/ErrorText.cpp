@@ -9,8 +9,7 @@ namespace {
 // Properties that only the library's own code reads.
 const std::set<std::string>& internalPropertyNames()
 {
-    static const std::set<std::string> names{zo::CFileSystemError::getProblemPropertyName(), "errno",
-                                             "systemMessage"};
+    static const std::set<std::string> names{zo::CFileSystemError::getProblemPropertyName(), "errno", "systemMessage"};
     return names;
 }
 
@@ -19,17 +18,28 @@ const std::set<std::string>& internalPropertyNames()
 std::string problemInWords(const zo::CProps& props)
 {
     switch (zo::CFileSystemError::getProblem(props)) {
-    case zo::CFileSystemError::NotFound: return "no such file or folder";
-    case zo::CFileSystemError::AlreadyExists: return "it exists already";
-    case zo::CFileSystemError::AccessDenied: return "permission denied";
-    case zo::CFileSystemError::NoSpace: return "no space left on device";
-    case zo::CFileSystemError::NotAFolder: return "a part of the path is not a folder";
-    case zo::CFileSystemError::NotSupported: return "not supported by the file system";
-    case zo::CFileSystemError::IsAFolder: return "it is a folder";
-    case zo::CFileSystemError::FolderNotEmpty: return "the folder is not empty";
-    case zo::CFileSystemError::InvalidName: return "invalid name";
-    case zo::CFileSystemError::Locked: return "locked by someone else";
-    default: return std::string();
+    case zo::CFileSystemError::NotFound:
+        return "no such file or folder";
+    case zo::CFileSystemError::AlreadyExists:
+        return "it exists already";
+    case zo::CFileSystemError::AccessDenied:
+        return "permission denied";
+    case zo::CFileSystemError::NoSpace:
+        return "no space left on device";
+    case zo::CFileSystemError::NotAFolder:
+        return "a part of the path is not a folder";
+    case zo::CFileSystemError::NotSupported:
+        return "not supported by the file system";
+    case zo::CFileSystemError::IsAFolder:
+        return "it is a folder";
+    case zo::CFileSystemError::FolderNotEmpty:
+        return "the folder is not empty";
+    case zo::CFileSystemError::InvalidName:
+        return "invalid name";
+    case zo::CFileSystemError::Locked:
+        return "locked by someone else";
+    default:
+        return std::string();
     }
 }
 

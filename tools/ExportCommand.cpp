@@ -9,8 +9,8 @@
 #include "Progress.h"
 #include "Units.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskStreamWithParallelReadAhead.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/streams/BrickDiskStreamWithParallelReadAhead.h"
 #include "zo/Buffer.h"
 #include "zo/Error.h"
 
@@ -110,8 +110,8 @@ void printSummary(std::FILE* out, const ExportCounts& counts, double seconds, bo
     std::fprintf(out, "\n");
 }
 
-void printJsonSummary(std::FILE* out, const ExportOptions& options, const zo::CURI& folder,
-                      const ExportCounts& counts, double seconds, bool holes)
+void printJsonSummary(std::FILE* out, const ExportOptions& options, const zo::CURI& folder, const ExportCounts& counts,
+                      double seconds, bool holes)
 {
     std::ostringstream text;
     CJsonWriter json(text);
@@ -181,12 +181,12 @@ int runExport(const ExportOptions& options)
 CommandAction addExportCommand(CLI::App& program)
 {
     auto options = std::make_shared<ExportOptions>();
-    CLI::App* command =
-        program.add_subcommand("export", "Read a whole disk into an image file (or standard output)");
+    CLI::App* command = program.add_subcommand("export", "Read a whole disk into an image file (or standard output)");
     command->add_option("DISK", options->disk, "Folder of the disk")->required();
-    command->add_option("IMAGE", options->image,
-                        "Image file (created, or replaced with --force; all-zero bricks become holes), a block "
-                        "device, or - for standard output")
+    command
+        ->add_option("IMAGE", options->image,
+                     "Image file (created, or replaced with --force; all-zero bricks become holes), a block "
+                     "device, or - for standard output")
         ->required();
     command->add_flag("--force", options->force, "Replace an image file that exists and is not empty");
     command->add_flag("--skip-damaged", options->skipDamaged,

@@ -11,8 +11,8 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/BrickDiskChain.h"
-#include "brick/RetentionPlan.h"
+#include "brick/backup/RetentionPlan.h"
+#include "brick/chain/BrickDiskChain.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -62,9 +62,14 @@ zo::CURI parentOf(zo::IFileSystem* fs, const zo::CURI& disk)
 {
     zo::String link = brick::CBrickDisk::getParentLinkFileName();
     switch (brick::CBrickDisk::getCompletion(fs, disk)) {
-    case brick::CBrickDisk::CreationUnfinished: link = brick::CBrickDisk::getCreatingMarkFileName(); break;
-    case brick::CBrickDisk::RemovalUnfinished: link = brick::CBrickDisk::getRemovingMarkFileName(); break;
-    case brick::CBrickDisk::Finished: break;
+    case brick::CBrickDisk::CreationUnfinished:
+        link = brick::CBrickDisk::getCreatingMarkFileName();
+        break;
+    case brick::CBrickDisk::RemovalUnfinished:
+        link = brick::CBrickDisk::getRemovingMarkFileName();
+        break;
+    case brick::CBrickDisk::Finished:
+        break;
     }
     return brick::CBrickDiskChain::loadLinkedFolder(fs, disk, link);
 }

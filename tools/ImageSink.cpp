@@ -211,8 +211,9 @@ void CImageSink::writeAll(const zo::uint8* data, size_t size)
 {
     while (size > 0) {
         const size_t page = PageAlignedAllocator<zo::uint8>::kPage;
-        if (m_direct && (reinterpret_cast<uintptr_t>(data) % page != 0 || size % page != 0 ||
-                         static_cast<zo::uint64>(m_position) % page != 0))
+        if (m_direct &&
+            (reinterpret_cast<uintptr_t>(data) % page != 0 || size % page != 0 ||
+             static_cast<zo::uint64>(m_position) % page != 0))
             stopDirectIO();
         const ssize_t n = m_sparse ? ::pwrite(m_fd, data, size, m_position) : ::write(m_fd, data, size);
         if (n < 0 && errno == EINTR)

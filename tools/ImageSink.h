@@ -42,8 +42,7 @@ struct PageAlignedAllocator {
     PageAlignedAllocator() = default;
     template <class U>
     PageAlignedAllocator(const PageAlignedAllocator<U>&) noexcept
-    {
-    }
+    {}
 
     T* allocate(size_t count)
     {
@@ -122,10 +121,10 @@ private:
     int m_fd = -1;
     bool m_ownsFd = false;
     bool m_sparse = false;
-    bool m_direct = false;  // the writer thread's alone once it runs
+    bool m_direct = false; // the writer thread's alone once it runs
     std::string m_path;
     std::string m_temporaryPath;
-    zo::int64 m_position = 0;  // the writer thread's alone
+    zo::int64 m_position = 0; // the writer thread's alone
 
     std::mutex m_mutex;
     std::condition_variable m_changed;

@@ -11,10 +11,10 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/Brick.h"
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/Brick.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickTree.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -50,7 +50,8 @@ void throwIfAnySaveFailed(brick::CBrickDisk& disk)
         if (error.brickIndex < lowest->brickIndex)
             lowest = &error;
     }
-    const zo::CURI file = disk.getDiskFolder() << brick::CBrickTree::getRelativeBrickURI(disk.getHeader(), lowest->brickIndex);
+    const zo::CURI file = disk.getDiskFolder()
+        << brick::CBrickTree::getRelativeBrickURI(disk.getHeader(), lowest->brickIndex);
     throw zo::CError("Storing brick " + zo::toDecimalString(lowest->brickIndex) + " failed.", zo::String(), -1,
                      zo::CProps()
                          .add("brickIndex", lowest->brickIndex)
@@ -108,7 +109,8 @@ int runImport(const ImportOptions& options)
 
     const brick::CBrickDiskHeader header = loadDiskHeader(fs.get(), folder);
     const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForWriting);
-    const zo::CURI parent = brick::CBrickDiskChain::loadLinkedFolder(fs.get(), folder, brick::CBrickDisk::getParentLinkFileName());
+    const zo::CURI parent =
+        brick::CBrickDiskChain::loadLinkedFolder(fs.get(), folder, brick::CBrickDisk::getParentLinkFileName());
     if (!parent.isEmpty() && !options.allowParent)
         throw UsageError("the disk " + folder.toLocalPath() + " has a parent disk (" + parent.toLocalPath() +
                          "); give --allow-parent to write into it (its parent is never changed)");

@@ -6,11 +6,11 @@
 #include "KeyDerivationOptions.h"
 #include "Units.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskKeyWrap.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskKeyWrap.h"
+#include "brick/format/BrickTree.h"
 #include "seal/Cipher.h"
 
 #include <CLI/CLI.hpp>
@@ -54,8 +54,7 @@ struct DiskInfo {
     // "original": plain digests, and a key derived from the password itself.
     std::string format() const
     {
-        return header.getCheckSumHashID() == brick::CBrickDisk::kAuthenticatedCheckSumID ? "authenticated"
-                                                                                        : "original";
+        return header.getCheckSumHashID() == brick::CBrickDisk::kAuthenticatedCheckSumID ? "authenticated" : "original";
     }
     std::string formatDescription() const
     {
@@ -65,20 +64,20 @@ struct DiskInfo {
         const bool sealed = seal::CCipherManager::isAuthenticated(header.getCipherID());
         return std::string(sealed ? "authenticated (each brick sealed with its own key, bound to its index"
                                   : "authenticated (keyed brick digests, each brick bound to its index") +
-               (keyWrapped() ? "; random key wrapped under the password, which passwd can change)" : ")");
+            (keyWrapped() ? "; random key wrapped under the password, which passwd can change)" : ")");
     }
     std::string keyDerivation() const
     {
         const brick::CBrickDiskHeader& h = header;
         if (keyWrapped())
             return "key wrapped under argon2id (" +
-                   CKeyDerivationOptions::describe({h.getCipherKeyDerivationIterations(),
-                                                    h.getCipherKeyDerivationMemoryKiB(),
-                                                    h.getCipherKeyDerivationLanes()}) +
-                   "), key check " + h.getCryptoHashID().toUTF8();
+                CKeyDerivationOptions::describe({h.getCipherKeyDerivationIterations(),
+                                                 h.getCipherKeyDerivationMemoryKiB(),
+                                                 h.getCipherKeyDerivationLanes()}) +
+                "), key check " + h.getCryptoHashID().toUTF8();
         return "key by " + h.getCipherKeyDeriverID().toUTF8() + " (" +
-               std::to_string(h.getCipherKeyDerivationIterations()) + " iterations), key digest " +
-               h.getCryptoHashID().toUTF8();
+            std::to_string(h.getCipherKeyDerivationIterations()) + " iterations), key digest " +
+            h.getCryptoHashID().toUTF8();
     }
 };
 
@@ -117,26 +116,30 @@ void printText(const DiskInfo& info)
     else
         line("encryption:", "none");
     line("brick digest:", utf8(h.getCheckSumHashID()));
-    line("format version:", std::to_string(h.getVersion()) + " (reader " + std::to_string(h.getMinReaderVersion()) +
-                                ", writer " + std::to_string(h.getMinWriterVersion()) + ")");
-    line("header copies:", "primary " + info.primaryHeader.describe().toUTF8() + ", fallback " + info.fallbackHeader.describe().toUTF8());
+    line("format version:",
+         std::to_string(h.getVersion()) + " (reader " + std::to_string(h.getMinReaderVersion()) + ", writer " +
+             std::to_string(h.getMinWriterVersion()) + ")");
+    line("header copies:",
+         "primary " + info.primaryHeader.describe().toUTF8() + ", fallback " + info.fallbackHeader.describe().toUTF8());
     if (info.parents.empty())
         line("parents:", "none");
     for (size_t i = 0; i < info.parents.size(); ++i)
         line(i == 0 ? "parents:" : "", info.parents[i].toLocalPath());
     line("child:", info.child.isEmpty() ? "none" : info.child.toLocalPath());
-    line("brick files:", std::to_string(info.bricks.bricks.size()) + " of " + std::to_string(info.brickCount()) +
-                             ", " + formatBytes(info.storedBytes()));
+    line("brick files:",
+         std::to_string(info.bricks.bricks.size()) + " of " + std::to_string(info.brickCount()) + ", " +
+             formatBytes(info.storedBytes()));
     if (info.storedRatio() >= 0.0) {
         char ratio[64];
-        std::snprintf(ratio, sizeof ratio, "%.1f %% of the %s in the bricks present",
-                      info.storedRatio() * 100.0, formatBytes(info.presentBytes()).c_str());
+        std::snprintf(ratio, sizeof ratio, "%.1f %% of the %s in the bricks present", info.storedRatio() * 100.0,
+                      formatBytes(info.presentBytes()).c_str());
         line("stored:", ratio);
     }
     if (!info.bricks.temporaryFiles.empty())
-        line("leftovers:", formatCount(static_cast<zo::int64>(info.bricks.temporaryFiles.size()), "temporary file",
-                                       "temporary files") +
-                               " of interrupted stores (harmless)");
+        line("leftovers:",
+             formatCount(static_cast<zo::int64>(info.bricks.temporaryFiles.size()), "temporary file",
+                         "temporary files") +
+                 " of interrupted stores (harmless)");
 }
 
 void printJson(const DiskInfo& info)

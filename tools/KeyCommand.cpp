@@ -15,10 +15,10 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/BrickDiskCreationTime.h"
-#include "brick/BrickDiskHeaderLimits.h"
-#include "brick/BrickDiskKeyWrap.h"
-#include "brick/BrickDiskKeys.h"
+#include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskHeaderLimits.h"
+#include "brick/format/BrickDiskKeyWrap.h"
+#include "brick/format/BrickDiskKeys.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -102,10 +102,10 @@ int runList(const KeyOptions& options)
     std::printf("%zu key%s of %s, tried in this order:\n", keys.size(), keys.size() == 1 ? "" : "s",
                 disk.folder.toLocalPath().c_str());
     for (const KeySlot& slot : keys)
-        std::printf("  %-*s   created %s, %s\n", static_cast<int>(nameWidth), slot.name.toUTF8().c_str(),
-                    createdText(slot.creationTime).c_str(),
-                    CKeyDerivationOptions::describe(seal::Argon2idCost{slot.passes, slot.memoryKiB, slot.lanes})
-                        .c_str());
+        std::printf(
+            "  %-*s   created %s, %s\n", static_cast<int>(nameWidth), slot.name.toUTF8().c_str(),
+            createdText(slot.creationTime).c_str(),
+            CKeyDerivationOptions::describe(seal::Argon2idCost{slot.passes, slot.memoryKiB, slot.lanes}).c_str());
     return 0;
 }
 
@@ -177,13 +177,14 @@ CommandAction addKeyCommand(CLI::App& program)
         "key", "List, add or remove the keys (passwords) of a disk, its parents and its linked children");
     command->require_subcommand(1);
 
-    CLI::App* list = addDiskOption(*command->add_subcommand("list", "List the keys of a disk in the order they "
-                                                                    "are tried"),
+    CLI::App* list = addDiskOption(*command->add_subcommand("list",
+                                                            "List the keys of a disk in the order they "
+                                                            "are tried"),
                                    *options);
     list->add_flag("--json", options->json, "Print the same as one JSON object");
 
-    CLI::App* add = addDiskOption(*command->add_subcommand("add", "Add a key: a new password that opens the disk"),
-                                  *options);
+    CLI::App* add =
+        addDiskOption(*command->add_subcommand("add", "Add a key: a new password that opens the disk"), *options);
     add->add_option("--name", options->name, "Name of the new key")->required();
     options->passwords.addOptionTo(*add);
     options->passwords.addAllowExpensiveKdfOptionTo(*add);

@@ -3,7 +3,7 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/BrickDiskKeyWrap.h"
+#include "brick/format/BrickDiskKeyWrap.h"
 
 #include <CLI/CLI.hpp>
 
@@ -26,8 +26,7 @@ void CKeyDerivationOptions::addTo(CLI::App& command)
         ->capture_default_str();
     command.add_option("--kdf-passes", m_passes, "Passes of the Argon2id key derivation over its memory (1 to 64)")
         ->capture_default_str();
-    command.add_option("--kdf-lanes", m_lanes, "Lanes of the Argon2id key derivation (1 to 64)")
-        ->capture_default_str();
+    command.add_option("--kdf-lanes", m_lanes, "Lanes of the Argon2id key derivation (1 to 64)")->capture_default_str();
 }
 
 seal::Argon2idCost CKeyDerivationOptions::cost() const
@@ -46,8 +45,8 @@ seal::Argon2idCost CKeyDerivationOptions::cost() const
 std::string CKeyDerivationOptions::describe(const seal::Argon2idCost& cost)
 {
     return std::to_string(cost.passes) + (cost.passes == 1 ? " pass" : " passes") + " over " +
-           formatBytes(zo::int64(cost.memoryKiB) * 1024) + " in " + std::to_string(cost.lanes) +
-           (cost.lanes == 1 ? " lane" : " lanes");
+        formatBytes(zo::int64(cost.memoryKiB) * 1024) + " in " + std::to_string(cost.lanes) +
+        (cost.lanes == 1 ? " lane" : " lanes");
 }
 
 } // namespace cli

@@ -15,7 +15,7 @@ bool isMountPoint(const std::string& folder);
 
 // A loop device whose backing file is a given file.
 struct LoopUse {
-    std::string device;     // "/dev/loop3"
+    std::string device; // "/dev/loop3"
     std::string mountPoint; // where the device is mounted; empty when it is only attached
 };
 

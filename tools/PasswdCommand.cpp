@@ -11,7 +11,7 @@
 #include "Password.h"
 #include "SharedKey.h"
 
-#include "brick/BrickDiskKeys.h"
+#include "brick/format/BrickDiskKeys.h"
 #include "zo/Containers.h"
 
 #include <CLI/CLI.hpp>
@@ -43,8 +43,8 @@ int runPasswd(const PasswdOptions& options)
 
     const zo::String oldPassword = options.passwords.forExistingDisk(options.disk);
     const zo::String newPassword = options.newPasswords.forNewDisk(options.disk);
-    brick::CBrickDiskKeys::changePassword(fs.get(), folders, oldPassword, newPassword, zo::String(options.name),
-                                          cost, options.passwords.allowsExpensiveKdf());
+    brick::CBrickDiskKeys::changePassword(fs.get(), folders, oldPassword, newPassword, zo::String(options.name), cost,
+                                          options.passwords.allowsExpensiveKdf());
 
     std::printf("changed the password of %s%zu disk%s (key wrapped under argon2id, %s):\n",
                 options.name.empty() ? "" : ("key '" + options.name + "' of ").c_str(), folders.size(),

@@ -3,7 +3,7 @@
 #include "Terminal.h"
 #include "UsageError.h"
 
-#include "brick/PasswordFile.h"
+#include "brick/format/PasswordFile.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -41,13 +41,13 @@ UsageError noPasswordSource(const std::string& what, const std::string& fileOpti
 
 } // namespace
 
-CPasswordSource::CPasswordSource() : CPasswordSource("--password-file", "BRICKDISK_PASSWORD", "password") {}
+CPasswordSource::CPasswordSource() : CPasswordSource("--password-file", "BRICKDISK_PASSWORD", "password")
+{}
 
 CPasswordSource::CPasswordSource(std::string fileOption, std::string environmentVariable, std::string what)
     : m_fileOption(std::move(fileOption)), m_environmentVariable(std::move(environmentVariable)),
       m_what(std::move(what))
-{
-}
+{}
 
 void CPasswordSource::addOptionTo(CLI::App& command)
 {

@@ -18,10 +18,9 @@ constexpr auto kRedrawInterval = std::chrono::milliseconds(100);
 
 CProgressBar::CProgressBar(std::string label, zo::int64 total, std::string countNoun)
     : m_label(std::move(label)), m_total(total), m_countNoun(std::move(countNoun)),
-      m_enabled(isTerminal(STDERR_FILENO)),
-      m_start(std::chrono::steady_clock::now()), m_lastDraw(m_start - kRedrawInterval)
-{
-}
+      m_enabled(isTerminal(STDERR_FILENO)), m_start(std::chrono::steady_clock::now()),
+      m_lastDraw(m_start - kRedrawInterval)
+{}
 
 CProgressBar::~CProgressBar()
 {
@@ -56,7 +55,7 @@ void CProgressBar::draw(zo::int64 done, double seconds)
         std::snprintf(percent, sizeof percent, "%3d%% ", static_cast<int>(share * 100.0));
         line += percent;
         line += (m_countNoun.empty() ? formatBytes(done) : std::to_string(done)) + " of " + amountText(m_total) + "  " +
-                rateText(done, seconds);
+            rateText(done, seconds);
         if (rate > 0.0)
             line += "  " + formatDuration(static_cast<double>(m_total - done) / rate) + " left";
     } else {

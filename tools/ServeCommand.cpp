@@ -11,7 +11,7 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>
@@ -95,16 +95,15 @@ bool serverAnswers(const std::string& socketPath, int port)
     }
     // NBDMAGIC, IHAVEOPT and the 16-bit handshake flags.
     char greeting[18];
-    bool answered = result == 0 && readExactly(fd, greeting, sizeof greeting) &&
-                    std::memcmp(greeting, "NBDMAGICIHAVEOPT", 16) == 0;
+    bool answered =
+        result == 0 && readExactly(fd, greeting, sizeof greeting) && std::memcmp(greeting, "NBDMAGICIHAVEOPT", 16) == 0;
     if (answered) {
         // Client flags (fixed newstyle, no zeroes), then IHAVEOPT, option 2
         // (abort) with no data; the server's reply is 20 bytes.
-        const unsigned char abort[] = {0, 0, 0, 3, 'I', 'H', 'A', 'V', 'E', 'O', 'P', 'T',
-                                       0, 0, 0, 2, 0, 0, 0, 0};
+        const unsigned char abort[] = {0, 0, 0, 3, 'I', 'H', 'A', 'V', 'E', 'O', 'P', 'T', 0, 0, 0, 2, 0, 0, 0, 0};
         char reply[20];
         answered = ::send(fd, abort, sizeof abort, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof abort) &&
-                   readExactly(fd, reply, sizeof reply);
+            readExactly(fd, reply, sizeof reply);
     }
     ::close(fd);
     return answered;
@@ -231,8 +230,7 @@ std::vector<std::string> storeParameters(const zo::CURI& folder)
 // A running nbdkit serving one disk.
 class CServer {
 public:
-    CServer(const ServeOptions& options, const std::string& socketPath)
-        : m_socket(socketPath), m_port(options.port)
+    CServer(const ServeOptions& options, const std::string& socketPath) : m_socket(socketPath), m_port(options.port)
     {
         const zo::CURI folder = diskFolderURI(options.disk);
         const zo::P<zo::IFileSystem> fs = newFileSystem(folder, false, 1);
@@ -430,8 +428,8 @@ std::string unmountDiskFile(const std::string& folder)
     const std::string diskFile = folder + "/" + kMountedFileName;
     if (const std::optional<LoopUse> loop = findLoopDevice(diskFile)) {
         const std::string where = loop->mountPoint.empty()
-                                      ? "attached to " + loop->device
-                                      : "loop-mounted on " + loop->mountPoint + " (" + loop->device + ")";
+            ? "attached to " + loop->device
+            : "loop-mounted on " + loop->mountPoint + " (" + loop->device + ")";
         return "The disk file " + diskFile + " is still " + where + "; undo that first: " + releaseCommand(*loop) + ".";
     }
     flushDiskFile(diskFile);

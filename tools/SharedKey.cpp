@@ -2,9 +2,9 @@
 
 #include "DiskAccess.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskKeyWrap.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskKeyWrap.h"
 #include "zo/Error.h"
 
 namespace cli {
@@ -25,8 +25,7 @@ zo::TList<zo::CURI> sharedKeyFolders(zo::IFileSystem* fs, const zo::CURI& folder
     return folders;
 }
 
-std::vector<zo::P<brick::CBrickDiskLock>> lockSharedKeyFolders(zo::IFileSystem* fs,
-                                                               const zo::TList<zo::CURI>& folders)
+std::vector<zo::P<brick::CBrickDiskLock>> lockSharedKeyFolders(zo::IFileSystem* fs, const zo::TList<zo::CURI>& folders)
 {
     std::vector<zo::P<brick::CBrickDiskLock>> locks;
     for (const zo::CURI& shared : folders)

@@ -2,8 +2,8 @@
 // child links lead to. passwd and key change their headers together.
 #pragma once
 
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskLock.h"
+#include "brick/chain/BrickDiskLock.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "zo/Containers.h"
 #include "zo/FileSystem.h"
 #include "zo/URI.h"
@@ -21,8 +21,7 @@ zo::TList<zo::CURI> sharedKeyFolders(zo::IFileSystem* fs, const zo::CURI& folder
 // each header whole in one of its copies), while writers, which need a disk
 // alone, stay out; so does a new snapshot, which would copy a header being
 // rewritten. Throws the lock errors of lockDisk.
-std::vector<zo::P<brick::CBrickDiskLock>> lockSharedKeyFolders(zo::IFileSystem* fs,
-                                                               const zo::TList<zo::CURI>& folders);
+std::vector<zo::P<brick::CBrickDiskLock>> lockSharedKeyFolders(zo::IFileSystem* fs, const zo::TList<zo::CURI>& folders);
 
 // Refuses, before any password is asked, a disk whose keys cannot change:
 // zo::CError "The disk is not encrypted: it has no <what>." (`what` is

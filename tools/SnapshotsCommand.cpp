@@ -6,9 +6,9 @@
 #include "JsonWriter.h"
 #include "Units.h"
 
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskCreationTime.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickTree.h"
 #include "zo/Error.h"
 
 #include <CLI/CLI.hpp>

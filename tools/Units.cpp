@@ -16,11 +16,16 @@ namespace {
 int suffixPower(char letter)
 {
     switch (std::toupper(static_cast<unsigned char>(letter))) {
-    case 'K': return 1;
-    case 'M': return 2;
-    case 'G': return 3;
-    case 'T': return 4;
-    default: return -1;
+    case 'K':
+        return 1;
+    case 'M':
+        return 2;
+    case 'G':
+        return 3;
+    case 'T':
+        return 4;
+    default:
+        return -1;
     }
 }
 
@@ -98,12 +103,23 @@ zo::int64 parseDuration(const std::string& text, const std::string& what)
             throw refuse();
         zo::int64 unit = 0;
         switch (std::tolower(static_cast<unsigned char>(text[position]))) {
-        case 'h': unit = kHour; break;
-        case 'd': unit = kDay; break;
-        case 'w': unit = 7 * kDay; break;
-        case 'm': unit = 30 * kDay; break;
-        case 'y': unit = 365 * kDay; break;
-        default: throw refuse();
+        case 'h':
+            unit = kHour;
+            break;
+        case 'd':
+            unit = kDay;
+            break;
+        case 'w':
+            unit = 7 * kDay;
+            break;
+        case 'm':
+            unit = 30 * kDay;
+            break;
+        case 'y':
+            unit = 365 * kDay;
+            break;
+        default:
+            throw refuse();
         }
         ++position;
         if (count > (kMax - total) / unit)
@@ -118,7 +134,7 @@ zo::int64 parseDuration(const std::string& text, const std::string& what)
 std::string formatUtcTime(zo::int64 seconds)
 {
     const std::time_t time = static_cast<std::time_t>(seconds);
-    std::tm utc {};
+    std::tm utc{};
     ::gmtime_r(&time, &utc);
     char text[32];
     std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);

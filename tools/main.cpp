@@ -64,8 +64,7 @@ void routeLibraryLog(bool verbose)
 int main(int argc, char** argv)
 {
     cli::installInterruptHandlers();
-    CLI::App program("Stores a fixed-size virtual disk as a folder of compressed, encrypted brick files.",
-                     "brickdisk");
+    CLI::App program("Stores a fixed-size virtual disk as a folder of compressed, encrypted brick files.", "brickdisk");
     program.require_subcommand(1);
     program.fallthrough();
     program.set_version_flag("--version", std::string("brickdisk ") + brick::getLibraryVersion());
@@ -77,12 +76,14 @@ int main(int argc, char** argv)
         ->envname("CEPH_CONF");
     program.add_option("--ceph-id", ceph.clientId, "Ceph user for rados:// disks, without \"client.\"")
         ->capture_default_str();
-    program.add_option("--ceph-lock-lease", ceph.lockLeaseSeconds,
-                       "Seconds that the disk lock of a killed program keeps others out of a rados:// disk")
+    program
+        .add_option("--ceph-lock-lease", ceph.lockLeaseSeconds,
+                    "Seconds that the disk lock of a killed program keeps others out of a rados:// disk")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
-    program.add_option("--ceph-timeout", ceph.operationTimeoutSeconds,
-                       "Seconds after which an operation on the Ceph cluster gives up with an error")
+    program
+        .add_option("--ceph-timeout", ceph.operationTimeoutSeconds,
+                    "Seconds after which an operation on the Ceph cluster gives up with an error")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     brick::S3ServiceSettings& s3 = stores.s3;
@@ -94,13 +95,15 @@ int main(int argc, char** argv)
                      "Address the bucket in the host name (https://BUCKET.host/) instead of the path");
     program.add_flag("--s3-no-conditional-put", s3.noConditionalPut,
                      "For S3 services that ignore If-None-Match: check before a store that must not replace");
-    program.add_option("--s3-lock-lease", s3.lockLeaseSeconds,
-                       "Seconds that the disk lock of a killed program keeps others out of an s3:// disk")
+    program
+        .add_option("--s3-lock-lease", s3.lockLeaseSeconds,
+                    "Seconds that the disk lock of a killed program keeps others out of an s3:// disk")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
-    program.add_option("--s3-attempts", s3.attempts,
-                       "Tries of each S3 request that meets a time-out, a lost connection, 5xx or 429, before "
-                       "the command fails (pauses from 0.2 s, doubling up to 5 s)")
+    program
+        .add_option("--s3-attempts", s3.attempts,
+                    "Tries of each S3 request that meets a time-out, a lost connection, 5xx or 429, before "
+                    "the command fails (pauses from 0.2 s, doubling up to 5 s)")
         ->check(CLI::Range(1, 100))
         ->capture_default_str();
 

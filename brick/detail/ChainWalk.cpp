@@ -1,7 +1,7 @@
 #include "brick/detail/ChainWalk.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskLink.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickDiskLink.h"
 
 #include "zo/Error.h"
 
@@ -15,17 +15,16 @@ bool holdsParentLink(zo::IFileSystem* fs, const zo::CURI& folder)
 {
     const zo::String linkFileName = CBrickDisk::getParentLinkFileName();
     return fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, linkFileName, 0)) ||
-           fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, linkFileName, 1));
+        fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, linkFileName, 1));
 }
 
 void addOnce(std::vector<zo::CURI>& folders, std::set<zo::String>& seen, const zo::CURI& folder,
              const zo::CURI& diskFolder)
 {
     if (!seen.insert(folder.toString(true)).second)
-        throw zo::CError("Child link loop detected in brick disk.", zo::String(), -1,
-                         zo::CProps()
-                             .add("diskFolder", diskFolder.toString(true))
-                             .add("loopFolder", folder.toString(true)));
+        throw zo::CError(
+            "Child link loop detected in brick disk.", zo::String(), -1,
+            zo::CProps().add("diskFolder", diskFolder.toString(true)).add("loopFolder", folder.toString(true)));
     folders.push_back(folder);
 }
 

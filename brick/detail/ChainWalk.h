@@ -5,8 +5,8 @@
 // space accounting); not part of the public API.
 #pragma once
 
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskHeader.h"
 
 #include "zo/FileSystem.h"
 #include "zo/URI.h"

@@ -18,8 +18,7 @@ std::pair<std::string, std::string> parentKeyOf(const ObjectName& name)
 } // namespace
 
 CKnownFolders::CKnownFolders(size_t capacity) : m_capacity(capacity)
-{
-}
+{}
 
 bool CKnownFolders::isFolder(const ObjectName& name) const
 {

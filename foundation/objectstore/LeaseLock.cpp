@@ -9,7 +9,8 @@
 
 namespace zo {
 
-CLeaseLock::CLeaseLock(bool exclusive, int leaseSeconds) : m_exclusive(exclusive), m_leaseSeconds(leaseSeconds) {}
+CLeaseLock::CLeaseLock(bool exclusive, int leaseSeconds) : m_exclusive(exclusive), m_leaseSeconds(leaseSeconds)
+{}
 
 CLeaseLock::~CLeaseLock()
 {
@@ -27,7 +28,7 @@ std::string CLeaseLock::newHolderName()
 {
     static std::atomic<int> counter{0};
     return describeThisProcess() + " #" + std::to_string(++counter) + "-" +
-           std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
+        std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
 }
 
 CFileSystemError CLeaseLock::lockedError(const String& path, const String& holder, CProps props)

@@ -26,7 +26,7 @@ int64 nowMs()
 std::string formatRecord(const HolderRecord& record)
 {
     return std::string(record.exclusive ? "exclusive" : "shared") + "\n" + std::to_string(record.leaseEndMs) + "\n" +
-           record.description + "\n";
+        record.description + "\n";
 }
 
 // A record that cannot be read counts as an exclusive holder whose lease
@@ -58,8 +58,8 @@ bool isNotFound(const CError& error)
 
 CObjectLeaseLock::CObjectLeaseLock(IObjectStore* store, const std::string& scheme, const ObjectName& name,
                                    bool exclusive, int leaseSeconds)
-    : CLeaseLock(exclusive, leaseSeconds), m_store(store), m_scheme(scheme), m_lockName(name),
-      m_holderName{name.container, name.key + "/" + newHolderName()}
+    : CLeaseLock(exclusive, leaseSeconds), m_store(store), m_scheme(scheme),
+      m_lockName(name), m_holderName{name.container, name.key + "/" + newHolderName()}
 {
     writeHolderObject();
     std::optional<std::string> conflict;
@@ -101,7 +101,9 @@ void CObjectLeaseLock::renew()
 void CObjectLeaseLock::writeHolderObject()
 {
     const HolderRecord record{isExclusive(), nowMs() + getLeaseSeconds() * int64(1000), describeThisProcess()};
-    runSync([&](IObjectStore::Done done) { m_store->beginPut(m_holderName, formatRecord(record), false, std::move(done)); });
+    runSync([&](IObjectStore::Done done) {
+        m_store->beginPut(m_holderName, formatRecord(record), false, std::move(done));
+    });
 }
 
 std::optional<std::string> CObjectLeaseLock::findConflict()

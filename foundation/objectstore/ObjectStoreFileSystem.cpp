@@ -82,10 +82,9 @@ struct CObjectStoreFileSystem::Pending {
 };
 
 CObjectStoreFileSystem::CObjectStoreFileSystem(IObjectStore* store, const String& scheme, int threadCount)
-    : m_store(store), m_scheme(scheme), m_pool(CCompletionPool::create(threadCount)), m_pending(std::make_shared<Pending>()),
-      m_known(std::make_unique<CKnownFolders>(knownKeysLimit))
-{
-}
+    : m_store(store), m_scheme(scheme), m_pool(CCompletionPool::create(threadCount)),
+      m_pending(std::make_shared<Pending>()), m_known(std::make_unique<CKnownFolders>(knownKeysLimit))
+{}
 
 CObjectStoreFileSystem::~CObjectStoreFileSystem()
 {
@@ -133,7 +132,8 @@ ObjectName CObjectStoreFileSystem::toObjectName(const CURI& path) const
                                CProps().add("path", path.toString(true)).add("scheme", m_scheme));
     const std::string text = path.toNormalized().toString(true).toUTF8();
     const size_t slash = text.find('/', root.size());
-    const std::string container = text.substr(root.size(), slash == std::string::npos ? std::string::npos : slash - root.size());
+    const std::string container =
+        text.substr(root.size(), slash == std::string::npos ? std::string::npos : slash - root.size());
     if (text.compare(0, root.size(), root) != 0 || container.empty())
         throw CInvalidArgError("zo::CObjectStoreFileSystem", "The path does not name a place in this object store.",
                                CProps().add("path", path.toString(true)).add("scheme", m_scheme));
@@ -144,7 +144,8 @@ P<IFileSystemOp> CObjectStoreFileSystem::startOperation(IDoneListener* listener,
 {
     P<CFileSystemOp> op(new CFileSystemOp(listener));
     auto completed = std::make_shared<std::atomic<bool>>(false);
-    std::function<void(const CError*)> finish = [op, completed, pool = m_pool, pending = m_pending](const CError* error) {
+    std::function<void(const CError*)> finish = [op, completed, pool = m_pool,
+                                                 pending = m_pending](const CError* error) {
         if (completed->exchange(true))
             return;
         if (pool->isWorkerThread()) {
@@ -217,7 +218,8 @@ bool CObjectStoreFileSystem::putFolderMarker(const ObjectName& name, const CURI&
     if (m_store->stat(name))
         throw pathError(CFileSystemError::AlreadyExists, "A file is in the way of the folder.", folder);
     try {
-        runSync([&](IObjectStore::Done done) { m_store->beginPut(markerOf(name), std::string(), true, std::move(done)); });
+        runSync(
+            [&](IObjectStore::Done done) { m_store->beginPut(markerOf(name), std::string(), true, std::move(done)); });
     } catch (const CFileSystemError& e) {
         if (e.getProblem() != CFileSystemError::AlreadyExists)
             throw;
@@ -250,7 +252,8 @@ bool CObjectStoreFileSystem::isFolderWhereAFileIsMissing(const ObjectName& name)
     const ObjectName folder{name.container, parentKey(name.key)};
     if (!m_listingRefused && !m_known->isListed(folder)) {
         try {
-            if (const auto level = m_store->listLevelInOneRequest(folder.container, folder.key.empty() ? "" : folder.key + "/"))
+            if (const auto level =
+                    m_store->listLevelInOneRequest(folder.container, folder.key.empty() ? "" : folder.key + "/"))
                 m_known->addListing(folder, level->files, level->folders, level->hasMarker);
         } catch (const CFileSystemError&) {
             // Not allowed to list, say: the folder marker answers below, and
@@ -268,20 +271,20 @@ P<IFileSystemOp> CObjectStoreFileSystem::beginStoreFile(const CURI& file, int si
 {
     checkStoreFileArguments("zo::CObjectStoreFileSystem::beginStoreFile", file, size, source);
     const ObjectName name = toObjectName(file);
-    return startOperation(listener, [this, file, name, size, source = P<IInStream>(source),
-                                     overwrite](const auto& finish) mutable {
-        checkParentFolder(name, file);
-        checkNotAFolder(name, file, overwrite);
-        std::string bytes(static_cast<size_t>(size), '\0');
-        const int got = size > 0 ? source->readLax(bytes.data(), size) : 0;
-        // The store may end before this function returns: the source is let
-        // go first, so that it is gone once the operation is seen to end.
-        source = nullptr;
-        if (got < size)
-            throw CIOError(CIOError::EndOfData, "The source delivered fewer bytes than the store expected.",
-                           CProps().add("path", file.toString(true)).add("size", size).add("got", got));
-        m_store->beginPut(name, std::move(bytes), !overwrite, finishWritingFile(name, finish));
-    });
+    return startOperation(
+        listener, [this, file, name, size, source = P<IInStream>(source), overwrite](const auto& finish) mutable {
+            checkParentFolder(name, file);
+            checkNotAFolder(name, file, overwrite);
+            std::string bytes(static_cast<size_t>(size), '\0');
+            const int got = size > 0 ? source->readLax(bytes.data(), size) : 0;
+            // The store may end before this function returns: the source is let
+            // go first, so that it is gone once the operation is seen to end.
+            source = nullptr;
+            if (got < size)
+                throw CIOError(CIOError::EndOfData, "The source delivered fewer bytes than the store expected.",
+                               CProps().add("path", file.toString(true)).add("size", size).add("got", got));
+            m_store->beginPut(name, std::move(bytes), !overwrite, finishWritingFile(name, finish));
+        });
 }
 
 P<IFileSystemOp> CObjectStoreFileSystem::beginCreateFolder(const CURI& folder, int, IDoneListener* listener)
@@ -358,7 +361,9 @@ P<IIOStream> CObjectStoreFileSystem::openStream(const CURI& file, IIOStream::Acc
 {
     checkAccess(file, access);
     const ObjectName name = toObjectName(file);
-    const auto folderError = [&] { return pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file); };
+    const auto folderError = [&] {
+        return pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file);
+    };
     if (name.key.empty())
         throw folderError();
     std::string bytes;
@@ -455,7 +460,8 @@ P<IFileSystemLock> CObjectStoreFileSystem::lockFolder(const CURI& folder, bool e
     // A store's lock may keep objects of its own under the lock's name, beside
     // what this file system writes into the folder.
     m_known->forgetMadeHere(name);
-    return m_store->lock(ObjectName{name.container, name.key.empty() ? lockObjectName : name.key + "/" + lockObjectName}, exclusive);
+    return m_store->lock(
+        ObjectName{name.container, name.key.empty() ? lockObjectName : name.key + "/" + lockObjectName}, exclusive);
 }
 
 int CObjectStoreFileSystem::removeTemporaryFiles(const CURI&)

@@ -68,10 +68,8 @@ public:
                                     IDoneListener* listener) override;
     // `mode` is ignored.
     P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
-    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
-    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
+    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
 
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;

@@ -66,14 +66,16 @@ void CObjectStream::checkReadable()
 {
     getPosition(); // throws StreamClosed after close
     if (m_access == AccessWrite)
-        throw CIOError(CIOError::ReadFailed, "The stream is open for writing only.", CProps().add("uri", m_uri.toString(true)));
+        throw CIOError(CIOError::ReadFailed, "The stream is open for writing only.",
+                       CProps().add("uri", m_uri.toString(true)));
 }
 
 void CObjectStream::checkWritable()
 {
     getPosition(); // throws StreamClosed after close
     if (m_access == AccessRead)
-        throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.", CProps().add("uri", m_uri.toString(true)));
+        throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.",
+                       CProps().add("uri", m_uri.toString(true)));
 }
 
 } // namespace zo

@@ -6,8 +6,7 @@ namespace zo {
 
 CRadosFileSystem::CRadosFileSystem(const RadosOptions& options)
     : CObjectStoreFileSystem(new CRadosObjectStore(options), getScheme(), options.threadCount)
-{
-}
+{}
 
 const char* CRadosFileSystem::getScheme()
 {

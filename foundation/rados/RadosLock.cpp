@@ -19,8 +19,9 @@ CRadosLock::CRadosLock(CRadosObjectStore* store, const ObjectName& name, bool ex
 {
     const int result = takeLock(false);
     if (result == -EBUSY || result == -EEXIST) {
-        throw lockedError(String::fromUTF8("rados://" + m_name.container + "/" + m_name.key), describeHolders(),
-                          CProps().add("pool", String::fromUTF8(m_name.container)).add("object", String::fromUTF8(m_name.key)));
+        throw lockedError(
+            String::fromUTF8("rados://" + m_name.container + "/" + m_name.key), describeHolders(),
+            CProps().add("pool", String::fromUTF8(m_name.container)).add("object", String::fromUTF8(m_name.key)));
     }
     if (result < 0)
         throw m_store->makeError(result, "lock", m_name);
@@ -46,7 +47,7 @@ int CRadosLock::takeLock(bool renewing)
     const uint8_t flags = renewing ? LIBRADOS_LOCK_FLAG_MUST_RENEW : 0;
     const std::string description = describeThisProcess();
     return isExclusive() ? context.lock_exclusive(m_name.key, lockName, m_cookie, description, &lease, flags)
-                       : context.lock_shared(m_name.key, lockName, m_cookie, sharedTag, description, &lease, flags);
+                         : context.lock_shared(m_name.key, lockName, m_cookie, sharedTag, description, &lease, flags);
 }
 
 String CRadosLock::describeHolders()

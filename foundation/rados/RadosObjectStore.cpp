@@ -165,7 +165,8 @@ std::string CRadosObjectStore::read(const ObjectName& name)
 void CRadosObjectStore::write(const ObjectName& name, int64 offset, const void* bytes, int size)
 {
     librados::bufferlist list = toBufferList(bytes, static_cast<size_t>(size));
-    const int result = getIoCtx(name.container).write(name.key, list, static_cast<size_t>(size), static_cast<uint64_t>(offset));
+    const int result =
+        getIoCtx(name.container).write(name.key, list, static_cast<size_t>(size), static_cast<uint64_t>(offset));
     if (result < 0)
         throw makeError(result, "write", name);
 }

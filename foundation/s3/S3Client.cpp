@@ -67,8 +67,8 @@ size_t appendBody(char* data, size_t size, size_t count, void* response)
 bool startsWithIgnoringCase(std::string_view text, std::string_view lowerCasePrefix)
 {
     return text.size() >= lowerCasePrefix.size() &&
-           std::equal(lowerCasePrefix.begin(), lowerCasePrefix.end(), text.begin(),
-                      [](char a, char b) { return a == std::tolower(static_cast<unsigned char>(b)); });
+        std::equal(lowerCasePrefix.begin(), lowerCasePrefix.end(), text.begin(),
+                   [](char a, char b) { return a == std::tolower(static_cast<unsigned char>(b)); });
 }
 
 // Splits "scheme://host[:port][/path]" into "scheme://" and the rest without
@@ -133,7 +133,7 @@ struct CS3Client::Loop {
     CURLM* multi = nullptr;
     std::mutex mutex;
     std::deque<std::unique_ptr<Transfer>> queued; // guarded by mutex
-    bool stopping = false;                        // guarded by mutex
+    bool stopping = false; // guarded by mutex
     std::map<CURL*, std::unique_ptr<Transfer>> running;
     std::vector<std::unique_ptr<Transfer>> waitingToRetry;
     std::mt19937 jitter{std::random_device{}()};
@@ -343,10 +343,7 @@ struct CS3Client::Loop {
         return std::chrono::milliseconds(std::uniform_int_distribution<int>(ceiling / 2, ceiling)(jitter));
     }
 
-    static void finish(std::unique_ptr<Transfer> transfer)
-    {
-        transfer->done(transfer->response);
-    }
+    static void finish(std::unique_ptr<Transfer> transfer) { transfer->done(transfer->response); }
 
     bool isStopping()
     {
@@ -428,7 +425,8 @@ struct CS3Client::Loop {
     }
 };
 
-CS3Client::CS3Client(const S3Options& options) : m_options(options), m_loop(std::make_unique<Loop>(*this)) {}
+CS3Client::CS3Client(const S3Options& options) : m_options(options), m_loop(std::make_unique<Loop>(*this))
+{}
 
 CS3Client::~CS3Client() = default;
 
@@ -460,8 +458,9 @@ std::string CS3Client::urlOf(const S3Request& request) const
     const std::string endpoint =
         m_options.endpoint.empty() ? "https://s3." + m_options.region + ".amazonaws.com" : m_options.endpoint;
     const auto [scheme, host] = splitEndpoint(endpoint);
-    std::string url = m_options.virtualHostStyle ? scheme + request.bucket + "." + host + "/"
-                                                 : scheme + host + "/" + request.bucket + (request.key.empty() ? "" : "/");
+    std::string url = m_options.virtualHostStyle
+        ? scheme + request.bucket + "." + host + "/"
+        : scheme + host + "/" + request.bucket + (request.key.empty() ? "" : "/");
     url += s3UriEncode(request.key, true);
     auto query = request.query;
     std::sort(query.begin(), query.end());

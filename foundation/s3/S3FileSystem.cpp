@@ -4,12 +4,12 @@
 
 namespace zo {
 
-CS3FileSystem::CS3FileSystem(const S3Options& options) : CS3FileSystem(new CS3ObjectStore(options), options) {}
+CS3FileSystem::CS3FileSystem(const S3Options& options) : CS3FileSystem(new CS3ObjectStore(options), options)
+{}
 
 CS3FileSystem::CS3FileSystem(CS3ObjectStore* store, const S3Options& options)
     : CObjectStoreFileSystem(store, getScheme(), options.threadCount), m_s3(store)
-{
-}
+{}
 
 void CS3FileSystem::createBucket(const std::string& bucket)
 {

@@ -81,7 +81,6 @@ private:
     CS3FileSystem(CS3ObjectStore* store, const S3Options& options);
 
     CS3ObjectStore* m_s3; // held by the base class
-
 };
 
 } // namespace zo

@@ -28,7 +28,8 @@ std::string decodeEntities(const std::string& text)
             const size_t end = text.find(';', i);
             if (!replaced && text.compare(i, 2, "&#") == 0 && end != std::string::npos) {
                 const bool hex = text[i + 2] == 'x';
-                const unsigned long code = std::stoul(text.substr(i + (hex ? 3 : 2), end - i - (hex ? 3 : 2)), nullptr, hex ? 16 : 10);
+                const unsigned long code =
+                    std::stoul(text.substr(i + (hex ? 3 : 2), end - i - (hex ? 3 : 2)), nullptr, hex ? 16 : 10);
                 if (code < 0x80) {
                     decoded += static_cast<char>(code);
                     i = end + 1;
@@ -111,8 +112,8 @@ CFileSystemError makeS3Error(const S3Response& response, const char* action, con
         } else if (response.status == 403) {
             problem = CFileSystemError::AccessDenied;
             message = code == "InvalidAccessKeyId" || code == "SignatureDoesNotMatch"
-                          ? "The S3 service refused the credentials: check the access key and the secret key."
-                          : "The S3 service denied access.";
+                ? "The S3 service refused the credentials: check the access key and the secret key."
+                : "The S3 service denied access.";
         } else {
             message = "The S3 service refused the request.";
         }
@@ -120,7 +121,8 @@ CFileSystemError makeS3Error(const S3Response& response, const char* action, con
     return CFileSystemError(problem, CError(message, "s3", -1, props));
 }
 
-CS3ObjectStore::CS3ObjectStore(const S3Options& options) : m_client(options) {}
+CS3ObjectStore::CS3ObjectStore(const S3Options& options) : m_client(options)
+{}
 
 void CS3ObjectStore::checkBucket(const std::string& bucket)
 {
@@ -151,14 +153,15 @@ void CS3ObjectStore::createBucket(const std::string& bucket)
     const std::string region = m_client.getOptions().region;
     if (region != "us-east-1")
         request.body = "<CreateBucketConfiguration><LocationConstraint>" + region +
-                       "</LocationConstraint></CreateBucketConfiguration>";
+            "</LocationConstraint></CreateBucketConfiguration>";
     const S3Response response = m_client.perform(std::move(request));
     if (succeeded(response))
         return;
     const std::vector<std::string> codes = xmlElements(response.body, "Code");
     if (response.status == 409 && !codes.empty() && codes.front() == "BucketAlreadyOwnedByYou")
         throw CFileSystemError(CFileSystemError::AlreadyExists,
-                               CError("The bucket exists already.", "s3", -1, makeS3Error(response, "create the bucket", ObjectName{bucket, ""}).getProps()));
+                               CError("The bucket exists already.", "s3", -1,
+                                      makeS3Error(response, "create the bucket", ObjectName{bucket, ""}).getProps()));
     throw makeS3Error(response, "create the bucket", ObjectName{bucket, std::string()});
 }
 
@@ -277,7 +280,8 @@ void CS3ObjectStore::listPages(const std::string& container, const std::string& 
     int count = 0;
     do {
         S3Request request = requestFor("GET", ObjectName{container, std::string()});
-        request.query = {{"list-type", "2"}, {"prefix", prefix},
+        request.query = {{"list-type", "2"},
+                         {"prefix", prefix},
                          {"max-keys", std::to_string(limit > 0 ? std::min(pageSize, limit - count) : pageSize)}};
         if (delimiter)
             request.query.emplace_back("delimiter", "/");
@@ -321,12 +325,13 @@ TList<std::string> CS3ObjectStore::listChildren(const std::string& container, co
 }
 
 std::optional<IObjectStore::Level> CS3ObjectStore::listLevelInOneRequest(const std::string& container,
-                                                                        const std::string& prefix)
+                                                                         const std::string& prefix)
 {
     checkBucket(container);
     const int pageSize = std::max(1, std::min(1000, m_client.getOptions().listPageSize));
     S3Request request = requestFor("GET", ObjectName{container, std::string()});
-    request.query = {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", std::to_string(pageSize)}, {"delimiter", "/"}};
+    request.query = {
+        {"list-type", "2"}, {"prefix", prefix}, {"max-keys", std::to_string(pageSize)}, {"delimiter", "/"}};
     const S3Response response = m_client.perform(std::move(request));
     if (response.status != 200)
         throw makeS3Error(response, "list", ObjectName{container, prefix});

@@ -84,8 +84,8 @@ S3Options loadS3Options(const std::string& endpoint)
                      String(), -1, CProps().add("profile", String::fromUTF8(profile)));
     options.region = firstOf({environment("AWS_REGION"), environment("AWS_DEFAULT_REGION"), config["region"],
                               credentials["region"], options.region});
-    options.endpoint = firstOf({endpoint, environment("AWS_ENDPOINT_URL_S3"), environment("AWS_ENDPOINT_URL"),
-                                config["endpoint_url"]});
+    options.endpoint = firstOf(
+        {endpoint, environment("AWS_ENDPOINT_URL_S3"), environment("AWS_ENDPOINT_URL"), config["endpoint_url"]});
     options.virtualHostStyle = options.endpoint.empty();
     return options;
 }

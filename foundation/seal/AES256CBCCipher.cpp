@@ -19,7 +19,8 @@ constexpr int MaxMessageSize = INT_MAX - CAES256CBCCipher::IVSize - CAES256CBCCi
 void checkArguments(const char* where, const zo::TCryptBuffer<zo::uint8>& key, const void* src, int size, int flags)
 {
     if (key.getUsed() != CAES256CBCCipher::KeySize)
-        throw zo::CInvalidArgError(where, "Cipher key has the wrong size: " + zo::toDecimalString(key.getUsed()) + " bytes",
+        throw zo::CInvalidArgError(where,
+                                   "Cipher key has the wrong size: " + zo::toDecimalString(key.getUsed()) + " bytes",
                                    zo::CProps().add("expectedKeySize", CAES256CBCCipher::KeySize));
     if (size < 0 || (size > 0 && !src))
         throw zo::CInvalidArgError(where, "Invalid source buffer.", zo::CProps().add("size", size));
@@ -27,7 +28,8 @@ void checkArguments(const char* where, const zo::TCryptBuffer<zo::uint8>& key, c
         throw zo::CInvalidArgError(where, "Unsupported cipher flags: " + zo::toDecimalString(flags));
 }
 
-void checkEncryptArguments(const char* where, const zo::TCryptBuffer<zo::uint8>& key, const void* src, int size, int flags)
+void checkEncryptArguments(const char* where, const zo::TCryptBuffer<zo::uint8>& key, const void* src, int size,
+                           int flags)
 {
     checkArguments(where, key, src, size, flags);
     if (size > MaxMessageSize)
@@ -36,15 +38,22 @@ void checkEncryptArguments(const char* where, const zo::TCryptBuffer<zo::uint8>&
 
 } // namespace
 
-void CAES256CBCCipher::FreeAlgorithm::operator()(evp_cipher_st* algorithm) const { EVP_CIPHER_free(algorithm); }
-void CAES256CBCCipher::FreeContext::operator()(evp_cipher_ctx_st* context) const { EVP_CIPHER_CTX_free(context); }
+void CAES256CBCCipher::FreeAlgorithm::operator()(evp_cipher_st* algorithm) const
+{
+    EVP_CIPHER_free(algorithm);
+}
+void CAES256CBCCipher::FreeContext::operator()(evp_cipher_ctx_st* context) const
+{
+    EVP_CIPHER_CTX_free(context);
+}
 
 CAES256CBCCipher::CAES256CBCCipher()
     : m_algorithm(EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr)), m_context(EVP_CIPHER_CTX_new())
 {
     // Binding the algorithm once lets every message set only key and IV, which
     // keeps OpenSSL from rebuilding its context per call.
-    if (!m_algorithm || !m_context || !EVP_CipherInit_ex2(m_context.get(), m_algorithm.get(), nullptr, nullptr, 1, nullptr))
+    if (!m_algorithm || !m_context ||
+        !EVP_CipherInit_ex2(m_context.get(), m_algorithm.get(), nullptr, nullptr, 1, nullptr))
         throwOpenSSLError("AES-256-CBC is not available.");
 }
 
@@ -86,8 +95,8 @@ void CAES256CBCCipher::encryptChecked(const zo::TCryptBuffer<zo::uint8>& key, co
     this->start(key, iv, true);
     int bodySize = 0;
     int paddedTail = 0;
-    if ((size > 0 && !EVP_CipherUpdate(m_context.get(), body, &bodySize, static_cast<const zo::uint8*>(src), size))
-        || !EVP_CipherFinal_ex(m_context.get(), body + bodySize, &paddedTail)) {
+    if ((size > 0 && !EVP_CipherUpdate(m_context.get(), body, &bodySize, static_cast<const zo::uint8*>(src), size)) ||
+        !EVP_CipherFinal_ex(m_context.get(), body + bodySize, &paddedTail)) {
         out.setUsed(start);
         throwOpenSSLError("AES-256-CBC encryption failed.");
     }

@@ -19,7 +19,8 @@ constexpr int MaxMessageSize = INT_MAX - CAES256GCMCipher::NonceSize - CAES256GC
 void checkKey(const char* where, const zo::TCryptBuffer<zo::uint8>& key)
 {
     if (key.getUsed() != CAES256GCMCipher::KeySize)
-        throw zo::CInvalidArgError(where, "Cipher key has the wrong size: " + zo::toDecimalString(key.getUsed()) + " bytes",
+        throw zo::CInvalidArgError(where,
+                                   "Cipher key has the wrong size: " + zo::toDecimalString(key.getUsed()) + " bytes",
                                    zo::CProps().add("expectedKeySize", CAES256GCMCipher::KeySize));
 }
 
@@ -42,15 +43,22 @@ void checkFlags(const char* where, int flags)
 
 } // namespace
 
-void CAES256GCMCipher::FreeAlgorithm::operator()(evp_cipher_st* algorithm) const { EVP_CIPHER_free(algorithm); }
-void CAES256GCMCipher::FreeContext::operator()(evp_cipher_ctx_st* context) const { EVP_CIPHER_CTX_free(context); }
+void CAES256GCMCipher::FreeAlgorithm::operator()(evp_cipher_st* algorithm) const
+{
+    EVP_CIPHER_free(algorithm);
+}
+void CAES256GCMCipher::FreeContext::operator()(evp_cipher_ctx_st* context) const
+{
+    EVP_CIPHER_CTX_free(context);
+}
 
 CAES256GCMCipher::CAES256GCMCipher()
     : m_algorithm(EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr)), m_context(EVP_CIPHER_CTX_new())
 {
     // Binding the algorithm once lets every message set only key and nonce;
     // the default nonce length of GCM is the 12 bytes used here.
-    if (!m_algorithm || !m_context || !EVP_CipherInit_ex2(m_context.get(), m_algorithm.get(), nullptr, nullptr, 1, nullptr))
+    if (!m_algorithm || !m_context ||
+        !EVP_CipherInit_ex2(m_context.get(), m_algorithm.get(), nullptr, nullptr, 1, nullptr))
         throwOpenSSLError("AES-256-GCM is not available.");
 }
 
@@ -66,9 +74,8 @@ void CAES256GCMCipher::start(const zo::TCryptBuffer<zo::uint8>& key, const zo::u
         throwOpenSSLError("AES-256-GCM could not be started.");
 }
 
-void CAES256GCMCipher::encryptWithNonce(const zo::TCryptBuffer<zo::uint8>& key, const zo::uint8* nonce,
-                                        const void* aad, int aadSize, const void* src, int size,
-                                        zo::TBuffer<zo::uint8>& out)
+void CAES256GCMCipher::encryptWithNonce(const zo::TCryptBuffer<zo::uint8>& key, const zo::uint8* nonce, const void* aad,
+                                        int aadSize, const void* src, int size, zo::TBuffer<zo::uint8>& out)
 {
     const char* const where = "CAES256GCMCipher::encryptWithNonce";
     checkKey(where, key);
@@ -90,9 +97,8 @@ void CAES256GCMCipher::encryptWithNonce(const zo::TCryptBuffer<zo::uint8>& key, 
     out.setUsed(start + size + TagSize);
 }
 
-bool CAES256GCMCipher::decryptWithNonce(const zo::TCryptBuffer<zo::uint8>& key, const zo::uint8* nonce,
-                                        const void* aad, int aadSize, const void* src, int size,
-                                        zo::TBuffer<zo::uint8>& out)
+bool CAES256GCMCipher::decryptWithNonce(const zo::TCryptBuffer<zo::uint8>& key, const zo::uint8* nonce, const void* aad,
+                                        int aadSize, const void* src, int size, zo::TBuffer<zo::uint8>& out)
 {
     const char* const where = "CAES256GCMCipher::decryptWithNonce";
     checkKey(where, key);

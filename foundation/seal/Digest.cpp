@@ -39,7 +39,8 @@ public:
     void update(const void* data, int size) override
     {
         if (size < 0 || (size > 0 && !data))
-            throw zo::CInvalidArgError("CEVPDigestContext::update", "Invalid data buffer.", zo::CProps().add("size", size));
+            throw zo::CInvalidArgError("CEVPDigestContext::update", "Invalid data buffer.",
+                                       zo::CProps().add("size", size));
         if (m_finished)
             throw zo::CError("The digest is finished; reset it before adding data.");
         if (size > 0 && !EVP_DigestUpdate(m_context.get(), data, static_cast<size_t>(size)))
@@ -74,7 +75,10 @@ private:
 
 class CDigestType_SHA256 : public zo::CBase, public IDigestType {
 public:
-    zo::P<IDigestContext> createContext() const override { return zo::P<IDigestContext>(new CEVPDigestContext("SHA256")); }
+    zo::P<IDigestContext> createContext() const override
+    {
+        return zo::P<IDigestContext>(new CEVPDigestContext("SHA256"));
+    }
     int getSize() const override { return 32; }
     zo::String getID() const override { return "sha256"; }
 };
@@ -118,8 +122,8 @@ public:
                                        zo::CProps().add("size", size));
         if (m_finished)
             throw zo::CError("The digest is finished; reset it before adding data.");
-        if (size > 0 && EVP_MAC_update(m_context.get(), static_cast<const unsigned char*>(data),
-                                       static_cast<size_t>(size)) != 1)
+        if (size > 0 &&
+            EVP_MAC_update(m_context.get(), static_cast<const unsigned char*>(data), static_cast<size_t>(size)) != 1)
             detail::throwOpenSSLError("HMAC update failed.");
     }
 

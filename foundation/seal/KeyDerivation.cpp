@@ -72,11 +72,9 @@ void deriveKey_Argon2id(const void* password, int passwordSize, const void* salt
     checkBuffer(where, "secret", secret, secretSize);
     checkBuffer(where, "associated data", associatedData, associatedDataSize);
     if (cost.passes < 1 || cost.memoryKiB < 1 || cost.lanes < 1)
-        throw zo::CInvalidArgError(where, "Argon2id cost must be positive.",
-                                   zo::CProps()
-                                       .add("passes", cost.passes)
-                                       .add("memoryKiB", cost.memoryKiB)
-                                       .add("lanes", cost.lanes));
+        throw zo::CInvalidArgError(
+            where, "Argon2id cost must be positive.",
+            zo::CProps().add("passes", cost.passes).add("memoryKiB", cost.memoryKiB).add("lanes", cost.lanes));
 
     argon2_context context{};
     context.out = static_cast<uint8_t*>(keyOut);
@@ -101,15 +99,13 @@ void deriveKey_Argon2id(const void* password, int passwordSize, const void* salt
         throw zo::CError("Argon2id could not get its memory.", zo::String(), -1,
                          zo::CProps().add("memoryKiB", cost.memoryKiB));
     if (result != ARGON2_OK)
-        throw zo::CInvalidArgError(where, zo::String("Argon2id refused its input: ") + argon2_error_message(result),
-                                   zo::CProps()
-                                       .add("passes", cost.passes)
-                                       .add("memoryKiB", cost.memoryKiB)
-                                       .add("lanes", cost.lanes));
+        throw zo::CInvalidArgError(
+            where, zo::String("Argon2id refused its input: ") + argon2_error_message(result),
+            zo::CProps().add("passes", cost.passes).add("memoryKiB", cost.memoryKiB).add("lanes", cost.lanes));
 }
 
-void deriveKey_HKDF_SHA256(const void* key, int keySize, const void* salt, int saltSize, const void* info,
-                           int infoSize, int outSize, void* keyOut)
+void deriveKey_HKDF_SHA256(const void* key, int keySize, const void* salt, int saltSize, const void* info, int infoSize,
+                           int outSize, void* keyOut)
 {
     constexpr const char* where = "deriveKey_HKDF_SHA256";
     if (keySize < 1 || !key)
@@ -129,7 +125,8 @@ void deriveKey_HKDF_SHA256(const void* key, int keySize, const void* salt, int s
     OSSL_PARAM params[5];
     int count = 0;
     params[count++] = OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0);
-    params[count++] = OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, readOnly(key), static_cast<size_t>(keySize));
+    params[count++] =
+        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, readOnly(key), static_cast<size_t>(keySize));
     if (saltSize > 0)
         params[count++] =
             OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, readOnly(salt), static_cast<size_t>(saltSize));

@@ -31,15 +31,16 @@ struct Argon2idCost {
 // a cost, salt or key size that Argon2 refuses (the message names the
 // reason), and zo::CError when the memory cannot be had.
 BRICKDISK_EXPORT void deriveKey_Argon2id(const void* password, int passwordSize, const void* salt, int saltSize,
-                        const Argon2idCost& cost, int keySize, void* keyOut, const void* secret = nullptr,
-                        int secretSize = 0, const void* associatedData = nullptr, int associatedDataSize = 0);
+                                         const Argon2idCost& cost, int keySize, void* keyOut,
+                                         const void* secret = nullptr, int secretSize = 0,
+                                         const void* associatedData = nullptr, int associatedDataSize = 0);
 
 // HKDF with HMAC-SHA256 (RFC 5869), extract and expand: writes `keySize`
 // bytes derived from the input key material `key` (at least 1 byte), the
 // optional `salt` and the context text `info` into `keyOut`. Any thread may
 // call it. Throws zo::CInvalidArgError on bad sizes or null buffers and
 // zo::CError on a failure of the library.
-BRICKDISK_EXPORT void deriveKey_HKDF_SHA256(const void* key, int keySize, const void* salt, int saltSize, const void* info,
-                           int infoSize, int outSize, void* keyOut);
+BRICKDISK_EXPORT void deriveKey_HKDF_SHA256(const void* key, int keySize, const void* salt, int saltSize,
+                                            const void* info, int infoSize, int outSize, void* keyOut);
 
 } // namespace seal

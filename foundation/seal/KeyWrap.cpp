@@ -34,8 +34,9 @@ CipherContext startGCM(bool encrypt, const zo::TCryptBuffer<zo::uint8>& wrapping
                        const zo::TBuffer<zo::uint8>& associatedData)
 {
     CipherContext context(EVP_CIPHER_CTX_new());
-    if (!context || EVP_CipherInit_ex2(context.get(), EVP_aes_256_gcm(), wrappingKey.getData(), nonce,
-                                       encrypt ? 1 : 0, nullptr) != 1)
+    if (!context ||
+        EVP_CipherInit_ex2(context.get(), EVP_aes_256_gcm(), wrappingKey.getData(), nonce, encrypt ? 1 : 0, nullptr) !=
+            1)
         detail::throwOpenSSLError("AES-256-GCM could not be started.");
     int ignored = 0;
     if (associatedData.getUsed() > 0 &&

@@ -17,8 +17,9 @@ constexpr int kKeyWrapOverhead = 12 + 16;
 // `associatedData` (may be empty). Any thread may call it. Throws
 // zo::CInvalidArgError when the wrapping key is not 32 bytes or `key` is
 // empty, and zo::CError on a failure of the library.
-BRICKDISK_EXPORT zo::TBuffer<zo::uint8> wrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey, const zo::TCryptBuffer<zo::uint8>& key,
-                               const zo::TBuffer<zo::uint8>& associatedData);
+BRICKDISK_EXPORT zo::TBuffer<zo::uint8> wrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey,
+                                                const zo::TCryptBuffer<zo::uint8>& key,
+                                                const zo::TBuffer<zo::uint8>& associatedData);
 
 // Restores into `keyOut` a key that wrapKey wrapped under `wrappingKey` with
 // the same `associatedData`. Returns false, leaving `keyOut` untouched, when
@@ -26,6 +27,6 @@ BRICKDISK_EXPORT zo::TBuffer<zo::uint8> wrapKey(const zo::TCryptBuffer<zo::uint8
 // Throws zo::CInvalidArgError when the wrapping key is not 32 bytes, and
 // zo::CError on a failure of the library.
 BRICKDISK_EXPORT bool unwrapKey(const zo::TCryptBuffer<zo::uint8>& wrappingKey, const zo::TBuffer<zo::uint8>& wrapped,
-               const zo::TBuffer<zo::uint8>& associatedData, zo::TCryptBuffer<zo::uint8>& keyOut);
+                                const zo::TBuffer<zo::uint8>& associatedData, zo::TCryptBuffer<zo::uint8>& keyOut);
 
 } // namespace seal

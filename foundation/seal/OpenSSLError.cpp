@@ -18,6 +18,9 @@ void throwOpenSSLError(const zo::String& message, zo::CProps props)
     throw zo::CError(message, zo::String(), -1, props);
 }
 
-void clearOpenSSLErrors() { ERR_clear_error(); }
+void clearOpenSSLErrors()
+{
+    ERR_clear_error();
+}
 
 } // namespace seal::detail

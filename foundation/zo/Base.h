@@ -72,17 +72,44 @@ class BRICKDISK_EXPORT P {
 public:
     P() noexcept = default;
     P(std::nullptr_t) noexcept {}
-    P(T* object) noexcept : m_ptr(object) { if (m_ptr) m_ptr->addRef(); }
+    P(T* object) noexcept : m_ptr(object)
+    {
+        if (m_ptr)
+            m_ptr->addRef();
+    }
     P(const P& other) noexcept : P(other.m_ptr) {}
     P(P&& other) noexcept : m_ptr(std::exchange(other.m_ptr, nullptr)) {}
+    // clang-format 14 splits "noexcept" from this converting constructor.
+    // clang-format off
     template <class U>
     P(const P<U>& other) noexcept : P(other.get()) {}
-    ~P() { if (m_ptr) m_ptr->release(); }
+    // clang-format on
+    ~P()
+    {
+        if (m_ptr)
+            m_ptr->release();
+    }
 
-    P& operator=(const P& other) noexcept { P(other).swap(*this); return *this; }
-    P& operator=(P&& other) noexcept { P(std::move(other)).swap(*this); return *this; }
-    P& operator=(T* object) noexcept { P(object).swap(*this); return *this; }
-    P& operator=(std::nullptr_t) noexcept { reset(); return *this; }
+    P& operator=(const P& other) noexcept
+    {
+        P(other).swap(*this);
+        return *this;
+    }
+    P& operator=(P&& other) noexcept
+    {
+        P(std::move(other)).swap(*this);
+        return *this;
+    }
+    P& operator=(T* object) noexcept
+    {
+        P(object).swap(*this);
+        return *this;
+    }
+    P& operator=(std::nullptr_t) noexcept
+    {
+        reset();
+        return *this;
+    }
 
     void reset() noexcept { P().swap(*this); }
     void swap(P& other) noexcept { std::swap(m_ptr, other.m_ptr); }

@@ -129,7 +129,8 @@ public:
     // Equal when the used elements are equal; capacity does not count.
     friend bool operator==(const TBuffer& a, const TBuffer& b)
     {
-        return a.m_used == b.m_used && (a.m_used == 0 || std::memcmp(a.m_data, b.m_data, sizeof(T) * static_cast<size_t>(a.m_used)) == 0);
+        return a.m_used == b.m_used &&
+            (a.m_used == 0 || std::memcmp(a.m_data, b.m_data, sizeof(T) * static_cast<size_t>(a.m_used)) == 0);
     }
 
 protected:

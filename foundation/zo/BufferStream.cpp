@@ -64,7 +64,8 @@ void CBufferStream::seek(int64 position)
 {
     checkOpen();
     if (position < 0 || position > readBuffer().getUsed())
-        throw CIOError(CIOError::SeekOutOfRange, String(), CProps().add("pos", position).add("size", static_cast<int64>(readBuffer().getUsed())));
+        throw CIOError(CIOError::SeekOutOfRange, String(),
+                       CProps().add("pos", position).add("size", static_cast<int64>(readBuffer().getUsed())));
     m_position = position;
 }
 
@@ -98,7 +99,8 @@ void CBufferStream::write(const void* src, int size, IWriteBarrier*)
         throw CIOError(CIOError::WriteBeyondSize, "Buffer stream cannot grow beyond 2 GiB.");
     if (end > m_writable->getCapacity()) {
         const double grown = std::ceil(m_writable->getCapacity() * m_growFactor);
-        const int64 capacity = std::max<int64>(end, static_cast<int64>(std::min<double>(grown, std::numeric_limits<int>::max())));
+        const int64 capacity =
+            std::max<int64>(end, static_cast<int64>(std::min<double>(grown, std::numeric_limits<int>::max())));
         m_writable->reserve(static_cast<int>(capacity));
     }
     if (end > m_writable->getUsed())

@@ -61,15 +61,15 @@ public:
         Unspecified = 0,
         ReadFailed = 1,
         WriteFailed = 2,
-        WriteBeyondSize = 3,   // a write would end beyond the size of its target
-        EndOfData = 4,         // the end of the data was reached during a read or write
+        WriteBeyondSize = 3, // a write would end beyond the size of its target
+        EndOfData = 4, // the end of the data was reached during a read or write
         InvalidData = 5,
         TimedOut = 6,
-        SeekOutOfRange = 7,    // a seek position outside the stream
+        SeekOutOfRange = 7, // a seek position outside the stream
         LengthUnknown = 8,
         ReadOnly = 9,
         StreamClosed = 10,
-        NotOnBoundary = 11,    // a write that must start on a block boundary does not
+        NotOnBoundary = 11, // a write that must start on a block boundary does not
         Busy = 12,
         SetLengthNotSupported = 13,
     };
@@ -103,17 +103,17 @@ private:
 class BRICKDISK_EXPORT CFileSystemError : public CError {
 public:
     enum Problem : int {
-        Unclassified = 0,  // the caller may ask the file system itself what is there
-        NotFound = 1,      // the file, or a folder on its path, does not exist
+        Unclassified = 0, // the caller may ask the file system itself what is there
+        NotFound = 1, // the file, or a folder on its path, does not exist
         AlreadyExists = 2, // the target already exists
         AccessDenied = 3,
         NoSpace = 4,
-        NotAFolder = 5,    // a path component, or the folder asked for, is a file
+        NotAFolder = 5, // a path component, or the folder asked for, is a file
         NotSupported = 6,
-        IsAFolder = 7,     // a file operation named a folder
+        IsAFolder = 7, // a file operation named a folder
         FolderNotEmpty = 8,
         InvalidName = 9,
-        Locked = 10,       // a lock held by someone else is in the way
+        Locked = 10, // a lock held by someone else is in the way
     };
 
     // Takes the cause's message and properties, adds the problem and keeps the

@@ -4,7 +4,8 @@
 
 namespace zo {
 
-CFileSystemOp::CFileSystemOp(IDoneListener* listener) : m_listener(listener) {}
+CFileSystemOp::CFileSystemOp(IDoneListener* listener) : m_listener(listener)
+{}
 
 bool CFileSystemOp::waitDone(int timeoutMillis)
 {
@@ -62,9 +63,9 @@ P<IFileSystemOp> postFileSystemOp(CCompletionPool& pool, IDoneListener* listener
 void checkStoreFileArguments(const char* where, const CURI& file, int size, const IInStream* source)
 {
     const char* problem = size < 0 ? "The size is negative."
-                          : !source ? "The source stream is null."
-                          : file.getName().isEmpty() ? "The path names no file."
-                                                     : nullptr;
+        : !source                  ? "The source stream is null."
+        : file.getName().isEmpty() ? "The path names no file."
+                                   : nullptr;
     if (problem)
         throw CInvalidArgError(where, problem, CProps().add("uri", file.toString(true)).add("size", size));
 }

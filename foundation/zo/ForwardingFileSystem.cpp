@@ -2,7 +2,8 @@
 
 namespace zo {
 
-CForwardingFileSystem::CForwardingFileSystem(IFileSystem* inner) : m_inner(inner) {}
+CForwardingFileSystem::CForwardingFileSystem(IFileSystem* inner) : m_inner(inner)
+{}
 
 P<IFileSystemOp> CForwardingFileSystem::beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
                                                        IDoneListener* listener)

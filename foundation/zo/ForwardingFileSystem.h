@@ -23,10 +23,8 @@ public:
     P<IFileSystemOp> beginStoreFile(const CURI& file, int size, IInStream* source, bool overwrite,
                                     IDoneListener* listener) override;
     P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
-    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
-    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
+    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;
     P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override;

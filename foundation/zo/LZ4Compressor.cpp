@@ -74,7 +74,8 @@ CError damagedBlock(const char* reason)
 
 } // namespace
 
-CLZ4Compressor::CLZ4Compressor(bool highCompression) : m_highCompression(highCompression) {}
+CLZ4Compressor::CLZ4Compressor(bool highCompression) : m_highCompression(highCompression)
+{}
 
 void* CLZ4Compressor::getState(std::vector<uint64>& state, int bytes)
 {
@@ -106,7 +107,8 @@ int CLZ4Compressor::getMaxCompressedSize(int sourceSize)
 {
     const int bound = LZ4_compressBound(sourceSize);
     if (sourceSize < 0 || bound <= 0 || bound > INT_MAX - SizePrefixBytes)
-        throw CInvalidArgError("CLZ4Compressor::getMaxCompressedSize", "Invalid source size: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CLZ4Compressor::getMaxCompressedSize",
+                               "Invalid source size: " + toDecimalString(sourceSize));
     return SizePrefixBytes + bound;
 }
 
@@ -130,8 +132,8 @@ int CLZ4Compressor::compress(const void* src, int srcSize, void* dst, int dstCap
         blockSize = LZ4_compress_HC_extStateHC(getState(m_highState, LZ4_sizeofStateHC()), in, block, srcSize,
                                                blockCapacity, LZ4HC_CLEVEL_DEFAULT);
     else
-        blockSize = LZ4_compress_fast_extState(getState(m_fastState, LZ4_sizeofState()), in, block, srcSize,
-                                               blockCapacity, 1);
+        blockSize =
+            LZ4_compress_fast_extState(getState(m_fastState, LZ4_sizeofState()), in, block, srcSize, blockCapacity, 1);
     if (blockSize <= 0)
         throw CError("Compressed data does not fit into the destination buffer.", String(), -1,
                      CProps().add("compressor", "lz4").add("capacity", dstCapacity));
@@ -151,12 +153,16 @@ int CLZ4Compressor::decompress(const void* src, int srcSize, void* dst, int dstC
         throw damagedBlock("impossible size");
     if (originalSize > static_cast<uint32>(dstCapacity))
         throw CError("Decompressed data does not fit into the destination buffer.", String(), -1,
-                     CProps().add("compressor", "lz4").add("size", static_cast<int64>(originalSize)).add("capacity", dstCapacity));
+                     CProps()
+                         .add("compressor", "lz4")
+                         .add("size", static_cast<int64>(originalSize))
+                         .add("capacity", dstCapacity));
 
     // Decoding stops at the original size, so nothing lands past it even when
     // the block is damaged.
-    const int decoded = LZ4_decompress_safe(reinterpret_cast<const char*>(in + SizePrefixBytes), static_cast<char*>(dst),
-                                            srcSize - SizePrefixBytes, static_cast<int>(originalSize));
+    const int decoded =
+        LZ4_decompress_safe(reinterpret_cast<const char*>(in + SizePrefixBytes), static_cast<char*>(dst),
+                            srcSize - SizePrefixBytes, static_cast<int>(originalSize));
     if (decoded < 0)
         throw damagedBlock("malformed block");
     if (decoded != static_cast<int>(originalSize))

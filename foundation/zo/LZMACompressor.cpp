@@ -47,10 +47,12 @@ CLZMACompressor::~CLZMACompressor() = default;
 int CLZMACompressor::getMaxCompressedSize(int sourceSize)
 {
     if (sourceSize < 0)
-        throw CInvalidArgError("CLZMACompressor::getMaxCompressedSize", "Negative source size: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CLZMACompressor::getMaxCompressedSize",
+                               "Negative source size: " + toDecimalString(sourceSize));
     const size_t bound = lzma_stream_buffer_bound(static_cast<size_t>(sourceSize));
     if (bound == 0 || bound > static_cast<size_t>(INT_MAX))
-        throw CInvalidArgError("CLZMACompressor::getMaxCompressedSize", "Source too large: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CLZMACompressor::getMaxCompressedSize",
+                               "Source too large: " + toDecimalString(sourceSize));
     return static_cast<int>(bound);
 }
 

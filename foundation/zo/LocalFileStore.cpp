@@ -316,8 +316,7 @@ bool isTemporaryFileName(const std::string& name)
     static const std::string prefix = ".tmp-";
     static const std::string suffix = ".part";
     return name.size() >= prefix.size() + 16 + 1 + suffix.size() && name.compare(0, prefix.size(), prefix) == 0 &&
-           name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0 &&
-           name[prefix.size() + 16] == '-';
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0 && name[prefix.size() + 16] == '-';
 }
 
 } // namespace zo

@@ -11,8 +11,7 @@ namespace zo {
 
 CLocalFileStream::CLocalFileStream(int fd, const CURI& uri, Access access, bool syncOnFlush)
     : CStreamBase("Local file stream"), m_fd(fd), m_uri(uri), m_access(access), m_syncOnFlush(syncOnFlush)
-{
-}
+{}
 
 CLocalFileStream::~CLocalFileStream()
 {
@@ -148,7 +147,8 @@ void CLocalFileStream::setLength(int64 length)
 {
     checkWritable();
     if (length < 0)
-        throw CIOError(CIOError::SeekOutOfRange, String(), CProps().add("length", length).add("uri", m_uri.toString(true)));
+        throw CIOError(CIOError::SeekOutOfRange, String(),
+                       CProps().add("length", length).add("uri", m_uri.toString(true)));
     while (::ftruncate(m_fd, length) != 0) {
         if (errno != EINTR)
             throw errnoError(errno, "ftruncate");
@@ -167,14 +167,16 @@ void CLocalFileStream::checkReadable() const
 {
     checkOpen();
     if (m_access == AccessWrite)
-        throw CIOError(CIOError::ReadFailed, "The stream is open for writing only.", CProps().add("uri", m_uri.toString(true)));
+        throw CIOError(CIOError::ReadFailed, "The stream is open for writing only.",
+                       CProps().add("uri", m_uri.toString(true)));
 }
 
 void CLocalFileStream::checkWritable() const
 {
     checkOpen();
     if (m_access == AccessRead)
-        throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.", CProps().add("uri", m_uri.toString(true)));
+        throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.",
+                       CProps().add("uri", m_uri.toString(true)));
 }
 
 CFileSystemError CLocalFileStream::errnoError(int errnoValue, const String& action) const

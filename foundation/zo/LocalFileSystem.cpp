@@ -9,8 +9,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <cstdio>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -152,9 +152,12 @@ int openFlags(const CURI& file, IIOStream::Access access, int options)
 {
     const int create = (options & IIOStream::OptionReplace) ? O_CREAT | O_TRUNC : 0;
     switch (access) {
-    case IIOStream::AccessRead: return O_RDONLY;
-    case IIOStream::AccessWrite: return O_WRONLY | create;
-    case IIOStream::AccessReadWrite: return O_RDWR | create;
+    case IIOStream::AccessRead:
+        return O_RDONLY;
+    case IIOStream::AccessWrite:
+        return O_WRONLY | create;
+    case IIOStream::AccessReadWrite:
+        return O_RDWR | create;
     }
     throw CInvalidArgError("zo::CLocalFileSystem::openStream", "Unknown access value.",
                            CProps().add("uri", file.toString(true)).add("access", static_cast<int>(access)));
@@ -233,7 +236,8 @@ int removeTemporaryFilesBelow(int fd, const std::string& folder)
 
 } // namespace
 
-CLocalFileSystem::CLocalFileSystem(int threadCount) : m_pool(CCompletionPool::create(threadCount)) {}
+CLocalFileSystem::CLocalFileSystem(int threadCount) : m_pool(CCompletionPool::create(threadCount))
+{}
 
 CLocalFileSystem::~CLocalFileSystem()
 {
@@ -276,23 +280,23 @@ P<IFileSystemOp> CLocalFileSystem::beginStoreFile(const CURI& file, int size, II
                                                   IDoneListener* listener)
 {
     checkStoreFileArguments("zo::CLocalFileSystem::beginStoreFile", file, size, source);
-    return postFileSystemOp(*m_pool, listener, [file, size, source = P<IInStream>(source), overwrite, sync = isSyncEnabled()] {
-        storeLocalFile(file, size, *source, overwrite, sync ? LocalStoreSync::Full : LocalStoreSync::None);
-    });
+    return postFileSystemOp(
+        *m_pool, listener, [file, size, source = P<IInStream>(source), overwrite, sync = isSyncEnabled()] {
+            storeLocalFile(file, size, *source, overwrite, sync ? LocalStoreSync::Full : LocalStoreSync::None);
+        });
 }
 
-P<IFileSystemOp> CLocalFileSystem::beginStoreFileBatched(const CURI& file, int size, IInStream* source,
-                                                         bool overwrite, IDoneListener* listener)
+P<IFileSystemOp> CLocalFileSystem::beginStoreFileBatched(const CURI& file, int size, IInStream* source, bool overwrite,
+                                                         IDoneListener* listener)
 {
     checkStoreFileArguments("zo::CLocalFileSystem::beginStoreFileBatched", file, size, source);
     // The pool's threads end before this object does (the destructor shuts
     // the pool down), so the operation may note into it.
-    return postFileSystemOp(*m_pool, listener,
-                            [this, file, size, source = P<IInStream>(source), overwrite, sync = isSyncEnabled()] {
-                                storeLocalFile(file, size, *source, overwrite,
-                                               sync ? LocalStoreSync::Content : LocalStoreSync::None);
-                                noteChangedFolder(file, sync);
-                            });
+    return postFileSystemOp(
+        *m_pool, listener, [this, file, size, source = P<IInStream>(source), overwrite, sync = isSyncEnabled()] {
+            storeLocalFile(file, size, *source, overwrite, sync ? LocalStoreSync::Content : LocalStoreSync::None);
+            noteChangedFolder(file, sync);
+        });
 }
 
 void CLocalFileSystem::noteChangedFolder(const CURI& path, bool sync)
@@ -335,13 +339,15 @@ P<IFileSystemOp> CLocalFileSystem::beginCreateFolder(const CURI& folder, int mod
 P<IFileSystemOp> CLocalFileSystem::beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
                                                  IDoneListener* listener)
 {
-    return postFileSystemOp(*m_pool, listener, [from, to, overwrite, sync = isSyncEnabled()] { moveLocalFile(from, to, overwrite, sync); });
+    return postFileSystemOp(
+        *m_pool, listener, [from, to, overwrite, sync = isSyncEnabled()] { moveLocalFile(from, to, overwrite, sync); });
 }
 
 P<IFileSystemOp> CLocalFileSystem::beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
                                                  IDoneListener* listener)
 {
-    return postFileSystemOp(*m_pool, listener, [from, to, overwrite, sync = isSyncEnabled()] { copyLocalFile(from, to, overwrite, sync); });
+    return postFileSystemOp(
+        *m_pool, listener, [from, to, overwrite, sync = isSyncEnabled()] { copyLocalFile(from, to, overwrite, sync); });
 }
 
 P<IFileSystemOp> CLocalFileSystem::beginDeleteFile(const CURI& file, IDoneListener* listener)

@@ -84,12 +84,10 @@ public:
     P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
     // rename (overwrite), or a rename that refuses an existing target (no
     // overwrite: renameat2, or link and unlink where that is not supported).
-    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
     // A hard link where source and target lie on one file system (see
     // copyLocalFile), otherwise a durable full copy.
-    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
     // unlink; the folder is noted for syncBatch.
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
 

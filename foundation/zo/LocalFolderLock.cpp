@@ -119,8 +119,7 @@ P<IFileSystemLock> lockLocalFolder(const CURI& folder, bool exclusive)
         if (lockErrno == EAGAIN || lockErrno == EACCES)
             throw lockError(CFileSystemError::Locked, "The folder is locked by someone else.", folderText, holder);
         if (lockErrno == EINVAL || lockErrno == ENOLCK || lockErrno == ENOSYS)
-            throw lockError(CFileSystemError::NotSupported, "The folder's file system cannot lock files.",
-                            folderText);
+            throw lockError(CFileSystemError::NotSupported, "The folder's file system cannot lock files.", folderText);
         throw makeErrnoError(lockErrno, "lock", folderText);
     }
     P<IFileSystemLock> lock(new CLocalFolderLock(fd, exclusive));

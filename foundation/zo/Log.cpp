@@ -69,7 +69,8 @@ void onExceptionInDestructorIgnored(const char* where, const std::exception& err
     if (!log)
         return;
     try {
-        logLine(LogLevel::Error, String("Exception ignored in destructor of ") + String(where) + ": " + describe(error));
+        logLine(LogLevel::Error,
+                String("Exception ignored in destructor of ") + String(where) + ": " + describe(error));
     } catch (...) {
         // Nothing may leave a destructor, not even a failure to log.
     }

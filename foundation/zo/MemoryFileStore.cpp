@@ -15,13 +15,20 @@ using Problem = CFileSystemError::Problem;
 const char* describeProblem(Problem problem)
 {
     switch (problem) {
-    case CFileSystemError::NotFound: return "No such file or folder";
-    case CFileSystemError::AlreadyExists: return "It already exists";
-    case CFileSystemError::NotAFolder: return "A part of the path is not a folder";
-    case CFileSystemError::IsAFolder: return "It is a folder";
-    case CFileSystemError::InvalidName: return "The path is empty";
-    case CFileSystemError::Locked: return "It is locked by someone else";
-    default: return "It cannot be done";
+    case CFileSystemError::NotFound:
+        return "No such file or folder";
+    case CFileSystemError::AlreadyExists:
+        return "It already exists";
+    case CFileSystemError::NotAFolder:
+        return "A part of the path is not a folder";
+    case CFileSystemError::IsAFolder:
+        return "It is a folder";
+    case CFileSystemError::InvalidName:
+        return "The path is empty";
+    case CFileSystemError::Locked:
+        return "It is locked by someone else";
+    default:
+        return "It cannot be done";
     }
 }
 
@@ -133,7 +140,7 @@ void CMemoryFileStore::createFolderWithParentsLocked(const String& key)
 }
 
 TMap<String, P<CMemoryFileStore::FileData>>::iterator CMemoryFileStore::findSourceFile(const String& fromKey,
-                                                                                      const char* action)
+                                                                                       const char* action)
 {
     const auto source = m_files.find(fromKey);
     if (source == m_files.end()) {

@@ -7,8 +7,7 @@ namespace zo {
 CMemoryFileStream::CMemoryFileStream(CMemoryFileStore* store, const CURI& file, CMemoryFileStore::FileData* data,
                                      Access access)
     : CStreamBase("Memory file stream"), m_store(store), m_uri(file), m_data(data), m_access(access)
-{
-}
+{}
 
 int64 CMemoryFileStream::getLength()
 {
@@ -88,14 +87,16 @@ void CMemoryFileStream::checkReadable() const
 {
     checkOpen();
     if (m_access == AccessWrite)
-        throw CIOError(CIOError::ReadFailed, "The stream is open for writing only.", CProps().add("uri", m_uri.toString(true)));
+        throw CIOError(CIOError::ReadFailed, "The stream is open for writing only.",
+                       CProps().add("uri", m_uri.toString(true)));
 }
 
 void CMemoryFileStream::checkWritable() const
 {
     checkOpen();
     if (m_access == AccessRead)
-        throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.", CProps().add("uri", m_uri.toString(true)));
+        throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.",
+                       CProps().add("uri", m_uri.toString(true)));
 }
 
 } // namespace zo

@@ -35,8 +35,7 @@ class CMemoryFolderLock : public CBase, public IFileSystemLock {
 public:
     CMemoryFolderLock(CMemoryFileStore* store, const CURI& folder, bool exclusive)
         : m_store(store), m_folder(folder), m_exclusive(exclusive)
-    {
-    }
+    {}
     ~CMemoryFolderLock() override
     {
         try {
@@ -58,28 +57,41 @@ private:
 const char* CMemoryFileSystem::getOperationName(Operation kind)
 {
     switch (kind) {
-    case Operation::StoreFile: return "storeFile";
-    case Operation::CreateFolder: return "createFolder";
-    case Operation::MoveFile: return "moveFile";
-    case Operation::DeleteFile: return "deleteFile";
-    case Operation::GetFileInfo: return "getFileInfo";
-    case Operation::OpenStream: return "openStream";
-    case Operation::CreateFolderSync: return "createFolderSync";
-    case Operation::FileExists: return "fileExists";
-    case Operation::FolderExists: return "folderExists";
-    case Operation::PathExists: return "pathExists";
-    case Operation::DeleteFileSync: return "deleteFileSync";
-    case Operation::ListFolder: return "listFolder";
-    case Operation::CopyFile: return "copyFile";
-    case Operation::LockFolder: return "lockFolder";
+    case Operation::StoreFile:
+        return "storeFile";
+    case Operation::CreateFolder:
+        return "createFolder";
+    case Operation::MoveFile:
+        return "moveFile";
+    case Operation::DeleteFile:
+        return "deleteFile";
+    case Operation::GetFileInfo:
+        return "getFileInfo";
+    case Operation::OpenStream:
+        return "openStream";
+    case Operation::CreateFolderSync:
+        return "createFolderSync";
+    case Operation::FileExists:
+        return "fileExists";
+    case Operation::FolderExists:
+        return "folderExists";
+    case Operation::PathExists:
+        return "pathExists";
+    case Operation::DeleteFileSync:
+        return "deleteFileSync";
+    case Operation::ListFolder:
+        return "listFolder";
+    case Operation::CopyFile:
+        return "copyFile";
+    case Operation::LockFolder:
+        return "lockFolder";
     }
     return "unknown";
 }
 
 CMemoryFileSystem::CMemoryFileSystem(int threadCount)
     : m_random(std::random_device()()), m_store(new CMemoryFileStore()), m_pool(CCompletionPool::create(threadCount))
-{
-}
+{}
 
 CMemoryFileSystem::~CMemoryFileSystem()
 {
@@ -161,8 +173,8 @@ P<CError> CMemoryFileSystem::startOperation(Operation kind, const CURI& path, co
     P<CError> failure;
     for (FailureRule& rule : m_rules) {
         const bool matches = rule.kind == kind &&
-                             (rule.pathPrefix.isEmpty() || pathText.StartsWith(rule.pathPrefix) ||
-                              (!otherText.isEmpty() && otherText.StartsWith(rule.pathPrefix)));
+            (rule.pathPrefix.isEmpty() || pathText.StartsWith(rule.pathPrefix) ||
+             (!otherText.isEmpty() && otherText.StartsWith(rule.pathPrefix)));
         if (!matches)
             continue;
         ++rule.matched;
@@ -216,14 +228,16 @@ P<IFileSystemOp> CMemoryFileSystem::beginMoveFile(const CURI& from, const CURI& 
                                                   IDoneListener* listener)
 {
     const P<CError> failure = startOperation(Operation::MoveFile, from, to);
-    return postOperation(failure, listener, [store = m_store, from, to, overwrite] { store->moveFile(from, to, overwrite); });
+    return postOperation(failure, listener,
+                         [store = m_store, from, to, overwrite] { store->moveFile(from, to, overwrite); });
 }
 
 P<IFileSystemOp> CMemoryFileSystem::beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
                                                   IDoneListener* listener)
 {
     const P<CError> failure = startOperation(Operation::CopyFile, from, to);
-    return postOperation(failure, listener, [store = m_store, from, to, overwrite] { store->copyFile(from, to, overwrite); });
+    return postOperation(failure, listener,
+                         [store = m_store, from, to, overwrite] { store->copyFile(from, to, overwrite); });
 }
 
 P<IFileSystemOp> CMemoryFileSystem::beginDeleteFile(const CURI& file, IDoneListener* listener)

@@ -25,20 +25,20 @@ class BRICKDISK_EXPORT CMemoryFileSystem : public CBase, public IFileSystem {
 public:
     // The kinds of operation that are counted, logged and can be made to fail.
     enum class Operation {
-        StoreFile,        // beginStoreFile
-        CreateFolder,     // beginCreateFolder
-        MoveFile,         // beginMoveFile
-        DeleteFile,       // beginDeleteFile
-        GetFileInfo,      // getFileInfo
-        OpenStream,       // openStream
+        StoreFile, // beginStoreFile
+        CreateFolder, // beginCreateFolder
+        MoveFile, // beginMoveFile
+        DeleteFile, // beginDeleteFile
+        GetFileInfo, // getFileInfo
+        OpenStream, // openStream
         CreateFolderSync, // createFolder
-        FileExists,       // fileExists
-        FolderExists,     // folderExists
-        PathExists,       // pathExists
-        DeleteFileSync,   // deleteFile
-        ListFolder,       // listFolder
-        CopyFile,         // beginCopyFile
-        LockFolder,       // lockFolder
+        FileExists, // fileExists
+        FolderExists, // folderExists
+        PathExists, // pathExists
+        DeleteFileSync, // deleteFile
+        ListFolder, // listFolder
+        CopyFile, // beginCopyFile
+        LockFolder, // lockFolder
     };
     static constexpr int operationKindCount = 14;
     // The name used in the operation log: "storeFile", "createFolder",
@@ -102,11 +102,9 @@ public:
                                     IDoneListener* listener) override;
     // `mode` is ignored.
     P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
-    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginMoveFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
     // The copy gets bytes of its own.
-    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
-                                   IDoneListener* listener) override;
+    P<IFileSystemOp> beginCopyFile(const CURI& from, const CURI& to, bool overwrite, IDoneListener* listener) override;
     P<IFileSystemOp> beginDeleteFile(const CURI& file, IDoneListener* listener) override;
 
     P<IFileInfo> getFileInfo(const CURI& path, bool throwIfMissing) override;

@@ -27,8 +27,7 @@ public:
 
     TMostRecentlyUsedCache(int capacity, bool autoTrim, EvictionList* evictionList = nullptr)
         : m_capacity(capacity), m_autoTrim(autoTrim), m_evictionList(evictionList)
-    {
-    }
+    {}
     TMostRecentlyUsedCache(const TMostRecentlyUsedCache&) = delete;
     TMostRecentlyUsedCache& operator=(const TMostRecentlyUsedCache&) = delete;
 

@@ -25,7 +25,8 @@ int copyBlock(const char* where, const void* src, int srcSize, void* dst, int ds
 int CNullCompressor::getMaxCompressedSize(int sourceSize)
 {
     if (sourceSize < 0)
-        throw CInvalidArgError("CNullCompressor::getMaxCompressedSize", "Negative source size: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CNullCompressor::getMaxCompressedSize",
+                               "Negative source size: " + toDecimalString(sourceSize));
     return sourceSize;
 }
 

@@ -45,7 +45,8 @@ std::mt19937 seededEngine()
 
 } // namespace
 
-CMTRand::CMTRand() : m_engine(seededEngine()) {}
+CMTRand::CMTRand() : m_engine(seededEngine())
+{}
 
 void CMTRand::randData(uint8* dst, int size)
 {

@@ -47,8 +47,9 @@ int CInStreamBase::isEndOfStream_NonBlocking()
 
 void CInStreamBase::lockRange(int64, int64, LockType)
 {
-    throw CFileSystemError(CFileSystemError::NotSupported,
-                           CError(String(m_kind) + " does not support lockRange.", String(), -1, withURI(*this, CProps())));
+    throw CFileSystemError(
+        CFileSystemError::NotSupported,
+        CError(String(m_kind) + " does not support lockRange.", String(), -1, withURI(*this, CProps())));
 }
 
 void CStreamBase::writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier)

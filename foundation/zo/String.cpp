@@ -17,7 +17,11 @@ void appendUTF8(std::u16string& out, std::string_view in)
         const auto c = static_cast<unsigned char>(in[i]);
         char32_t cp = 0xFFFD;
         size_t len = 1;
-        const int extra = c < 0x80 ? 0 : (c >= 0xC2 && c < 0xE0) ? 1 : (c >= 0xE0 && c < 0xF0) ? 2 : (c >= 0xF0 && c <= 0xF4) ? 3 : -1;
+        const int extra = c < 0x80     ? 0
+            : (c >= 0xC2 && c < 0xE0)  ? 1
+            : (c >= 0xE0 && c < 0xF0)  ? 2
+            : (c >= 0xF0 && c <= 0xF4) ? 3
+                                       : -1;
         if (extra == 0) {
             cp = c;
         } else if (extra > 0 && i + static_cast<size_t>(extra) < in.size()) {
@@ -142,7 +146,8 @@ std::string String::toUTF8() const
     out.reserve(m_text.size());
     for (size_t i = 0; i < m_text.size(); ++i) {
         char32_t cp = m_text[i];
-        if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < m_text.size() && m_text[i + 1] >= 0xDC00 && m_text[i + 1] <= 0xDFFF) {
+        if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < m_text.size() && m_text[i + 1] >= 0xDC00 &&
+            m_text[i + 1] <= 0xDFFF) {
             cp = 0x10000 + ((cp - 0xD800) << 10) + (m_text[i + 1] - 0xDC00);
             ++i;
         } else if (cp >= 0xD800 && cp <= 0xDFFF) {

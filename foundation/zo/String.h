@@ -40,15 +40,32 @@ public:
     const std::u16string& getUTF16() const { return m_text; }
     char16_t operator[](size_t i) const { return m_text[i]; }
 
-    String& operator+=(const String& other) { m_text += other.m_text; return *this; }
+    String& operator+=(const String& other)
+    {
+        m_text += other.m_text;
+        return *this;
+    }
     String& operator+=(const char* utf8) { return *this += String(utf8); }
     // Appends one character: a surrogate pair beyond U+FFFF, U+FFFD for a
     // value beyond U+10FFFF.
     String& operator+=(wchar_t ch);
 
-    friend String operator+(String a, const String& b) { a += b; return a; }
-    friend String operator+(String a, const char* b) { a += b; return a; }
-    friend String operator+(const char* a, const String& b) { String s(a); s += b; return s; }
+    friend String operator+(String a, const String& b)
+    {
+        a += b;
+        return a;
+    }
+    friend String operator+(String a, const char* b)
+    {
+        a += b;
+        return a;
+    }
+    friend String operator+(const char* a, const String& b)
+    {
+        String s(a);
+        s += b;
+        return s;
+    }
 
     friend bool operator==(const String& a, const String& b) { return a.m_text == b.m_text; }
     friend bool operator==(const String& a, const char* b) { return a == String(b); }

@@ -7,7 +7,8 @@
 
 namespace zo {
 
-CThread::CThread(IRunnable* runnable, bool joinOnStop) : m_runnable(runnable), m_joinOnStop(joinOnStop) {}
+CThread::CThread(IRunnable* runnable, bool joinOnStop) : m_runnable(runnable), m_joinOnStop(joinOnStop)
+{}
 
 CThread::~CThread()
 {

@@ -19,7 +19,8 @@ size_t rootLength(const std::u16string& path)
         return 0;
     for (size_t i = 0; i < colon; ++i) {
         const char16_t c = path[i];
-        const bool ok = (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (i > 0 && ((c >= u'0' && c <= u'9') || c == u'+' || c == u'-' || c == u'.'));
+        const bool ok = (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') ||
+            (i > 0 && ((c >= u'0' && c <= u'9') || c == u'+' || c == u'-' || c == u'.'));
         if (!ok)
             return 0;
     }
@@ -77,7 +78,9 @@ std::pair<std::u16string, std::vector<std::u16string>> normalizedParts(const std
 
 } // namespace
 
-CURI::CURI(const CURI& base, const String& relative) : m_path(relative.isEmpty() ? base.m_path : (base << CURI(relative)).m_path) {}
+CURI::CURI(const CURI& base, const String& relative)
+    : m_path(relative.isEmpty() ? base.m_path : (base << CURI(relative)).m_path)
+{}
 
 bool CURI::isAbsolute() const
 {

@@ -48,7 +48,8 @@ struct CZLibCompressor::Streams {
 CZLibCompressor::CZLibCompressor(int level) : m_level(level), m_streams(std::make_unique<Streams>())
 {
     if (level < Z_DEFAULT_COMPRESSION || level > Z_BEST_COMPRESSION)
-        throw CInvalidArgError("CZLibCompressor::CZLibCompressor", "Invalid zlib compression level: " + toDecimalString(level));
+        throw CInvalidArgError("CZLibCompressor::CZLibCompressor",
+                               "Invalid zlib compression level: " + toDecimalString(level));
 }
 
 CZLibCompressor::~CZLibCompressor() = default;
@@ -56,10 +57,12 @@ CZLibCompressor::~CZLibCompressor() = default;
 int CZLibCompressor::getMaxCompressedSize(int sourceSize)
 {
     if (sourceSize < 0)
-        throw CInvalidArgError("CZLibCompressor::getMaxCompressedSize", "Negative source size: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CZLibCompressor::getMaxCompressedSize",
+                               "Negative source size: " + toDecimalString(sourceSize));
     const uLong bound = compressBound(static_cast<uLong>(sourceSize));
     if (bound > static_cast<uLong>(INT_MAX))
-        throw CInvalidArgError("CZLibCompressor::getMaxCompressedSize", "Source too large: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CZLibCompressor::getMaxCompressedSize",
+                               "Source too large: " + toDecimalString(sourceSize));
     return static_cast<int>(bound);
 }
 

@@ -56,7 +56,8 @@ struct CZstdCompressor::Contexts {
 CZstdCompressor::CZstdCompressor(int level) : m_level(level), m_contexts(std::make_unique<Contexts>())
 {
     if (level < kMinLevel || level > kMaxLevel)
-        throw CInvalidArgError("CZstdCompressor::CZstdCompressor", "Invalid zstd compression level: " + toDecimalString(level));
+        throw CInvalidArgError("CZstdCompressor::CZstdCompressor",
+                               "Invalid zstd compression level: " + toDecimalString(level));
 }
 
 CZstdCompressor::~CZstdCompressor() = default;
@@ -64,10 +65,12 @@ CZstdCompressor::~CZstdCompressor() = default;
 int CZstdCompressor::getMaxCompressedSize(int sourceSize)
 {
     if (sourceSize < 0)
-        throw CInvalidArgError("CZstdCompressor::getMaxCompressedSize", "Negative source size: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CZstdCompressor::getMaxCompressedSize",
+                               "Negative source size: " + toDecimalString(sourceSize));
     const size_t bound = ZSTD_compressBound(static_cast<size_t>(sourceSize));
     if (ZSTD_isError(bound) || bound > static_cast<size_t>(INT_MAX))
-        throw CInvalidArgError("CZstdCompressor::getMaxCompressedSize", "Source too large: " + toDecimalString(sourceSize));
+        throw CInvalidArgError("CZstdCompressor::getMaxCompressedSize",
+                               "Source too large: " + toDecimalString(sourceSize));
     return static_cast<int>(bound);
 }
 
@@ -83,7 +86,8 @@ int CZstdCompressor::compress(const void* src, int srcSize, void* dst, int dstCa
         checkSetting(ZSTD_CCtx_setParameter(context, ZSTD_c_checksumFlag, 1));
     }
     // zstd writes the original size into the frame, as it knows it here.
-    const size_t result = ZSTD_compress2(context, dst, static_cast<size_t>(dstCapacity), src, static_cast<size_t>(srcSize));
+    const size_t result =
+        ZSTD_compress2(context, dst, static_cast<size_t>(dstCapacity), src, static_cast<size_t>(srcSize));
     if (ZSTD_isError(result)) {
         // A failed call leaves the context mid-frame; the next one starts afresh.
         ZSTD_CCtx_reset(context, ZSTD_reset_session_only);
@@ -118,8 +122,8 @@ int CZstdCompressor::decompress(const void* src, int srcSize, void* dst, int dst
             throw CError("zstd decompression could not start.", String(), -1, zstdProps(0));
     }
     // zstd never writes past the capacity it is given, damaged frame or not.
-    const size_t decoded = ZSTD_decompressDCtx(context, dst, static_cast<size_t>(dstCapacity), src,
-                                               static_cast<size_t>(srcSize));
+    const size_t decoded =
+        ZSTD_decompressDCtx(context, dst, static_cast<size_t>(dstCapacity), src, static_cast<size_t>(srcSize));
     if (ZSTD_isError(decoded))
         throw damagedFrame("malformed frame", decoded);
     if (decoded != originalSize)

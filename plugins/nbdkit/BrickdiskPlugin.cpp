@@ -15,11 +15,11 @@
 
 #include "ServedDisk.h"
 
-#include "brick/BrickDiskError.h"
-#include "brick/DiskStore.h"
-#include "brick/PasswordFile.h"
-#include "brick/ServeControl.h"
 #include "brick/Version.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/chain/DiskStore.h"
+#include "brick/format/PasswordFile.h"
+#include "brick/serving/ServeControl.h"
 #include "zo/Error.h"
 #include "zo/Log.h"
 
@@ -86,7 +86,7 @@ int request(const char* what, F&& action)
     return -1;
 }
 
-// The password as the brickdisk program reads it (brick/PasswordFile.h): a
+// The password as the brickdisk program reads it (brick/format/PasswordFile.h): a
 // file without one trailing newline (password-file=), or all that an
 // inherited descriptor holds (password-fd=, which brickdisk serve uses, so
 // the password never lies in a file). The descriptor is closed once read.
@@ -381,8 +381,8 @@ int brickdiskExtents(void*, uint32_t count, uint64_t offset, uint32_t, struct nb
                 type = NBDKIT_EXTENT_HOLE | NBDKIT_EXTENT_ZERO;
             else if (extent.kind == CBrickDiskBlockDevice::ExtentKind::Zero)
                 type = NBDKIT_EXTENT_ZERO;
-            if (nbdkit_add_extent(extents, static_cast<uint64_t>(extent.offset),
-                                  static_cast<uint64_t>(extent.length), type) == -1)
+            if (nbdkit_add_extent(extents, static_cast<uint64_t>(extent.offset), static_cast<uint64_t>(extent.length),
+                                  type) == -1)
                 throw zo::CError("Adding an extent failed.");
         }
     });

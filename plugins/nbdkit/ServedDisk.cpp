@@ -1,6 +1,6 @@
 #include "ServedDisk.h"
 
-#include "brick/BrickDiskChain.h"
+#include "brick/chain/BrickDiskChain.h"
 #include "zo/Log.h"
 
 namespace nbdplugin {
@@ -32,9 +32,8 @@ std::string describeUnstoredBricks(CBrickDiskBlockDevice& device, const std::exc
     const auto* error = dynamic_cast<const zo::CError*>(&failure);
     const std::string cause = error ? error->toString().toUTF8() : std::string(failure.what());
     return "The server stops with " + std::to_string(unstored.size()) +
-           (unstored.size() == 1 ? " changed brick" : " changed bricks") + " not stored (" +
-           (unstored.size() == 1 ? "brick " : "bricks ") + indexes + "): " + cause +
-           " Their latest writes are lost.";
+        (unstored.size() == 1 ? " changed brick" : " changed bricks") + " not stored (" +
+        (unstored.size() == 1 ? "brick " : "bricks ") + indexes + "): " + cause + " Their latest writes are lost.";
 }
 
 CServedDisk::CServedDisk(const ServeOptions& options)
@@ -62,10 +61,9 @@ CServedDisk::~CServedDisk()
 
 zo::P<CBrickDisk> CServedDisk::openDisk() const
 {
-    const zo::P<CBrickDisk> disk(new CBrickDisk(m_fs.get(), m_folder, zo::String(m_options.password),
-                                                m_options.readOnly ? zo::IIOStream::AccessRead
-                                                                   : zo::IIOStream::AccessReadWrite,
-                                                kMaxBackgroundOps));
+    const zo::P<CBrickDisk> disk(new CBrickDisk(
+        m_fs.get(), m_folder, zo::String(m_options.password),
+        m_options.readOnly ? zo::IIOStream::AccessRead : zo::IIOStream::AccessReadWrite, kMaxBackgroundOps));
     // Serving a snapshot writable was asked for explicitly.
     disk->setAllowWritingWithParentDisk(true);
     return disk;
@@ -77,8 +75,7 @@ void CServedDisk::takeSnapshot(const zo::CURI& snapshotFolder)
         throw zo::CError("A disk served read-only cannot be snapshotted while it is served.", zo::String(), -1,
                          zo::CProps().add("diskFolder", m_folder.toString(true)));
     m_device->pauseAndReplaceDisk([&](const zo::P<CBrickDisk>& current) {
-        CBrickDisk::createChild(m_fs.get(), snapshotFolder, m_folder, CBrickDisk::linkedChild,
-                                current->getCipherKey());
+        CBrickDisk::createChild(m_fs.get(), snapshotFolder, m_folder, CBrickDisk::linkedChild, current->getCipherKey());
         // Reopened, the disk knows its new child and copies old bricks there.
         const zo::P<CBrickDisk> reopened = openDisk();
         // The lock now covers the new child, which writers must keep off.

@@ -2,9 +2,9 @@
 // block device for as long as the server runs.
 #pragma once
 
-#include "brick/BrickDiskBlockDevice.h"
-#include "brick/BrickDiskLock.h"
-#include "brick/DiskStore.h"
+#include "brick/chain/BrickDiskLock.h"
+#include "brick/chain/DiskStore.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 
 #include <string>
 

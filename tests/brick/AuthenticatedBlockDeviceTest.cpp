@@ -1,6 +1,6 @@
 // A block device over a disk with authenticated bricks (keyed digests that
 // bind every brick file to its index, and a wrapped key).
-#include "brick/BrickDiskBlockDevice.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 
 #include "seal/KeyDerivation.h"
 #include "support/DiskTestHelpers.h"
@@ -18,8 +18,8 @@ using testsupport::Bytes;
 using zo::CError;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Kind = CBrickDiskBlockDevice::ExtentKind;
 using Op = zo::CMemoryFileSystem::Operation;
 
@@ -35,8 +35,8 @@ class AuthenticatedBlockDeviceTest : public ::testing::TestWithParam<const char*
 protected:
     void SetUp() override
     {
-        CBrickDisk::createAuthenticated(fs.get(), CURI(kFolder), kDiskSize, 1, kPassword, "lz4", kBrickSize,
-                                        kTestCost, GetParam());
+        CBrickDisk::createAuthenticated(fs.get(), CURI(kFolder), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost,
+                                        GetParam());
     }
 
     P<CBrickDiskBlockDevice> openDevice()

@@ -1,8 +1,8 @@
 // Brick files under the checksum ID "hmac-sha256": bound to the brick's
 // index, with keyed digests (cipher "aes256cbc") or authenticated by the
 // cipher itself ("aes256gcm").
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Digest.h"
 #include "support/BrickTestHelpers.h"
 #include "zo/Error.h"

@@ -1,8 +1,8 @@
 // Brick files under the cipher ID "aes256gcm": a key of their own per file,
 // the tag in place of both digests, the head and the chain bound in as
 // associated data.
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
@@ -102,8 +102,8 @@ protected:
 
 TEST_F(AuthenticatedCipherBrick, RestoresZeroRandomCompressibleAndEmptyBricks)
 {
-    for (const Bytes& source : {testsupport::zeroBytes(kBrickSize), randomBytes(kBrickSize, 3), textBytes(kBrickSize),
-                                plain, Bytes()}) {
+    for (const Bytes& source :
+         {testsupport::zeroBytes(kBrickSize), randomBytes(kBrickSize, 3), textBytes(kBrickSize), plain, Bytes()}) {
         Bytes restored;
         preparer.unprepareData(prepared(77, source), restored, 77);
         EXPECT_TRUE(testsupport::sameBytes(restored, source)) << source.getUsed();
@@ -152,9 +152,10 @@ TEST_F(AuthenticatedCipherBrick, FollowsTheDocumentedKeyAndAssociatedData)
 
     const zo::uint8 nonce[12] = {};
     Bytes restored;
-    ASSERT_TRUE(seal::CCipherManager().getAEADCipher("aes256gcm")->decryptWithNonce(
-        brickKey, nonce, associated.getData(), associated.getUsed(), file.getData() + kHeadSize,
-        file.getUsed() - kHeadSize, restored));
+    ASSERT_TRUE(seal::CCipherManager()
+                    .getAEADCipher("aes256gcm")
+                    ->decryptWithNonce(brickKey, nonce, associated.getData(), associated.getUsed(),
+                                       file.getData() + kHeadSize, file.getUsed() - kHeadSize, restored));
     EXPECT_TRUE(testsupport::sameBytes(restored, plain));
 }
 

@@ -1,9 +1,9 @@
 // Disks made by CBrickDisk::createAuthenticated: a wrapped random key,
 // authenticated headers and brick files bound to their index, with either
 // cipher ("aes256gcm", the default, or "aes256cbc" with keyed digests).
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskKeyWrap.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskKeyWrap.h"
 #include "seal/Digest.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
@@ -20,8 +20,8 @@ using testsupport::Bytes;
 using zo::CError;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 8 * kBrickSize;

@@ -1,5 +1,5 @@
-#include "brick/Brick.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/Brick.h"
+#include "brick/format/BrickTree.h"
 
 #include "support/BrickTestHelpers.h"
 #include "support/TempFolder.h"
@@ -19,8 +19,8 @@ using brick::CBrick;
 using brick::CBrickTree;
 using testsupport::Bytes;
 using zo::CURI;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = 4096;
 
@@ -32,7 +32,8 @@ std::string relativePath(int treeLevels, int objectsPerTreeLevel, int64 index)
     const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem(1));
     const brick::CBrickDiskHeader header =
         testsupport::makeBrickHeader(kBrickSize, treeLevels, objectsPerTreeLevel, "null");
-    const P<CBrick> object(new CBrick(fs.get(), CURI("/disk"), CURI(), {}, header, testsupport::makeBrickKey("null"), 1));
+    const P<CBrick> object(
+        new CBrick(fs.get(), CURI("/disk"), CURI(), {}, header, testsupport::makeBrickKey("null"), 1));
     object->seek(index, 0);
     const std::string path = object->getRelativeBrickURI().toString(true).toUTF8();
     EXPECT_EQ(CBrickTree::getRelativeBrickURI(header, index).toString(true).toUTF8(), path);
@@ -171,8 +172,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, BrickAddressingOnDisk,
                                            LocalBrick{2, 16, 0x1f, "bricks/a01/0f.brick"},
                                            LocalBrick{2, 16, 0x11f, "bricks/a01/0f.brick"},
                                            LocalBrick{2, 1000, 999, "bricks/a000/3e7.brick"},
-                                           LocalBrick{1, 16, 5, "bricks/05.brick"},
-                                           LocalBrick{0, 16, 9, "bricks"},
+                                           LocalBrick{1, 16, 5, "bricks/05.brick"}, LocalBrick{0, 16, 9, "bricks"},
                                            LocalBrick{5, 97, 0, "bricks/d00/c00/b00/a00/00.brick"}));
 
 } // namespace

@@ -1,5 +1,5 @@
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Cipher.h"
 #include "seal/Digest.h"
 #include "zo/Error.h"
@@ -76,7 +76,7 @@ Bytes randomBytes(int size, unsigned seed = 7)
 // Words drawn from a small vocabulary: compressible, but not trivially.
 Bytes textLikeBytes(int size, unsigned seed = 11)
 {
-    static const std::vector<std::string> words = {"brick", "disk ", "the ", "folder ", "of ", "sector ", "file\n",
+    static const std::vector<std::string> words = {"brick", "disk ", "the ",   "folder ", "of ",  "sector ", "file\n",
                                                    "data ", "zero ", "child ", "parent ", "key ", "block "};
     std::mt19937 random(seed);
     std::string text;
@@ -209,9 +209,9 @@ void expectUnprepareError(const zo::CError& error, const char* message, const zo
 bool isUnprepareMessage(const std::string& message)
 {
     return message == "Brick file is corrupted." || message == "Invalid ID in brick data." ||
-           message == "Newer software version required to read brick data." ||
-           message == "Invalid size of prepared brick data." ||
-           message == "Decrypted and decompressed brick data does not match hash.";
+        message == "Newer software version required to read brick data." ||
+        message == "Invalid size of prepared brick data." ||
+        message == "Decrypted and decompressed brick data does not match hash.";
 }
 
 // ---------------------------------------------------------------------------
@@ -264,8 +264,8 @@ std::string configName(const testing::TestParamInfo<PreparerConfig>& info)
 std::vector<PreparerConfig> allConfigs()
 {
     std::vector<PreparerConfig> configs;
-    for (const char* compressID : {"null", "zlib-1", "zlib-6", "zlib-9", "lz4", "lz4hc", "lzma-0", "lzma-6", "lzma-9", "lzma-5-1",
-                                   "zstd-1", "zstd-3", "zstd-19"})
+    for (const char* compressID : {"null", "zlib-1", "zlib-6", "zlib-9", "lz4", "lz4hc", "lzma-0", "lzma-6", "lzma-9",
+                                   "lzma-5-1", "zstd-1", "zstd-3", "zstd-19"})
         for (const char* cipherID : {"aes256cbc", "null"})
             for (const char* hashID : {"md5", "sha256"})
                 configs.push_back({compressID, cipherID, hashID});
@@ -392,7 +392,8 @@ Bytes payloadOf(const Bytes& prepared)
 Bytes compressWith(zo::ICompressor& compressor, const Bytes& source)
 {
     Bytes compressed(compressor.getMaxCompressedSize(source.getUsed()));
-    compressed.setUsed(compressor.compress(source.getData(), source.getUsed(), compressed.getData(), compressed.getUsed()));
+    compressed.setUsed(
+        compressor.compress(source.getData(), source.getUsed(), compressed.getData(), compressed.getUsed()));
     return compressed;
 }
 
@@ -472,8 +473,8 @@ TEST(BrickDataPreparer, CompressorIDsOfDifferentLevelsGiveDifferentPayloads)
 
 TEST(BrickDataPreparer, RefusesUnknownCompressorIDs)
 {
-    for (const char* compressID : {"LZ4", "Lz4hc", "lz4 ", "lz4hc-9", "zlib", "lzma", "nul", "null-1", "NULL", "zstd",
-                                   "gzip-6", "", "zlib6"}) {
+    for (const char* compressID :
+         {"LZ4", "Lz4hc", "lz4 ", "lz4hc-9", "zlib", "lzma", "nul", "null-1", "NULL", "zstd", "gzip-6", "", "zlib6"}) {
         SCOPED_TRACE(compressID);
         try {
             CBrickDataPreparer preparer(makeHeader(compressID), makeKey("aes256cbc"));
@@ -491,10 +492,12 @@ TEST(BrickDataPreparer, RefusesUnknownCompressorIDs)
 
 TEST(BrickDataPreparer, RefusesCompressorIDsWithBadNumbersAsUnknown)
 {
-    for (const char* compressID : {"zlib-", "zlib-x", "zlib-6x", "zlib-6 ", "zlib--1", "zlib-10", "zlib-06", "lzma-",
-                                   "lzma-x", "lzma-5-", "lzma--3", "lzma-5-3-1", "lzma-5-y", "lzma-5-3", "lzma-10",
-                                   "lzma-9-99999999999", "zstd-", "zstd-0", "zstd-01", "zstd--1", "zstd-+3",
-                                   "zstd-20", "zstd-99999999999", "zstd-3x"}) {
+    for (const char* compressID : {"zlib-",    "zlib-x",   "zlib-6x",          "zlib-6 ",
+                                   "zlib--1",  "zlib-10",  "zlib-06",          "lzma-",
+                                   "lzma-x",   "lzma-5-",  "lzma--3",          "lzma-5-3-1",
+                                   "lzma-5-y", "lzma-5-3", "lzma-10",          "lzma-9-99999999999",
+                                   "zstd-",    "zstd-0",   "zstd-01",          "zstd--1",
+                                   "zstd-+3",  "zstd-20",  "zstd-99999999999", "zstd-3x"}) {
         SCOPED_TRACE(compressID);
         try {
             CBrickDataPreparer preparer(makeHeader(compressID), makeKey("aes256cbc"));
@@ -528,12 +531,13 @@ TEST(BrickDataPreparer, LaysOutAnUnencryptedUncompressedBrickExactly)
 {
     CBrickDataPreparer preparer(makeHeader("null", "null"), Key());
     // "BRICK", versions 1 and 1, MD5("abc"), "abc", MD5 of all of that.
-    EXPECT_EQ(hexOf(prepare(preparer, bytesOf("abc"))), "425249434b"
-                                                         "0100"
-                                                         "0100"
-                                                         "900150983cd24fb0d6963f7d28e17f72"
-                                                         "616263"
-                                                         "544ec3b52fac50e8a3a0b6df865d90cb");
+    EXPECT_EQ(hexOf(prepare(preparer, bytesOf("abc"))),
+              "425249434b"
+              "0100"
+              "0100"
+              "900150983cd24fb0d6963f7d28e17f72"
+              "616263"
+              "544ec3b52fac50e8a3a0b6df865d90cb");
 }
 
 TEST(BrickDataPreparer, LaysOutAnEncryptedBrick)
@@ -553,8 +557,9 @@ TEST(BrickDataPreparer, LaysOutAnEncryptedBrick)
     const int cipherTextSize = size - 25 - 16;
     EXPECT_EQ(cipherTextSize % 16, 0);
     Bytes compressed;
-    seal::CCipherManager().getCipher("aes256cbc")->decrypt(key, prepared.getData() + 25, cipherTextSize, compressed,
-                                                           false, 0);
+    seal::CCipherManager()
+        .getCipher("aes256cbc")
+        ->decrypt(key, prepared.getData() + 25, cipherTextSize, compressed, false, 0);
     zo::CLZ4Compressor lz4(false);
     EXPECT_EQ(hexOf(compressed), hexOf(compressWith(lz4, source)));
 }

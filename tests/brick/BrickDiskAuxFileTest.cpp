@@ -1,10 +1,10 @@
-#include "brick/BrickDiskAuxFileBase.h"
+#include "brick/format/BrickDiskAuxFileBase.h"
 
 #include "support/TempFolder.h"
 
 #include "zo/Error.h"
-#include "zo/LocalFileSystem.h"
 #include "zo/ForwardingFileSystem.h"
+#include "zo/LocalFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
@@ -62,7 +62,10 @@ public:
     zo::int64 getPosition() override { return m_inner->getPosition(); }
     CURI getURI() override { return m_inner->getURI(); }
     void seek(zo::int64 position) override { m_inner->seek(position); }
-    void lockRange(zo::int64 start, zo::int64 length, LockType type) override { m_inner->lockRange(start, length, type); }
+    void lockRange(zo::int64 start, zo::int64 length, LockType type) override
+    {
+        m_inner->lockRange(start, length, type);
+    }
     void close() override { m_inner->close(); }
     void read(void* dst, int size) override { m_inner->read(dst, size); }
     int readLax(void* dst, int size) override { return m_inner->readLax(dst, size); }
@@ -75,7 +78,10 @@ public:
     {
         m_inner->writeKeepBuffer(slice, barrier);
     }
-    P<zo::IWriteBarrier> createWriteBarrier(zo::IWriteBarrier* previous) override { return m_inner->createWriteBarrier(previous); }
+    P<zo::IWriteBarrier> createWriteBarrier(zo::IWriteBarrier* previous) override
+    {
+        return m_inner->createWriteBarrier(previous);
+    }
     void flush() override { m_inner->flush(); }
     void setLength(zo::int64 length) override { m_inner->setLength(length); }
 
@@ -168,8 +174,9 @@ TEST_F(BrickDiskAuxFile, StoreReplacesPrimaryBeforeCreatingFallbackFolderAndRepl
 {
     fs->resetCounters();
     CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc")));
-    EXPECT_EQ(changesOf(*fs), (std::vector<std::string>{"storeFile /disk/record", "createFolderSync /disk/fallback",
-                                                        "storeFile /disk/fallback/record"}));
+    EXPECT_EQ(changesOf(*fs),
+              (std::vector<std::string>{"storeFile /disk/record", "createFolderSync /disk/fallback",
+                                        "storeFile /disk/fallback/record"}));
 }
 
 TEST_F(BrickDiskAuxFile, StoreReplacesTheOnlyIntactPrimaryLast)
@@ -252,33 +259,38 @@ TEST_F(BrickDiskAuxFile, LoadOfPrimaryWithFlippedDigestByteTakesFallback)
     damaged.back() ^= 0x80;
     setFile(primary, damaged);
     setFile(fallback, framedABC());
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFile, LoadWithoutPrimaryTakesFallback)
 {
     setFile(fallback, framedABC());
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFile, LoadTakesFallbackWhenPrimaryCannotBeOpened)
 {
     CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc")));
     fs->failOperation(Op::OpenStream, 1, CFileSystemError::AccessDenied, false, primary);
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFile, LoadTakesFallbackWhenPrimaryCannotBeRead)
 {
     CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc")));
     fs->failStreamReads(primary, CFileSystemError::AccessDenied);
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFile, CheckOfAnIntactCopyGivesItsPayload)
 {
     setFile(fallback, framedABC());
-    const CBrickDiskAuxFileBase::CopyCheck check = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 1);
+    const CBrickDiskAuxFileBase::CopyCheck check =
+        CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 1);
     EXPECT_TRUE(check.isIntact());
     EXPECT_EQ(check.uri, fallback);
     ASSERT_TRUE(check.payload);
@@ -297,7 +309,8 @@ TEST_F(BrickDiskAuxFile, CheckTellsAMissingCopyFromADamagedOne)
     EXPECT_FALSE(corrupted.payload);
     EXPECT_EQ(corrupted.describe(), "damaged (digest mismatch)");
 
-    const CBrickDiskAuxFileBase::CopyCheck missing = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 1);
+    const CBrickDiskAuxFileBase::CopyCheck missing =
+        CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 1);
     EXPECT_EQ(missing.kind, CBrickDiskAuxFileBase::CopyCheck::Missing);
     EXPECT_EQ(missing.describe(), "missing");
 }
@@ -305,7 +318,8 @@ TEST_F(BrickDiskAuxFile, CheckTellsAMissingCopyFromADamagedOne)
 TEST_F(BrickDiskAuxFile, CheckOfACopyTooShortForItsDigestIsABadSize)
 {
     setFile(primary, std::vector<uint8>(16, 0x11));
-    const CBrickDiskAuxFileBase::CopyCheck check = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 0);
+    const CBrickDiskAuxFileBase::CopyCheck check =
+        CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 0);
     EXPECT_EQ(check.kind, CBrickDiskAuxFileBase::CopyCheck::BadSize);
     EXPECT_EQ(check.size, 16);
 }
@@ -314,7 +328,8 @@ TEST_F(BrickDiskAuxFile, CheckOfACopyThatCannotBeReadKeepsTheError)
 {
     setFile(primary, framedABC());
     fs->failStreamReads(primary, CFileSystemError::AccessDenied);
-    const CBrickDiskAuxFileBase::CopyCheck check = CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 0);
+    const CBrickDiskAuxFileBase::CopyCheck check =
+        CBrickDiskAuxFileBase::checkAuxFileCopy(fs.get(), folder, "record", 0);
     EXPECT_EQ(check.kind, CBrickDiskAuxFileBase::CopyCheck::Unreadable);
     ASSERT_TRUE(check.error);
     EXPECT_EQ(CFileSystemError::getProblem(check.error->getProps()), CFileSystemError::AccessDenied);
@@ -436,7 +451,8 @@ TEST_F(BrickDiskAuxFile, OversizePrimaryIsReplacedByFallback)
 {
     setFile(primary, std::vector<uint8>(1048577, 0));
     setFile(fallback, framedABC());
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), folder, "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFile, StreamWithoutLengthIsSizedThroughFileInfo)
@@ -445,7 +461,8 @@ TEST_F(BrickDiskAuxFile, StreamWithoutLengthIsSizedThroughFileInfo)
     const P<CAlteredFileSystem> altered(new CAlteredFileSystem(fs));
     altered->streamsWithoutLength = true;
     fs->resetCounters();
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(altered.get(), folder, "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(altered.get(), folder, "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
     EXPECT_EQ(logOf(*fs), (std::vector<std::string>{"openStream /disk/record", "getFileInfo /disk/record"}));
 }
 
@@ -484,7 +501,8 @@ TEST_F(BrickDiskAuxFile, FailureToStorePrimaryPassesThroughAndLeavesFallbackAlon
 TEST_F(BrickDiskAuxFile, FailureToCreateFallbackFolderPassesThroughAfterPrimaryIsWritten)
 {
     fs->failOperation(Op::CreateFolderSync, 1, CFileSystemError::NoSpace, false, CURI("/disk/fallback"));
-    EXPECT_THROW(CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc"))), CFileSystemError);
+    EXPECT_THROW(CBrickDiskAuxFileBase::storeAuxFile(fs.get(), folder, "record", bytes(std::string("abc"))),
+                 CFileSystemError);
     EXPECT_EQ(fileBytes(primary), framedABC());
     EXPECT_FALSE(fs->getFileData(fallback));
 }
@@ -539,7 +557,8 @@ TEST_F(BrickDiskAuxFileOnLocalFiles, DamagedPrimaryLoadsFallback)
     std::vector<uint8> damaged = framedABC();
     damaged[5] ^= 0x10;
     writeFile(temp.path() + "/record", damaged);
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), temp.uri(), "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), temp.uri(), "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFileOnLocalFiles, TruncatedPrimaryLoadsFallback)
@@ -548,7 +567,8 @@ TEST_F(BrickDiskAuxFileOnLocalFiles, TruncatedPrimaryLoadsFallback)
     std::vector<uint8> truncated = framedABC();
     truncated.resize(10);
     writeFile(temp.path() + "/record", truncated);
-    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), temp.uri(), "record")), (std::vector<uint8>{'a', 'b', 'c'}));
+    EXPECT_EQ(toVector(*CBrickDiskAuxFileBase::loadAuxFile(fs.get(), temp.uri(), "record")),
+              (std::vector<uint8>{'a', 'b', 'c'}));
 }
 
 TEST_F(BrickDiskAuxFileOnLocalFiles, BothCopiesDamagedGiveThePrimarysErrorNamingIt)

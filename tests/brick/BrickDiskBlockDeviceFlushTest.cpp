@@ -1,7 +1,7 @@
 // What a block device's flush guarantees: once it returns, every brick
 // written before it is in the file system; a crash before that leaves every
 // brick with its old or its new bytes.
-#include "brick/BrickDiskBlockDevice.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
@@ -22,8 +22,8 @@ using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IFileSystem;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int kBrickCount = 12;
@@ -119,8 +119,8 @@ TEST_F(BrickDiskBlockDeviceFlushTest, ACrashBeforeAFlushEndsLeavesEveryBrickOldO
     ASSERT_GE(changes, kBrickCount);
 
     for (int allowed = 0; allowed < changes; ++allowed) {
-        const std::string context = "crash before change " + std::to_string(allowed + 1) + " of " +
-                                    std::to_string(changes);
+        const std::string context =
+            "crash before change " + std::to_string(allowed + 1) + " of " + std::to_string(changes);
         const P<CMemoryFileSystem> fs = diskWithOldBytes();
         {
             const P<CrashingFileSystem> crashing(new CrashingFileSystem(fs.get(), allowed));

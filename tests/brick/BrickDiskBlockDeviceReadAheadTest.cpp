@@ -1,5 +1,5 @@
 // Reading ahead of readers that go through a block device in order.
-#include "brick/BrickDiskBlockDevice.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 
 #include "support/BrickTestHelpers.h"
 #include "support/DiskTestHelpers.h"
@@ -23,8 +23,8 @@ using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Op = CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;

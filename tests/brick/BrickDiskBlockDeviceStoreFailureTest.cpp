@@ -1,7 +1,7 @@
 // What a block device does with a brick that it cannot store: it keeps the
 // brick's bytes, reads return them, every flush reports the brick until a
 // store of it succeeds, and nothing acknowledged is ever dropped.
-#include "brick/BrickDiskBlockDevice.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
@@ -25,8 +25,8 @@ using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Op = CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
@@ -184,51 +184,51 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
     ASSERT_GT(countsWithoutFailure[Op::CreateFolder], 0);
 
     for (const auto& [kind, count] : countsWithoutFailure) {
-    for (const CFileSystemError::Problem problem : {CFileSystemError::NoSpace, CFileSystemError::Unclassified}) {
-        for (const bool persistent : {false, true}) {
-            for (int nth = 1; nth <= count; ++nth) {
-                SCOPED_TRACE(std::string(CMemoryFileSystem::getOperationName(kind)) + " " + std::to_string(nth) +
-                             (persistent ? " and after" : " once") + ", problem " + std::to_string(problem));
-                fs = P<CMemoryFileSystem>(new CMemoryFileSystem(2));
-                testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword);
-                std::set<int64> reported;
-                bool stopReportedFailure = false;
-                {
-                    const P<CBrickDiskBlockDevice> device = openDevice();
-                    fs->failOperation(kind, nth, problem, persistent);
-                    const auto flushNoting = [&] {
-                        try {
-                            device->flush();
-                            return true;
-                        } catch (const CError&) {
-                            for (const int64 index : device->getUnstoredBricks())
-                                reported.insert(index);
-                            return false;
+        for (const CFileSystemError::Problem problem : {CFileSystemError::NoSpace, CFileSystemError::Unclassified}) {
+            for (const bool persistent : {false, true}) {
+                for (int nth = 1; nth <= count; ++nth) {
+                    SCOPED_TRACE(std::string(CMemoryFileSystem::getOperationName(kind)) + " " + std::to_string(nth) +
+                                 (persistent ? " and after" : " once") + ", problem " + std::to_string(problem));
+                    fs = P<CMemoryFileSystem>(new CMemoryFileSystem(2));
+                    testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword);
+                    std::set<int64> reported;
+                    bool stopReportedFailure = false;
+                    {
+                        const P<CBrickDiskBlockDevice> device = openDevice();
+                        fs->failOperation(kind, nth, problem, persistent);
+                        const auto flushNoting = [&] {
+                            try {
+                                device->flush();
+                                return true;
+                            } catch (const CError&) {
+                                for (const int64 index : device->getUnstoredBricks())
+                                    reported.insert(index);
+                                return false;
+                            }
+                        };
+                        writeWholeDisk(*device, first);
+                        const bool firstFlushed = flushNoting();
+                        device->write(again.getData(), againAt, again.getUsed());
+                        const bool secondFlushed = flushNoting();
+                        EXPECT_EQ(readDevice(*device, 0, static_cast<int>(kDiskSize)), expected);
+                        // The stop: a last flush, as a server makes before it ends.
+                        stopReportedFailure = !flushNoting();
+                        if (!persistent) {
+                            // A single failure is retried by the next flush.
+                            EXPECT_FALSE(stopReportedFailure);
+                        } else if (!firstFlushed || !secondFlushed) {
+                            EXPECT_TRUE(stopReportedFailure);
                         }
-                    };
-                    writeWholeDisk(*device, first);
-                    const bool firstFlushed = flushNoting();
-                    device->write(again.getData(), againAt, again.getUsed());
-                    const bool secondFlushed = flushNoting();
-                    EXPECT_EQ(readDevice(*device, 0, static_cast<int>(kDiskSize)), expected);
-                    // The stop: a last flush, as a server makes before it ends.
-                    stopReportedFailure = !flushNoting();
-                    if (!persistent) {
-                        // A single failure is retried by the next flush.
-                        EXPECT_FALSE(stopReportedFailure);
-                    } else if (!firstFlushed || !secondFlushed) {
-                        EXPECT_TRUE(stopReportedFailure);
                     }
-                }
-                for (int64 index = 0; index < kBrickCount; ++index) {
-                    if (storedBytes(index * kBrickSize, kBrickSize) == brickOf(expected, index))
-                        continue;
-                    EXPECT_TRUE(stopReportedFailure && reported.count(index) != 0)
-                        << "brick " << index << " is not stored and no flush said so";
+                    for (int64 index = 0; index < kBrickCount; ++index) {
+                        if (storedBytes(index * kBrickSize, kBrickSize) == brickOf(expected, index))
+                            continue;
+                        EXPECT_TRUE(stopReportedFailure && reported.count(index) != 0)
+                            << "brick " << index << " is not stored and no flush said so";
+                    }
                 }
             }
         }
-    }
     }
 }
 

@@ -1,4 +1,4 @@
-#include "brick/BrickDiskBlockDevice.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
@@ -24,8 +24,8 @@ using zo::CIOError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Kind = CBrickDiskBlockDevice::ExtentKind;
 using Op = CMemoryFileSystem::Operation;
 
@@ -403,7 +403,8 @@ TEST_F(BrickDiskBlockDeviceTest, RewritingTheBytesTheDiskHoldsCopiesNothingIntoI
     std::vector<std::string> expectedFiles = snapshotFiles;
     const P<CBrickDisk> frozen = testsupport::openDisk(fs.get(), snapshot, kPassword, IIOStream::AccessRead);
     const std::string prefix = snapshot.toString(true).toUTF8() + "/";
-    expectedFiles.push_back(testsupport::brickFileOf(*frozen, snapshot, 2).toString(true).toUTF8().substr(prefix.size()));
+    expectedFiles.push_back(
+        testsupport::brickFileOf(*frozen, snapshot, 2).toString(true).toUTF8().substr(prefix.size()));
     std::sort(expectedFiles.begin(), expectedFiles.end());
     EXPECT_EQ(testsupport::filesBelow(fs.get(), snapshot), expectedFiles);
     EXPECT_EQ(testsupport::readAt(*frozen, 0, data.getUsed()), data);
@@ -416,7 +417,8 @@ TEST_F(BrickDiskBlockDeviceTest, AStoredFileDamagedBehindAMatchingDigestIsStored
         const P<CBrickDiskBlockDevice> device = openDevice();
         device->write(data.getData(), 0, kBrickSize);
     }
-    const CURI file = testsupport::brickFileOf(*testsupport::openDisk(fs.get(), CURI(kFolder), kPassword), CURI(kFolder), 0);
+    const CURI file =
+        testsupport::brickFileOf(*testsupport::openDisk(fs.get(), CURI(kFolder), kPassword), CURI(kFolder), 0);
     P<zo::TBuffer<zo::uint8>> bytes = fs->getFileData(file);
     ASSERT_TRUE(bytes);
     // The head, with the digest of the plain bytes, stays intact.

@@ -1,8 +1,8 @@
 // The chain of a disk as its folders hold it, and the brick files of a disk
 // folder, read without a password.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickTree.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -32,7 +32,8 @@ protected:
     void writeBrick(const char* folder, int index, unsigned seed)
     {
         const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(folder), "pw");
-        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize, testsupport::patternBytes(kBrickSize, seed));
+        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize,
+                             testsupport::patternBytes(kBrickSize, seed));
     }
     std::vector<std::string> memberFolders(const CBrickDiskChain& chain)
     {

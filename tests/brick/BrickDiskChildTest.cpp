@@ -1,8 +1,8 @@
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskRemover.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/chain/BrickDiskRemover.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -25,8 +25,8 @@ using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Props = std::vector<std::pair<std::string, std::string>>;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
@@ -236,9 +236,10 @@ TEST_F(BrickDiskChildTest, FolderThatHoldsADiskAlreadyIsRefused)
     EXPECT_EQ(messageOf(*error), "Cannot create child brick disk in a folder that already contains one.");
     EXPECT_EQ(error->getDomain(), "");
     EXPECT_EQ(error->getCode(), -1);
-    EXPECT_EQ(propsOf(*error), Props({{"childDiskFolder", "/disks/child"},
-                                      {"parentDiskFolder", "/disks/parent"},
-                                      {"action", "CBrickDisk::createChild"}}));
+    EXPECT_EQ(propsOf(*error),
+              Props({{"childDiskFolder", "/disks/child"},
+                     {"parentDiskFolder", "/disks/parent"},
+                     {"action", "CBrickDisk::createChild"}}));
     EXPECT_EQ(testsupport::fileContentsBelow(fs.get(), CURI("/disks")), before);
 }
 
@@ -310,9 +311,10 @@ TEST_F(BrickDiskChildTest, FoldersWithoutACommonRootCannotBeLinked)
     ASSERT_TRUE(error);
     EXPECT_EQ(messageOf(*error), "Parent and child brick disk must be in same folder hierarchy.");
     EXPECT_EQ(error->getCode(), -1);
-    EXPECT_EQ(propsOf(*error), Props({{"childDiskFolder", "relative/child"},
-                                      {"parentDiskFolder", "/disks/parent"},
-                                      {"action", "CBrickDisk::createChild"}}));
+    EXPECT_EQ(propsOf(*error),
+              Props({{"childDiskFolder", "relative/child"},
+                     {"parentDiskFolder", "/disks/parent"},
+                     {"action", "CBrickDisk::createChild"}}));
     EXPECT_TRUE(error->getCause());
     EXPECT_FALSE(fs->fileExists(CBrickDiskHeader::getHeaderURI(CURI("relative/child"), 0)));
 }

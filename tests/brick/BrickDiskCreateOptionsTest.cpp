@@ -1,9 +1,9 @@
 // CBrickDisk::create with CreateOptions: every choice of the header in one
 // call, checked before anything is made, and the header written once.
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskHeaderLimits.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskHeaderLimits.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
 

@@ -1,7 +1,7 @@
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
 #include "support/DiskTestHelpers.h"
@@ -69,8 +69,8 @@ TEST_F(BrickDiskCreateTest, CreatesAMissingFolderWithItsParentsAndWritesOnlyTheC
 
     EXPECT_TRUE(fs->folderExists(CURI("/deep/down/disk")));
     EXPECT_EQ(testsupport::filesBelow(fs.get(), CURI("/deep/down/disk")),
-              std::vector<std::string>({"created.bricktime", "disk.brickdisk", "fallback/created.bricktime",
-                                        "fallback/disk.brickdisk"}));
+              std::vector<std::string>(
+                  {"created.bricktime", "disk.brickdisk", "fallback/created.bricktime", "fallback/disk.brickdisk"}));
 }
 
 TEST_F(BrickDiskCreateTest, HeaderHoldsTheArgumentsAndTheDefaultsOfEverythingElse)
@@ -145,8 +145,8 @@ TEST_F(BrickDiskCreateTest, SecondCreationInTheSameFolderFailsAndLeavesTheFirstH
     CBrickDisk::create(fs.get(), CURI("/disk"), 65536, 1, "secret", "lz4", -1);
     const auto before = testsupport::fileContentsBelow(fs.get(), CURI("/disk"));
 
-    const auto error = errorOf<CError>(
-        [&] { CBrickDisk::create(fs.get(), CURI("/disk"), 999, 7, "other", "null", 8192); });
+    const auto error =
+        errorOf<CError>([&] { CBrickDisk::create(fs.get(), CURI("/disk"), 999, 7, "other", "null", 8192); });
 
     ASSERT_TRUE(error);
     EXPECT_EQ(testsupport::messageOf(*error), "Cannot create brick disk in a folder that already contains one.");
@@ -204,16 +204,14 @@ TEST_F(BrickDiskCreateTest, ValuesOutsideTheHeaderLimitsAreRefusedBeforeAnything
         int brickSize;
     };
     const zo::int64 tooLarge = 8587340257LL * 4096 + 1;
-    for (const BadCreation& bad : {BadCreation{"brickSize", 65536, 1, "lz4", 0},
-                                   BadCreation{"brickSize", 65536, 1, "lz4", 1000},
-                                   BadCreation{"brickSize", 65536, 1, "lz4", 128 << 20},
-                                   BadCreation{"diskSize", 0, 1, "lz4", 4096},
-                                   BadCreation{"diskSize", -5, 1, "lz4", 4096},
-                                   BadCreation{"diskSize", tooLarge, 1, "lz4", 4096},
-                                   BadCreation{"payloadBlockSize", 65536, 0, "lz4", 4096},
-                                   BadCreation{"payloadBlockSize", 65536, 4097, "lz4", 4096},
-                                   BadCreation{"compressID", 65536, 1, "zlib--1", 4096},
-                                   BadCreation{"compressID", 65536, 1, "lzma-9-99999999999", 4096}}) {
+    for (const BadCreation& bad :
+         {BadCreation{"brickSize", 65536, 1, "lz4", 0}, BadCreation{"brickSize", 65536, 1, "lz4", 1000},
+          BadCreation{"brickSize", 65536, 1, "lz4", 128 << 20}, BadCreation{"diskSize", 0, 1, "lz4", 4096},
+          BadCreation{"diskSize", -5, 1, "lz4", 4096}, BadCreation{"diskSize", tooLarge, 1, "lz4", 4096},
+          BadCreation{"payloadBlockSize", 65536, 0, "lz4", 4096},
+          BadCreation{"payloadBlockSize", 65536, 4097, "lz4", 4096},
+          BadCreation{"compressID", 65536, 1, "zlib--1", 4096},
+          BadCreation{"compressID", 65536, 1, "lzma-9-99999999999", 4096}}) {
         SCOPED_TRACE(bad.field);
         const auto error = errorOf<CError>([&] {
             CBrickDisk::create(fs.get(), CURI("/disk"), bad.diskSize, bad.payloadBlockSize, "", bad.compressorID,
@@ -229,8 +227,8 @@ TEST_F(BrickDiskCreateTest, FolderCreationErrorPassesThroughUnchanged)
 {
     fs->failOperation(Op::CreateFolderSync, 1, CFileSystemError::AccessDenied, false);
 
-    const auto error = errorOf<CFileSystemError>(
-        [&] { CBrickDisk::create(fs.get(), CURI("/disk"), 65536, 1, "", "lz4", -1); });
+    const auto error =
+        errorOf<CFileSystemError>([&] { CBrickDisk::create(fs.get(), CURI("/disk"), 65536, 1, "", "lz4", -1); });
 
     ASSERT_TRUE(error);
     EXPECT_EQ(error->getProblem(), CFileSystemError::AccessDenied);
@@ -242,8 +240,8 @@ TEST_F(BrickDiskCreateTest, HeaderStoreErrorPassesThroughUnchanged)
 {
     fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
 
-    const auto error = errorOf<CFileSystemError>(
-        [&] { CBrickDisk::create(fs.get(), CURI("/disk"), 65536, 1, "secret", "lz4", -1); });
+    const auto error =
+        errorOf<CFileSystemError>([&] { CBrickDisk::create(fs.get(), CURI("/disk"), 65536, 1, "secret", "lz4", -1); });
 
     ASSERT_TRUE(error);
     EXPECT_EQ(error->getProblem(), CFileSystemError::NoSpace);
@@ -254,13 +252,14 @@ TEST(BrickDiskCreateLocalTest, CreatesADiskInTheLocalFileSystem)
 {
     testsupport::TempFolder temp;
     const P<zo::CLocalFileSystem> local(new zo::CLocalFileSystem(2));
-    const CURI folder = temp.uri() << "a" << "b";
+    const CURI folder = temp.uri() << "a"
+                                   << "b";
 
     CBrickDisk::create(local.get(), folder, 65536, 1, "secret", "lz4", 4096);
 
     EXPECT_EQ(testsupport::filesBelow(local.get(), folder),
-              std::vector<std::string>({"created.bricktime", "disk.brickdisk", "fallback/created.bricktime",
-                                        "fallback/disk.brickdisk"}));
+              std::vector<std::string>(
+                  {"created.bricktime", "disk.brickdisk", "fallback/created.bricktime", "fallback/disk.brickdisk"}));
     const P<CBrickDisk> disk = testsupport::openDisk(local.get(), folder, "secret");
     EXPECT_EQ(disk->getSize(), 65536);
 }

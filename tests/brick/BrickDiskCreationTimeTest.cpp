@@ -1,6 +1,6 @@
-#include "brick/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskCreationTime.h"
 
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 #include "objectstore/ObjectStoreFileSystem.h"
 #include "support/DiskTestHelpers.h"
 #include "support/MemoryObjectStore.h"
@@ -73,8 +73,7 @@ TEST_F(BrickDiskCreationTimeTest, AnotherKindOfRecordIsRefused)
     CBrickDiskAuxFileBase::storeAuxFile(
         fs.get(), CURI("/disk"), CBrickDiskCreationTime::getFileName(),
         zo::TBuffer<zo::uint8>(reinterpret_cast<const zo::uint8*>(other.data()), static_cast<int>(other.size())));
-    const auto error =
-        testsupport::errorOf<zo::CError>([&] { CBrickDiskCreationTime::load(fs.get(), CURI("/disk")); });
+    const auto error = testsupport::errorOf<zo::CError>([&] { CBrickDiskCreationTime::load(fs.get(), CURI("/disk")); });
     ASSERT_TRUE(error);
     EXPECT_EQ(error->getMessage(), "brickdisk creation time file does not start with correct file ID.");
 }

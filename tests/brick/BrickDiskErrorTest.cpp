@@ -1,4 +1,4 @@
-#include "brick/BrickDiskError.h"
+#include "brick/chain/BrickDiskError.h"
 
 #include <gtest/gtest.h>
 
@@ -37,8 +37,10 @@ TEST(BrickDiskError, HasExactlyTheDiskFolderProperty)
 
 TEST(BrickDiskError, UnnamedCodeGivesUnknownMessage)
 {
-    EXPECT_EQ(CBrickDiskError::makeErrorMessage(static_cast<CBrickDiskError::ErrorCode>(5)), "Unknown brick disk error.");
-    EXPECT_EQ(CBrickDiskError::makeErrorMessage(static_cast<CBrickDiskError::ErrorCode>(-1)), "Unknown brick disk error.");
+    EXPECT_EQ(CBrickDiskError::makeErrorMessage(static_cast<CBrickDiskError::ErrorCode>(5)),
+              "Unknown brick disk error.");
+    EXPECT_EQ(CBrickDiskError::makeErrorMessage(static_cast<CBrickDiskError::ErrorCode>(-1)),
+              "Unknown brick disk error.");
     const CBrickDiskError error(static_cast<CBrickDiskError::ErrorCode>(5), CURI("/d"));
     EXPECT_EQ(error.getMessage(), "Unknown brick disk error.");
     EXPECT_EQ(error.getCode(), 5);
@@ -48,7 +50,8 @@ TEST(BrickDiskError, MakeErrorMessageNamesBothCodes)
 {
     EXPECT_EQ(CBrickDiskError::makeErrorMessage(CBrickDiskError::NewerSoftwareRequired),
               "A newer software version is required to access this disk.");
-    EXPECT_EQ(CBrickDiskError::makeErrorMessage(CBrickDiskError::IncorrectPassword), "The encryption password is incorrect.");
+    EXPECT_EQ(CBrickDiskError::makeErrorMessage(CBrickDiskError::IncorrectPassword),
+              "The encryption password is incorrect.");
 }
 
 TEST(BrickDiskError, ErrorCaughtAsCErrorAndThrownAgainIsCaughtByItsOwnClass)

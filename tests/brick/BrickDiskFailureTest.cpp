@@ -1,4 +1,4 @@
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
@@ -14,8 +14,8 @@ namespace {
 
 using brick::CBrickDisk;
 using testsupport::Bytes;
-using testsupport::LogCapture;
 using testsupport::errorOf;
+using testsupport::LogCapture;
 using testsupport::messageOf;
 using testsupport::readAt;
 using testsupport::writeAt;
@@ -24,8 +24,8 @@ using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Op = zo::CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
@@ -137,8 +137,7 @@ TEST_F(BrickDiskFailureTest, ClosingADiskWhoseSavesFailDoesNotThrow)
 
     EXPECT_EQ(log.countContaining(kSaveFailed), 2);
     fs->clearFailures();
-    EXPECT_EQ(readAt(*open(kFolder, IIOStream::AccessRead), 0, 2 * kBrickSize),
-              testsupport::zeroBytes(2 * kBrickSize));
+    EXPECT_EQ(readAt(*open(kFolder, IIOStream::AccessRead), 0, 2 * kBrickSize), testsupport::zeroBytes(2 * kBrickSize));
 }
 
 TEST_F(BrickDiskFailureTest, FolderCreationThatFailsOnceIsRecorded)

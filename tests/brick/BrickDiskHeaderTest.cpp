@@ -1,7 +1,7 @@
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDiskHeader.h"
 
-#include "brick/BrickDiskError.h"
 #include "RecordBytes.h"
+#include "brick/chain/BrickDiskError.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -490,7 +490,14 @@ TEST_F(BrickDiskHeaderStore, RecordEndingBeforeTheIterationCountGivesTheReadErro
 TEST_F(BrickDiskHeaderStore, KeyHashLongerThanTheRecordGivesTheReadError)
 {
     RecordBytes record = defaultRecordStart().int64(1);
-    record.int64(1).int32(0x80000).int32(1).int64(-1).string("md5").string("sha256").string("aes256cbc").int32(0x7FFFFFFF);
+    record.int64(1)
+        .int32(0x80000)
+        .int32(1)
+        .int64(-1)
+        .string("md5")
+        .string("sha256")
+        .string("aes256cbc")
+        .int32(0x7FFFFFFF);
     storeRecord(record);
     expectLoadFailure([](const CError& error) {
         ASSERT_EQ(typeid(error), typeid(CIOError));

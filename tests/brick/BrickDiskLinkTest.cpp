@@ -1,7 +1,7 @@
-#include "brick/BrickDiskLink.h"
+#include "brick/format/BrickDiskLink.h"
 
-#include "brick/BrickDiskHeader.h"
 #include "RecordBytes.h"
+#include "brick/format/BrickDiskHeader.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"

@@ -1,9 +1,9 @@
 // Locks of disks: readers share, a writer excludes everyone from its disk and
 // writers from its child, and a file system that cannot lock still lets the
 // disk be used.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskLock.h"
+#include "brick/chain/BrickDiskLock.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskError.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/LocalFileSystem.h"

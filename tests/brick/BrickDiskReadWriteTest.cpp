@@ -1,4 +1,4 @@
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
@@ -27,8 +27,8 @@ using zo::CIOError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Props = std::vector<std::pair<std::string, std::string>>;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
@@ -447,8 +447,9 @@ TEST_F(BrickDiskReadWriteTest, PreparedBrickOnADiskOpenedForReadingFailsAfterThe
 
     ASSERT_TRUE(offBoundary && error);
     EXPECT_EQ(offBoundary->getCode(), CIOError::NotOnBoundary);
-    EXPECT_EQ(messageOf(*error), "Internal error: CBrickDisk::writePreparedBrickData was called, but the disk "
-                                 "was not opened for writing.");
+    EXPECT_EQ(messageOf(*error),
+              "Internal error: CBrickDisk::writePreparedBrickData was called, but the disk "
+              "was not opened for writing.");
     EXPECT_EQ(error->getCode(), -1);
     EXPECT_TRUE(error->getProps().isEmpty());
     EXPECT_EQ(disk->getPosition(), 0);
@@ -516,9 +517,9 @@ TEST_F(BrickDiskReadWriteTest, HeaderWithBricksOfNoBytesOrANegativeDiskSizeDoesN
     CBrickDiskHeader header;
     header.load(fs.get(), CURI("/disks/edited"));
     using Edit = std::function<void(CBrickDiskHeader&)>;
-    for (const auto& [field, edit] : std::vector<std::pair<std::string, Edit>>{
-             {"brickSize", [](CBrickDiskHeader& h) { h.setBrickSize(0); }},
-             {"diskSize", [](CBrickDiskHeader& h) { h.setDiskSize(-1); }}}) {
+    for (const auto& [field, edit] :
+         std::vector<std::pair<std::string, Edit>>{{"brickSize", [](CBrickDiskHeader& h) { h.setBrickSize(0); }},
+                                                   {"diskSize", [](CBrickDiskHeader& h) { h.setDiskSize(-1); }}}) {
         SCOPED_TRACE(field);
         CBrickDiskHeader edited(header);
         edit(edited);

@@ -1,4 +1,4 @@
-#include "brick/BrickDiskStream.h"
+#include "brick/streams/BrickDiskStream.h"
 
 #include "support/BrickTestHelpers.h"
 #include "support/DiskStreamTestHelpers.h"

@@ -1,4 +1,4 @@
-#include "brick/BrickDiskStreamWithCache.h"
+#include "brick/streams/BrickDiskStreamWithCache.h"
 
 #include "support/BrickTestHelpers.h"
 #include "support/DiskStreamTestHelpers.h"
@@ -168,8 +168,8 @@ TEST_F(BrickDiskStreamWithCacheTest, WriteIntoACachedBrickIsVisibleInTheCacheAnd
     stream->write(bytes.getData(), bytes.getUsed());
     EXPECT_EQ(stream->getPosition(), 3 * kBrickSize + 150);
     moveDiskBrickAway();
-    EXPECT_EQ(loadsDuring([&] { EXPECT_TRUE(testsupport::sameBytes(readAt(*stream, 3 * kBrickSize + 50, 100), bytes)); }),
-              0);
+    EXPECT_EQ(
+        loadsDuring([&] { EXPECT_TRUE(testsupport::sameBytes(readAt(*stream, 3 * kBrickSize + 50, 100), bytes)); }), 0);
     disk->seek(3 * kBrickSize + 50);
     Bytes onDisk(100);
     disk->read(onDisk.getData(), 100);
@@ -185,8 +185,9 @@ TEST_F(BrickDiskStreamWithCacheTest, WriteIntoAnUncachedBrickLeavesTheWholeBrick
 
     Bytes want = expected(6 * kBrickSize, kBrickSize);
     std::memcpy(want.getData() + 2000, bytes.getData(), 10);
-    EXPECT_EQ(loadsDuring([&] { EXPECT_TRUE(testsupport::sameBytes(readAt(*stream, 6 * kBrickSize, kBrickSize), want)); }),
-              0);
+    EXPECT_EQ(
+        loadsDuring([&] { EXPECT_TRUE(testsupport::sameBytes(readAt(*stream, 6 * kBrickSize, kBrickSize), want)); }),
+        0);
 }
 
 TEST_F(BrickDiskStreamWithCacheTest, WriteAcrossBricksReachesTheDiskAtOnce)
@@ -235,7 +236,8 @@ TEST_F(BrickDiskStreamWithCacheTest, FailedLoadLeavesTheBrickUncached)
     testsupport::damageFile(*fs, brickFile);
     EXPECT_THROW(readAt(*stream, 4 * kBrickSize, 1), CError);
     fs->setFileData(brickFile, *good);
-    EXPECT_TRUE(testsupport::sameBytes(readAt(*stream, 4 * kBrickSize, kBrickSize), expected(4 * kBrickSize, kBrickSize)));
+    EXPECT_TRUE(
+        testsupport::sameBytes(readAt(*stream, 4 * kBrickSize, kBrickSize), expected(4 * kBrickSize, kBrickSize)));
 }
 
 TEST_F(BrickDiskStreamWithCacheTest, ADamagedBrickFailsOnlyWhenTheReaderReachesIt)
@@ -312,8 +314,8 @@ TEST_F(BrickDiskStreamWithCacheTest, CopiesKeepTheirOwnPositionsAndShareTheCache
     copy.seek(7 * kBrickSize + 30);
     copy.write(bytes.getData(), bytes.getUsed());
     moveDiskBrickAway();
-    EXPECT_EQ(loadsDuring([&] { EXPECT_TRUE(testsupport::sameBytes(readAt(*stream, 7 * kBrickSize + 30, 20), bytes)); }),
-              0);
+    EXPECT_EQ(
+        loadsDuring([&] { EXPECT_TRUE(testsupport::sameBytes(readAt(*stream, 7 * kBrickSize + 30, 20), bytes)); }), 0);
 }
 
 TEST_F(BrickDiskStreamWithCacheTest, AfterCloseCachedBricksStillReadAndTheRestNeedsTheDisk)
@@ -350,7 +352,8 @@ TEST_F(BrickDiskStreamWithCacheTest, ReadsAndWritesAtRandomMatchAPlainCopy)
             stream->write(bytes.getData(), count);
             std::memcpy(model.getData() + position, bytes.getData(), static_cast<size_t>(count));
         } else {
-            ASSERT_TRUE(testsupport::sameBytes(readAt(*stream, position, count), testsupport::sliceOf(model, position, count)))
+            ASSERT_TRUE(
+                testsupport::sameBytes(readAt(*stream, position, count), testsupport::sliceOf(model, position, count)))
                 << "step " << step;
         }
     }

@@ -1,6 +1,6 @@
-#include "brick/BrickDiskStreamWithParallelReadAhead.h"
+#include "brick/streams/BrickDiskStreamWithParallelReadAhead.h"
 
-#include "brick/BrickDataPreparer.h"
+#include "brick/format/BrickDataPreparer.h"
 #include "support/BrickTestHelpers.h"
 #include "support/DiskStreamTestHelpers.h"
 #include "support/TempFolder.h"
@@ -44,7 +44,8 @@ protected:
 
     P<CBrickDiskStreamWithParallelReadAhead> openStream(int threadCount)
     {
-        return P<CBrickDiskStreamWithParallelReadAhead>(new CBrickDiskStreamWithParallelReadAhead(disk.get(), threadCount));
+        return P<CBrickDiskStreamWithParallelReadAhead>(
+            new CBrickDiskStreamWithParallelReadAhead(disk.get(), threadCount));
     }
 
     Bytes expected(int64 offset, int64 count) const { return testsupport::sliceOf(content, offset, count); }
@@ -278,8 +279,9 @@ TEST_F(BrickDiskStreamWithParallelReadAheadTest, ShortBrickDataIsAnInternalError
         stream.readLax(got.getData(), 10);
         FAIL() << "no error thrown";
     } catch (const CError& e) {
-        EXPECT_EQ(e.getMessage(),
-                  "Internal error in CBrickDiskStreamWithParallelReadAhead::readLax: brick data smaller than expected.");
+        EXPECT_EQ(
+            e.getMessage(),
+            "Internal error in CBrickDiskStreamWithParallelReadAhead::readLax: brick data smaller than expected.");
         EXPECT_EQ(e.getCode(), -1);
         std::vector<std::string> names;
         for (const auto& [name, value] : e.getProps())

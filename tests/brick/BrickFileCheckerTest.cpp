@@ -1,8 +1,8 @@
 // CBrickFileChecker: what `check` and `delete` learn of one brick file, with
 // and without the disk's key.
-#include "brick/BrickDisk.h"
-#include "brick/BrickFileChecker.h"
-#include "brick/BrickTree.h"
+#include "brick/format/BrickFileChecker.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickTree.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -20,8 +20,8 @@ using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 8 * kBrickSize;

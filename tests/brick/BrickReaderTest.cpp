@@ -1,8 +1,8 @@
-#include "brick/BrickReader.h"
+#include "brick/chain/BrickReader.h"
 
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDisk.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickTree.h"
 #include "support/BrickTestHelpers.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
@@ -24,8 +24,8 @@ using testsupport::Bytes;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Content = CBrickReader::Content;
 using Op = CMemoryFileSystem::Operation;
 
@@ -223,8 +223,7 @@ public:
     CParentWriterFileSystem(CMemoryFileSystem* inner, CURI parentFile, CURI childFile, Bytes newParentFile)
         : CForwardingFileSystem(inner), m_memory(inner), m_parentFile(std::move(parentFile)),
           m_childFile(std::move(childFile)), m_newParentFile(std::move(newParentFile))
-    {
-    }
+    {}
 
     P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
     {

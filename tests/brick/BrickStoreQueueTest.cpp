@@ -1,4 +1,4 @@
-#include "brick/BrickStoreQueue.h"
+#include "brick/chain/BrickStoreQueue.h"
 
 #include "support/BrickTestHelpers.h"
 #include "zo/Error.h"
@@ -24,8 +24,8 @@ using testsupport::SteppedFileSystem;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Op = zo::CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = 4096;

@@ -1,6 +1,6 @@
-#include "brick/BrickStorer.h"
+#include "brick/chain/BrickStorer.h"
 
-#include "brick/Brick.h"
+#include "brick/chain/Brick.h"
 
 #include "support/BrickTestHelpers.h"
 #include "zo/Error.h"
@@ -54,8 +54,7 @@ protected:
           oldPrepared(testsupport::prepareBrick(header, key, testsupport::patternBytes(kBrickSize, 2))),
           childOwnPrepared(testsupport::prepareBrick(header, key, testsupport::patternBytes(kBrickSize, 3))),
           zeroPrepared(testsupport::prepareBrick(header, key, testsupport::zeroBytes(kBrickSize)))
-    {
-    }
+    {}
 
     // Stores a counted copy of `data` (null: an all-zero brick) as the brick 0x12345 of "/disk".
     P<CBrickStorer> start(zo::IFileSystem* target, bool withChild, const Bytes* data, zo::IDoneListener* listener)
@@ -77,14 +76,8 @@ protected:
         fs->waitUntilIdle();
     }
 
-    void makeFolder(const std::string& folder)
-    {
-        fs->createFolder(CURI(folder.c_str()), 0x1ff);
-    }
-    void putFile(const std::string& file, const Bytes& bytes)
-    {
-        fs->setFileData(CURI(file.c_str()), bytes);
-    }
+    void makeFolder(const std::string& folder) { fs->createFolder(CURI(folder.c_str()), 0x1ff); }
+    void putFile(const std::string& file, const Bytes& bytes) { fs->setFileData(CURI(file.c_str()), bytes); }
     // The file's bytes; empty and `exists` false when there is none.
     bool fileHolds(const std::string& file, const Bytes& expected)
     {
@@ -162,10 +155,11 @@ TEST_F(BrickStorerTest, CreatesMissingFoldersFromTheDeepestUpToBricksAndBackDown
     const P<CBrickStorer> storer = start(false, &newPrepared);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks"),
-                            "createFolder " + diskFolder("bricks/b001"),
-                            "createFolder " + diskFolder("bricks/b001/a023"), "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
+                     "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks"),
+                     "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks/b001/a023"),
+                     "storeFile " + kDiskFile}));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
     EXPECT_EQ(storer->getError(), nullptr);
 }
@@ -178,9 +172,10 @@ TEST_F(BrickStorerTest, ClimbsOnlyUpToTheFirstFolderThatExists)
     const P<CBrickStorer> storer = start(false, &newPrepared);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "createFolder " + diskFolder("bricks/b001"),
-                            "createFolder " + diskFolder("bricks/b001/a023"), "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
+                     "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks/b001/a023"),
+                     "storeFile " + kDiskFile}));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
 }
 
@@ -194,8 +189,9 @@ TEST_F(BrickStorerTest, CountsAFolderThatAlreadyExistsAsCreated)
     const P<CBrickStorer> storer = start(false, &newPrepared);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "storeFile " + kDiskFile}));
+    EXPECT_EQ(
+        log(),
+        Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"), "storeFile " + kDiskFile}));
     EXPECT_EQ(storer->getError(), nullptr);
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
 }
@@ -209,8 +205,9 @@ TEST_F(BrickStorerTest, CreatesFoldersAfterAnUnclassifiedStoreFailure)
     const P<CBrickStorer> storer = start(false, &newPrepared);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "storeFile " + kDiskFile}));
+    EXPECT_EQ(
+        log(),
+        Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"), "storeFile " + kDiskFile}));
     EXPECT_EQ(storer->getError(), nullptr);
 }
 
@@ -225,9 +222,10 @@ TEST_F(BrickStorerTest, EndsWhenAFolderIsMissingAfterOneWasCreated)
     const P<CBrickStorer> storer = start(false, &newPrepared, listener.get());
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks"),
-                            "createFolder " + diskFolder("bricks/b001")}));
+    EXPECT_EQ(log(),
+              Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
+                     "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks"),
+                     "createFolder " + diskFolder("bricks/b001")}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_EQ(CFileSystemError::getProblem(storer->getError()->getProps()), CFileSystemError::NotFound);
     EXPECT_EQ(listener->getCallCount(), 1);
@@ -241,8 +239,9 @@ TEST_F(BrickStorerTest, EndsWhenTheDiskFolderItselfIsMissing)
     const P<CBrickStorer> storer = start(false, &newPrepared);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks")}));
+    EXPECT_EQ(log(),
+              Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
+                     "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks")}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_EQ(CFileSystemError::getProblem(storer->getError()->getProps()), CFileSystemError::NotFound);
     EXPECT_EQ(storer->getProgress(), 1.0);
@@ -257,8 +256,9 @@ TEST_F(BrickStorerTest, RetriesTheStoreOnlyOnceAfterCreatingFolders)
     const P<CBrickStorer> storer = start(false, &newPrepared);
     finish(*storer);
 
-    EXPECT_EQ(log(), Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "storeFile " + kDiskFile}));
+    EXPECT_EQ(
+        log(),
+        Lines({"storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"), "storeFile " + kDiskFile}));
     ASSERT_NE(storer->getError(), nullptr);
 }
 
@@ -281,10 +281,9 @@ TEST_F(BrickStorerTest, StoresABrickThatLiesDirectlyInTheDiskFolder)
 {
     // With no tree levels the brick file is "bricks" itself; there is no
     // folder to create, so a missing disk folder ends the storer.
-    const P<CBrickStorer> storer =
-        CBrickStorer::start(fs.get(), CURI("/disk"), CURI("bricks"), CURI(), CURI(),
-                            testsupport::countedCopy(newPrepared).get(),
-                            testsupport::countedCopy(zeroPrepared).get(), nullptr);
+    const P<CBrickStorer> storer = CBrickStorer::start(fs.get(), CURI("/disk"), CURI("bricks"), CURI(), CURI(),
+                                                       testsupport::countedCopy(newPrepared).get(),
+                                                       testsupport::countedCopy(zeroPrepared).get(), nullptr);
     finish(*storer);
     EXPECT_EQ(log(), Lines({"storeFile /disk/bricks", "storeFile /disk/bricks"}));
     EXPECT_NE(storer->getError(), nullptr);
@@ -292,13 +291,13 @@ TEST_F(BrickStorerTest, StoresABrickThatLiesDirectlyInTheDiskFolder)
     makeFolder("/disk");
     makeFolder("/child");
     startLogging();
-    const P<CBrickStorer> second =
-        CBrickStorer::start(fs.get(), CURI("/disk"), CURI("bricks"), CURI("/child"), CURI("bricks"),
-                            testsupport::countedCopy(newPrepared).get(),
-                            testsupport::countedCopy(zeroPrepared).get(), nullptr);
+    const P<CBrickStorer> second = CBrickStorer::start(fs.get(), CURI("/disk"), CURI("bricks"), CURI("/child"),
+                                                       CURI("bricks"), testsupport::countedCopy(newPrepared).get(),
+                                                       testsupport::countedCopy(zeroPrepared).get(), nullptr);
     finish(*second);
-    EXPECT_EQ(log(), Lines({"copyFile /disk/bricks -> /child/bricks", "copyFile /disk/bricks -> /child/bricks",
-                            "storeFile /child/bricks", "storeFile /disk/bricks"}));
+    EXPECT_EQ(log(),
+              Lines({"copyFile /disk/bricks -> /child/bricks", "copyFile /disk/bricks -> /child/bricks",
+                     "storeFile /child/bricks", "storeFile /disk/bricks"}));
     EXPECT_EQ(second->getError(), nullptr);
     EXPECT_TRUE(fileHolds("/disk/bricks", newPrepared));
     EXPECT_TRUE(fileHolds("/child/bricks", zeroPrepared));
@@ -337,10 +336,11 @@ TEST_F(BrickStorerTest, CreatesTheChildFoldersWhenTheCopyFindsThemMissing)
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"),
-                            "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks"),
-                            "createFolder " + childFolder("bricks/b001"),
-                            "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kDiskFile}));
+    EXPECT_EQ(
+        log(),
+        Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), "createFolder " + childFolder("bricks/b001"),
+               "createFolder " + childFolder("bricks"), "createFolder " + childFolder("bricks/b001"),
+               "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kDiskFile}));
     EXPECT_TRUE(fileHolds(kChildFile, oldPrepared));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
     EXPECT_EQ(storer->getError(), nullptr);
@@ -357,11 +357,11 @@ TEST_F(BrickStorerTest, StoresAZeroBrickInTheChildWhenThisDiskHasNoFile)
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"),
-                            "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks"),
-                            "createFolder " + childFolder("bricks/b001"),
-                            "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
-                            "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"),
+                     "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks"),
+                     "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks/b001/a023"),
+                     copy, "storeFile " + kChildFile, "storeFile " + kDiskFile}));
     const auto stores = recorder->getStores();
     ASSERT_EQ(stores.size(), 2u);
     EXPECT_FALSE(stores[0].overwrite);
@@ -399,10 +399,11 @@ TEST_F(BrickStorerTest, StoresNothingInTheChildForAnAllZeroBrickWithoutOldFile)
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"),
-                            "createFolder " + childFolder("bricks/b001"), "createFolder " + childFolder("bricks"),
-                            "createFolder " + childFolder("bricks/b001"),
-                            "createFolder " + childFolder("bricks/b001/a023"), copy, "deleteFile " + kDiskFile}));
+    EXPECT_EQ(
+        log(),
+        Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), "createFolder " + childFolder("bricks/b001"),
+               "createFolder " + childFolder("bricks"), "createFolder " + childFolder("bricks/b001"),
+               "createFolder " + childFolder("bricks/b001/a023"), copy, "deleteFile " + kDiskFile}));
     EXPECT_FALSE(fileExists(kChildFile));
     EXPECT_FALSE(fileExists(kDiskFile));
     EXPECT_EQ(storer->getError(), nullptr);
@@ -433,11 +434,12 @@ TEST_F(BrickStorerTest, CreatesThisDisksFoldersAfterStoringTheZeroBrickInTheChil
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
-                            "storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks"),
-                            "createFolder " + diskFolder("bricks/b001"),
-                            "createFolder " + diskFolder("bricks/b001/a023"), "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
+                     "storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
+                     "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks"),
+                     "createFolder " + diskFolder("bricks/b001"), "createFolder " + diskFolder("bricks/b001/a023"),
+                     "storeFile " + kDiskFile}));
     EXPECT_TRUE(fileHolds(kChildFile, zeroPrepared));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
 }
@@ -454,8 +456,9 @@ TEST_F(BrickStorerTest, EndsWithTheCopyErrorWhenOnlyThisDiskHoldsTheFileAndTheCo
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
-                            "pathExists " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
+                     "pathExists " + kDiskFile}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_EQ(CFileSystemError::getProblem(storer->getError()->getProps()), CFileSystemError::AccessDenied);
     EXPECT_EQ(listener->getCallCount(), 1);
@@ -475,8 +478,9 @@ TEST_F(BrickStorerTest, OverwritesWhenTheCopyKeepsFailingButTheChildHoldsTheBric
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
-                            "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
+                     "storeFile " + kDiskFile}));
     ASSERT_EQ(recorder->getStores().size(), 1u);
     EXPECT_TRUE(recorder->getStores()[0].overwrite);
     EXPECT_EQ(storer->getError(), nullptr);
@@ -495,8 +499,9 @@ TEST_F(BrickStorerTest, StoresTheZeroBrickWhenTheCopyKeepsFailingAndNeitherDiskH
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
-                            "pathExists " + kDiskFile, "storeFile " + kChildFile, "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "pathExists " + kChildFile,
+                     "pathExists " + kDiskFile, "storeFile " + kChildFile, "storeFile " + kDiskFile}));
     EXPECT_EQ(storer->getError(), nullptr);
     EXPECT_TRUE(fileHolds(kChildFile, zeroPrepared));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
@@ -513,8 +518,9 @@ TEST_F(BrickStorerTest, TakesAnUnclassifiedZeroBrickFailureAsAlreadyThereWhenThe
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
-                            "fileExists " + kChildFile, "storeFile " + kDiskFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
+                     "fileExists " + kChildFile, "storeFile " + kDiskFile}));
     EXPECT_EQ(storer->getError(), nullptr);
     EXPECT_TRUE(fileHolds(kChildFile, childOwnPrepared));
     EXPECT_TRUE(fileHolds(kDiskFile, newPrepared));
@@ -531,8 +537,9 @@ TEST_F(BrickStorerTest, EndsWhenTheZeroBrickCannotBeStoredInTheChild)
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
-                            "fileExists " + kChildFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
+                     "fileExists " + kChildFile}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_FALSE(fileExists(kDiskFile));
     EXPECT_FALSE(fileExists(kChildFile));
@@ -550,8 +557,9 @@ TEST_F(BrickStorerTest, RemovesTheChildsZeroBrickWhenTheFinalStoreFails)
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
-                            "storeFile " + kDiskFile, "deleteFileSync " + kChildFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
+                     "storeFile " + kDiskFile, "deleteFileSync " + kChildFile}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_EQ(CFileSystemError::getProblem(storer->getError()->getProps()), CFileSystemError::AccessDenied);
     EXPECT_FALSE(fileExists(kChildFile));
@@ -570,9 +578,10 @@ TEST_F(BrickStorerTest, RemovesTheChildsZeroBrickWhenTheStoreStillFailsAfterMaki
     finish(*storer);
 
     const std::string copy = "copyFile " + kDiskFile + " -> " + kChildFile;
-    EXPECT_EQ(log(), Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
-                            "storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
-                            "storeFile " + kDiskFile, "deleteFileSync " + kChildFile}));
+    EXPECT_EQ(log(),
+              Lines({copy, "createFolder " + childFolder("bricks/b001/a023"), copy, "storeFile " + kChildFile,
+                     "storeFile " + kDiskFile, "createFolder " + diskFolder("bricks/b001/a023"),
+                     "storeFile " + kDiskFile, "deleteFileSync " + kChildFile}));
     ASSERT_NE(storer->getError(), nullptr);
     EXPECT_FALSE(fileExists(kChildFile));
 }
@@ -783,8 +792,8 @@ std::ostream& operator<<(std::ostream& out, const StorePath& path)
 }
 
 const std::map<std::string, Op> kOperationByName = {
-    {"storeFile", Op::StoreFile},   {"createFolder", Op::CreateFolder}, {"copyFile", Op::CopyFile},
-    {"deleteFile", Op::DeleteFile}, {"pathExists", Op::PathExists},     {"fileExists", Op::FileExists},
+    {"storeFile", Op::StoreFile},          {"createFolder", Op::CreateFolder}, {"copyFile", Op::CopyFile},
+    {"deleteFile", Op::DeleteFile},        {"pathExists", Op::PathExists},     {"fileExists", Op::FileExists},
     {"deleteFileSync", Op::DeleteFileSync}};
 
 // The kind of the operation that a log line names, and how many operations
@@ -808,7 +817,7 @@ struct InjectedFailure {
 std::string describe(const InjectedFailure& failure, const Lines& cleanLog)
 {
     return "operation " + std::to_string(failure.index + 1) + " (" + cleanLog[failure.index] + ") failing " +
-           (failure.persistent ? "persistently" : "once") + " with problem " + std::to_string(failure.problem);
+        (failure.persistent ? "persistently" : "once") + " with problem " + std::to_string(failure.problem);
 }
 
 class BrickStorerFailureTest : public BrickStorerTest, public ::testing::WithParamInterface<StorePath> {
@@ -926,11 +935,10 @@ protected:
         inject(failure, cleanLog);
         std::vector<brick::CBrick::Error> errors;
         {
-            const P<brick::CBrick> object(new brick::CBrick(fs.get(), CURI("/disk"),
-                                                            GetParam().withChild ? CURI("/child") : CURI(), {},
-                                                            header, key, 1));
-            const Bytes plain = GetParam().allZero ? testsupport::zeroBytes(kBrickSize)
-                                                   : testsupport::patternBytes(kBrickSize, 1);
+            const P<brick::CBrick> object(new brick::CBrick(
+                fs.get(), CURI("/disk"), GetParam().withChild ? CURI("/child") : CURI(), {}, header, key, 1));
+            const Bytes plain =
+                GetParam().allZero ? testsupport::zeroBytes(kBrickSize) : testsupport::patternBytes(kBrickSize, 1);
             EXPECT_NO_THROW({
                 object->seek(kBrickIndex, 0);
                 EXPECT_EQ(object->writeLaxInsideBrick(plain.getData(), kBrickSize), kBrickSize);
@@ -985,16 +993,15 @@ TEST_P(BrickStorerFailureTest, EndsOnceAndIsRecordedOnceWhicheverOperationFails)
 
 INSTANTIATE_TEST_SUITE_P(
     StorePaths, BrickStorerFailureTest,
-    ::testing::Values(
-        StorePath{"NoChildFolderExists", false, false, false, false, {"/disk/bricks/b001/a023"}},
-        StorePath{"NoChildFoldersMissing", false, false, false, false, {"/disk"}},
-        StorePath{"NoChildAllZero", false, true, true, false, {}},
-        StorePath{"ChildCopiesOldFile", true, false, true, false, {"/child"}},
-        StorePath{"ChildGetsZeroBrick", true, false, false, false, {"/disk/bricks/b001/a023", "/child"}},
-        StorePath{"ChildHoldsBrick", true, false, true, true, {}},
-        StorePath{"ChildAllZeroWithoutOldFile", true, true, false, false, {"/disk", "/child"}},
-        StorePath{"ChildAllZeroCopiesOldFile", true, true, true, false, {"/child/bricks/b001/a023"}},
-        StorePath{"EverythingMissing", true, false, false, false, {"/disk", "/child"}}),
+    ::testing::Values(StorePath{"NoChildFolderExists", false, false, false, false, {"/disk/bricks/b001/a023"}},
+                      StorePath{"NoChildFoldersMissing", false, false, false, false, {"/disk"}},
+                      StorePath{"NoChildAllZero", false, true, true, false, {}},
+                      StorePath{"ChildCopiesOldFile", true, false, true, false, {"/child"}},
+                      StorePath{"ChildGetsZeroBrick", true, false, false, false, {"/disk/bricks/b001/a023", "/child"}},
+                      StorePath{"ChildHoldsBrick", true, false, true, true, {}},
+                      StorePath{"ChildAllZeroWithoutOldFile", true, true, false, false, {"/disk", "/child"}},
+                      StorePath{"ChildAllZeroCopiesOldFile", true, true, true, false, {"/child/bricks/b001/a023"}},
+                      StorePath{"EverythingMissing", true, false, false, false, {"/disk", "/child"}}),
     [](const ::testing::TestParamInfo<StorePath>& info) { return std::string(info.param.name); });
 
 } // namespace

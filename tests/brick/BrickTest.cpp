@@ -1,4 +1,4 @@
-#include "brick/Brick.h"
+#include "brick/chain/Brick.h"
 
 #include "support/BrickTestHelpers.h"
 #include "zo/Error.h"
@@ -23,8 +23,8 @@ using testsupport::SteppedFileSystem;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Op = zo::CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = 4096;
@@ -115,8 +115,9 @@ TEST_F(BrickTest, ReadsANeverWrittenBrickAsZerosAndCreatesNoFile)
     object->seek(6, 0);
     flush(*object);
 
-    EXPECT_EQ(log(), std::vector<std::string>({"openStream " + brickFile("/disk", 5),
-                                               "openStream " + brickFile("/parent", 5)}));
+    EXPECT_EQ(
+        log(),
+        std::vector<std::string>({"openStream " + brickFile("/disk", 5), "openStream " + brickFile("/parent", 5)}));
     EXPECT_FALSE(fileExists(brickFile("/disk", 5)));
     EXPECT_EQ(object->getPositionInBrick(), 0);
 }
@@ -308,9 +309,9 @@ TEST_F(BrickTest, ReadsABrickFoundOnlyInAParentFolderFromThere)
     EXPECT_TRUE(sameBytes(readWhole(*object, 4), plain));
     // After the read from the parent the disk's own folder is looked at
     // again, in case a writer of the parent preserved the brick there meanwhile.
-    EXPECT_EQ(log(), std::vector<std::string>({"openStream " + brickFile("/disk", 4),
-                                               "openStream " + brickFile("/parent", 4),
-                                               "fileExists " + brickFile("/disk", 4)}));
+    EXPECT_EQ(log(),
+              std::vector<std::string>({"openStream " + brickFile("/disk", 4), "openStream " + brickFile("/parent", 4),
+                                        "fileExists " + brickFile("/disk", 4)}));
 }
 
 TEST_F(BrickTest, TellsWhetherAnyFolderStoresTheBrickWithTheOneLoad)
@@ -355,14 +356,12 @@ TEST_F(BrickTest, SearchesTheParentFoldersInTheirOrder)
 
     EXPECT_TRUE(sameBytes(readWhole(*object, 4), nearer));
     readWhole(*object, 5);
-    EXPECT_EQ(log(), std::vector<std::string>({"openStream " + brickFile("/disk", 4),
-                                               "openStream " + brickFile("/parent", 4),
-                                               "fileExists " + brickFile("/disk", 4),
-                                               "openStream " + brickFile("/disk", 5),
-                                               "openStream " + brickFile("/parent", 5),
-                                               "openStream " + brickFile("/grandparent", 5),
-                                               "fileExists " + brickFile("/disk", 5),
-                                               "fileExists " + brickFile("/parent", 5)}));
+    EXPECT_EQ(
+        log(),
+        std::vector<std::string>({"openStream " + brickFile("/disk", 4), "openStream " + brickFile("/parent", 4),
+                                  "fileExists " + brickFile("/disk", 4), "openStream " + brickFile("/disk", 5),
+                                  "openStream " + brickFile("/parent", 5), "openStream " + brickFile("/grandparent", 5),
+                                  "fileExists " + brickFile("/disk", 5), "fileExists " + brickFile("/parent", 5)}));
 }
 
 TEST_F(BrickTest, StoresAChangedParentBrickInItsOwnFolderAndFindsItThereFirst)

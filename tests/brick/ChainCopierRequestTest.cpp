@@ -3,8 +3,8 @@
 // deletes those the source no longer holds and writes no other brick object,
 // counted by a wrapper around a file system over an object store in memory;
 // and it reads only the digests at the end of the destination's brick files.
-#include "brick/BrickDisk.h"
-#include "brick/ChainCopier.h"
+#include "brick/backup/ChainCopier.h"
+#include "brick/chain/BrickDisk.h"
 #include "objectstore/ObjectStoreFileSystem.h"
 #include "support/DiskTestHelpers.h"
 #include "support/MemoryObjectStore.h"
@@ -104,8 +104,7 @@ class CReadCountingStream : public zo::CBase, public zo::IIOStream {
 public:
     CReadCountingStream(P<zo::IIOStream> inner, std::function<void(int)> counted)
         : m_inner(std::move(inner)), m_counted(std::move(counted))
-    {
-    }
+    {}
 
     zo::int64 getLength() override { return m_inner->getLength(); }
     zo::int64 getPosition() override { return m_inner->getPosition(); }
@@ -157,8 +156,8 @@ public:
     P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
     {
         const std::string path = file.toString(true).toUTF8();
-        return P<zo::IIOStream>(new CReadCountingStream(
-            CForwardingFileSystem::openStream(file, access, options), [this, path](int size) {
+        return P<zo::IIOStream>(
+            new CReadCountingStream(CForwardingFileSystem::openStream(file, access, options), [this, path](int size) {
                 const std::lock_guard<std::mutex> lock(m_mutex);
                 m_bytesRead[path] += size;
             }));

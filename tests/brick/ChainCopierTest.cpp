@@ -3,13 +3,13 @@
 // what changed and adds the new snapshots, a copy stopped at any failing
 // operation keeps the destination's snapshots reading as before and a new
 // run finishes it, and a destination that is another disk is refused.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskAuxFileBase.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskCreationTime.h"
-#include "brick/BrickDiskRemover.h"
-#include "brick/ChainCopier.h"
-#include "brick/RetentionPlan.h"
+#include "brick/backup/ChainCopier.h"
+#include "brick/backup/RetentionPlan.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickDiskRemover.h"
+#include "brick/format/BrickDiskAuxFileBase.h"
+#include "brick/format/BrickDiskCreationTime.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/Error.h"
@@ -73,8 +73,7 @@ std::map<std::string, Bytes> readDisks(zo::IFileSystem* fs, const std::string& r
 {
     std::map<std::string, Bytes> contents;
     for (const std::string& folder : folders) {
-        const P<CBrickDisk> disk =
-            testsupport::openDisk(fs, CURI(root + folder), kPassword, zo::IIOStream::AccessRead);
+        const P<CBrickDisk> disk = testsupport::openDisk(fs, CURI(root + folder), kPassword, zo::IIOStream::AccessRead);
         contents[folder] = testsupport::readWholeDisk(*disk);
     }
     return contents;
@@ -433,7 +432,7 @@ TEST(ChainCopier, FirstCopyStoppedAnywhereLeavesNoHalfDiskAndARunFinishesIt)
         for (int nth = 1;; ++nth) {
             const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
             const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
-                                        std::to_string(nth) + " failing";
+                std::to_string(nth) + " failing";
             fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
             bool stopped = false;
             try {
@@ -494,9 +493,9 @@ TEST(ChainCopier, StopsWhereTheCheckpointThrowsAndARunFinishes)
 TEST(ChainCopier, SnapshotsReadAsBeforeWhereverASecondCopyStops)
 {
     const CMemoryFileSystem::Operation kinds[] = {
-        CMemoryFileSystem::Operation::StoreFile,        CMemoryFileSystem::Operation::DeleteFile,
-        CMemoryFileSystem::Operation::DeleteFileSync,   CMemoryFileSystem::Operation::CreateFolderSync,
-        CMemoryFileSystem::Operation::OpenStream,       CMemoryFileSystem::Operation::ListFolder};
+        CMemoryFileSystem::Operation::StoreFile,      CMemoryFileSystem::Operation::DeleteFile,
+        CMemoryFileSystem::Operation::DeleteFileSync, CMemoryFileSystem::Operation::CreateFolderSync,
+        CMemoryFileSystem::Operation::OpenStream,     CMemoryFileSystem::Operation::ListFolder};
     const P<CMemoryFileSystem> source(new CMemoryFileSystem());
     const P<CMemoryFileSystem> pristine(new CMemoryFileSystem());
     makeChain(source.get());
@@ -514,7 +513,7 @@ TEST(ChainCopier, SnapshotsReadAsBeforeWhereverASecondCopyStops)
             for (const auto& [path, bytes] : files)
                 fs->setFileData(CURI("/" + path), bytes);
             const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
-                                        std::to_string(nth) + " failing";
+                std::to_string(nth) + " failing";
             fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
             bool stopped = false;
             try {

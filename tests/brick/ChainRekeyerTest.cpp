@@ -3,13 +3,13 @@
 // bytes, takes snapshots and writes as any disk, and a destination that
 // holds files, a wrong password or a source of the original format are
 // refused before anything is written.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskKeyWrap.h"
-#include "brick/BrickDiskKeys.h"
-#include "brick/BrickTree.h"
-#include "brick/ChainRekeyer.h"
+#include "brick/backup/ChainRekeyer.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskKeyWrap.h"
+#include "brick/format/BrickDiskKeys.h"
+#include "brick/format/BrickTree.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -29,8 +29,8 @@ using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 8 * kBrickSize;
@@ -60,8 +60,7 @@ P<CMemoryFileSystem> makeChain()
     writeBricks(fs.get(), {1, 4}, 20);
     testsupport::createLinkedChild(fs.get(), CURI(kSources[1]), CURI(kSources[0]), kOld);
     writeBricks(fs.get(), {2, 5, 1}, 30);
-    testsupport::writeAt(*testsupport::openDisk(fs.get(), CURI(kSources[0]), kOld), 3 * kBrickSize,
-                         Bytes(kBrickSize));
+    testsupport::writeAt(*testsupport::openDisk(fs.get(), CURI(kSources[0]), kOld), 3 * kBrickSize, Bytes(kBrickSize));
     return fs;
 }
 
@@ -122,8 +121,8 @@ TEST(ChainRekeyer, CopyHasANewDiskKeyAndNoBrickFileOfTheSource)
         ASSERT_EQ(copyBricks.size(), sourceBricks.size()) << kCopies[i];
         for (size_t b = 0; b < sourceBricks.size(); ++b) {
             EXPECT_EQ(copyBricks[b].index, sourceBricks[b].index);
-            EXPECT_FALSE(testsupport::sameBytes(*fs->getFileData(copyBricks[b].path),
-                                                *fs->getFileData(sourceBricks[b].path)))
+            EXPECT_FALSE(
+                testsupport::sameBytes(*fs->getFileData(copyBricks[b].path), *fs->getFileData(sourceBricks[b].path)))
                 << copyBricks[b].path.toString(true).toUTF8();
         }
     }
@@ -138,8 +137,7 @@ TEST(ChainRekeyer, CopiedChainTakesSnapshotsAndWrites)
     const Bytes written = testsupport::patternBytes(kBrickSize, 99);
     testsupport::writeAt(*testsupport::openDisk(fs.get(), CURI(kCopies[0]), kNew), 0, written);
     EXPECT_TRUE(testsupport::sameBytes(readDisk(fs.get(), "/dst/s2", kNew), before));
-    EXPECT_TRUE(
-        testsupport::sameBytes(readDisk(fs.get(), kCopies[0], kNew), testsupport::overlay(before, 0, written)));
+    EXPECT_TRUE(testsupport::sameBytes(readDisk(fs.get(), kCopies[0], kNew), testsupport::overlay(before, 0, written)));
 }
 
 TEST(ChainRekeyer, AnyKeyOfTheSourceOpensItAndTheCopyHasOneKey)

@@ -1,7 +1,7 @@
 // The space of each disk of a chain: its brick files, and the bytes that
 // deleting it would free, on brick files of sizes chosen by hand.
-#include "brick/BrickDisk.h"
-#include "brick/ChainSpace.h"
+#include "brick/backup/ChainSpace.h"
+#include "brick/chain/BrickDisk.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
 

@@ -6,13 +6,13 @@
 // each brick with its old or its new content, never zeros where data was and
 // never a mix. The power-cut sweeps lose, at each stop, what no sync had made
 // durable as well, and check that a finished run leaves nothing unsynced.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskBlockDevice.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskKeyWrap.h"
-#include "brick/BrickDiskRemover.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/chain/BrickDiskRemover.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskKeyWrap.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
 #include "support/PowerCutFileSystem.h"
@@ -92,8 +92,9 @@ View makeView(const std::string& pattern, unsigned seed)
 {
     View view;
     for (int i = 0; i < kBrickCount; ++i)
-        view.push_back(pattern[static_cast<size_t>(i)] == 'd' ? testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(i))
-                                                               : testsupport::zeroBytes(kBrickSize));
+        view.push_back(pattern[static_cast<size_t>(i)] == 'd'
+                           ? testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(i))
+                           : testsupport::zeroBytes(kBrickSize));
     return view;
 }
 
@@ -167,7 +168,7 @@ int expectOldOrNew(IFileSystem* fs, const char* folder, const View& before, cons
 bool isWholeDisk(IFileSystem* fs, const char* folder)
 {
     return fs->fileExists(brick::CBrickDiskHeader::getHeaderURI(CURI(folder), 0)) &&
-           CBrickDisk::getCompletion(fs, CURI(folder)) == CBrickDisk::Finished;
+        CBrickDisk::getCompletion(fs, CURI(folder)) == CBrickDisk::Finished;
 }
 
 // A folder that holds anything refuses to open as a disk, with `code`.
@@ -219,8 +220,8 @@ SweepCounts sweep(const std::string& name, const std::function<P<IFileSystem>()>
     }
     EXPECT_GT(counts.operations, 0);
     for (int allowed = 0; allowed < counts.operations; ++allowed) {
-        const std::string context = name + ", crash before changing operation " + std::to_string(allowed + 1) +
-                                    " of " + std::to_string(counts.operations);
+        const std::string context = name + ", crash before changing operation " + std::to_string(allowed + 1) + " of " +
+            std::to_string(counts.operations);
         const P<IFileSystem> fs = makeFileSystem();
         scenario.setUp(fs.get());
         {
@@ -304,7 +305,7 @@ Scenario writeMiddleDiskOfChain()
     scenario.work = [](IFileSystem* fs) { storeView(fs, CURI("/middle"), kMiddle, kMiddleNew, true); };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         return expectView(fs, "/parent", kParent, context) + expectView(fs, "/child", kMiddle, context) +
-               expectOldOrNew(fs, "/middle", kMiddle, kMiddleNew, context);
+            expectOldOrNew(fs, "/middle", kMiddle, kMiddleNew, context);
     };
     return scenario;
 }
@@ -343,9 +344,7 @@ Scenario makeChildOfDiskWithSnapshot(Format format)
         makeSnapshot(fs, "/older", "/disk");
         storeView(fs, CURI("/disk"), kOld, kNew, false);
     };
-    scenario.work = [](IFileSystem* fs) {
-        makeSnapshot(fs, "/newer", "/disk");
-    };
+    scenario.work = [](IFileSystem* fs) { makeSnapshot(fs, "/newer", "/disk"); };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kNew, context) + expectView(fs, "/older", kOld, context);
         // A snapshot cut short is refused; one that is not marked shows the
@@ -433,8 +432,7 @@ const char* const kChangedPassword = "changed";
 
 // Every brick of `folder` equals `expected`, the disk opened with the old or
 // the new password.
-int expectViewWithEitherPassword(IFileSystem* fs, const char* folder, const View& expected,
-                                 const std::string& context)
+int expectViewWithEitherPassword(IFileSystem* fs, const char* folder, const View& expected, const std::string& context)
 {
     const bool old = CBrickDisk::isEncryptPasswordCorrect(fs, CURI(folder), kPassword, nullptr);
     const View actual = readViewWith(fs, CURI(folder), old ? kPassword : kChangedPassword);
@@ -461,7 +459,7 @@ Scenario changePasswordWithOnlyThePrimaryIntact()
     };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         return expectViewWithEitherPassword(fs, "/disk", kNew, context) +
-               expectViewWithEitherPassword(fs, "/snapshot", kOld, context);
+            expectViewWithEitherPassword(fs, "/snapshot", kOld, context);
     };
     return scenario;
 }
@@ -486,8 +484,9 @@ Scenario removeMiddleSnapshot(Format format)
     scenario.work = [](IFileSystem* fs) { removeFromChain(fs, "/newer"); };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         int bricks = expectView(fs, "/disk", kDiskNow, context) + expectView(fs, "/older", kOld, context);
-        const bool decided = brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/disk"), CBrickDisk::getChildLinkFileName())
-                                 .toString(true) != "/newer";
+        const bool decided =
+            brick::CBrickDiskChain::loadLinkedFolder(fs, CURI("/disk"), CBrickDisk::getChildLinkFileName())
+                .toString(true) != "/newer";
         // Until it is marked it reads as before; once the disk stops keeping
         // its view it is refused, never read with part of its content.
         if (isWholeDisk(fs, "/newer")) {
@@ -570,7 +569,8 @@ TEST(CrashSweep, ARemovalStoppedAtACheckpointLeavesTheChainAsItWas)
 
 TEST(CrashSweep, ImportIntoADiskWithASnapshotLeavesEveryBrickOldOrNewAndTheSnapshotIntact)
 {
-    const SweepCounts counts = sweep("import into a disk with a snapshot", memoryFileSystem, importIntoDiskWithSnapshot());
+    const SweepCounts counts =
+        sweep("import into a disk with a snapshot", memoryFileSystem, importIntoDiskWithSnapshot());
     EXPECT_EQ(counts.crashes, counts.operations);
 }
 
@@ -604,8 +604,8 @@ TEST(CrashSweep, APowerCutAfterAFlushLosesNoBrick)
     const P<IFileSystem> fs = memoryFileSystem();
     importIntoDiskWithSnapshot().setUp(fs.get());
     const P<testsupport::PowerCutFileSystem> power(new testsupport::PowerCutFileSystem(fs.get()));
-    const P<CBrickDisk> disk = testsupport::openDisk(power.get(), CURI("/disk"), kPassword,
-                                                     IIOStream::AccessReadWrite, 4);
+    const P<CBrickDisk> disk =
+        testsupport::openDisk(power.get(), CURI("/disk"), kPassword, IIOStream::AccessReadWrite, 4);
     writeView(*disk, kOld, kNew);
     disk->flushChanges();
     EXPECT_EQ(power->getUnsyncedChangeCount(), 0);
@@ -619,8 +619,8 @@ TEST(CrashSweep, APowerCutAfterAFlushOfTheBlockDeviceLosesNoBrick)
     const P<IFileSystem> fs = memoryFileSystem();
     importIntoDiskWithSnapshot().setUp(fs.get());
     const P<testsupport::PowerCutFileSystem> power(new testsupport::PowerCutFileSystem(fs.get()));
-    const P<CBrickDisk> disk = testsupport::openDisk(power.get(), CURI("/disk"), kPassword,
-                                                     IIOStream::AccessReadWrite, 4);
+    const P<CBrickDisk> disk =
+        testsupport::openDisk(power.get(), CURI("/disk"), kPassword, IIOStream::AccessReadWrite, 4);
     const P<brick::CBrickDiskBlockDevice> device(new brick::CBrickDiskBlockDevice(disk.get(), 0));
     for (int i = 0; i < kBrickCount; ++i) {
         const Bytes& brick = kNew[static_cast<size_t>(i)];
@@ -691,8 +691,10 @@ TEST(CrashSweep, ImportIntoADiskWithASnapshotOnTheLocalFileSystem)
         const View snapshot = readView(fs, root("snapshot"));
         const View disk = readView(fs, root("disk"));
         for (int i = 0; i < kBrickCount; ++i) {
-            EXPECT_TRUE(snapshot[static_cast<size_t>(i)] == kOld[static_cast<size_t>(i)]) << "snapshot brick " << i << " after " << context;
-            EXPECT_TRUE(disk[static_cast<size_t>(i)] == kOld[static_cast<size_t>(i)] || disk[static_cast<size_t>(i)] == kNew[static_cast<size_t>(i)])
+            EXPECT_TRUE(snapshot[static_cast<size_t>(i)] == kOld[static_cast<size_t>(i)])
+                << "snapshot brick " << i << " after " << context;
+            EXPECT_TRUE(disk[static_cast<size_t>(i)] == kOld[static_cast<size_t>(i)] ||
+                        disk[static_cast<size_t>(i)] == kNew[static_cast<size_t>(i)])
                 << "disk brick " << i << " after " << context;
         }
         EXPECT_EQ(fs->removeTemporaryFiles(folders.back()->uri()), 0) << context;

@@ -1,12 +1,12 @@
 // Disks of the authenticated format know who they are and whom their links
 // tie them to: each header holds an ID and whether the disk has a parent,
 // each link names both disks by ID, all under the disk key.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskIdentity.h"
-#include "brick/BrickDiskLink.h"
-#include "brick/BrickDiskRemover.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/chain/BrickDiskRemover.h"
+#include "brick/format/BrickDiskIdentity.h"
+#include "brick/format/BrickDiskLink.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -25,8 +25,8 @@ using testsupport::Bytes;
 using zo::CError;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 4 * kBrickSize;
@@ -65,10 +65,7 @@ protected:
         disk->flushChanges();
         ASSERT_TRUE(disk->getBackgroundErrorList().empty());
     }
-    Bytes contents(const char* folder)
-    {
-        return testsupport::readWholeDisk(*open(folder, IIOStream::AccessRead));
-    }
+    Bytes contents(const char* folder) { return testsupport::readWholeDisk(*open(folder, IIOStream::AccessRead)); }
     CBrickDiskHeader header(const char* folder)
     {
         CBrickDiskHeader loaded;

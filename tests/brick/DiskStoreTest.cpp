@@ -1,7 +1,7 @@
 // Opening the store of a disk from the disk's name: a local folder, a folder
 // in a Ceph pool (rados://) or in an S3 bucket (s3://), with the settings the
 // caller gives passed on to the file system.
-#include "brick/DiskStore.h"
+#include "brick/chain/DiskStore.h"
 
 #include "support/EnvironmentVariable.h"
 
@@ -97,7 +97,8 @@ TEST(DiskStore, CephSettingsReachTheRadosOptions)
 #ifdef BRICKDISK_HAVE_S3
 TEST_F(DiskStoreS3, S3FolderOpensTheS3FileSystem)
 {
-    const zo::P<zo::IFileSystem> fs = brick::openStore(zo::CURI("s3://bucket/disks/vm"), brick::StoreSettings(), true, 1);
+    const zo::P<zo::IFileSystem> fs =
+        brick::openStore(zo::CURI("s3://bucket/disks/vm"), brick::StoreSettings(), true, 1);
     EXPECT_NE(dynamic_cast<zo::CS3FileSystem*>(fs.get()), nullptr);
 }
 

@@ -5,13 +5,13 @@
 // legal. The checks come before any allocation or key derivation by the
 // header's values, so no case can cost more than a small disk's opening.
 #include "RecordBytes.h"
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskAuxFileBase.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskHeaderLimits.h"
-#include "brick/BrickDiskKeyWrap.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskAuxFileBase.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskHeaderLimits.h"
+#include "brick/format/BrickDiskKeyWrap.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -58,11 +58,16 @@ enum class Format { PBKDF2, Argon2id, Argon2idCBC, Unencrypted, UnencryptedAuthe
 std::string nameOf(Format format)
 {
     switch (format) {
-    case Format::PBKDF2: return "PBKDF2";
-    case Format::Argon2id: return "Argon2id";
-    case Format::Argon2idCBC: return "Argon2idCBC";
-    case Format::Unencrypted: return "Unencrypted";
-    case Format::UnencryptedAuthenticated: return "UnencryptedAuthenticated";
+    case Format::PBKDF2:
+        return "PBKDF2";
+    case Format::Argon2id:
+        return "Argon2id";
+    case Format::Argon2idCBC:
+        return "Argon2idCBC";
+    case Format::Unencrypted:
+        return "Unencrypted";
+    case Format::UnencryptedAuthenticated:
+        return "UnencryptedAuthenticated";
     }
     return "?";
 }
@@ -79,12 +84,12 @@ bool isEncrypted(Format format)
 
 // What opening an edited disk must end in.
 enum class Outcome {
-    InvalidField,  // CError naming the field, from loading the header
-    Opens,         // the disk opens with its password
-    WrongKey,      // CBrickDiskError IncorrectPassword: legal, but not the disk's key
+    InvalidField, // CError naming the field, from loading the header
+    Opens, // the disk opens with its password
+    WrongKey, // CBrickDiskError IncorrectPassword: legal, but not the disk's key
     NewerSoftware, // CBrickDiskError NewerSoftwareRequired
-    CostRefused,   // CError of a key derivation costlier than allowed
-    NotAuthentic,  // CError "The disk's identity is not authentic."
+    CostRefused, // CError of a key derivation costlier than allowed
+    NotAuthentic, // CError "The disk's identity is not authentic."
 };
 
 struct Case {
@@ -193,9 +198,10 @@ std::vector<Case> casesFor(Format format)
     for (const int size : std::vector<int>{0, 1, 31, 33, 4096})
         cases.push_back(blockCase("cipherKeyHash", size, &H::setCipherKeyHash, bad));
 
-    for (const std::string& id : Texts{"", "zlib--1", "zlib-10", "zlib-99", "zlib-x", "zlib-1 ", "lzma-",
-                                       "lzma-9-99999999999", "lzma-1-2", "lzma-10", "lzma-1-", "LZ4", "lz5", "zstd-",
-                                       "zstd-0", "zstd-01", "zstd--1", "zstd-20", "zstd-99999999999", "zstd-3 "})
+    for (const std::string& id : Texts{
+             "",         "zlib--1", "zlib-10",          "zlib-99", "zlib-x", "zlib-1 ", "lzma-",  "lzma-9-99999999999",
+             "lzma-1-2", "lzma-10", "lzma-1-",          "LZ4",     "lz5",    "zstd-",   "zstd-0", "zstd-01",
+             "zstd--1",  "zstd-20", "zstd-99999999999", "zstd-3 "})
         cases.push_back(textCase("compressID", id, &H::setCompressID, bad));
     for (const std::string& id : Texts{"null", "zlib-9", "lzma-9-1", "lz4hc", "zstd-1", "zstd-19"})
         cases.push_back(textCase("compressID", id, &H::setCompressID, legal(format)));
@@ -299,8 +305,9 @@ protected:
                 EXPECT_EQ(buffer, std::vector<char>(buffer.size(), 0));
             }
         } catch (const CBrickDiskError& e) {
-            EXPECT_EQ(e.getErrorCode(), edit.outcome == Outcome::WrongKey ? CBrickDiskError::IncorrectPassword
-                                                                          : CBrickDiskError::NewerSoftwareRequired)
+            EXPECT_EQ(e.getErrorCode(),
+                      edit.outcome == Outcome::WrongKey ? CBrickDiskError::IncorrectPassword
+                                                        : CBrickDiskError::NewerSoftwareRequired)
                 << e.toString().toUTF8();
             EXPECT_TRUE(edit.outcome == Outcome::WrongKey || edit.outcome == Outcome::NewerSoftware)
                 << e.toString().toUTF8();
@@ -432,8 +439,8 @@ TEST(HeaderTamperRecord, OriginalHeaderWithTheLargestIterationCountIsRefusedByNa
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryFormat, HeaderTamper,
-                         ::testing::Values(Format::PBKDF2, Format::Argon2id, Format::Argon2idCBC,
-                                           Format::Unencrypted, Format::UnencryptedAuthenticated),
+                         ::testing::Values(Format::PBKDF2, Format::Argon2id, Format::Argon2idCBC, Format::Unencrypted,
+                                           Format::UnencryptedAuthenticated),
                          [](const ::testing::TestParamInfo<Format>& info) { return nameOf(info.param); });
 INSTANTIATE_TEST_SUITE_P(PBKDF2, HeaderTamperCost, ::testing::Values(Format::PBKDF2),
                          [](const ::testing::TestParamInfo<Format>& info) { return nameOf(info.param); });

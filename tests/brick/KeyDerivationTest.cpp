@@ -1,7 +1,7 @@
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskHeader.h"
 #include "seal/KeyDerivation.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -157,8 +157,8 @@ TEST(CipherKeyDerivation, DerivesFromTheUtf8BytesOfThePassword)
     EXPECT_EQ(hexOf(key), "9b651ec71c679f6c504aedccbb8cac0713388678aa873efe5c6da236fdfdbdfc");
 
     Key expected(32);
-    seal::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(utf8.getData(), utf8.getUsed(), header.getCipherKeyDerivationSalt().getData(),
-                                           8, 1000, 32, expected.getData());
+    seal::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(
+        utf8.getData(), utf8.getUsed(), header.getCipherKeyDerivationSalt().getData(), 8, 1000, 32, expected.getData());
     EXPECT_TRUE(key == expected);
 }
 
@@ -181,7 +181,8 @@ TEST(CipherKeyDerivation, SizesTheKeyBeforeRefusingAnUnknownDeriver)
 
 TEST(CipherKeyDerivation, RefusesAnUnknownKeyDeriver)
 {
-    for (const char* deriverID : {"PKCS5-PBKDF2-HMAC-SHA256", "pkcs5-pbkdf2-hmac-sha1", "PKCS5-PBKDF2-HMAC-SHA1 ", ""}) {
+    for (const char* deriverID :
+         {"PKCS5-PBKDF2-HMAC-SHA256", "pkcs5-pbkdf2-hmac-sha1", "PKCS5-PBKDF2-HMAC-SHA1 ", ""}) {
         SCOPED_TRACE(deriverID);
         CBrickDiskHeader header = encryptedHeader();
         header.setCipherKeyDeriverID(deriverID);

@@ -1,14 +1,14 @@
 // Several keys of a chain of key-wrapped disks: adding, listing, removing
 // and changing keys, a changed key list refused, and changes cut short at
 // every changing operation.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskAuxFileBase.h"
-#include "brick/BrickDiskCreationTime.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskHeader.h"
-#include "brick/BrickDiskHeaderLimits.h"
-#include "brick/BrickDiskKeyWrap.h"
-#include "brick/BrickDiskKeys.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskAuxFileBase.h"
+#include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskHeaderLimits.h"
+#include "brick/format/BrickDiskKeyWrap.h"
+#include "brick/format/BrickDiskKeys.h"
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
@@ -35,8 +35,8 @@ using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using KeySlot = CBrickDiskHeader::KeySlot;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
@@ -267,9 +267,9 @@ TEST(KeySlot, BadKeyNamesAreRefused)
     const P<CMemoryFileSystem> fs = makeChain();
     EXPECT_THROW(addKey(fs.get(), "", kBackup), CError);
     EXPECT_THROW(addKey(fs.get(), "tab\there", kBackup), CError);
-    EXPECT_THROW(addKey(fs.get(), std::string(brick::CBrickDiskHeaderLimits::kMaxKeyNameLength + 1, 'k').c_str(),
-                        kBackup),
-                 CError);
+    EXPECT_THROW(
+        addKey(fs.get(), std::string(brick::CBrickDiskHeaderLimits::kMaxKeyNameLength + 1, 'k').c_str(), kBackup),
+        CError);
     EXPECT_FALSE(headerOf(fs.get(), kFolders[0]).hasKeyList());
 }
 
@@ -434,8 +434,7 @@ using KeyState = std::vector<std::string>;
 // opens with every password its keys hold (and no other) and reads what it
 // held, and running the change again finishes it.
 void sweepCrashesOf(const std::function<void(zo::IFileSystem*)>& setUp,
-                    const std::function<void(zo::IFileSystem*)>& change, const KeyState& before,
-                    const KeyState& after)
+                    const std::function<void(zo::IFileSystem*)>& change, const KeyState& before, const KeyState& after)
 {
     const std::vector<std::pair<std::string, const char*>> passwordOf = {
         {"default", kOwner}, {"backup", kBackup}, {"laptop", kThird}};
@@ -470,8 +469,7 @@ void sweepCrashesOf(const std::function<void(zo::IFileSystem*)>& setUp,
                 if (held && !opening)
                     opening = password;
             }
-            const Bytes read =
-                testsupport::readWholeDisk(*testsupport::openDisk(fs.get(), CURI(kFolders[i]), opening));
+            const Bytes read = testsupport::readWholeDisk(*testsupport::openDisk(fs.get(), CURI(kFolders[i]), opening));
             EXPECT_TRUE(testsupport::sameBytes(read, content[i])) << kFolders[i];
         }
         // Once every disk holds the keys of after, the change is done (a
@@ -487,8 +485,8 @@ void sweepCrashesOf(const std::function<void(zo::IFileSystem*)>& setUp,
 
 TEST(KeySlot, FirstAdditionCutShortAtEveryChangeLeavesEveryDiskWithTheKeysOfBeforeOrAfter)
 {
-    sweepCrashesOf([](zo::IFileSystem*) {}, [](zo::IFileSystem* fs) { addKey(fs, "backup", kBackup); },
-                   {"default"}, {"default", "backup"});
+    sweepCrashesOf([](zo::IFileSystem*) {}, [](zo::IFileSystem* fs) { addKey(fs, "backup", kBackup); }, {"default"},
+                   {"default", "backup"});
 }
 
 TEST(KeySlot, AdditionCutShortAtEveryChangeLeavesEveryDiskWithTheKeysOfBeforeOrAfter)
@@ -505,15 +503,13 @@ TEST(KeySlot, RemovalCutShortAtEveryChangeLeavesEveryDiskWithTheKeysOfBeforeOrAf
             addKey(fs, "backup", kBackup);
             addKey(fs, "laptop", kThird);
         },
-        [](zo::IFileSystem* fs) { removeKey(fs, "backup"); }, {"default", "backup", "laptop"},
-        {"default", "laptop"});
+        [](zo::IFileSystem* fs) { removeKey(fs, "backup"); }, {"default", "backup", "laptop"}, {"default", "laptop"});
 }
 
 TEST(KeySlot, RemovalOfTheFirstKeyCutShortAtEveryChangeLeavesEveryDiskWithTheKeysOfBeforeOrAfter)
 {
     sweepCrashesOf([](zo::IFileSystem* fs) { addKey(fs, "backup", kBackup); },
-                   [](zo::IFileSystem* fs) { removeKey(fs, "default", kBackup); }, {"default", "backup"},
-                   {"backup"});
+                   [](zo::IFileSystem* fs) { removeKey(fs, "default", kBackup); }, {"default", "backup"}, {"backup"});
 }
 
 } // namespace

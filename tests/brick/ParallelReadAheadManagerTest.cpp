@@ -1,4 +1,4 @@
-#include "brick/ParallelReadAheadManager.h"
+#include "brick/streams/ParallelReadAheadManager.h"
 
 #include "zo/Error.h"
 #include "zo/Props.h"
@@ -220,7 +220,8 @@ public:
     std::vector<int64> claimsFrom(size_t first) const
     {
         std::lock_guard lock(m_state->mutex);
-        std::vector<int64> claims(m_state->claims.begin() + static_cast<std::ptrdiff_t>(std::min(first, m_state->claims.size())),
+        std::vector<int64> claims(m_state->claims.begin() +
+                                      static_cast<std::ptrdiff_t>(std::min(first, m_state->claims.size())),
                                   m_state->claims.end());
         std::sort(claims.begin(), claims.end());
         return claims;
@@ -240,7 +241,8 @@ public:
         if (m_threads.empty())
             return true;
         m_state->manager->signalStop();
-        const bool ended = waitUntil([this] { return m_state->endedThreads.load() == static_cast<int>(m_threads.size()); });
+        const bool ended =
+            waitUntil([this] { return m_state->endedThreads.load() == static_cast<int>(m_threads.size()); });
         for (auto& thread : m_threads)
             if (ended)
                 thread.join();
@@ -273,8 +275,8 @@ private:
                 readCount = ++state.readCounts[index];
             }
             if (readCount == 1 && state.failFirstRead.count(index) > 0) {
-                const P<CError> error(new CIOError(CIOError::ReadFailed, "Brick file unreadable.",
-                                                   CProps().add("brickIndex", index)));
+                const P<CError> error(
+                    new CIOError(CIOError::ReadFailed, "Brick file unreadable.", CProps().add("brickIndex", index)));
                 state.manager->storeReadAheadResult(index, nullptr, error.get());
             } else {
                 deliver(state.manager, index, static_cast<uint8>(readCount));
@@ -597,7 +599,8 @@ TEST(ParallelReadAheadManager, StoredErrorIsThrownWithItsOwnType)
 {
     auto manager = makeManager(10, 2);
     ASSERT_EQ(claim(manager), 0);
-    const P<CError> readFailure(new CIOError(CIOError::ReadFailed, "Brick file unreadable.", CProps().add("uri", "/d/b")));
+    const P<CError> readFailure(
+        new CIOError(CIOError::ReadFailed, "Brick file unreadable.", CProps().add("uri", "/d/b")));
     manager->storeReadAheadResult(0, nullptr, readFailure.get());
     try {
         manager->getBrickData(0);

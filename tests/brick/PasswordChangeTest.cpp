@@ -1,7 +1,7 @@
 // Changing the password of a chain of disks that share a wrapped key.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskError.h"
-#include "brick/BrickDiskKeyWrap.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskKeyWrap.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -19,8 +19,8 @@ using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 using Op = zo::CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
@@ -161,8 +161,8 @@ void sweepFailuresOf(Op kind)
         for (size_t i = 0; i < std::size(kFolders); ++i) {
             const bool opensNew = opensWith(fs.get(), kFolders[i], kNew);
             ASSERT_TRUE(opensNew || opensWith(fs.get(), kFolders[i], kOld)) << kFolders[i];
-            const Bytes content = testsupport::readWholeDisk(
-                *testsupport::openDisk(fs.get(), CURI(kFolders[i]), opensNew ? kNew : kOld));
+            const Bytes content =
+                testsupport::readWholeDisk(*testsupport::openDisk(fs.get(), CURI(kFolders[i]), opensNew ? kNew : kOld));
             EXPECT_TRUE(testsupport::sameBytes(content, before[i])) << kFolders[i];
         }
         changePassword(fs.get());

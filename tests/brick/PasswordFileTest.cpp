@@ -1,6 +1,6 @@
 // Reading a password from a file or a descriptor, as every program of the
 // system reads it.
-#include "brick/PasswordFile.h"
+#include "brick/format/PasswordFile.h"
 
 #include "support/TempFolder.h"
 

@@ -31,7 +31,10 @@ public:
     }
 
     const std::vector<zo::uint8>& bytes() const { return m_bytes; }
-    zo::TBuffer<zo::uint8> buffer() const { return zo::TBuffer<zo::uint8>(m_bytes.data(), static_cast<int>(m_bytes.size())); }
+    zo::TBuffer<zo::uint8> buffer() const
+    {
+        return zo::TBuffer<zo::uint8>(m_bytes.data(), static_cast<int>(m_bytes.size()));
+    }
 
 private:
     RecordBytes& littleEndian(zo::uint64 value, int width)

@@ -1,10 +1,10 @@
 // Carrying out a retention plan on a chain in memory: the disks it does not
 // keep go, the kept ones read exactly as before, also when a file-system
 // operation fails at any step of the way, and running it again finishes.
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskChain.h"
-#include "brick/BrickDiskCreationTime.h"
-#include "brick/RetentionPlan.h"
+#include "brick/backup/RetentionPlan.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/format/BrickDiskCreationTime.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -162,7 +162,7 @@ TEST(RetentionCarryOut, KeptDisksReadAsBeforeWhereverTheRemovalsStop)
             for (const auto& [path, bytes] : files)
                 fs->setFileData(CURI("/" + path), bytes);
             const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
-                                        std::to_string(nth) + " failing";
+                std::to_string(nth) + " failing";
             fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
             bool stopped = false;
             try {

@@ -1,6 +1,6 @@
 // The retention plan alone: which snapshots each rule keeps, by creation
 // time, without any files.
-#include "brick/RetentionPlan.h"
+#include "brick/backup/RetentionPlan.h"
 
 #include "zo/Error.h"
 
@@ -104,8 +104,8 @@ TEST(RetentionPlan, SnapshotsOfTheSameTimeCountNearerTheTopAsNewer)
 TEST(RetentionPlan, KeepHourlyKeepsTheNewestOfEachRecentHour)
 {
     const std::vector<zo::int64> times{utc(2026, 5, 2, 12, 0, 0), utc(2026, 5, 2, 11, 59, 59),
-                                       utc(2026, 5, 2, 11, 0, 0),  utc(2026, 5, 2, 10, 55),
-                                       utc(2026, 5, 2, 10, 5),     utc(2026, 5, 1, 10, 30)};
+                                       utc(2026, 5, 2, 11, 0, 0), utc(2026, 5, 2, 10, 55),
+                                       utc(2026, 5, 2, 10, 5),    utc(2026, 5, 1, 10, 30)};
     EXPECT_EQ(keep(times, rulesWith(&CRetentionPlan::Rules::keepHourly, 2)), (Folders{"/top", "/s1", "/s2"}));
     // Hours without a snapshot do not count: the fourth hour is a day earlier.
     EXPECT_EQ(keep(times, rulesWith(&CRetentionPlan::Rules::keepHourly, 4)),
@@ -123,8 +123,7 @@ TEST(RetentionPlan, KeepWeeklyUsesIsoWeeksFromMondayToSunday)
 {
     // 2026-11-02 is a Monday; 2026-11-08 the Sunday of its week.
     const std::vector<zo::int64> times{utc(2026, 11, 8, 23, 59, 59), utc(2026, 11, 2, 0, 0, 0),
-                                       utc(2026, 11, 1, 23, 59, 59), utc(2026, 10, 26, 0, 0, 0),
-                                       utc(2026, 10, 25, 12)};
+                                       utc(2026, 11, 1, 23, 59, 59), utc(2026, 10, 26, 0, 0, 0), utc(2026, 10, 25, 12)};
     EXPECT_EQ(keep(times, rulesWith(&CRetentionPlan::Rules::keepWeekly, 2)), (Folders{"/top", "/s1", "/s3"}));
     EXPECT_EQ(keep(times, rulesWith(&CRetentionPlan::Rules::keepWeekly, 3)), (Folders{"/top", "/s1", "/s3", "/s5"}));
 }

@@ -1,7 +1,7 @@
 // The control socket of a served disk: a snapshot request reaches the server
 // that listens for that disk (and only that one), and the server's answer
 // comes back to the client.
-#include "brick/ServeControl.h"
+#include "brick/serving/ServeControl.h"
 
 #include "support/EnvironmentVariable.h"
 #include "support/TempFolder.h"
@@ -49,9 +49,8 @@ TEST_F(ServeControl, ServerOfTheDiskTakesTheSnapshotAskedFor)
 {
     std::vector<std::string> taken;
     {
-        const brick::CSnapshotControl control(zo::CURI("s3://bucket/vm"), [&](const zo::CURI& folder) {
-            taken.push_back(folder.toLocalPath());
-        });
+        const brick::CSnapshotControl control(zo::CURI("s3://bucket/vm"),
+                                              [&](const zo::CURI& folder) { taken.push_back(folder.toLocalPath()); });
         EXPECT_TRUE(std::filesystem::exists(brick::getControlSocketPath(zo::CURI("s3://bucket/vm"))));
         const std::optional<std::string> answer =
             brick::requestSnapshotFromServer(zo::CURI("s3://bucket/vm"), zo::CURI("s3://bucket/snap"));

@@ -1,7 +1,7 @@
 // Brick files that once made unpreparing misbehave, kept so that they never do
 // again.
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Digest.h"
 #include "zo/Error.h"
 

@@ -34,8 +34,8 @@ protected:
     }
     RunResult passwd(const std::string& disk, const std::vector<std::string>& extra = {})
     {
-        std::vector<std::string> args{"passwd", path(disk), "--new-password-file", path("new-password"),
-                                      "--kdf-memory", "64K", "--kdf-passes", "1"};
+        std::vector<std::string> args{"passwd",       path(disk), "--new-password-file", path("new-password"),
+                                      "--kdf-memory", "64K",      "--kdf-passes",        "1"};
         args.insert(args.end(), extra.begin(), extra.end());
         return runWithPassword(args);
     }
@@ -65,7 +65,8 @@ TEST_F(AuthenticatedDiskCommandTest, NewDisksAreAuthenticatedWithAWrappedKeyByDe
     EXPECT_NE(json.out.find("\"keyDerivationLanes\": 4"), std::string::npos);
     const RunResult text = run({"info", path("disk")});
     EXPECT_NE(text.out.find("format:            authenticated"), std::string::npos) << text.out;
-    EXPECT_NE(text.out.find("key wrapped under argon2id (12 passes over 64.0 MiB in 4 lanes)"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("key wrapped under argon2id (12 passes over 64.0 MiB in 4 lanes)"), std::string::npos)
+        << text.out;
 }
 
 TEST_F(AuthenticatedDiskCommandTest, InfoNamesTheOriginalFormat)
@@ -99,13 +100,16 @@ TEST_F(AuthenticatedDiskCommandTest, CheckReadDataReportsBricksAtTheWrongIndex)
 
     const RunResult check = runWithPassword({"check", path("disk"), "--read-data"});
     EXPECT_EQ(check.exitStatus, 1);
-    EXPECT_NE(check.out.find("problem: brick 2 (" + files[2] + "): at the wrong index: it is the brick file of brick 1"),
-              std::string::npos)
+    EXPECT_NE(
+        check.out.find("problem: brick 2 (" + files[2] + "): at the wrong index: it is the brick file of brick 1"),
+        std::string::npos)
         << check.out;
-    EXPECT_NE(check.out.find("problem: brick 4 (" + files[4] + "): at the wrong index: it is the brick file of brick 5"),
-              std::string::npos);
-    EXPECT_NE(check.out.find("problem: brick 5 (" + files[5] + "): at the wrong index: it is the brick file of brick 4"),
-              std::string::npos);
+    EXPECT_NE(
+        check.out.find("problem: brick 4 (" + files[4] + "): at the wrong index: it is the brick file of brick 5"),
+        std::string::npos);
+    EXPECT_NE(
+        check.out.find("problem: brick 5 (" + files[5] + "): at the wrong index: it is the brick file of brick 4"),
+        std::string::npos);
     EXPECT_EQ(countOf(check.out, "problem:"), 3u);
 
     const RunResult exported = runWithPassword({"export", path("disk"), path("out")});
@@ -198,8 +202,7 @@ TEST_F(AuthenticatedDiskCommandTest, NewDisksUseAES256GCMAndAES256CBCStaysAChoic
         ASSERT_EQ(created.exitStatus, 0) << created.err;
         EXPECT_NE(created.out.find("encrypted with " + cipher + ", key wrapped under argon2id"), std::string::npos)
             << created.out;
-        EXPECT_NE(run({"info", path(cipher), "--json"}).out.find("\"cipher\": \"" + cipher + "\""),
-                  std::string::npos);
+        EXPECT_NE(run({"info", path(cipher), "--json"}).out.find("\"cipher\": \"" + cipher + "\""), std::string::npos);
         const std::string format = cipher == "aes256gcm" ? "format:            authenticated (each brick sealed"
                                                          : "format:            authenticated (keyed brick digests";
         EXPECT_NE(run({"info", path(cipher)}).out.find(format), std::string::npos);
@@ -207,8 +210,7 @@ TEST_F(AuthenticatedDiskCommandTest, NewDisksUseAES256GCMAndAES256CBCStaysAChoic
         EXPECT_EQ(exportImage(cipher).substr(0, 6 * kBrickSize), readFile(path("image")));
         EXPECT_EQ(runWithPassword({"check", path(cipher), "--read-data"}).exitStatus, 0);
     }
-    EXPECT_NE(run({"info", path("aes256gcm"), "--json"}).out.find("\"format\": \"authenticated\""),
-              std::string::npos);
+    EXPECT_NE(run({"info", path("aes256gcm"), "--json"}).out.find("\"format\": \"authenticated\""), std::string::npos);
 }
 
 TEST_F(AuthenticatedDiskCommandTest, CheckReadDataFindsAChangedByteWithEitherCipher)
@@ -234,9 +236,9 @@ TEST_F(AuthenticatedDiskCommandTest, CheckReadDataFindsAChangedByteWithEitherCip
 
 TEST_F(AuthenticatedDiskCommandTest, CipherThatDoesNotFitTheDiskIsAUsageError)
 {
-    EXPECT_EQ(runWithPassword({"create", path("a"), "--size", "1M", "--kdf", "pbkdf2", "--cipher", "aes256gcm"})
-                  .exitStatus,
-              2);
+    EXPECT_EQ(
+        runWithPassword({"create", path("a"), "--size", "1M", "--kdf", "pbkdf2", "--cipher", "aes256gcm"}).exitStatus,
+        2);
     EXPECT_EQ(run({"create", path("b"), "--size", "1M", "--no-encryption", "--cipher", "aes256gcm"}).exitStatus, 2);
     EXPECT_EQ(runWithPassword({"create", path("c"), "--size", "1M", "--cipher", "aes128gcm"}).exitStatus, 2);
     for (const char* folder : {"a", "b", "c"})

@@ -110,8 +110,7 @@ TEST_F(BackupCopyCommandTest, CopyKilledAtRandomMomentsKeepsTheDestinationsDisks
     // within it, so that they land before, during and after the sending.
     const auto started = std::chrono::steady_clock::now();
     ASSERT_EQ(run({"copy", path("src/disk"), path("measure/disk"), "--jobs", "1"}).exitStatus, 0);
-    const auto span =
-        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started);
+    const auto span = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started);
 
     // What each disk of the destination reads, by its path below it.
     std::map<std::string, std::string> held;
@@ -201,8 +200,7 @@ TEST_F(BackupCopyCommandTest, DamagedSourceBrickNeverReadsAsGoodFromTheCopy)
 
     const RunResult check = runWithPassword({"check", path("backup/disk"), "--read-data"});
     EXPECT_EQ(check.exitStatus, 1) << check.out << check.err;
-    EXPECT_NE(check.out.find("(" + copy + "): damaged: its outer digest does not match its content"),
-              std::string::npos)
+    EXPECT_NE(check.out.find("(" + copy + "): damaged: its outer digest does not match its content"), std::string::npos)
         << check.out;
     const RunResult exported = runWithPassword({"export", path("backup/disk"), path("out.img")});
     EXPECT_EQ(exported.exitStatus, 1) << exported.err;

@@ -144,8 +144,7 @@ TEST_F(CheckCommandTest, DamagedLinkCopyAndABrokenChildAreProblems)
     writeFile(path("disk/child.bricklnk"), link);
     const RunResult damaged = run({"check", path("disk")});
     EXPECT_EQ(damaged.exitStatus, 1);
-    EXPECT_NE(damaged.out.find("problem: link copy " + path("disk/child.bricklnk")), std::string::npos)
-        << damaged.out;
+    EXPECT_NE(damaged.out.find("problem: link copy " + path("disk/child.bricklnk")), std::string::npos) << damaged.out;
 
     std::filesystem::remove(path("snap/parent.bricklnk"));
     std::filesystem::remove(path("snap/fallback/parent.bricklnk"));

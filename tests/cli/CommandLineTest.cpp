@@ -84,8 +84,7 @@ TEST_F(CommandLineTest, MistypedStoreAddressIsRefusedInsteadOfBecomingAFolder)
     for (const std::string disk : {"s3:/mybucket/vm", "S3://mybucket/vm", "file:///srv/vm", "http://host/vm",
                                    "rados:/pool/vm", "Rados://pool/vm"}) {
         SCOPED_TRACE(disk);
-        const RunResult result =
-            runWithPassword({"create", disk, "--size", "1M", "--kdf", "pbkdf2"}, inTestFolder);
+        const RunResult result = runWithPassword({"create", disk, "--size", "1M", "--kdf", "pbkdf2"}, inTestFolder);
         EXPECT_EQ(result.exitStatus, 2);
         EXPECT_NE(result.err.find("Unknown storage scheme"), std::string::npos) << result.err;
         EXPECT_NE(result.err.find("rados://"), std::string::npos) << result.err;
@@ -136,7 +135,8 @@ TEST_F(CommandLineTest, EndlessPasswordFileIsRefusedAfter64KiB)
 TEST_F(CommandLineTest, PasswordFileOf64KiBIsStillAccepted)
 {
     writeFile(path("long"), std::string(64 * 1024, 'p'));
-    const RunResult result = run({"create", path("disk"), "--size", "1M", "--kdf", "pbkdf2", "--password-file", path("long")});
+    const RunResult result =
+        run({"create", path("disk"), "--size", "1M", "--kdf", "pbkdf2", "--password-file", path("long")});
     EXPECT_EQ(result.exitStatus, 0) << result.err;
 }
 

@@ -40,8 +40,7 @@ TEST_F(CreateCommandTest, NewDisksInAFolderGetLZ4ByDefault)
 
 TEST_F(CreateCommandTest, SizeSuffixesArePowersOf1024)
 {
-    const RunResult result =
-        run({"create", path("disk"), "--size", "1G", "--brick-size", "1m", "--no-encryption"});
+    const RunResult result = run({"create", path("disk"), "--size", "1G", "--brick-size", "1m", "--no-encryption"});
     ASSERT_EQ(result.exitStatus, 0) << result.err;
 
     const RunResult info = run({"info", path("disk"), "--json"});
@@ -143,11 +142,16 @@ TEST_F(CreateCommandTest, UnknownCompressionIsAUsageErrorAndCreatesNothing)
 
 TEST_F(CreateCommandTest, BadSizesAreUsageErrorsAndCreateNothing)
 {
-    const std::vector<std::vector<std::string>> badSizes{
-        {"--size", "12X"}, {"--size", "0"}, {"--size", "-5M"}, {"--size", "99999999999T"},
-        {"--size", "4M", "--brick-size", "3000"}, {"--size", "4M", "--brick-size", "1K"},
-        {"--size", "4M", "--brick-size", "128M"}, {"--size", "1024T", "--brick-size", "4K"},
-        {"--size", "9223372036854775807"}, {"--size", "9223372036854775807", "--brick-size", "64M"}};
+    const std::vector<std::vector<std::string>> badSizes{{"--size", "12X"},
+                                                         {"--size", "0"},
+                                                         {"--size", "-5M"},
+                                                         {"--size", "99999999999T"},
+                                                         {"--size", "4M", "--brick-size", "3000"},
+                                                         {"--size", "4M", "--brick-size", "1K"},
+                                                         {"--size", "4M", "--brick-size", "128M"},
+                                                         {"--size", "1024T", "--brick-size", "4K"},
+                                                         {"--size", "9223372036854775807"},
+                                                         {"--size", "9223372036854775807", "--brick-size", "64M"}};
     for (const std::vector<std::string>& sizes : badSizes) {
         SCOPED_TRACE(sizes[1] + (sizes.size() > 2 ? " " + sizes[3] : ""));
         std::vector<std::string> args{"create", path("disk")};
@@ -213,8 +217,8 @@ TEST_F(CreateCommandTest, AsksTwiceOnTheTerminalWithoutEcho)
 
 TEST_F(CreateCommandTest, DifferentAnswersOnTheTerminalCreateNothing)
 {
-    const RunResult result = runOnTerminal({"create", path("disk"), "--size", "1M"},
-                                           {{"New password", "one\n"}, {"again", "two\n"}});
+    const RunResult result =
+        runOnTerminal({"create", path("disk"), "--size", "1M"}, {{"New password", "one\n"}, {"again", "two\n"}});
     EXPECT_EQ(result.exitStatus, 2);
     EXPECT_NE(result.err.find("differ"), std::string::npos) << result.err;
     EXPECT_FALSE(std::filesystem::exists(path("disk/disk.brickdisk")));

@@ -5,8 +5,8 @@
 // reading an empty disk.
 #include "CliTestFixture.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskHeader.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "seal/Digest.h"
 #include "zo/LocalFileSystem.h"
 

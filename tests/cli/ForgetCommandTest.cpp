@@ -3,7 +3,7 @@
 // space that each disk of a chain takes.
 #include "CliTestFixture.h"
 
-#include "brick/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskCreationTime.h"
 #include "zo/LocalFileSystem.h"
 
 #include <algorithm>
@@ -66,13 +66,11 @@ TEST_F(ForgetCommandTest, DryRunPrintsThePlanWithItsReasonsAndChangesNothing)
     EXPECT_NE(result.out.find("keep   " + path("disk") + "  "), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("(top of the chain)"), std::string::npos) << result.out;
     // s4 is the newest; s3 was made a day before it, s2 two days before.
-    EXPECT_NE(result.out.find("keep   " + path("s4") + "  2026-05-05 09:00:00 UTC  (last, within)"),
-              std::string::npos)
+    EXPECT_NE(result.out.find("keep   " + path("s4") + "  2026-05-05 09:00:00 UTC  (last, within)"), std::string::npos)
         << result.out;
     EXPECT_NE(result.out.find("keep   " + path("s3") + "  2026-05-04 09:00:00 UTC  (within)"), std::string::npos)
         << result.out;
-    EXPECT_NE(result.out.find("delete " + path("s2") + "  2026-05-03 09:00:00 UTC\n"), std::string::npos)
-        << result.out;
+    EXPECT_NE(result.out.find("delete " + path("s2") + "  2026-05-03 09:00:00 UTC\n"), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("delete " + path("s1") + "  "), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("dry run: 3 disks kept, 2 snapshots would be deleted; nothing changed"),
               std::string::npos)
@@ -91,11 +89,13 @@ TEST_F(ForgetCommandTest, DeletesWhatNoRuleKeepsAndKeptDisksReadAsBefore)
     ASSERT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_EQ(result.out.front(), '{');
     EXPECT_NE(result.out.find("\"dryRun\": false"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("\"folder\": \"" + path("s4") + "\",\n      \"created\": \"2026-05-05 09:00:00\",\n"
+    EXPECT_NE(result.out.find("\"folder\": \"" + path("s4") +
+                              "\",\n      \"created\": \"2026-05-05 09:00:00\",\n"
                               "      \"kept\": true,\n      \"reasons\": [\n        \"weekly\"\n      ]"),
               std::string::npos)
         << result.out;
-    EXPECT_NE(result.out.find("\"folder\": \"" + path("s3") + "\",\n      \"created\": \"2026-05-04 09:00:00\",\n"
+    EXPECT_NE(result.out.find("\"folder\": \"" + path("s3") +
+                              "\",\n      \"created\": \"2026-05-04 09:00:00\",\n"
                               "      \"kept\": false,\n      \"reasons\": [],\n      \"filesDeleted\": "),
               std::string::npos)
         << result.out;
@@ -132,15 +132,16 @@ TEST_F(ForgetCommandTest, KeepWithinReadsDurationsOfSeveralUnits)
     // The snapshots are 1, 2 and 3 days older than s4.
     const std::vector<std::string> all{"s4", "s3", "s2", "s1"};
     const std::map<std::string, std::vector<std::string>> keptBy{
-        {"24h", {"s4"}}, {"25h", {"s4", "s3"}}, {"1d1h", {"s4", "s3"}}, {"2d", {"s4", "s3"}},
-        {"1w", all},     {"1m", all},           {"1y", all}};
+        {"24h", {"s4"}}, {"25h", {"s4", "s3"}}, {"1d1h", {"s4", "s3"}}, {"2d", {"s4", "s3"}}, {"1w", all}, {"1m", all},
+        {"1y", all}};
     for (const auto& [duration, kept] : keptBy) {
         const RunResult result = run({"forget", path("disk"), "--keep-within", duration, "--dry-run"});
         ASSERT_EQ(result.exitStatus, 0) << duration << ": " << result.err;
         for (const std::string name : {"s1", "s2", "s3", "s4"}) {
             const bool expected = std::find(kept.begin(), kept.end(), name) != kept.end();
             EXPECT_EQ(result.out.find("keep   " + path(name) + "  ") != std::string::npos, expected)
-                << duration << " " << name << "\n" << result.out;
+                << duration << " " << name << "\n"
+                << result.out;
         }
     }
 }
@@ -211,13 +212,14 @@ TEST_F(ForgetCommandTest, DuCountsEachDiskWhatOnlyItHoldsAndTheChain)
         totalFiles += static_cast<long long>(files[i].size());
         totalBytes += bytes;
         expected += std::string(i == 0 ? "" : ",\n") + "    {\n      \"folder\": \"" + path(chain[i]) +
-                    "\",\n      \"depth\": " + std::to_string(i) + ",\n      \"brickFiles\": " +
-                    std::to_string(files[i].size()) + ",\n      \"bytes\": " + std::to_string(bytes) +
-                    ",\n      \"onlyBrickFiles\": " + std::to_string(onlyFiles) +
-                    ",\n      \"onlyBytes\": " + std::to_string(onlyBytes) + "\n    }";
+            "\",\n      \"depth\": " + std::to_string(i) +
+            ",\n      \"brickFiles\": " + std::to_string(files[i].size()) +
+            ",\n      \"bytes\": " + std::to_string(bytes) +
+            ",\n      \"onlyBrickFiles\": " + std::to_string(onlyFiles) +
+            ",\n      \"onlyBytes\": " + std::to_string(onlyBytes) + "\n    }";
     }
     expected += "\n  ],\n  \"totalBrickFiles\": " + std::to_string(totalFiles) +
-                ",\n  \"totalBytes\": " + std::to_string(totalBytes) + "\n}\n";
+        ",\n  \"totalBytes\": " + std::to_string(totalBytes) + "\n}\n";
     // Some disk holds bricks that the next older snapshot reads through it.
     EXPECT_TRUE(someKeptForOlder);
 
@@ -228,8 +230,7 @@ TEST_F(ForgetCommandTest, DuCountsEachDiskWhatOnlyItHoldsAndTheChain)
     const RunResult text = run({"du", path("disk")});
     ASSERT_EQ(text.exitStatus, 0) << text.err;
     EXPECT_NE(text.out.find(path("disk") + "  (top)\n"), std::string::npos) << text.out;
-    EXPECT_NE(text.out.find("chain: " + std::to_string(totalFiles) + " brick files, "), std::string::npos)
-        << text.out;
+    EXPECT_NE(text.out.find("chain: " + std::to_string(totalFiles) + " brick files, "), std::string::npos) << text.out;
     EXPECT_NE(text.out.find(" for a disk of 1.00 MiB ("), std::string::npos) << text.out;
 }
 

@@ -5,7 +5,7 @@
 // kept snapshot reads what it read before.
 #include "CliTestFixture.h"
 
-#include "brick/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskCreationTime.h"
 #include "zo/LocalFileSystem.h"
 
 #include <filesystem>
@@ -62,7 +62,11 @@ const std::vector<Expectation> kTable{
     // ISO weeks 2026-W47, W27 (t10), W26 (t08), W24 (t07), W01 (from Monday
     // 2025-12-29: t06 after t05), then 2025-W27.
     {{"--keep-weekly", "6"},
-     {{"t16", "weekly"}, {"t10", "weekly"}, {"t08", "weekly"}, {"t07", "weekly"}, {"t06", "weekly"},
+     {{"t16", "weekly"},
+      {"t10", "weekly"},
+      {"t08", "weekly"},
+      {"t07", "weekly"},
+      {"t06", "weekly"},
       {"t04", "weekly"}}},
     // Months 2026-11, 2026-06, 2026-01, 2025-12.
     {{"--keep-monthly", "4"}, {{"t16", "monthly"}, {"t10", "monthly"}, {"t06", "monthly"}, {"t05", "monthly"}}},
@@ -70,8 +74,15 @@ const std::vector<Expectation> kTable{
     {{"--keep-yearly", "5"}, {{"t16", "yearly"}, {"t05", "yearly"}}},
     // Newer than 160 days before t16: after 2026-06-15 21:10.
     {{"--keep-within", "160d"},
-     {{"t16", "within"}, {"t15", "within"}, {"t14", "within"}, {"t13", "within"}, {"t12", "within"},
-      {"t11", "within"}, {"t10", "within"}, {"t09", "within"}, {"t08", "within"}}},
+     {{"t16", "within"},
+      {"t15", "within"},
+      {"t14", "within"},
+      {"t13", "within"},
+      {"t12", "within"},
+      {"t11", "within"},
+      {"t10", "within"},
+      {"t09", "within"},
+      {"t08", "within"}}},
     // Newer than one day before t16: after 2026-11-21 21:10, so not t13.
     {{"--keep-within", "1d"}, {{"t16", "within"}, {"t15", "within"}, {"t14", "within"}}},
     // Together: each snapshot with every rule that keeps it; within one
@@ -104,8 +115,7 @@ protected:
             const RunResult made = runWithPassword({"snapshot", path("chain/disk"), path(snapshot)});
             ASSERT_EQ(made.exitStatus, 0) << made.err;
             const zo::P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(1));
-            brick::CBrickDiskCreationTime::store(fs.get(), zo::CURI(zo::String(path(snapshot))),
-                                                 kSnapshots[i].seconds);
+            brick::CBrickDiskCreationTime::store(fs.get(), zo::CURI(zo::String(path(snapshot))), kSnapshots[i].seconds);
         }
         writeFile(path("image"), makeImage(1024 * 1024, 99));
         importImage("chain/disk", "image");
@@ -141,14 +151,16 @@ TEST_F(ForgetScheduleCommandTest, EachRuleKeepsTheSnapshotsOfTheTableAndTheyRead
             if (kept == expected.kept.end()) {
                 EXPECT_NE(result.out.find("delete " + path(disk) + "  " + snapshot.created + " UTC\n"),
                           std::string::npos)
-                    << context << snapshot.name << "\n" << result.out;
+                    << context << snapshot.name << "\n"
+                    << result.out;
                 EXPECT_FALSE(std::filesystem::exists(path(disk))) << context << snapshot.name;
                 continue;
             }
-            EXPECT_NE(result.out.find("keep   " + path(disk) + "  " + snapshot.created + " UTC  (" + kept->second +
-                                      ")\n"),
-                      std::string::npos)
-                << context << snapshot.name << "\n" << result.out;
+            EXPECT_NE(
+                result.out.find("keep   " + path(disk) + "  " + snapshot.created + " UTC  (" + kept->second + ")\n"),
+                std::string::npos)
+                << context << snapshot.name << "\n"
+                << result.out;
             EXPECT_TRUE(exportImage(disk) == images[snapshot.name]) << context << snapshot.name;
         }
         EXPECT_NE(result.out.find(std::to_string(expected.kept.size() + 1) + " disks kept, " +

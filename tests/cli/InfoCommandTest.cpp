@@ -27,8 +27,7 @@ TEST_F(InfoCommandTest, CountsTheBrickFilesAndTheirSize)
     EXPECT_NE(result.out.find("\"storedRatio\": 0."), std::string::npos);
 
     const RunResult text = run({"info", path("disk")});
-    EXPECT_NE(text.out.find("brick files:       " + std::to_string(present) + " of 32"), std::string::npos)
-        << text.out;
+    EXPECT_NE(text.out.find("brick files:       " + std::to_string(present) + " of 32"), std::string::npos) << text.out;
 }
 
 TEST_F(InfoCommandTest, NeedsNoPassword)
@@ -71,8 +70,10 @@ TEST_F(InfoCommandTest, FolderWithoutHeaderFails)
 
     const RunResult result = run({"info", path("half")});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_EQ(result.err, "brickdisk: Folder holds no brick disk: disk.brickdisk and its fallback copy are both "
-                          "missing. (diskFolder: " + path("half") + ")\n");
+    EXPECT_EQ(result.err,
+              "brickdisk: Folder holds no brick disk: disk.brickdisk and its fallback copy are both "
+              "missing. (diskFolder: " +
+                  path("half") + ")\n");
 }
 
 } // namespace

@@ -50,7 +50,8 @@ TEST_F(InterruptCommandTest, InterruptedImportFlushesWhatItWroteAndExitsWith130)
     const std::string disk = exportImage("disk");
     for (size_t i = 0; i < disk.size() / kBrickSize; ++i) {
         const std::string brick = disk.substr(i * kBrickSize, kBrickSize);
-        EXPECT_TRUE(brick == old.substr(i * kBrickSize, kBrickSize) || brick == fresh.substr(i * kBrickSize, kBrickSize))
+        EXPECT_TRUE(brick == old.substr(i * kBrickSize, kBrickSize) ||
+                    brick == fresh.substr(i * kBrickSize, kBrickSize))
             << "brick " << i;
     }
 }
@@ -114,8 +115,8 @@ TEST_F(InterruptCommandTest, InterruptedCheckStopsWith130)
         RunResult result;
         int delayMillis = 150;
         for (int attempt = 0; attempt < 8; ++attempt) {
-            RunningProgram checking({"check", path("disk"), "--read-data", "--jobs", "1", "--password-file", path("pw")},
-                                    RunOptions{});
+            RunningProgram checking(
+                {"check", path("disk"), "--read-data", "--jobs", "1", "--password-file", path("pw")}, RunOptions{});
             std::this_thread::sleep_for(std::chrono::milliseconds(delayMillis));
             checking.signal(signal);
             result = checking.wait();

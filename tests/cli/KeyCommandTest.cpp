@@ -43,8 +43,8 @@ protected:
     }
     RunResult addKey(const std::string& name, const std::string& newPasswordFile = "backup-password")
     {
-        std::vector<std::string> args{"key", "add", path("disk"), "--name", name, "--new-password-file",
-                                      path(newPasswordFile)};
+        std::vector<std::string> args{
+            "key", "add", path("disk"), "--name", name, "--new-password-file", path(newPasswordFile)};
         args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
         return runWithPassword(args);
     }
@@ -124,8 +124,7 @@ TEST_F(KeyCommandTest, LastKeyIsRefusedWithAClearMessage)
     makeChain();
     const RunResult result = runWithPassword({"key", "remove", path("disk"), "--name", "default"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_NE(result.err.find("The key is the disk's last one: add another key before removing it."),
-              std::string::npos)
+    EXPECT_NE(result.err.find("The key is the disk's last one: add another key before removing it."), std::string::npos)
         << result.err;
     EXPECT_TRUE(opensWith("snap", kPassword));
 }
@@ -134,14 +133,12 @@ TEST_F(KeyCommandTest, KeyIsRemovedOnlyWithThePasswordOfAKeyThatStays)
 {
     makeChain();
     ASSERT_EQ(addKey("backup").exitStatus, 0);
-    const RunResult own =
-        withPassword({"key", "remove", path("disk"), "--name", "backup"}, kBackupPassword);
+    const RunResult own = withPassword({"key", "remove", path("disk"), "--name", "backup"}, kBackupPassword);
     EXPECT_EQ(own.exitStatus, 1);
     EXPECT_NE(own.err.find("give the password of a key that stays"), std::string::npos) << own.err;
     EXPECT_TRUE(opensWith("snap", kBackupPassword));
     // The other way round it works: the backup key removes the first one.
-    const RunResult other =
-        withPassword({"key", "remove", path("disk"), "--name", "default"}, kBackupPassword);
+    const RunResult other = withPassword({"key", "remove", path("disk"), "--name", "default"}, kBackupPassword);
     ASSERT_EQ(other.exitStatus, 0) << other.err;
     EXPECT_FALSE(opensWith("snap", kPassword));
     EXPECT_TRUE(opensWith("snap", kBackupPassword));
@@ -168,8 +165,8 @@ TEST_F(KeyCommandTest, AddingNeedsThePasswordOfAKey)
     makeChain();
     RunOptions wrong;
     wrong.passwordVariable = "not a key";
-    std::vector<std::string> args{"key", "add", path("disk"), "--name", "backup", "--new-password-file",
-                                  path("backup-password")};
+    std::vector<std::string> args{
+        "key", "add", path("disk"), "--name", "backup", "--new-password-file", path("backup-password")};
     args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
     const RunResult result = run(args, wrong);
     EXPECT_EQ(result.exitStatus, 1);
@@ -193,13 +190,12 @@ TEST_F(KeyCommandTest, PasswdWithANameChangesThatKeyOnly)
 {
     makeChain();
     ASSERT_EQ(addKey("backup").exitStatus, 0);
-    std::vector<std::string> args{"passwd", path("snap"), "--name", "backup", "--new-password-file",
-                                  path("third-password")};
+    std::vector<std::string> args{"passwd", path("snap"),          "--name",
+                                  "backup", "--new-password-file", path("third-password")};
     args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
     const RunResult changed = runWithPassword(args);
     ASSERT_EQ(changed.exitStatus, 0) << changed.err;
-    EXPECT_NE(changed.out.find("changed the password of key 'backup' of 2 disks"), std::string::npos)
-        << changed.out;
+    EXPECT_NE(changed.out.find("changed the password of key 'backup' of 2 disks"), std::string::npos) << changed.out;
     for (const char* disk : {"disk", "snap"}) {
         EXPECT_TRUE(opensWith(disk, kPassword)) << disk;
         EXPECT_TRUE(opensWith(disk, kThirdPassword)) << disk;

@@ -12,7 +12,7 @@
 namespace clitest {
 
 struct RunResult {
-    int exitStatus = -1;  // -1 when the program did not exit normally
+    int exitStatus = -1; // -1 when the program did not exit normally
     std::string out;
     std::string err;
     // runOnTerminal only: whether the terminal still echoed typed characters

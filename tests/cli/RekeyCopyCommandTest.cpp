@@ -40,8 +40,8 @@ protected:
     }
     RunResult rekey(const std::vector<std::string>& extra = {})
     {
-        std::vector<std::string> args{"copy", path("chain/top"), path("copy/top"), "--rekey", "--new-password-file",
-                                      path("new-password")};
+        std::vector<std::string> args{"copy",    path("chain/top"),     path("copy/top"),
+                                      "--rekey", "--new-password-file", path("new-password")};
         args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
         args.insert(args.end(), extra.begin(), extra.end());
         return runWithPassword(args);
@@ -75,8 +75,7 @@ TEST_F(RekeyCopyCommandTest, EveryDiskExportsAsItsSourceWithTheNewPasswordOnly)
             withPassword({"export", path(std::string("copy/") + disk), path("refused.img")}, kPassword);
         EXPECT_EQ(old.exitStatus, 1) << disk;
         EXPECT_NE(old.err.find("password is incorrect"), std::string::npos) << old.err;
-        EXPECT_EQ(withPassword({"check", path(std::string("copy/") + disk), "--read-data"}, kNewPassword).exitStatus,
-                  0)
+        EXPECT_EQ(withPassword({"check", path(std::string("copy/") + disk), "--read-data"}, kNewPassword).exitStatus, 0)
             << disk;
     }
     // The snapshots differ from the top, so each was copied as itself.
@@ -89,16 +88,15 @@ TEST_F(RekeyCopyCommandTest, SecondRekeyedCopyIntoTheSameFolderIsRefused)
     ASSERT_EQ(rekey().exitStatus, 0);
     const RunResult again = rekey();
     EXPECT_EQ(again.exitStatus, 1);
-    EXPECT_NE(again.err.find("A copy with a new key goes into a new or empty folder"), std::string::npos)
-        << again.err;
+    EXPECT_NE(again.err.find("A copy with a new key goes into a new or empty folder"), std::string::npos) << again.err;
     EXPECT_EQ(exportWith("copy/top", kNewPassword), exportWith("chain/top", kPassword));
 }
 
 TEST_F(RekeyCopyCommandTest, WrongPasswordLeavesNoFolderBehind)
 {
     makeChain();
-    std::vector<std::string> args{"copy", path("chain/top"), path("copy/top"), "--rekey", "--new-password-file",
-                                  path("new-password")};
+    std::vector<std::string> args{"copy",    path("chain/top"),     path("copy/top"),
+                                  "--rekey", "--new-password-file", path("new-password")};
     args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
     const RunResult result = withPassword(args, "not the password");
     EXPECT_EQ(result.exitStatus, 1);

@@ -1,6 +1,6 @@
 #include "CliTestFixture.h"
 
-#include "brick/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskCreationTime.h"
 #include "zo/LocalFileSystem.h"
 
 #include <chrono>

@@ -20,8 +20,8 @@ protected:
     // Runs bench/ext4-image.sh with `args`.
     void ext4Image(const std::string& args) const
     {
-        const std::string command = std::string("bash ") + BRICKDISK_SOURCE_DIR + "/bench/ext4-image.sh " + args +
-                                    " >/dev/null 2>&1";
+        const std::string command =
+            std::string("bash ") + BRICKDISK_SOURCE_DIR + "/bench/ext4-image.sh " + args + " >/dev/null 2>&1";
         ASSERT_EQ(std::system(command.c_str()), 0) << command;
     }
 };

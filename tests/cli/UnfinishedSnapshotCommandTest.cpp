@@ -6,8 +6,8 @@
 // other disk exact.
 #include "CliTestFixture.h"
 
-#include "brick/BrickDisk.h"
-#include "brick/BrickDiskRemover.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskRemover.h"
 #include "support/CrashingFileSystem.h"
 #include "zo/LocalFileSystem.h"
 

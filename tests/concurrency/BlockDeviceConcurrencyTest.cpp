@@ -3,7 +3,7 @@
 // and a thread that flushes and maps extents meanwhile. Each writer owns
 // every n-th slice of the disk (slices smaller than a brick, so threads share
 // bricks), keeps a model of its slices and checks every read against it.
-#include "brick/BrickDiskBlockDevice.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
@@ -23,8 +23,8 @@ using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using testsupport::Bytes;
 using zo::CURI;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int kBrickCount = 24;

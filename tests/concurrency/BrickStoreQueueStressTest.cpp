@@ -1,6 +1,6 @@
-#include "brick/BrickDataPreparer.h"
-#include "brick/BrickStoreQueue.h"
-#include "brick/BrickTree.h"
+#include "brick/chain/BrickStoreQueue.h"
+#include "brick/format/BrickDataPreparer.h"
+#include "brick/format/BrickTree.h"
 
 #include "support/BrickTestHelpers.h"
 #include "zo/ForwardingFileSystem.h"
@@ -13,8 +13,8 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
-#include <random>
 #include <optional>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -23,8 +23,8 @@ namespace {
 using brick::CBrickStoreQueue;
 using testsupport::Bytes;
 using zo::CURI;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = 4096;
 constexpr int kBrickCount = 12;
@@ -112,8 +112,7 @@ TEST(BrickStoreQueueStress, ManyThreadsStoreAndReadOneQueueAndTheLastBytesOfEach
     const P<CountingFileSystem> fs(new CountingFileSystem(memory.get()));
     const brick::CBrickDiskHeader header = testsupport::makeBrickHeader(kBrickSize, 3, 16);
     const testsupport::Key key = testsupport::makeBrickKey("aes256cbc");
-    const P<CBrickStoreQueue> queue(
-        new CBrickStoreQueue(fs.get(), CURI("/disk"), CURI(), {}, header, key, kMaxStores));
+    const P<CBrickStoreQueue> queue(new CBrickStoreQueue(fs.get(), CURI("/disk"), CURI(), {}, header, key, kMaxStores));
 
     // Per brick: the newest version handed over; the lock is held across the
     // hand-over so that the versions are handed over in increasing order.

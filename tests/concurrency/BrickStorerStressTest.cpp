@@ -1,5 +1,5 @@
-#include "brick/Brick.h"
-#include "brick/BrickStorer.h"
+#include "brick/chain/Brick.h"
+#include "brick/chain/BrickStorer.h"
 
 #include "support/BrickTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
@@ -22,8 +22,8 @@ using brick::CBrick;
 using brick::CBrickStorer;
 using testsupport::Bytes;
 using zo::CURI;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = 4096;
 constexpr int kBrickCount = 40;
@@ -51,8 +51,7 @@ protected:
     BrickStorerStress()
         : fs(new zo::CMemoryFileSystem(3)), header(testsupport::makeBrickHeader(kBrickSize, 2, 16)),
           key(testsupport::makeBrickKey("aes256cbc")), random(GetParam().maxBackgroundOps * 2 + GetParam().withChild)
-    {
-    }
+    {}
 
     P<CBrick> makeBrick(const char* disk, const char* child, std::vector<const char*> parents, int maxOps)
     {

@@ -218,10 +218,12 @@ TYPED_TEST(FileSystemConcurrencyTest, EightThreadsOnOwnAndSharedFilesLeaveAConsi
     for (int t = 0; t < threadCount; ++t) {
         threads.emplace_back([this, t, &startTogether, &onceProblems, &folderProblems, &ballProblems] {
             startTogether.arrive_and_wait();
-            onceProblems[static_cast<size_t>(t)] = this->store(this->path("shared/once"), sharedVersionOf(t), false)->getProblem();
+            onceProblems[static_cast<size_t>(t)] =
+                this->store(this->path("shared/once"), sharedVersionOf(t), false)->getProblem();
             folderProblems[static_cast<size_t>(t)] = this->createFolderAsync(this->path("shared/race"))->getProblem();
             ballProblems[static_cast<size_t>(t)] =
-                this->move(this->path("shared/ball"), this->path("shared/caught" + std::to_string(t)), false)->getProblem();
+                this->move(this->path("shared/ball"), this->path("shared/caught" + std::to_string(t)), false)
+                    ->getProblem();
             this->runOwnFiles(t);
             this->runSharedFiles(t);
         });
@@ -235,7 +237,8 @@ TYPED_TEST(FileSystemConcurrencyTest, EightThreadsOnOwnAndSharedFilesLeaveAConsi
     EXPECT_EQ(std::count(onceProblems.begin(), onceProblems.end(), -1), 1);
     EXPECT_EQ(std::count(onceProblems.begin(), onceProblems.end(), CFileSystemError::AlreadyExists), threadCount - 1);
     EXPECT_EQ(std::count(folderProblems.begin(), folderProblems.end(), -1), 1);
-    EXPECT_EQ(std::count(folderProblems.begin(), folderProblems.end(), CFileSystemError::AlreadyExists), threadCount - 1);
+    EXPECT_EQ(std::count(folderProblems.begin(), folderProblems.end(), CFileSystemError::AlreadyExists),
+              threadCount - 1);
     EXPECT_EQ(std::count(ballProblems.begin(), ballProblems.end(), -1), 1);
     EXPECT_EQ(std::count(ballProblems.begin(), ballProblems.end(), CFileSystemError::NotFound), threadCount - 1);
 

@@ -1,4 +1,4 @@
-#include "brick/ParallelReadAheadManager.h"
+#include "brick/streams/ParallelReadAheadManager.h"
 
 #include "zo/Error.h"
 #include "zo/MemPool.h"
@@ -73,7 +73,8 @@ bool waitUntil(const std::function<bool()>& condition)
 // pausing a random while (up to `maxDelayMicros`) for every brick they read.
 class ReadThreads {
 public:
-    ReadThreads(const P<CParallelReadAheadManager>& manager, const P<CMemPool>& pool, int threadCount, int maxDelayMicros)
+    ReadThreads(const P<CParallelReadAheadManager>& manager, const P<CMemPool>& pool, int threadCount,
+                int maxDelayMicros)
         : m_manager(manager)
     {
         for (int i = 0; i < threadCount; ++i)
@@ -109,8 +110,8 @@ private:
                 break;
             std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
             if (isFailingBrick(index)) {
-                const P<CError> error(new CIOError(CIOError::ReadFailed, "Brick file unreadable.",
-                                                   CProps().add("brickIndex", index)));
+                const P<CError> error(
+                    new CIOError(CIOError::ReadFailed, "Brick file unreadable.", CProps().add("brickIndex", index)));
                 manager.storeReadAheadResult(index, nullptr, error.get());
             } else {
                 P<CMemPoolBuffer> buffer = pool.checkOutItem();
@@ -224,8 +225,9 @@ TEST(ParallelReadAheadManagerStress, StopWhileEveryoneIsBusyEndsEveryThread)
     EXPECT_TRUE(waitUntil([&] { return readerEnded.load() && threads.haveEnded(); }));
     reader.join();
     threads.join();
-    EXPECT_TRUE(readerError == "CParallelReadAheadManager::getBrickData called after stop has been signalled."
-                || readerError == "Internal error: CParallelReadAheadManager::seekToBrick called after stop has been signalled")
+    EXPECT_TRUE(readerError == "CParallelReadAheadManager::getBrickData called after stop has been signalled." ||
+                readerError ==
+                    "Internal error: CParallelReadAheadManager::seekToBrick called after stop has been signalled")
         << readerError;
     EXPECT_EQ(pool->getFreeCount(), pool->getItemCount());
 }

@@ -1,4 +1,4 @@
-#include "brick/BrickDiskStreamWithParallelReadAhead.h"
+#include "brick/streams/BrickDiskStreamWithParallelReadAhead.h"
 
 #include "support/BrickTestHelpers.h"
 #include "support/DiskStreamTestHelpers.h"
@@ -44,13 +44,15 @@ protected:
     void makeDisk(int brickCount, int tailBytes)
     {
         diskSize = static_cast<int64>(brickCount) * kBrickSize + tailBytes;
-        testsupport::createStreamTestDisk(fs.get(), kFolder, diskSize, kBrickSize, 8, diskSize > 0 ? &content : nullptr);
+        testsupport::createStreamTestDisk(fs.get(), kFolder, diskSize, kBrickSize, 8,
+                                          diskSize > 0 ? &content : nullptr);
         disk = testsupport::openStreamTestDisk(fs.get(), kFolder, IIOStream::AccessRead);
     }
 
     P<CBrickDiskStreamWithParallelReadAhead> openStream(int threadCount)
     {
-        return P<CBrickDiskStreamWithParallelReadAhead>(new CBrickDiskStreamWithParallelReadAhead(disk.get(), threadCount));
+        return P<CBrickDiskStreamWithParallelReadAhead>(
+            new CBrickDiskStreamWithParallelReadAhead(disk.get(), threadCount));
     }
 
     int brickLoads() const { return fs->getOperationCount(Op::OpenStream); }
@@ -127,8 +129,8 @@ TEST_P(ParallelReadAheadStreamThreadCountTest, ReadingFrontToBackGivesTheDiskByt
     makeDisk(30, 1000);
     const auto stream = openStream(GetParam());
     std::mt19937 random(static_cast<unsigned>(GetParam()) + 100);
-    EXPECT_TRUE(testsupport::sameBytes(testsupport::readToEndInRandomPieces(*stream, random, 2 * kBrickSize + 7),
-                                       content));
+    EXPECT_TRUE(
+        testsupport::sameBytes(testsupport::readToEndInRandomPieces(*stream, random, 2 * kBrickSize + 7), content));
 }
 
 void ParallelReadAheadStreamTest::expectBricksReadAhead(

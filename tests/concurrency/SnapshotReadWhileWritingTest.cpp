@@ -1,7 +1,7 @@
 // A snapshot read while its parent is written: one thread rewrites random
 // bricks of the parent while others read the snapshot in a loop, and every
 // read must equal the snapshot's content from the moment it was taken.
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
@@ -85,8 +85,10 @@ int runWriterAndReaders(zo::IFileSystem* fs, const CURI& diskFolder, const CURI&
         for (int n = 0; n < kWrites; ++n) {
             const int index = static_cast<int>(random() % kBrickCount);
             const bool whole = random() % 2 == 0;
-            const Bytes bytes = testsupport::patternBytes(whole ? kBrickSize : kBrickSize / 4, 1000u + static_cast<unsigned>(n));
-            testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize + (whole ? 0 : kBrickSize / 2), bytes);
+            const Bytes bytes =
+                testsupport::patternBytes(whole ? kBrickSize : kBrickSize / 4, 1000u + static_cast<unsigned>(n));
+            testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize + (whole ? 0 : kBrickSize / 2),
+                                 bytes);
         }
         disk->flushChanges();
         EXPECT_TRUE(disk->getBackgroundErrorList().empty());

@@ -1,7 +1,7 @@
+#include "zo/Thread.h"
 #include "zo/Error.h"
 #include "zo/Log.h"
 #include "zo/Signal.h"
-#include "zo/Thread.h"
 
 #include <gtest/gtest.h>
 
@@ -59,8 +59,7 @@ class GatedThread : public CThread {
 public:
     GatedThread(P<CSignal> gate, P<CSignal> destroyed, bool joinOnStop)
         : CThread(nullptr, joinOnStop), m_gate(std::move(gate)), m_destroyed(std::move(destroyed))
-    {
-    }
+    {}
     ~GatedThread() override { m_destroyed->set(); }
 
 protected:

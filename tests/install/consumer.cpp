@@ -22,14 +22,14 @@ int main()
 
         const char message[] = "stored through the installed library";
         {
-            const zo::P<brick::CBrickDisk> disk(new brick::CBrickDisk(fs.get(), folder, "secret",
-                                                                      zo::IIOStream::AccessReadWrite, 2));
+            const zo::P<brick::CBrickDisk> disk(
+                new brick::CBrickDisk(fs.get(), folder, "secret", zo::IIOStream::AccessReadWrite, 2));
             disk->seek(70000);
             disk->write(message, sizeof message);
             disk->flushChanges();
         }
-        const zo::P<brick::CBrickDisk> disk(new brick::CBrickDisk(fs.get(), folder, "secret",
-                                                                  zo::IIOStream::AccessRead, 2));
+        const zo::P<brick::CBrickDisk> disk(
+            new brick::CBrickDisk(fs.get(), folder, "secret", zo::IIOStream::AccessRead, 2));
         char back[sizeof message] = {};
         disk->seek(70000);
         disk->read(back, sizeof back);
@@ -38,8 +38,8 @@ int main()
             return 1;
         }
         try {
-            const zo::P<brick::CBrickDisk> wrong(new brick::CBrickDisk(fs.get(), folder, "wrong",
-                                                                       zo::IIOStream::AccessRead, 2));
+            const zo::P<brick::CBrickDisk> wrong(
+                new brick::CBrickDisk(fs.get(), folder, "wrong", zo::IIOStream::AccessRead, 2));
             std::fprintf(stderr, "consumer: a wrong password opened the disk\n");
             return 1;
         } catch (const brick::CBrickDiskError& e) {

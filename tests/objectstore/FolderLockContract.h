@@ -148,8 +148,7 @@ TYPED_TEST_P(FolderLockContractTest, TheLockOfAKilledWriterEndsWithItsLease)
 }
 
 REGISTER_TYPED_TEST_SUITE_P(FolderLockContractTest, ASecondWriterIsRefusedAndToldWhoHoldsTheLock,
-                            ReadersShareTheFolderAndKeepAWriterOut,
-                            ADroppedLockLetsTheNextWriterIn, AHeldLockIsRenewedBeyondItsLease,
-                            TheLockOfAKilledWriterEndsWithItsLease);
+                            ReadersShareTheFolderAndKeepAWriterOut, ADroppedLockLetsTheNextWriterIn,
+                            AHeldLockIsRenewedBeyondItsLease, TheLockOfAKilledWriterEndsWithItsLease);
 
 } // namespace

@@ -191,8 +191,8 @@ TYPED_TEST_P(StoreCommandsContractTest, CopyTakesAChainIntoTheStoreAndBack)
     clitest::writeFile(this->path("v1.img"), first);
     clitest::writeFile(this->path("v2.img"), second);
     const std::string local = this->path("local/disk");
-    this->runOk({"create", local, "--size", std::to_string(first.size()), "--brick-size", "64K", "--kdf",
-                 "argon2id", "--kdf-memory", "64K", "--kdf-passes", "1"});
+    this->runOk({"create", local, "--size", std::to_string(first.size()), "--brick-size", "64K", "--kdf", "argon2id",
+                 "--kdf-memory", "64K", "--kdf-passes", "1"});
     this->runOk({"import", local, this->path("v1.img")});
     // Next to the disk, as the store's snapshot is next to its disk.
     this->runOk({"snapshot", local, this->path("local/snapshot")});
@@ -278,8 +278,8 @@ TYPED_TEST_P(StoreCommandsContractTest, CopyOfAChainOfFiveSnapshotsExportsExactl
 REGISTER_TYPED_TEST_SUITE_P(StoreCommandsContractTest, MainJobGivesBothVersionsBackByteForByte,
                             ImportKilledAtRandomMomentsLeavesEveryBrickOldOrNewAndTheSnapshotExact,
                             ASecondImportIsRefusedWhileTheFirstHoldsTheDisk, AChildOnAnotherKindOfFolderIsAUsageError,
-                            NewDisksGetFourMiBBricksUnlessAskedOtherwise,
-                            NewDisksGetZstdLevelThreeUnlessAskedOtherwise, CopyTakesAChainIntoTheStoreAndBack,
+                            NewDisksGetFourMiBBricksUnlessAskedOtherwise, NewDisksGetZstdLevelThreeUnlessAskedOtherwise,
+                            CopyTakesAChainIntoTheStoreAndBack,
                             CopyOfAChainOfFiveSnapshotsExportsExactlyAndSendsOnlyWhatChanged);
 
 } // namespace

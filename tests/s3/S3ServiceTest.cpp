@@ -72,8 +72,8 @@ protected:
     {
         std::vector<P<COutcome>> outcomes;
         for (int i = 0; i < count; ++i)
-            outcomes.push_back(beginStore(fs, folder << String::fromUTF8("f" + std::to_string(i)),
-                                          "file " + std::to_string(i), true));
+            outcomes.push_back(
+                beginStore(fs, folder << String::fromUTF8("f" + std::to_string(i)), "file " + std::to_string(i), true));
         for (const P<COutcome>& outcome : outcomes)
             outcome->check();
     }
@@ -153,7 +153,8 @@ TEST_F(S3ServiceTest, WrongKeysAreRefusedAsSuch)
         FAIL() << "no error";
     } catch (const CFileSystemError& e) {
         EXPECT_EQ(e.getProblem(), CFileSystemError::AccessDenied);
-        EXPECT_NE(e.getMessage().toUTF8().find("refused the credentials"), std::string::npos) << e.getMessage().toUTF8();
+        EXPECT_NE(e.getMessage().toUTF8().find("refused the credentials"), std::string::npos)
+            << e.getMessage().toUTF8();
         EXPECT_EQ(e.getProps().lookup("httpStatus").toUTF8(), "403");
     }
 }

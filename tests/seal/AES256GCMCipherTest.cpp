@@ -100,7 +100,10 @@ TEST_F(AES256GCMCipher, AppendsCiphertextAndTagCoveringTheAssociatedData)
     out.append(reinterpret_cast<const zo::uint8*>("head"), 4);
     m_cipher->encryptWithNonce(countingKey(), m_nonce.data(), m_aad.data(), static_cast<int>(m_aad.size()),
                                m_message.data(), static_cast<int>(m_message.size()), out);
-    EXPECT_EQ(hexOf(out), "68656164" "2a69b70512c934e74a072c" "a79f33f759e34ea5aed952e6716fdb45");
+    EXPECT_EQ(hexOf(out),
+              "68656164"
+              "2a69b70512c934e74a072c"
+              "a79f33f759e34ea5aed952e6716fdb45");
 }
 
 TEST_F(AES256GCMCipher, OpensWhatItSealedAndAppends)
@@ -141,8 +144,8 @@ TEST_F(AES256GCMCipher, RefusesOtherAssociatedDataKeyOrNonce)
     std::vector<std::uint8_t> otherNonce = m_nonce;
     otherNonce[0] ^= 1;
     EXPECT_FALSE(m_cipher->decryptWithNonce(countingKey(), otherNonce.data(), m_aad.data(),
-                                            static_cast<int>(m_aad.size()), ciphertext.getData(),
-                                            ciphertext.getUsed(), out));
+                                            static_cast<int>(m_aad.size()), ciphertext.getData(), ciphertext.getUsed(),
+                                            out));
     EXPECT_EQ(out.getUsed(), 0);
 }
 

@@ -1,5 +1,5 @@
-#include "seal/Digest.h"
 #include "seal/KeyWrap.h"
+#include "seal/Digest.h"
 #include "seal/Random.h"
 #include "zo/Error.h"
 
@@ -81,8 +81,7 @@ TEST(RandomBytes, TwoFillsDiffer)
 
 std::string hmacOf(const std::vector<std::uint8_t>& key, const std::string& message)
 {
-    const zo::P<seal::IDigestContext> context =
-        seal::createHMACSHA256Context(key.data(), static_cast<int>(key.size()));
+    const zo::P<seal::IDigestContext> context = seal::createHMACSHA256Context(key.data(), static_cast<int>(key.size()));
     // A context used before gives the same result after reset.
     context->update("earlier", 7);
     context->finish();

@@ -3,7 +3,7 @@
 // bytes on a file system. Included by each test program that runs it.
 #pragma once
 
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 #include "support/DiskTestHelpers.h"
 
 #include <gtest/gtest.h>
@@ -19,8 +19,8 @@ using brick::CBrickDisk;
 using zo::CIOError;
 using zo::CURI;
 using zo::IIOStream;
-using zo::P;
 using zo::int64;
+using zo::P;
 
 constexpr int kBrickSize = 4096;
 // Forty whole bricks and a short last one.
@@ -31,8 +31,8 @@ class BrickDiskModel {
 public:
     // Creates the disk (unencrypted when `diskPassword` is empty), then runs
     // the random operations, ending with a whole-disk comparison.
-    void run(zo::IFileSystem* fileSystem, const CURI& diskFolder, const zo::String& diskPassword, const char* compressor,
-             unsigned seed)
+    void run(zo::IFileSystem* fileSystem, const CURI& diskFolder, const zo::String& diskPassword,
+             const char* compressor, unsigned seed)
     {
         fs = fileSystem;
         folder = diskFolder;
@@ -77,21 +77,29 @@ private:
     int randomLength()
     {
         switch (rng() % 4) {
-        case 0: return static_cast<int>(randomBelow(64)) + 1;
-        case 1: return static_cast<int>(randomBelow(2 * kBrickSize)) + 1;
-        case 2: return kBrickSize;
-        default: return static_cast<int>(randomBelow(5 * kBrickSize)) + 1;
+        case 0:
+            return static_cast<int>(randomBelow(64)) + 1;
+        case 1:
+            return static_cast<int>(randomBelow(2 * kBrickSize)) + 1;
+        case 2:
+            return kBrickSize;
+        default:
+            return static_cast<int>(randomBelow(5 * kBrickSize)) + 1;
         }
     }
     // A position: anywhere, on or next to a brick border, or near the end.
     int64 randomPosition()
     {
         switch (rng() % 4) {
-        case 0: return randomBelow(kDiskSize + 1);
-        case 1: return randomBelow(kDiskSize / kBrickSize + 1) * kBrickSize;
-        case 2: return std::clamp<int64>(randomBelow(kDiskSize / kBrickSize + 1) * kBrickSize + randomBelow(64) - 32,
-                                         0, kDiskSize);
-        default: return kDiskSize - randomBelow(3 * kBrickSize);
+        case 0:
+            return randomBelow(kDiskSize + 1);
+        case 1:
+            return randomBelow(kDiskSize / kBrickSize + 1) * kBrickSize;
+        case 2:
+            return std::clamp<int64>(randomBelow(kDiskSize / kBrickSize + 1) * kBrickSize + randomBelow(64) - 32, 0,
+                                     kDiskSize);
+        default:
+            return kDiskSize - randomBelow(3 * kBrickSize);
         }
     }
 
@@ -159,6 +167,5 @@ private:
     Bytes model;
     std::mt19937 rng;
 };
-
 
 } // namespace testsupport

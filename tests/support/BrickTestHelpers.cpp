@@ -1,6 +1,6 @@
 #include "support/BrickTestHelpers.h"
 
-#include "brick/BrickDataPreparer.h"
+#include "brick/format/BrickDataPreparer.h"
 
 #include <cstring>
 #include <random>
@@ -75,7 +75,7 @@ zo::P<Bytes> countedCopy(const Bytes& bytes)
 bool sameBytes(const Bytes& a, const Bytes& b)
 {
     return a.getUsed() == b.getUsed() &&
-           (a.getUsed() == 0 || std::memcmp(a.getData(), b.getData(), static_cast<size_t>(a.getUsed())) == 0);
+        (a.getUsed() == 0 || std::memcmp(a.getData(), b.getData(), static_cast<size_t>(a.getUsed())) == 0);
 }
 
 std::vector<std::string> toStrings(const zo::TList<zo::String>& list)
@@ -151,8 +151,7 @@ private:
 
 SteppedFileSystem::SteppedFileSystem(zo::IFileSystem* inner, bool holdCompletions)
     : CForwardingFileSystem(inner), m_holdCompletions(holdCompletions)
-{
-}
+{}
 
 bool SteppedFileSystem::waitForHeld(int timeoutMillis)
 {

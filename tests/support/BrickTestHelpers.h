@@ -4,7 +4,7 @@
 // operations one completion at a time.
 #pragma once
 
-#include "brick/BrickDiskHeader.h"
+#include "brick/format/BrickDiskHeader.h"
 #include "zo/Buffer.h"
 #include "zo/Error.h"
 #include "zo/FileSystem.h"

@@ -7,8 +7,7 @@ namespace testsupport {
 
 CrashingFileSystem::CrashingFileSystem(zo::IFileSystem* inner, int allowedChanges)
     : m_inner(inner), m_allowedChanges(allowedChanges), m_refusals(zo::CCompletionPool::create(1))
-{
-}
+{}
 
 CrashingFileSystem::~CrashingFileSystem()
 {
@@ -37,7 +36,8 @@ void CrashingFileSystem::checkAlive(const zo::CURI& path) const
 
 zo::P<zo::IFileSystemOp> CrashingFileSystem::refuse(const zo::CURI& path, zo::IDoneListener* listener)
 {
-    return zo::postFileSystemOp(*m_refusals, listener, [] {}, 0, zo::P<zo::CError>(new zo::CFileSystemError(crashError(path))));
+    return zo::postFileSystemOp(
+        *m_refusals, listener, [] {}, 0, zo::P<zo::CError>(new zo::CFileSystemError(crashError(path))));
 }
 
 zo::P<zo::IFileSystemOp> CrashingFileSystem::beginStoreFile(const zo::CURI& file, int size, zo::IInStream* source,

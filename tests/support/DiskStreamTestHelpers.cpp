@@ -1,6 +1,6 @@
 #include "support/DiskStreamTestHelpers.h"
 
-#include "brick/Brick.h"
+#include "brick/chain/Brick.h"
 #include "support/TempFolder.h"
 #include "zo/Error.h"
 #include "zo/LocalFileSystem.h"
@@ -13,8 +13,8 @@
 
 namespace testsupport {
 
-void createStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, int brickSize,
-                          unsigned seed, Bytes* content)
+void createStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, int brickSize, unsigned seed,
+                          Bytes* content)
 {
     brick::CBrickDisk::create(fs, folder, diskSize, 1, streamTestPassword(), "lz4", brickSize);
     if (!content)
@@ -27,8 +27,7 @@ void createStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64
         throw zo::CError("A brick of the test disk could not be stored.");
 }
 
-zo::P<brick::CBrickDisk> openStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder,
-                                            zo::IIOStream::Access access)
+zo::P<brick::CBrickDisk> openStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::IIOStream::Access access)
 {
     return zo::P<brick::CBrickDisk>(new brick::CBrickDisk(fs, folder, streamTestPassword(), access, 4));
 }

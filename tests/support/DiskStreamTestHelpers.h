@@ -3,7 +3,7 @@
 // its end in pieces of random sizes.
 #pragma once
 
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 #include "support/BrickTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/FileSystem.h"
@@ -25,12 +25,11 @@ inline const char* streamTestPassword()
 // (lz4, aes256cbc) and, unless `content` is null, writes pattern bytes drawn
 // from `seed` to the whole disk and flushes them; `content` then receives
 // those bytes. Nothing stays open.
-void createStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, int brickSize,
-                          unsigned seed, Bytes* content);
+void createStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, int brickSize, unsigned seed,
+                          Bytes* content);
 
 // Opens the test disk in `folder` with `access`.
-zo::P<brick::CBrickDisk> openStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder,
-                                            zo::IIOStream::Access access);
+zo::P<brick::CBrickDisk> openStreamTestDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::IIOStream::Access access);
 
 // The file that holds brick `brickIndex` of `disk`.
 zo::CURI brickFileOf(const brick::CBrickDisk& disk, zo::int64 brickIndex);

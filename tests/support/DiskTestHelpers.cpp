@@ -1,6 +1,6 @@
 #include "support/DiskTestHelpers.h"
 
-#include "brick/BrickDiskLink.h"
+#include "brick/format/BrickDiskLink.h"
 
 #include <gtest/gtest.h>
 
@@ -24,7 +24,8 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
 zo::TCryptBuffer<zo::uint8> diskKey(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& password)
 {
     zo::TCryptBuffer<zo::uint8> key;
-    EXPECT_TRUE(brick::CBrickDisk::isEncryptPasswordCorrect(fs, folder, password, &key)) << folder.toString(true).toUTF8();
+    EXPECT_TRUE(brick::CBrickDisk::isEncryptPasswordCorrect(fs, folder, password, &key))
+        << folder.toString(true).toUTF8();
     return key;
 }
 

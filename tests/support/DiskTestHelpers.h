@@ -3,7 +3,7 @@
 // catching an error of one class to look at its fields.
 #pragma once
 
-#include "brick/BrickDisk.h"
+#include "brick/chain/BrickDisk.h"
 #include "support/BrickTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/FileSystem.h"

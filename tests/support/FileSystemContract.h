@@ -56,8 +56,7 @@ class CRecordingListener : public CBase, public IDoneListener {
 public:
     explicit CRecordingListener(std::shared_ptr<ListenerRecord> record = std::make_shared<ListenerRecord>())
         : m_record(std::move(record))
-    {
-    }
+    {}
     ~CRecordingListener() override { m_record->destroyed = true; }
 
     void onDone(const CError* error) override
@@ -170,9 +169,9 @@ protected:
     {
         P<CRecordingListener> listener(new CRecordingListener());
         const P<IInStream> source = makeSource(bytes);
-        return finish(fs().beginStoreFileBatched(file, static_cast<int>(bytes.size()), source.get(), overwrite,
-                                                 listener.get()),
-                      *listener);
+        return finish(
+            fs().beginStoreFileBatched(file, static_cast<int>(bytes.size()), source.get(), overwrite, listener.get()),
+            *listener);
     }
     P<CError> createFolderAsync(const CURI& folder)
     {
@@ -523,7 +522,8 @@ TYPED_TEST_P(FileSystemContractTest, GetFileInfoOfAMissingPathThrowsNotFoundOnly
 TYPED_TEST_P(FileSystemContractTest, OpenStreamForReplaceCreatesTheFileAndAReaderGetsItsBytesAndLength)
 {
     {
-        P<IIOStream> writer = this->fs().openStream(this->path("aux"), IIOStream::AccessReadWrite, IIOStream::OptionReplace);
+        P<IIOStream> writer =
+            this->fs().openStream(this->path("aux"), IIOStream::AccessReadWrite, IIOStream::OptionReplace);
         writer->write("header", 6, nullptr);
         writer->write("+digest", 7, nullptr);
     }
@@ -544,19 +544,24 @@ TYPED_TEST_P(FileSystemContractTest, OpenStreamForReplaceEmptiesAnExistingFile)
 
 TYPED_TEST_P(FileSystemContractTest, OpenStreamForReadingAMissingFileThrowsNotFound)
 {
-    EXPECT_EQ(thrownProblem([&] { this->fs().openStream(this->path("missing"), IIOStream::AccessRead, IIOStream::OptionNone); }),
+    EXPECT_EQ(thrownProblem(
+                  [&] { this->fs().openStream(this->path("missing"), IIOStream::AccessRead, IIOStream::OptionNone); }),
               CFileSystemError::NotFound);
 }
 
 TYPED_TEST_P(FileSystemContractTest, OpenStreamForReplaceInAMissingFolderThrowsNotFound)
 {
-    EXPECT_EQ(thrownProblem([&] { this->fs().openStream(this->path("missing/aux"), IIOStream::AccessReadWrite, IIOStream::OptionReplace); }),
+    EXPECT_EQ(thrownProblem([&] {
+                  this->fs().openStream(this->path("missing/aux"), IIOStream::AccessReadWrite,
+                                        IIOStream::OptionReplace);
+              }),
               CFileSystemError::NotFound);
 }
 
 TYPED_TEST_P(FileSystemContractTest, OpenStreamForWritingWithoutReplaceWritesIntoTheExistingFileOnly)
 {
-    EXPECT_EQ(thrownProblem([&] { this->fs().openStream(this->path("missing"), IIOStream::AccessWrite, IIOStream::OptionNone); }),
+    EXPECT_EQ(thrownProblem(
+                  [&] { this->fs().openStream(this->path("missing"), IIOStream::AccessWrite, IIOStream::OptionNone); }),
               CFileSystemError::NotFound);
     this->writeFile(this->path("a"), "abcdef");
     {
@@ -569,8 +574,9 @@ TYPED_TEST_P(FileSystemContractTest, OpenStreamForWritingWithoutReplaceWritesInt
 
 TYPED_TEST_P(FileSystemContractTest, OpenStreamOfAFolderThrowsIsAFolder)
 {
-    EXPECT_EQ(thrownProblem([&] { this->fs().openStream(this->env.root(), IIOStream::AccessRead, IIOStream::OptionNone); }),
-              CFileSystemError::IsAFolder);
+    EXPECT_EQ(
+        thrownProblem([&] { this->fs().openStream(this->env.root(), IIOStream::AccessRead, IIOStream::OptionNone); }),
+        CFileSystemError::IsAFolder);
 }
 
 TYPED_TEST_P(FileSystemContractTest, StreamReadPastTheEndThrowsEndOfDataAndReadLaxStopsThere)
@@ -659,7 +665,8 @@ TYPED_TEST_P(FileSystemContractTest, CreateFolderOfAnExistingFolderSucceeds)
 TYPED_TEST_P(FileSystemContractTest, CreateFolderWhereAFileIsFailsWithAlreadyExists)
 {
     this->writeFile(this->path("a"), "x");
-    EXPECT_EQ(thrownProblem([&] { this->fs().createFolder(this->path("a"), folderMode); }), CFileSystemError::AlreadyExists);
+    EXPECT_EQ(thrownProblem([&] { this->fs().createFolder(this->path("a"), folderMode); }),
+              CFileSystemError::AlreadyExists);
     EXPECT_TRUE(this->fs().fileExists(this->path("a")));
 }
 
@@ -736,10 +743,18 @@ TYPED_TEST_P(FileSystemContractTest, EveryListenerIsCalledExactlyOnce)
         const CURI file = this->path("d") << String(std::to_string(i % 10));
         const P<IInStream> source = makeSource(std::string(100, static_cast<char>('a' + i % 26)));
         switch (i % 4) {
-        case 0: this->fs().beginStoreFile(file, 100, source.get(), i % 8 == 0, listener.get()); break;
-        case 1: this->fs().beginCreateFolder(this->path("missing/f"), folderMode, listener.get()); break;
-        case 2: this->fs().beginMoveFile(file, this->path("d") << "moved", true, listener.get()); break;
-        default: this->fs().beginDeleteFile(file, listener.get()); break;
+        case 0:
+            this->fs().beginStoreFile(file, 100, source.get(), i % 8 == 0, listener.get());
+            break;
+        case 1:
+            this->fs().beginCreateFolder(this->path("missing/f"), folderMode, listener.get());
+            break;
+        case 2:
+            this->fs().beginMoveFile(file, this->path("d") << "moved", true, listener.get());
+            break;
+        default:
+            this->fs().beginDeleteFile(file, listener.get());
+            break;
         }
     }
     this->env.fs->waitUntilIdle();
@@ -850,7 +865,8 @@ TYPED_TEST_P(FileSystemContractTest, DroppingTheLastReferenceInAListenerStillCom
     std::vector<P<CRecordingListener>> queued;
     for (int i = 0; i < 5; ++i) {
         queued.push_back(P<CRecordingListener>(new CRecordingListener()));
-        fs->beginCreateFolder(this->path("own") << String("queued" + std::to_string(i)), folderMode, queued.back().get());
+        fs->beginCreateFolder(this->path("own") << String("queued" + std::to_string(i)), folderMode,
+                              queued.back().get());
     }
     fs.reset();
     first->mayReturn.set();
@@ -869,80 +885,48 @@ TYPED_TEST_P(FileSystemContractTest, DestroyingTheFileSystemWaitsForQueuedOperat
     for (int i = 0; i < 10; ++i) {
         listeners.push_back(P<CRecordingListener>(new CRecordingListener()));
         const P<IInStream> source = makeSource("queued");
-        fs->beginStoreFile(this->path("queue") << String(std::to_string(i)), 6, source.get(), true, listeners.back().get());
+        fs->beginStoreFile(this->path("queue") << String(std::to_string(i)), 6, source.get(), true,
+                           listeners.back().get());
     }
     fs.reset();
     for (const auto& listener : listeners)
         EXPECT_EQ(listener->record()->getCalls(), 1);
 }
 
-REGISTER_TYPED_TEST_SUITE_P(FileSystemContractTest,
-    BatchedStoreFileStoresAsStoreFileDoesAndSyncBatchKeepsTheFiles,
-    StoreFileCreatesFileWithTheSourceBytes,
-    StoreFileTakesOnlySizeBytesFromALongerSource,
-    StoreFileOfZeroBytesCreatesAnEmptyFile,
-    StoreFileWithoutOverwriteFailsWithAlreadyExistsAndKeepsTheOldFile,
-    StoreFileWithOverwriteReplacesTheOldFile,
-    StoreFileIntoMissingFolderFailsWithNotFound,
-    StoreFileFromAShortSourceFailsAndKeepsTheOldFile,
-    StoreFileOntoAFolderWithoutOverwriteFailsWithAlreadyExists,
-    StoreFileOntoAFolderWithOverwriteFailsWithIsAFolder,
-    StoreFileLeavesReadersOfTheOldFileWithTheOldBytes,
-    BeginStoreFileRefusesANegativeSizeOrNoSource,
-    BeginCreateFolderCreatesTheFolder,
-    BeginCreateFolderOfAnExistingFolderFailsWithAlreadyExists,
-    BeginCreateFolderWithAMissingParentFailsWithNotFound,
-    MoveFileMovesTheBytesAndRemovesTheSource,
-    MoveFileWithoutOverwriteFailsWithAlreadyExistsAndTouchesNeitherFile,
-    MoveFileWithOverwriteReplacesTheTarget,
-    MoveFileOfAMissingSourceFailsWithNotFound,
-    MoveFileIntoAMissingFolderFailsWithNotFoundAndKeepsTheSource,
-    CopyFileCopiesTheBytesAndKeepsTheSource,
+REGISTER_TYPED_TEST_SUITE_P(
+    FileSystemContractTest, BatchedStoreFileStoresAsStoreFileDoesAndSyncBatchKeepsTheFiles,
+    StoreFileCreatesFileWithTheSourceBytes, StoreFileTakesOnlySizeBytesFromALongerSource,
+    StoreFileOfZeroBytesCreatesAnEmptyFile, StoreFileWithoutOverwriteFailsWithAlreadyExistsAndKeepsTheOldFile,
+    StoreFileWithOverwriteReplacesTheOldFile, StoreFileIntoMissingFolderFailsWithNotFound,
+    StoreFileFromAShortSourceFailsAndKeepsTheOldFile, StoreFileOntoAFolderWithoutOverwriteFailsWithAlreadyExists,
+    StoreFileOntoAFolderWithOverwriteFailsWithIsAFolder, StoreFileLeavesReadersOfTheOldFileWithTheOldBytes,
+    BeginStoreFileRefusesANegativeSizeOrNoSource, BeginCreateFolderCreatesTheFolder,
+    BeginCreateFolderOfAnExistingFolderFailsWithAlreadyExists, BeginCreateFolderWithAMissingParentFailsWithNotFound,
+    MoveFileMovesTheBytesAndRemovesTheSource, MoveFileWithoutOverwriteFailsWithAlreadyExistsAndTouchesNeitherFile,
+    MoveFileWithOverwriteReplacesTheTarget, MoveFileOfAMissingSourceFailsWithNotFound,
+    MoveFileIntoAMissingFolderFailsWithNotFoundAndKeepsTheSource, CopyFileCopiesTheBytesAndKeepsTheSource,
     CopyFileKeepsItsBytesWhenTheSourceIsReplacedLater,
     CopyFileWithoutOverwriteFailsWithAlreadyExistsAndTouchesNeitherFile,
-    CopyFileWithOverwriteReplacesTheTargetAndLeavesNoTemporaryFile,
-    CopyFileOfAMissingSourceFailsWithNotFound,
-    CopyFileIntoAMissingFolderFailsWithNotFoundAndKeepsTheSource,
-    SharedLocksOfAFolderGoTogether,
-    AnExclusiveLockKeepsOutEveryOtherLockUntilItIsDropped,
-    LocksOfDifferentFoldersDoNotConflict,
-    LockOfAMissingFolderFailsWithNotFound,
-    BeginDeleteFileRemovesTheFile,
-    BeginDeleteFileOfAMissingFileSucceeds,
-    GetFileInfoGivesTheLengthOfAFile,
-    GetFileInfoReportsAFolder,
-    GetFileInfoOfAMissingPathThrowsNotFoundOnlyWhenAsked,
-    OpenStreamForReplaceCreatesTheFileAndAReaderGetsItsBytesAndLength,
-    OpenStreamForReplaceEmptiesAnExistingFile,
-    OpenStreamForReadingAMissingFileThrowsNotFound,
-    OpenStreamForReplaceInAMissingFolderThrowsNotFound,
-    OpenStreamForWritingWithoutReplaceWritesIntoTheExistingFileOnly,
-    OpenStreamOfAFolderThrowsIsAFolder,
+    CopyFileWithOverwriteReplacesTheTargetAndLeavesNoTemporaryFile, CopyFileOfAMissingSourceFailsWithNotFound,
+    CopyFileIntoAMissingFolderFailsWithNotFoundAndKeepsTheSource, SharedLocksOfAFolderGoTogether,
+    AnExclusiveLockKeepsOutEveryOtherLockUntilItIsDropped, LocksOfDifferentFoldersDoNotConflict,
+    LockOfAMissingFolderFailsWithNotFound, BeginDeleteFileRemovesTheFile, BeginDeleteFileOfAMissingFileSucceeds,
+    GetFileInfoGivesTheLengthOfAFile, GetFileInfoReportsAFolder, GetFileInfoOfAMissingPathThrowsNotFoundOnlyWhenAsked,
+    OpenStreamForReplaceCreatesTheFileAndAReaderGetsItsBytesAndLength, OpenStreamForReplaceEmptiesAnExistingFile,
+    OpenStreamForReadingAMissingFileThrowsNotFound, OpenStreamForReplaceInAMissingFolderThrowsNotFound,
+    OpenStreamForWritingWithoutReplaceWritesIntoTheExistingFileOnly, OpenStreamOfAFolderThrowsIsAFolder,
     StreamReadPastTheEndThrowsEndOfDataAndReadLaxStopsThere,
-    StreamSeekMovesThePositionAndRefusesPositionsOutsideTheFile,
-    StreamSetLengthTruncatesAndExtendsWithZeros,
-    StreamOpenForReadingRefusesWrites,
-    ClosedStreamRefusesReads,
-    StreamWritesAreVisibleToLaterOpensWhileTheWriterIsOpen,
-    CreateFolderCreatesMissingParents,
-    CreateFolderOfAnExistingFolderSucceeds,
-    CreateFolderWhereAFileIsFailsWithAlreadyExists,
-    ExistenceQueriesTellFilesFoldersAndMissingPathsApart,
-    DeleteFileRemovesTheFile,
-    DeleteFileOfAMissingFileSucceedsOnlyWhenMissingIsIgnored,
-    ListFolderGivesTheSortedNamesOfItsFilesAndFolders,
-    ListFolderOfAnEmptyFolderIsEmpty,
-    ListFolderOfAMissingFolderThrowsNotFound,
-    ListFolderOfAFileThrowsNotAFolder,
-    EveryListenerIsCalledExactlyOnce,
-    WaitDoneTurnsTrueOnlyOnceTheListenerHasReturned,
-    ListenerIsCalledOnAThreadOfTheFileSystem,
-    ListenerAndSourceAreHeldUntilTheOperationEnds,
-    OperationWithoutListenerCompletesItsHandle,
-    HandleOfASuccessGivesNoErrorAndWaitReturns,
-    HandleOfAFailureGivesItsErrorAndWaitThrowsIt,
-    WaitWithAToleratedProblemThrowsOnlyOtherProblems,
-    DroppingTheLastReferenceInAListenerStillCompletesQueuedOperations,
+    StreamSeekMovesThePositionAndRefusesPositionsOutsideTheFile, StreamSetLengthTruncatesAndExtendsWithZeros,
+    StreamOpenForReadingRefusesWrites, ClosedStreamRefusesReads, StreamWritesAreVisibleToLaterOpensWhileTheWriterIsOpen,
+    CreateFolderCreatesMissingParents, CreateFolderOfAnExistingFolderSucceeds,
+    CreateFolderWhereAFileIsFailsWithAlreadyExists, ExistenceQueriesTellFilesFoldersAndMissingPathsApart,
+    DeleteFileRemovesTheFile, DeleteFileOfAMissingFileSucceedsOnlyWhenMissingIsIgnored,
+    ListFolderGivesTheSortedNamesOfItsFilesAndFolders, ListFolderOfAnEmptyFolderIsEmpty,
+    ListFolderOfAMissingFolderThrowsNotFound, ListFolderOfAFileThrowsNotAFolder, EveryListenerIsCalledExactlyOnce,
+    WaitDoneTurnsTrueOnlyOnceTheListenerHasReturned, ListenerIsCalledOnAThreadOfTheFileSystem,
+    ListenerAndSourceAreHeldUntilTheOperationEnds, OperationWithoutListenerCompletesItsHandle,
+    HandleOfASuccessGivesNoErrorAndWaitReturns, HandleOfAFailureGivesItsErrorAndWaitThrowsIt,
+    WaitWithAToleratedProblemThrowsOnlyOtherProblems, DroppingTheLastReferenceInAListenerStillCompletesQueuedOperations,
     DestroyingTheFileSystemWaitsForQueuedOperations);
 
 } // namespace

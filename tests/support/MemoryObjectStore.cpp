@@ -18,7 +18,9 @@ CFileSystemError objectError(int errnoValue, const char* action, const ObjectNam
 
 class CMemoryObjectStore::CLock : public zo::CBase, public zo::IFileSystemLock {
 public:
-    CLock(CMemoryObjectStore* store, Key key, bool exclusive) : m_store(store), m_key(std::move(key)), m_exclusive(exclusive) {}
+    CLock(CMemoryObjectStore* store, Key key, bool exclusive)
+        : m_store(store), m_key(std::move(key)), m_exclusive(exclusive)
+    {}
     ~CLock() override { m_store->unlock(m_key); }
     CLock(const CLock&) = delete;
     CLock& operator=(const CLock&) = delete;

@@ -10,11 +10,9 @@ namespace {
 
 class CMarkingListener : public zo::CBase, public zo::IDoneListener {
 public:
-    CMarkingListener(std::shared_ptr<PowerCutFileSystem::Change> change, std::mutex& mutex,
-                     zo::IDoneListener* listener)
+    CMarkingListener(std::shared_ptr<PowerCutFileSystem::Change> change, std::mutex& mutex, zo::IDoneListener* listener)
         : m_change(std::move(change)), m_mutex(mutex), m_listener(listener)
-    {
-    }
+    {}
     void onDone(const zo::CError* error) override
     {
         {
@@ -34,7 +32,8 @@ private:
 
 } // namespace
 
-PowerCutFileSystem::PowerCutFileSystem(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
+PowerCutFileSystem::PowerCutFileSystem(zo::IFileSystem* inner) : CForwardingFileSystem(inner)
+{}
 
 std::shared_ptr<PowerCutFileSystem::Change> PowerCutFileSystem::record(Change::Kind kind, const zo::CURI& path)
 {
@@ -52,8 +51,7 @@ std::shared_ptr<PowerCutFileSystem::Change> PowerCutFileSystem::record(Change::K
     return change;
 }
 
-zo::P<zo::IDoneListener> PowerCutFileSystem::marking(const std::shared_ptr<Change>& change,
-                                                     zo::IDoneListener* listener)
+zo::P<zo::IDoneListener> PowerCutFileSystem::marking(const std::shared_ptr<Change>& change, zo::IDoneListener* listener)
 {
     return zo::P<zo::IDoneListener>(new CMarkingListener(change, m_mutex, listener));
 }

@@ -30,7 +30,8 @@ Bytes fromHex(const std::string& hex)
 std::string decompressToText(zo::ICompressor& compressor, const Bytes& packed, int capacity)
 {
     std::string text(static_cast<size_t>(capacity), '\0');
-    text.resize(static_cast<size_t>(compressor.decompress(packed.data(), static_cast<int>(packed.size()), text.data(), capacity)));
+    text.resize(static_cast<size_t>(
+        compressor.decompress(packed.data(), static_cast<int>(packed.size()), text.data(), capacity)));
     return text;
 }
 
@@ -64,7 +65,12 @@ TEST(LZ4Compressor, ReadsBlockWithMatch)
 {
     // "abcabcabcabc...": literals "abc", then a match 3 back of length 9,
     // then the last 5 literals "abcab" the format requires.
-    const Bytes packed = fromHex("11000000" "35" "616263" "0300" "50" "6162636162");
+    const Bytes packed = fromHex("11000000"
+                                 "35"
+                                 "616263"
+                                 "0300"
+                                 "50"
+                                 "6162636162");
     zo::P<zo::CLZ4Compressor> compressor(new zo::CLZ4Compressor(true));
     EXPECT_EQ(decompressToText(*compressor, packed, 17), "abcabcabcabcabcab");
 }
@@ -105,8 +111,8 @@ Bytes literalBlock(const Bytes& plain)
 Bytes compressWith(zo::ICompressor& compressor, const Bytes& plain)
 {
     Bytes packed(static_cast<size_t>(compressor.getMaxCompressedSize(static_cast<int>(plain.size()))));
-    packed.resize(static_cast<size_t>(
-        compressor.compress(plain.data(), static_cast<int>(plain.size()), packed.data(), static_cast<int>(packed.size()))));
+    packed.resize(static_cast<size_t>(compressor.compress(plain.data(), static_cast<int>(plain.size()), packed.data(),
+                                                          static_cast<int>(packed.size()))));
     return packed;
 }
 
@@ -123,7 +129,8 @@ TEST(LZ4Compressor, HighCompressionWritesRandomBlocksAsLiteralsThatLZ4Decodes)
 
         Bytes decoded(plain.size());
         EXPECT_EQ(LZ4_decompress_safe(reinterpret_cast<const char*>(packed.data()) + 4,
-                                      reinterpret_cast<char*>(decoded.data()), static_cast<int>(packed.size()) - 4, size),
+                                      reinterpret_cast<char*>(decoded.data()), static_cast<int>(packed.size()) - 4,
+                                      size),
                   size);
         EXPECT_EQ(decoded, plain);
         Bytes restored(plain.size());
@@ -165,7 +172,8 @@ TEST(LZMACompressor, WritesXZStreamWithCRC32Check)
 {
     zo::P<zo::CLZMACompressor> compressor(new zo::CLZMACompressor(6, 0));
     Bytes packed(static_cast<size_t>(compressor->getMaxCompressedSize(11)));
-    packed.resize(static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), static_cast<int>(packed.size()))));
+    packed.resize(
+        static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), static_cast<int>(packed.size()))));
     ASSERT_GE(packed.size(), 24u);
     // Stream header magic and flags (check type 1, CRC32), footer magic.
     EXPECT_EQ(Bytes(packed.begin(), packed.begin() + 8), fromHex("fd377a585a000001"));
@@ -185,7 +193,8 @@ TEST(ZstdCompressor, WritesFrameWithSizeAndContentChecksum)
 {
     zo::P<zo::CZstdCompressor> compressor(new zo::CZstdCompressor(3));
     Bytes packed(static_cast<size_t>(compressor->getMaxCompressedSize(11)));
-    packed.resize(static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), static_cast<int>(packed.size()))));
+    packed.resize(
+        static_cast<size_t>(compressor->compress("hello brick", 11, packed.data(), static_cast<int>(packed.size()))));
     EXPECT_EQ(packed, fromHex("28b52ffd240b59000068656c6c6f20627269636be423e5cf"));
 }
 

@@ -18,8 +18,8 @@ Bytes compressWith(zo::ICompressor& compressor, const Bytes& plain)
 {
     const int bound = compressor.getMaxCompressedSize(static_cast<int>(plain.size()));
     Bytes packed(static_cast<size_t>(bound));
-    packed.resize(static_cast<size_t>(
-        compressor.compress(plain.data(), static_cast<int>(plain.size()), packed.data(), bound)));
+    packed.resize(
+        static_cast<size_t>(compressor.compress(plain.data(), static_cast<int>(plain.size()), packed.data(), bound)));
     return packed;
 }
 

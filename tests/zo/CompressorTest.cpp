@@ -147,11 +147,20 @@ TYPED_TEST(Compressor, RoundTripsEmptyBlock)
     EXPECT_EQ(this->compressor->decompress(packed.data(), static_cast<int>(packed.size()), nullptr, 0), 0);
 }
 
-TYPED_TEST(Compressor, RoundTripsOneByte) { this->expectRoundTrip(Bytes{0x7F}); }
+TYPED_TEST(Compressor, RoundTripsOneByte)
+{
+    this->expectRoundTrip(Bytes{0x7F});
+}
 
-TYPED_TEST(Compressor, RoundTripsBrickOfZeros) { this->expectRoundTrip(zeros(BrickSize)); }
+TYPED_TEST(Compressor, RoundTripsBrickOfZeros)
+{
+    this->expectRoundTrip(zeros(BrickSize));
+}
 
-TYPED_TEST(Compressor, RoundTripsTextLikeBrick) { this->expectRoundTrip(textLike(BrickSize, 1)); }
+TYPED_TEST(Compressor, RoundTripsTextLikeBrick)
+{
+    this->expectRoundTrip(textLike(BrickSize, 1));
+}
 
 TYPED_TEST(Compressor, RoundTripsRandomBrickWithinItsBound)
 {
@@ -168,8 +177,8 @@ TYPED_TEST(Compressor, DecompressesIntoLargerDestination)
 TYPED_TEST(Compressor, OneObjectServesManyBlocksInTurn)
 {
     // Reused internal state must never leak from one block into the next.
-    const Bytes blocks[] = {textLike(70000, 4), randomBytes(1000, 5), zeros(0), textLike(3, 6), zeros(100000),
-                            randomBytes(65536, 7)};
+    const Bytes blocks[] = {textLike(70000, 4), randomBytes(1000, 5), zeros(0),
+                            textLike(3, 6),     zeros(100000),        randomBytes(65536, 7)};
     for (int round = 0; round < 2; ++round)
         for (const Bytes& block : blocks)
             this->expectRoundTrip(block);
@@ -245,8 +254,8 @@ TYPED_TEST(Compressor, DamagedDataNeverWritesPastTheDestination)
         const Bytes damaged = damage(packed, round, rng);
         Bytes dst(static_cast<size_t>(capacity) + 64, 0xA5);
         try {
-            const int size = this->compressor->decompress(damaged.data(), static_cast<int>(damaged.size()), dst.data(),
-                                                          capacity);
+            const int size =
+                this->compressor->decompress(damaged.data(), static_cast<int>(damaged.size()), dst.data(), capacity);
             ASSERT_GE(size, 0);
             ASSERT_LE(size, capacity);
         } catch (const zo::CError&) {
@@ -267,8 +276,8 @@ TYPED_TEST(ChecksummedCompressor, DamagedDataNeverDecodesToWrongData)
         const Bytes damaged = damage(packed, round, rng);
         Bytes dst(static_cast<size_t>(capacity));
         try {
-            const int size = this->compressor->decompress(damaged.data(), static_cast<int>(damaged.size()), dst.data(),
-                                                          capacity);
+            const int size =
+                this->compressor->decompress(damaged.data(), static_cast<int>(damaged.size()), dst.data(), capacity);
             // A change the format ignores (an unused bit) may pass; wrong data never does.
             ASSERT_EQ(Bytes(dst.begin(), dst.begin() + size), plain) << "round " << round;
         } catch (const zo::CError&) {

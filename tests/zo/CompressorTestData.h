@@ -13,7 +13,10 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr int BrickSize = 524288;
 
-inline Bytes zeros(int size) { return Bytes(static_cast<size_t>(size), 0); }
+inline Bytes zeros(int size)
+{
+    return Bytes(static_cast<size_t>(size), 0);
+}
 
 inline Bytes randomBytes(int size, unsigned seed)
 {
@@ -28,9 +31,9 @@ inline Bytes randomBytes(int size, unsigned seed)
 // logs or documents, but not trivially so.
 inline Bytes textLike(int size, unsigned seed)
 {
-    static const char* const words[] = {"brick", "disk",  "folder", "the",   "a",     "header", "cipher", "key",
-                                        "write", "read",  "parent", "child", "zero",  "block",  "of",     "and",
-                                        "store", "load",  "stream", "cache", "ahead", "thread", "save",   "flush"};
+    static const char* const words[] = {"brick", "disk", "folder", "the",   "a",     "header", "cipher", "key",
+                                        "write", "read", "parent", "child", "zero",  "block",  "of",     "and",
+                                        "store", "load", "stream", "cache", "ahead", "thread", "save",   "flush"};
     std::mt19937 rng(seed);
     Bytes bytes;
     bytes.reserve(static_cast<size_t>(size));

@@ -1,5 +1,5 @@
-#include "zo/BufferStream.h"
 #include "zo/DataStream.h"
+#include "zo/BufferStream.h"
 #include "zo/Error.h"
 
 #include <gtest/gtest.h>
@@ -83,7 +83,8 @@ TEST(CDataOutStream, WritesRawBytesWithoutFraming)
 TEST(CDataInStream, ReadsLittleEndianIntegers)
 {
     TBuffer<uint8> storage;
-    P<CBufferStream> stream = readerOver({0x34, 0x12, 0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x81}, storage);
+    P<CBufferStream> stream =
+        readerOver({0x34, 0x12, 0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x81}, storage);
     CDataInStream in(stream.get());
     EXPECT_EQ(in.readInt16(), 0x1234);
     EXPECT_EQ(in.readInt32(), 0x01020304);

@@ -52,7 +52,9 @@ TEST(CError, DefaultsToEmptyDomainAndCodeMinusOne)
 TEST(CError, WhatIsUtf8OfMessage)
 {
     const CError error(zo::String(u"Gr\u00FC\u00DFe."));
-    EXPECT_STREQ(error.what(), "Gr\xC3\xBC\xC3\x9F" "e.");
+    EXPECT_STREQ(error.what(),
+                 "Gr\xC3\xBC\xC3\x9F"
+                 "e.");
 }
 
 TEST(CError, IsCaughtAsStdException)

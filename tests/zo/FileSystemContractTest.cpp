@@ -1,7 +1,7 @@
 // The file-system contract, checked against the local and the in-memory
 // file system, and the file system over an object store (one in memory).
-#include "objectstore/ObjectStoreFileSystem.h"
 #include "support/FileSystemContract.h"
+#include "objectstore/ObjectStoreFileSystem.h"
 #include "support/MemoryObjectStore.h"
 #include "support/TempFolder.h"
 #include "zo/LocalFileSystem.h"
@@ -18,7 +18,10 @@ struct LocalEnvironment {
 };
 
 struct MemoryEnvironment {
-    static P<CMemoryFileSystem> make(int threadCount) { return P<CMemoryFileSystem>(new CMemoryFileSystem(threadCount)); }
+    static P<CMemoryFileSystem> make(int threadCount)
+    {
+        return P<CMemoryFileSystem>(new CMemoryFileSystem(threadCount));
+    }
     CURI root() const { return CURI("/contract"); }
     MemoryEnvironment() { fs->createFolder(root(), folderMode); }
 

@@ -1,8 +1,8 @@
 // The names of the temporary files that the local file system's atomic store
 // writes before renaming them into place, and how leftovers are recognised. The helper is internal to the
 // library, so this test is built into brickdisk_internal_tests.
-#include "zo/String.h"
 #include "zo/detail/LocalFileStore.h"
+#include "zo/String.h"
 
 #include <gtest/gtest.h>
 

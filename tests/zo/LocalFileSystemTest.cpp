@@ -1,9 +1,9 @@
 // Behaviour of the local file system beyond the shared contract: the
 // temporary files of its stores, its sync switch, working-folder paths and
 // the details of its errors.
+#include "zo/LocalFileSystem.h"
 #include "support/TempFolder.h"
 #include "zo/BufferStream.h"
-#include "zo/LocalFileSystem.h"
 
 #include <gtest/gtest.h>
 
@@ -137,13 +137,16 @@ TEST_F(LocalFileSystemTest, BatchSyncCountsAFolderRemovedSinceItsStoreAsDone)
     fs->createFolder(temp.uri() << "kept", 0755);
     P<COutcomeListener> listener(new COutcomeListener());
     P<CSource> source(new CSource("brick"));
-    ASSERT_TRUE(fs->beginStoreFileBatched(temp.uri() << "gone" << "00.brick", 5, source.get(), false, listener.get())
+    ASSERT_TRUE(fs->beginStoreFileBatched(temp.uri() << "gone"
+                                                     << "00.brick",
+                                          5, source.get(), false, listener.get())
                     ->waitDone(waitMillis));
     ASSERT_FALSE(listener->getError());
     P<COutcomeListener> keptListener(new COutcomeListener());
     P<CSource> keptSource(new CSource("kept"));
-    ASSERT_TRUE(fs->beginStoreFileBatched(temp.uri() << "kept" << "00.brick", 4, keptSource.get(), false,
-                                          keptListener.get())
+    ASSERT_TRUE(fs->beginStoreFileBatched(temp.uri() << "kept"
+                                                     << "00.brick",
+                                          4, keptSource.get(), false, keptListener.get())
                     ->waitDone(waitMillis));
     ASSERT_FALSE(keptListener->getError());
     std::filesystem::remove_all(temp.path() + "/gone");
@@ -201,9 +204,14 @@ TEST_F(LocalFileSystemTest, SyncIsOnByDefaultAndOperationsWorkWithItTurnedOff)
     fs->setSyncEnabled(false);
     EXPECT_FALSE(fs->isSyncEnabled());
     fs->createFolder(temp.uri() << "d", folderMode);
-    EXPECT_FALSE(store(temp.uri() << "d" << "a", "unsynced", false));
+    EXPECT_FALSE(store(temp.uri() << "d"
+                                  << "a",
+                       "unsynced", false));
     P<COutcomeListener> listener(new COutcomeListener());
-    ASSERT_TRUE(fs->beginMoveFile(temp.uri() << "d" << "a", temp.uri() << "b", false, listener.get())->waitDone(waitMillis));
+    ASSERT_TRUE(fs->beginMoveFile(temp.uri() << "d"
+                                             << "a",
+                                  temp.uri() << "b", false, listener.get())
+                    ->waitDone(waitMillis));
     EXPECT_FALSE(listener->getError());
     {
         P<IIOStream> stream = fs->openStream(temp.uri() << "c", IIOStream::AccessWrite, IIOStream::OptionReplace);
@@ -311,7 +319,6 @@ TEST_F(LocalFileSystemTest, PathExistsCountsADanglingSymbolicLink)
     EXPECT_FALSE(fs->fileExists(temp.uri() << "link"));
 }
 
-
 // --- copies, locks and leftovers ---
 
 class LocalFileSystemCopyTest : public LocalFileSystemTest {
@@ -319,7 +326,8 @@ protected:
     P<CError> copy(const std::string& from, const std::string& to, bool overwrite)
     {
         P<COutcomeListener> listener(new COutcomeListener());
-        EXPECT_TRUE(fs->beginCopyFile(CURI(String(from)), CURI(String(to)), overwrite, listener.get())->waitDone(waitMillis));
+        EXPECT_TRUE(
+            fs->beginCopyFile(CURI(String(from)), CURI(String(to)), overwrite, listener.get())->waitDone(waitMillis));
         EXPECT_EQ(listener->getCalls(), 1);
         return listener->getError();
     }
@@ -426,9 +434,7 @@ TEST_F(LocalFileSystemTest, LockOfAKilledProcessIsReleasedAtOnce)
 TEST_F(LocalFileSystemTest, RemoveTemporaryFilesRemovesOnlyTheLeftoversOfStoresInTheWholeTree)
 {
     std::filesystem::create_directories(temp.path() + "/bricks/b000/a000");
-    const auto touch = [&](const std::string& relative) {
-        std::ofstream(temp.path() + "/" + relative) << "x";
-    };
+    const auto touch = [&](const std::string& relative) { std::ofstream(temp.path() + "/" + relative) << "x"; };
     touch("disk.brickdisk");
     touch("bricks/b000/a000/00.brick");
     touch("bricks/b000/a000/" + testsupport::storeLeftoverName("01.brick"));

@@ -1,5 +1,5 @@
-#include "zo/Error.h"
 #include "zo/Log.h"
+#include "zo/Error.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +22,9 @@ class CapturedLog {
 public:
     CapturedLog()
     {
-        m_previous = zo::setLogSink([this](LogLevel level, const String& line) { lines.push_back({level, line.toUTF8()}); });
+        m_previous = zo::setLogSink([this](LogLevel level, const String& line) {
+            lines.push_back({level, line.toUTF8()});
+        });
     }
     ~CapturedLog() { zo::setLogSink(m_previous); }
 

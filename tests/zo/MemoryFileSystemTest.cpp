@@ -1,8 +1,8 @@
 // Behaviour of the in-memory file system beyond the shared contract: injected
 // failures, counters and the operation log, delayed completions, direct
 // access to file contents, roots and relative paths.
-#include "zo/BufferStream.h"
 #include "zo/MemoryFileSystem.h"
+#include "zo/BufferStream.h"
 
 #include <gtest/gtest.h>
 
@@ -27,8 +27,7 @@ public:
     explicit COutcomeListener(std::string tag = std::string(), std::vector<std::string>* order = nullptr,
                               std::mutex* orderMutex = nullptr)
         : m_tag(std::move(tag)), m_order(order), m_orderMutex(orderMutex)
-    {
-    }
+    {}
     void onDone(const CError* error) override
     {
         if (m_order) {
@@ -81,7 +80,8 @@ TBuffer<uint8> bufferOf(const std::string& bytes)
 
 std::string textOf(const P<TBuffer<uint8>>& data)
 {
-    return data ? std::string(reinterpret_cast<const char*>(data->getData()), static_cast<size_t>(data->getUsed())) : "<none>";
+    return data ? std::string(reinterpret_cast<const char*>(data->getData()), static_cast<size_t>(data->getUsed()))
+                : "<none>";
 }
 
 int problemOf(const P<CError>& error)
@@ -112,7 +112,8 @@ protected:
     {
         P<COutcomeListener> listener(new COutcomeListener());
         const P<IInStream> source = makeSource(bytes);
-        return finish(fs->beginStoreFile(file, static_cast<int>(bytes.size()), source.get(), overwrite, listener.get()), *listener);
+        return finish(fs->beginStoreFile(file, static_cast<int>(bytes.size()), source.get(), overwrite, listener.get()),
+                      *listener);
     }
     P<CError> createFolderAsync(const CURI& folder)
     {
@@ -288,16 +289,17 @@ TEST_F(MemoryFileSystemTest, CountersAndTheLogFollowTheOperationsInTheOrderStart
     fs->fileExists("/d/disk.brickdisk");
     fs->pathExists("/d");
     fs->deleteFile("/d/x", true);
-    EXPECT_EQ(log(), (std::vector<std::string>{
-                         "createFolderSync /d/bricks",
-                         "storeFile /d/bricks/00.brick",
-                         "moveFile /d/bricks/00.brick -> /c/bricks/00.brick",
-                         "createFolder /d/bricks/a00",
-                         "deleteFile /d/bricks/00.brick",
-                         "fileExists /d/disk.brickdisk",
-                         "pathExists /d",
-                         "deleteFileSync /d/x",
-                     }));
+    EXPECT_EQ(log(),
+              (std::vector<std::string>{
+                  "createFolderSync /d/bricks",
+                  "storeFile /d/bricks/00.brick",
+                  "moveFile /d/bricks/00.brick -> /c/bricks/00.brick",
+                  "createFolder /d/bricks/a00",
+                  "deleteFile /d/bricks/00.brick",
+                  "fileExists /d/disk.brickdisk",
+                  "pathExists /d",
+                  "deleteFileSync /d/x",
+              }));
     EXPECT_EQ(fs->getOperationCount(Operation::StoreFile), 1);
     EXPECT_EQ(fs->getOperationCount(Operation::MoveFile), 1);
     EXPECT_EQ(fs->getOperationCount(Operation::CreateFolder), 1);

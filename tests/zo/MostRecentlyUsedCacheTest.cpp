@@ -1,5 +1,5 @@
-#include "zo/Buffer.h"
 #include "zo/MostRecentlyUsedCache.h"
+#include "zo/Buffer.h"
 
 #include <gtest/gtest.h>
 

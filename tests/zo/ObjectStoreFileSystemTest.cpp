@@ -137,9 +137,8 @@ TEST_F(ObjectStoreFileSystemTest, AFileInAMissingFolderInsideAFolderItCreatedIsM
 TEST_F(ObjectStoreFileSystemTest, StoreIntoAMissingFolderInAFolderItCreatedFailsWithoutListing)
 {
     fs->createFolder(path("disk/bricks"), folderMode);
-    const auto calls = callsOf([&] {
-        EXPECT_EQ(store(*fs, path("disk/bricks/a00/b00.brick"), "brick", true), CFileSystemError::NotFound);
-    });
+    const auto calls = callsOf(
+        [&] { EXPECT_EQ(store(*fs, path("disk/bricks/a00/b00.brick"), "brick", true), CFileSystemError::NotFound); });
     EXPECT_EQ(calls.total(), 0);
 }
 
@@ -235,7 +234,8 @@ TEST_F(ObjectStoreFileSystemTest, MissingFilesOfAFolderCostTheFirstReadAndOneLis
     fs->createFolder(path("disk/bricks"), folderMode);
     ASSERT_EQ(store(*fs, path("disk/bricks/b01.brick"), "brick", true), -1);
     const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
-    const auto first = callsOf([&] { EXPECT_EQ(openToRead(*other, path("disk/bricks/b00.brick")), CFileSystemError::NotFound); });
+    const auto first =
+        callsOf([&] { EXPECT_EQ(openToRead(*other, path("disk/bricks/b00.brick")), CFileSystemError::NotFound); });
     EXPECT_EQ(first.reads, 1);
     EXPECT_EQ(first.lists, 1);
     EXPECT_EQ(first.total(), 2);
@@ -252,7 +252,8 @@ TEST_F(ObjectStoreFileSystemTest, MissingFilesOfAFolderCostTheFirstReadAndOneLis
 TEST_F(ObjectStoreFileSystemTest, AMissingFileInAFolderItCreatedCostsNothingToOpen)
 {
     fs->createFolder(path("disk/bricks"), folderMode);
-    const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), CFileSystemError::NotFound); });
+    const auto calls =
+        callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), CFileSystemError::NotFound); });
     EXPECT_EQ(calls.total(), 0);
     ASSERT_EQ(store(*fs, path("disk/bricks/b00.brick"), "brick", true), -1);
     EXPECT_EQ(openToRead(*fs, path("disk/bricks/b00.brick")), -1);
@@ -309,7 +310,8 @@ TEST_F(ObjectStoreFileSystemTest, AFolderLongerThanOneListingLooksForAMarkerAtEa
     for (const char* key : {"disk/b00.brick", "disk/b01.brick", "disk/b02.brick"})
         objects->putBehindTheBack(object(key), "brick");
     for (int round = 0; round < 2; ++round) {
-        const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b03.brick")), CFileSystemError::NotFound); });
+        const auto calls =
+            callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b03.brick")), CFileSystemError::NotFound); });
         EXPECT_EQ(calls.reads, 1);
         EXPECT_EQ(calls.stats, 1) << "the marker of disk/b03.brick/";
     }
@@ -320,7 +322,8 @@ TEST_F(ObjectStoreFileSystemTest, AStoreWithoutLevelListingsLooksForAMarkerAtEac
     objects->setLevelPageSize(0);
     objects->putBehindTheBack(object("disk/b00.brick"), "brick");
     for (int round = 0; round < 2; ++round) {
-        const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b01.brick")), CFileSystemError::NotFound); });
+        const auto calls =
+            callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b01.brick")), CFileSystemError::NotFound); });
         EXPECT_EQ(calls.reads, 1);
         EXPECT_EQ(calls.stats, 1);
         EXPECT_EQ(calls.lists, 0);
@@ -368,7 +371,8 @@ TEST_F(ObjectStoreFileSystemTest, AListingTheStoreRefusesFallsBackToTheFolderMar
     objects->denyLevelListings(true);
     objects->putBehindTheBack(object("disk/bricks/"), "");
     for (int round = 0; round < 2; ++round) {
-        const auto calls = callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b00.brick")), CFileSystemError::NotFound); });
+        const auto calls =
+            callsOf([&] { EXPECT_EQ(openToRead(*fs, path("disk/b00.brick")), CFileSystemError::NotFound); });
         EXPECT_EQ(calls.reads, 1);
         EXPECT_EQ(calls.lists, round == 0 ? 1 : 0) << "a refused listing is not tried again";
         EXPECT_EQ(calls.stats, 1) << "the marker of disk/b00.brick/";

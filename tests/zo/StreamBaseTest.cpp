@@ -1,7 +1,7 @@
 // The defaults of CInStreamBase and CStreamBase, seen through a small stream
 // that implements only the calls the bases leave to it.
-#include "zo/Error.h"
 #include "zo/StreamBase.h"
+#include "zo/Error.h"
 #include "zo/URI.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,9 @@ namespace {
 // Bytes in a string; readLax and write are its own, the rest comes from the base.
 class CStringStream : public CStreamBase {
 public:
-    CStringStream(std::string bytes, CURI uri) : CStreamBase("String stream"), m_bytes(std::move(bytes)), m_uri(std::move(uri)) {}
+    CStringStream(std::string bytes, CURI uri)
+        : CStreamBase("String stream"), m_bytes(std::move(bytes)), m_uri(std::move(uri))
+    {}
 
     int64 getLength() override { return static_cast<int64>(m_bytes.size()); }
     int64 getPosition() override { return m_position; }

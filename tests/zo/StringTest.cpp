@@ -1,5 +1,5 @@
-#include "zo/Error.h"
 #include "zo/String.h"
+#include "zo/Error.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-#include "zo/Error.h"
 #include "zo/Time.h"
+#include "zo/Error.h"
 
 #include <gtest/gtest.h>
 
@@ -92,11 +92,13 @@ TEST(CTime, ComparesByPointInTime)
 
 TEST(CTime, NowFollowsTheSystemClock)
 {
-    const auto before = std::chrono::duration_cast<std::chrono::microseconds>(
-                            std::chrono::system_clock::now().time_since_epoch()).count();
+    const auto before =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     const CTime now = CTime::now();
-    const auto after = std::chrono::duration_cast<std::chrono::microseconds>(
-                           std::chrono::system_clock::now().time_since_epoch()).count();
+    const auto after =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     EXPECT_GE(now.toMicros(), before);
     EXPECT_LE(now.toMicros(), after);
 }

@@ -1,5 +1,5 @@
-#include "zo/Error.h"
 #include "zo/URI.h"
+#include "zo/Error.h"
 
 #include <gtest/gtest.h>
 
@@ -40,7 +40,10 @@ TEST(CURI, AppendsOneComponentWithSeparator)
     EXPECT_EQ(text(CURI("/") << "bricks"), "/bricks");
     EXPECT_EQ(text(CURI() << "bricks"), "bricks");
     EXPECT_EQ(text(CURI("/disk") << ""), "/disk");
-    EXPECT_EQ(text(CURI("/disk") << "bricks" << "b001" << "a023"), "/disk/bricks/b001/a023");
+    EXPECT_EQ(text(CURI("/disk") << "bricks"
+                                 << "b001"
+                                 << "a023"),
+              "/disk/bricks/b001/a023");
 }
 
 TEST(CURI, AppendingLeavesOriginalUnchanged)

@@ -1,8 +1,8 @@
 // CWorkerPool: every job runs, the first error goes back to the caller after
 // the rest have stopped, and destruction joins the workers.
+#include "zo/WorkerPool.h"
 #include "zo/Error.h"
 #include "zo/Signal.h"
-#include "zo/WorkerPool.h"
 
 #include <gtest/gtest.h>
 

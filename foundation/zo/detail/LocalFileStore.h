@@ -9,9 +9,9 @@ namespace zo {
 
 // How much of a store is durable when storeLocalFile returns.
 enum class LocalStoreSync {
-    None,    // nothing is synced
+    None, // nothing is synced
     Content, // the file's bytes (fdatasync before the rename), not its folder entry
-    Full,    // the file's bytes and its folder entry (fsync of the folder after the rename)
+    Full, // the file's bytes and its folder entry (fsync of the folder after the rename)
 };
 
 // Stores exactly `size` bytes of `source` as `file`. With `overwrite` an

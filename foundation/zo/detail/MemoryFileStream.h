@@ -5,10 +5,10 @@
 // and to every other stream on the same file. Used by one thread at a time.
 #pragma once
 
-#include "zo/detail/MemoryFileStore.h"
 #include "zo/Stream.h"
 #include "zo/StreamBase.h"
 #include "zo/URI.h"
+#include "zo/detail/MemoryFileStore.h"
 
 namespace zo {
 

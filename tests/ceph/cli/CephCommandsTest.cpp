@@ -7,8 +7,8 @@
 
 namespace {
 
-using clitest::RunResult;
 using clitest::readFile;
+using clitest::RunResult;
 using clitest::writeFile;
 
 struct CephStore {
@@ -49,7 +49,8 @@ TEST_F(CephCommandsTest, AWrongKeyIsRefusedWithAClearError)
     if (!keyringVariable.empty())
         ::setenv("CEPH_KEYRING", keyringVariable.c_str(), 1);
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_NE(result.err.find("connect to the Ceph cluster failed: Permission denied"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("connect to the Ceph cluster failed: Permission denied"), std::string::npos)
+        << result.err;
 }
 
 } // namespace

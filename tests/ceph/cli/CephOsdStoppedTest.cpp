@@ -18,8 +18,8 @@
 
 namespace {
 
-using clitest::RunResult;
 using clitest::readFile;
+using clitest::RunResult;
 using clitest::writeFile;
 
 // What the cluster of the test says of its health, for a failure message.
@@ -103,7 +103,7 @@ private:
     std::string scriptCommand(const std::string& action) const
     {
         return "BRICKDISK_CEPH_DIR=" + m_dir + " BRICKDISK_CEPH_RGW=0 BRICKDISK_CEPH_STORE_BYTES=1073741824 " +
-               BRICKDISK_CEPH_CLUSTER_SCRIPT + " " + action + " >/dev/null";
+            BRICKDISK_CEPH_CLUSTER_SCRIPT + " " + action + " >/dev/null";
     }
     void saveVariable(const char* name)
     {
@@ -140,8 +140,7 @@ protected:
                 return;
             std::this_thread::sleep_for(std::chrono::seconds(3));
         }
-        ADD_FAILURE() << "the disk did not become usable again: " << last.err << last.out
-                      << "the cluster:\n"
+        ADD_FAILURE() << "the disk did not become usable again: " << last.err << last.out << "the cluster:\n"
                       << clusterHealth();
     }
 

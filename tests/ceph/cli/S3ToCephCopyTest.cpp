@@ -39,8 +39,8 @@ TEST_F(S3ToCephCopyTest, ChainOfFiveSnapshotsCopiedFromS3ToRadosExportsExactly)
 {
     constexpr size_t size = 1024 * 1024;
     const std::string source = s3Folder + "/disk";
-    runOk({"create", source, "--size", std::to_string(size), "--brick-size", "64K", "--kdf", "argon2id",
-           "--kdf-memory", "64K", "--kdf-passes", "1"});
+    runOk({"create", source, "--size", std::to_string(size), "--brick-size", "64K", "--kdf", "argon2id", "--kdf-memory",
+           "64K", "--kdf-passes", "1"});
     std::string image = clitest::makeImage(size, 81);
     std::vector<std::string> disks{"disk"};
     for (int i = 1; i <= 6; ++i) {

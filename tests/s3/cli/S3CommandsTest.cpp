@@ -13,18 +13,15 @@
 
 namespace {
 
-using clitest::RunResult;
 using clitest::readFile;
+using clitest::RunResult;
 using clitest::writeFile;
 
 struct S3Store {
     static constexpr const char* kLockLeaseOption = "--s3-lock-lease";
     static zo::CURI uniqueFolder(const std::string& label) { return testsupport::uniqueS3Folder(label); }
     static void removeFolder(const zo::CURI& folder) { testsupport::removeS3Folder(folder); }
-    static void prepareEnvironment()
-    {
-        ::setenv("AWS_ENDPOINT_URL", testsupport::s3TestOptions().endpoint.c_str(), 1);
-    }
+    static void prepareEnvironment() { ::setenv("AWS_ENDPOINT_URL", testsupport::s3TestOptions().endpoint.c_str(), 1); }
 };
 
 INSTANTIATE_TYPED_TEST_SUITE_P(S3, StoreCommandsContractTest, ::testing::Types<S3Store>);
@@ -85,8 +82,8 @@ TEST_F(S3CommandsTest, AMissingBucketIsReportedAsSuch)
     // The endpoint given only on the command line.
     const std::string endpoint = testsupport::s3TestOptions().endpoint;
     ::unsetenv("AWS_ENDPOINT_URL");
-    const RunResult result = runWithPassword(
-        {"--s3-endpoint", endpoint, "create", "s3://brickdisk-no-such-bucket/disk", "--size", "1M"});
+    const RunResult result =
+        runWithPassword({"--s3-endpoint", endpoint, "create", "s3://brickdisk-no-such-bucket/disk", "--size", "1M"});
     ::setenv("AWS_ENDPOINT_URL", endpoint.c_str(), 1);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_NE(result.err.find("The bucket does not exist."), std::string::npos) << result.err;
@@ -107,8 +104,9 @@ TEST_F(S3CommandsTest, KeysFromAProfileFileAreUsed)
 {
     const std::string id = std::getenv("AWS_ACCESS_KEY_ID");
     const std::string secret = std::getenv("AWS_SECRET_ACCESS_KEY");
-    writeFile(path("credentials"), "[other]\naws_access_key_id = wrong\n\n[tests]\naws_access_key_id = " + id +
-                                       "\naws_secret_access_key = " + secret + "\n");
+    writeFile(path("credentials"),
+              "[other]\naws_access_key_id = wrong\n\n[tests]\naws_access_key_id = " + id +
+                  "\naws_secret_access_key = " + secret + "\n");
     ::unsetenv("AWS_ACCESS_KEY_ID");
     ::unsetenv("AWS_SECRET_ACCESS_KEY");
     ::setenv("AWS_SHARED_CREDENTIALS_FILE", path("credentials").c_str(), 1);

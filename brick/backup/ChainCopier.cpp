@@ -1,0 +1,700 @@
+#include "brick/backup/ChainCopier.h"
+
+#include "brick/backup/RetentionPlan.h"
+#include "brick/chain/BrickDisk.h"
+#include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/DiskStore.h"
+#include "brick/detail/BrickFileLayout.h"
+#include "brick/detail/FolderMode.h"
+#include "brick/detail/WaitingListener.h"
+#include "brick/format/BrickDiskAuxFileBase.h"
+#include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskLink.h"
+#include "brick/format/BrickTree.h"
+
+#include "seal/Digest.h"
+#include "zo/Buffer.h"
+#include "zo/Error.h"
+#include "zo/WorkerPool.h"
+
+#include <algorithm>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+
+namespace brick {
+
+using zo::CError;
+using zo::CURI;
+using zo::String;
+
+namespace {
+
+// The outer digest (or tag) of a brick file ends it and is at most as long as
+// a SHA-256 or HMAC-SHA256 digest (an MD5 digest and a cipher's tag are
+// shorter): comparing this many last bytes compares the digests.
+constexpr int kBrickFileTailSize = layout::kIndexBoundDigestSize;
+
+// A brick file of the source and the destination's file of that brick.
+struct Candidate {
+    CBrickTree::BrickFile brick;
+    std::optional<CBrickTree::BrickFile> held;
+};
+
+// One disk of the copy: its folder in the source and in the destination.
+struct DiskPlan {
+    CURI source;
+    CURI destination;
+    CBrickDiskHeader header;
+    // The destination holds it as a member of its chain already.
+    bool existing = false;
+};
+
+zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64 offset, zo::int64 size)
+{
+    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, 0);
+    zo::TBuffer<zo::uint8> bytes(static_cast<int>(size));
+    stream->seek(offset);
+    stream->read(bytes.getData(), static_cast<int>(size));
+    return bytes;
+}
+
+// The last bytes of a brick file, which hold its outer digest.
+zo::TBuffer<zo::uint8> readTail(zo::IFileSystem* fs, const CURI& file, zo::int64 size)
+{
+    const zo::int64 tail = std::min<zo::int64>(size, kBrickFileTailSize);
+    return readFile(fs, file, size - tail, tail);
+}
+
+// The digest type of the brick files of a disk whose header names a plain
+// checksum ("md5", "sha256"), which checks their outer digest without the
+// key; null for a keyed one.
+zo::P<seal::IDigestType> plainDigestOf(const CBrickDiskHeader& header)
+{
+    const String id = header.getCheckSumHashID();
+    if (id != String("md5") && id != String("sha256"))
+        return nullptr;
+    return seal::CDigestManager().getType(id);
+}
+
+// True when the last bytes of a brick file are the digest of all the bytes
+// before them (a file too short to hold one does not match).
+bool matchesOuterDigest(const zo::TBuffer<zo::uint8>& bytes, const seal::IDigestType& type)
+{
+    const int size = type.getSize();
+    if (bytes.getUsed() < size)
+        return false;
+    const zo::P<seal::IDigestContext> context = type.createContext();
+    context->update(bytes.getData(), bytes.getUsed() - size);
+    context->finish();
+    return std::equal(context->getDigest(), context->getDigest() + size, bytes.getData() + bytes.getUsed() - size);
+}
+
+// The header's record name, "disk.brickdisk".
+String headerRecordName()
+{
+    return CBrickDiskHeader::getHeaderURI(CURI("."), 0).getName();
+}
+
+bool recordExists(zo::IFileSystem* fs, const CURI& folder, const String& name)
+{
+    return fs->fileExists(CBrickDiskAuxFileBase::getAuxFileURI(folder, name, 0)) ||
+        fs->fileExists(CBrickDiskAuxFileBase::getAuxFileURI(folder, name, 1));
+}
+
+void deleteRecord(zo::IFileSystem* fs, const CURI& folder, const String& name)
+{
+    for (int copy = 0; copy < 2; ++copy)
+        fs->deleteFile(CBrickDiskAuxFileBase::getAuxFileURI(folder, name, copy), true);
+}
+
+// True when `folder` holds anything but the lock file of the folder lock
+// (which the caller may take on a new destination before it copies).
+bool holdsFiles(zo::IFileSystem* fs, const CURI& folder)
+{
+    for (const String& name : fs->listFolder(folder))
+        if (name != String(".lock"))
+            return true;
+    return false;
+}
+
+// Leading ".." components of a normalized relative path.
+int countUpSteps(const CURI& relative)
+{
+    const std::string text = relative.toString(true).toUTF8();
+    int steps = 0;
+    for (std::size_t at = 0; text.compare(at, 2, "..") == 0 && (at + 2 == text.size() || text[at + 2] == '/'); at += 3)
+        ++steps;
+    return steps;
+}
+
+// True when a folder at `relative` (normalized) from a folder `depth` levels
+// below its store's root lies above that root or is the root itself: a
+// snapshot needs a folder inside the store, at any level of it.
+bool landsAboveRoot(const CURI& relative, int depth)
+{
+    const int steps = countUpSteps(relative);
+    const bool onlyUpSteps = relative.toString(true).toUTF8().size() == static_cast<std::size_t>(3 * steps - 1);
+    return steps > depth || (steps == depth && onlyUpSteps);
+}
+
+// How many folders below its store's root `folder` lies: below "/" for a
+// local folder, below the pool or bucket for "rados://" and "s3://".
+int depthInStore(const CURI& folder)
+{
+    std::string text = folder.toNormalized().toString(true).toUTF8();
+    const std::size_t scheme = text.find("://");
+    int skipped = 0;
+    if (scheme != std::string::npos) {
+        text = text.substr(scheme + 3);
+        skipped = 1;
+    }
+    int depth = 0;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const std::size_t end = std::min(text.find('/', at), text.size());
+        depth += end > at ? 1 : 0;
+        at = end + 1;
+    }
+    return depth - skipped;
+}
+
+bool isSameOrBelow(const CURI& path, const CURI& folder)
+{
+    const std::string a = path.toNormalized().toString(true).toUTF8();
+    const std::string b = folder.toNormalized().toString(true).toUTF8();
+    return a == b || (a.size() > b.size() && a.compare(0, b.size(), b) == 0 && (b.back() == '/' || a[b.size()] == '/'));
+}
+
+// Removes the temporary files that a store or copy into `folder` left
+// behind when an earlier copy was killed (a snapshot's creating mark cut
+// short leaves one): they are no part of any disk, and would otherwise make
+// the folder look as if it held other files. The caller holds the
+// destination's exclusive lock; a dry run changes nothing.
+void removeLeftovers(zo::IFileSystem* fs, const CURI& folder, const CChainCopier::Options& options)
+{
+    if (!options.dryRun && fs->folderExists(folder))
+        fs->removeTemporaryFiles(folder);
+}
+
+CError copyError(const String& message, const CURI& source, const CURI& destination)
+{
+    return CError(
+        message, String(), -1,
+        zo::CProps().add("diskFolder", source.toString(true)).add("destinationFolder", destination.toString(true)));
+}
+
+class CCopyRun {
+public:
+    CCopyRun(zo::IFileSystem* sourceFs, zo::IFileSystem* destinationFs, const CChainCopier::Options& options)
+        : m_sourceFs(sourceFs), m_destinationFs(destinationFs), m_options(options)
+    {}
+
+    CChainCopier::Summary& summary() { return m_summary; }
+    const std::vector<std::string>& problems() const { return m_problems; }
+
+    // Brings the brick files of `disk` in the destination to those of its
+    // source; with `deleteOthers`, removes the files that the source lacks
+    // after every file has been sent.
+    void syncBricks(const DiskPlan& disk, bool deleteOthers)
+    {
+        const std::vector<CBrickTree::BrickFile> sourceBricks =
+            CBrickTree::list(m_sourceFs, disk.source, disk.header).bricks;
+        std::map<zo::int64, CBrickTree::BrickFile> held;
+        if (m_destinationFs->folderExists(disk.destination)) {
+            const CBrickTree::Listing listing = CBrickTree::list(m_destinationFs, disk.destination, disk.header);
+            for (const CBrickTree::BrickFile& brick : listing.bricks)
+                held.emplace(brick.index, brick);
+        }
+
+        std::vector<Candidate> candidates;
+        for (const CBrickTree::BrickFile& brick : sourceBricks) {
+            Candidate candidate{brick, std::nullopt};
+            const auto found = held.find(brick.index);
+            if (found != held.end()) {
+                candidate.held = found->second;
+                held.erase(found);
+            }
+            candidates.push_back(candidate);
+        }
+        sendFiles(disk, candidates);
+        if (!deleteOthers)
+            return;
+        for (const auto& [index, brick] : held) {
+            if (m_options.checkpoint)
+                m_options.checkpoint();
+            if (!m_options.dryRun)
+                m_destinationFs->deleteFile(brick.path, true);
+            ++m_summary.filesDeleted;
+        }
+    }
+
+    // Makes the destination's record `name` of `disk` hold the source's
+    // bytes; a record the source lacks is deleted when `deleteMissing`.
+    void syncRecord(const DiskPlan& disk, const String& name, bool deleteMissing)
+    {
+        if (!recordExists(m_sourceFs, disk.source, name)) {
+            if (deleteMissing && recordExists(m_destinationFs, disk.destination, name)) {
+                if (!m_options.dryRun)
+                    deleteRecord(m_destinationFs, disk.destination, name);
+                ++m_summary.recordsWritten;
+            }
+            return;
+        }
+        const zo::P<zo::TBuffer<zo::uint8>> payload = CBrickDiskAuxFileBase::loadAuxFile(m_sourceFs, disk.source, name);
+        if (recordExists(m_destinationFs, disk.destination, name)) {
+            bool same = false;
+            try {
+                same = *CBrickDiskAuxFileBase::loadAuxFile(m_destinationFs, disk.destination, name) == *payload;
+            } catch (const CError&) {
+                // A record that does not load is written again.
+            }
+            if (same)
+                return;
+        }
+        if (!m_options.dryRun)
+            CBrickDiskAuxFileBase::storeAuxFile(m_destinationFs, disk.destination, name, *payload);
+        ++m_summary.recordsWritten;
+    }
+
+    // Makes `disk` in the destination as its source is, under the creating
+    // mark, which stays until the copy ends (finishDisk): a disk cut short
+    // in the making is refused by every opening.
+    void makeDisk(const DiskPlan& disk, const std::set<CURI>& destinationDisks)
+    {
+        if (m_options.checkpoint)
+            m_options.checkpoint();
+        m_summary.disksMade.push_back(disk.destination);
+        const String mark = CBrickDisk::getCreatingMarkFileName();
+        if (!m_options.dryRun) {
+            m_destinationFs->createFolder(disk.destination, kFolderMode);
+            if (!recordExists(m_destinationFs, disk.destination, mark)) {
+                // The mark names the disk's parent, as createChild's does;
+                // the top names itself.
+                const String parentLink = CBrickDisk::getParentLinkFileName();
+                if (recordExists(m_sourceFs, disk.source, parentLink)) {
+                    CBrickDiskAuxFileBase::storeAuxFile(
+                        m_destinationFs, disk.destination, mark,
+                        *CBrickDiskAuxFileBase::loadAuxFile(m_sourceFs, disk.source, parentLink));
+                } else {
+                    CBrickDiskLink self;
+                    self.setTargetURI(CURI("."));
+                    self.store(m_destinationFs, disk.destination, mark);
+                }
+            }
+        }
+        syncBricks(disk, true);
+        syncRecord(disk, CBrickDiskCreationTime::getFileName(), true);
+        syncRecord(disk, headerRecordName(), false);
+        syncRecord(disk, CBrickDisk::getParentLinkFileName(), true);
+        syncChildLink(disk, destinationDisks);
+    }
+
+    // Removes the creating mark of `disk`, once it and every newer disk of
+    // the destination are whole.
+    void finishDisk(const DiskPlan& disk)
+    {
+        if (!m_options.dryRun &&
+            CBrickDisk::getCompletion(m_destinationFs, disk.destination) == CBrickDisk::CreationUnfinished)
+            deleteRecord(m_destinationFs, disk.destination, CBrickDisk::getCreatingMarkFileName());
+    }
+
+    // The child link is copied when the disk it names is copied too; a disk
+    // whose older snapshots stay behind has none.
+    void syncChildLink(const DiskPlan& disk, const std::set<CURI>& destinationDisks)
+    {
+        const String child = CBrickDisk::getChildLinkFileName();
+        const CURI sourceChild = CBrickDiskChain::loadLinkedFolder(m_sourceFs, disk.source, child);
+        const bool copied = !sourceChild.isEmpty() &&
+            destinationDisks.count((disk.destination << sourceChild.toRelative(disk.source)).toNormalized()) > 0;
+        if (copied) {
+            syncRecord(disk, child, true);
+        } else if (recordExists(m_destinationFs, disk.destination, child)) {
+            if (!m_options.dryRun)
+                deleteRecord(m_destinationFs, disk.destination, child);
+            ++m_summary.recordsWritten;
+        }
+    }
+
+    // Reads back every record of `disk` in the destination.
+    void verifyRecords(const DiskPlan& disk)
+    {
+        for (const String& name : {headerRecordName(), CBrickDisk::getParentLinkFileName(),
+                                   CBrickDisk::getChildLinkFileName(), CBrickDiskCreationTime::getFileName()}) {
+            if (!recordExists(m_sourceFs, disk.source, name) && !recordExists(m_destinationFs, disk.destination, name))
+                continue;
+            try {
+                CBrickDiskAuxFileBase::loadAuxFile(m_destinationFs, disk.destination, name);
+            } catch (const CError& e) {
+                addProblem((disk.destination << name).toString(true).toUTF8() + ": " + e.getMessage().toUTF8());
+            }
+        }
+    }
+
+private:
+    void addProblem(const std::string& problem)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_problems.push_back(problem);
+    }
+
+    // True when the destination holds the candidate's bytes already: the
+    // same size and the same outer digest.
+    bool isHeld(const Candidate& candidate) const
+    {
+        return candidate.held && candidate.held->size == candidate.brick.size &&
+            readTail(m_sourceFs, candidate.brick.path, candidate.brick.size) ==
+            readTail(m_destinationFs, candidate.held->path, candidate.held->size);
+    }
+
+    // Sends one brick file: read whole, checked against its outer digest
+    // where that needs no key, then stored atomically in place of whatever
+    // the destination held; with verify, read back and compared.
+    void sendFile(const DiskPlan& disk, const CBrickTree::BrickFile& brick, const seal::IDigestType* digest)
+    {
+        const CURI target = disk.destination << brick.path.toRelative(disk.source);
+        const zo::TBuffer<zo::uint8> bytes = readFile(m_sourceFs, brick.path, 0, brick.size);
+        if (digest && !matchesOuterDigest(bytes, *digest)) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_summary.damagedFiles.push_back(brick.path);
+        }
+        m_destinationFs->createFolder(target.getParent(), kFolderMode);
+        detail::replaceFileAndWait(m_destinationFs, target, bytes);
+        if (!m_options.verify)
+            return;
+        bool same = false;
+        try {
+            same = m_destinationFs->getFileInfo(target, true)->getSize() == brick.size &&
+                readFile(m_destinationFs, target, 0, brick.size) == bytes;
+        } catch (const CError& e) {
+            addProblem(target.toString(true).toUTF8() + ": " + e.getMessage().toUTF8());
+            return;
+        }
+        if (!same)
+            addProblem(target.toString(true).toUTF8() + ": the bytes read back differ from those sent");
+    }
+
+    // Compares and sends (unless in a dry run) the files on the worker
+    // threads; the caller's thread reports progress and runs the checkpoint
+    // between files.
+    void sendFiles(const DiskPlan& disk, const std::vector<Candidate>& files)
+    {
+        CChainCopier::Progress progress;
+        progress.disk = disk.destination;
+        progress.filesTotal = static_cast<zo::int64>(files.size());
+        const auto report = [&] {
+            if (m_options.onProgress)
+                m_options.onProgress(progress);
+        };
+        report();
+        if (files.empty())
+            return;
+        const zo::P<seal::IDigestType> digest = plainDigestOf(disk.header);
+
+        std::mutex mutex;
+        zo::int64 bytes = 0;
+        const auto send = [&](const Candidate& file) {
+            const CBrickTree::BrickFile& brick = file.brick;
+            const bool held = isHeld(file);
+            if (!held && !m_options.dryRun)
+                sendFile(disk, brick, digest.get());
+            const std::lock_guard<std::mutex> lock(mutex);
+            if (held) {
+                ++m_summary.filesSkipped;
+                m_summary.bytesSkipped += brick.size;
+            } else {
+                bytes += brick.size;
+                ++m_summary.filesSent;
+                m_summary.bytesSent += brick.size;
+            }
+        };
+        const int threadCount = static_cast<int>(std::min<std::size_t>(std::max(1, m_options.jobs), files.size()));
+        zo::CWorkerPool pool(threadCount);
+        for (const Candidate& file : files)
+            pool.post([&send, &file](int) { send(file); });
+
+        // The first file that fails stops the pool; the checkpoint's error
+        // stops it too.
+        std::exception_ptr stopped;
+        int ended = 0;
+        while (!pool.isStopped() && !pool.waitDone(0)) {
+            ended = pool.waitForEndedJobs(ended, -1);
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                progress.filesDone = ended;
+                progress.bytesSent = bytes;
+            }
+            try {
+                report();
+                if (m_options.checkpoint)
+                    m_options.checkpoint();
+            } catch (...) {
+                stopped = std::current_exception();
+                pool.stop();
+            }
+        }
+        pool.wait();
+        if (stopped)
+            std::rethrow_exception(stopped);
+    }
+
+    zo::IFileSystem* m_sourceFs;
+    zo::IFileSystem* m_destinationFs;
+    const CChainCopier::Options& m_options;
+    CChainCopier::Summary m_summary;
+    std::mutex m_mutex;
+    std::vector<std::string> m_problems;
+};
+
+// The snapshots of `chain` (top first) that the options choose, newest
+// first; they must be the newest ones.
+std::vector<CURI> chooseSnapshots(const std::vector<CRetentionPlan::Disk>& chain, const CChainCopier::Options& options)
+{
+    std::vector<CURI> chosen;
+    if (options.snapshots == CChainCopier::SnapshotChoice::None)
+        return chosen;
+    const CURI top = chain.front().folder;
+    std::set<std::string> wanted(options.snapshotNames.begin(), options.snapshotNames.end());
+    for (std::size_t i = 1; i < chain.size(); ++i) {
+        const CURI& folder = chain[i].folder;
+        if (options.snapshots == CChainCopier::SnapshotChoice::All) {
+            chosen.push_back(folder);
+            continue;
+        }
+        const std::string name = folder.getName().toUTF8();
+        const std::string relative = folder.toRelative(top).toString(true).toUTF8();
+        const bool named = wanted.erase(name) + wanted.erase(relative) > 0;
+        if (named && chosen.size() + 1 != i)
+            throw CError("Only the newest snapshots of a chain can be copied without the others: " + String(name) +
+                             " is older than a snapshot that is left out.",
+                         String(), -1, zo::CProps().add("diskFolder", top.toString(true)).add("snapshot", name));
+        if (named)
+            chosen.push_back(folder);
+    }
+    if (!wanted.empty())
+        throw CError("The chain has no snapshot " + String(*wanted.begin()) + ".", String(), -1,
+                     zo::CProps().add("diskFolder", top.toString(true)).add("snapshot", *wanted.begin()));
+    return chosen;
+}
+
+// Throws when the destination's top is another disk than the source's.
+void checkSameDisk(const CBrickDiskHeader& source, const CBrickDiskHeader& destination, const CURI& sourceFolder,
+                   const CURI& destinationFolder)
+{
+    if (!(source.getCipherKeyHash() == destination.getCipherKeyHash()))
+        throw copyError("The destination holds another disk: its key differs from the source's (another key "
+                        "check value in its header). Copy into an empty folder, or delete that disk first.",
+                        sourceFolder, destinationFolder);
+    if (!(source.getDiskID() == destination.getDiskID()))
+        throw copyError("The destination holds another disk: it has the same key but another disk ID, so another "
+                        "history. Copy into an empty folder, or delete that disk first.",
+                        sourceFolder, destinationFolder);
+}
+
+// Throws when the folder of a snapshot in the destination holds anything but
+// that snapshot, or the same snapshot cut short in the making by an earlier
+// copy: a disk of another key or ID, or files of no disk.
+void checkSnapshotFolder(zo::IFileSystem* fs, const DiskPlan& disk, const CURI& sourceFolder,
+                         const CURI& destinationFolder)
+{
+    if (!fs->folderExists(disk.destination))
+        return;
+    const bool hasHeader = fs->fileExists(CBrickDiskHeader::getHeaderURI(disk.destination, 0)) ||
+        fs->fileExists(CBrickDiskHeader::getHeaderURI(disk.destination, 1));
+    const bool marked = CBrickDisk::getCompletion(fs, disk.destination) == CBrickDisk::CreationUnfinished;
+    bool same = !hasHeader && (marked || !holdsFiles(fs, disk.destination));
+    if (hasHeader && (disk.existing || marked)) {
+        CBrickDiskHeader header;
+        header.load(fs, disk.destination);
+        same = header.getCipherKeyHash() == disk.header.getCipherKeyHash() &&
+            header.getDiskID() == disk.header.getDiskID();
+    }
+    if (!same)
+        throw copyError("The destination's folder " + disk.destination.toString(true) + " of the snapshot " +
+                            disk.source.toString(true) + " holds another disk or other files: move them away first.",
+                        sourceFolder, destinationFolder);
+}
+
+} // namespace
+
+CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& source, zo::IFileSystem* destinationFs,
+                                         const CURI& destination, const Options& options)
+{
+    const CURI sourceTop = source.toNormalized();
+    const CURI destinationTop = destination.toNormalized();
+
+    // The source chain, top first.
+    const std::vector<CRetentionPlan::Disk> chain = CRetentionPlan::readChain(sourceFs, sourceTop);
+    if (chain.front().folder.toNormalized() != sourceTop)
+        throw copyError("The source must be the top disk of its chain; its top is " +
+                            chain.front().folder.toString(true) + ".",
+                        sourceTop, destinationTop);
+    for (const CRetentionPlan::Disk& disk : chain)
+        if (disk.unfinished)
+            throw copyError("The source chain holds a snapshot whose making or deletion was cut short (" +
+                                disk.folder.toString(true) + "); finish it with forget or delete first.",
+                            sourceTop, destinationTop);
+    const std::vector<CURI> chosen = chooseSnapshots(chain, options);
+    CBrickDiskHeader topHeader;
+    topHeader.load(sourceFs, sourceTop);
+
+    // What the destination holds already: its chain, top first.
+    bool existingTop = false;
+    if (destinationFs->pathExists(destinationTop)) {
+        if (!destinationFs->folderExists(destinationTop))
+            throw copyError("The destination is a file, not a folder.", sourceTop, destinationTop);
+        removeLeftovers(destinationFs, destinationTop, options);
+        const bool hasHeader = destinationFs->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 0)) ||
+            destinationFs->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 1));
+        const CBrickDisk::Completion completion = CBrickDisk::getCompletion(destinationFs, destinationTop);
+        if (hasHeader) {
+            CBrickDiskHeader header;
+            header.load(destinationFs, destinationTop);
+            checkSameDisk(topHeader, header, sourceTop, destinationTop);
+        } else if (completion == CBrickDisk::Finished && holdsFiles(destinationFs, destinationTop)) {
+            throw copyError("The destination holds files but no disk: copy into an empty folder.", sourceTop,
+                            destinationTop);
+        }
+        existingTop = hasHeader && completion == CBrickDisk::Finished;
+    }
+    std::vector<CURI> destinationChain;
+    if (existingTop)
+        for (const CRetentionPlan::Disk& disk : CRetentionPlan::readChain(destinationFs, destinationTop))
+            destinationChain.push_back(disk.folder.toNormalized());
+    const std::set<CURI> destinationDisks(destinationChain.begin(), destinationChain.end());
+
+    // Where each disk goes, oldest snapshot first, the top last: the chosen
+    // snapshots and those the destination holds, which must keep reading as
+    // they do while the top changes.
+    // The snapshots newer than the newest one the destination holds are
+    // copied whatever was chosen: that one reads through them.
+    const auto targetOf = [&](const CURI& folder) {
+        return (destinationTop << folder.toRelative(sourceTop).toNormalized()).toNormalized();
+    };
+    std::set<CURI> needed;
+    for (std::size_t i = 1; i < chain.size(); ++i) {
+        if (destinationDisks.count(targetOf(chain[i].folder)) > 0) {
+            for (std::size_t newer = 1; newer < i; ++newer)
+                needed.insert(chain[newer].folder);
+            break;
+        }
+    }
+    std::vector<DiskPlan> disks;
+    const int depth = depthInStore(destinationTop);
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+        const CURI relative = it->folder.toRelative(sourceTop).toNormalized();
+        const CURI target = targetOf(it->folder);
+        const bool isChosen =
+            std::find(chosen.begin(), chosen.end(), it->folder) != chosen.end() || needed.count(it->folder) > 0;
+        if (it->folder.toNormalized() == sourceTop || (!isChosen && destinationDisks.count(target) == 0))
+            continue;
+        if (landsAboveRoot(relative, depth))
+            throw copyError("The snapshot " + it->folder.toString(true) +
+                                " would land above the root of the destination's store: copy to a deeper folder.",
+                            sourceTop, destinationTop);
+        disks.push_back({it->folder.toNormalized(), target, {}, destinationDisks.count(target) > 0});
+    }
+    disks.push_back({sourceTop, destinationTop, topHeader, existingTop});
+    if (isSameStore(sourceTop, destinationTop))
+        for (const DiskPlan& disk : disks)
+            for (const CRetentionPlan::Disk& member : chain)
+                if (isSameOrBelow(disk.destination, member.folder) || isSameOrBelow(member.folder, disk.destination))
+                    throw copyError("The copy of " + disk.source.toString(true) +
+                                        " would land in or around the "
+                                        "source's disk " +
+                                        member.folder.toString(true) + ".",
+                                    sourceTop, destinationTop);
+    for (DiskPlan& disk : disks)
+        disk.header.load(sourceFs, disk.source);
+
+    // New snapshots go between the top and the destination's newest
+    // snapshot; one older than that cannot be put below it and is left out.
+    const DiskPlan* newestExisting = nullptr;
+    for (const DiskPlan& disk : disks)
+        if (destinationChain.size() > 1 && disk.destination == destinationChain[1])
+            newestExisting = &disk;
+    // A newest snapshot that the source deleted holds none of the old
+    // bricks that the top changed since: they would show through it.
+    if (destinationChain.size() > 1 && !newestExisting)
+        throw copyError("The destination's newest snapshot " + destinationChain[1].toString(true) +
+                            " is no longer in the source chain: the top's changes since would show through it. "
+                            "Delete it in the destination and copy again.",
+                        sourceTop, destinationTop);
+    std::vector<CURI> leftOut;
+    std::vector<DiskPlan> plan;
+    bool pastNewestExisting = newestExisting == nullptr;
+    for (const DiskPlan& disk : disks) {
+        if (&disk == newestExisting)
+            pastNewestExisting = true;
+        if (!disk.existing && !pastNewestExisting) {
+            leftOut.push_back(disk.source);
+            continue;
+        }
+        if (disk.destination != destinationTop) {
+            removeLeftovers(destinationFs, disk.destination, options);
+            checkSnapshotFolder(destinationFs, disk, sourceTop, destinationTop);
+        }
+        plan.push_back(disk);
+    }
+    std::set<CURI> copiedDisks = destinationDisks;
+    for (const DiskPlan& disk : plan)
+        copiedDisks.insert(disk.destination);
+
+    CCopyRun run(sourceFs, destinationFs, options);
+    run.summary().snapshotsLeftOut = leftOut;
+    // 1. The snapshots the destination holds get what their source kept.
+    for (const DiskPlan& disk : plan) {
+        if (!disk.existing || disk.destination == destinationTop)
+            continue;
+        run.syncBricks(disk, false);
+        run.syncRecord(disk, CBrickDiskCreationTime::getFileName(), false);
+        run.syncRecord(disk, headerRecordName(), false);
+    }
+    // 2. New disks, the oldest first (on a first copy the top too, last).
+    for (const DiskPlan& disk : plan)
+        if (!disk.existing)
+            run.makeDisk(disk, copiedDisks);
+    if (existingTop) {
+        // 3. The new snapshots are tied in: the top's child link, then each
+        // snapshot whose newer disk is one of the source's takes the
+        // source's parent link.
+        const DiskPlan& topPlan = plan.back();
+        run.syncChildLink(topPlan, copiedDisks);
+        for (const DiskPlan& disk : plan) {
+            if (!disk.existing || disk.destination == destinationTop)
+                continue;
+            const CURI parent =
+                CBrickDiskChain::loadLinkedFolder(destinationFs, disk.destination, CBrickDisk::getParentLinkFileName());
+            const bool parentFromSource = std::any_of(
+                plan.begin(), plan.end(), [&](const DiskPlan& other) { return other.destination == parent; });
+            if (parentFromSource)
+                run.syncRecord(disk, CBrickDisk::getParentLinkFileName(), false);
+        }
+        // 4. The top's brick files, then its records.
+        run.syncBricks(topPlan, true);
+        run.syncRecord(topPlan, CBrickDiskCreationTime::getFileName(), false);
+        run.syncRecord(topPlan, headerRecordName(), false);
+    }
+
+    // 5. The marks go, the top's first: a disk opens only once every newer
+    // disk it reads through is whole.
+    for (auto it = plan.rbegin(); it != plan.rend(); ++it)
+        run.finishDisk(*it);
+
+    if (options.verify && !options.dryRun) {
+        for (const DiskPlan& disk : plan)
+            run.verifyRecords(disk);
+        if (!run.problems().empty()) {
+            String list;
+            for (const std::string& problem : run.problems())
+                list += (list.isEmpty() ? "" : "; ") + String(problem);
+            throw copyError("The copy does not read back as sent: " + list + ".", sourceTop, destinationTop);
+        }
+    }
+    return run.summary();
+}
+
+} // namespace brick
