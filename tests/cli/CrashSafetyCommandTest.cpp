@@ -1,6 +1,7 @@
 // What a killed import, two programs at once and a snapshot on another file
 // system do to disks, tried as a user would.
 #include "CliTestFixture.h"
+#include "support/SweepRounds.h"
 
 #include <sys/stat.h>
 
@@ -67,7 +68,7 @@ TEST_F(CrashSafetyCommandTest, ImportKilledAtRandomMomentsLeavesEveryBrickOldOrN
 
     std::mt19937 random(2026);
     const size_t bricks = size / kBrickSize;
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < testsupport::sweepRounds(20); ++round) {
         const std::string context = "kill " + std::to_string(round + 1);
         {
             RunningProgram import({"import", path("disk"), "-", "--password-file", path("pw")}, RunOptions{});

@@ -9,6 +9,7 @@
 #include "brick/chain/BrickDisk.h"
 #include "brick/chain/BrickDiskRemover.h"
 #include "support/CrashingFileSystem.h"
+#include "support/SweepRounds.h"
 #include "zo/LocalFileSystem.h"
 
 #include <filesystem>
@@ -92,7 +93,7 @@ TEST_F(UnfinishedSnapshotTest, ASnapshotCutShortIsRefusedAndFinishedBySnapshotAg
 {
     const std::vector<std::string> images = threeImages();
     bool crashed = true;
-    for (int cut = 0; crashed; ++cut) {
+    for (int cut = 0; crashed; cut += testsupport::sweepStep()) {
         const std::string tag = std::to_string(cut);
         const std::string disk = "disk" + tag;
         const std::string newer = "newer" + tag;
@@ -139,7 +140,7 @@ TEST_F(UnfinishedSnapshotTest, ADeleteCutShortNeverExportsPartOfTheSnapshotAndFi
 {
     const std::vector<std::string> images = threeImages();
     bool crashed = true;
-    for (int cut = 0; crashed; ++cut) {
+    for (int cut = 0; crashed; cut += testsupport::sweepStep()) {
         const std::string tag = std::to_string(cut);
         const std::string disk = "disk" + tag;
         const std::string newer = "newer" + tag;
