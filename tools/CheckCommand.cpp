@@ -12,9 +12,9 @@
 
 #include "brick/chain/BrickDisk.h"
 #include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/BrickFileChecker.h"
 #include "brick/format/BrickDiskKeyWrap.h"
 #include "brick/format/BrickDiskLink.h"
-#include "brick/format/BrickFileChecker.h"
 #include "brick/format/BrickTree.h"
 #include "zo/Error.h"
 #include "zo/WorkerPool.h"

@@ -3,7 +3,7 @@
 #include "UsageError.h"
 
 #include "brick/chain/BrickDiskChain.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickTree.h"
 #include "zo/Error.h"
 

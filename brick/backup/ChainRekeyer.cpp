@@ -2,12 +2,12 @@
 
 #include "brick/backup/RetentionPlan.h"
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
 #include "brick/detail/FolderMode.h"
 #include "brick/detail/WaitingListener.h"
 #include "brick/format/BrickDataPreparer.h"
 #include "brick/format/BrickDiskAuxFileBase.h"
 #include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskIdentity.h"
 #include "brick/format/BrickDiskKeyWrap.h"

@@ -2,11 +2,11 @@
 
 #include "brick/Version.h"
 #include "brick/chain/BrickDiskChain.h"
-#include "brick/chain/BrickDiskError.h"
 #include "brick/detail/ChainWalk.h"
 #include "brick/detail/FolderMode.h"
 #include "brick/detail/PasswordBytes.h"
 #include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskHeaderLimits.h"
 #include "brick/format/BrickDiskIdentity.h"
@@ -381,13 +381,9 @@ void CBrickDisk::createChild(IFileSystem* fs, const CURI& childDiskFolder, const
 
 CBrickDisk::Completion CBrickDisk::getCompletion(IFileSystem* fs, const CURI& diskFolder)
 {
-    const auto holds = [&](const String& markFileName) {
-        return fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, markFileName, 0)) ||
-            fs->fileExists(CBrickDiskLink::getAuxFileURI(diskFolder, markFileName, 1));
-    };
-    if (holds(getRemovingMarkFileName()))
+    if (CBrickDiskLink::holdsRecord(fs, diskFolder, getRemovingMarkFileName()))
         return RemovalUnfinished;
-    if (holds(getCreatingMarkFileName()))
+    if (CBrickDiskLink::holdsRecord(fs, diskFolder, getCreatingMarkFileName()))
         return CreationUnfinished;
     return Finished;
 }

@@ -6,6 +6,7 @@
 #include "brick/chain/BrickStorer.h"
 #include "brick/format/BrickDataPreparer.h"
 #include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskLink.h"
 #include "zo/Export.h"
 
 #include "seal/Cipher.h"
@@ -160,7 +161,7 @@ public:
     static constexpr const char* kAuthenticatedCheckSumID = CBrickDiskHeader::kAuthenticatedCheckSumID;
     // The cipher of new encrypted authenticated disks: "aes256gcm", which
     // authenticates each brick file itself (see CBrickDataPreparer).
-    static constexpr const char* kAuthenticatedCipherID = "aes256gcm";
+    static constexpr const char* kAuthenticatedCipherID = CBrickDiskHeader::kAuthenticatedCipherID;
 
     // Makes a new, empty disk like create, but with authenticated bricks:
     // checksum ID "hmac-sha256" (keyed digests, every brick file bound to
@@ -326,14 +327,14 @@ public:
     // checked in this order.
     P<CBrickStorer> writePreparedBrickData(const TBuffer<uint8>* preparedData, IDoneListener* listener);
 
-    static String getParentLinkFileName() { return "parent.bricklnk"; }
-    static String getChildLinkFileName() { return "child.bricklnk"; }
+    static String getParentLinkFileName() { return CBrickDiskLink::getParentLinkFileName(); }
+    static String getChildLinkFileName() { return CBrickDiskLink::getChildLinkFileName(); }
     // The marks of a child disk that is not whole: written first and removed
     // last by createChild ("creating.bricklnk") and by the removal of a disk
     // from its chain ("removing.bricklnk", from the moment the disk starts
     // to lose its view). Each is a link record naming the disk's parent.
-    static String getCreatingMarkFileName() { return "creating.bricklnk"; }
-    static String getRemovingMarkFileName() { return "removing.bricklnk"; }
+    static String getCreatingMarkFileName() { return CBrickDiskLink::getCreatingMarkFileName(); }
+    static String getRemovingMarkFileName() { return CBrickDiskLink::getRemovingMarkFileName(); }
     // Which mark the folder holds (either copy of it): Finished for none.
     enum Completion { Finished = 0, CreationUnfinished = 1, RemovalUnfinished = 2 };
     static Completion getCompletion(IFileSystem* fs, const CURI& diskFolder);

@@ -1,7 +1,7 @@
 #include "brick/chain/BrickDiskLock.h"
 
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskLink.h"
 

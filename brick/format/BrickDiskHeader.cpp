@@ -1,8 +1,8 @@
 #include "brick/format/BrickDiskHeader.h"
 
 #include "brick/Version.h"
-#include "brick/chain/BrickDiskError.h"
 #include "brick/detail/RecordFields.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeaderLimits.h"
 
 #include "zo/BufferStream.h"

@@ -31,6 +31,9 @@ public:
     // The checksum ID of authenticated disks: keyed digests (HMAC-SHA256)
     // that bind every brick file to its brick index.
     static constexpr const char* kAuthenticatedCheckSumID = "hmac-sha256";
+    // The cipher of new encrypted authenticated disks: AES-256-GCM, which
+    // authenticates each brick file itself (see CBrickDataPreparer).
+    static constexpr const char* kAuthenticatedCipherID = "aes256gcm";
     // The cipher ID of an unencrypted disk.
     static constexpr const char* kNoCipherID = "null";
     // The name of a key-wrapped disk's only key before it has more.

@@ -1,6 +1,5 @@
 #include "brick/format/BrickDiskHeaderLimits.h"
 
-#include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickDiskIdentity.h"
 #include "brick/format/BrickDiskKeyWrap.h"
 
@@ -220,7 +219,7 @@ void CBrickDiskHeaderLimits::checkNewDiskAlgorithms(const String& keyDeriverID, 
     if (keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID) {
         checkOneOf(kCheckSumHashID, checkSumID, {CBrickDiskHeader::kAuthenticatedCheckSumID});
         checkOneOf(kCipherID, cipherID,
-                   {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
+                   {CBrickDiskHeader::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
     } else {
         checkOneOf(kCheckSumHashID, checkSumID, {"sha256", "md5"});
         checkOneOf(kCipherID, cipherID, {"aes256cbc", CBrickDiskHeader::kNoCipherID});
@@ -237,7 +236,7 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
         checkPayloadBlockSize(header.getPayloadBlockSize(), header.getBrickSize());
         checkDiskSize(header.getDiskSize(), header.getBrickSize());
         checkOneOf(kCheckSumHashID, header.getCheckSumHashID(),
-                   {"md5", "sha256", CBrickDisk::kAuthenticatedCheckSumID});
+                   {"md5", "sha256", CBrickDiskHeader::kAuthenticatedCheckSumID});
         // The deriver decides which key hash and derivation fields belong.
         checkOneOf(kDeriverID, header.getCipherKeyDeriverID(),
                    {kPBKDF2DeriverID, CBrickDiskHeader::kKeyWrappingDeriverID});
@@ -247,9 +246,9 @@ void CBrickDiskHeaderLimits::validate(const CBrickDiskHeader& header, const zo::
         else
             checkOneOf(kCryptoHashID, header.getCryptoHashID(), {"md5", "sha256"});
         // The authenticated cipher goes only with keyed, index-bound bricks and a wrapped key.
-        if (wrapped && header.getCheckSumHashID() == CBrickDisk::kAuthenticatedCheckSumID)
+        if (wrapped && header.getCheckSumHashID() == CBrickDiskHeader::kAuthenticatedCheckSumID)
             checkOneOf(kCipherID, header.getCipherID(),
-                       {CBrickDisk::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
+                       {CBrickDiskHeader::kAuthenticatedCipherID, "aes256cbc", CBrickDiskHeader::kNoCipherID});
         else
             checkOneOf(kCipherID, header.getCipherID(), {"aes256cbc", CBrickDiskHeader::kNoCipherID});
         const int keyHashLength = keyHashSize(header.getCryptoHashID());

@@ -1,6 +1,7 @@
 #include "brick/format/BrickDiskIdentity.h"
 
-#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "brick/format/BrickDiskLink.h"
 
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"
@@ -85,17 +86,11 @@ const char* linkName(CBrickDiskIdentity::LinkKind kind)
     return kind == CBrickDiskIdentity::LinkKind::Parent ? "parent link" : "child link";
 }
 
-bool holdsRecord(zo::IFileSystem* fs, const CURI& folder, const String& fileName)
-{
-    return fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, fileName, 0)) ||
-        fs->fileExists(CBrickDiskLink::getAuxFileURI(folder, fileName, 1));
-}
-
 } // namespace
 
 String CBrickDiskIdentity::getLinkFileName(LinkKind kind)
 {
-    return kind == LinkKind::Parent ? CBrickDisk::getParentLinkFileName() : CBrickDisk::getChildLinkFileName();
+    return kind == LinkKind::Parent ? CBrickDiskLink::getParentLinkFileName() : CBrickDiskLink::getChildLinkFileName();
 }
 
 TBuffer<uint8> CBrickDiskIdentity::makeRecordTag(const TCryptBuffer<uint8>& diskKey, const char* label,
@@ -172,7 +167,7 @@ CURI CBrickDiskIdentity::followLink(zo::IFileSystem* fs, const CURI& folder, con
     const auto fail = [&](const String& message) { throw CError(message, String(), -1, props); };
 
     const String fileName = getLinkFileName(kind);
-    const bool present = holdsRecord(fs, folder, fileName);
+    const bool present = CBrickDiskLink::holdsRecord(fs, folder, fileName);
     if (kind == LinkKind::Parent && present != header.getHasParent())
         fail(present ? "The disk has no parent disk, but it holds a parent link."
                      : "The disk has a parent disk, but its parent link is missing.");
@@ -201,7 +196,7 @@ bool CBrickDiskIdentity::isChildOf(zo::IFileSystem* fs, const CURI& childFolder,
                                    bool acceptDiskBetween)
 {
     const String parentLinkName = getLinkFileName(LinkKind::Parent);
-    if (!childHeader.getHasParent() || !holdsRecord(fs, childFolder, parentLinkName))
+    if (!childHeader.getHasParent() || !CBrickDiskLink::holdsRecord(fs, childFolder, parentLinkName))
         return false;
     CBrickDiskLink back;
     back.load(fs, childFolder, parentLinkName);
@@ -217,7 +212,8 @@ bool CBrickDiskIdentity::isChildOf(zo::IFileSystem* fs, const CURI& childFolder,
     // still keeps its old bricks in the child, which reads them the same
     // through the disk between (it holds none of its own the child lacks).
     const CURI between = (childFolder << back.getTargetURI()).toNormalized();
-    if (CBrickDisk::getCompletion(fs, between) == CBrickDisk::Finished)
+    if (!CBrickDiskLink::holdsRecord(fs, between, CBrickDiskLink::getCreatingMarkFileName()) &&
+        !CBrickDiskLink::holdsRecord(fs, between, CBrickDiskLink::getRemovingMarkFileName()))
         return false;
     CBrickDiskHeader betweenHeader;
     try {

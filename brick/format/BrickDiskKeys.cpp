@@ -1,7 +1,7 @@
 #include "brick/format/BrickDiskKeys.h"
 
-#include "brick/chain/BrickDiskError.h"
 #include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskHeaderLimits.h"
 #include "brick/format/BrickDiskKeyWrap.h"

@@ -36,6 +36,12 @@ bool readIdentity(zo::CDataInStream& in, zo::CBufferStream& stream, zo::TBuffer<
 
 } // namespace
 
+bool CBrickDiskLink::holdsRecord(zo::IFileSystem* fs, const CURI& diskFolder, const zo::String& fileName)
+{
+    return fs->fileExists(getAuxFileURI(diskFolder, fileName, 0)) ||
+        fs->fileExists(getAuxFileURI(diskFolder, fileName, 1));
+}
+
 void CBrickDiskLink::store(zo::IFileSystem* fs, const CURI& diskFolder, const zo::String& fileName) const
 {
     const P<zo::CBufferStream> stream(new zo::CBufferStream(nullptr, kGrowFactor));

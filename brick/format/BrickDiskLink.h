@@ -29,6 +29,17 @@ public:
     CBrickDiskLink& operator=(CBrickDiskLink&& other) = default;
     ~CBrickDiskLink() override = default;
 
+    // The names of a disk's link records, and of the marks that a child
+    // whose making or removal is not finished holds (a link record each,
+    // naming the disk it is made from or removed from).
+    static zo::String getParentLinkFileName() { return "parent.bricklnk"; }
+    static zo::String getChildLinkFileName() { return "child.bricklnk"; }
+    static zo::String getCreatingMarkFileName() { return "creating.bricklnk"; }
+    static zo::String getRemovingMarkFileName() { return "removing.bricklnk"; }
+    // Whether `diskFolder` holds the record `fileName` (either copy).
+    // File-system errors pass through unchanged.
+    static bool holdsRecord(zo::IFileSystem* fs, const zo::CURI& diskFolder, const zo::String& fileName);
+
     zo::CURI getTargetURI() const { return m_target; }
     void setTargetURI(const zo::CURI& target) { m_target = target; }
 

@@ -16,8 +16,8 @@
 #include "ServedDisk.h"
 
 #include "brick/Version.h"
-#include "brick/chain/BrickDiskError.h"
 #include "brick/chain/DiskStore.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/PasswordFile.h"
 #include "brick/serving/ServeControl.h"
 #include "zo/Error.h"

@@ -2,7 +2,7 @@
 // authenticated headers and brick files bound to their index, with either
 // cipher ("aes256gcm", the default, or "aes256cbc" with keyed digests).
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskKeyWrap.h"
 #include "seal/Digest.h"
 #include "support/DiskTestHelpers.h"

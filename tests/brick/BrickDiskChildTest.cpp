@@ -1,7 +1,7 @@
 #include "brick/chain/BrickDisk.h"
 
-#include "brick/chain/BrickDiskError.h"
 #include "brick/chain/BrickDiskRemover.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"

@@ -1,6 +1,6 @@
 #include "brick/chain/BrickDisk.h"
 
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "seal/Digest.h"
 #include "seal/KeyDerivation.h"

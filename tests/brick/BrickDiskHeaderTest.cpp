@@ -1,7 +1,7 @@
 #include "brick/format/BrickDiskHeader.h"
 
 #include "RecordBytes.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"

@@ -3,7 +3,7 @@
 // disk be used.
 #include "brick/chain/BrickDiskLock.h"
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/LocalFileSystem.h"

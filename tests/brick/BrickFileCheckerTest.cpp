@@ -1,6 +1,6 @@
 // CBrickFileChecker: what `check` and `delete` learn of one brick file, with
 // and without the disk's key.
-#include "brick/format/BrickFileChecker.h"
+#include "brick/chain/BrickFileChecker.h"
 #include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickTree.h"
 #include "support/DiskTestHelpers.h"

@@ -5,7 +5,7 @@
 // refused before anything is written.
 #include "brick/backup/ChainRekeyer.h"
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskKeyWrap.h"
 #include "brick/format/BrickDiskKeys.h"

@@ -8,8 +8,8 @@
 // durable as well, and check that a finished run leaves nothing unsynced.
 #include "brick/chain/BrickDisk.h"
 #include "brick/chain/BrickDiskChain.h"
-#include "brick/chain/BrickDiskError.h"
 #include "brick/chain/BrickDiskRemover.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskKeyWrap.h"
 #include "brick/serving/BrickDiskBlockDevice.h"

@@ -3,8 +3,8 @@
 // each link names both disks by ID, all under the disk key.
 #include "brick/chain/BrickDisk.h"
 #include "brick/chain/BrickDiskChain.h"
-#include "brick/chain/BrickDiskError.h"
 #include "brick/chain/BrickDiskRemover.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskIdentity.h"
 #include "brick/format/BrickDiskLink.h"
 #include "support/DiskTestHelpers.h"

@@ -1,6 +1,6 @@
 #include "seal/KeyDerivation.h"
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"

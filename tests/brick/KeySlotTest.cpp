@@ -2,9 +2,9 @@
 // and changing keys, a changed key list refused, and changes cut short at
 // every changing operation.
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
 #include "brick/format/BrickDiskAuxFileBase.h"
 #include "brick/format/BrickDiskCreationTime.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskHeaderLimits.h"
 #include "brick/format/BrickDiskKeyWrap.h"

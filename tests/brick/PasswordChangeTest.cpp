@@ -1,6 +1,6 @@
 // Changing the password of a chain of disks that share a wrapped key.
 #include "brick/chain/BrickDisk.h"
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskKeyWrap.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"

@@ -1,4 +1,4 @@
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 
 #include <typeinfo>
 

@@ -1,4 +1,4 @@
-#include "brick/format/BrickFileChecker.h"
+#include "brick/chain/BrickFileChecker.h"
 
 #include "brick/detail/BrickFileLayout.h"
 #include "seal/Cipher.h"
