@@ -43,8 +43,8 @@ namespace brick {
 // and storeReadAheadResult at once; one reader thread at a time calls
 // getBrickData; noteRead, isStopped and signalStop may be called from any
 // thread; startLoaders and stop are for the owner, one thread at a time, and
-// never for a loader. Every call takes the engine's
-// one mutex and releases it while it waits.
+// never for a loader. Every call takes the engine's one mutex and releases it
+// while it waits.
 //
 // Lifecycle: running from construction until signalStop (or stop), stopped
 // for ever after. The destructor stops the engine and waits for the loaders
@@ -53,7 +53,9 @@ namespace brick {
 class BRICKDISK_EXPORT CParallelReadAheadManager : public zo::CBase {
 public:
     // Loads brick `brickIndex` on loader `worker` (0 to the loader count - 1,
-    // each running on a thread of its own). Must not throw.
+    // each running on a thread of its own). A loader keeps a load's error for
+    // its reader; an exception that escapes it is logged and dropped, and the
+    // loader goes on with the next brick.
     using Loader = std::function<void(int worker, zo::int64 brickIndex)>;
     // Whether a brick must still be loaded; false for a brick the reader
     // already holds or is loading.
