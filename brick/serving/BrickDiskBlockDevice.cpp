@@ -1,9 +1,9 @@
 #include "brick/serving/BrickDiskBlockDevice.h"
 
 #include "zo/Log.h"
+#include "zo/WorkerPool.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <thread>
 
@@ -71,19 +71,6 @@ constexpr size_t kMinimumCachedBricks = 4;
 // a quarter of the cache, so that read-ahead does not evict what it loaded
 // before the reader gets there.
 constexpr int64 kReadAheadBricks = 8;
-// Runs of reads told apart at once (clients reading several files, or a
-// client's requests mixed with another's).
-constexpr size_t kTrackedReadRuns = 8;
-// A read continues a run when it starts this many bricks or fewer away from
-// the run's end: clients keep several requests in flight, which arrive a
-// little out of order.
-constexpr int64 kReorderSlackBricks = 4;
-// Reads that must continue a run before it is read ahead, so that random
-// reads that happen to land near each other do not start it.
-constexpr int kContinuationsBeforeReadAhead = 2;
-// Bricks waiting for a read-ahead thread, at most; the oldest give way,
-// as the reader has most likely passed them.
-constexpr size_t kMaxQueuedReadAhead = 2 * kReadAheadBricks;
 
 int readAheadThreadCount()
 {
@@ -97,24 +84,20 @@ CBrickDiskBlockDevice::CBrickDiskBlockDevice(CBrickDisk* disk, int64 cacheBytes)
       m_writable(disk->getAccess() == zo::IIOStream::AccessReadWrite),
       m_capacity(
           std::max<size_t>(kMinimumCachedBricks, static_cast<size_t>(std::max<int64>(0, cacheBytes) / m_brickSize))),
-      m_brickCount(disk->getHeader().getBrickCount()),
-      m_readAheadBricks(std::min<int64>(kReadAheadBricks, static_cast<int64>(m_capacity / 4))), m_disk(disk)
+      m_brickCount(disk->getHeader().getBrickCount()), m_disk(disk)
 {
     m_brickBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
     m_preparedBuffers = P<zo::CMemPool>(new zo::CMemPool(0, static_cast<int>(m_brickSize), 1));
     reserveCacheMemory();
-    try {
-        for (int i = readAheadThreadCount(); i > 0; --i)
-            m_readAheadThreads.emplace_back([this] { readAheadLoop(); });
-    } catch (...) {
-        stopReadAhead();
-        throw;
-    }
+    // Only runs of reads are read ahead: no slot for reads in order.
+    const int64 bricksAhead = std::min<int64>(kReadAheadBricks, static_cast<int64>(m_capacity / 4));
+    m_readAhead = new CParallelReadAheadManager(m_brickCount, 0, bricksAhead);
+    m_readAhead->startLoaders(readAheadThreadCount(), [this](int, int64 index) { readAheadOne(index); });
 }
 
 CBrickDiskBlockDevice::~CBrickDiskBlockDevice()
 {
-    stopReadAhead();
+    m_readAhead->stop();
     try {
         std::unique_lock gate(m_gate);
         flushLocked();
@@ -140,7 +123,8 @@ void CBrickDiskBlockDevice::read(void* dst, int64 offset, int64 size)
     checkRange(offset, size, CIOError::EndOfData);
     if (size > 0) {
         std::lock_guard lock(m_mutex);
-        noteReadForReadAhead(offset / m_brickSize, (offset + size - 1) / m_brickSize);
+        m_readAhead->noteRead(offset / m_brickSize, (offset + size - 1) / m_brickSize,
+                              [this](int64 index) { return m_cache.count(index) == 0 && !inStoreQueue(index); });
     }
     auto* out = static_cast<uint8*>(dst);
     while (size > 0) {
@@ -399,53 +383,6 @@ CBrickDiskBlockDevice::BrickData CBrickDiskBlockDevice::copyOf(const zo::TBuffer
 
 // ---- Read-ahead -------------------------------------------------------------------
 
-void CBrickDiskBlockDevice::noteReadForReadAhead(int64 first, int64 last)
-{
-    const auto near = std::find_if(m_readRuns.begin(), m_readRuns.end(), [first](const ReadRun& run) {
-        return first >= run.end - kReorderSlackBricks && first <= run.end + kReorderSlackBricks;
-    });
-    if (near == m_readRuns.end()) {
-        m_readRuns.push_front(ReadRun{last + 1, 0});
-        if (m_readRuns.size() > kTrackedReadRuns)
-            m_readRuns.pop_back();
-        return;
-    }
-    // A read near a run that does not go past its end (one that arrived
-    // late, or the same bricks read again) neither continues nor starts one.
-    if (last < near->end)
-        return;
-    const ReadRun run{last + 1, near->continuations + 1};
-    m_readRuns.erase(near);
-    m_readRuns.push_front(run);
-    if (run.continuations < kContinuationsBeforeReadAhead)
-        return;
-    const int64 stop = std::min(m_brickCount, run.end + m_readAheadBricks);
-    for (int64 index = run.end; index < stop; ++index) {
-        if (m_cache.count(index) != 0 || inStoreQueue(index) ||
-            std::find(m_readAheadQueue.begin(), m_readAheadQueue.end(), index) != m_readAheadQueue.end())
-            continue;
-        m_readAheadQueue.push_back(index);
-        if (m_readAheadQueue.size() > kMaxQueuedReadAhead)
-            m_readAheadQueue.pop_front();
-        m_readAheadWanted.notify_one();
-    }
-}
-
-void CBrickDiskBlockDevice::readAheadLoop()
-{
-    std::unique_lock lock(m_mutex);
-    for (;;) {
-        m_readAheadWanted.wait(lock, [this] { return m_stopping || !m_readAheadQueue.empty(); });
-        if (m_stopping)
-            return;
-        const int64 index = m_readAheadQueue.front();
-        m_readAheadQueue.pop_front();
-        lock.unlock();
-        readAheadOne(index);
-        lock.lock();
-    }
-}
-
 void CBrickDiskBlockDevice::readAheadOne(int64 index)
 {
     // The gate keeps the disk from being replaced while its brick objects
@@ -453,7 +390,7 @@ void CBrickDiskBlockDevice::readAheadOne(int64 index)
     // who waits for the brick holds up whoever waits for the gate.
     std::shared_lock gate(m_gate);
     std::unique_lock lock(m_mutex);
-    if (m_stopping || m_cache.count(index) != 0 || inStoreQueue(index))
+    if (m_cache.count(index) != 0 || inStoreQueue(index))
         return;
     try {
         loadIntoCache(addToCache(index), lock);
@@ -463,19 +400,6 @@ void CBrickDiskBlockDevice::readAheadOne(int64 index)
         return;
     }
     evictWhileOverCapacity(lock);
-}
-
-void CBrickDiskBlockDevice::stopReadAhead()
-{
-    {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
-        m_readAheadQueue.clear();
-    }
-    m_readAheadWanted.notify_all();
-    for (std::thread& thread : m_readAheadThreads)
-        thread.join();
-    m_readAheadThreads.clear();
 }
 
 // ---- Storing ------------------------------------------------------------------------
@@ -680,21 +604,19 @@ void CBrickDiskBlockDevice::flushLocked()
 }
 
 // Preparing a brick (compressing, encrypting) is the costly part of a store,
-// so a flush of many bricks prepares them on one thread per processor.
+// so a flush of many bricks prepares them on one worker per processor.
 void CBrickDiskBlockDevice::handOverInParallel(const std::vector<std::pair<int64, BrickData>>& bricks)
 {
-    const size_t threadCount = std::min<size_t>(bricks.size(), std::max(1u, std::thread::hardware_concurrency()));
-    std::atomic<size_t> next{0};
-    const auto work = [&] {
-        for (size_t i = next++; i < bricks.size(); i = next++)
-            handOver(bricks[i].first, bricks[i].second);
-    };
-    std::vector<std::thread> threads;
-    for (size_t t = 1; t < threadCount; ++t)
-        threads.emplace_back(work);
-    work();
-    for (std::thread& thread : threads)
-        thread.join();
+    if (bricks.size() < 2) {
+        for (const auto& [index, data] : bricks)
+            handOver(index, data);
+        return;
+    }
+    const size_t workerCount = std::min<size_t>(bricks.size(), std::max(1u, std::thread::hardware_concurrency()));
+    zo::CWorkerPool workers(static_cast<int>(workerCount));
+    for (const auto& brick : bricks)
+        workers.post([this, &brick](int) { handOver(brick.first, brick.second); });
+    workers.wait();
 }
 
 // ---- Extents ------------------------------------------------------------------------

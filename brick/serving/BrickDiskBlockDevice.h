@@ -5,6 +5,7 @@
 #include "brick/chain/Brick.h"
 #include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickDataPreparer.h"
+#include "brick/streams/ParallelReadAheadManager.h"
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
@@ -19,7 +20,6 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -38,9 +38,10 @@ namespace brick {
 //
 // Reads that go through the disk in order are read ahead: once reads have
 // twice gone on where the one before them ended, the bricks that follow are
-// loaded and decoded on the device's own threads, a few at a time, so that
-// the reader finds them in the cache. A brick that is read ahead is in the
-// cache like any other: reads and writes of it wait until its load has ended.
+// loaded and decoded on the threads of the device's read-ahead engine
+// (CParallelReadAheadManager), a few at a time, so that the reader finds them
+// in the cache. A brick that is read ahead is in the cache like any other:
+// reads and writes of it wait until its load has ended.
 //
 // The device holds a counted reference to its disk and is the disk's only
 // user while it lives: nobody else may read, write or flush the disk.
@@ -120,12 +121,6 @@ public:
 private:
     struct CachedBrick;
     class CStoreListener;
-    // A run of reads: the brick after its furthest read, and how many reads
-    // continued it.
-    struct ReadRun {
-        int64 end;
-        int continuations;
-    };
     using BrickData = P<zo::TBuffer<uint8>>;
 
     // Changes `count` bytes at `dst`, which stand for the disk's bytes from
@@ -153,12 +148,9 @@ private:
     BrickData copyOf(const zo::TBuffer<uint8>& data) const;
     ExtentKind kindOfBrick(int64 index);
 
-    // Read-ahead. Called with the mutex held: notes a read of the bricks
-    // `first` to `last` and queues the bricks after a run of reads in order.
-    void noteReadForReadAhead(int64 first, int64 last);
-    void readAheadLoop();
+    // Read-ahead: loads brick `index` into the cache on a loader thread of
+    // the engine, unless it is there already; a failure is dropped.
     void readAheadOne(int64 index);
-    void stopReadAhead();
 
     // Preparers of the current disk, each lent to one thread at a time.
     P<CBrickDataPreparer> borrowPreparer();
@@ -189,7 +181,6 @@ private:
     bool m_writable;
     size_t m_capacity;
     int64 m_brickCount;
-    int64 m_readAheadBricks;
     // Buffers of decoded and of prepared bricks: they go back to their pool
     // when their last user lets go, so a steady stream of bricks through the
     // cache allocates (and faults in) no new memory.
@@ -208,13 +199,9 @@ private:
     // Least recently used last.
     std::list<int64> m_recency;
 
-    // Recent runs of reads, most recently continued first.
-    std::list<ReadRun> m_readRuns;
-    // Bricks waiting for a read-ahead thread, in order.
-    std::list<int64> m_readAheadQueue;
-    std::condition_variable m_readAheadWanted;
-    bool m_stopping = false;
-    std::vector<std::thread> m_readAheadThreads;
+    // Not guarded: made at construction, stopped first at destruction, as
+    // its loaders use everything above.
+    P<CParallelReadAheadManager> m_readAhead;
 };
 
 } // namespace brick

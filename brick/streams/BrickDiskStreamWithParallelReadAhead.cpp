@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace brick {
 
@@ -12,39 +13,26 @@ using zo::CIOError;
 
 // ---- Read threads -----------------------------------------------------------
 
-CBrickDiskStreamWithParallelReadAhead::CReadThread::CReadThread(CBrick* brick, zo::int32 brickSize,
-                                                                CParallelReadAheadManager* manager, zo::CMemPool* pool)
-    : zo::CThread(nullptr, true), m_brick(brick), m_brickSize(brickSize), m_manager(manager), m_pool(pool)
-{}
-
-void CBrickDiskStreamWithParallelReadAhead::CReadThread::run()
-{
-    while (checkContinue()) {
-        const int64 brickIndex = m_manager->nextBrickIndexForReadAhead();
-        if (brickIndex == -1)
-            return;
-        readBrick(brickIndex);
-    }
-}
-
-void CBrickDiskStreamWithParallelReadAhead::CReadThread::readBrick(int64 brickIndex)
+void CBrickDiskStreamWithParallelReadAhead::readBrick(CBrick& brick, zo::int32 brickSize,
+                                                      CParallelReadAheadManager& manager, zo::CMemPool& pool,
+                                                      int64 brickIndex)
 {
     P<zo::CMemPoolBuffer> buffer;
     try {
-        m_brick->seek(brickIndex, 0);
-        buffer = m_pool->checkOutItem();
-        buffer->setUsed(m_brickSize);
+        brick.seek(brickIndex, 0);
+        buffer = pool.checkOutItem();
+        buffer->setUsed(brickSize);
         // The brick object gives fewer bytes only for a brick whose payload is
         // short; the reader never copies past the disk's end.
-        buffer->setUsed(m_brick->readLaxInsideBrick(buffer->getData(), m_brickSize));
+        buffer->setUsed(brick.readLaxInsideBrick(buffer->getData(), brickSize));
     } catch (const std::exception& e) {
         // The reader gets the error when it reaches this brick; the threads
         // go on with the next ones.
         const P<CError> error = zo::CStdExceptionError::exceptionToError(&e);
-        m_manager->storeReadAheadResult(brickIndex, nullptr, error.get());
+        manager.storeReadAheadResult(brickIndex, nullptr, error.get());
         return;
     }
-    m_manager->storeReadAheadResult(brickIndex, buffer.get(), nullptr);
+    manager.storeReadAheadResult(brickIndex, buffer.get(), nullptr);
 }
 
 // ---- Stream -----------------------------------------------------------------
@@ -81,15 +69,21 @@ CBrickDiskStreamWithParallelReadAhead::~CBrickDiskStreamWithParallelReadAhead()
     }
 }
 
+// Each read thread reads through a brick object of its own, made here.
 void CBrickDiskStreamWithParallelReadAhead::startReadThreads(zo::int32 threadCount)
 {
-    for (zo::int32 i = 0; i < threadCount; ++i) {
-        const P<CReadThread> thread(new CReadThread(m_disk->newStandAloneBrickObject().get(),
-                                                    static_cast<zo::int32>(m_brickSize), m_manager.get(),
-                                                    m_bufferPool.get()));
-        thread->start();
-        m_threads.push_back(thread);
-    }
+    if (threadCount < 1)
+        return;
+    std::vector<P<CBrick>> bricks;
+    for (zo::int32 i = 0; i < threadCount; ++i)
+        bricks.push_back(m_disk->newStandAloneBrickObject());
+    // The engine outlives its loaders, so they may hold it by its address.
+    CParallelReadAheadManager* manager = m_manager.get();
+    m_manager->startLoaders(threadCount,
+                            [bricks = std::move(bricks), brickSize = static_cast<zo::int32>(m_brickSize), manager,
+                             pool = m_bufferPool](int worker, int64 brickIndex) {
+                                readBrick(*bricks[static_cast<size_t>(worker)], brickSize, *manager, *pool, brickIndex);
+                            });
 }
 
 void CBrickDiskStreamWithParallelReadAhead::checkOpen() const
@@ -126,11 +120,8 @@ void CBrickDiskStreamWithParallelReadAhead::close()
 {
     if (!m_disk)
         return;
-    // Stop first: threads waiting for an index or a slot wake up and end.
-    m_manager->signalStop();
-    for (const P<CReadThread>& thread : m_threads)
-        thread->stop(false);
-    m_threads.clear();
+    // Threads waiting for an index or a slot wake up and end.
+    m_manager->stop();
     m_manager = nullptr;
     m_disk = nullptr;
 }

@@ -1,5 +1,6 @@
 // CBrickDiskStreamWithParallelReadAhead: a read-only stream over a CBrickDisk
-// whose own threads load and decode bricks ahead of the reader.
+// whose read threads, run by the read-ahead engine (CParallelReadAheadManager),
+// load and decode bricks ahead of the reader.
 #pragma once
 
 #include "brick/chain/Brick.h"
@@ -13,7 +14,6 @@
 #include "zo/MemPool.h"
 #include "zo/Stream.h"
 #include "zo/StreamBase.h"
-#include "zo/Thread.h"
 #include "zo/URI.h"
 
 namespace brick {
@@ -45,8 +45,9 @@ namespace brick {
 // support lockRange.".
 //
 // Threads: the stream's own operations are for one thread at a time. The
-// read threads run from construction until close() (or destruction) and touch
-// only their own brick objects, the read-ahead manager and the buffer pool.
+// read threads are the engine's loaders, reading bricks in order; they run
+// from construction until close() (or destruction) and touch only their own
+// brick objects, the engine and the buffer pool.
 class BRICKDISK_EXPORT CBrickDiskStreamWithParallelReadAhead : public zo::CInStreamBase {
 public:
     // Holds a counted reference to `disk` (which must not be null; its
@@ -55,8 +56,8 @@ public:
     // brick 0 at once. With a thread count below 1 no thread is started and
     // a read that needs a brick waits for ever: callers pass at least 1.
     // At most `threadCount` bricks are read ahead and not yet consumed.
-    // When a thread cannot be made or started, the threads already running
-    // are stopped and the error is thrown.
+    // When a brick object cannot be made or a thread cannot be started, the
+    // threads already running are stopped and the error is thrown.
     CBrickDiskStreamWithParallelReadAhead(CBrickDisk* disk, zo::int32 threadCount);
     // The same, with at most `bricksAhead` bricks read ahead and not yet
     // consumed; a bound below the thread count is raised to it.
@@ -81,8 +82,8 @@ public:
     // restarted by the next read, not here.
     void seek(int64 position) override;
     // Stops the read-ahead and waits until every read thread has ended, then
-    // drops the threads, the manager and the disk. Closing a closed stream
-    // does nothing. Throws only what ending a thread throws.
+    // drops the manager and the disk. Closing a closed stream does nothing.
+    // Never throws.
     void close() override;
 
     // Reads exactly `size` bytes: readLax, and CIOError EndOfData (4) with the
@@ -100,25 +101,11 @@ public:
     int readLax(void* dst, int size) override;
 
 private:
-    // One read thread: claims brick indexes from the manager, reads each
-    // brick whole through its own brick object into a pool buffer and hands
-    // the buffer, or the error that reading raised, to the manager. Ends when
-    // the manager answers -1 or when asked to stop.
-    class CReadThread : public zo::CThread {
-    public:
-        CReadThread(CBrick* brick, zo::int32 brickSize, CParallelReadAheadManager* manager, zo::CMemPool* pool);
-
-    protected:
-        void run() override;
-
-    private:
-        void readBrick(int64 brickIndex);
-
-        P<CBrick> m_brick;
-        zo::int32 m_brickSize;
-        P<CParallelReadAheadManager> m_manager;
-        P<zo::CMemPool> m_pool;
-    };
+    // What one read thread does with a brick the engine hands it: reads it
+    // whole through the thread's own brick object into a pool buffer and
+    // hands the buffer, or the error that reading raised, to the engine.
+    static void readBrick(CBrick& brick, zo::int32 brickSize, CParallelReadAheadManager& manager, zo::CMemPool& pool,
+                          int64 brickIndex);
 
     // Throws StreamClosed unless the stream holds its disk.
     void checkOpen() const;
@@ -130,7 +117,6 @@ private:
     int64 m_brickSize;
     CURI m_uri;
     P<CParallelReadAheadManager> m_manager;
-    zo::TList<P<CReadThread>> m_threads;
     int64 m_position = 0;
     int64 m_length;
     P<TBuffer<uint8>> m_currentBrickData;

@@ -631,3 +631,125 @@ TEST(ParallelReadAheadManager, FailedBrickIsConsumedOnceAndTheReadAheadGoesOn)
     expectBrick(consume(manager, 0), 0, 2);
     EXPECT_TRUE(threads.stopAndJoin());
 }
+
+// ---- Runs of reads and loader threads --------------------------------------
+
+namespace {
+
+P<CParallelReadAheadManager> makeRunManager(int64 brickCount, int64 runBricksAhead)
+{
+    return P<CParallelReadAheadManager>(new CParallelReadAheadManager(brickCount, 0, runBricksAhead));
+}
+
+bool anyBrick(int64)
+{
+    return true;
+}
+
+// Reads bricks first ... last one read at a time, in order.
+void readInOrder(CParallelReadAheadManager& manager, int64 first, int64 last,
+                 const CParallelReadAheadManager::NeedsLoad& needsLoad = anyBrick)
+{
+    for (int64 index = first; index <= last; ++index)
+        manager.noteRead(index, index, needsLoad);
+}
+
+} // namespace
+
+TEST(ParallelReadAheadManager, RunContinuedTwiceQueuesTheBricksAfterIt)
+{
+    auto manager = makeRunManager(20, 4);
+    readInOrder(*manager, 0, 1);
+    BackgroundCall<int64> early = startClaim(manager);
+    EXPECT_TRUE(early.isBlocked());
+
+    manager->noteRead(2, 2, anyBrick);
+    ASSERT_TRUE(early.returns());
+    EXPECT_EQ(early.get(), 3);
+    EXPECT_EQ(claim(manager), 4);
+    EXPECT_EQ(claim(manager), 5);
+    EXPECT_EQ(claim(manager), 6);
+    BackgroundCall<int64> beyond = startClaim(manager);
+    EXPECT_TRUE(beyond.isBlocked());
+}
+
+TEST(ParallelReadAheadManager, ScatteredReadsQueueNothing)
+{
+    auto manager = makeRunManager(100, 4);
+    for (const int64 index : {0, 50, 20, 80, 35, 65})
+        manager->noteRead(index, index, anyBrick);
+    BackgroundCall<int64> loader = startClaim(manager);
+    EXPECT_TRUE(loader.isBlocked());
+}
+
+TEST(ParallelReadAheadManager, RunQueuesEachBrickOnceAndOnlyTheBricksTheReaderLacks)
+{
+    auto manager = makeRunManager(20, 4);
+    const auto lacksOddBricks = [](int64 index) { return index % 2 == 0; };
+    readInOrder(*manager, 0, 2, lacksOddBricks);
+    // The same run goes on: bricks 4 and 6 are queued already, 8 is new.
+    manager->noteRead(3, 4, lacksOddBricks);
+    EXPECT_EQ(claim(manager), 4);
+    EXPECT_EQ(claim(manager), 6);
+    EXPECT_EQ(claim(manager), 8);
+    BackgroundCall<int64> beyond = startClaim(manager);
+    EXPECT_TRUE(beyond.isBlocked());
+}
+
+TEST(ParallelReadAheadManager, FullQueueDropsItsOldestBricks)
+{
+    // Runs of 16 bricks ahead queue 32 bricks at most.
+    auto manager = makeRunManager(1000, 16);
+    readInOrder(*manager, 0, 2);
+    readInOrder(*manager, 500, 502);
+    readInOrder(*manager, 600, 602);
+    // Bricks 3 to 18 gave way to the two later runs.
+    for (int64 expected = 503; expected < 519; ++expected)
+        EXPECT_EQ(claim(manager), expected);
+    for (int64 expected = 603; expected < 619; ++expected)
+        EXPECT_EQ(claim(manager), expected);
+}
+
+TEST(ParallelReadAheadManager, LoadersLoadQueuedBricksThenEndAtStop)
+{
+    auto manager = makeRunManager(20, 4);
+    std::mutex mutex;
+    std::multiset<int64> loaded;
+    std::set<int> workers;
+    manager->startLoaders(2, [&](int worker, int64 index) {
+        std::lock_guard lock(mutex);
+        loaded.insert(index);
+        workers.insert(worker);
+    });
+    readInOrder(*manager, 0, 2);
+    const auto loadedCount = [&] {
+        std::lock_guard lock(mutex);
+        return loaded.size();
+    };
+    ASSERT_TRUE(waitUntil([&] { return loadedCount() == 4; }));
+
+    manager->stop();
+    readInOrder(*manager, 3, 10);
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(loaded, (std::multiset<int64>{3, 4, 5, 6}));
+    for (const int worker : workers)
+        EXPECT_TRUE(worker == 0 || worker == 1) << worker;
+    EXPECT_EQ(manager->nextBrickIndexForReadAhead(), -1);
+}
+
+TEST(ParallelReadAheadManager, LoadersDeliverBricksToTheReaderInOrder)
+{
+    P<CParallelReadAheadManager> manager(new CParallelReadAheadManager(6, 2));
+    CParallelReadAheadManager* engine = manager.get();
+    manager->startLoaders(
+        3, [engine](int, int64 index) { engine->storeReadAheadResult(index, makeBrickData(index).get(), nullptr); });
+    for (int64 index = 0; index < 6; ++index)
+        expectBrick(consume(manager, index), index);
+    manager->stop();
+    try {
+        manager->getBrickData(6);
+        ADD_FAILURE() << "no error thrown";
+    } catch (const CError& error) {
+        expectCalledAfterStopError(error);
+    }
+}
