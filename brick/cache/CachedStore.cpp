@@ -95,12 +95,21 @@ bool CCachedStore::isBrickFile(const CURI& path)
 
 CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::IFileSystem* cacheFs,
                            const CacheSettings& settings)
-    : CForwardingFileSystem(store), m_cacheFs(cacheFs), m_settings(settings)
+    : CForwardingFileSystem(store), m_cacheFs(cacheFs), m_settings(settings),
+      m_diskPrefix(diskFolder.toNormalized().toString() + "/")
 {
     m_settings.uploadJobs = std::max(1, m_settings.uploadJobs);
     m_settings.maxDirtyFiles = std::max(1, m_settings.maxDirtyFiles);
     m_cacheFs->createFolder(m_settings.folder << kFilesFolder, kFolderMode);
     m_cacheFs->createFolder(m_settings.folder << kJournalFolder, kFolderMode);
+    try {
+        m_folderLock = m_cacheFs->lockFolder(m_settings.folder, true);
+    } catch (const CFileSystemError& e) {
+        if (e.getProblem() != CFileSystemError::Locked)
+            throw;
+        throw CError("The cache folder is in use by another server.", String(), -1,
+                     CProps().add("cacheFolder", m_settings.folder.toString()), &e);
+    }
     // Left by stores into the cache folder that a killed process cut short.
     m_cacheFs->removeTemporaryFiles(m_settings.folder);
     loadJournal();
@@ -442,6 +451,52 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     evictLocked();
 }
 
+void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
+{
+    if (key.StartsWith(m_diskPrefix))
+        return change(key, bytes, overwrite);
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [&] {
+        const auto found = m_entries.find(key);
+        return (found == m_entries.end() || !found->second.writing) && m_fetches.count(key) == 0;
+    });
+    if (m_entries.count(key) && m_entries[key].dirty) {
+        // Left dirty by an earlier opening: its changes keep their order.
+        lock.unlock();
+        return change(key, bytes, overwrite);
+    }
+    m_entries[key].writing = true;
+    lock.unlock();
+    P<CError> error;
+    try {
+        if (bytes)
+            storeAll(getInner(), CURI(key), *bytes, overwrite);
+        else
+            getInner()->beginDeleteFile(CURI(key), nullptr)->wait();
+    } catch (...) {
+        error = zo::currentExceptionToError();
+    }
+    lock.lock();
+    Entry& entry = m_entries[key];
+    entry.writing = false;
+    if (!error && entry.present) {
+        // The cached bytes are no longer the store's.
+        try {
+            m_cacheFs->deleteFile(cachePath(key), true);
+            m_cachedBytes -= entry.size;
+            entry.present = false;
+        } catch (const std::exception& e) {
+            zo::logError(e, "Dropping a replaced brick file from the cache failed.", String());
+            error = zo::currentExceptionToError();
+        }
+    }
+    if (!entry.present && !entry.dirty)
+        m_entries.erase(key);
+    m_changed.notify_all();
+    if (error)
+        error->throwClone();
+}
+
 bool CCachedStore::brickExists(const String& key, int64* size)
 {
     {
@@ -473,8 +528,17 @@ P<zo::IFileSystemOp> CCachedStore::beginStoreFile(const CURI& file, int size, zo
         Bytes bytes(new zo::TBuffer<zo::uint8>(size));
         if (size > 0)
             held->read(bytes->getData(), size);
-        change(key, bytes, overwrite);
+        apply(key, bytes, overwrite);
     });
+}
+
+void CCachedStore::copyNow(const CURI& from, const CURI& to, bool overwrite)
+{
+    const Bytes bytes = isBrickFile(from) ? readBrick(from.toNormalized().toString()) : readAll(getInner(), from);
+    if (isBrickFile(to))
+        apply(to.toNormalized().toString(), bytes, overwrite);
+    else
+        storeAll(getInner(), to, *bytes, overwrite);
 }
 
 P<zo::IFileSystemOp> CCachedStore::beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
@@ -482,13 +546,7 @@ P<zo::IFileSystemOp> CCachedStore::beginCopyFile(const CURI& from, const CURI& t
 {
     if (!isBrickFile(from) && !isBrickFile(to))
         return CForwardingFileSystem::beginCopyFile(from, to, overwrite, listener);
-    return post(listener, [this, from, to, overwrite] {
-        const Bytes bytes = isBrickFile(from) ? readBrick(from.toNormalized().toString()) : readAll(getInner(), from);
-        if (isBrickFile(to))
-            change(to.toNormalized().toString(), bytes, overwrite);
-        else
-            storeAll(getInner(), to, *bytes, overwrite);
-    });
+    return post(listener, [this, from, to, overwrite] { copyNow(from, to, overwrite); });
 }
 
 P<zo::IFileSystemOp> CCachedStore::beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
@@ -497,9 +555,9 @@ P<zo::IFileSystemOp> CCachedStore::beginMoveFile(const CURI& from, const CURI& t
     if (!isBrickFile(from) && !isBrickFile(to))
         return CForwardingFileSystem::beginMoveFile(from, to, overwrite, listener);
     return post(listener, [this, from, to, overwrite] {
-        beginCopyFile(from, to, overwrite, nullptr)->wait();
+        copyNow(from, to, overwrite);
         if (isBrickFile(from))
-            change(from.toNormalized().toString(), Bytes(), true);
+            apply(from.toNormalized().toString(), Bytes(), true);
         else
             getInner()->deleteFile(from, true);
     });
@@ -510,7 +568,7 @@ P<zo::IFileSystemOp> CCachedStore::beginDeleteFile(const CURI& file, zo::IDoneLi
     if (!isBrickFile(file))
         return CForwardingFileSystem::beginDeleteFile(file, listener);
     const String key = file.toNormalized().toString();
-    return post(listener, [this, key] { change(key, Bytes(), true); });
+    return post(listener, [this, key] { apply(key, Bytes(), true); });
 }
 
 P<zo::IFileInfo> CCachedStore::getFileInfo(const CURI& path, bool throwIfMissing)
@@ -559,7 +617,7 @@ void CCachedStore::deleteFile(const CURI& file, bool ignoreMissing)
     const String key = file.toNormalized().toString();
     if (!ignoreMissing && !brickExists(key, nullptr))
         throw notFound(file);
-    change(key, Bytes(), true);
+    apply(key, Bytes(), true);
 }
 
 zo::TList<String> CCachedStore::listFolder(const CURI& folder)

@@ -32,7 +32,11 @@
 //
 // Files that are not brick files (headers, links, locks, creation marks) and
 // folders go straight to the store. A brick file is a "*.brick" file below a
-// "bricks" folder.
+// "bricks" folder. Changes of the brick files of other disks (the old brick
+// that a storer copies into a snapshot first) go straight to the store too,
+// and drop their cached copy: the store then keeps the order the storers rely
+// on, a snapshot's copy there before the disk's brick changes. Reads of any
+// disk's brick files are cached.
 //
 // Threads: every call may come from any thread; the uploaders are threads of
 // the cache's own. The asynchronous brick stores and deletions run on a
@@ -69,8 +73,10 @@ struct CacheSettings {
 
 class BRICKDISK_EXPORT CCachedStore : public zo::CForwardingFileSystem {
 public:
-    // Opens the cache folder of `settings` in `cacheFs` (creating it) for the
-    // disk in `diskFolder` of `store`, whose header must be there. A folder
+    // Opens the cache folder of `settings` in `cacheFs` (creating it and
+    // locking it for as long as the cache lives; a folder locked by another
+    // cache is refused) for the disk in `diskFolder` of `store`, whose header
+    // must be there. A folder
     // used before for another disk, or for this disk with another header
     // (changed elsewhere), is refused with a zo::CError that names what to do
     // (properties "cacheFolder", "diskFolder", "cachedDisk"). The changes
@@ -149,8 +155,12 @@ private:
     // neither holds the file.
     Bytes readBrick(const zo::String& key);
     Bytes fetch(const zo::String& key);
-    // Records and applies a change of a brick file (null bytes: deletion).
+    // A change of a brick file (null bytes: deletion): cached and journaled
+    // for the disk's own files, else made in the store.
+    void apply(const zo::String& key, const Bytes& bytes, bool overwrite);
+    // Records and applies a change of a brick file in the cache.
     void change(const zo::String& key, const Bytes& bytes, bool overwrite);
+    void copyNow(const zo::CURI& from, const zo::CURI& to, bool overwrite);
     bool brickExists(const zo::String& key, zo::int64* size);
     zo::P<zo::IFileSystemOp> post(zo::IDoneListener* listener, std::function<void()> work);
 
@@ -161,6 +171,9 @@ private:
 
     zo::P<zo::IFileSystem> m_cacheFs;
     CacheSettings m_settings;
+    // The disk's folder and "/": its brick files are the ones written here.
+    zo::String m_diskPrefix;
+    zo::P<zo::IFileSystemLock> m_folderLock;
     zo::P<zo::CCompletionPool> m_pool;
 
     mutable std::mutex m_mutex;

@@ -116,6 +116,10 @@ void CServedDisk::takeSnapshot(const zo::CURI& snapshotFolder)
         throw zo::CError("A disk served read-only cannot be snapshotted while it is served.", zo::String(), -1,
                          zo::CProps().add("diskFolder", m_folder.toString(true)));
     m_device->pauseAndReplaceDisk([&](const zo::P<CBrickDisk>& current) {
+        // The snapshot reads the disk's bricks from the store: they must be
+        // there before it exists.
+        if (m_cache)
+            m_cache->drain();
         CBrickDisk::createChild(m_fs.get(), snapshotFolder, m_folder, CBrickDisk::linkedChild, current->getCipherKey());
         // Reopened, the disk knows its new child and copies old bricks there.
         const zo::P<CBrickDisk> reopened = openDisk();

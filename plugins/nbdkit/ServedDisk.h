@@ -69,6 +69,7 @@ public:
     // Makes `snapshotFolder` a snapshot of the disk as it is now: holds new
     // requests back, waits for those in progress, flushes, makes the child
     // and goes on serving the disk, whose old bricks now go to the child.
+    // With a cache, the store first receives every change the cache holds.
     // Throws the errors of flushing, locking and making the child; the disk
     // is then served as before.
     void takeSnapshot(const zo::CURI& snapshotFolder);

@@ -226,6 +226,33 @@ TEST_F(CachedStoreTest, WritesFilesThatAreNotBricksStraightToTheStore)
     EXPECT_EQ(cache->getDirtyCount(), 0);
 }
 
+TEST_F(CachedStoreTest, WritesBricksOfAnotherDiskStraightToTheStore)
+{
+    failUploads();
+    const P<CCachedStore> cache = open();
+    const CURI childBrick("mem://store/child/bricks/a00/1.brick");
+    store->createFolder(childBrick.getParent(), 0700);
+    write(*cache, brickFile(1), filled(40, 5));
+
+    cache->beginCopyFile(brickFile(1), childBrick, false, nullptr)->wait();
+
+    // The snapshot's copy is in the store while the disk's own change waits.
+    EXPECT_EQ(text(store->getFileData(childBrick)), text(filled(40, 5)));
+    EXPECT_FALSE(cache->isCached(childBrick));
+    EXPECT_FALSE(store->getFileData(brickFile(1)));
+    EXPECT_EQ(cache->getDirtyCount(), 1);
+}
+
+TEST_F(CachedStoreTest, RefusesACacheFolderInUse)
+{
+    const P<CCachedStore> cache = open();
+
+    const auto error = errorOf<CError>([&] { open(); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "The cache folder is in use by another server.");
+}
+
 TEST_F(CachedStoreTest, DeletesABrickInTheStoreAfterAcknowledgingIt)
 {
     store->setFileData(brickFile(2), filled(50, 2));
@@ -386,6 +413,39 @@ TEST_F(CachedStoreTest, DiskWrittenOverTheCacheReadsTheSameFromTheStoreAfterAKil
     const P<brick::CBrickDisk> fromStore =
         testsupport::openDisk(store.get(), kDisk, "secret", zo::IIOStream::AccessRead);
     EXPECT_EQ(text(testsupport::readAt(*fromStore, 1000, size)), text(written));
+}
+
+TEST_F(CachedStoreTest, SnapshotTakenOverTheCacheKeepsItsBytesInTheStore)
+{
+    const int size = 3 * testsupport::kDiskTestBrickSize;
+    const Bytes before = filled(size, 0x11);
+    const Bytes after = filled(size, 0x22);
+    const CURI snapshot("mem://store/snapshot");
+    {
+        const P<CCachedStore> cache = open();
+        {
+            const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+            testsupport::writeAt(*disk, 0, before);
+            disk->flushChanges();
+        }
+        cache->drain();
+        testsupport::createLinkedChild(cache.get(), snapshot, kDisk, "secret");
+        failUploads();
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        disk->setAllowWritingWithParentDisk(true);
+        testsupport::writeAt(*disk, 0, after);
+        disk->flushChanges();
+    }
+    store->clearFailures();
+
+    open();
+
+    const P<brick::CBrickDisk> fromStore =
+        testsupport::openDisk(store.get(), kDisk, "secret", zo::IIOStream::AccessRead);
+    EXPECT_EQ(text(testsupport::readAt(*fromStore, 0, size)), text(after));
+    const P<brick::CBrickDisk> snapshotFromStore =
+        testsupport::openDisk(store.get(), snapshot, "secret", zo::IIOStream::AccessRead);
+    EXPECT_EQ(text(testsupport::readAt(*snapshotFromStore, 0, size)), text(before));
 }
 
 } // namespace
