@@ -421,7 +421,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
             m_cacheFs->createFolder(cached.getParent(), kFolderMode);
             storeAll(m_cacheFs.get(), cached, *bytes);
         } else {
-            m_cacheFs->deleteFile(cached, true);
+            deleteDurably(cached);
         }
     } catch (...) {
         error = zo::currentExceptionToError();
@@ -449,6 +449,14 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     done.lastUse = nextUse();
     m_changed.notify_all();
     evictLocked();
+}
+
+void CCachedStore::deleteDurably(const CURI& file)
+{
+    // A cached file that came back after a power loss would be taken for the
+    // store's.
+    m_cacheFs->beginDeleteFile(file, nullptr)->wait();
+    m_cacheFs->syncBatch();
 }
 
 void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
@@ -482,7 +490,7 @@ void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
     if (!error && entry.present) {
         // The cached bytes are no longer the store's.
         try {
-            m_cacheFs->deleteFile(cachePath(key), true);
+            deleteDurably(cachePath(key));
             m_cachedBytes -= entry.size;
             entry.present = false;
         } catch (const std::exception& e) {

@@ -161,6 +161,7 @@ private:
     // Records and applies a change of a brick file in the cache.
     void change(const zo::String& key, const Bytes& bytes, bool overwrite);
     void copyNow(const zo::CURI& from, const zo::CURI& to, bool overwrite);
+    void deleteDurably(const zo::CURI& file);
     bool brickExists(const zo::String& key, zo::int64* size);
     zo::P<zo::IFileSystemOp> post(zo::IDoneListener* listener, std::function<void()> work);
 

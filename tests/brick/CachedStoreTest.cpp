@@ -3,8 +3,10 @@
 #include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "support/DiskTestHelpers.h"
+#include "support/TempFolder.h"
 #include "zo/BufferStream.h"
 #include "zo/ForwardingFileSystem.h"
+#include "zo/LocalFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
@@ -446,6 +448,31 @@ TEST_F(CachedStoreTest, SnapshotTakenOverTheCacheKeepsItsBytesInTheStore)
     const P<brick::CBrickDisk> snapshotFromStore =
         testsupport::openDisk(store.get(), snapshot, "secret", zo::IIOStream::AccessRead);
     EXPECT_EQ(text(testsupport::readAt(*snapshotFromStore, 0, size)), text(before));
+}
+
+TEST_F(CachedStoreTest, LocalCacheFolderKeepsCleanAndDirtyFilesAcrossOpenings)
+{
+    const testsupport::TempFolder temp;
+    const P<zo::IFileSystem> local(new zo::CLocalFileSystem());
+    settings.folder = temp.uri() << "cache";
+    store->setFileData(brickFile(1), filled(70, 1));
+    failUploads();
+    {
+        const P<CCachedStore> cache(new CCachedStore(store.get(), kDisk, local.get(), settings));
+        EXPECT_EQ(read(*cache, brickFile(1)), text(filled(70, 1)));
+        write(*cache, brickFile(2), filled(80, 2));
+    }
+    store->clearFailures();
+    store->resetCounters();
+
+    const P<CCachedStore> reopened(new CCachedStore(store.get(), kDisk, local.get(), settings));
+
+    EXPECT_EQ(text(store->getFileData(brickFile(2))), text(filled(80, 2)));
+    EXPECT_TRUE(reopened->isCached(brickFile(1)));
+    EXPECT_TRUE(reopened->isCached(brickFile(2)));
+    EXPECT_EQ(reopened->getCachedBytes(), 150);
+    EXPECT_EQ(read(*reopened, brickFile(1)), text(filled(70, 1)));
+    EXPECT_EQ(store->getOperationCount(Operation::OpenStream), 1); // the header, for the owner check
 }
 
 } // namespace
