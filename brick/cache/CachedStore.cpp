@@ -113,7 +113,7 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
     // Left by stores into the cache folder that a killed process cut short.
     m_cacheFs->removeTemporaryFiles(m_settings.folder);
     loadJournal();
-    checkOwner(diskFolder, m_dirtyCount > 0);
+    checkOwner(diskFolder, !m_dirty.empty());
     loadCachedFiles(m_settings.folder << kFilesFolder);
     m_pool = zo::CCompletionPool::create(m_settings.uploadJobs);
     for (int i = 0; i < m_settings.uploadJobs; ++i)
@@ -245,7 +245,7 @@ void CCachedStore::loadJournal()
         }
         entry.dirty = true;
         entry.version = 1;
-        ++m_dirtyCount;
+        m_dirty.insert(path);
     }
 }
 
@@ -282,17 +282,19 @@ void CCachedStore::drain()
 {
     std::unique_lock lock(m_mutex);
     const zo::uint64 failuresBefore = m_uploadFailures;
-    m_changed.wait(lock, [&] { return m_dirtyCount == 0 || m_uploadFailures != failuresBefore; });
-    if (m_dirtyCount > 0)
+    m_changed.wait(lock, [&] { return m_dirty.empty() || m_uploadFailures != failuresBefore; });
+    if (!m_dirty.empty())
         throw CError("Uploading a changed brick file from the cache into the store failed.", String(), -1,
-                     CProps().add("cacheFolder", m_settings.folder.toString()).add("dirtyFiles", m_dirtyCount),
+                     CProps()
+                         .add("cacheFolder", m_settings.folder.toString())
+                         .add("dirtyFiles", static_cast<int64>(m_dirty.size())),
                      m_lastUploadError.get());
 }
 
 int CCachedStore::getDirtyCount() const
 {
     std::lock_guard lock(m_mutex);
-    return m_dirtyCount;
+    return static_cast<int>(m_dirty.size());
 }
 
 int64 CCachedStore::getCachedBytes() const
@@ -401,8 +403,10 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     m_changed.wait(lock, [&] {
         const auto found = m_entries.find(key);
         const bool alreadyDirty = found != m_entries.end() && found->second.dirty;
-        return (found == m_entries.end() || !found->second.writing) && m_fetches.count(key) == 0 &&
-            (alreadyDirty || m_dirtyCount < m_settings.maxDirtyFiles);
+        // Readers of the file finish first: a deletion would pull it away.
+        return (found == m_entries.end() || (!found->second.writing && found->second.readers == 0)) &&
+            m_fetches.count(key) == 0 &&
+            (alreadyDirty || m_dirty.size() < static_cast<size_t>(m_settings.maxDirtyFiles));
     });
     Entry& entry = m_entries[key];
     entry.writing = true;
@@ -435,8 +439,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
         m_changed.notify_all();
         error->throwClone();
     }
-    if (!done.dirty)
-        ++m_dirtyCount;
+    m_dirty.insert(key);
     done.dirty = true;
     done.failures = 0;
     done.retryAt = Clock::time_point();
@@ -466,7 +469,8 @@ void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [&] {
         const auto found = m_entries.find(key);
-        return (found == m_entries.end() || !found->second.writing) && m_fetches.count(key) == 0;
+        return (found == m_entries.end() || (!found->second.writing && found->second.readers == 0)) &&
+            m_fetches.count(key) == 0;
     });
     if (m_entries.count(key) && m_entries[key].dirty) {
         // Left dirty by an earlier opening: its changes keep their order.
@@ -644,9 +648,10 @@ zo::TList<String> CCachedStore::listFolder(const CURI& folder)
     bool changed = false;
     {
         std::lock_guard lock(m_mutex);
-        for (const auto& [key, entry] : m_entries) {
-            if (!entry.dirty || !key.StartsWith(prefix))
+        for (const String& key : m_dirty) {
+            if (!key.StartsWith(prefix))
                 continue;
+            const Entry& entry = m_entries[key];
             const String rest = key.Mid(prefix.getLength());
             if (rest.find(L'/') != String::npos)
                 continue;
@@ -670,8 +675,9 @@ void CCachedStore::uploaderMain()
         Clock::time_point nextRetry = Clock::time_point::max();
         String ready;
         bool found = false;
-        for (auto& [key, entry] : m_entries) {
-            if (!entry.dirty || entry.writing || entry.uploading)
+        for (const String& key : m_dirty) {
+            const Entry& entry = m_entries[key];
+            if (entry.writing || entry.uploading)
                 continue;
             if (entry.retryAt > now) {
                 nextRetry = std::min(nextRetry, entry.retryAt);
@@ -718,7 +724,7 @@ void CCachedStore::uploaderMain()
         } else if (done.version == version && !done.writing) {
             done.dirty = false;
             done.failures = 0;
-            --m_dirtyCount;
+            m_dirty.erase(ready);
             try {
                 // Left behind, the record would only cause a harmless upload.
                 m_cacheFs->deleteFile(recordPath(ready), true);

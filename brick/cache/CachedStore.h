@@ -51,6 +51,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -182,7 +183,8 @@ private:
     std::map<zo::String, Entry> m_entries;
     std::map<zo::String, std::shared_future<Bytes>> m_fetches;
     zo::int64 m_cachedBytes = 0;
-    int m_dirtyCount = 0;
+    // The keys of the dirty entries.
+    std::set<zo::String> m_dirty;
     zo::uint64 m_useClock = 0;
     zo::uint64 m_uploadFailures = 0;
     zo::P<zo::CError> m_lastUploadError;

@@ -92,6 +92,16 @@ protected:
     // Uploads fail for good until clearFailures.
     void failUploads() { store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, true, kBricks); }
 
+    // Drops the cache once the disk's last storer has let it go (storers
+    // release the file system just after the disk saw them end), as the end
+    // of a process would.
+    static void dropWhenReleased(P<CCachedStore>& cache)
+    {
+        while (cache->getRefCount() > 1)
+            std::this_thread::yield();
+        cache = P<CCachedStore>();
+    }
+
     // Drains, tolerating failures of uploads that were under way before the
     // store recovered.
     static void drainEventually(CCachedStore& cache)
@@ -401,13 +411,14 @@ TEST_F(CachedStoreTest, DiskWrittenOverTheCacheReadsTheSameFromTheStoreAfterAKil
     Bytes written(size);
     for (int i = 0; i < size; ++i)
         written.getData()[i] = static_cast<zo::uint8>(i * 7 + i / 1000);
+    P<CCachedStore> cache = open();
     {
-        const P<CCachedStore> cache = open();
         const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
         testsupport::writeAt(*disk, 1000, written);
         disk->flushChanges();
         EXPECT_GT(cache->getDirtyCount(), 0);
     }
+    dropWhenReleased(cache);
     store->clearFailures();
 
     open();
@@ -423,21 +434,22 @@ TEST_F(CachedStoreTest, SnapshotTakenOverTheCacheKeepsItsBytesInTheStore)
     const Bytes before = filled(size, 0x11);
     const Bytes after = filled(size, 0x22);
     const CURI snapshot("mem://store/snapshot");
+    P<CCachedStore> cache = open();
     {
-        const P<CCachedStore> cache = open();
-        {
-            const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
-            testsupport::writeAt(*disk, 0, before);
-            disk->flushChanges();
-        }
-        cache->drain();
-        testsupport::createLinkedChild(cache.get(), snapshot, kDisk, "secret");
-        failUploads();
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        testsupport::writeAt(*disk, 0, before);
+        disk->flushChanges();
+    }
+    cache->drain();
+    testsupport::createLinkedChild(cache.get(), snapshot, kDisk, "secret");
+    failUploads();
+    {
         const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
         disk->setAllowWritingWithParentDisk(true);
         testsupport::writeAt(*disk, 0, after);
         disk->flushChanges();
     }
+    dropWhenReleased(cache);
     store->clearFailures();
 
     open();
@@ -473,6 +485,48 @@ TEST_F(CachedStoreTest, LocalCacheFolderKeepsCleanAndDirtyFilesAcrossOpenings)
     EXPECT_EQ(reopened->getCachedBytes(), 150);
     EXPECT_EQ(read(*reopened, brickFile(1)), text(filled(70, 1)));
     EXPECT_EQ(store->getOperationCount(Operation::OpenStream), 1); // the header, for the owner check
+}
+
+TEST_F(CachedStoreTest, WritersReadersAndUploadersAtOnceLeaveTheLastWriteOfEachFileInTheStore)
+{
+    settings.maxBytes = 2000;
+    settings.maxDirtyFiles = 3;
+    settings.uploadJobs = 3;
+    store->setCompletionDelay(0, 2);
+    const P<CCachedStore> cache = open();
+    constexpr int kThreads = 4;
+    constexpr int kFilesEach = 2;
+    std::vector<std::string> last(kThreads * kFilesEach);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 60; ++round) {
+                const int own = t * kFilesEach + round % kFilesEach;
+                if (round % 7 == 6) {
+                    cache->beginDeleteFile(brickFile(own), nullptr)->wait();
+                    last[static_cast<size_t>(own)].clear();
+                } else {
+                    const Bytes bytes = filled(100 + round, static_cast<zo::uint8>(round + t));
+                    write(*cache, brickFile(own), bytes);
+                    last[static_cast<size_t>(own)] = text(bytes);
+                }
+                const int other = (own + kFilesEach) % (kThreads * kFilesEach);
+                try {
+                    read(*cache, brickFile(other));
+                } catch (const CFileSystemError& e) {
+                    EXPECT_EQ(e.getProblem(), CFileSystemError::NotFound);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    drainEventually(*cache);
+
+    for (int i = 0; i < kThreads * kFilesEach; ++i) {
+        const std::string& expected = last[static_cast<size_t>(i)];
+        EXPECT_EQ(text(store->getFileData(brickFile(i))), expected.empty() ? "<none>" : expected) << i;
+    }
 }
 
 } // namespace
