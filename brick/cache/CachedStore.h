@@ -30,6 +30,13 @@
 // Uploads of one file never overlap and always carry its newest bytes, so the
 // store sees a file's changes in the order they were made.
 //
+// After a crash: a change writes its record before the cache file, so a crash
+// in between leaves a record whose file is missing (the change was never
+// acknowledged; the next opening drops the record) or still the old one (the
+// next opening uploads it again, harmlessly). An acknowledged change has both,
+// and the next opening uploads it before it returns. The folder is locked
+// while a cache uses it.
+//
 // Files that are not brick files (headers, links, locks, creation marks) and
 // folders go straight to the store. A brick file is a "*.brick" file below a
 // "bricks" folder. Changes of the brick files of other disks (the old brick
