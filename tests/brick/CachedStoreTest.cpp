@@ -227,6 +227,48 @@ TEST_F(CachedStoreTest, AcknowledgesAWriteBeforeTheStoreHoldsItAndUploadsItAfter
     EXPECT_EQ(cache->getDirtyCount(), 0);
 }
 
+TEST_F(CachedStoreTest, WriterWaitsWhileTheDirtyBoundIsReached)
+{
+    settings.maxDirtyFiles = 2;
+    failUploads();
+    const P<CCachedStore> cache = open();
+    write(*cache, brickFile(1), filled(10, 1));
+    write(*cache, brickFile(2), filled(10, 2));
+    const Bytes third = filled(10, 3);
+    const P<zo::IInStream> source(new zo::CBufferStream(&third));
+    store->resetCounters();
+
+    const P<zo::IFileSystemOp> op = cache->beginStoreFile(brickFile(3), third.getUsed(), source.get(), true, nullptr);
+    // Uploads have failed a few times since the store began.
+    while (store->getOperationCount(Operation::StoreFile) < 4)
+        std::this_thread::yield();
+    EXPECT_FALSE(op->waitDone(0));
+    EXPECT_EQ(cache->getDirtyCount(), 2);
+    // A further change of a dirty file does not wait.
+    write(*cache, brickFile(1), filled(10, 9));
+
+    store->clearFailures();
+    op->wait();
+    drainEventually(*cache);
+    EXPECT_EQ(text(store->getFileData(brickFile(1))), text(filled(10, 9)));
+    EXPECT_EQ(text(store->getFileData(brickFile(3))), text(third));
+}
+
+TEST_F(CachedStoreTest, AWriteThatTheCacheFolderRefusesFailsAndIsNotUploaded)
+{
+    cacheFs->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, true, kCacheFolder << "files");
+    const P<CCachedStore> cache = open();
+
+    const auto error = errorOf<CFileSystemError>([&] { write(*cache, brickFile(5), filled(30, 5)); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProblem(), CFileSystemError::NoSpace);
+    EXPECT_EQ(cache->getDirtyCount(), 0);
+    EXPECT_FALSE(cache->fileExists(brickFile(5)));
+    cache->drain();
+    EXPECT_FALSE(store->getFileData(brickFile(5)));
+}
+
 TEST_F(CachedStoreTest, WritesFilesThatAreNotBricksStraightToTheStore)
 {
     failUploads();
