@@ -54,7 +54,9 @@
 #include "zo/Export.h"
 #include "zo/ForwardingFileSystem.h"
 
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <future>
 #include <map>
 #include <mutex>
