@@ -44,6 +44,10 @@ struct ServeOptions {
     bool readOnly = false;
     bool writable = false;
     std::string cache = "256M";
+    std::string cacheDir;
+    std::string cacheSize = "1G";
+    int uploadJobs = 4;
+    bool flushToStore = false;
     std::string plugin;
     CPasswordSource passwords;
 };
@@ -240,6 +244,13 @@ public:
         const bool isSnapshot = fs->fileExists(folder << brick::CBrickDisk::getParentLinkFileName());
         m_readOnly = options.readOnly || (isSnapshot && !options.writable);
         parseByteSize(options.cache, "--cache");
+        if (!options.cacheDir.empty()) {
+            if (brick::getStoreKind(folder.toLocalPath()) == brick::StoreKind::LocalFolder)
+                throw zo::CError("--cache-dir is for disks in a Ceph pool or an S3 bucket; a disk in a local folder "
+                                 "is served from its folder without one.",
+                                 zo::String(), -1, zo::CProps().add("diskFolder", folder.toString()));
+            parseByteSize(options.cacheSize, "--cache-size");
+        }
         // A disk in use is refused here, naming its holder as every command
         // does, before anything of a running server (its socket) is touched.
         // The server takes the lock itself once it runs.
@@ -257,6 +268,13 @@ public:
         for (const std::string& parameter : storeParameters(folder))
             argv.push_back(parameter);
         argv.push_back("cache=" + options.cache);
+        if (!options.cacheDir.empty()) {
+            argv.push_back("cache-dir=" + std::filesystem::absolute(options.cacheDir).lexically_normal().string());
+            argv.push_back("cache-size=" + options.cacheSize);
+            argv.push_back("upload-jobs=" + std::to_string(options.uploadJobs));
+            if (options.flushToStore)
+                argv.push_back("flush-to-store=true");
+        }
         if (m_readOnly)
             argv.push_back("readonly=true");
         std::unique_ptr<CPasswordPipe> password;
@@ -509,6 +527,21 @@ void addServeOptions(CLI::App& command, ServeOptions& options)
     command.add_flag("--writable", options.writable,
                      "Serve a snapshot (a disk with a parent) writable; snapshots are read-only otherwise");
     command.add_option("--cache", options.cache, "Memory for decoded bricks, e.g. 512M")->capture_default_str();
+    CLI::Option* cacheDir = command.add_option(
+        "--cache-dir", options.cacheDir,
+        "Local folder that caches the brick files of a disk in Ceph or S3; writes are acknowledged once durable "
+        "there and uploaded in the background");
+    command.add_option("--cache-size", options.cacheSize, "Size the cache folder is kept within, e.g. 20G")
+        ->capture_default_str()
+        ->needs(cacheDir);
+    command.add_option("--upload-jobs", options.uploadJobs, "Uploads from the cache folder to the store at once")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 64))
+        ->needs(cacheDir);
+    command
+        .add_flag("--flush-to-store", options.flushToStore,
+                  "A flush also waits until the store holds every write before it")
+        ->needs(cacheDir);
     command.add_option("--plugin", options.plugin, "The nbdkit plugin to use (found by default)");
     options.passwords.addOptionTo(command);
 }

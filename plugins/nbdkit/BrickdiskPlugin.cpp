@@ -7,6 +7,8 @@
 //                    [ceph-timeout=SECONDS] [s3-endpoint=URL]
 //                    [s3-virtual-host=true] [s3-no-conditional-put=true]
 //                    [s3-lock-lease=SECONDS] [s3-attempts=N]
+//                    [cache-dir=FOLDER] [cache-size=SIZE] [upload-jobs=N]
+//                    [flush-to-store=true]
 //
 // All connections share one block device, so a flush on any connection makes
 // every write acknowledged before it durable (multi-conn consistent).
@@ -213,6 +215,35 @@ int brickdiskConfig(const char* key, const char* value)
         options.cacheBytes = size;
         return 0;
     }
+    if (name == "cache-dir") {
+        options.cacheDir = value;
+        return 0;
+    }
+    if (name == "cache-size") {
+        const int64_t size = nbdkit_parse_size(value);
+        if (size == -1)
+            return -1;
+        options.cacheDirBytes = size;
+        return 0;
+    }
+    if (name == "upload-jobs") {
+        int jobs = 0;
+        if (nbdkit_parse_int("upload-jobs", value, &jobs) == -1)
+            return -1;
+        if (jobs < 1 || jobs > 64) {
+            nbdkit_error("upload-jobs must be from 1 to 64");
+            return -1;
+        }
+        options.uploadJobs = jobs;
+        return 0;
+    }
+    if (name == "flush-to-store") {
+        const int flag = nbdkit_parse_bool(value);
+        if (flag == -1)
+            return -1;
+        options.flushToStore = flag != 0;
+        return 0;
+    }
     if (name == "password-file" || name == "password-fd")
         return readPassword(name, value) ? 0 : -1;
     int result = 0;
@@ -226,6 +257,12 @@ int brickdiskConfigComplete()
 {
     if (!diskGiven) {
         nbdkit_error("the parameter disk=FOLDER (or rados://POOL/path, s3://BUCKET/path) is required");
+        return -1;
+    }
+    try {
+        nbdplugin::checkServeOptions(options);
+    } catch (const std::exception& e) {
+        nbdkit_error("%s", e.what());
         return -1;
     }
     return 0;
@@ -326,7 +363,7 @@ int brickdiskBlockSize(void*, uint32_t* minimum, uint32_t* preferred, uint32_t* 
 void flushIfAsked(uint32_t flags)
 {
     if (flags & NBDKIT_FLAG_FUA)
-        served->device().flush();
+        served->flush();
 }
 
 int brickdiskPread(void*, void* buffer, uint32_t count, uint64_t offset, uint32_t)
@@ -344,7 +381,7 @@ int brickdiskPwrite(void*, const void* buffer, uint32_t count, uint64_t offset, 
 
 int brickdiskFlush(void*, uint32_t)
 {
-    return request("flush", [] { served->device().flush(); });
+    return request("flush", [] { served->flush(); });
 }
 
 // Trimmed ranges read as zeros afterwards, like zeroed ones: whole bricks
@@ -413,7 +450,11 @@ struct nbdkit_plugin makePlugin()
                          "s3-virtual-host=true The bucket in the host name instead of the path.\n"
                          "s3-no-conditional-put=true  For services that ignore If-None-Match.\n"
                          "s3-lock-lease=S      Seconds the lock of a killed server keeps others out (30).\n"
-                         "s3-attempts=N        Tries of each S3 request (8).";
+                         "s3-attempts=N        Tries of each S3 request (8).\n"
+                         "cache-dir=FOLDER     Local cache of the brick files of a disk in a store.\n"
+                         "cache-size=SIZE      Size the cache folder is kept within (default 1G).\n"
+                         "upload-jobs=N        Uploaders from the cache to the store (default 4).\n"
+                         "flush-to-store=true  A flush waits until the store holds the writes.";
     plugin.magic_config_key = "disk";
     plugin.after_fork = brickdiskAfterFork;
     plugin.cleanup = brickdiskCleanup;

@@ -1,6 +1,7 @@
 #include "ServedDisk.h"
 
 #include "brick/chain/BrickDiskChain.h"
+#include "zo/LocalFileSystem.h"
 #include "zo/Log.h"
 
 namespace nbdplugin {
@@ -15,6 +16,7 @@ namespace {
 // device adds its own per thread.
 constexpr int kMaxBackgroundOps = 16;
 constexpr int kFileSystemThreads = 8;
+constexpr int kCacheFileSystemThreads = 4;
 
 // Indexes named in full; the rest are counted.
 constexpr size_t kNamedBricks = 16;
@@ -36,13 +38,36 @@ std::string describeUnstoredBricks(CBrickDiskBlockDevice& device, const std::exc
         (unstored.size() == 1 ? "brick " : "bricks ") + indexes + "): " + cause + " Their latest writes are lost.";
 }
 
+void checkServeOptions(const ServeOptions& options)
+{
+    if (!options.cacheDir.empty() && brick::getStoreKind(options.diskFolder) == brick::StoreKind::LocalFolder)
+        throw zo::CError("A cache folder is for disks in a Ceph pool or an S3 bucket; a disk in a local folder is "
+                         "served from its folder without one.",
+                         zo::String(), -1,
+                         zo::CProps()
+                             .add("diskFolder", zo::String::fromUTF8(options.diskFolder))
+                             .add("cacheFolder", zo::String::fromUTF8(options.cacheDir)));
+}
+
 CServedDisk::CServedDisk(const ServeOptions& options)
     : m_options(options), m_folder(zo::String::fromUTF8(options.diskFolder)),
       // A flush answers for durability, so every stored brick reaches the disk.
       m_fs(brick::openStore(m_folder, options.stores, true, kFileSystemThreads))
 {
+    checkServeOptions(options);
     m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder,
                                      options.readOnly ? CBrickDiskLock::ForReading : CBrickDiskLock::ForWriting);
+    if (!options.cacheDir.empty()) {
+        // Opened under the lock: what a killed server left in the cache is
+        // uploaded before anything reads the disk.
+        brick::CacheSettings settings;
+        settings.folder = zo::CURI(zo::String::fromUTF8(options.cacheDir));
+        settings.maxBytes = options.cacheDirBytes;
+        settings.uploadJobs = options.uploadJobs;
+        const zo::P<zo::IFileSystem> cacheFs(new zo::CLocalFileSystem(kCacheFileSystemThreads));
+        m_cache = zo::P<brick::CCachedStore>(new brick::CCachedStore(m_fs.get(), m_folder, cacheFs.get(), settings));
+        m_fs = m_cache;
+    }
     // A parent that is missing or was not made for this disk would show
     // through as wrong bytes: the disk is refused, as the tools refuse it.
     brick::CBrickDiskChain(m_fs.get(), m_folder).validate();
@@ -57,6 +82,22 @@ CServedDisk::~CServedDisk()
     } catch (const std::exception& e) {
         zo::logError(e, "Flushing the served disk at the end failed.", zo::String());
     }
+    if (!m_cache)
+        return;
+    try {
+        m_cache->drain();
+    } catch (const std::exception& e) {
+        zo::logError(e, "Uploading the cache at the end failed.",
+                     "The changed bricks stay in the cache folder " + zo::String::fromUTF8(m_options.cacheDir) +
+                         " and are uploaded when the disk is served with it again.");
+    }
+}
+
+void CServedDisk::flush()
+{
+    m_device->flush();
+    if (m_cache && m_options.flushToStore)
+        m_cache->drain();
 }
 
 zo::P<CBrickDisk> CServedDisk::openDisk() const
@@ -75,6 +116,10 @@ void CServedDisk::takeSnapshot(const zo::CURI& snapshotFolder)
         throw zo::CError("A disk served read-only cannot be snapshotted while it is served.", zo::String(), -1,
                          zo::CProps().add("diskFolder", m_folder.toString(true)));
     m_device->pauseAndReplaceDisk([&](const zo::P<CBrickDisk>& current) {
+        // The snapshot reads the disk's bricks from the store: they must be
+        // there before it exists.
+        if (m_cache)
+            m_cache->drain();
         CBrickDisk::createChild(m_fs.get(), snapshotFolder, m_folder, CBrickDisk::linkedChild, current->getCipherKey());
         // Reopened, the disk knows its new child and copies old bricks there.
         const zo::P<CBrickDisk> reopened = openDisk();

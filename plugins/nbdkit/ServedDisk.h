@@ -2,6 +2,7 @@
 // block device for as long as the server runs.
 #pragma once
 
+#include "brick/cache/CachedStore.h"
 #include "brick/chain/BrickDiskLock.h"
 #include "brick/chain/DiskStore.h"
 #include "brick/serving/BrickDiskBlockDevice.h"
@@ -19,7 +20,20 @@ struct ServeOptions {
     zo::int64 cacheBytes = 256ll << 20;
     // Empty: the disk is not encrypted.
     std::string password;
+    // Empty: no local cache. Else the local folder that caches the brick
+    // files of a disk in a store (refused for a disk in a local folder).
+    std::string cacheDir;
+    // The size the cache folder is kept within.
+    zo::int64 cacheDirBytes = brick::CacheSettings().maxBytes;
+    // Uploaders of the cache.
+    int uploadJobs = brick::CacheSettings().uploadJobs;
+    // A flush also waits until the store holds every write before it.
+    bool flushToStore = false;
 };
+
+// Refuses options that do not fit together: a cache folder for a disk in a
+// local folder. Throws zo::CError with the reason.
+void checkServeOptions(const ServeOptions& options);
 
 // What a server that stops with unstored bricks says: how many, which (the
 // first few indexes) and why (`failure`, the flush's error), e.g. "The server
@@ -30,22 +44,32 @@ std::string describeUnstoredBricks(brick::CBrickDiskBlockDevice& device, const s
 class CServedDisk {
 public:
     // Reaches the disk's store (brick::openStore, durable stores), locks the
-    // disk (for writing, or shared for reading), checks that every parent
+    // disk (for writing, or shared for reading), with a cache folder opens
+    // the cache over the store (which first uploads what a killed server
+    // left in it, and refuses the cache folder of another disk), checks that every parent
     // disk of its chain is there and made for it, opens it (reading and
     // writing unless read-only) and makes the block device. Throws the errors
     // of reaching the store, locking, the chain check and opening, such as
     // CBrickDiskError DiskInUse or IncorrectPassword.
     explicit CServedDisk(const ServeOptions& options);
-    // Flushes and releases the disk and its lock; never throws.
+    // Flushes and releases the disk and its lock, after the cache's uploads
+    // (those that fail stay in the cache folder for the next server); never
+    // throws.
     ~CServedDisk();
     CServedDisk(const CServedDisk&) = delete;
     CServedDisk& operator=(const CServedDisk&) = delete;
 
     brick::CBrickDiskBlockDevice& device() { return *m_device; }
 
+    // Makes every write before it durable: in the cache folder when there is
+    // one, and with flushToStore, or without a cache, in the store. Throws
+    // the device's flush errors and the cache's upload errors.
+    void flush();
+
     // Makes `snapshotFolder` a snapshot of the disk as it is now: holds new
     // requests back, waits for those in progress, flushes, makes the child
     // and goes on serving the disk, whose old bricks now go to the child.
+    // With a cache, the store first receives every change the cache holds.
     // Throws the errors of flushing, locking and making the child; the disk
     // is then served as before.
     void takeSnapshot(const zo::CURI& snapshotFolder);
@@ -58,6 +82,8 @@ private:
     ServeOptions m_options;
     zo::CURI m_folder;
     zo::P<zo::IFileSystem> m_fs;
+    // Null without a cache folder; else m_fs.
+    zo::P<brick::CCachedStore> m_cache;
     zo::P<brick::CBrickDiskLock> m_lock;
     zo::P<brick::CBrickDiskBlockDevice> m_device;
 };

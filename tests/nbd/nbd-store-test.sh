@@ -216,5 +216,43 @@ case_mount() {
   e2fsck -fn "$work/out" >"$work/fsck.log" 2>&1 || fail "the stored file system has errors: $(cat "$work/fsck.log")"
 }
 
+# Served through a local cache folder and killed (-9) after a flush: serving
+# again with the same folder uploads what the cache held before it serves, so
+# the store then holds every flushed byte. The folder refuses another disk.
+case_cache_kill_and_serve_again() {
+  local disk=$place/disk cache=$work/cache server
+  make_disk "$disk" 4M
+  head -c 4194304 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$cache" --cache-size 1M --upload-jobs 2
+  server=$(pgrep -P "$serve_pid" nbdkit) || fail "no server process"
+  tr '\0' '\n' <"/proc/$server/cmdline" >"$work/server-arguments"
+  grep -qx "cache-dir=$cache" "$work/server-arguments" ||
+    fail "the server was not given the cache folder: $(cat "$work/server-arguments")"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  kill -9 "$server"
+  wait "$serve_pid" 2>/dev/null && fail "serve ended cleanly although its server was killed"
+  # The killed server's lease lock keeps the disk until it runs out.
+  for _ in $(seq 1 30); do
+    "$brickdisk" "${settings[@]}" serve "$disk" --socket "$work/b.sock" --cache-dir "$cache" >"$work/b.log" 2>&1 &
+    serve_pid=$!
+    cleanups+=("kill $serve_pid 2>/dev/null; wait $serve_pid 2>/dev/null")
+    wait_for_output "$work/b.log" '^Serving' "$serve_pid" && break
+    wait "$serve_pid" 2>/dev/null || true
+    grep -q "in use by another process" "$work/b.log" || fail "serving again failed: $(cat "$work/b.log")"
+    sleep 1
+  done
+  grep -q '^Serving' "$work/b.log" || fail "serving again never started: $(cat "$work/b.log")"
+  stop_serving "$serve_pid" "$work/b.log"
+  export_disk "$disk" "$work/out"
+  cmp "$work/image" "$work/out" || fail "the store lacks bytes flushed into the cache before the kill"
+
+  make_disk "$place/other" 1M
+  if "$brickdisk" "${settings[@]}" serve "$place/other" --socket "$work/c.sock" --cache-dir "$cache" \
+    >"$work/c.log" 2>&1; then
+    fail "the cache folder of another disk was used"
+  fi
+  grep -q "belongs to another disk" "$work/c.log" || fail "no reason given: $(cat "$work/c.log")"
+}
+
 "case_$case_name"
 echo "PASSED: $store $case_name"

@@ -1,0 +1,786 @@
+#include "brick/cache/CachedStore.h"
+
+#include "brick/format/BrickDiskHeader.h"
+#include "seal/Digest.h"
+#include "zo/BufferStream.h"
+#include "zo/FileSystemOp.h"
+#include "zo/Log.h"
+
+#include <algorithm>
+#include <set>
+#include <sstream>
+
+namespace brick {
+
+using zo::CError;
+using zo::CFileSystemError;
+using zo::CProps;
+using zo::CURI;
+using zo::int64;
+using zo::P;
+using zo::String;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kOwnerFile[] = "owner";
+constexpr char kFilesFolder[] = "files";
+constexpr char kJournalFolder[] = "journal";
+constexpr char kRecordSuffix[] = ".rec";
+constexpr char kOwnerMagic[] = "brickdisk cache 1";
+constexpr char kRecordMagic[] = "brickdisk cache record 1";
+constexpr int kFolderMode = 0700;
+constexpr int kMaxRetryDelayMillis = 30000;
+// Eviction frees down to this share of the size, so that it runs in batches.
+constexpr int64 kEvictToPercent = 90;
+
+std::string sha256Hex(const std::string& text)
+{
+    const P<seal::IDigestContext> context = seal::CDigestManager().getType("sha256")->createContext();
+    context->update(text.data(), static_cast<int>(text.size()));
+    context->finish();
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (int i = 0; i < context->getSize(); ++i) {
+        hex += digits[context->getDigest()[i] >> 4];
+        hex += digits[context->getDigest()[i] & 15];
+    }
+    return hex;
+}
+
+P<zo::TBuffer<zo::uint8>> readAll(zo::IFileSystem* fs, const CURI& file)
+{
+    const P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, 0);
+    const int64 length = stream->getLength();
+    P<zo::TBuffer<zo::uint8>> bytes(new zo::TBuffer<zo::uint8>(static_cast<int>(length)));
+    if (length > 0)
+        stream->read(bytes->getData(), static_cast<int>(length));
+    return bytes;
+}
+
+void storeAll(zo::IFileSystem* fs, const CURI& file, const zo::TBuffer<zo::uint8>& bytes, bool overwrite = true)
+{
+    const P<zo::IInStream> source(new zo::CBufferStream(&bytes));
+    fs->beginStoreFile(file, bytes.getUsed(), source.get(), overwrite, nullptr)->wait();
+}
+
+std::string readText(zo::IFileSystem* fs, const CURI& file)
+{
+    const P<zo::TBuffer<zo::uint8>> bytes = readAll(fs, file);
+    return std::string(reinterpret_cast<const char*>(bytes->getData()), static_cast<size_t>(bytes->getUsed()));
+}
+
+void storeText(zo::IFileSystem* fs, const CURI& file, const std::string& text)
+{
+    storeAll(fs, file,
+             zo::TBuffer<zo::uint8>(reinterpret_cast<const zo::uint8*>(text.data()), static_cast<int>(text.size())));
+}
+
+CFileSystemError notFound(const CURI& file)
+{
+    return CFileSystemError(CFileSystemError::NotFound,
+                            CError("The file does not exist.", String(), -1, CProps().add("path", file.toString())));
+}
+
+} // namespace
+
+bool CCachedStore::isBrickFile(const CURI& path)
+{
+    const std::string text = path.toNormalized().toString().toUTF8();
+    const std::string suffix = ".brick";
+    return text.size() > suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0 &&
+        (text.find("/bricks/") != std::string::npos || text.rfind("bricks/", 0) == 0);
+}
+
+CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::IFileSystem* cacheFs,
+                           const CacheSettings& settings)
+    : CForwardingFileSystem(store), m_cacheFs(cacheFs), m_settings(settings),
+      m_diskPrefix(diskFolder.toNormalized().toString() + "/")
+{
+    m_settings.uploadJobs = std::max(1, m_settings.uploadJobs);
+    m_settings.maxDirtyFiles = std::max(1, m_settings.maxDirtyFiles);
+    m_cacheFs->createFolder(m_settings.folder << kFilesFolder, kFolderMode);
+    m_cacheFs->createFolder(m_settings.folder << kJournalFolder, kFolderMode);
+    try {
+        m_folderLock = m_cacheFs->lockFolder(m_settings.folder, true);
+    } catch (const CFileSystemError& e) {
+        if (e.getProblem() != CFileSystemError::Locked)
+            throw;
+        throw CError("The cache folder is in use by another server.", String(), -1,
+                     CProps().add("cacheFolder", m_settings.folder.toString()), &e);
+    }
+    // Left by stores into the cache folder that a killed process cut short.
+    m_cacheFs->removeTemporaryFiles(m_settings.folder);
+    loadJournal();
+    checkOwner(diskFolder, !m_dirty.empty());
+    loadCachedFiles(m_settings.folder << kFilesFolder);
+    m_pool = zo::CCompletionPool::create(m_settings.uploadJobs);
+    for (int i = 0; i < m_settings.uploadJobs; ++i)
+        m_uploaders.emplace_back([this] { uploaderMain(); });
+    try {
+        // Nothing may read the disk before the store holds what the journal
+        // says was acknowledged.
+        drain();
+    } catch (...) {
+        {
+            std::lock_guard lock(m_mutex);
+            m_stopping = true;
+        }
+        m_changed.notify_all();
+        for (std::thread& uploader : m_uploaders)
+            uploader.join();
+        m_pool->shutdown();
+        throw;
+    }
+}
+
+CCachedStore::~CCachedStore()
+{
+    m_pool->shutdown();
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = true;
+    }
+    m_changed.notify_all();
+    for (std::thread& uploader : m_uploaders)
+        uploader.join();
+}
+
+void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
+{
+    const String disk = diskFolder.toNormalized().toString();
+    const std::string header = sha256Hex(readText(getInner(), CBrickDiskHeader::getHeaderURI(diskFolder, 0)));
+    const CURI ownerFile = m_settings.folder << kOwnerFile;
+    const std::string expected = std::string(kOwnerMagic) + "\ndisk " + disk.toUTF8() + "\nheader " + header + "\n";
+    if (!m_cacheFs->fileExists(ownerFile)) {
+        storeText(m_cacheFs.get(), ownerFile, expected);
+        return;
+    }
+    const std::string recorded = readText(m_cacheFs.get(), ownerFile);
+    if (recorded == expected)
+        return;
+    std::istringstream lines(recorded);
+    std::string magic, cachedDisk;
+    std::getline(lines, magic);
+    std::getline(lines, cachedDisk);
+    if (cachedDisk.rfind("disk ", 0) == 0)
+        cachedDisk.erase(0, 5);
+    const String folder = m_settings.folder.toString();
+    CProps props = CProps().add("cacheFolder", folder).add("diskFolder", disk).add("cachedDisk", String(cachedDisk));
+    const std::string remove = "rm -r '" + folder.toUTF8() + "'";
+    if (cachedDisk != disk.toUTF8()) {
+        if (hasDirty)
+            throw CError(String("The cache folder belongs to another disk, " + cachedDisk +
+                                ", and holds changes of it that its store lacks. Serve that disk with this cache "
+                                "folder to upload them, or give them up with '" +
+                                remove + "'; or choose another cache folder."),
+                         String(), -1, props);
+        throw CError(String("The cache folder belongs to another disk, " + cachedDisk +
+                            ". Choose another cache folder, or empty this one with '" + remove + "'."),
+                     String(), -1, props);
+    }
+    throw CError(String("The disk changed elsewhere since this cache folder was used: its header is not the one "
+                        "the cache recorded. Empty the cache folder with '" +
+                        remove + "' before serving it" +
+                        (hasDirty ? ", which gives up the changes the cache holds for the store." : ".")),
+                 String(), -1, props);
+}
+
+CURI CCachedStore::cachePath(const String& key) const
+{
+    std::string path = key.toUTF8();
+    const size_t scheme = path.find("://");
+    if (scheme != std::string::npos)
+        path.replace(scheme, 3, "/");
+    else if (!path.empty() && path[0] == '/')
+        path = "local" + path;
+    else
+        path = "relative/" + path;
+    return CURI(m_settings.folder << kFilesFolder, String(path));
+}
+
+CURI CCachedStore::recordPath(const String& key) const
+{
+    return m_settings.folder << kJournalFolder << String(sha256Hex(key.toUTF8()).substr(0, 32) + kRecordSuffix);
+}
+
+void CCachedStore::writeRecord(const String& key, Change change)
+{
+    const std::string body =
+        std::string(kRecordMagic) + "\n" + (change == Change::Store ? "store" : "delete") + "\n" + key.toUTF8() + "\n";
+    storeText(m_cacheFs.get(), recordPath(key), body + sha256Hex(body) + "\n");
+}
+
+void CCachedStore::loadJournal()
+{
+    const CURI journal = m_settings.folder << kJournalFolder;
+    for (const String& name : m_cacheFs->listFolder(journal)) {
+        const CURI record = journal << name;
+        const std::string text = readText(m_cacheFs.get(), record);
+        const size_t end = text.size() > 1 ? text.rfind('\n', text.size() - 2) : std::string::npos;
+        std::istringstream lines(text);
+        std::string magic, change, key;
+        std::getline(lines, magic);
+        std::getline(lines, change);
+        std::getline(lines, key);
+        if (end == std::string::npos || text.back() != '\n' ||
+            text.substr(end + 1) != sha256Hex(text.substr(0, end + 1)) + "\n" || magic != kRecordMagic ||
+            (change != "store" && change != "delete")) {
+            // A record cut short or damaged was never acknowledged: the
+            // records of acknowledged changes are replaced atomically.
+            zo::logLine(zo::LogLevel::Warning,
+                        "Ignoring a damaged record of the cache journal: " + record.toString() + ".");
+            m_cacheFs->deleteFile(record, true);
+            continue;
+        }
+        const String path(key);
+        Entry& entry = m_entries[path];
+        entry.change = change == "store" ? Change::Store : Change::Delete;
+        if (entry.change == Change::Store && !m_cacheFs->fileExists(cachePath(path))) {
+            // The bytes never reached the cache folder: never acknowledged.
+            m_entries.erase(path);
+            m_cacheFs->deleteFile(record, true);
+            continue;
+        }
+        entry.dirty = true;
+        entry.version = 1;
+        m_dirty.insert(path);
+    }
+}
+
+void CCachedStore::loadCachedFiles(const CURI& folder)
+{
+    for (const String& name : m_cacheFs->listFolder(folder)) {
+        const CURI path = folder << name;
+        const P<zo::IFileInfo> info = m_cacheFs->getFileInfo(path, false);
+        if (info->isFolder()) {
+            loadCachedFiles(path);
+            continue;
+        }
+        std::string relative = path.toRelative(m_settings.folder << kFilesFolder).toString().toUTF8();
+        if (relative.rfind("local/", 0) == 0)
+            relative.erase(0, 5);
+        else if (relative.rfind("relative/", 0) == 0)
+            relative.erase(0, 9);
+        else if (relative.find('/') != std::string::npos)
+            relative.replace(relative.find('/'), 1, "://");
+        const String key(relative);
+        Entry& entry = m_entries[key];
+        if (entry.dirty && entry.change == Change::Delete) {
+            m_cacheFs->deleteFile(path, true);
+            continue;
+        }
+        entry.present = true;
+        entry.size = info->getSize();
+        entry.lastUse = nextUse();
+        m_cachedBytes += entry.size;
+    }
+}
+
+void CCachedStore::drain()
+{
+    std::unique_lock lock(m_mutex);
+    const zo::uint64 failuresBefore = m_uploadFailures;
+    m_changed.wait(lock, [&] { return m_dirty.empty() || m_uploadFailures != failuresBefore; });
+    if (!m_dirty.empty())
+        throw CError("Uploading a changed brick file from the cache into the store failed.", String(), -1,
+                     CProps()
+                         .add("cacheFolder", m_settings.folder.toString())
+                         .add("dirtyFiles", static_cast<int64>(m_dirty.size())),
+                     m_lastUploadError.get());
+}
+
+int CCachedStore::getDirtyCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return static_cast<int>(m_dirty.size());
+}
+
+int64 CCachedStore::getCachedBytes() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_cachedBytes;
+}
+
+bool CCachedStore::isCached(const CURI& file) const
+{
+    std::lock_guard lock(m_mutex);
+    const auto found = m_entries.find(file.toNormalized().toString());
+    return found != m_entries.end() && found->second.present;
+}
+
+P<zo::IFileSystemOp> CCachedStore::post(zo::IDoneListener* listener, std::function<void()> work)
+{
+    return zo::postFileSystemOp(*m_pool, listener, std::move(work));
+}
+
+CCachedStore::Bytes CCachedStore::readBrick(const String& key)
+{
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        auto found = m_entries.find(key);
+        if (found != m_entries.end() && found->second.writing) {
+            m_changed.wait(lock);
+            continue;
+        }
+        if (found != m_entries.end() && found->second.dirty && found->second.change == Change::Delete)
+            throw notFound(CURI(key));
+        if (found != m_entries.end() && found->second.present) {
+            Entry& entry = found->second;
+            entry.lastUse = nextUse();
+            ++entry.readers;
+            lock.unlock();
+            Bytes bytes;
+            P<CError> error;
+            try {
+                bytes = readAll(m_cacheFs.get(), cachePath(key));
+            } catch (...) {
+                error = zo::currentExceptionToError();
+            }
+            lock.lock();
+            --m_entries[key].readers;
+            m_changed.notify_all();
+            if (error)
+                error->throwClone();
+            return bytes;
+        }
+        const auto fetching = m_fetches.find(key);
+        if (fetching != m_fetches.end()) {
+            const std::shared_future<Bytes> pending = fetching->second;
+            lock.unlock();
+            return pending.get();
+        }
+        break;
+    }
+    std::promise<Bytes> promise;
+    m_fetches[key] = promise.get_future().share();
+    lock.unlock();
+    try {
+        const Bytes bytes = fetch(key);
+        promise.set_value(bytes);
+        lock.lock();
+        m_fetches.erase(key);
+        m_changed.notify_all();
+        return bytes;
+    } catch (...) {
+        promise.set_exception(std::current_exception());
+        lock.lock();
+        m_fetches.erase(key);
+        m_changed.notify_all();
+        throw;
+    }
+}
+
+CCachedStore::Bytes CCachedStore::fetch(const String& key)
+{
+    const Bytes bytes = readAll(getInner(), CURI(key));
+    const CURI cached = cachePath(key);
+    try {
+        m_cacheFs->createFolder(cached.getParent(), kFolderMode);
+        storeAll(m_cacheFs.get(), cached, *bytes);
+    } catch (const std::exception& e) {
+        // The bytes are good; the cache just does not keep them this time.
+        zo::logError(e, "Keeping a fetched brick file in the cache failed.", String());
+        return bytes;
+    }
+    std::lock_guard lock(m_mutex);
+    Entry& entry = m_entries[key];
+    // A change begun meanwhile has replaced the cache file and owns the entry.
+    if (!entry.present && !entry.writing && !entry.dirty) {
+        entry.present = true;
+        entry.size = bytes->getUsed();
+        entry.lastUse = nextUse();
+        m_cachedBytes += entry.size;
+        evictLocked();
+    }
+    return bytes;
+}
+
+void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [&] {
+        const auto found = m_entries.find(key);
+        const bool alreadyDirty = found != m_entries.end() && found->second.dirty;
+        // Readers of the file finish first: a deletion would pull it away.
+        return (found == m_entries.end() || (!found->second.writing && found->second.readers == 0)) &&
+            m_fetches.count(key) == 0 &&
+            (alreadyDirty || m_dirty.size() < static_cast<size_t>(m_settings.maxDirtyFiles));
+    });
+    Entry& entry = m_entries[key];
+    entry.writing = true;
+    ++entry.version;
+    lock.unlock();
+    P<CError> error;
+    try {
+        if (!overwrite && bytes && brickExists(key, nullptr))
+            throw CFileSystemError(CFileSystemError::AlreadyExists,
+                                   CError("The file exists already.", String(), -1, CProps().add("path", key)));
+        // The record first: a crash before the bytes are in place leaves a
+        // record whose bytes are missing (dropped at opening) or old.
+        writeRecord(key, bytes ? Change::Store : Change::Delete);
+        const CURI cached = cachePath(key);
+        if (bytes) {
+            m_cacheFs->createFolder(cached.getParent(), kFolderMode);
+            storeAll(m_cacheFs.get(), cached, *bytes);
+        } else {
+            deleteDurably(cached);
+        }
+    } catch (...) {
+        error = zo::currentExceptionToError();
+    }
+    lock.lock();
+    Entry& done = m_entries[key];
+    done.writing = false;
+    if (error) {
+        // The change is not acknowledged; the entry keeps its state. A record
+        // written for a clean file would only cause a harmless upload.
+        m_changed.notify_all();
+        error->throwClone();
+    }
+    m_dirty.insert(key);
+    done.dirty = true;
+    done.failures = 0;
+    done.retryAt = Clock::time_point();
+    done.change = bytes ? Change::Store : Change::Delete;
+    if (done.present)
+        m_cachedBytes -= done.size;
+    done.present = static_cast<bool>(bytes);
+    done.size = bytes ? bytes->getUsed() : 0;
+    m_cachedBytes += done.size;
+    done.lastUse = nextUse();
+    m_changed.notify_all();
+    evictLocked();
+}
+
+void CCachedStore::deleteDurably(const CURI& file)
+{
+    // A cached file that came back after a power loss would be taken for the
+    // store's.
+    m_cacheFs->beginDeleteFile(file, nullptr)->wait();
+    m_cacheFs->syncBatch();
+}
+
+void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
+{
+    if (key.StartsWith(m_diskPrefix))
+        return change(key, bytes, overwrite);
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [&] {
+        const auto found = m_entries.find(key);
+        return (found == m_entries.end() || (!found->second.writing && found->second.readers == 0)) &&
+            m_fetches.count(key) == 0;
+    });
+    if (m_entries.count(key) && m_entries[key].dirty) {
+        // Left dirty by an earlier opening: its changes keep their order.
+        lock.unlock();
+        return change(key, bytes, overwrite);
+    }
+    m_entries[key].writing = true;
+    lock.unlock();
+    P<CError> error;
+    try {
+        if (bytes)
+            storeAll(getInner(), CURI(key), *bytes, overwrite);
+        else
+            getInner()->beginDeleteFile(CURI(key), nullptr)->wait();
+    } catch (...) {
+        error = zo::currentExceptionToError();
+    }
+    lock.lock();
+    Entry& entry = m_entries[key];
+    entry.writing = false;
+    if (!error && entry.present) {
+        // The cached bytes are no longer the store's.
+        try {
+            deleteDurably(cachePath(key));
+            m_cachedBytes -= entry.size;
+            entry.present = false;
+        } catch (const std::exception& e) {
+            zo::logError(e, "Dropping a replaced brick file from the cache failed.", String());
+            error = zo::currentExceptionToError();
+        }
+    }
+    if (!entry.present && !entry.dirty)
+        m_entries.erase(key);
+    m_changed.notify_all();
+    if (error)
+        error->throwClone();
+}
+
+bool CCachedStore::brickExists(const String& key, int64* size)
+{
+    {
+        std::unique_lock lock(m_mutex);
+        const auto found = m_entries.find(key);
+        if (found != m_entries.end() && found->second.dirty && found->second.change == Change::Delete)
+            return false;
+        if (found != m_entries.end() && found->second.present) {
+            if (size)
+                *size = found->second.size;
+            return true;
+        }
+    }
+    const P<zo::IFileInfo> info = getInner()->getFileInfo(CURI(key), false);
+    if (size)
+        *size = info->getSize();
+    return info->exists() && !info->isFolder();
+}
+
+P<zo::IFileSystemOp> CCachedStore::beginStoreFile(const CURI& file, int size, zo::IInStream* source, bool overwrite,
+                                                  zo::IDoneListener* listener)
+{
+    if (!isBrickFile(file))
+        return CForwardingFileSystem::beginStoreFile(file, size, source, overwrite, listener);
+    zo::checkStoreFileArguments("CCachedStore::beginStoreFile", file, size, source);
+    const P<zo::IInStream> held(source);
+    const String key = file.toNormalized().toString();
+    return post(listener, [this, held, size, key, overwrite] {
+        Bytes bytes(new zo::TBuffer<zo::uint8>(size));
+        if (size > 0)
+            held->read(bytes->getData(), size);
+        apply(key, bytes, overwrite);
+    });
+}
+
+void CCachedStore::copyNow(const CURI& from, const CURI& to, bool overwrite)
+{
+    const Bytes bytes = isBrickFile(from) ? readBrick(from.toNormalized().toString()) : readAll(getInner(), from);
+    if (isBrickFile(to))
+        apply(to.toNormalized().toString(), bytes, overwrite);
+    else
+        storeAll(getInner(), to, *bytes, overwrite);
+}
+
+P<zo::IFileSystemOp> CCachedStore::beginCopyFile(const CURI& from, const CURI& to, bool overwrite,
+                                                 zo::IDoneListener* listener)
+{
+    if (!isBrickFile(from) && !isBrickFile(to))
+        return CForwardingFileSystem::beginCopyFile(from, to, overwrite, listener);
+    return post(listener, [this, from, to, overwrite] { copyNow(from, to, overwrite); });
+}
+
+P<zo::IFileSystemOp> CCachedStore::beginMoveFile(const CURI& from, const CURI& to, bool overwrite,
+                                                 zo::IDoneListener* listener)
+{
+    if (!isBrickFile(from) && !isBrickFile(to))
+        return CForwardingFileSystem::beginMoveFile(from, to, overwrite, listener);
+    return post(listener, [this, from, to, overwrite] {
+        copyNow(from, to, overwrite);
+        if (isBrickFile(from))
+            apply(from.toNormalized().toString(), Bytes(), true);
+        else
+            getInner()->deleteFile(from, true);
+    });
+}
+
+P<zo::IFileSystemOp> CCachedStore::beginDeleteFile(const CURI& file, zo::IDoneListener* listener)
+{
+    if (!isBrickFile(file))
+        return CForwardingFileSystem::beginDeleteFile(file, listener);
+    const String key = file.toNormalized().toString();
+    return post(listener, [this, key] { apply(key, Bytes(), true); });
+}
+
+P<zo::IFileInfo> CCachedStore::getFileInfo(const CURI& path, bool throwIfMissing)
+{
+    if (!isBrickFile(path))
+        return CForwardingFileSystem::getFileInfo(path, throwIfMissing);
+    int64 size = 0;
+    if (brickExists(path.toNormalized().toString(), &size))
+        return P<zo::IFileInfo>(new zo::CFileInfo(true, false, size));
+    if (throwIfMissing)
+        throw notFound(path);
+    return P<zo::IFileInfo>(new zo::CFileInfo(false, false, 0));
+}
+
+P<zo::IIOStream> CCachedStore::openStream(const CURI& file, zo::IIOStream::Access access, const int& options)
+{
+    if (!isBrickFile(file))
+        return CForwardingFileSystem::openStream(file, access, options);
+    if (access != zo::IIOStream::AccessRead)
+        throw CFileSystemError(CFileSystemError::NotSupported,
+                               CError("Brick files in a cache are written by stores only.", String(), -1,
+                                      CProps().add("path", file.toString())));
+    const Bytes bytes = readBrick(file.toNormalized().toString());
+    // The stream owns a copy, so the cache may evict the file at once.
+    return P<zo::IIOStream>(new zo::CBufferStream(new zo::TBuffer<zo::uint8>(*bytes), 2.0));
+}
+
+bool CCachedStore::fileExists(const CURI& file)
+{
+    if (!isBrickFile(file))
+        return CForwardingFileSystem::fileExists(file);
+    return brickExists(file.toNormalized().toString(), nullptr);
+}
+
+bool CCachedStore::pathExists(const CURI& path)
+{
+    if (!isBrickFile(path))
+        return CForwardingFileSystem::pathExists(path);
+    return brickExists(path.toNormalized().toString(), nullptr);
+}
+
+void CCachedStore::deleteFile(const CURI& file, bool ignoreMissing)
+{
+    if (!isBrickFile(file))
+        return CForwardingFileSystem::deleteFile(file, ignoreMissing);
+    const String key = file.toNormalized().toString();
+    if (!ignoreMissing && !brickExists(key, nullptr))
+        throw notFound(file);
+    apply(key, Bytes(), true);
+}
+
+zo::TList<String> CCachedStore::listFolder(const CURI& folder)
+{
+    std::set<String> names;
+    P<CError> missing;
+    try {
+        for (const String& name : CForwardingFileSystem::listFolder(folder))
+            names.insert(name);
+    } catch (const CFileSystemError& e) {
+        if (e.getProblem() != CFileSystemError::NotFound)
+            throw;
+        missing = e.clone();
+    }
+    const String prefix = folder.toNormalized().toString() + "/";
+    bool changed = false;
+    {
+        std::lock_guard lock(m_mutex);
+        for (const String& key : m_dirty) {
+            if (!key.StartsWith(prefix))
+                continue;
+            const Entry& entry = m_entries[key];
+            const String rest = key.Mid(prefix.getLength());
+            if (rest.find(L'/') != String::npos)
+                continue;
+            changed = true;
+            if (entry.change == Change::Store)
+                names.insert(rest);
+            else
+                names.erase(rest);
+        }
+    }
+    if (missing && !changed)
+        missing->throwClone();
+    return zo::TList<String>(names.begin(), names.end());
+}
+
+void CCachedStore::uploaderMain()
+{
+    std::unique_lock lock(m_mutex);
+    while (!m_stopping) {
+        const Clock::time_point now = Clock::now();
+        Clock::time_point nextRetry = Clock::time_point::max();
+        String ready;
+        bool found = false;
+        for (const String& key : m_dirty) {
+            const Entry& entry = m_entries[key];
+            if (entry.writing || entry.uploading)
+                continue;
+            if (entry.retryAt > now) {
+                nextRetry = std::min(nextRetry, entry.retryAt);
+                continue;
+            }
+            ready = key;
+            found = true;
+            break;
+        }
+        if (!found) {
+            if (nextRetry == Clock::time_point::max())
+                m_changed.wait(lock);
+            else
+                m_changed.wait_until(lock, nextRetry);
+            continue;
+        }
+        Entry& entry = m_entries[ready];
+        entry.uploading = true;
+        const int64 version = entry.version;
+        const Change change = entry.change;
+        lock.unlock();
+        P<CError> error;
+        try {
+            upload(ready, change);
+        } catch (...) {
+            error = zo::currentExceptionToError();
+        }
+        lock.lock();
+        Entry& done = m_entries[ready];
+        done.uploading = false;
+        if (error && done.version != version) {
+            // A newer change (a deletion, say) overtook the upload; the
+            // entry is still dirty and is uploaded again with it.
+        } else if (error) {
+            ++m_uploadFailures;
+            m_lastUploadError = error;
+            const int delay =
+                std::min(kMaxRetryDelayMillis, m_settings.retryDelayMillis << std::min(done.failures, 15));
+            // Logged once per file and run of failures, not at every retry.
+            if (done.failures == 0)
+                zo::logError(*error, "Uploading a brick file from the cache failed; it is tried again.", String());
+            ++done.failures;
+            done.retryAt = Clock::now() + std::chrono::milliseconds(delay);
+        } else if (done.version == version && !done.writing) {
+            done.dirty = false;
+            done.failures = 0;
+            m_dirty.erase(ready);
+            try {
+                // Left behind, the record would only cause a harmless upload.
+                m_cacheFs->deleteFile(recordPath(ready), true);
+            } catch (const std::exception& e) {
+                zo::logError(e, "Removing a record of the cache journal failed.", String());
+            }
+            if (!done.present)
+                m_entries.erase(ready);
+            evictLocked();
+        }
+        m_changed.notify_all();
+    }
+}
+
+void CCachedStore::upload(const String& key, Change change)
+{
+    const CURI file(key);
+    if (change == Change::Delete) {
+        getInner()->beginDeleteFile(file, nullptr)->wait();
+        return;
+    }
+    // The newest bytes: a change after the version was taken only makes the
+    // upload newer, and the entry then stays dirty for the next one.
+    const Bytes bytes = readAll(m_cacheFs.get(), cachePath(key));
+    try {
+        storeAll(getInner(), file, *bytes);
+    } catch (const CFileSystemError& e) {
+        if (e.getProblem() != CFileSystemError::NotFound)
+            throw;
+        getInner()->createFolder(file.getParent(), kFolderMode);
+        storeAll(getInner(), file, *bytes);
+    }
+}
+
+void CCachedStore::evictLocked()
+{
+    if (m_cachedBytes <= m_settings.maxBytes)
+        return;
+    std::vector<std::pair<zo::uint64, String>> candidates;
+    for (const auto& [key, entry] : m_entries)
+        if (entry.present && !entry.dirty && !entry.writing && !entry.uploading && entry.readers == 0)
+            candidates.emplace_back(entry.lastUse, key);
+    std::sort(candidates.begin(), candidates.end());
+    const int64 target = m_settings.maxBytes / 100 * kEvictToPercent;
+    for (const auto& [lastUse, key] : candidates) {
+        if (m_cachedBytes <= target)
+            break;
+        try {
+            m_cacheFs->deleteFile(cachePath(key), true);
+        } catch (const std::exception& e) {
+            zo::logError(e, "Evicting a brick file from the cache failed.", String());
+            continue;
+        }
+        m_cachedBytes -= m_entries[key].size;
+        m_entries.erase(key);
+    }
+}
+
+} // namespace brick

@@ -1,0 +1,204 @@
+// CCachedStore: a local cache of a disk's brick files in front of the file
+// system of its store (Ceph, S3), as a file system of its own, so that the
+// disk, its reader and its storers work over it unchanged.
+//
+// It keeps brick files as they are stored (encrypted and authenticated; it
+// never sees plain bytes) in a cache folder of `cacheFs`:
+//   owner            the disk's name and a SHA-256 of its header, written when
+//                    the folder is first used; another disk, or the same disk
+//                    with another header, is refused;
+//   files/...        the cached brick files, one per brick file of the store,
+//                    under a path made of the store's path ("s3://b/d/x"
+//                    becomes "files/s3/b/d/x");
+//   journal/*.rec    the journal: one small record per brick file whose
+//                    newest change the store does not hold yet, naming the
+//                    file and the change (stored or deleted), with a SHA-256
+//                    check value. A record is replaced atomically; one whose
+//                    check value does not match is ignored.
+//
+// Each cached brick file is in one of three states:
+//   clean      the cache file equals the store's (or is absent); it may be
+//              evicted, least recently used first, when the folder outgrows
+//              its size;
+//   dirty      a store or deletion was acknowledged to the writer once its
+//              record and the cache file were durable in the cache folder;
+//              the store does not hold it yet; it is never evicted;
+//   uploading  an uploader copies the cache file into the store (or deletes
+//              the store's file). On success the file becomes clean unless a
+//              newer change came meanwhile (then it stays dirty and is
+//              uploaded again); on failure it stays dirty and is retried.
+// Uploads of one file never overlap and always carry its newest bytes, so the
+// store sees a file's changes in the order they were made.
+//
+// After a crash: a change writes its record before the cache file, so a crash
+// in between leaves a record whose file is missing (the change was never
+// acknowledged; the next opening drops the record) or still the old one (the
+// next opening uploads it again, harmlessly). An acknowledged change has both,
+// and the next opening uploads it before it returns. The folder is locked
+// while a cache uses it.
+//
+// Files that are not brick files (headers, links, locks, creation marks) and
+// folders go straight to the store. A brick file is a "*.brick" file below a
+// "bricks" folder. Changes of the brick files of other disks (the old brick
+// that a storer copies into a snapshot first) go straight to the store too,
+// and drop their cached copy: the store then keeps the order the storers rely
+// on, a snapshot's copy there before the disk's brick changes. Reads of any
+// disk's brick files are cached.
+//
+// Threads: every call may come from any thread; the uploaders are threads of
+// the cache's own. The asynchronous brick stores and deletions run on a
+// completion pool of the cache's own.
+#pragma once
+
+#include "zo/CompletionPool.h"
+#include "zo/Export.h"
+#include "zo/ForwardingFileSystem.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace brick {
+
+struct CacheSettings {
+    // The cache folder, in the cache's file system.
+    zo::CURI folder;
+    // The size the cached files are kept within (dirty files are never
+    // evicted, so they may exceed it until uploaded).
+    zo::int64 maxBytes = 1ll << 30;
+    // Uploader threads.
+    int uploadJobs = 4;
+    // Dirty files at most; a writer of a further file waits for an upload.
+    int maxDirtyFiles = 1024;
+    // The wait before a failed upload is tried again; it doubles with each
+    // failure of the same file, up to 30 seconds.
+    int retryDelayMillis = 1000;
+};
+
+class BRICKDISK_EXPORT CCachedStore : public zo::CForwardingFileSystem {
+public:
+    // Opens the cache folder of `settings` in `cacheFs` (creating it and
+    // locking it for as long as the cache lives; a folder locked by another
+    // cache is refused) for the disk in `diskFolder` of `store`, whose header
+    // must be there. A folder
+    // used before for another disk, or for this disk with another header
+    // (changed elsewhere), is refused with a zo::CError that names what to do
+    // (properties "cacheFolder", "diskFolder", "cachedDisk"). The changes
+    // recorded dirty in the journal (left by a process that ended without
+    // uploading them) are uploaded before the call returns; a failing upload
+    // throws its error. Throws the cache file system's errors too. The caller
+    // should hold the disk's lock. Holds references to both file systems.
+    CCachedStore(zo::IFileSystem* store, const zo::CURI& diskFolder, zo::IFileSystem* cacheFs,
+                 const CacheSettings& settings);
+    // Stops the uploaders once their current upload ends; dirty files stay
+    // in the journal and are uploaded by the next opening. Never throws.
+    ~CCachedStore() override;
+    CCachedStore(const CCachedStore&) = delete;
+    CCachedStore& operator=(const CCachedStore&) = delete;
+
+    // Waits until the store holds every change acknowledged before the call.
+    // Throws the first upload error met while waiting (the file stays dirty
+    // and is tried again). Any thread may call it.
+    void drain();
+    // Files whose newest change the store does not hold yet. Never throws.
+    int getDirtyCount() const;
+    // Bytes of the files in the cache folder. Never throws.
+    zo::int64 getCachedBytes() const;
+    // True when `file` (a brick file) has its bytes in the cache folder.
+    bool isCached(const zo::CURI& file) const;
+
+    // Brick files: the bytes and the record go to the cache folder durably;
+    // the listener hears of success then, before the store holds them.
+    // Waits (on the cache's pool) while maxDirtyFiles files are dirty.
+    zo::P<zo::IFileSystemOp> beginStoreFile(const zo::CURI& file, int size, zo::IInStream* source, bool overwrite,
+                                            zo::IDoneListener* listener) override;
+    zo::P<zo::IFileSystemOp> beginMoveFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
+                                           zo::IDoneListener* listener) override;
+    zo::P<zo::IFileSystemOp> beginCopyFile(const zo::CURI& from, const zo::CURI& to, bool overwrite,
+                                           zo::IDoneListener* listener) override;
+    zo::P<zo::IFileSystemOp> beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener) override;
+    zo::P<zo::IFileInfo> getFileInfo(const zo::CURI& path, bool throwIfMissing) override;
+    // Brick files open for reading only (NotSupported otherwise); the bytes
+    // come from the cache folder, else from the store (fetched once however
+    // many readers ask at the same time) and are kept in the cache.
+    zo::P<zo::IIOStream> openStream(const zo::CURI& file, zo::IIOStream::Access access, const int& options) override;
+    bool fileExists(const zo::CURI& file) override;
+    bool pathExists(const zo::CURI& path) override;
+    void deleteFile(const zo::CURI& file, bool ignoreMissing) override;
+    // The store's entries with the dirty changes of brick files applied.
+    zo::TList<zo::String> listFolder(const zo::CURI& folder) override;
+
+    // True for a "*.brick" file below a "bricks" folder. Never throws.
+    static bool isBrickFile(const zo::CURI& path);
+
+private:
+    enum class Change { Store, Delete };
+    struct Entry {
+        bool present = false; // the bytes are in the cache folder
+        bool dirty = false;
+        Change change = Change::Store;
+        zo::int64 version = 0; // counts the changes begun
+        bool writing = false;
+        bool uploading = false;
+        int readers = 0;
+        zo::int64 size = 0;
+        zo::uint64 lastUse = 0;
+        int failures = 0;
+        std::chrono::steady_clock::time_point retryAt{};
+    };
+    using Bytes = zo::P<zo::TBuffer<zo::uint8>>;
+
+    void checkOwner(const zo::CURI& diskFolder, bool hasDirty);
+    void loadJournal();
+    void loadCachedFiles(const zo::CURI& folder);
+    zo::CURI cachePath(const zo::String& key) const;
+    zo::CURI recordPath(const zo::String& key) const;
+    void writeRecord(const zo::String& key, Change change);
+
+    // Brick bytes: the cache's, else fetched from the store. NotFound when
+    // neither holds the file.
+    Bytes readBrick(const zo::String& key);
+    Bytes fetch(const zo::String& key);
+    // A change of a brick file (null bytes: deletion): cached and journaled
+    // for the disk's own files, else made in the store.
+    void apply(const zo::String& key, const Bytes& bytes, bool overwrite);
+    // Records and applies a change of a brick file in the cache.
+    void change(const zo::String& key, const Bytes& bytes, bool overwrite);
+    void copyNow(const zo::CURI& from, const zo::CURI& to, bool overwrite);
+    void deleteDurably(const zo::CURI& file);
+    bool brickExists(const zo::String& key, zo::int64* size);
+    zo::P<zo::IFileSystemOp> post(zo::IDoneListener* listener, std::function<void()> work);
+
+    void uploaderMain();
+    void upload(const zo::String& key, Change change);
+    void evictLocked();
+    zo::uint64 nextUse() { return ++m_useClock; }
+
+    zo::P<zo::IFileSystem> m_cacheFs;
+    CacheSettings m_settings;
+    // The disk's folder and "/": its brick files are the ones written here.
+    zo::String m_diskPrefix;
+    zo::P<zo::IFileSystemLock> m_folderLock;
+    zo::P<zo::CCompletionPool> m_pool;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::map<zo::String, Entry> m_entries;
+    std::map<zo::String, std::shared_future<Bytes>> m_fetches;
+    zo::int64 m_cachedBytes = 0;
+    // The keys of the dirty entries.
+    std::set<zo::String> m_dirty;
+    zo::uint64 m_useClock = 0;
+    zo::uint64 m_uploadFailures = 0;
+    zo::P<zo::CError> m_lastUploadError;
+    bool m_stopping = false;
+    std::vector<std::thread> m_uploaders;
+};
+
+} // namespace brick

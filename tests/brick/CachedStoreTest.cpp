@@ -1,0 +1,574 @@
+#include "brick/cache/CachedStore.h"
+
+#include "brick/chain/BrickDisk.h"
+#include "brick/format/BrickDiskHeader.h"
+#include "support/DiskTestHelpers.h"
+#include "support/TempFolder.h"
+#include "zo/BufferStream.h"
+#include "zo/ForwardingFileSystem.h"
+#include "zo/LocalFileSystem.h"
+#include "zo/MemoryFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using brick::CacheSettings;
+using brick::CCachedStore;
+using testsupport::Bytes;
+using testsupport::errorOf;
+using testsupport::messageOf;
+using zo::CError;
+using zo::CFileSystemError;
+using zo::CMemoryFileSystem;
+using zo::CURI;
+using zo::P;
+using Operation = zo::CMemoryFileSystem::Operation;
+
+const CURI kDisk("mem://store/disk");
+const CURI kBricks("mem://store/disk/bricks");
+const CURI kCacheFolder("/cache");
+
+CURI brickFile(int index)
+{
+    return kDisk << "bricks"
+                 << "a00" << zo::String(std::to_string(index) + ".brick");
+}
+
+Bytes filled(int size, zo::uint8 value)
+{
+    Bytes bytes(size);
+    std::memset(bytes.getData(), value, static_cast<size_t>(size));
+    return bytes;
+}
+
+std::string text(const P<zo::TBuffer<zo::uint8>>& bytes)
+{
+    return bytes ? std::string(reinterpret_cast<const char*>(bytes->getData()), static_cast<size_t>(bytes->getUsed()))
+                 : std::string("<none>");
+}
+
+std::string text(const Bytes& bytes)
+{
+    return std::string(reinterpret_cast<const char*>(bytes.getData()), static_cast<size_t>(bytes.getUsed()));
+}
+
+class CachedStoreTest : public ::testing::Test {
+protected:
+    CachedStoreTest()
+    {
+        testsupport::createDisk(store.get(), kDisk, 1 << 20, "secret");
+        settings.folder = kCacheFolder;
+        settings.uploadJobs = 2;
+        settings.retryDelayMillis = 1;
+    }
+
+    P<CCachedStore> open(const CURI& disk = kDisk)
+    {
+        return P<CCachedStore>(new CCachedStore(store.get(), disk, cacheFs.get(), settings));
+    }
+
+    static void write(zo::IFileSystem& fs, const CURI& file, const Bytes& bytes)
+    {
+        const P<zo::IInStream> source(new zo::CBufferStream(&bytes));
+        fs.beginStoreFile(file, bytes.getUsed(), source.get(), true, nullptr)->wait();
+    }
+
+    static std::string read(zo::IFileSystem& fs, const CURI& file)
+    {
+        const P<zo::IIOStream> stream = fs.openStream(file, zo::IIOStream::AccessRead, 0);
+        Bytes bytes(static_cast<int>(stream->getLength()));
+        stream->read(bytes.getData(), bytes.getUsed());
+        return text(bytes);
+    }
+
+    // Uploads fail for good until clearFailures.
+    void failUploads() { store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, true, kBricks); }
+
+    // Drops the cache once the disk's last storer has let it go (storers
+    // release the file system just after the disk saw them end), as the end
+    // of a process would.
+    static void dropWhenReleased(P<CCachedStore>& cache)
+    {
+        while (cache->getRefCount() > 1)
+            std::this_thread::yield();
+        cache = P<CCachedStore>();
+    }
+
+    // Drains, tolerating failures of uploads that were under way before the
+    // store recovered.
+    static void drainEventually(CCachedStore& cache)
+    {
+        for (int attempt = 0;; ++attempt) {
+            try {
+                cache.drain();
+                return;
+            } catch (const CError&) {
+                if (attempt > 100)
+                    throw;
+            }
+        }
+    }
+
+    P<CMemoryFileSystem> store{new CMemoryFileSystem()};
+    P<CMemoryFileSystem> cacheFs{new CMemoryFileSystem()};
+    CacheSettings settings;
+};
+
+TEST_F(CachedStoreTest, FetchesABrickOnceAndReadsItFromTheCacheAfterwards)
+{
+    store->setFileData(brickFile(1), filled(100, 7));
+    const P<CCachedStore> cache = open();
+    store->resetCounters();
+
+    EXPECT_EQ(read(*cache, brickFile(1)), text(filled(100, 7)));
+    EXPECT_TRUE(cache->isCached(brickFile(1)));
+    EXPECT_EQ(read(*cache, brickFile(1)), text(filled(100, 7)));
+    EXPECT_EQ(store->getOperationCount(Operation::OpenStream), 1);
+}
+
+// A store whose first read of a brick file waits until the test lets it go,
+// so that other readers come while it is under way.
+class HeldFirstReadStore : public zo::CForwardingFileSystem {
+public:
+    explicit HeldFirstReadStore(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
+
+    P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
+    {
+        if (CCachedStore::isBrickFile(file)) {
+            std::unique_lock lock(m_mutex);
+            if (m_reads++ == 0) {
+                m_changed.notify_all();
+                m_changed.wait(lock, [&] { return m_released; });
+            }
+        }
+        return CForwardingFileSystem::openStream(file, access, options);
+    }
+    void waitForFirstRead()
+    {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_reads > 0; });
+    }
+    void release()
+    {
+        std::lock_guard lock(m_mutex);
+        m_released = true;
+        m_changed.notify_all();
+    }
+    int reads()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_reads;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_reads = 0;
+    bool m_released = false;
+};
+
+TEST_F(CachedStoreTest, FetchesABrickOnceForReadersAtTheSameTime)
+{
+    store->setFileData(brickFile(1), filled(5000, 3));
+    const P<HeldFirstReadStore> held(new HeldFirstReadStore(store.get()));
+    const P<CCachedStore> cache(new CCachedStore(held.get(), kDisk, cacheFs.get(), settings));
+
+    std::vector<std::thread> readers;
+    std::vector<std::string> seen(8);
+    readers.emplace_back([&] { seen[0] = read(*cache, brickFile(1)); });
+    held->waitForFirstRead();
+    for (size_t i = 1; i < seen.size(); ++i)
+        readers.emplace_back([&, i] { seen[i] = read(*cache, brickFile(1)); });
+    // Gives the later readers the time to meet the fetch under way; without
+    // it the test only checks less, it cannot fail wrongly.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    held->release();
+    for (std::thread& reader : readers)
+        reader.join();
+
+    for (const std::string& bytes : seen)
+        EXPECT_EQ(bytes, text(filled(5000, 3)));
+    EXPECT_EQ(held->reads(), 1);
+}
+
+TEST_F(CachedStoreTest, MissingBrickIsNotFoundInTheCacheAsInTheStore)
+{
+    const P<CCachedStore> cache = open();
+
+    EXPECT_FALSE(cache->fileExists(brickFile(9)));
+    const auto error = errorOf<CFileSystemError>([&] { read(*cache, brickFile(9)); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProblem(), CFileSystemError::NotFound);
+}
+
+TEST_F(CachedStoreTest, AcknowledgesAWriteBeforeTheStoreHoldsItAndUploadsItAfter)
+{
+    failUploads();
+    const P<CCachedStore> cache = open();
+
+    write(*cache, brickFile(1), filled(300, 1));
+
+    EXPECT_FALSE(store->getFileData(brickFile(1)));
+    EXPECT_EQ(cache->getDirtyCount(), 1);
+    EXPECT_TRUE(cache->fileExists(brickFile(1)));
+    EXPECT_EQ(read(*cache, brickFile(1)), text(filled(300, 1)));
+
+    store->clearFailures();
+    drainEventually(*cache);
+    EXPECT_EQ(text(store->getFileData(brickFile(1))), text(filled(300, 1)));
+    EXPECT_EQ(cache->getDirtyCount(), 0);
+}
+
+TEST_F(CachedStoreTest, WriterWaitsWhileTheDirtyBoundIsReached)
+{
+    settings.maxDirtyFiles = 2;
+    failUploads();
+    const P<CCachedStore> cache = open();
+    write(*cache, brickFile(1), filled(10, 1));
+    write(*cache, brickFile(2), filled(10, 2));
+    const Bytes third = filled(10, 3);
+    const P<zo::IInStream> source(new zo::CBufferStream(&third));
+    store->resetCounters();
+
+    const P<zo::IFileSystemOp> op = cache->beginStoreFile(brickFile(3), third.getUsed(), source.get(), true, nullptr);
+    // Uploads have failed a few times since the store began.
+    while (store->getOperationCount(Operation::StoreFile) < 4)
+        std::this_thread::yield();
+    EXPECT_FALSE(op->waitDone(0));
+    EXPECT_EQ(cache->getDirtyCount(), 2);
+    // A further change of a dirty file does not wait.
+    write(*cache, brickFile(1), filled(10, 9));
+
+    store->clearFailures();
+    op->wait();
+    drainEventually(*cache);
+    EXPECT_EQ(text(store->getFileData(brickFile(1))), text(filled(10, 9)));
+    EXPECT_EQ(text(store->getFileData(brickFile(3))), text(third));
+}
+
+TEST_F(CachedStoreTest, AWriteThatTheCacheFolderRefusesFailsAndIsNotUploaded)
+{
+    cacheFs->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, true, kCacheFolder << "files");
+    const P<CCachedStore> cache = open();
+
+    const auto error = errorOf<CFileSystemError>([&] { write(*cache, brickFile(5), filled(30, 5)); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProblem(), CFileSystemError::NoSpace);
+    EXPECT_EQ(cache->getDirtyCount(), 0);
+    EXPECT_FALSE(cache->fileExists(brickFile(5)));
+    cache->drain();
+    EXPECT_FALSE(store->getFileData(brickFile(5)));
+}
+
+TEST_F(CachedStoreTest, WritesFilesThatAreNotBricksStraightToTheStore)
+{
+    failUploads();
+    const P<CCachedStore> cache = open();
+
+    write(*cache, kDisk << "note.txt", filled(10, 2));
+
+    EXPECT_EQ(text(store->getFileData(kDisk << "note.txt")), text(filled(10, 2)));
+    EXPECT_EQ(cache->getDirtyCount(), 0);
+}
+
+TEST_F(CachedStoreTest, WritesBricksOfAnotherDiskStraightToTheStore)
+{
+    failUploads();
+    const P<CCachedStore> cache = open();
+    const CURI childBrick("mem://store/child/bricks/a00/1.brick");
+    store->createFolder(childBrick.getParent(), 0700);
+    write(*cache, brickFile(1), filled(40, 5));
+
+    cache->beginCopyFile(brickFile(1), childBrick, false, nullptr)->wait();
+
+    // The snapshot's copy is in the store while the disk's own change waits.
+    EXPECT_EQ(text(store->getFileData(childBrick)), text(filled(40, 5)));
+    EXPECT_FALSE(cache->isCached(childBrick));
+    EXPECT_FALSE(store->getFileData(brickFile(1)));
+    EXPECT_EQ(cache->getDirtyCount(), 1);
+}
+
+TEST_F(CachedStoreTest, RefusesACacheFolderInUse)
+{
+    const P<CCachedStore> cache = open();
+
+    const auto error = errorOf<CError>([&] { open(); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "The cache folder is in use by another server.");
+}
+
+TEST_F(CachedStoreTest, DeletesABrickInTheStoreAfterAcknowledgingIt)
+{
+    store->setFileData(brickFile(2), filled(50, 2));
+    store->failOperation(Operation::DeleteFile, 1, CFileSystemError::NoSpace, true, kBricks);
+    const P<CCachedStore> cache = open();
+
+    cache->beginDeleteFile(brickFile(2), nullptr)->wait();
+
+    EXPECT_FALSE(cache->fileExists(brickFile(2)));
+    EXPECT_TRUE(store->getFileData(brickFile(2)));
+    store->clearFailures();
+    drainEventually(*cache);
+    EXPECT_FALSE(store->getFileData(brickFile(2)));
+}
+
+TEST_F(CachedStoreTest, UploadsTheDirtyFilesOfAKilledProcessOnReopening)
+{
+    failUploads();
+    {
+        const P<CCachedStore> cache = open();
+        for (int i = 0; i < 3; ++i)
+            write(*cache, brickFile(i), filled(200 + i, static_cast<zo::uint8>(10 + i)));
+        write(*cache, brickFile(1), filled(250, 99));
+        // Dropped without draining: what a killed process leaves.
+    }
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(store->getFileData(brickFile(i)));
+    store->clearFailures();
+
+    const P<CCachedStore> reopened = open();
+
+    EXPECT_EQ(reopened->getDirtyCount(), 0);
+    EXPECT_EQ(text(store->getFileData(brickFile(0))), text(filled(200, 10)));
+    EXPECT_EQ(text(store->getFileData(brickFile(1))), text(filled(250, 99)));
+    EXPECT_EQ(text(store->getFileData(brickFile(2))), text(filled(202, 12)));
+}
+
+TEST_F(CachedStoreTest, OpeningFailsWhileTheStoreRefusesTheDirtyFiles)
+{
+    failUploads();
+    {
+        const P<CCachedStore> cache = open();
+        write(*cache, brickFile(0), filled(20, 1));
+    }
+
+    EXPECT_TRUE(errorOf<CError>([&] { open(); }));
+
+    store->clearFailures();
+    open();
+    EXPECT_EQ(text(store->getFileData(brickFile(0))), text(filled(20, 1)));
+}
+
+TEST_F(CachedStoreTest, RefusesTheCacheFolderOfAnotherDisk)
+{
+    testsupport::createDisk(store.get(), CURI("mem://store/other"), 1 << 20, "secret");
+    open();
+
+    const auto error = errorOf<CError>([&] { open(CURI("mem://store/other")); });
+
+    ASSERT_TRUE(error);
+    EXPECT_NE(messageOf(*error).find("belongs to another disk, mem://store/disk."), std::string::npos)
+        << messageOf(*error);
+    EXPECT_NE(messageOf(*error).find("rm -r '/cache'"), std::string::npos);
+    EXPECT_EQ(error->getProps().lookup("cachedDisk").toUTF8(), "mem://store/disk");
+}
+
+TEST_F(CachedStoreTest, RefusesADiskWhoseHeaderChangedElsewhere)
+{
+    open();
+    testsupport::createDisk(store.get(), CURI("mem://store/other"), 1 << 20, "secret");
+    const CURI header = brick::CBrickDiskHeader::getHeaderURI(kDisk, 0);
+    store->setFileData(header,
+                       *store->getFileData(brick::CBrickDiskHeader::getHeaderURI(CURI("mem://store/other"), 0)));
+
+    const auto error = errorOf<CError>([&] { open(); });
+
+    ASSERT_TRUE(error);
+    EXPECT_NE(messageOf(*error).find("changed elsewhere"), std::string::npos) << messageOf(*error);
+}
+
+TEST_F(CachedStoreTest, EvictionKeepsTheSizeButNeverDropsADirtyFile)
+{
+    settings.maxBytes = 250;
+    failUploads();
+    const P<CCachedStore> cache = open();
+
+    for (int i = 0; i < 5; ++i)
+        write(*cache, brickFile(i), filled(100, static_cast<zo::uint8>(i + 1)));
+
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(cache->isCached(brickFile(i))) << i;
+        EXPECT_EQ(read(*cache, brickFile(i)), text(filled(100, static_cast<zo::uint8>(i + 1))));
+    }
+    store->clearFailures();
+    drainEventually(*cache);
+    // A further fetch makes room: the clean files go, least recently used first.
+    store->setFileData(brickFile(7), filled(100, 7));
+    read(*cache, brickFile(7));
+    EXPECT_LE(cache->getCachedBytes(), 250);
+    EXPECT_TRUE(cache->isCached(brickFile(7)));
+    EXPECT_FALSE(cache->isCached(brickFile(0)));
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(read(*cache, brickFile(i)), text(filled(100, static_cast<zo::uint8>(i + 1))));
+}
+
+TEST_F(CachedStoreTest, KeepsAFileDirtyWhileItsUploadFailsAndRetriesIt)
+{
+    store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, false, kBricks);
+    store->failOperation(Operation::StoreFile, 2, CFileSystemError::NoSpace, false, kBricks);
+    const P<CCachedStore> cache = open();
+
+    write(*cache, brickFile(3), filled(64, 3));
+    drainEventually(*cache);
+
+    EXPECT_EQ(text(store->getFileData(brickFile(3))), text(filled(64, 3)));
+    EXPECT_GE(store->getOperationCount(Operation::StoreFile), 3);
+}
+
+TEST_F(CachedStoreTest, IgnoresADamagedJournalRecord)
+{
+    failUploads();
+    {
+        const P<CCachedStore> cache = open();
+        write(*cache, brickFile(4), filled(64, 4));
+    }
+    const zo::TList<zo::String> records = cacheFs->listFolder(kCacheFolder << "journal");
+    ASSERT_EQ(records.size(), 1u);
+    const CURI record = kCacheFolder << "journal" << records.front();
+    const P<zo::TBuffer<zo::uint8>> whole = cacheFs->getFileData(record);
+    cacheFs->setFileData(record, Bytes(whole->getData(), whole->getUsed() - 10));
+    store->clearFailures();
+
+    const P<CCachedStore> reopened = open();
+
+    EXPECT_EQ(reopened->getDirtyCount(), 0);
+    EXPECT_FALSE(store->getFileData(brickFile(4)));
+    EXPECT_TRUE(cacheFs->listFolder(kCacheFolder << "journal").empty());
+}
+
+TEST_F(CachedStoreTest, DiskWrittenOverTheCacheReadsTheSameFromTheStoreAfterAKill)
+{
+    failUploads();
+    const int size = 5 * testsupport::kDiskTestBrickSize + 123;
+    Bytes written(size);
+    for (int i = 0; i < size; ++i)
+        written.getData()[i] = static_cast<zo::uint8>(i * 7 + i / 1000);
+    P<CCachedStore> cache = open();
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        testsupport::writeAt(*disk, 1000, written);
+        disk->flushChanges();
+        EXPECT_GT(cache->getDirtyCount(), 0);
+    }
+    dropWhenReleased(cache);
+    store->clearFailures();
+
+    open();
+
+    const P<brick::CBrickDisk> fromStore =
+        testsupport::openDisk(store.get(), kDisk, "secret", zo::IIOStream::AccessRead);
+    EXPECT_EQ(text(testsupport::readAt(*fromStore, 1000, size)), text(written));
+}
+
+TEST_F(CachedStoreTest, SnapshotTakenOverTheCacheKeepsItsBytesInTheStore)
+{
+    const int size = 3 * testsupport::kDiskTestBrickSize;
+    const Bytes before = filled(size, 0x11);
+    const Bytes after = filled(size, 0x22);
+    const CURI snapshot("mem://store/snapshot");
+    P<CCachedStore> cache = open();
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        testsupport::writeAt(*disk, 0, before);
+        disk->flushChanges();
+    }
+    cache->drain();
+    testsupport::createLinkedChild(cache.get(), snapshot, kDisk, "secret");
+    failUploads();
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        disk->setAllowWritingWithParentDisk(true);
+        testsupport::writeAt(*disk, 0, after);
+        disk->flushChanges();
+    }
+    dropWhenReleased(cache);
+    store->clearFailures();
+
+    open();
+
+    const P<brick::CBrickDisk> fromStore =
+        testsupport::openDisk(store.get(), kDisk, "secret", zo::IIOStream::AccessRead);
+    EXPECT_EQ(text(testsupport::readAt(*fromStore, 0, size)), text(after));
+    const P<brick::CBrickDisk> snapshotFromStore =
+        testsupport::openDisk(store.get(), snapshot, "secret", zo::IIOStream::AccessRead);
+    EXPECT_EQ(text(testsupport::readAt(*snapshotFromStore, 0, size)), text(before));
+}
+
+TEST_F(CachedStoreTest, LocalCacheFolderKeepsCleanAndDirtyFilesAcrossOpenings)
+{
+    const testsupport::TempFolder temp;
+    const P<zo::IFileSystem> local(new zo::CLocalFileSystem());
+    settings.folder = temp.uri() << "cache";
+    store->setFileData(brickFile(1), filled(70, 1));
+    failUploads();
+    {
+        const P<CCachedStore> cache(new CCachedStore(store.get(), kDisk, local.get(), settings));
+        EXPECT_EQ(read(*cache, brickFile(1)), text(filled(70, 1)));
+        write(*cache, brickFile(2), filled(80, 2));
+    }
+    store->clearFailures();
+    store->resetCounters();
+
+    const P<CCachedStore> reopened(new CCachedStore(store.get(), kDisk, local.get(), settings));
+
+    EXPECT_EQ(text(store->getFileData(brickFile(2))), text(filled(80, 2)));
+    EXPECT_TRUE(reopened->isCached(brickFile(1)));
+    EXPECT_TRUE(reopened->isCached(brickFile(2)));
+    EXPECT_EQ(reopened->getCachedBytes(), 150);
+    EXPECT_EQ(read(*reopened, brickFile(1)), text(filled(70, 1)));
+    EXPECT_EQ(store->getOperationCount(Operation::OpenStream), 1); // the header, for the owner check
+}
+
+TEST_F(CachedStoreTest, WritersReadersAndUploadersAtOnceLeaveTheLastWriteOfEachFileInTheStore)
+{
+    settings.maxBytes = 2000;
+    settings.maxDirtyFiles = 3;
+    settings.uploadJobs = 3;
+    store->setCompletionDelay(0, 2);
+    const P<CCachedStore> cache = open();
+    constexpr int kThreads = 4;
+    constexpr int kFilesEach = 2;
+    std::vector<std::string> last(kThreads * kFilesEach);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < 60; ++round) {
+                const int own = t * kFilesEach + round % kFilesEach;
+                if (round % 7 == 6) {
+                    cache->beginDeleteFile(brickFile(own), nullptr)->wait();
+                    last[static_cast<size_t>(own)].clear();
+                } else {
+                    const Bytes bytes = filled(100 + round, static_cast<zo::uint8>(round + t));
+                    write(*cache, brickFile(own), bytes);
+                    last[static_cast<size_t>(own)] = text(bytes);
+                }
+                const int other = (own + kFilesEach) % (kThreads * kFilesEach);
+                try {
+                    read(*cache, brickFile(other));
+                } catch (const CFileSystemError& e) {
+                    EXPECT_EQ(e.getProblem(), CFileSystemError::NotFound);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    drainEventually(*cache);
+
+    for (int i = 0; i < kThreads * kFilesEach; ++i) {
+        const std::string& expected = last[static_cast<size_t>(i)];
+        EXPECT_EQ(text(store->getFileData(brickFile(i))), expected.empty() ? "<none>" : expected) << i;
+    }
+}
+
+} // namespace
