@@ -53,20 +53,23 @@ struct DiskPlan {
     bool existing = false;
 };
 
-zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64 offset, zo::int64 size)
+// `size` bytes of `file` from `offset` on; `options` as for openStream.
+zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64 offset, zo::int64 size,
+                                int options = zo::IIOStream::OptionNone)
 {
-    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, 0);
+    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, options);
     zo::TBuffer<zo::uint8> bytes(static_cast<int>(size));
     stream->seek(offset);
     stream->read(bytes.getData(), static_cast<int>(size));
     return bytes;
 }
 
-// The last bytes of a brick file, which hold its outer digest.
+// The last bytes of a brick file, which hold its outer digest; a file
+// system over an object store fetches only those.
 zo::TBuffer<zo::uint8> readTail(zo::IFileSystem* fs, const CURI& file, zo::int64 size)
 {
     const zo::int64 tail = std::min<zo::int64>(size, kBrickFileTailSize);
-    return readFile(fs, file, size - tail, tail);
+    return readFile(fs, file, size - tail, tail, zo::IIOStream::OptionRanges);
 }
 
 // The digest type of the brick files of a disk whose header names a plain
