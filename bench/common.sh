@@ -1,6 +1,6 @@
 # Helpers of the comparison benchmarks, sourced by them from the
-# repository's root: installing their tools, finding the brickdisk program,
-# their work folder, timing and figures.
+# repository's root: installing their tools, the S3 cluster and its buckets,
+# finding the brickdisk program, their work folder, timing and figures.
 
 # install_packages PACKAGE...: installs Debian packages (with sudo when not
 # root).
@@ -9,6 +9,41 @@ install_packages() {
   [ "$(id -u)" -eq 0 ] || sudo=sudo
   $sudo apt-get update -qq
   $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$@" >/dev/null
+}
+
+# install_missing "TOOL..." PACKAGE...: installs the packages when any of
+# the tools is not on the PATH.
+install_missing() {
+  local tool missing=0
+  for tool in $1; do
+    command -v "$tool" >/dev/null || missing=1
+  done
+  shift
+  [ "$missing" = 0 ] || install_packages "$@"
+}
+
+# start_s3_cluster NAME STORE_BYTES: starts a cluster of the benchmark's own
+# with radosgw (scripts/ceph-test-cluster.sh) in /tmp/NAME, keeping up to
+# STORE_BYTES of objects in memory, and exports its S3 endpoint and keys;
+# stop_s3_cluster stops it. Run from the repository's root.
+start_s3_cluster() {
+  export BRICKDISK_CEPH_DIR=/tmp/$1
+  export BRICKDISK_CEPH_STORE_BYTES=$2
+  eval "$(scripts/ceph-test-cluster.sh start)"
+  s3=(--aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY")
+}
+stop_s3_cluster() { "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null; }
+
+# radosgw wants the payload's digest even of an empty body.
+empty_sha256=e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855
+# make_bucket BUCKET, remove_bucket BUCKET (with its objects) on the
+# cluster's S3 endpoint.
+make_bucket() { curl -fsS "${s3[@]}" -H "x-amz-content-sha256: $empty_sha256" -X PUT "$AWS_ENDPOINT_URL/$1" >/dev/null; }
+remove_bucket() { radosgw-admin bucket rm --bucket="$1" --purge-objects >/dev/null 2>&1; }
+# bucket_bytes BUCKET: the bytes of the bucket's objects.
+bucket_bytes() {
+  radosgw-admin bucket stats --bucket="$1" 2>/dev/null |
+    python3 -c 'import json, sys; print(sum(u["size"] for u in json.load(sys.stdin)["usage"].values()))'
 }
 
 # find_brickdisk: sets $brickdisk to BRICKDISK_BENCH_PROGRAM, a program

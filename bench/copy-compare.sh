@@ -40,36 +40,20 @@ jobs=8
 
 scripts/install-deps.sh
 source bench/common.sh
-missing=()
-for tool in restic rclone; do
-  command -v "$tool" >/dev/null || missing+=("$tool")
-done
-[ ${#missing[@]} -eq 0 ] || install_packages restic rclone
+install_missing "restic rclone" restic rclone
 
 find_brickdisk
 
-export BRICKDISK_CEPH_DIR=/tmp/brickdisk-copy-bench
-export BRICKDISK_CEPH_STORE_BYTES=$((6 * 1024 * 1024 * 1024))
-eval "$(scripts/ceph-test-cluster.sh start)"
+start_s3_cluster brickdisk-copy-bench $((6 * 1024 * 1024 * 1024))
 
 make_work_folder brickdisk-copy-compare "$@"
 cleanup() {
-  "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null
+  stop_s3_cluster
   remove_work_folder
 }
 trap cleanup EXIT
 cd "$work"
 
-s3=(--aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY")
-# radosgw wants the payload's digest even of an empty body.
-empty_sha256=e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855
-make_bucket() { curl -fsS "${s3[@]}" -H "x-amz-content-sha256: $empty_sha256" -X PUT "$AWS_ENDPOINT_URL/$1" >/dev/null; }
-remove_bucket() { radosgw-admin bucket rm --bucket="$1" --purge-objects >/dev/null 2>&1; }
-# bucket_bytes BUCKET: the bytes of the bucket's objects.
-bucket_bytes() {
-  radosgw-admin bucket stats --bucket="$1" 2>/dev/null |
-    python3 -c 'import json, sys; print(sum(u["size"] for u in json.load(sys.stdin)["usage"].values()))'
-}
 bd() { "$brickdisk" --s3-endpoint "$AWS_ENDPOINT_URL" "$@"; }
 
 # rclone reaches the service as the remote "bench".

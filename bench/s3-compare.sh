@@ -37,38 +37,22 @@ declare -A brickdisk_stored
 
 scripts/install-deps.sh
 source bench/common.sh
-missing=()
-for tool in restic s3backer fusermount; do
-  command -v "$tool" >/dev/null || missing+=("$tool")
-done
-[ ${#missing[@]} -eq 0 ] || install_packages restic s3backer fuse3
+install_missing "restic s3backer fusermount" restic s3backer fuse3
 [ -e /dev/fuse ] || { echo "s3-compare: s3backer needs /dev/fuse" >&2; exit 1; }
 
 find_brickdisk
 
-export BRICKDISK_CEPH_DIR=/tmp/brickdisk-s3-bench
-export BRICKDISK_CEPH_STORE_BYTES=$((rounds * (3 + ${#brick_sizes[@]}) * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
-eval "$(scripts/ceph-test-cluster.sh start)"
+start_s3_cluster brickdisk-s3-bench $((rounds * (3 + ${#brick_sizes[@]}) * 1024 * 1024 * 1024 + 1024 * 1024 * 1024))
 
 make_work_folder brickdisk-s3-compare "$@"
 mounted=
 cleanup() {
   [ -z "$mounted" ] || fusermount -u "$mounted" 2>/dev/null || true
-  "$repo_root/scripts/ceph-test-cluster.sh" stop >/dev/null
+  stop_s3_cluster
   remove_work_folder
 }
 trap cleanup EXIT
 cd "$work"
-
-s3=(--aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY")
-# radosgw wants the payload's digest even of an empty body.
-empty_sha256=e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855
-make_bucket() { curl -fsS "${s3[@]}" -H "x-amz-content-sha256: $empty_sha256" -X PUT "$AWS_ENDPOINT_URL/$1" >/dev/null; }
-# bucket_bytes BUCKET: the bytes of the bucket's objects.
-bucket_bytes() {
-  radosgw-admin bucket stats --bucket="$1" 2>/dev/null |
-    python3 -c 'import json, sys; print(sum(u["size"] for u in json.load(sys.stdin)["usage"].values()))'
-}
 
 # s3backer_mount BUCKET FOLDER: mounts the bucket's s3backer file in FOLDER
 # (an empty folder), the program running in the foreground of a job.

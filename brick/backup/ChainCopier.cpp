@@ -53,20 +53,23 @@ struct DiskPlan {
     bool existing = false;
 };
 
-zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64 offset, zo::int64 size)
+// `size` bytes of `file` from `offset` on; `options` as for openStream.
+zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64 offset, zo::int64 size,
+                                int options = zo::IIOStream::OptionNone)
 {
-    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, 0);
+    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, options);
     zo::TBuffer<zo::uint8> bytes(static_cast<int>(size));
     stream->seek(offset);
     stream->read(bytes.getData(), static_cast<int>(size));
     return bytes;
 }
 
-// The last bytes of a brick file, which hold its outer digest.
+// The last bytes of a brick file, which hold its outer digest; a file
+// system over an object store fetches only those.
 zo::TBuffer<zo::uint8> readTail(zo::IFileSystem* fs, const CURI& file, zo::int64 size)
 {
     const zo::int64 tail = std::min<zo::int64>(size, kBrickFileTailSize);
-    return readFile(fs, file, size - tail, tail);
+    return readFile(fs, file, size - tail, tail, zo::IIOStream::OptionRanges);
 }
 
 // The digest type of the brick files of a disk whose header names a plain
@@ -244,6 +247,11 @@ public:
             }
             return;
         }
+        const std::optional<CBrickDiskLink> link = isLinkRecord(name) ? rewrittenLink(disk, name) : std::nullopt;
+        if (link) {
+            syncLink(disk, name, *link);
+            return;
+        }
         const zo::P<zo::TBuffer<zo::uint8>> payload = CBrickDiskAuxFileBase::loadAuxFile(m_sourceFs, disk.source, name);
         if (recordExists(m_destinationFs, disk.destination, name)) {
             bool same = false;
@@ -275,7 +283,12 @@ public:
                 // The mark names the disk's parent, as createChild's does;
                 // the top names itself.
                 const String parentLink = CBrickDisk::getParentLinkFileName();
-                if (recordExists(m_sourceFs, disk.source, parentLink)) {
+                const bool hasParent = recordExists(m_sourceFs, disk.source, parentLink);
+                const std::optional<CBrickDiskLink> link =
+                    hasParent ? rewrittenLink(disk, parentLink) : std::optional<CBrickDiskLink>();
+                if (link) {
+                    link->store(m_destinationFs, disk.destination, mark);
+                } else if (hasParent) {
                     CBrickDiskAuxFileBase::storeAuxFile(
                         m_destinationFs, disk.destination, mark,
                         *CBrickDiskAuxFileBase::loadAuxFile(m_sourceFs, disk.source, parentLink));
@@ -319,6 +332,10 @@ public:
         }
     }
 
+    // Tells the copy where each disk of the source chain lands, so that the
+    // links between them can be made to name those places.
+    void setDestinations(std::map<CURI, CURI> destinationOf) { m_destinationOf = std::move(destinationOf); }
+
     // Reads back every record of `disk` in the destination.
     void verifyRecords(const DiskPlan& disk)
     {
@@ -335,6 +352,57 @@ public:
     }
 
 private:
+    static bool isLinkRecord(const String& name)
+    {
+        return name == CBrickDisk::getParentLinkFileName() || name == CBrickDisk::getChildLinkFileName();
+    }
+
+    // The source's link record `name` of `disk` with its target rewritten,
+    // when the disk it names lands elsewhere relative to `disk` than in the
+    // source: the snapshots beside a top copied under another name link to
+    // that name. Nothing when the source's bytes name the right folder. The
+    // target is no part of an authenticated link's tag, so the rewritten link
+    // stays authentic, as a chain moved or renamed as a whole does.
+    std::optional<CBrickDiskLink> rewrittenLink(const DiskPlan& disk, const String& name) const
+    {
+        CBrickDiskLink link;
+        link.load(m_sourceFs, disk.source, name);
+        const CURI target = link.getTargetURI();
+        if (target.isAbsolute())
+            return std::nullopt;
+        const auto found = m_destinationOf.find((disk.source << target).toNormalized());
+        if (found == m_destinationOf.end())
+            return std::nullopt;
+        const CURI rewritten = found->second.toRelative(disk.destination).toNormalized();
+        if (rewritten == target.toNormalized())
+            return std::nullopt;
+        link.setTargetURI(rewritten);
+        return link;
+    }
+
+    // Makes the destination's link record `name` of `disk` hold `link`,
+    // leaving one that names the same folder and disks as it is.
+    void syncLink(const DiskPlan& disk, const String& name, const CBrickDiskLink& link)
+    {
+        if (recordExists(m_destinationFs, disk.destination, name)) {
+            CBrickDiskLink held;
+            bool same = false;
+            try {
+                held.load(m_destinationFs, disk.destination, name);
+                same = held.getTargetURI().toNormalized() == link.getTargetURI() &&
+                    held.getHolderID() == link.getHolderID() && held.getLinkedID() == link.getLinkedID() &&
+                    held.getTag() == link.getTag();
+            } catch (const CError&) {
+                // A record that does not load is written again.
+            }
+            if (same)
+                return;
+        }
+        if (!m_options.dryRun)
+            link.store(m_destinationFs, disk.destination, name);
+        ++m_summary.recordsWritten;
+    }
+
     void addProblem(const std::string& problem)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -447,6 +515,8 @@ private:
     CChainCopier::Summary m_summary;
     std::mutex m_mutex;
     std::vector<std::string> m_problems;
+    // Each folder of the source chain and its place in the destination.
+    std::map<CURI, CURI> m_destinationOf;
 };
 
 // The snapshots of `chain` (top first) that the options choose, newest
@@ -645,6 +715,10 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
 
     CCopyRun run(sourceFs, destinationFs, options);
     run.summary().snapshotsLeftOut = leftOut;
+    std::map<CURI, CURI> destinationOf;
+    for (const CRetentionPlan::Disk& member : chain)
+        destinationOf[member.folder.toNormalized()] = targetOf(member.folder);
+    run.setDestinations(std::move(destinationOf));
     // 1. The snapshots the destination holds get what their source kept.
     for (const DiskPlan& disk : plan) {
         if (!disk.existing || disk.destination == destinationTop)

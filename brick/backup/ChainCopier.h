@@ -5,7 +5,10 @@
 //
 // Layout: the top disk goes to the destination folder; each snapshot goes
 // where its path relative to the top's folder says, relative to the
-// destination, so that the relative links stay true.
+// destination, so that the relative links stay true. A destination that
+// names the top otherwise than the source does gets links rewritten to name
+// it (the target of a link is outside its tag, so authenticated links stay
+// authentic); every other record and brick file is copied byte for byte.
 //
 // A copy into a destination that holds the disk already sends only the brick
 // files that it lacks or holds with other bytes (by size and the outer digest

@@ -45,6 +45,10 @@ public:
     virtual std::optional<int64> stat(const ObjectName& name) = 0;
     // The whole object (NotFound when missing).
     virtual std::string read(const ObjectName& name) = 0;
+    // At most `size` (above 0) bytes of the object from `offset` on, fewer
+    // at its end and none from there on (NotFound when missing); only those
+    // bytes are fetched.
+    virtual std::string readRange(const ObjectName& name, int64 offset, int size) = 0;
     // Writes `size` bytes at `offset`, creating the object when missing.
     virtual void write(const ObjectName& name, int64 offset, const void* bytes, int size) = 0;
     // Cuts or extends (with zeros) an existing object to `length`.

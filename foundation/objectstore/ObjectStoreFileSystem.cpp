@@ -1,6 +1,7 @@
 #include "objectstore/ObjectStoreFileSystem.h"
 
 #include "objectstore/KnownFolders.h"
+#include "objectstore/ObjectRangeStream.h"
 #include "objectstore/ObjectStream.h"
 #include "zo/CompletionPool.h"
 #include "zo/FileSystemOp.h"
@@ -379,6 +380,8 @@ P<IIOStream> CObjectStoreFileSystem::openStream(const CURI& file, IIOStream::Acc
         // (once) where the store can.
         if (isInMissingFolder(name) || m_known->isListedAsMissing(name))
             throw pathError(CFileSystemError::NotFound, "The file does not exist.", file);
+        if (access == IIOStream::AccessRead && (options & IIOStream::OptionRanges))
+            return openRanges(file, name);
         try {
             bytes = m_store->read(name);
         } catch (const CFileSystemError& e) {
@@ -389,6 +392,18 @@ P<IIOStream> CObjectStoreFileSystem::openStream(const CURI& file, IIOStream::Acc
     }
     m_known->addFile(name);
     return P<IIOStream>(new CObjectStream(m_store.get(), file, name, bytes, access));
+}
+
+P<IIOStream> CObjectStoreFileSystem::openRanges(const CURI& file, const ObjectName& name)
+{
+    const std::optional<int64> length = m_store->stat(name);
+    if (!length) {
+        if (isFolderWhereAFileIsMissing(name))
+            throw pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file);
+        throw pathError(CFileSystemError::NotFound, "The file does not exist.", file);
+    }
+    m_known->addFile(name);
+    return P<IIOStream>(new CObjectRangeStream(m_store.get(), file, name, *length));
 }
 
 void CObjectStoreFileSystem::createFolder(const CURI& folder, int)

@@ -79,7 +79,10 @@ public:
     // last forgot it, did not show (and that this file system has not
     // written since) fails with NotFound without asking the store: a file
     // another program stored since is not seen. fileExists, getFileInfo and
-    // pathExists always ask the store for a file they do not know.
+    // pathExists always ask the store for a file they do not know. With
+    // AccessRead and IIOStream::OptionRanges, a CObjectRangeStream instead:
+    // the open asks the store for the object's size, each read fetches only
+    // the bytes it asks for.
     P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override;
     // `mode` is ignored.
     void createFolder(const CURI& folder, int mode) override;
@@ -122,6 +125,8 @@ private:
     // remembers it, so that its other missing files cost nothing to open;
     // else looks for the folder marker of `name`.
     bool isFolderWhereAFileIsMissing(const ObjectName& name);
+    // openStream's CObjectRangeStream over the object `name` of `file`.
+    P<IIOStream> openRanges(const CURI& file, const ObjectName& name);
 
     P<IObjectStore> m_store;
     String m_scheme;

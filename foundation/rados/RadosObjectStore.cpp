@@ -162,6 +162,18 @@ std::string CRadosObjectStore::read(const ObjectName& name)
     return bytes.to_str();
 }
 
+std::string CRadosObjectStore::readRange(const ObjectName& name, int64 offset, int size)
+{
+    librados::ObjectReadOperation operation;
+    librados::bufferlist bytes;
+    int readResult = 0;
+    operation.read(static_cast<uint64_t>(offset), static_cast<uint64_t>(size), &bytes, &readResult);
+    const int result = getIoCtx(name.container).operate(name.key, &operation, nullptr);
+    if (result < 0 || readResult < 0)
+        throw makeError(result < 0 ? result : readResult, "read", name);
+    return bytes.to_str();
+}
+
 void CRadosObjectStore::write(const ObjectName& name, int64 offset, const void* bytes, int size)
 {
     librados::bufferlist list = toBufferList(bytes, static_cast<size_t>(size));

@@ -28,6 +28,8 @@ public:
     void beginRemove(const ObjectName& name, Done done) override;
     std::optional<int64> stat(const ObjectName& name) override;
     std::string read(const ObjectName& name) override;
+    // A read of the range at its offset.
+    std::string readRange(const ObjectName& name, int64 offset, int size) override;
     void write(const ObjectName& name, int64 offset, const void* bytes, int size) override;
     void truncate(const ObjectName& name, int64 length) override;
     TList<std::string> list(const std::string& container, const std::string& prefix, int limit) override;

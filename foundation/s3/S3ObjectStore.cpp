@@ -3,6 +3,7 @@
 #include "objectstore/ObjectLeaseLock.h"
 #include "zo/Signal.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace zo {
@@ -247,6 +248,23 @@ std::string CS3ObjectStore::read(const ObjectName& name)
     checkBucket(name.container);
     S3Response response = m_client.perform(requestFor("GET", name));
     if (response.status != 200)
+        throw makeS3Error(response, "read", name);
+    return std::move(response.body);
+}
+
+std::string CS3ObjectStore::readRange(const ObjectName& name, int64 offset, int size)
+{
+    checkBucket(name.container);
+    S3Request request = requestFor("GET", name);
+    request.headers.push_back("Range: bytes=" + std::to_string(offset) + "-" + std::to_string(offset + size - 1));
+    S3Response response = m_client.perform(request);
+    // 416: the range starts at or after the object's end.
+    if (response.status == 416)
+        return std::string();
+    if (response.status == 200)
+        return response.body.substr(std::min(response.body.size(), static_cast<size_t>(offset)),
+                                    static_cast<size_t>(size));
+    if (response.status != 206)
         throw makeS3Error(response, "read", name);
     return std::move(response.body);
 }

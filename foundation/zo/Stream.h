@@ -75,8 +75,11 @@ public:
     // How a file is opened.
     enum Access { AccessRead = 1, AccessWrite = 2, AccessReadWrite = 3 };
     // Options of IFileSystem::openStream: OptionReplace creates the file or
-    // empties an existing one.
-    enum Options { OptionNone = 0, OptionReplace = 2 };
+    // empties an existing one. OptionRanges (with AccessRead) asks a file
+    // system that would fetch a whole file at the open (one over an object
+    // store) to fetch only the bytes each read asks for; such a stream reads
+    // the file as it is at each read. Other file systems ignore it.
+    enum Options { OptionNone = 0, OptionReplace = 2, OptionRanges = 4 };
 };
 
 } // namespace zo

@@ -317,4 +317,45 @@ TEST(ChainCopierRequests, SecondCopyReadsOnlyTheDigestsAtTheEndOfTheDestinations
     }
 }
 
+// The same over a file system on an object store, which would fetch a whole
+// object to read its last bytes: comparing a brick file fetches only the
+// digest at its end, so a second copy fetches at most that much of each
+// brick object of the destination but the one it sends again.
+TEST(ChainCopierRequests, SecondCopyFetchesOnlyTheDigestsAtTheEndOfTheDestinationsBrickObjects)
+{
+    constexpr zo::int64 kDigestSize = 32;
+    const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
+    const P<testsupport::CMemoryObjectStore> objects(new testsupport::CMemoryObjectStore());
+    const P<zo::CObjectStoreFileSystem> store(new zo::CObjectStoreFileSystem(objects.get(), "memory", 2));
+    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
+    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
+    CChainCopier::copy(source.get(), CURI("/src/disk"), store.get(), CURI(kDestination), {});
+    writeBricks(source.get(), {4}, 20);
+    std::map<std::string, zo::int64> sizes;
+    for (const std::string& key : objects->list("bucket", "dst/disk/bricks/", 0))
+        if (key.back() != '/')
+            sizes[key] = *objects->stat({"bucket", key});
+    ASSERT_EQ(sizes.size(), 12u);
+    const std::map<std::string, zo::int64> before = objects->getBytesFetchedByKey();
+
+    const P<zo::CObjectStoreFileSystem> fresh(new zo::CObjectStoreFileSystem(objects.get(), "memory", 2));
+    const CChainCopier::Summary summary =
+        CChainCopier::copy(source.get(), CURI("/src/disk"), fresh.get(), CURI(kDestination), {});
+
+    ASSERT_EQ(summary.filesSent, 1);
+    ASSERT_EQ(summary.filesSkipped, 11);
+    int tailsOnly = 0;
+    for (const auto& [key, bytes] : objects->getBytesFetchedByKey()) {
+        if (key.find("/bricks/") == std::string::npos)
+            continue;
+        const auto earlier = before.find(key);
+        const zo::int64 fetched = bytes - (earlier == before.end() ? 0 : earlier->second);
+        ASSERT_EQ(sizes.count(key), 1u) << key;
+        EXPECT_GT(sizes.at(key), 4 * kDigestSize) << key;
+        EXPECT_LE(fetched, kDigestSize) << key;
+        tailsOnly += fetched > 0 ? 1 : 0;
+    }
+    EXPECT_GE(tailsOnly, 11);
+}
+
 } // namespace

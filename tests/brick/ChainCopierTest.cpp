@@ -10,6 +10,7 @@
 #include "brick/chain/BrickDiskRemover.h"
 #include "brick/format/BrickDiskAuxFileBase.h"
 #include "brick/format/BrickDiskCreationTime.h"
+#include "seal/KeyDerivation.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/Error.h"
@@ -328,6 +329,44 @@ TEST(ChainCopier, PutsASnapshotBesideTheTopAtTheTopOfTheStore)
     EXPECT_EQ(chainOf(destination.get(), "/vm1"), (std::vector<std::string>{"/vm1", "/snap1"}));
     EXPECT_EQ(readDisks(destination.get(), "", {"/vm1", "/snap1"}),
               readDisks(source.get(), "/disks", {"/vm1", "/snap1"}));
+}
+
+// A destination named otherwise than the source's top: the snapshots beside
+// it link to the copy's top by its new name, their authenticated links still
+// open under the key, and a second copy sends only what changed.
+TEST(ChainCopier, SnapshotsOfATopCopiedUnderAnotherNameLinkToItsNewName)
+{
+    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
+    CBrickDisk::createAuthenticated(source.get(), CURI("/src/disk"), kDiskSize, 1, kPassword, "lz4", kBrickSize,
+                                    seal::Argon2idCost{1, 8, 1});
+    writeBricks(source.get(), {0, 1, 2}, 10);
+    takeSnapshot(source.get(), "/src/disk-s0");
+    writeBricks(source.get(), {1, 3}, 20);
+    const auto copyAsOther = [&] {
+        return CChainCopier::copy(source.get(), CURI("/src/disk"), destination.get(), CURI("/dst/other"), {});
+    };
+
+    copyAsOther();
+
+    EXPECT_EQ(chainOf(destination.get(), "/dst/other"), (std::vector<std::string>{"/dst/other", "/dst/disk-s0"}));
+    EXPECT_EQ(brick::CBrickDiskChain::loadLinkedFolder(destination.get(), CURI("/dst/disk-s0"),
+                                                       CBrickDisk::getParentLinkFileName()),
+              CURI("/dst/other"));
+    EXPECT_FALSE(destination->pathExists(CURI("/dst/disk")));
+    EXPECT_NO_THROW(brick::CBrickDiskChain(destination.get(), CURI("/dst/disk-s0")).validate());
+    EXPECT_EQ(
+        readDisks(destination.get(), "/dst", {"/other", "/disk-s0"}),
+        (std::map<std::string, Bytes>{{"/other", readDisks(source.get(), "/src", {"/disk"}).at("/disk")},
+                                      {"/disk-s0", readDisks(source.get(), "/src", {"/disk-s0"}).at("/disk-s0")}}));
+
+    writeBricks(source.get(), {2}, 30);
+    const CChainCopier::Summary second = copyAsOther();
+    EXPECT_EQ(second.filesSent, 2) << "brick 2 of the top and the snapshot's copy of its old file";
+    EXPECT_EQ(second.recordsWritten, 0);
+    EXPECT_TRUE(second.disksMade.empty());
+    EXPECT_EQ(readDisks(destination.get(), "/dst", {"/disk-s0"}).at("/disk-s0"),
+              readDisks(source.get(), "/src", {"/disk-s0"}).at("/disk-s0"));
 }
 
 // A copy killed while the local file system stored a record leaves that

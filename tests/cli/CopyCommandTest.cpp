@@ -93,6 +93,31 @@ TEST_F(CopyCommandTest, SecondCopySendsOnlyTheChangedFilesAndAddsTheNewSnapshot)
     EXPECT_NE(again.out.find("\"filesSent\": 0,"), std::string::npos) << again.out;
 }
 
+// DEST names the top otherwise than SOURCE: the snapshot beside it links to
+// the new name, so it checks and reads like its source, and a second copy
+// finds nothing to write.
+TEST_F(CopyCommandTest, SnapshotBesideATopCopiedUnderAnotherNameOpensAndASecondCopyWritesNothing)
+{
+    createDisk("src/disk", "2M", kCheapKdf);
+    writeFile(path("a.img"), makeImage(2 << 20, 1));
+    importImage("src/disk", "a.img");
+    ASSERT_EQ(runWithPassword({"snapshot", path("src/disk"), path("src/disk-s0")}).exitStatus, 0);
+    writeFile(path("b.img"), makeImage(1 << 20, 2));
+    importImage("src/disk", "b.img");
+
+    const RunResult copied = run({"copy", path("src/disk"), path("backup/other")});
+
+    ASSERT_EQ(copied.exitStatus, 0) << copied.err;
+    EXPECT_EQ(exportImage("backup/other"), exportImage("src/disk"));
+    EXPECT_EQ(exportImage("backup/disk-s0"), exportImage("src/disk-s0"));
+    const RunResult check = runWithPassword({"check", path("backup/disk-s0"), "--read-data"});
+    EXPECT_EQ(check.exitStatus, 0) << check.out << check.err;
+    const RunResult again = run({"copy", path("src/disk"), path("backup/other"), "--json"});
+    ASSERT_EQ(again.exitStatus, 0) << again.err;
+    EXPECT_NE(again.out.find("\"filesSent\": 0,"), std::string::npos) << again.out;
+    EXPECT_NE(again.out.find("\"recordsWritten\": 0,"), std::string::npos) << again.out;
+}
+
 TEST_F(CopyCommandTest, InterruptedOrKilledCopyIsFinishedByARunAgain)
 {
     createDisk("src/disk", "32M");

@@ -1,5 +1,6 @@
 #include "support/MemoryObjectStore.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace testsupport {
@@ -98,7 +99,24 @@ std::string CMemoryObjectStore::read(const ObjectName& name)
     const auto found = m_objects.find({name.container, name.key});
     if (found == m_objects.end())
         throw objectError(ENOENT, "read", name);
+    m_counts.bytesFetched += static_cast<zo::int64>(found->second.size());
+    m_bytesFetchedByKey[name.key] += static_cast<zo::int64>(found->second.size());
     return found->second;
+}
+
+std::string CMemoryObjectStore::readRange(const ObjectName& name, zo::int64 offset, int size)
+{
+    std::lock_guard lock(m_mutex);
+    ++m_counts.reads;
+    const auto found = m_objects.find({name.container, name.key});
+    if (found == m_objects.end())
+        throw objectError(ENOENT, "read", name);
+    const std::string& object = found->second;
+    const std::size_t start = std::min(object.size(), static_cast<std::size_t>(offset));
+    std::string bytes = object.substr(start, static_cast<std::size_t>(size));
+    m_counts.bytesFetched += static_cast<zo::int64>(bytes.size());
+    m_bytesFetchedByKey[name.key] += static_cast<zo::int64>(bytes.size());
+    return bytes;
 }
 
 void CMemoryObjectStore::write(const ObjectName& name, zo::int64 offset, const void* bytes, int size)
@@ -193,6 +211,12 @@ CMemoryObjectStore::Counts CMemoryObjectStore::getCounts() const
 {
     std::lock_guard lock(m_mutex);
     return m_counts;
+}
+
+std::map<std::string, zo::int64> CMemoryObjectStore::getBytesFetchedByKey() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_bytesFetchedByKey;
 }
 
 bool CMemoryObjectStore::holds(const ObjectName& name) const

@@ -26,6 +26,8 @@ public:
         int writes = 0;
         int lists = 0;
         int locks = 0;
+        // The object bytes that read and readRange returned.
+        zo::int64 bytesFetched = 0;
 
         int total() const { return puts + copies + removes + stats + reads + writes + lists + locks; }
     };
@@ -35,6 +37,8 @@ public:
     void beginRemove(const zo::ObjectName& name, Done done) override;
     std::optional<zo::int64> stat(const zo::ObjectName& name) override;
     std::string read(const zo::ObjectName& name) override;
+    // Counted as a read.
+    std::string readRange(const zo::ObjectName& name, zo::int64 offset, int size) override;
     void write(const zo::ObjectName& name, zo::int64 offset, const void* bytes, int size) override;
     void truncate(const zo::ObjectName& name, zo::int64 length) override;
     zo::TList<std::string> list(const std::string& container, const std::string& prefix, int limit) override;
@@ -45,6 +49,9 @@ public:
     zo::P<zo::IFileSystemLock> lock(const zo::ObjectName& name, bool exclusive) override;
 
     Counts getCounts() const;
+    // The object bytes that read and readRange returned, by key, since the
+    // start.
+    std::map<std::string, zo::int64> getBytesFetchedByKey() const;
     // True when the object exists; not counted.
     bool holds(const zo::ObjectName& name) const;
     // Removes an object as another program would, uncounted.
@@ -71,6 +78,7 @@ private:
     std::map<Key, std::string> m_objects;
     std::map<Key, LockState> m_locks;
     Counts m_counts;
+    std::map<std::string, zo::int64> m_bytesFetchedByKey;
     int m_levelPageSize = 1000;
     bool m_levelListingsDenied = false;
 };

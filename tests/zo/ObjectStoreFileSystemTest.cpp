@@ -92,6 +92,7 @@ protected:
         calls.writes = after.writes - before.writes;
         calls.lists = after.lists - before.lists;
         calls.locks = after.locks - before.locks;
+        calls.bytesFetched = after.bytesFetched - before.bytesFetched;
         return calls;
     }
 
@@ -175,6 +176,65 @@ TEST_F(ObjectStoreFileSystemTest, ReadingAFileCostsOneRead)
     });
     EXPECT_EQ(calls.reads, 1);
     EXPECT_EQ(calls.total(), 1);
+}
+
+// A stream opened for ranges asks the store for the object's size at the
+// open and fetches only the bytes each read asks for: the last 32 bytes of
+// a file cost those 32 bytes, where a plain open fetches the whole file.
+TEST_F(ObjectStoreFileSystemTest, AStreamOpenedForRangesFetchesOnlyTheBytesItReads)
+{
+    fs->createFolder(path("disk"), folderMode);
+    std::string bytes;
+    for (int i = 0; i < 4096; ++i)
+        bytes.push_back(static_cast<char>(i * 7 % 251));
+    ASSERT_EQ(store(*fs, path("disk/brick"), bytes, true), -1);
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    std::string tail(32, '\0');
+    const auto ranged = callsOf([&] {
+        const P<IIOStream> stream =
+            other->openStream(path("disk/brick"), IIOStream::AccessRead, IIOStream::OptionRanges);
+        EXPECT_EQ(stream->getLength(), 4096);
+        stream->seek(4096 - 32);
+        stream->read(tail.data(), 32);
+        EXPECT_TRUE(stream->isEndOfStream());
+        EXPECT_EQ(stream->readLax(tail.data(), 1), 0);
+    });
+    EXPECT_EQ(tail, bytes.substr(4096 - 32));
+    EXPECT_EQ(ranged.bytesFetched, 32);
+    EXPECT_EQ(ranged.stats, 1);
+    EXPECT_EQ(ranged.reads, 1);
+    EXPECT_EQ(ranged.total(), 2);
+
+    const auto whole = callsOf([&] {
+        const P<IIOStream> stream = other->openStream(path("disk/brick"), IIOStream::AccessRead, IIOStream::OptionNone);
+        stream->seek(4096 - 32);
+        stream->read(tail.data(), 32);
+    });
+    EXPECT_EQ(whole.bytesFetched, 4096);
+}
+
+TEST_F(ObjectStoreFileSystemTest, AStreamOpenedForRangesRefusesWritesAndSaysWhatIsMissing)
+{
+    fs->createFolder(path("disk/bricks"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/brick"), "bytes", true), -1);
+    const P<IIOStream> stream = fs->openStream(path("disk/brick"), IIOStream::AccessRead, IIOStream::OptionRanges);
+    try {
+        stream->write("x", 1);
+        ADD_FAILURE() << "a write went through";
+    } catch (const CIOError& e) {
+        EXPECT_EQ(e.getIOCode(), CIOError::ReadOnly);
+    }
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    const auto problemOf = [&](const char* file) {
+        try {
+            other->openStream(path(file), IIOStream::AccessRead, IIOStream::OptionRanges);
+            return -1;
+        } catch (const CFileSystemError& e) {
+            return static_cast<int>(e.getProblem());
+        }
+    };
+    EXPECT_EQ(problemOf("disk/missing"), CFileSystemError::NotFound);
+    EXPECT_EQ(problemOf("disk/bricks"), CFileSystemError::IsAFolder);
 }
 
 TEST_F(ObjectStoreFileSystemTest, AFolderWhoseMarkerWasRemovedBehindItsBackTakesStoresAndExistsThroughThem)
