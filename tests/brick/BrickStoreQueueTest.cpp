@@ -69,11 +69,7 @@ protected:
     P<CBrickStoreQueue> makeQueue(int maxStores, zo::IFileSystem* target = nullptr, const char* child = "",
                                   std::vector<const char*> parents = {})
     {
-        zo::TList<CURI> parentFolders;
-        for (const char* parent : parents)
-            parentFolders.push_back(CURI(parent));
-        return P<CBrickStoreQueue>(new CBrickStoreQueue(target ? target : fs.get(), CURI("/disk"), CURI(child),
-                                                        parentFolders, header, key, maxStores));
+        return testsupport::makeQueueOver(target ? target : fs.get(), header, key, maxStores, "/disk", child, parents);
     }
 
     P<Bytes> prepared(unsigned seed) { return preparedOf(testsupport::patternBytes(kBrickSize, seed)); }

@@ -52,11 +52,8 @@ protected:
     P<CBrick> makeBrick(const char* disk = "/disk", const char* child = "", std::vector<const char*> parents = {},
                         int maxBackgroundOps = 4, zo::IFileSystem* target = nullptr)
     {
-        zo::TList<CURI> parentFolders;
-        for (const char* parent : parents)
-            parentFolders.push_back(CURI(parent));
-        return P<CBrick>(new CBrick(target ? target : fs.get(), CURI(disk), CURI(child), parentFolders, header, key,
-                                    maxBackgroundOps));
+        return testsupport::makeBrickOver(target ? target : fs.get(), header, key, maxBackgroundOps, disk, child,
+                                          parents);
     }
 
     Bytes readWhole(CBrick& object, int64 index)

@@ -1,5 +1,6 @@
 #include "support/BrickTestHelpers.h"
 
+#include "brick/chain/BrickReader.h"
 #include "brick/format/BrickDataPreparer.h"
 
 #include <cstring>
@@ -70,6 +71,31 @@ Bytes unprepareBrick(const brick::CBrickDiskHeader& header, const Key& key, cons
 zo::P<Bytes> countedCopy(const Bytes& bytes)
 {
     return zo::P<Bytes>(new Bytes(bytes));
+}
+
+zo::TList<zo::CURI> foldersOf(const std::vector<const char*>& paths)
+{
+    zo::TList<zo::CURI> folders;
+    for (const char* path : paths)
+        folders.push_back(zo::CURI(path));
+    return folders;
+}
+
+zo::P<brick::CBrickStoreQueue> makeQueueOver(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header, const Key& key,
+                                             int maxStores, const char* disk, const char* child,
+                                             const std::vector<const char*>& parents)
+{
+    const zo::P<brick::CBrickReader> reader(
+        new brick::CBrickReader(fs, brick::CBrickReader::chainOf(zo::CURI(disk), foldersOf(parents)), header, key));
+    return zo::P<brick::CBrickStoreQueue>(new brick::CBrickStoreQueue(reader.get(), zo::CURI(child), maxStores));
+}
+
+zo::P<brick::CBrick> makeBrickOver(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header, const Key& key,
+                                   int maxBackgroundOps, const char* disk, const char* child,
+                                   const std::vector<const char*>& parents)
+{
+    return zo::P<brick::CBrick>(
+        new brick::CBrick(fs, zo::CURI(disk), zo::CURI(child), foldersOf(parents), header, key, maxBackgroundOps));
 }
 
 bool sameBytes(const Bytes& a, const Bytes& b)
