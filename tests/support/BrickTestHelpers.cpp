@@ -3,6 +3,7 @@
 #include "brick/chain/BrickReader.h"
 #include "brick/format/BrickDataPreparer.h"
 
+#include <cstdio>
 #include <cstring>
 #include <random>
 
@@ -28,6 +29,13 @@ Key makeBrickKey(const zo::String& cipherID)
     for (int i = 0; i < 32; ++i)
         key[i] = static_cast<zo::uint8>(0x5a ^ (i * 13));
     return key;
+}
+
+std::string brickFile(const char* folder, zo::int64 index)
+{
+    char name[64];
+    std::snprintf(name, sizeof(name), "/bricks/b000/a000/%03x.brick", static_cast<unsigned>(index));
+    return folder + std::string(name);
 }
 
 Bytes patternBytes(int size, unsigned seed)

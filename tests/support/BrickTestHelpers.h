@@ -36,6 +36,10 @@ brick::CBrickDiskHeader makeBrickHeader(int brickSize = 4096, int treeLevels = 3
 // A fixed 32-byte key for "aes256cbc", the empty key for "null".
 Key makeBrickKey(const zo::String& cipherID);
 
+// The file of brick `index` (below 256) of the disk in `folder`, in the
+// tree of makeBrickHeader's defaults: 3 levels of 256 entries each.
+std::string brickFile(const char* folder, zo::int64 index);
+
 // `size` bytes of a pattern drawn from `seed` (never all zero for size > 0).
 Bytes patternBytes(int size, unsigned seed);
 Bytes zeroBytes(int size);
