@@ -11,63 +11,31 @@ namespace cli {
 
 CBrickImporter::CBrickImporter(brick::CBrickDisk& disk, int jobs)
     : m_brickSize(static_cast<int>(disk.getBrickSize())), m_diskSize(disk.getSize()),
-      m_storeQueue(disk.getStoreQueue()), m_window(2 * std::max(1, jobs) + 2)
+      m_storeQueue(disk.getStoreQueue()), m_window(2 * std::max(1, jobs) + 2), m_workers(std::max(1, jobs)),
+      m_pool(std::max(1, jobs))
 {
-    for (int i = 0; i < std::max(1, jobs); ++i) {
-        zo::P<brick::CBrickDataPreparer> preparer = disk.createDataPreparer();
-        zo::P<brick::CBrick> brick = disk.newStandAloneBrickObject();
-        m_workers.emplace_back([this, preparer, brick] { workerLoop(preparer, brick); });
+    for (Worker& worker : m_workers) {
+        worker.preparer = disk.createDataPreparer();
+        worker.brick = disk.newStandAloneBrickObject();
+        worker.current = zo::TBuffer<zo::uint8>(m_brickSize);
     }
 }
 
-CBrickImporter::~CBrickImporter()
+void CBrickImporter::runTask(const std::shared_ptr<Task>& task, Worker& worker)
 {
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = true;
-    }
-    m_taskQueued.notify_all();
-    for (std::thread& worker : m_workers)
-        worker.join();
+    // A brick that fails ends the import: the pool stops, so later bricks
+    // are not started (on a cluster that stopped answering each would wait
+    // out its time-out), while the bricks before it were started earlier
+    // and still complete.
+    decide(*task, worker);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_done[task->index] = task;
 }
 
-void CBrickImporter::workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P<brick::CBrick> brick)
+void CBrickImporter::decide(Task& task, Worker& worker) const
 {
-    zo::TBuffer<zo::uint8> current(m_brickSize);
-    for (;;) {
-        std::unique_ptr<Task> task;
-        {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_taskQueued.wait(lock, [this] { return m_stopping || !m_queue.empty(); });
-            if (m_stopping)
-                return;
-            task = std::move(m_queue.front());
-            m_queue.pop_front();
-        }
-        try {
-            decide(*task, *preparer, *brick, current);
-        } catch (...) {
-            task->outcome = Task::Failed;
-            task->error = std::current_exception();
-        }
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            // The import ends at a failed brick: the bricks before it were
-            // taken earlier and still complete, later ones are not started
-            // (on a cluster that stopped answering each would wait out its
-            // time-out).
-            if (task->outcome == Task::Failed)
-                m_stopping = true;
-            m_done[task->index] = std::move(task);
-        }
-        m_taskQueued.notify_all();
-        m_taskDone.notify_all();
-    }
-}
-
-void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, brick::CBrick& brick,
-                            zo::TBuffer<zo::uint8>& current) const
-{
+    brick::CBrick& brick = *worker.brick;
+    zo::TBuffer<zo::uint8>& current = worker.current;
     // What the disk holds now. A brick that no disk of the chain has a file
     // for reads as zeros; a brick whose file cannot be decoded (a damaged
     // file) counts as different, so that the import replaces it, while a
@@ -122,22 +90,38 @@ void CBrickImporter::decide(Task& task, brick::CBrickDataPreparer& preparer, bri
     if (task.zero)
         return;
     task.prepared = zo::P<zo::TBuffer<zo::uint8>>(new zo::TBuffer<zo::uint8>());
-    preparer.prepareData(task.plain, *task.prepared, task.index);
+    worker.preparer->prepareData(task.plain, *task.prepared, task.index);
 }
 
-std::unique_ptr<CBrickImporter::Task> CBrickImporter::waitForResult(zo::int64 index)
+std::shared_ptr<CBrickImporter::Task> CBrickImporter::waitForResult(zo::int64 index)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_taskDone.wait(lock, [&] { return m_done.count(index) != 0; });
-    std::unique_ptr<Task> task = std::move(m_done[index]);
-    m_done.erase(index);
-    return task;
+    const auto takeDone = [&]() -> std::shared_ptr<Task> {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_done.find(index);
+        if (found == m_done.end())
+            return nullptr;
+        std::shared_ptr<Task> task = std::move(found->second);
+        m_done.erase(found);
+        return task;
+    };
+    int ended = 0;
+    for (;;) {
+        if (std::shared_ptr<Task> task = takeDone())
+            return task;
+        if (m_pool.isStopped()) {
+            // Every brick before the failed one was started before it:
+            // once the running jobs end, they are all decided.
+            m_pool.waitDone(-1);
+            if (std::shared_ptr<Task> task = takeDone())
+                return task;
+            m_pool.wait();
+        }
+        ended = m_pool.waitForEndedJobs(ended, -1);
+    }
 }
 
 void CBrickImporter::handOver(Task& task)
 {
-    if (task.outcome == Task::Failed)
-        std::rethrow_exception(task.error);
     if (task.outcome == Task::Unchanged) {
         ++m_counts.skipped;
         return;
@@ -180,16 +164,14 @@ void CBrickImporter::run(CImageSource& source, const std::function<void(zo::int6
             if (task->imageBytes == 0)
                 break;
             m_counts.imageBytes += task->imageBytes;
-            {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                m_queue.push_back(std::move(task));
-            }
-            m_taskQueued.notify_one();
+            m_pool.post([this, posted = std::shared_ptr<Task>(std::move(task))](int worker) {
+                runTask(posted, m_workers[static_cast<size_t>(worker)]);
+            });
             ++nextToRead;
         }
         if (nextToHandOver == nextToRead)
             break;
-        const std::unique_ptr<Task> task = waitForResult(nextToHandOver);
+        const std::shared_ptr<Task> task = waitForResult(nextToHandOver);
         handOver(*task);
         bytesHandedOver += task->imageBytes;
         ++nextToHandOver;

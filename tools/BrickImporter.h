@@ -1,26 +1,24 @@
 // CBrickImporter: writes an image into a disk from position 0, brick by
-// brick. Worker threads compare each brick of the image with what the disk
-// holds there and prepare the bricks that changed, each thread with a
-// preparer and a brick object of its own; the calling thread reads the image
-// and hands the prepared bricks to the disk's store queue in index order,
-// which stores them in the background. Unchanged bricks are not written at all, so importing a
-// changed image writes only the changed bricks (and a disk with a linked child
-// moves only those old bricks into the child).
+// brick. The workers of a zo::CWorkerPool compare each brick of the image
+// with what the disk holds there and prepare the bricks that changed, each
+// worker with a preparer and a brick object of its own; the calling thread
+// reads the image and hands the prepared bricks to the disk's store queue in
+// index order, which stores them in the background. Unchanged bricks are not
+// written at all, so importing a changed image writes only the changed bricks
+// (and a disk with a linked child moves only those old bricks into the
+// child).
 #pragma once
 
 #include "ImageSource.h"
 
 #include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickDataPreparer.h"
+#include "zo/WorkerPool.h"
 
-#include <condition_variable>
-#include <deque>
-#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace cli {
@@ -35,11 +33,12 @@ public:
         zo::int64 storedBytes = 0; // size of the brick files handed over
     };
 
-    // Starts `jobs` worker threads over `disk`, which must be open for
-    // writing.
+    // Starts `jobs` workers over `disk`, which must be open for writing.
+    // Throws zo::CError when a worker thread cannot be started.
     CBrickImporter(brick::CBrickDisk& disk, int jobs);
-    // Stops and joins the workers; never throws.
-    ~CBrickImporter();
+    // Drops the bricks not yet started and waits for the workers; never
+    // throws.
+    ~CBrickImporter() = default;
     CBrickImporter(const CBrickImporter&) = delete;
     CBrickImporter& operator=(const CBrickImporter&) = delete;
 
@@ -59,7 +58,7 @@ public:
 private:
     // One brick of the image on its way into the disk.
     struct Task {
-        enum Outcome { Pending, Store, Unchanged, Failed };
+        enum Outcome { Pending, Store, Unchanged };
         zo::int64 index = 0;
         // The brick's bytes; left empty for a hole of the image, which reads
         // as zeros.
@@ -70,13 +69,21 @@ private:
         bool zero = false;
         // The brick file's bytes; null for an all-zero brick.
         zo::P<zo::TBuffer<zo::uint8>> prepared;
-        std::exception_ptr error;
+    };
+    // What one worker works with, used by that worker only.
+    struct Worker {
+        zo::P<brick::CBrickDataPreparer> preparer;
+        zo::P<brick::CBrick> brick;
+        // What the disk holds at the brick being decided.
+        zo::TBuffer<zo::uint8> current;
     };
 
-    void workerLoop(zo::P<brick::CBrickDataPreparer> preparer, zo::P<brick::CBrick> brick);
-    void decide(Task& task, brick::CBrickDataPreparer& preparer, brick::CBrick& brick,
-                zo::TBuffer<zo::uint8>& current) const;
-    std::unique_ptr<Task> waitForResult(zo::int64 index);
+    // The job of one brick: decides it on the worker and files the result.
+    void runTask(const std::shared_ptr<Task>& task, Worker& worker);
+    void decide(Task& task, Worker& worker) const;
+    // The decided brick `index`; throws the error of the first brick that
+    // failed once every brick started before it has been decided.
+    std::shared_ptr<Task> waitForResult(zo::int64 index);
     void handOver(Task& task);
 
     const int m_brickSize;
@@ -85,14 +92,13 @@ private:
     const zo::P<brick::CBrickStoreQueue> m_storeQueue;
     const int m_window;
     Counts m_counts;
+    std::vector<Worker> m_workers;
 
+    // Guards m_done.
     std::mutex m_mutex;
-    std::condition_variable m_taskQueued;
-    std::condition_variable m_taskDone;
-    std::deque<std::unique_ptr<Task>> m_queue;
-    std::map<zo::int64, std::unique_ptr<Task>> m_done;
-    bool m_stopping = false;
-    std::vector<std::thread> m_workers;
+    std::map<zo::int64, std::shared_ptr<Task>> m_done;
+    // Last: its workers end before what their jobs use goes.
+    zo::CWorkerPool m_pool;
 };
 
 } // namespace cli

@@ -13,23 +13,15 @@ namespace brick {
 
 using zo::String;
 
-namespace {
-
-std::vector<CURI> chainOf(const CURI& diskFolder, const zo::TList<CURI>& parentFolders)
-{
-    std::vector<CURI> folders{diskFolder};
-    folders.insert(folders.end(), parentFolders.begin(), parentFolders.end());
-    return folders;
-}
-
-} // namespace
-
 CBrick::CBrick(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder, const zo::TList<CURI>& parentFolders,
                const CBrickDiskHeader& header, const zo::TCryptBuffer<uint8>& cipherKey, int maxBackgroundOps)
-    : CBrick(P<CBrickReader>(new CBrickReader(fs, chainOf(diskFolder, parentFolders), header, cipherKey)).get(),
-             P<CBrickStoreQueue>(
-                 new CBrickStoreQueue(fs, diskFolder, childFolder, parentFolders, header, cipherKey, maxBackgroundOps))
-                 .get())
+    : CBrick(P<CBrickReader>(new CBrickReader(fs, CBrickReader::chainOf(diskFolder, parentFolders), header, cipherKey))
+                 .get(),
+             childFolder, maxBackgroundOps)
+{}
+
+CBrick::CBrick(CBrickReader* reader, const CURI& childFolder, int maxBackgroundOps)
+    : CBrick(reader, P<CBrickStoreQueue>(new CBrickStoreQueue(reader, childFolder, maxBackgroundOps)).get())
 {}
 
 CBrick::CBrick(CBrickReader* reader, CBrickStoreQueue* storeQueue)

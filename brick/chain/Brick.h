@@ -110,6 +110,9 @@ protected:
     void loadBrickPayload();
 
 private:
+    // The stand-alone object: `reader` serves both its loads and a store
+    // queue of its own, so the chain is read through one reader.
+    CBrick(CBrickReader* reader, const CURI& childFolder, int maxBackgroundOps);
     // The store queue; throws when the object only reads.
     CBrickStoreQueue& storeQueue() const;
     // Loads the current brick from a save of it that has not ended (or that

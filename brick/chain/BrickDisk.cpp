@@ -445,9 +445,8 @@ CBrickDisk::CBrickDisk(IFileSystem* fs, const CURI& diskFolder, const String& pa
     }
     followParentLinks();
 
-    std::vector<CURI> chainFolders{m_diskFolder};
-    chainFolders.insert(chainFolders.end(), m_parentDiskFolders.begin(), m_parentDiskFolders.end());
-    m_brickReader = P<CBrickReader>(new CBrickReader(fs, chainFolders, m_header, m_cipherKey));
+    m_brickReader = P<CBrickReader>(
+        new CBrickReader(fs, CBrickReader::chainOf(m_diskFolder, m_parentDiskFolders), m_header, m_cipherKey));
     if (access == IIOStream::AccessReadWrite)
         m_storeQueue =
             P<CBrickStoreQueue>(new CBrickStoreQueue(m_brickReader.get(), m_childDiskFolder, m_maxBackgroundOps));

@@ -69,6 +69,13 @@ CBrickReader::Location CBrickReader::locate(int64 brickIndex) const
     return locateIn(m_fs.get(), m_folders, m_header, brickIndex);
 }
 
+std::vector<CURI> CBrickReader::chainOf(const CURI& diskFolder, const zo::TList<CURI>& parentFolders)
+{
+    std::vector<CURI> folders{diskFolder};
+    folders.insert(folders.end(), parentFolders.begin(), parentFolders.end());
+    return folders;
+}
+
 CBrickReader::Location CBrickReader::locateIn(zo::IFileSystem* fs, const std::vector<CURI>& chainFolders,
                                               const CBrickDiskHeader& header, int64 brickIndex)
 {

@@ -10,6 +10,7 @@
 
 #include "zo/Base.h"
 #include "zo/Buffer.h"
+#include "zo/Containers.h"
 #include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/MemPool.h"
@@ -59,6 +60,9 @@ public:
     // CBrickDataPreparer's constructor throws for the header.
     CBrickReader(zo::IFileSystem* fs, const std::vector<zo::CURI>& chainFolders, const CBrickDiskHeader& header,
                  const zo::TCryptBuffer<zo::uint8>& cipherKey);
+    // The chain's folders as the constructor takes them: `diskFolder`, then
+    // `parentFolders` (nearest first). Never throws but for want of memory.
+    static std::vector<zo::CURI> chainOf(const zo::CURI& diskFolder, const zo::TList<zo::CURI>& parentFolders);
     CBrickReader(const CBrickReader&) = delete;
     CBrickReader& operator=(const CBrickReader&) = delete;
 

@@ -39,25 +39,6 @@ public:
     uint64_t number = 0;
 };
 
-namespace {
-
-std::vector<CURI> chainOf(const CURI& diskFolder, const zo::TList<CURI>& parentFolders)
-{
-    std::vector<CURI> folders{diskFolder};
-    folders.insert(folders.end(), parentFolders.begin(), parentFolders.end());
-    return folders;
-}
-
-} // namespace
-
-CBrickStoreQueue::CBrickStoreQueue(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
-                                   const zo::TList<CURI>& parentFolders, const CBrickDiskHeader& header,
-                                   const zo::TCryptBuffer<uint8>& cipherKey, int maxStores)
-    : CBrickStoreQueue(
-          P<CBrickReader>(new CBrickReader(fs, chainOf(diskFolder, parentFolders), header, cipherKey)).get(),
-          childFolder, maxStores)
-{}
-
 CBrickStoreQueue::CBrickStoreQueue(CBrickReader* reader, const CURI& childFolder, int maxStores)
     : m_reader(reader), m_fs(reader->getFileSystem()), m_diskFolder(reader->getDiskFolder()),
       m_childFolder(childFolder), m_hasParents(reader->getChainFolders().size() > 1), m_header(reader->getHeader()),

@@ -64,17 +64,11 @@ public:
         bool failed;
     };
 
-    // A queue over the disk in `diskFolder`, whose ancestors are
-    // `parentFolders` (nearest first) and whose child is `childFolder` (empty
-    // for none). At most `maxStores` stores run at once (values below 1
-    // count as 1). Prepares the all-zero brick once; throws what the
-    // preparer throws.
-    CBrickStoreQueue(IFileSystem* fs, const CURI& diskFolder, const CURI& childFolder,
-                     const zo::TList<CURI>& parentFolders, const CBrickDiskHeader& header,
-                     const zo::TCryptBuffer<uint8>& cipherKey, int maxStores);
     // A queue over the disk that `reader` reads (its folder, header, chain
     // and key), which reads the parents' brick files through it and holds a
-    // reference to it; its child is `childFolder`.
+    // reference to it; its child is `childFolder` (empty for none). At most
+    // `maxStores` stores run at once (values below 1 count as 1). Prepares
+    // the all-zero brick once; throws what the preparer throws.
     CBrickStoreQueue(CBrickReader* reader, const CURI& childFolder, int maxStores);
     CBrickStoreQueue(const CBrickStoreQueue&) = delete;
     CBrickStoreQueue& operator=(const CBrickStoreQueue&) = delete;

@@ -63,6 +63,17 @@ protected:
     testsupport::Key key;
 };
 
+TEST(BrickReaderChain, ChainOfListsTheDiskFolderThenItsParentsNearestFirst)
+{
+    const std::vector<CURI> chain =
+        CBrickReader::chainOf(CURI("/disk"), testsupport::foldersOf({"/parent", "/grandparent"}));
+    ASSERT_EQ(chain.size(), 3u);
+    EXPECT_EQ(chain[0].toString(true), CURI("/disk").toString(true));
+    EXPECT_EQ(chain[1].toString(true), CURI("/parent").toString(true));
+    EXPECT_EQ(chain[2].toString(true), CURI("/grandparent").toString(true));
+    EXPECT_EQ(CBrickReader::chainOf(CURI("/disk"), {}).size(), 1u);
+}
+
 TEST_F(BrickReader, FindsBrickInNearestDiskOfTheChain)
 {
     const Bytes parentPlain = testsupport::patternBytes(kBrickSize, 1);

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -19,6 +18,7 @@ namespace {
 
 using brick::CBrickStoreQueue;
 using brick::CBrickStorer;
+using testsupport::brickFile;
 using testsupport::Bytes;
 using testsupport::SteppedFileSystem;
 using zo::CFileSystemError;
@@ -30,14 +30,6 @@ using Op = zo::CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = 4096;
 constexpr int kWaitMillis = 10000;
-
-// The file of a brick below 256 in a tree of 3 levels with 256 entries each.
-std::string brickFile(const char* folder, int64 index)
-{
-    char name[64];
-    std::snprintf(name, sizeof(name), "/bricks/b000/a000/%03x.brick", static_cast<unsigned>(index));
-    return folder + std::string(name);
-}
 
 // Notes, in order, the bytes each listener's store carried when it ended.
 class OrderListener : public zo::CBase, public zo::IDoneListener {
@@ -69,11 +61,7 @@ protected:
     P<CBrickStoreQueue> makeQueue(int maxStores, zo::IFileSystem* target = nullptr, const char* child = "",
                                   std::vector<const char*> parents = {})
     {
-        zo::TList<CURI> parentFolders;
-        for (const char* parent : parents)
-            parentFolders.push_back(CURI(parent));
-        return P<CBrickStoreQueue>(new CBrickStoreQueue(target ? target : fs.get(), CURI("/disk"), CURI(child),
-                                                        parentFolders, header, key, maxStores));
+        return testsupport::makeQueueOver(target ? target : fs.get(), header, key, maxStores, "/disk", child, parents);
     }
 
     P<Bytes> prepared(unsigned seed) { return preparedOf(testsupport::patternBytes(kBrickSize, seed)); }

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -17,6 +16,7 @@ namespace {
 
 using brick::CBrick;
 using brick::CBrickStorer;
+using testsupport::brickFile;
 using testsupport::Bytes;
 using testsupport::LogCapture;
 using testsupport::SteppedFileSystem;
@@ -29,14 +29,6 @@ using Op = zo::CMemoryFileSystem::Operation;
 
 constexpr int kBrickSize = 4096;
 constexpr int kWaitMillis = 10000;
-
-// The file of a brick below 256 in a tree of 3 levels with 256 entries each.
-std::string brickFile(const char* folder, int64 index)
-{
-    char name[64];
-    std::snprintf(name, sizeof(name), "/bricks/b000/a000/%03x.brick", static_cast<unsigned>(index));
-    return folder + std::string(name);
-}
 
 class BrickTest : public ::testing::Test {
 protected:
@@ -52,11 +44,8 @@ protected:
     P<CBrick> makeBrick(const char* disk = "/disk", const char* child = "", std::vector<const char*> parents = {},
                         int maxBackgroundOps = 4, zo::IFileSystem* target = nullptr)
     {
-        zo::TList<CURI> parentFolders;
-        for (const char* parent : parents)
-            parentFolders.push_back(CURI(parent));
-        return P<CBrick>(new CBrick(target ? target : fs.get(), CURI(disk), CURI(child), parentFolders, header, key,
-                                    maxBackgroundOps));
+        return testsupport::makeBrickOver(target ? target : fs.get(), header, key, maxBackgroundOps, disk, child,
+                                          parents);
     }
 
     Bytes readWhole(CBrick& object, int64 index)

@@ -25,6 +25,8 @@ using brick::CBrickDisk;
 using brick::CBrickDiskError;
 using brick::CChainRekeyer;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
+using testsupport::opensWith;
 using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
@@ -36,7 +38,6 @@ constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 8 * kBrickSize;
 const char* const kOld = "old password";
 const char* const kNew = "new password";
-const seal::Argon2idCost kTestCost{1, 8, 1};
 // The top first, then its snapshots, newest first.
 const char* const kSources[] = {"/src/disk", "/src/s1", "/src/s0"};
 const char* const kCopies[] = {"/dst/disk", "/dst/s1", "/dst/s0"};
@@ -54,7 +55,7 @@ void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned 
 P<CMemoryFileSystem> makeChain()
 {
     P<CMemoryFileSystem> fs(new CMemoryFileSystem());
-    CBrickDisk::createAuthenticated(fs.get(), CURI(kSources[0]), kDiskSize, 1, kOld, "lz4", kBrickSize, kTestCost);
+    testsupport::createKeyWrappedDisk(fs.get(), CURI(kSources[0]), kDiskSize, kOld);
     writeBricks(fs.get(), {0, 1, 2, 3}, 10);
     testsupport::createLinkedChild(fs.get(), CURI(kSources[2]), CURI(kSources[0]), kOld);
     writeBricks(fs.get(), {1, 4}, 20);
@@ -69,25 +70,13 @@ CChainRekeyer::Summary rekey(zo::IFileSystem* fs, const char* password = kOld)
     CChainRekeyer::Options options;
     options.password = password;
     options.newPassword = kNew;
-    options.cost = kTestCost;
+    options.cost = kTestKdfCost;
     return CChainRekeyer::copy(fs, CURI(kSources[0]), fs, CURI("/dst/disk"), options);
 }
 
 Bytes readDisk(zo::IFileSystem* fs, const char* folder, const char* password)
 {
     return testsupport::readWholeDisk(*testsupport::openDisk(fs, CURI(folder), password, IIOStream::AccessRead));
-}
-
-bool opensWith(zo::IFileSystem* fs, const char* folder, const char* password)
-{
-    try {
-        testsupport::openDisk(fs, CURI(folder), password, IIOStream::AccessRead);
-        return true;
-    } catch (const CBrickDiskError& e) {
-        if (e.getCode() != CBrickDiskError::IncorrectPassword)
-            throw;
-        return false;
-    }
 }
 
 TEST(ChainRekeyer, EveryDiskReadsAsItsSourceWithTheNewPasswordOnly)
@@ -146,7 +135,7 @@ TEST(ChainRekeyer, AnyKeyOfTheSourceOpensItAndTheCopyHasOneKey)
     zo::TList<CURI> folders;
     for (const char* folder : kSources)
         folders.push_back(CURI(folder));
-    brick::CBrickDiskKeys::addKey(fs.get(), folders, kOld, "backup", "backup password", kTestCost, false);
+    brick::CBrickDiskKeys::addKey(fs.get(), folders, kOld, "backup", "backup password", kTestKdfCost, false);
     rekey(fs.get(), "backup password");
     for (const char* folder : kCopies) {
         brick::CBrickDiskHeader header;
@@ -195,7 +184,7 @@ TEST(ChainRekeyer, CopyCutShortDoesNotOpen)
     CChainRekeyer::Options options;
     options.password = kOld;
     options.newPassword = kNew;
-    options.cost = kTestCost;
+    options.cost = kTestKdfCost;
     int files = 0;
     options.checkpoint = [&] {
         if (++files == 4)

@@ -31,10 +31,11 @@ using brick::CBrickDiskHeader;
 using brick::CBrickDiskKeys;
 using brick::CBrickDiskKeyWrap;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
+using testsupport::opensWith;
 using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
-using zo::IIOStream;
 using zo::int64;
 using zo::P;
 using KeySlot = CBrickDiskHeader::KeySlot;
@@ -44,15 +45,11 @@ constexpr int64 kDiskSize = 4 * kBrickSize;
 const char* const kOwner = "owner password";
 const char* const kBackup = "backup agent password";
 const char* const kThird = "third password";
-const seal::Argon2idCost kTestCost{1, 8, 1};
-const char* const kFolders[] = {"/disks/parent", "/disks/child", "/disks/grandchild"};
+const std::vector<const char*> kFolders = {"/disks/parent", "/disks/child", "/disks/grandchild"};
 
 zo::TList<CURI> chainFolders()
 {
-    zo::TList<CURI> folders;
-    for (const char* folder : kFolders)
-        folders.push_back(CURI(folder));
-    return folders;
+    return testsupport::foldersOf(kFolders);
 }
 
 // A parent with two linked children below it, each holding one brick of its
@@ -60,37 +57,18 @@ zo::TList<CURI> chainFolders()
 P<CMemoryFileSystem> makeChain()
 {
     P<CMemoryFileSystem> fs(new CMemoryFileSystem());
-    CBrickDisk::createAuthenticated(fs.get(), CURI(kFolders[0]), kDiskSize, 1, kOwner, "lz4", kBrickSize, kTestCost);
-    testsupport::createLinkedChild(fs.get(), CURI(kFolders[1]), CURI(kFolders[0]), kOwner);
-    testsupport::createLinkedChild(fs.get(), CURI(kFolders[2]), CURI(kFolders[1]), kOwner);
-    for (int i = 0; i < 3; ++i) {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolders[i]), kOwner);
-        disk->setAllowWritingWithParentDisk(true);
-        testsupport::writeAt(*disk, int64(i) * kBrickSize, testsupport::patternBytes(kBrickSize, 30 + i));
-    }
+    testsupport::createKeyWrappedChain(fs.get(), kFolders, kDiskSize, kOwner, 30);
     return fs;
 }
 
 void addKey(zo::IFileSystem* fs, const char* name, const char* password, const char* with = kOwner)
 {
-    CBrickDiskKeys::addKey(fs, chainFolders(), with, name, password, kTestCost, false);
+    CBrickDiskKeys::addKey(fs, chainFolders(), with, name, password, kTestKdfCost, false);
 }
 
 void removeKey(zo::IFileSystem* fs, const char* name, const char* with = kOwner)
 {
     CBrickDiskKeys::removeKey(fs, chainFolders(), with, name, false);
-}
-
-bool opensWith(zo::IFileSystem* fs, const char* folder, const char* password)
-{
-    try {
-        testsupport::openDisk(fs, CURI(folder), password, IIOStream::AccessRead);
-        return true;
-    } catch (const CBrickDiskError& e) {
-        if (e.getCode() != CBrickDiskError::IncorrectPassword)
-            throw;
-        return false;
-    }
 }
 
 bool opensWithNone(zo::IFileSystem* fs, const char* folder)
@@ -167,8 +145,8 @@ TEST(KeySlot, ListsEveryKeyInOrderWithItsCreationTime)
         EXPECT_GE(keys[1].creationTime, beforeAdding);
         EXPECT_LE(keys[1].creationTime, secondsNow());
         EXPECT_EQ(keys[2].name.toUTF8(), "laptop");
-        EXPECT_EQ(keys[2].passes, kTestCost.passes);
-        EXPECT_EQ(keys[2].memoryKiB, kTestCost.memoryKiB);
+        EXPECT_EQ(keys[2].passes, kTestKdfCost.passes);
+        EXPECT_EQ(keys[2].memoryKiB, kTestKdfCost.memoryKiB);
     }
 }
 
@@ -277,7 +255,7 @@ TEST(KeySlot, PasswordChangeOfANamedKeyLeavesTheOtherKeys)
 {
     const P<CMemoryFileSystem> fs = makeChain();
     addKey(fs.get(), "backup", kBackup);
-    CBrickDiskKeys::changePassword(fs.get(), chainFolders(), kOwner, kThird, "backup", kTestCost, false);
+    CBrickDiskKeys::changePassword(fs.get(), chainFolders(), kOwner, kThird, "backup", kTestKdfCost, false);
     for (const char* folder : kFolders) {
         EXPECT_TRUE(opensWith(fs.get(), folder, kOwner)) << folder;
         EXPECT_TRUE(opensWith(fs.get(), folder, kThird)) << folder;
@@ -290,7 +268,7 @@ TEST(KeySlot, PasswordChangeWithoutANameChangesTheKeyTheOldPasswordOpens)
 {
     const P<CMemoryFileSystem> fs = makeChain();
     addKey(fs.get(), "backup", kBackup);
-    CBrickDiskKeyWrap::changePassword(fs.get(), chainFolders(), kBackup, kThird, kTestCost);
+    CBrickDiskKeyWrap::changePassword(fs.get(), chainFolders(), kBackup, kThird, kTestKdfCost);
     for (const char* folder : kFolders) {
         EXPECT_TRUE(opensWith(fs.get(), folder, kOwner)) << folder;
         EXPECT_TRUE(opensWith(fs.get(), folder, kThird)) << folder;

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 namespace {
 
 using brick::CBrickDisk;
@@ -15,10 +17,11 @@ using brick::CBrickDiskError;
 using brick::CBrickDiskHeader;
 using brick::CBrickDiskKeyWrap;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
+using testsupport::opensWith;
 using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
-using zo::IIOStream;
 using zo::int64;
 using zo::P;
 using Op = zo::CMemoryFileSystem::Operation;
@@ -27,15 +30,11 @@ constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 4 * kBrickSize;
 const char* const kOld = "old password";
 const char* const kNew = "new password";
-const seal::Argon2idCost kTestCost{1, 8, 1};
-const char* const kFolders[] = {"/disks/parent", "/disks/child", "/disks/grandchild"};
+const std::vector<const char*> kFolders = {"/disks/parent", "/disks/child", "/disks/grandchild"};
 
 zo::TList<CURI> chainFolders()
 {
-    zo::TList<CURI> folders;
-    for (const char* folder : kFolders)
-        folders.push_back(CURI(folder));
-    return folders;
+    return testsupport::foldersOf(kFolders);
 }
 
 // A parent with two linked children below it, each holding one brick of its
@@ -43,27 +42,8 @@ zo::TList<CURI> chainFolders()
 P<CMemoryFileSystem> makeChain(const char* password = kOld)
 {
     P<CMemoryFileSystem> fs(new CMemoryFileSystem());
-    CBrickDisk::createAuthenticated(fs.get(), CURI(kFolders[0]), kDiskSize, 1, password, "lz4", kBrickSize, kTestCost);
-    testsupport::createLinkedChild(fs.get(), CURI(kFolders[1]), CURI(kFolders[0]), password);
-    testsupport::createLinkedChild(fs.get(), CURI(kFolders[2]), CURI(kFolders[1]), password);
-    for (int i = 0; i < 3; ++i) {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolders[i]), password);
-        disk->setAllowWritingWithParentDisk(true);
-        testsupport::writeAt(*disk, int64(i) * kBrickSize, testsupport::patternBytes(kBrickSize, 20 + i));
-    }
+    testsupport::createKeyWrappedChain(fs.get(), kFolders, kDiskSize, password, 20);
     return fs;
-}
-
-bool opensWith(CMemoryFileSystem* fs, const char* folder, const char* password)
-{
-    try {
-        testsupport::openDisk(fs, CURI(folder), password, IIOStream::AccessRead);
-        return true;
-    } catch (const CBrickDiskError& e) {
-        if (e.getCode() != CBrickDiskError::IncorrectPassword)
-            throw;
-        return false;
-    }
 }
 
 // The content of every disk of the chain, read with `password`.
@@ -77,7 +57,7 @@ std::vector<Bytes> contents(CMemoryFileSystem* fs, const char* password)
 
 void changePassword(CMemoryFileSystem* fs, const char* from = kOld, const char* to = kNew)
 {
-    CBrickDiskKeyWrap::changePassword(fs, chainFolders(), from, to, kTestCost);
+    CBrickDiskKeyWrap::changePassword(fs, chainFolders(), from, to, kTestKdfCost);
 }
 
 TEST(PasswordChange, EveryDiskOfTheChainOpensWithTheNewPasswordOnly)
@@ -123,10 +103,10 @@ TEST(PasswordChange, DiskWithAnotherKeyIsRefusedBeforeWriting)
 {
     const P<CMemoryFileSystem> fs = makeChain();
     CBrickDisk::createAuthenticated(fs.get(), CURI("/disks/stranger"), kDiskSize, 1, kOld, "lz4", kBrickSize,
-                                    kTestCost);
+                                    kTestKdfCost);
     zo::TList<CURI> folders = chainFolders();
     folders.push_back(CURI("/disks/stranger"));
-    EXPECT_THROW(CBrickDiskKeyWrap::changePassword(fs.get(), folders, kOld, kNew, kTestCost), CError);
+    EXPECT_THROW(CBrickDiskKeyWrap::changePassword(fs.get(), folders, kOld, kNew, kTestKdfCost), CError);
     for (const char* folder : kFolders)
         EXPECT_TRUE(opensWith(fs.get(), folder, kOld)) << folder;
 }
@@ -136,7 +116,7 @@ TEST(PasswordChange, DiskOfDerivedKeyIsRefused)
     const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
     testsupport::createDisk(fs.get(), CURI("/disks/old"), kDiskSize, kOld);
     zo::TList<CURI> folders{CURI("/disks/old")};
-    EXPECT_THROW(CBrickDiskKeyWrap::changePassword(fs.get(), folders, kOld, kNew, kTestCost), zo::CInvalidArgError);
+    EXPECT_THROW(CBrickDiskKeyWrap::changePassword(fs.get(), folders, kOld, kNew, kTestKdfCost), zo::CInvalidArgError);
     EXPECT_TRUE(opensWith(fs.get(), "/disks/old", kOld));
 }
 

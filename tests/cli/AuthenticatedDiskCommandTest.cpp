@@ -11,9 +11,6 @@ namespace clitest {
 namespace {
 
 constexpr const char* kNewPassword = "a new password";
-// A cheap derivation, so that the tests do not spend half a second on
-// every opening.
-const std::vector<std::string> kCheapKdf{"--kdf", "argon2id", "--kdf-memory", "64K", "--kdf-passes", "1"};
 
 class AuthenticatedDiskCommandTest : public CliTest {
 protected:
@@ -29,7 +26,7 @@ protected:
     }
     void makeFullDisk(const std::string& name = "disk")
     {
-        createDisk(name, "1M", kCheapKdf);
+        createDisk(name, "1M", cheapKeyWrappedDiskArgs());
         importImage(name, "image");
     }
     RunResult passwd(const std::string& disk, const std::vector<std::string>& extra = {})
@@ -38,16 +35,6 @@ protected:
                                       "--kdf-memory", "64K",      "--kdf-passes",        "1"};
         args.insert(args.end(), extra.begin(), extra.end());
         return runWithPassword(args);
-    }
-    RunResult withPassword(const std::vector<std::string>& args, const std::string& password)
-    {
-        RunOptions options;
-        options.passwordVariable = password;
-        return run(args, options);
-    }
-    bool opensWith(const std::string& disk, const std::string& password)
-    {
-        return withPassword({"check", path(disk), "--read-data"}, password).exitStatus == 0;
     }
 };
 
@@ -193,7 +180,7 @@ TEST_F(AuthenticatedDiskCommandTest, NewDisksUseAES256GCMAndAES256CBCStaysAChoic
     for (const std::string cipher : {"aes256gcm", "aes256cbc"}) {
         SCOPED_TRACE(cipher);
         std::vector<std::string> args{"create", path(cipher), "--size", "1M", "--brick-size", "64K"};
-        args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+        args.insert(args.end(), cheapKeyWrappedDiskArgs().begin(), cheapKeyWrappedDiskArgs().end());
         if (cipher != "aes256gcm") {
             args.push_back("--cipher");
             args.push_back(cipher);
@@ -217,7 +204,7 @@ TEST_F(AuthenticatedDiskCommandTest, CheckReadDataFindsAChangedByteWithEitherCip
 {
     for (const std::string cipher : {"aes256gcm", "aes256cbc"}) {
         SCOPED_TRACE(cipher);
-        std::vector<std::string> args = kCheapKdf;
+        std::vector<std::string> args = cheapKeyWrappedDiskArgs();
         args.insert(args.end(), {"--cipher", cipher});
         createDisk(cipher, "1M", args);
         importImage(cipher, "image");

@@ -30,6 +30,38 @@ RunResult CliTest::runWithPassword(std::vector<std::string> args, const RunOptio
     return run(args, options);
 }
 
+const std::vector<std::string>& CliTest::cheapKdfArgs()
+{
+    static const std::vector<std::string> args{"--kdf-memory", "64K", "--kdf-passes", "1"};
+    return args;
+}
+
+const std::vector<std::string>& CliTest::cheapKeyWrappedDiskArgs()
+{
+    static const std::vector<std::string> args{"--kdf", "argon2id", "--kdf-memory", "64K", "--kdf-passes", "1"};
+    return args;
+}
+
+RunResult CliTest::withPassword(const std::vector<std::string>& args, const std::string& password) const
+{
+    RunOptions options;
+    options.passwordVariable = password;
+    return run(args, options);
+}
+
+bool CliTest::opensWith(const std::string& name, const std::string& password) const
+{
+    return withPassword({"check", path(name), "--read-data"}, password).exitStatus == 0;
+}
+
+std::string CliTest::exportWith(const std::string& name, const std::string& password)
+{
+    const std::string out = path("export-" + std::to_string(m_exports++) + ".img");
+    const RunResult result = withPassword({"export", path(name), out}, password);
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    return readFile(out);
+}
+
 void CliTest::createDisk(const std::string& name, const std::string& size, const std::vector<std::string>& extra) const
 {
     std::vector<std::string> args{"create", path(name), "--size", size, "--brick-size", "64K"};

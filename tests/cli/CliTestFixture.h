@@ -35,6 +35,22 @@ protected:
     void createDisk(const std::string& name, const std::string& size = "4M",
                     const std::vector<std::string>& extra = {}) const;
 
+    // Options that make a new key (of "create", "key add", "passwd", "copy
+    // --rekey") cheap to derive, so that the tests do not spend half a second
+    // on every opening.
+    static const std::vector<std::string>& cheapKdfArgs();
+    // The options of "create" for a key-wrapped disk with such a key.
+    static const std::vector<std::string>& cheapKeyWrappedDiskArgs();
+
+    // Runs `brickdisk args...` with `password` in the password variable.
+    RunResult withPassword(const std::vector<std::string>& args, const std::string& password) const;
+    // True when `password` opens the disk `name` and every brick reads back
+    // ("check --read-data" succeeds).
+    bool opensWith(const std::string& name, const std::string& password) const;
+    // The bytes of the disk `name` as export writes them with `password`;
+    // fails the test when the export fails.
+    std::string exportWith(const std::string& name, const std::string& password);
+
     // Imports and exports and asserts success.
     void importImage(const std::string& disk, const std::string& image) const;
     std::string exportImage(const std::string& disk) const;
@@ -43,6 +59,9 @@ protected:
     std::vector<std::string> brickFiles(const std::string& disk) const;
 
     testsupport::TempFolder m_folder;
+
+private:
+    int m_exports = 0;
 };
 
 // `size` bytes that look like a disk image: runs of random bytes, of text and

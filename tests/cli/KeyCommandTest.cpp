@@ -11,9 +11,6 @@ namespace {
 
 constexpr const char* kBackupPassword = "backup agent secret";
 constexpr const char* kThirdPassword = "a third secret";
-// A cheap derivation, so that the tests do not spend half a second on
-// every opening.
-const std::vector<std::string> kCheapKdf{"--kdf-memory", "64K", "--kdf-passes", "1"};
 
 class KeyCommandTest : public CliTest {
 protected:
@@ -31,9 +28,7 @@ protected:
     // brick of its own.
     void makeChain()
     {
-        std::vector<std::string> kdf{"--kdf", "argon2id"};
-        kdf.insert(kdf.end(), kCheapKdf.begin(), kCheapKdf.end());
-        createDisk("disk", "1M", kdf);
+        createDisk("disk", "1M", cheapKeyWrappedDiskArgs());
         importImage("disk", "image");
         ASSERT_EQ(runWithPassword({"snapshot", path("disk"), path("snap")}).exitStatus, 0);
         std::string changed = readFile(path("image"));
@@ -45,28 +40,9 @@ protected:
     {
         std::vector<std::string> args{
             "key", "add", path("disk"), "--name", name, "--new-password-file", path(newPasswordFile)};
-        args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+        args.insert(args.end(), cheapKdfArgs().begin(), cheapKdfArgs().end());
         return runWithPassword(args);
     }
-    RunResult withPassword(const std::vector<std::string>& args, const std::string& password)
-    {
-        RunOptions options;
-        options.passwordVariable = password;
-        return run(args, options);
-    }
-    bool opensWith(const std::string& disk, const std::string& password)
-    {
-        return withPassword({"check", path(disk), "--read-data"}, password).exitStatus == 0;
-    }
-    // The disk's bytes as export writes them with `password`.
-    std::string exportWith(const std::string& disk, const std::string& password)
-    {
-        const std::string out = path(disk + "-" + std::to_string(m_exports++) + ".img");
-        const RunResult result = withPassword({"export", path(disk), out}, password);
-        EXPECT_EQ(result.exitStatus, 0) << result.err;
-        return readFile(out);
-    }
-    int m_exports = 0;
 };
 
 TEST_F(KeyCommandTest, AddedKeyOpensEveryDiskOfTheChain)
@@ -167,7 +143,7 @@ TEST_F(KeyCommandTest, AddingNeedsThePasswordOfAKey)
     wrong.passwordVariable = "not a key";
     std::vector<std::string> args{
         "key", "add", path("disk"), "--name", "backup", "--new-password-file", path("backup-password")};
-    args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+    args.insert(args.end(), cheapKdfArgs().begin(), cheapKdfArgs().end());
     const RunResult result = run(args, wrong);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_FALSE(opensWith("disk", kBackupPassword));
@@ -177,7 +153,7 @@ TEST_F(KeyCommandTest, NewKeyIsAskedTwiceOnTheTerminal)
 {
     makeChain();
     std::vector<std::string> args{"key", "add", path("disk"), "--name", "laptop"};
-    args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+    args.insert(args.end(), cheapKdfArgs().begin(), cheapKdfArgs().end());
     const std::vector<std::string> password = passwordArgs();
     args.insert(args.end(), password.begin(), password.end());
     const RunResult result = runOnTerminal(args, {{"New password", "typed key\n"}, {"again", "typed key\n"}});
@@ -192,7 +168,7 @@ TEST_F(KeyCommandTest, PasswdWithANameChangesThatKeyOnly)
     ASSERT_EQ(addKey("backup").exitStatus, 0);
     std::vector<std::string> args{"passwd", path("snap"),          "--name",
                                   "backup", "--new-password-file", path("third-password")};
-    args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+    args.insert(args.end(), cheapKdfArgs().begin(), cheapKdfArgs().end());
     const RunResult changed = runWithPassword(args);
     ASSERT_EQ(changed.exitStatus, 0) << changed.err;
     EXPECT_NE(changed.out.find("changed the password of key 'backup' of 2 disks"), std::string::npos) << changed.out;
@@ -208,7 +184,7 @@ TEST_F(KeyCommandTest, PasswdWithoutANameChangesTheKeyTheOldPasswordOpens)
     makeChain();
     ASSERT_EQ(addKey("backup").exitStatus, 0);
     std::vector<std::string> args{"passwd", path("disk"), "--new-password-file", path("third-password")};
-    args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+    args.insert(args.end(), cheapKdfArgs().begin(), cheapKdfArgs().end());
     const RunResult changed = withPassword(args, kBackupPassword);
     ASSERT_EQ(changed.exitStatus, 0) << changed.err;
     EXPECT_TRUE(opensWith("snap", kPassword));

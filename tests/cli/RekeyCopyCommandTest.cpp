@@ -11,7 +11,6 @@ namespace clitest {
 namespace {
 
 constexpr const char* kNewPassword = "the copy's own password";
-const std::vector<std::string> kCheapKdf{"--kdf-memory", "64K", "--kdf-passes", "1"};
 const char* const kDisks[] = {"top", "s1", "s2"};
 
 class RekeyCopyCommandTest : public CliTest {
@@ -21,9 +20,7 @@ protected:
     // after each.
     void makeChain()
     {
-        std::vector<std::string> kdf{"--kdf", "argon2id"};
-        kdf.insert(kdf.end(), kCheapKdf.begin(), kCheapKdf.end());
-        createDisk("chain/top", "1M", kdf);
+        createDisk("chain/top", "1M", cheapKeyWrappedDiskArgs());
         std::string image(5 * kBrickSize, '\0');
         std::mt19937 random(11);
         for (char& c : image)
@@ -42,24 +39,10 @@ protected:
     {
         std::vector<std::string> args{"copy",    path("chain/top"),     path("copy/top"),
                                       "--rekey", "--new-password-file", path("new-password")};
-        args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+        args.insert(args.end(), cheapKdfArgs().begin(), cheapKdfArgs().end());
         args.insert(args.end(), extra.begin(), extra.end());
         return runWithPassword(args);
     }
-    RunResult withPassword(const std::vector<std::string>& args, const std::string& password)
-    {
-        RunOptions options;
-        options.passwordVariable = password;
-        return run(args, options);
-    }
-    std::string exportWith(const std::string& disk, const std::string& password)
-    {
-        const std::string out = path("export-" + std::to_string(m_exports++) + ".img");
-        const RunResult result = withPassword({"export", path(disk), out}, password);
-        EXPECT_EQ(result.exitStatus, 0) << result.err;
-        return readFile(out);
-    }
-    int m_exports = 0;
 };
 
 TEST_F(RekeyCopyCommandTest, EveryDiskExportsAsItsSourceWithTheNewPasswordOnly)
@@ -97,7 +80,7 @@ TEST_F(RekeyCopyCommandTest, WrongPasswordLeavesNoFolderBehind)
     makeChain();
     std::vector<std::string> args{"copy",    path("chain/top"),     path("copy/top"),
                                   "--rekey", "--new-password-file", path("new-password")};
-    args.insert(args.end(), kCheapKdf.begin(), kCheapKdf.end());
+    args.insert(args.end(), cheapKdfArgs().begin(), cheapKdfArgs().end());
     const RunResult result = withPassword(args, "not the password");
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_FALSE(std::filesystem::exists(path("copy/top")));

@@ -112,7 +112,7 @@ TEST(BrickStoreQueueStress, ManyThreadsStoreAndReadOneQueueAndTheLastBytesOfEach
     const P<CountingFileSystem> fs(new CountingFileSystem(memory.get()));
     const brick::CBrickDiskHeader header = testsupport::makeBrickHeader(kBrickSize, 3, 16);
     const testsupport::Key key = testsupport::makeBrickKey("aes256cbc");
-    const P<CBrickStoreQueue> queue(new CBrickStoreQueue(fs.get(), CURI("/disk"), CURI(), {}, header, key, kMaxStores));
+    const P<CBrickStoreQueue> queue = testsupport::makeQueueOver(fs.get(), header, key, kMaxStores);
 
     // Per brick: the newest version handed over; the lock is held across the
     // hand-over so that the versions are handed over in increasing order.

@@ -55,10 +55,7 @@ protected:
 
     P<CBrick> makeBrick(const char* disk, const char* child, std::vector<const char*> parents, int maxOps)
     {
-        zo::TList<CURI> parentFolders;
-        for (const char* parent : parents)
-            parentFolders.push_back(CURI(parent));
-        return P<CBrick>(new CBrick(fs.get(), CURI(disk), CURI(child), parentFolders, header, key, maxOps));
+        return testsupport::makeBrickOver(fs.get(), header, key, maxOps, disk, child, parents);
     }
 
     Bytes readWhole(CBrick& object, int64 index)

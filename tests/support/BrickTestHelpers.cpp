@@ -1,7 +1,9 @@
 #include "support/BrickTestHelpers.h"
 
+#include "brick/chain/BrickReader.h"
 #include "brick/format/BrickDataPreparer.h"
 
+#include <cstdio>
 #include <cstring>
 #include <random>
 
@@ -27,6 +29,13 @@ Key makeBrickKey(const zo::String& cipherID)
     for (int i = 0; i < 32; ++i)
         key[i] = static_cast<zo::uint8>(0x5a ^ (i * 13));
     return key;
+}
+
+std::string brickFile(const char* folder, zo::int64 index)
+{
+    char name[64];
+    std::snprintf(name, sizeof(name), "/bricks/b000/a000/%03x.brick", static_cast<unsigned>(index));
+    return folder + std::string(name);
 }
 
 Bytes patternBytes(int size, unsigned seed)
@@ -70,6 +79,31 @@ Bytes unprepareBrick(const brick::CBrickDiskHeader& header, const Key& key, cons
 zo::P<Bytes> countedCopy(const Bytes& bytes)
 {
     return zo::P<Bytes>(new Bytes(bytes));
+}
+
+zo::TList<zo::CURI> foldersOf(const std::vector<const char*>& paths)
+{
+    zo::TList<zo::CURI> folders;
+    for (const char* path : paths)
+        folders.push_back(zo::CURI(path));
+    return folders;
+}
+
+zo::P<brick::CBrickStoreQueue> makeQueueOver(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header, const Key& key,
+                                             int maxStores, const char* disk, const char* child,
+                                             const std::vector<const char*>& parents)
+{
+    const zo::P<brick::CBrickReader> reader(
+        new brick::CBrickReader(fs, brick::CBrickReader::chainOf(zo::CURI(disk), foldersOf(parents)), header, key));
+    return zo::P<brick::CBrickStoreQueue>(new brick::CBrickStoreQueue(reader.get(), zo::CURI(child), maxStores));
+}
+
+zo::P<brick::CBrick> makeBrickOver(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header, const Key& key,
+                                   int maxBackgroundOps, const char* disk, const char* child,
+                                   const std::vector<const char*>& parents)
+{
+    return zo::P<brick::CBrick>(
+        new brick::CBrick(fs, zo::CURI(disk), zo::CURI(child), foldersOf(parents), header, key, maxBackgroundOps));
 }
 
 bool sameBytes(const Bytes& a, const Bytes& b)

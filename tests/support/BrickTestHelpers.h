@@ -1,9 +1,12 @@
 // Helpers for the tests of bricks and brick storers: small disk headers and
-// keys, brick contents, a listener that counts completions, a capture of the
+// keys, brick contents, brick objects and store queues over a chain of
+// folders, a listener that counts completions, a capture of the
 // log, and a file system wrapper that lets a test step through a storer's
 // operations one completion at a time.
 #pragma once
 
+#include "brick/chain/Brick.h"
+#include "brick/chain/BrickStoreQueue.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "zo/Buffer.h"
 #include "zo/Error.h"
@@ -33,6 +36,10 @@ brick::CBrickDiskHeader makeBrickHeader(int brickSize = 4096, int treeLevels = 3
 // A fixed 32-byte key for "aes256cbc", the empty key for "null".
 Key makeBrickKey(const zo::String& cipherID);
 
+// The file of brick `index` (below 256) of the disk in `folder`, in the
+// tree of makeBrickHeader's defaults: 3 levels of 256 entries each.
+std::string brickFile(const char* folder, zo::int64 index);
+
 // `size` bytes of a pattern drawn from `seed` (never all zero for size > 0).
 Bytes patternBytes(int size, unsigned seed);
 Bytes zeroBytes(int size);
@@ -44,6 +51,20 @@ Bytes unprepareBrick(const brick::CBrickDiskHeader& header, const Key& key, cons
 // A counted copy on the heap, as the storers and brick objects take prepared
 // buffers (they hold references to them).
 zo::P<Bytes> countedCopy(const Bytes& bytes);
+
+// `paths` as folders, in order.
+zo::TList<zo::CURI> foldersOf(const std::vector<const char*>& paths);
+// A store queue over the disk in `disk`, with a reader of its own: the
+// disk's ancestors are `parents` (nearest first), its child `child` (empty
+// for none), at most `maxStores` stores run at once.
+zo::P<brick::CBrickStoreQueue> makeQueueOver(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header, const Key& key,
+                                             int maxStores, const char* disk = "/disk", const char* child = "",
+                                             const std::vector<const char*>& parents = {});
+// A stand-alone brick object over the same chain, with a reader and a store
+// queue of its own.
+zo::P<brick::CBrick> makeBrickOver(zo::IFileSystem* fs, const brick::CBrickDiskHeader& header, const Key& key,
+                                   int maxBackgroundOps, const char* disk = "/disk", const char* child = "",
+                                   const std::vector<const char*>& parents = {});
 
 bool sameBytes(const Bytes& a, const Bytes& b);
 std::vector<std::string> toStrings(const zo::TList<zo::String>& list);

@@ -1,5 +1,6 @@
 #include "support/DiskTestHelpers.h"
 
+#include "brick/chain/BrickDiskError.h"
 #include "brick/format/BrickDiskLink.h"
 
 #include <gtest/gtest.h>
@@ -27,6 +28,37 @@ zo::TCryptBuffer<zo::uint8> diskKey(zo::IFileSystem* fs, const zo::CURI& folder,
     EXPECT_TRUE(brick::CBrickDisk::isEncryptPasswordCorrect(fs, folder, password, &key))
         << folder.toString(true).toUTF8();
     return key;
+}
+
+void createKeyWrappedDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, const zo::String& password)
+{
+    brick::CBrickDisk::createAuthenticated(fs, folder, diskSize, 1, password, "lz4", kDiskTestBrickSize, kTestKdfCost);
+}
+
+void createKeyWrappedChain(zo::IFileSystem* fs, const std::vector<const char*>& folders, zo::int64 diskSize,
+                           const zo::String& password, unsigned seed)
+{
+    createKeyWrappedDisk(fs, zo::CURI(folders.front()), diskSize, password);
+    for (size_t i = 1; i < folders.size(); ++i)
+        createLinkedChild(fs, zo::CURI(folders[i]), zo::CURI(folders[i - 1]), password);
+    for (size_t i = 0; i < folders.size(); ++i) {
+        const zo::P<brick::CBrickDisk> disk = openDisk(fs, zo::CURI(folders[i]), password);
+        disk->setAllowWritingWithParentDisk(true);
+        writeAt(*disk, static_cast<zo::int64>(i) * kDiskTestBrickSize,
+                patternBytes(kDiskTestBrickSize, seed + static_cast<unsigned>(i)));
+    }
+}
+
+bool opensWith(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& password)
+{
+    try {
+        openDisk(fs, folder, password, zo::IIOStream::AccessRead);
+        return true;
+    } catch (const brick::CBrickDiskError& e) {
+        if (e.getCode() != brick::CBrickDiskError::IncorrectPassword)
+            throw;
+        return false;
+    }
 }
 
 void createLinkedChild(zo::IFileSystem* fs, const zo::CURI& child, const zo::CURI& parent, const zo::String& password)

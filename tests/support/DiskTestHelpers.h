@@ -1,9 +1,10 @@
-// Helpers for the tests of the disk object: creating and opening small disks,
-// reading and writing byte ranges at positions, naming a disk's files, and
+// Helpers for the tests of the disk object: creating and opening small disks
+// (also key-wrapped ones and chains of them), reading and writing byte ranges at positions, naming a disk's files, and
 // catching an error of one class to look at its fields.
 #pragma once
 
 #include "brick/chain/BrickDisk.h"
+#include "seal/KeyDerivation.h"
 #include "support/BrickTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/FileSystem.h"
@@ -32,6 +33,21 @@ zo::P<brick::CBrickDisk> openDisk(zo::IFileSystem* fs, const zo::CURI& folder, c
 // The key that `password` opens the disk in `folder` with (empty for an
 // unencrypted disk); fails the test for a wrong password.
 zo::TCryptBuffer<zo::uint8> diskKey(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& password);
+// An Argon2id cost that makes key-wrapped test disks quick to open.
+inline constexpr seal::Argon2idCost kTestKdfCost{1, 8, 1};
+// Creates a key-wrapped disk (a random key wrapped under `password`,
+// authenticated bricks) of `diskSize` bytes in `folder`: payload block size
+// 1, "lz4", bricks of kDiskTestBrickSize, kTestKdfCost.
+void createKeyWrappedDisk(zo::IFileSystem* fs, const zo::CURI& folder, zo::int64 diskSize, const zo::String& password);
+// A chain of key-wrapped disks under the one key of `password`: `folders[0]`
+// is created as above, each later folder becomes a linked child of the one
+// before it, and disk i then holds brick i as patternBytes(brick size,
+// seed + i) of its own.
+void createKeyWrappedChain(zo::IFileSystem* fs, const std::vector<const char*>& folders, zo::int64 diskSize,
+                           const zo::String& password, unsigned seed);
+// True when `password` opens the disk in `folder` for reading, false when the
+// disk refuses it as incorrect; other errors pass through.
+bool opensWith(zo::IFileSystem* fs, const zo::CURI& folder, const zo::String& password);
 // Makes a linked child of the disk in `parent`, with the key of `password`
 // (which the links of the authenticated format are tied under).
 void createLinkedChild(zo::IFileSystem* fs, const zo::CURI& child, const zo::CURI& parent, const zo::String& password);
