@@ -1,6 +1,6 @@
 #include "support/DiskTestHelpers.h"
 
-#include "brick/chain/BrickDiskError.h"
+#include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickDiskLink.h"
 
 #include <gtest/gtest.h>
