@@ -605,7 +605,9 @@ P<zo::IIOStream> CCachedStore::openStream(const CURI& file, zo::IIOStream::Acces
                                       CProps().add("path", file.toString())));
     const Bytes bytes = readBrick(file.toNormalized().toString());
     // The stream owns a copy, so the cache may evict the file at once.
-    return P<zo::IIOStream>(new zo::CBufferStream(new zo::TBuffer<zo::uint8>(*bytes), 2.0));
+    const P<zo::CBufferStream> stream(new zo::CBufferStream(nullptr, 2.0));
+    stream->getBuffer()->assign(*bytes);
+    return stream;
 }
 
 bool CCachedStore::fileExists(const CURI& file)
