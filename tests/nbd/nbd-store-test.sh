@@ -97,6 +97,23 @@ serve_in_background() {
   wait_for_output "$work/$name.log" '^Serving' "$serve_pid" || fail "serve $name did not start: $(cat "$work/$name.log")"
 }
 
+# serve_after_kill NAME ARGS...: serve_in_background, once the lease lock of
+# a killed server has run out (it keeps the disk until then).
+serve_after_kill() {
+  local name=$1 _
+  shift
+  for _ in $(seq 1 30); do
+    "$brickdisk" "${settings[@]}" serve "$@" >"$work/$name.log" 2>&1 &
+    serve_pid=$!
+    cleanups+=("kill $serve_pid 2>/dev/null; wait $serve_pid 2>/dev/null")
+    wait_for_output "$work/$name.log" '^Serving' "$serve_pid" && return 0
+    wait "$serve_pid" 2>/dev/null || true
+    grep -q "in use by another process" "$work/$name.log" || fail "serving again failed: $(cat "$work/$name.log")"
+    sleep 1
+  done
+  fail "serving again never started: $(cat "$work/$name.log")"
+}
+
 # stop_serving PID LOG: Ctrl-C, and serve must end cleanly.
 stop_serving() {
   kill -INT "$1"
@@ -231,17 +248,7 @@ case_cache_kill_and_serve_again() {
   nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
   kill -9 "$server"
   wait "$serve_pid" 2>/dev/null && fail "serve ended cleanly although its server was killed"
-  # The killed server's lease lock keeps the disk until it runs out.
-  for _ in $(seq 1 30); do
-    "$brickdisk" "${settings[@]}" serve "$disk" --socket "$work/b.sock" --cache-dir "$cache" >"$work/b.log" 2>&1 &
-    serve_pid=$!
-    cleanups+=("kill $serve_pid 2>/dev/null; wait $serve_pid 2>/dev/null")
-    wait_for_output "$work/b.log" '^Serving' "$serve_pid" && break
-    wait "$serve_pid" 2>/dev/null || true
-    grep -q "in use by another process" "$work/b.log" || fail "serving again failed: $(cat "$work/b.log")"
-    sleep 1
-  done
-  grep -q '^Serving' "$work/b.log" || fail "serving again never started: $(cat "$work/b.log")"
+  serve_after_kill b "$disk" --socket "$work/b.sock" --cache-dir "$cache"
   stop_serving "$serve_pid" "$work/b.log"
   export_disk "$disk" "$work/out"
   cmp "$work/image" "$work/out" || fail "the store lacks bytes flushed into the cache before the kill"
@@ -252,6 +259,102 @@ case_cache_kill_and_serve_again() {
     fail "the cache folder of another disk was used"
   fi
   grep -q "belongs to another disk" "$work/c.log" || fail "no reason given: $(cat "$work/c.log")"
+}
+
+# fio writes verifiable blocks through a cached server and flushes; a second
+# fio run is killed with the server (-9) in the middle. Served again with the
+# same cache, and then from the store alone, every block of the first run
+# verifies.
+case_fio_kill_and_verify() {
+  need fio
+  fio --enghelp 2>/dev/null | grep -qx '[[:space:]]*nbd' || skip "fio has no nbd engine"
+  local disk=$place/disk cache=$work/cache server
+  make_disk "$disk" 32M
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$cache" --cache-size 4M
+  # Every block of the first half once, in random order, flushed every 64.
+  local first=(--name=first --ioengine=nbd --rw=randwrite --bs=4k --offset=0 --size=16M --iodepth=16
+    --verify=crc32c --randseed=42 --fsync=64 --output="$work/fio-first.txt")
+  fio "${first[@]}" --uri="$(uri_of "$work/a.sock")" --do_verify=0 --end_fsync=1 ||
+    fail "fio writing failed: $(cat "$work/fio-first.txt")"
+  # The second run writes the other half without end, flushing as it goes.
+  fio --name=second --ioengine=nbd --uri="$(uri_of "$work/a.sock")" --rw=randwrite --bs=4k --offset=16M \
+    --size=16M --iodepth=16 --fsync=16 --time_based --runtime=60 --output="$work/fio-second.txt" &
+  local writer=$!
+  cleanups+=("kill $writer 2>/dev/null")
+  sleep 2
+  kill -0 "$writer" 2>/dev/null || fail "the second fio run ended early: $(cat "$work/fio-second.txt")"
+  server=$(pgrep -P "$serve_pid" nbdkit) || fail "no server process"
+  kill -9 "$server"
+  wait "$writer" 2>/dev/null && fail "fio went on although its server was killed"
+  wait "$serve_pid" 2>/dev/null && fail "serve ended cleanly although its server was killed"
+
+  serve_after_kill b "$disk" --socket "$work/b.sock" --cache-dir "$cache" --cache-size 4M
+  fio "${first[@]}" --uri="$(uri_of "$work/b.sock")" --verify_only=1 ||
+    fail "fio verify through the cache failed: $(cat "$work/fio-first.txt")"
+  stop_serving "$serve_pid" "$work/b.log"
+  serve_in_background c "$disk" --socket "$work/c.sock"
+  fio "${first[@]}" --uri="$(uri_of "$work/c.sock")" --verify_only=1 ||
+    fail "fio verify from the store failed: $(cat "$work/fio-first.txt")"
+  stop_serving "$serve_pid" "$work/c.log"
+}
+
+# The server offers several connections to one client; nbdcopy writes and
+# reads the disk over four at once, through the cache and without it.
+case_many_connections() {
+  local disk=$place/disk cache=$work/cache
+  make_disk "$disk" 16M
+  head -c 16777216 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$cache" --cache-size 4M
+  nbdinfo --can multi-conn "$(uri_of "$work/a.sock")" || fail "the server does not offer several connections"
+  nbdcopy --connections 4 --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing over 4 connections failed"
+  nbdcopy --connections 4 "$(uri_of "$work/a.sock")" "$work/read" || fail "reading over 4 connections failed"
+  cmp "$work/image" "$work/read" || fail "4 connections read other bytes than they wrote"
+  stop_serving "$serve_pid" "$work/a.log"
+  serve_in_background b "$disk" --socket "$work/b.sock"
+  nbdcopy --connections 4 "$(uri_of "$work/b.sock")" "$work/read-store" || fail "reading the store over 4 failed"
+  stop_serving "$serve_pid" "$work/b.log"
+  cmp "$work/image" "$work/read-store" || fail "the store does not hold what 4 connections wrote"
+}
+
+# A working set four times the cache's size: written, read back through the
+# server (bricks evicted and fetched again) and exported, byte for byte; the
+# cache folder ends within its size.
+case_eviction_larger_than_cache() {
+  local disk=$place/disk cache=$work/cache
+  make_disk "$disk" 8M
+  head -c 8388608 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$cache" --cache-size 2M
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  nbdcopy "$(uri_of "$work/a.sock")" "$work/read" || fail "reading through the server failed"
+  cmp "$work/image" "$work/read" || fail "the disk read other bytes back through a cache too small for it"
+  stop_serving "$serve_pid" "$work/a.log"
+  local cached
+  cached=$(find "$cache/files" -type f -printf '%s\n' | awk '{ n += $1 } END { print n + 0 }')
+  # Within its size, give or take the bricks read last (64 KiB each).
+  [ "$cached" -le $((2097152 + 4 * 65536)) ] || fail "the cache folder holds $cached bytes, over its 2 MiB"
+  [ "$cached" -gt 0 ] || fail "the cache folder holds nothing"
+  export_disk "$disk" "$work/out"
+  cmp "$work/image" "$work/out" || fail "the store does not hold what was written"
+}
+
+# Two servers of one disk are refused, whichever cache folders they name, and
+# a cache folder in use by a server is refused to a server of another disk.
+case_two_servers_refused() {
+  local disk=$place/disk
+  make_disk "$disk" 4M
+  make_disk "$place/other" 4M
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$work/cache-a"
+  if "$brickdisk" "${settings[@]}" serve "$disk" --socket "$work/b.sock" --cache-dir "$work/cache-b" \
+    >"$work/b.log" 2>&1; then
+    fail "a second server of the disk started with a cache folder of its own"
+  fi
+  grep -q "in use by another process" "$work/b.log" || fail "no reason given: $(cat "$work/b.log")"
+  if "$brickdisk" "${settings[@]}" serve "$place/other" --socket "$work/c.sock" --cache-dir "$work/cache-a" \
+    >"$work/c.log" 2>&1; then
+    fail "a server of another disk started on a cache folder in use"
+  fi
+  grep -Eq "in use|belongs to another disk" "$work/c.log" || fail "no reason given: $(cat "$work/c.log")"
+  stop_serving "$serve_pid" "$work/a.log"
 }
 
 "case_$case_name"
