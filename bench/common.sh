@@ -169,3 +169,30 @@ print_table_row() {
   [ -z "${3:-}" ] || stored=$(mib "$3")
   echo "| $1 | ${took[$2]} | $(mbps "$image_bytes" "${took[$2]}") | $stored |"
 }
+
+# s3backer_mount BUCKET FOLDER SIZE [CACHE_BLOCKS [BLOCK_SIZE [OPTION...]]]:
+# mounts the bucket's s3backer file of SIZE bytes in FOLDER (made empty),
+# encrypted and compressed with $work/password, blocks of BLOCK_SIZE (512K),
+# a block cache of CACHE_BLOCKS blocks (200), with s3backer's further
+# OPTIONs, the program running in the foreground of a job
+# ($s3backer_pid); the caller unmounts it with s3backer_unmount.
+s3backer_mount() {
+  rm -rf "$2"
+  mkdir -p "$2"
+  s3backer -f --baseURL="$AWS_ENDPOINT_URL/" --accessId="$AWS_ACCESS_KEY_ID" --accessKey="$AWS_SECRET_ACCESS_KEY" \
+    --authVersion=aws4 --size="$3" --blockSize="${5:-512K}" --encrypt --passwordFile="$work/password" \
+    --blockCacheSize="${4:-200}" --blockCacheThreads=16 --listBlocks "${@:6}" "$1" "$2" >>"$work/s3backer.log" 2>&1 &
+  s3backer_pid=$!
+  mounted=$2
+  until grep -q " $2 fuse" /proc/mounts; do
+    kill -0 "$s3backer_pid" 2>/dev/null || { echo "s3backer did not mount" >&2; cat "$work/s3backer.log" >&2; exit 1; }
+    sleep 0.1
+  done
+}
+# s3backer_unmount FOLDER: unmounts and waits until s3backer has stored
+# every block and ended.
+s3backer_unmount() {
+  fusermount -u "$1"
+  wait "$s3backer_pid"
+  mounted=
+}

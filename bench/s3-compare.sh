@@ -54,35 +54,13 @@ cleanup() {
 trap cleanup EXIT
 cd "$work"
 
-# s3backer_mount BUCKET FOLDER: mounts the bucket's s3backer file in FOLDER
-# (an empty folder), the program running in the foreground of a job.
-s3backer_mount() {
-  rm -rf "$2"
-  mkdir -p "$2"
-  s3backer -f --baseURL="$AWS_ENDPOINT_URL/" --accessId="$AWS_ACCESS_KEY_ID" --accessKey="$AWS_SECRET_ACCESS_KEY" \
-    --authVersion=aws4 --size="$image_bytes" --blockSize=512K --encrypt --passwordFile="$work/password" \
-    --blockCacheSize=200 --blockCacheThreads=16 --listBlocks "$1" "$2" >>"$work/s3backer.log" 2>&1 &
-  s3backer_pid=$!
-  mounted=$2
-  until grep -q " $2 fuse" /proc/mounts; do
-    kill -0 "$s3backer_pid" 2>/dev/null || { echo "s3backer did not mount" >&2; cat "$work/s3backer.log" >&2; exit 1; }
-    sleep 0.1
-  done
-}
-# s3backer_unmount FOLDER: unmounts and waits until s3backer has stored
-# every block and ended.
-s3backer_unmount() {
-  fusermount -u "$1"
-  wait "$s3backer_pid"
-  mounted=
-}
 s3backer_import() {
-  s3backer_mount "$1" "$2"
+  s3backer_mount "$1" "$2" "$image_bytes"
   dd if=image.raw of="$2/file" bs=4M conv=fsync,notrunc status=none
   s3backer_unmount "$2"
 }
 s3backer_export() {
-  s3backer_mount "$1" "$2"
+  s3backer_mount "$1" "$2" "$image_bytes"
   dd if="$2/file" of="$3" bs=4M status=none
   s3backer_unmount "$2"
 }
