@@ -357,5 +357,33 @@ case_two_servers_refused() {
   stop_serving "$serve_pid" "$work/a.log"
 }
 
+# brick_files DISK: how many brick files the disk holds in the store.
+brick_files() {
+  "$brickdisk" "${settings[@]}" du "$1" --json | python3 -c 'import json, sys; print(json.load(sys.stdin)["totalBrickFiles"])'
+}
+
+# A trim of the whole disk through a cached server deletes its brick objects
+# in the store, and the disk then maps as one zero extent.
+case_trim_deletes_objects() {
+  need fio
+  fio --enghelp 2>/dev/null | grep -qx '[[:space:]]*nbd' || skip "fio has no nbd engine"
+  local disk=$place/disk
+  make_disk "$disk" 4M
+  head -c 4194304 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$work/cache"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  stop_serving "$serve_pid" "$work/a.log"
+  [ "$(brick_files "$disk")" = 64 ] || fail "the store holds $(brick_files "$disk") brick files, not 64"
+  serve_in_background b "$disk" --socket "$work/b.sock" --cache-dir "$work/cache"
+  fio --name=trim --ioengine=nbd --uri="$(uri_of "$work/b.sock")" --rw=trim --bs=1M --size=4M --end_fsync=1 \
+    --output="$work/fio.txt" || fail "trimming the disk failed: $(cat "$work/fio.txt")"
+  nbdinfo --map "$(uri_of "$work/b.sock")" >"$work/map.txt" || fail "no map"
+  [ "$(awk '{ print $1, $2, $4 }' "$work/map.txt")" = "0 4194304 zero" ] || fail "the trimmed disk maps as $(cat "$work/map.txt")"
+  stop_serving "$serve_pid" "$work/b.log"
+  [ "$(brick_files "$disk")" = 0 ] || fail "the store keeps $(brick_files "$disk") brick files after the trim"
+  export_disk "$disk" "$work/out"
+  cmp "$work/out" <(head -c 4194304 /dev/zero) || fail "the trimmed disk does not read zeros"
+}
+
 "case_$case_name"
 echo "PASSED: $store $case_name"
