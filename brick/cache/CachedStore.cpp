@@ -116,20 +116,16 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
     checkOwner(diskFolder, !m_dirty.empty());
     loadCachedFiles(m_settings.folder << kFilesFolder);
     m_pool = zo::CCompletionPool::create(m_settings.uploadJobs);
-    for (int i = 0; i < m_settings.uploadJobs; ++i)
-        m_uploaders.emplace_back([this] { uploaderMain(); });
+    m_uploaders = std::make_unique<zo::CWorkerPool>(m_settings.uploadJobs);
+    // Each job loops until the cache stops, so every worker runs one.
+    for (int i = 0; i < m_uploaders->getWorkerCount(); ++i)
+        m_uploaders->post([this](int) { uploaderMain(); });
     try {
         // Nothing may read the disk before the store holds what the journal
         // says was acknowledged.
         drain();
     } catch (...) {
-        {
-            std::lock_guard lock(m_mutex);
-            m_stopping = true;
-        }
-        m_changed.notify_all();
-        for (std::thread& uploader : m_uploaders)
-            uploader.join();
+        stopUploaders();
         m_pool->shutdown();
         throw;
     }
@@ -138,13 +134,18 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
 CCachedStore::~CCachedStore()
 {
     m_pool->shutdown();
+    stopUploaders();
+}
+
+void CCachedStore::stopUploaders() noexcept
+{
     {
         std::lock_guard lock(m_mutex);
         m_stopping = true;
     }
     m_changed.notify_all();
-    for (std::thread& uploader : m_uploaders)
-        uploader.join();
+    // Joins the workers once their current upload has ended.
+    m_uploaders.reset();
 }
 
 void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
@@ -670,6 +671,17 @@ zo::TList<String> CCachedStore::listFolder(const CURI& folder)
 }
 
 void CCachedStore::uploaderMain()
+{
+    try {
+        uploadUntilStopped();
+    } catch (const std::exception& e) {
+        // Only a failure of the bookkeeping itself (memory, say) gets here:
+        // the uploads' own errors are kept and retried.
+        zo::logError(e, "An uploader of the cache stopped; the other uploaders go on.", String());
+    }
+}
+
+void CCachedStore::uploadUntilStopped()
 {
     std::unique_lock lock(m_mutex);
     while (!m_stopping) {

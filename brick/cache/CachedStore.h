@@ -45,24 +45,25 @@
 // on, a snapshot's copy there before the disk's brick changes. Reads of any
 // disk's brick files are cached.
 //
-// Threads: every call may come from any thread; the uploaders are threads of
-// the cache's own. The asynchronous brick stores and deletions run on a
+// Threads: every call may come from any thread; the uploaders are jobs of a
+// zo::CWorkerPool of the cache's own, one per upload job, each looping until
+// the cache stops. The asynchronous brick stores and deletions run on a
 // completion pool of the cache's own.
 #pragma once
 
 #include "zo/CompletionPool.h"
 #include "zo/Export.h"
 #include "zo/ForwardingFileSystem.h"
+#include "zo/WorkerPool.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
-#include <thread>
-#include <vector>
 
 namespace brick {
 
@@ -176,8 +177,10 @@ private:
     zo::P<zo::IFileSystemOp> post(zo::IDoneListener* listener, std::function<void()> work);
 
     void uploaderMain();
+    void uploadUntilStopped();
     void upload(const zo::String& key, Change change);
     void evictLocked();
+    void stopUploaders() noexcept;
     zo::uint64 nextUse() { return ++m_useClock; }
 
     zo::P<zo::IFileSystem> m_cacheFs;
@@ -198,7 +201,7 @@ private:
     zo::uint64 m_uploadFailures = 0;
     zo::P<zo::CError> m_lastUploadError;
     bool m_stopping = false;
-    std::vector<std::thread> m_uploaders;
+    std::unique_ptr<zo::CWorkerPool> m_uploaders;
 };
 
 } // namespace brick
