@@ -240,7 +240,7 @@ void CCachedStore::loadJournal()
         entry.change = change == "store" ? Change::Store : Change::Delete;
         if (entry.change == Change::Store && !m_cacheFs->fileExists(cachePath(path))) {
             // The bytes never reached the cache folder: never acknowledged.
-            m_entries.erase(path);
+            eraseEntryLocked(path);
             m_cacheFs->deleteFile(record, true);
             continue;
         }
@@ -276,6 +276,7 @@ void CCachedStore::loadCachedFiles(const CURI& folder)
         entry.size = info->getSize();
         entry.lastUse = nextUse();
         m_cachedBytes += entry.size;
+        placeLocked(key, entry);
     }
 }
 
@@ -331,6 +332,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
             Entry& entry = found->second;
             entry.lastUse = nextUse();
             ++entry.readers;
+            placeLocked(key, entry);
             lock.unlock();
             Bytes bytes;
             P<CError> error;
@@ -340,7 +342,9 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
                 error = zo::currentExceptionToError();
             }
             lock.lock();
-            --m_entries[key].readers;
+            Entry& read = m_entries[key];
+            --read.readers;
+            placeLocked(key, read);
             m_changed.notify_all();
             if (error)
                 error->throwClone();
@@ -393,6 +397,7 @@ CCachedStore::Bytes CCachedStore::fetch(const String& key)
         entry.size = bytes->getUsed();
         entry.lastUse = nextUse();
         m_cachedBytes += entry.size;
+        placeLocked(key, entry);
         evictLocked();
     }
     return bytes;
@@ -412,6 +417,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     Entry& entry = m_entries[key];
     entry.writing = true;
     ++entry.version;
+    placeLocked(key, entry);
     lock.unlock();
     P<CError> error;
     try {
@@ -437,6 +443,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     if (error) {
         // The change is not acknowledged; the entry keeps its state. A record
         // written for a clean file would only cause a harmless upload.
+        placeLocked(key, done);
         m_changed.notify_all();
         error->throwClone();
     }
@@ -451,6 +458,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     done.size = bytes ? bytes->getUsed() : 0;
     m_cachedBytes += done.size;
     done.lastUse = nextUse();
+    placeLocked(key, done);
     m_changed.notify_all();
     evictLocked();
 }
@@ -478,7 +486,9 @@ void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
         lock.unlock();
         return change(key, bytes, overwrite);
     }
-    m_entries[key].writing = true;
+    Entry& written = m_entries[key];
+    written.writing = true;
+    placeLocked(key, written);
     lock.unlock();
     P<CError> error;
     try {
@@ -503,8 +513,9 @@ void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
             error = zo::currentExceptionToError();
         }
     }
+    placeLocked(key, entry);
     if (!entry.present && !entry.dirty)
-        m_entries.erase(key);
+        eraseEntryLocked(key);
     m_changed.notify_all();
     if (error)
         error->throwClone();
@@ -745,8 +756,10 @@ void CCachedStore::uploadUntilStopped()
             } catch (const std::exception& e) {
                 zo::logError(e, "Removing a record of the cache journal failed.", String());
             }
-            if (!done.present)
-                m_entries.erase(ready);
+            if (done.present)
+                placeLocked(ready, done);
+            else
+                eraseEntryLocked(ready);
             evictLocked();
         }
         m_changed.notify_all();
@@ -777,24 +790,53 @@ void CCachedStore::evictLocked()
 {
     if (m_cachedBytes <= m_settings.maxBytes)
         return;
-    std::vector<std::pair<zo::uint64, String>> candidates;
-    for (const auto& [key, entry] : m_entries)
-        if (entry.present && !entry.dirty && !entry.writing && !entry.uploading && entry.readers == 0)
-            candidates.emplace_back(entry.lastUse, key);
-    std::sort(candidates.begin(), candidates.end());
     const int64 target = m_settings.maxBytes / 100 * kEvictToPercent;
-    for (const auto& [lastUse, key] : candidates) {
-        if (m_cachedBytes <= target)
-            break;
+    size_t failed = 0;
+    while (m_cachedBytes > target && failed < m_recency.size()) {
+        const String key = m_recency.back();
+        Entry& entry = m_entries[key];
         try {
             m_cacheFs->deleteFile(cachePath(key), true);
         } catch (const std::exception& e) {
             zo::logError(e, "Evicting a brick file from the cache failed.", String());
+            // Tried again after the others, as if just used.
+            entry.lastUse = nextUse();
+            m_recency.splice(m_recency.begin(), m_recency, entry.recency);
+            ++failed;
             continue;
         }
-        m_cachedBytes -= m_entries[key].size;
-        m_entries.erase(key);
+        m_cachedBytes -= entry.size;
+        eraseEntryLocked(key);
     }
+}
+
+void CCachedStore::placeLocked(const String& key, Entry& entry)
+{
+    const bool evictable = entry.present && !entry.dirty && !entry.writing && !entry.uploading && entry.readers == 0;
+    if (evictable == entry.listed)
+        return;
+    if (!evictable) {
+        m_recency.erase(entry.recency);
+        entry.listed = false;
+        return;
+    }
+    // Mostly at the front: the entry was just used. One that comes back after
+    // an upload or a read goes behind the entries used since.
+    auto position = m_recency.begin();
+    while (position != m_recency.end() && m_entries[*position].lastUse > entry.lastUse)
+        ++position;
+    entry.recency = m_recency.insert(position, key);
+    entry.listed = true;
+}
+
+void CCachedStore::eraseEntryLocked(const String& key)
+{
+    const auto found = m_entries.find(key);
+    if (found == m_entries.end())
+        return;
+    if (found->second.listed)
+        m_recency.erase(found->second.recency);
+    m_entries.erase(found);
 }
 
 } // namespace brick

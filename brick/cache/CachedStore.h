@@ -45,6 +45,10 @@
 // on, a snapshot's copy there before the disk's brick changes. Reads of any
 // disk's brick files are cached.
 //
+// Eviction takes the least recently used file that it may drop (present,
+// clean, neither read nor changed at the moment) from the end of a recency
+// list that holds exactly those files, so that it never walks the others.
+//
 // Threads: every call may come from any thread; the uploaders are jobs of a
 // zo::CWorkerPool of the cache's own, one per upload job, each looping until
 // the cache stops. The asynchronous brick stores and deletions run on a
@@ -60,6 +64,7 @@
 #include <condition_variable>
 #include <functional>
 #include <future>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -152,6 +157,9 @@ private:
         zo::uint64 lastUse = 0;
         int failures = 0;
         std::chrono::steady_clock::time_point retryAt{};
+        // The entry's place in m_recency while eviction may take it.
+        bool listed = false;
+        std::list<zo::String>::iterator recency{};
     };
     using Bytes = zo::P<zo::TBuffer<zo::uint8>>;
 
@@ -180,6 +188,12 @@ private:
     void uploadUntilStopped();
     void upload(const zo::String& key, Change change);
     void evictLocked();
+    // Lists the entry in m_recency, or takes it out, as its state says; to be
+    // called whenever present, dirty, writing or readers changed (an
+    // uploading entry is dirty, so never listed).
+    void placeLocked(const zo::String& key, Entry& entry);
+    // Erases an entry, and its place in m_recency.
+    void eraseEntryLocked(const zo::String& key);
     void stopUploaders() noexcept;
     zo::uint64 nextUse() { return ++m_useClock; }
 
@@ -197,6 +211,9 @@ private:
     zo::int64 m_cachedBytes = 0;
     // The keys of the dirty entries.
     std::set<zo::String> m_dirty;
+    // The keys of the entries eviction may take, most recently used first
+    // (ordered by lastUse).
+    std::list<zo::String> m_recency;
     zo::uint64 m_useClock = 0;
     zo::uint64 m_uploadFailures = 0;
     zo::P<zo::CError> m_lastUploadError;

@@ -414,6 +414,44 @@ TEST_F(CachedStoreTest, EvictionKeepsTheSizeButNeverDropsADirtyFile)
         EXPECT_EQ(read(*cache, brickFile(i)), text(filled(100, static_cast<zo::uint8>(i + 1))));
 }
 
+TEST_F(CachedStoreTest, ManyFilesCycleThroughASmallCacheWithoutEvictingADirtyFileOrTheHotOne)
+{
+    settings.maxBytes = 1000;
+    // The store refuses these three for good, so they stay dirty.
+    for (int i = 0; i < 3; ++i)
+        store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, true, brickFile(i));
+    const int hot = 50;
+    store->setFileData(brickFile(hot), filled(100, 50));
+    const P<CCachedStore> cache = open();
+    for (int i = 0; i < 3; ++i)
+        write(*cache, brickFile(i), filled(150, static_cast<zo::uint8>(i + 1)));
+    read(*cache, brickFile(hot));
+
+    for (int round = 0; round < 200; ++round) {
+        const int cycling = 100 + round;
+        store->setFileData(brickFile(cycling), filled(100, static_cast<zo::uint8>(round)));
+        ASSERT_EQ(read(*cache, brickFile(cycling)), text(filled(100, static_cast<zo::uint8>(round))));
+        ASSERT_EQ(read(*cache, brickFile(hot)), text(filled(100, 50)));
+        if (round % 50 == 49)
+            write(*cache, brickFile(round % 3), filled(150, static_cast<zo::uint8>(round)));
+
+        ASSERT_LE(cache->getCachedBytes(), 1000) << round;
+        ASSERT_TRUE(cache->isCached(brickFile(cycling))) << round;
+        ASSERT_TRUE(cache->isCached(brickFile(hot))) << round;
+        if (round >= 6) {
+            ASSERT_FALSE(cache->isCached(brickFile(cycling - 6))) << round;
+        }
+        for (int i = 0; i < 3; ++i)
+            ASSERT_TRUE(cache->isCached(brickFile(i))) << round << " " << i;
+    }
+
+    EXPECT_EQ(cache->getDirtyCount(), 3);
+    EXPECT_EQ(read(*cache, brickFile(0)), text(filled(150, 99)));
+    EXPECT_EQ(read(*cache, brickFile(1)), text(filled(150, 199)));
+    EXPECT_EQ(read(*cache, brickFile(2)), text(filled(150, 149)));
+    EXPECT_FALSE(store->getFileData(brickFile(0)));
+}
+
 TEST_F(CachedStoreTest, KeepsAFileDirtyWhileItsUploadFailsAndRetriesIt)
 {
     store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, false, kBricks);
