@@ -312,6 +312,12 @@ bool CCachedStore::isCached(const CURI& file) const
     return found != m_entries.end() && found->second.present;
 }
 
+zo::uint64 CCachedStore::getUploadFailureCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_uploadFailures;
+}
+
 P<zo::IFileSystemOp> CCachedStore::post(zo::IDoneListener* listener, std::function<void()> work)
 {
     return zo::postFileSystemOp(*m_pool, listener, std::move(work));

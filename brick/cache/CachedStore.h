@@ -118,6 +118,9 @@ public:
     zo::int64 getCachedBytes() const;
     // True when `file` (a brick file) has its bytes in the cache folder.
     bool isCached(const zo::CURI& file) const;
+    // Uploads that failed since the cache opened, each retry counted. Never
+    // throws.
+    zo::uint64 getUploadFailureCount() const;
 
     // Brick files: the bytes and the record go to the cache folder durably;
     // the listener hears of success then, before the store holds them.

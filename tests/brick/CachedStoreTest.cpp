@@ -7,12 +7,15 @@
 #include "zo/BufferStream.h"
 #include "zo/ForwardingFileSystem.h"
 #include "zo/LocalFileSystem.h"
+#include "zo/Log.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -59,6 +62,52 @@ std::string text(const Bytes& bytes)
 {
     return std::string(reinterpret_cast<const char*>(bytes.getData()), static_cast<size_t>(bytes.getUsed()));
 }
+
+// Waits until `done` holds, failing the test after a minute (a hang, not a
+// slow machine).
+void waitUntil(const std::function<bool()>& done)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!done()) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "The awaited state never came.";
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// Keeps the lines logged while it lives (from any thread), then puts the
+// previous sink back.
+class CapturedLog {
+public:
+    CapturedLog()
+    {
+        m_previous = zo::setLogSink([this](zo::LogLevel, const zo::String& line) {
+            std::lock_guard lock(m_mutex);
+            m_lines.push_back(line.toUTF8());
+        });
+    }
+    ~CapturedLog() { zo::setLogSink(m_previous); }
+    CapturedLog(const CapturedLog&) = delete;
+    CapturedLog& operator=(const CapturedLog&) = delete;
+
+    // The lines that contain every one of `parts`.
+    int countLines(const std::vector<std::string>& parts) const
+    {
+        std::lock_guard lock(m_mutex);
+        int count = 0;
+        for (const std::string& line : m_lines) {
+            bool all = true;
+            for (const std::string& part : parts)
+                all = all && line.find(part) != std::string::npos;
+            count += all ? 1 : 0;
+        }
+        return count;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+    zo::LogSink m_previous;
+};
 
 class CachedStoreTest : public ::testing::Test {
 protected:
@@ -463,6 +512,34 @@ TEST_F(CachedStoreTest, KeepsAFileDirtyWhileItsUploadFailsAndRetriesIt)
 
     EXPECT_EQ(text(store->getFileData(brickFile(3))), text(filled(64, 3)));
     EXPECT_GE(store->getOperationCount(Operation::StoreFile), 3);
+}
+
+TEST_F(CachedStoreTest, AFileTheStoreRefusesStaysDirtyIsLoggedCountedAndFailsDrainWhileOthersUpload)
+{
+    store->failOperation(Operation::StoreFile, 1, CFileSystemError::AccessDenied, true, brickFile(2));
+    const CapturedLog log;
+    const P<CCachedStore> cache = open();
+
+    for (int i = 1; i <= 3; ++i)
+        write(*cache, brickFile(i), filled(80, static_cast<zo::uint8>(i)));
+    const auto error = errorOf<CError>([&] { cache->drain(); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "Uploading a changed brick file from the cache into the store failed.");
+    ASSERT_TRUE(error->getCause());
+    EXPECT_EQ(CFileSystemError::getProblem(error->getCause()->getProps()), CFileSystemError::AccessDenied);
+    // The others go on, and the refused file is tried again and again.
+    waitUntil([&] { return cache->getDirtyCount() == 1 && cache->getUploadFailureCount() >= 3; });
+    EXPECT_EQ(text(store->getFileData(brickFile(1))), text(filled(80, 1)));
+    EXPECT_EQ(text(store->getFileData(brickFile(3))), text(filled(80, 3)));
+    EXPECT_FALSE(store->getFileData(brickFile(2)));
+    EXPECT_TRUE(cache->isCached(brickFile(2)));
+    EXPECT_EQ(read(*cache, brickFile(2)), text(filled(80, 2)));
+    // Logged once for the run of failures, not at every retry.
+    EXPECT_EQ(log.countLines({"Uploading a brick file from the cache failed", "2.brick"}), 1);
+    EXPECT_EQ(log.countLines({"Uploading a brick file from the cache failed"}), 1);
+    EXPECT_TRUE(errorOf<CError>([&] { cache->drain(); }));
+    EXPECT_EQ(cache->getDirtyCount(), 1);
 }
 
 TEST_F(CachedStoreTest, IgnoresADamagedJournalRecord)
