@@ -358,29 +358,35 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
         }
         const auto fetching = m_fetches.find(key);
         if (fetching != m_fetches.end()) {
-            const std::shared_future<Bytes> pending = fetching->second;
-            lock.unlock();
-            return pending.get();
+            const std::shared_ptr<Fetch> pending = fetching->second;
+            m_changed.wait(lock, [&] { return pending->done; });
+            if (pending->error)
+                pending->error->throwClone();
+            return pending->bytes;
         }
         break;
     }
-    std::promise<Bytes> promise;
-    m_fetches[key] = promise.get_future().share();
+    const auto pending = std::make_shared<Fetch>();
+    m_fetches[key] = pending;
     lock.unlock();
+    // The store's round trip runs without the lock, so that fetches of other
+    // files go on meanwhile.
+    Bytes bytes;
+    P<CError> error;
     try {
-        const Bytes bytes = fetch(key);
-        promise.set_value(bytes);
-        lock.lock();
-        m_fetches.erase(key);
-        m_changed.notify_all();
-        return bytes;
+        bytes = fetch(key);
     } catch (...) {
-        promise.set_exception(std::current_exception());
-        lock.lock();
-        m_fetches.erase(key);
-        m_changed.notify_all();
-        throw;
+        error = zo::currentExceptionToError();
     }
+    lock.lock();
+    pending->done = true;
+    pending->bytes = bytes;
+    pending->error = error;
+    m_fetches.erase(key);
+    m_changed.notify_all();
+    if (error)
+        error->throwClone();
+    return bytes;
 }
 
 CCachedStore::Bytes CCachedStore::fetch(const String& key)

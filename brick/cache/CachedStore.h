@@ -49,6 +49,10 @@
 // clean, neither read nor changed at the moment) from the end of a recency
 // list that holds exactly those files, so that it never walks the others.
 //
+// Fetches of brick files that are not cached run on the readers' threads,
+// several at once for different files; one fetch serves every reader of its
+// file that comes meanwhile.
+//
 // Threads: every call may come from any thread; the uploaders are jobs of a
 // zo::CWorkerPool of the cache's own, one per upload job, each looping until
 // the cache stops. The asynchronous brick stores and deletions run on a
@@ -63,7 +67,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <future>
 #include <list>
 #include <map>
 #include <memory>
@@ -165,6 +168,14 @@ private:
         std::list<zo::String>::iterator recency{};
     };
     using Bytes = zo::P<zo::TBuffer<zo::uint8>>;
+    // A fetch from the store under way; the readers that came meanwhile wait
+    // until it is done, then share its bytes or each throw a copy of its
+    // error.
+    struct Fetch {
+        bool done = false;
+        Bytes bytes;
+        zo::P<zo::CError> error;
+    };
 
     void checkOwner(const zo::CURI& diskFolder, bool hasDirty);
     void loadJournal();
@@ -210,7 +221,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::map<zo::String, Entry> m_entries;
-    std::map<zo::String, std::shared_future<Bytes>> m_fetches;
+    std::map<zo::String, std::shared_ptr<Fetch>> m_fetches;
     zo::int64 m_cachedBytes = 0;
     // The keys of the dirty entries.
     std::set<zo::String> m_dirty;
