@@ -2,6 +2,7 @@
 
 #include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickDiskHeader.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/BufferStream.h"
@@ -619,6 +620,46 @@ TEST_F(CachedStoreTest, SnapshotTakenOverTheCacheKeepsItsBytesInTheStore)
     const P<brick::CBrickDisk> snapshotFromStore =
         testsupport::openDisk(store.get(), snapshot, "secret", zo::IIOStream::AccessRead);
     EXPECT_EQ(text(testsupport::readAt(*snapshotFromStore, 0, size)), text(before));
+}
+
+TEST_F(CachedStoreTest, ZeroOfWholeBricksOfAServedDiskDeletesTheirFilesInTheStoreOnceTheSnapshotHasCopies)
+{
+    const int brickSize = testsupport::kDiskTestBrickSize;
+    const Bytes before = filled(6 * brickSize, 0x5a);
+    const CURI snapshot("mem://store/snapshot");
+    const P<CCachedStore> cache = open();
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        testsupport::writeAt(*disk, 0, before);
+        disk->flushChanges();
+    }
+    cache->drain();
+    testsupport::createLinkedChild(cache.get(), snapshot, kDisk, "secret");
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        disk->setAllowWritingWithParentDisk(true);
+        const P<brick::CBrickDiskBlockDevice> device(new brick::CBrickDiskBlockDevice(disk.get(), 16 * brickSize));
+        // Whole bricks 1 to 4, and parts of 0 and 5.
+        device->zero(brickSize - 10, 4 * brickSize + 20);
+        device->flush();
+    }
+    cache->drain();
+
+    const P<brick::CBrickDisk> fromStore =
+        testsupport::openDisk(store.get(), kDisk, "secret", zo::IIOStream::AccessRead);
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(static_cast<bool>(store->getFileData(testsupport::brickFileOf(*fromStore, kDisk, i))),
+                  i == 0 || i == 5)
+            << i;
+    Bytes expected = filled(6 * brickSize, 0x5a);
+    std::memset(expected.getData() + brickSize - 10, 0, static_cast<size_t>(4 * brickSize + 20));
+    EXPECT_EQ(text(testsupport::readAt(*fromStore, 0, 6 * brickSize)), text(expected));
+    // The snapshot got the old bricks before the disk dropped them.
+    const P<brick::CBrickDisk> snapshotFromStore =
+        testsupport::openDisk(store.get(), snapshot, "secret", zo::IIOStream::AccessRead);
+    for (int i = 1; i < 5; ++i)
+        EXPECT_TRUE(store->getFileData(testsupport::brickFileOf(*snapshotFromStore, snapshot, i))) << i;
+    EXPECT_EQ(text(testsupport::readAt(*snapshotFromStore, 0, 6 * brickSize)), text(before));
 }
 
 TEST_F(CachedStoreTest, LocalCacheFolderKeepsCleanAndDirtyFilesAcrossOpenings)
