@@ -116,20 +116,16 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
     checkOwner(diskFolder, !m_dirty.empty());
     loadCachedFiles(m_settings.folder << kFilesFolder);
     m_pool = zo::CCompletionPool::create(m_settings.uploadJobs);
-    for (int i = 0; i < m_settings.uploadJobs; ++i)
-        m_uploaders.emplace_back([this] { uploaderMain(); });
+    m_uploaders = std::make_unique<zo::CWorkerPool>(m_settings.uploadJobs);
+    // Each job loops until the cache stops, so every worker runs one.
+    for (int i = 0; i < m_uploaders->getWorkerCount(); ++i)
+        m_uploaders->post([this](int) { uploaderMain(); });
     try {
         // Nothing may read the disk before the store holds what the journal
         // says was acknowledged.
         drain();
     } catch (...) {
-        {
-            std::lock_guard lock(m_mutex);
-            m_stopping = true;
-        }
-        m_changed.notify_all();
-        for (std::thread& uploader : m_uploaders)
-            uploader.join();
+        stopUploaders();
         m_pool->shutdown();
         throw;
     }
@@ -138,13 +134,18 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
 CCachedStore::~CCachedStore()
 {
     m_pool->shutdown();
+    stopUploaders();
+}
+
+void CCachedStore::stopUploaders() noexcept
+{
     {
         std::lock_guard lock(m_mutex);
         m_stopping = true;
     }
     m_changed.notify_all();
-    for (std::thread& uploader : m_uploaders)
-        uploader.join();
+    // Joins the workers once their current upload has ended.
+    m_uploaders.reset();
 }
 
 void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
@@ -239,7 +240,7 @@ void CCachedStore::loadJournal()
         entry.change = change == "store" ? Change::Store : Change::Delete;
         if (entry.change == Change::Store && !m_cacheFs->fileExists(cachePath(path))) {
             // The bytes never reached the cache folder: never acknowledged.
-            m_entries.erase(path);
+            eraseEntryLocked(path);
             m_cacheFs->deleteFile(record, true);
             continue;
         }
@@ -275,6 +276,7 @@ void CCachedStore::loadCachedFiles(const CURI& folder)
         entry.size = info->getSize();
         entry.lastUse = nextUse();
         m_cachedBytes += entry.size;
+        placeLocked(key, entry);
     }
 }
 
@@ -310,6 +312,12 @@ bool CCachedStore::isCached(const CURI& file) const
     return found != m_entries.end() && found->second.present;
 }
 
+zo::uint64 CCachedStore::getUploadFailureCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_uploadFailures;
+}
+
 P<zo::IFileSystemOp> CCachedStore::post(zo::IDoneListener* listener, std::function<void()> work)
 {
     return zo::postFileSystemOp(*m_pool, listener, std::move(work));
@@ -330,6 +338,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
             Entry& entry = found->second;
             entry.lastUse = nextUse();
             ++entry.readers;
+            placeLocked(key, entry);
             lock.unlock();
             Bytes bytes;
             P<CError> error;
@@ -339,7 +348,9 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
                 error = zo::currentExceptionToError();
             }
             lock.lock();
-            --m_entries[key].readers;
+            Entry& read = m_entries[key];
+            --read.readers;
+            placeLocked(key, read);
             m_changed.notify_all();
             if (error)
                 error->throwClone();
@@ -347,29 +358,35 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
         }
         const auto fetching = m_fetches.find(key);
         if (fetching != m_fetches.end()) {
-            const std::shared_future<Bytes> pending = fetching->second;
-            lock.unlock();
-            return pending.get();
+            const std::shared_ptr<Fetch> pending = fetching->second;
+            m_changed.wait(lock, [&] { return pending->done; });
+            if (pending->error)
+                pending->error->throwClone();
+            return pending->bytes;
         }
         break;
     }
-    std::promise<Bytes> promise;
-    m_fetches[key] = promise.get_future().share();
+    const auto pending = std::make_shared<Fetch>();
+    m_fetches[key] = pending;
     lock.unlock();
+    // The store's round trip runs without the lock, so that fetches of other
+    // files go on meanwhile.
+    Bytes bytes;
+    P<CError> error;
     try {
-        const Bytes bytes = fetch(key);
-        promise.set_value(bytes);
-        lock.lock();
-        m_fetches.erase(key);
-        m_changed.notify_all();
-        return bytes;
+        bytes = fetch(key);
     } catch (...) {
-        promise.set_exception(std::current_exception());
-        lock.lock();
-        m_fetches.erase(key);
-        m_changed.notify_all();
-        throw;
+        error = zo::currentExceptionToError();
     }
+    lock.lock();
+    pending->done = true;
+    pending->bytes = bytes;
+    pending->error = error;
+    m_fetches.erase(key);
+    m_changed.notify_all();
+    if (error)
+        error->throwClone();
+    return bytes;
 }
 
 CCachedStore::Bytes CCachedStore::fetch(const String& key)
@@ -392,6 +409,7 @@ CCachedStore::Bytes CCachedStore::fetch(const String& key)
         entry.size = bytes->getUsed();
         entry.lastUse = nextUse();
         m_cachedBytes += entry.size;
+        placeLocked(key, entry);
         evictLocked();
     }
     return bytes;
@@ -411,6 +429,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     Entry& entry = m_entries[key];
     entry.writing = true;
     ++entry.version;
+    placeLocked(key, entry);
     lock.unlock();
     P<CError> error;
     try {
@@ -436,6 +455,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     if (error) {
         // The change is not acknowledged; the entry keeps its state. A record
         // written for a clean file would only cause a harmless upload.
+        placeLocked(key, done);
         m_changed.notify_all();
         error->throwClone();
     }
@@ -450,6 +470,7 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
     done.size = bytes ? bytes->getUsed() : 0;
     m_cachedBytes += done.size;
     done.lastUse = nextUse();
+    placeLocked(key, done);
     m_changed.notify_all();
     evictLocked();
 }
@@ -477,7 +498,9 @@ void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
         lock.unlock();
         return change(key, bytes, overwrite);
     }
-    m_entries[key].writing = true;
+    Entry& written = m_entries[key];
+    written.writing = true;
+    placeLocked(key, written);
     lock.unlock();
     P<CError> error;
     try {
@@ -502,8 +525,9 @@ void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
             error = zo::currentExceptionToError();
         }
     }
+    placeLocked(key, entry);
     if (!entry.present && !entry.dirty)
-        m_entries.erase(key);
+        eraseEntryLocked(key);
     m_changed.notify_all();
     if (error)
         error->throwClone();
@@ -671,6 +695,17 @@ zo::TList<String> CCachedStore::listFolder(const CURI& folder)
 
 void CCachedStore::uploaderMain()
 {
+    try {
+        uploadUntilStopped();
+    } catch (const std::exception& e) {
+        // Only a failure of the bookkeeping itself (memory, say) gets here:
+        // the uploads' own errors are kept and retried.
+        zo::logError(e, "An uploader of the cache stopped; the other uploaders go on.", String());
+    }
+}
+
+void CCachedStore::uploadUntilStopped()
+{
     std::unique_lock lock(m_mutex);
     while (!m_stopping) {
         const Clock::time_point now = Clock::now();
@@ -733,8 +768,10 @@ void CCachedStore::uploaderMain()
             } catch (const std::exception& e) {
                 zo::logError(e, "Removing a record of the cache journal failed.", String());
             }
-            if (!done.present)
-                m_entries.erase(ready);
+            if (done.present)
+                placeLocked(ready, done);
+            else
+                eraseEntryLocked(ready);
             evictLocked();
         }
         m_changed.notify_all();
@@ -765,24 +802,53 @@ void CCachedStore::evictLocked()
 {
     if (m_cachedBytes <= m_settings.maxBytes)
         return;
-    std::vector<std::pair<zo::uint64, String>> candidates;
-    for (const auto& [key, entry] : m_entries)
-        if (entry.present && !entry.dirty && !entry.writing && !entry.uploading && entry.readers == 0)
-            candidates.emplace_back(entry.lastUse, key);
-    std::sort(candidates.begin(), candidates.end());
     const int64 target = m_settings.maxBytes / 100 * kEvictToPercent;
-    for (const auto& [lastUse, key] : candidates) {
-        if (m_cachedBytes <= target)
-            break;
+    size_t failed = 0;
+    while (m_cachedBytes > target && failed < m_recency.size()) {
+        const String key = m_recency.back();
+        Entry& entry = m_entries[key];
         try {
             m_cacheFs->deleteFile(cachePath(key), true);
         } catch (const std::exception& e) {
             zo::logError(e, "Evicting a brick file from the cache failed.", String());
+            // Tried again after the others, as if just used.
+            entry.lastUse = nextUse();
+            m_recency.splice(m_recency.begin(), m_recency, entry.recency);
+            ++failed;
             continue;
         }
-        m_cachedBytes -= m_entries[key].size;
-        m_entries.erase(key);
+        m_cachedBytes -= entry.size;
+        eraseEntryLocked(key);
     }
+}
+
+void CCachedStore::placeLocked(const String& key, Entry& entry)
+{
+    const bool evictable = entry.present && !entry.dirty && !entry.writing && !entry.uploading && entry.readers == 0;
+    if (evictable == entry.listed)
+        return;
+    if (!evictable) {
+        m_recency.erase(entry.recency);
+        entry.listed = false;
+        return;
+    }
+    // Mostly at the front: the entry was just used. One that comes back after
+    // an upload or a read goes behind the entries used since.
+    auto position = m_recency.begin();
+    while (position != m_recency.end() && m_entries[*position].lastUse > entry.lastUse)
+        ++position;
+    entry.recency = m_recency.insert(position, key);
+    entry.listed = true;
+}
+
+void CCachedStore::eraseEntryLocked(const String& key)
+{
+    const auto found = m_entries.find(key);
+    if (found == m_entries.end())
+        return;
+    if (found->second.listed)
+        m_recency.erase(found->second.recency);
+    m_entries.erase(found);
 }
 
 } // namespace brick

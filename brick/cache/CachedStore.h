@@ -45,24 +45,33 @@
 // on, a snapshot's copy there before the disk's brick changes. Reads of any
 // disk's brick files are cached.
 //
-// Threads: every call may come from any thread; the uploaders are threads of
-// the cache's own. The asynchronous brick stores and deletions run on a
+// Eviction takes the least recently used file that it may drop (present,
+// clean, neither read nor changed at the moment) from the end of a recency
+// list that holds exactly those files, so that it never walks the others.
+//
+// Fetches of brick files that are not cached run on the readers' threads,
+// several at once for different files; one fetch serves every reader of its
+// file that comes meanwhile.
+//
+// Threads: every call may come from any thread; the uploaders are jobs of a
+// zo::CWorkerPool of the cache's own, one per upload job, each looping until
+// the cache stops. The asynchronous brick stores and deletions run on a
 // completion pool of the cache's own.
 #pragma once
 
 #include "zo/CompletionPool.h"
 #include "zo/Export.h"
 #include "zo/ForwardingFileSystem.h"
+#include "zo/WorkerPool.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <future>
+#include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
-#include <thread>
-#include <vector>
 
 namespace brick {
 
@@ -112,6 +121,9 @@ public:
     zo::int64 getCachedBytes() const;
     // True when `file` (a brick file) has its bytes in the cache folder.
     bool isCached(const zo::CURI& file) const;
+    // Uploads that failed since the cache opened, each retry counted. Never
+    // throws.
+    zo::uint64 getUploadFailureCount() const;
 
     // Brick files: the bytes and the record go to the cache folder durably;
     // the listener hears of success then, before the store holds them.
@@ -151,8 +163,19 @@ private:
         zo::uint64 lastUse = 0;
         int failures = 0;
         std::chrono::steady_clock::time_point retryAt{};
+        // The entry's place in m_recency while eviction may take it.
+        bool listed = false;
+        std::list<zo::String>::iterator recency{};
     };
     using Bytes = zo::P<zo::TBuffer<zo::uint8>>;
+    // A fetch from the store under way; the readers that came meanwhile wait
+    // until it is done, then share its bytes or each throw a copy of its
+    // error.
+    struct Fetch {
+        bool done = false;
+        Bytes bytes;
+        zo::P<zo::CError> error;
+    };
 
     void checkOwner(const zo::CURI& diskFolder, bool hasDirty);
     void loadJournal();
@@ -176,8 +199,16 @@ private:
     zo::P<zo::IFileSystemOp> post(zo::IDoneListener* listener, std::function<void()> work);
 
     void uploaderMain();
+    void uploadUntilStopped();
     void upload(const zo::String& key, Change change);
     void evictLocked();
+    // Lists the entry in m_recency, or takes it out, as its state says; to be
+    // called whenever present, dirty, writing or readers changed (an
+    // uploading entry is dirty, so never listed).
+    void placeLocked(const zo::String& key, Entry& entry);
+    // Erases an entry, and its place in m_recency.
+    void eraseEntryLocked(const zo::String& key);
+    void stopUploaders() noexcept;
     zo::uint64 nextUse() { return ++m_useClock; }
 
     zo::P<zo::IFileSystem> m_cacheFs;
@@ -190,15 +221,18 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::map<zo::String, Entry> m_entries;
-    std::map<zo::String, std::shared_future<Bytes>> m_fetches;
+    std::map<zo::String, std::shared_ptr<Fetch>> m_fetches;
     zo::int64 m_cachedBytes = 0;
     // The keys of the dirty entries.
     std::set<zo::String> m_dirty;
+    // The keys of the entries eviction may take, most recently used first
+    // (ordered by lastUse).
+    std::list<zo::String> m_recency;
     zo::uint64 m_useClock = 0;
     zo::uint64 m_uploadFailures = 0;
     zo::P<zo::CError> m_lastUploadError;
     bool m_stopping = false;
-    std::vector<std::thread> m_uploaders;
+    std::unique_ptr<zo::CWorkerPool> m_uploaders;
 };
 
 } // namespace brick

@@ -2,17 +2,21 @@
 
 #include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickDiskHeader.h"
+#include "brick/serving/BrickDiskBlockDevice.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/BufferStream.h"
 #include "zo/ForwardingFileSystem.h"
 #include "zo/LocalFileSystem.h"
+#include "zo/Log.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -59,6 +63,52 @@ std::string text(const Bytes& bytes)
 {
     return std::string(reinterpret_cast<const char*>(bytes.getData()), static_cast<size_t>(bytes.getUsed()));
 }
+
+// Waits until `done` holds, failing the test after a minute (a hang, not a
+// slow machine).
+void waitUntil(const std::function<bool()>& done)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!done()) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "The awaited state never came.";
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// Keeps the lines logged while it lives (from any thread), then puts the
+// previous sink back.
+class CapturedLog {
+public:
+    CapturedLog()
+    {
+        m_previous = zo::setLogSink([this](zo::LogLevel, const zo::String& line) {
+            std::lock_guard lock(m_mutex);
+            m_lines.push_back(line.toUTF8());
+        });
+    }
+    ~CapturedLog() { zo::setLogSink(m_previous); }
+    CapturedLog(const CapturedLog&) = delete;
+    CapturedLog& operator=(const CapturedLog&) = delete;
+
+    // The lines that contain every one of `parts`.
+    int countLines(const std::vector<std::string>& parts) const
+    {
+        std::lock_guard lock(m_mutex);
+        int count = 0;
+        for (const std::string& line : m_lines) {
+            bool all = true;
+            for (const std::string& part : parts)
+                all = all && line.find(part) != std::string::npos;
+            count += all ? 1 : 0;
+        }
+        return count;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+    zo::LogSink m_previous;
+};
 
 class CachedStoreTest : public ::testing::Test {
 protected:
@@ -414,6 +464,44 @@ TEST_F(CachedStoreTest, EvictionKeepsTheSizeButNeverDropsADirtyFile)
         EXPECT_EQ(read(*cache, brickFile(i)), text(filled(100, static_cast<zo::uint8>(i + 1))));
 }
 
+TEST_F(CachedStoreTest, ManyFilesCycleThroughASmallCacheWithoutEvictingADirtyFileOrTheHotOne)
+{
+    settings.maxBytes = 1000;
+    // The store refuses these three for good, so they stay dirty.
+    for (int i = 0; i < 3; ++i)
+        store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, true, brickFile(i));
+    const int hot = 50;
+    store->setFileData(brickFile(hot), filled(100, 50));
+    const P<CCachedStore> cache = open();
+    for (int i = 0; i < 3; ++i)
+        write(*cache, brickFile(i), filled(150, static_cast<zo::uint8>(i + 1)));
+    read(*cache, brickFile(hot));
+
+    for (int round = 0; round < 200; ++round) {
+        const int cycling = 100 + round;
+        store->setFileData(brickFile(cycling), filled(100, static_cast<zo::uint8>(round)));
+        ASSERT_EQ(read(*cache, brickFile(cycling)), text(filled(100, static_cast<zo::uint8>(round))));
+        ASSERT_EQ(read(*cache, brickFile(hot)), text(filled(100, 50)));
+        if (round % 50 == 49)
+            write(*cache, brickFile(round % 3), filled(150, static_cast<zo::uint8>(round)));
+
+        ASSERT_LE(cache->getCachedBytes(), 1000) << round;
+        ASSERT_TRUE(cache->isCached(brickFile(cycling))) << round;
+        ASSERT_TRUE(cache->isCached(brickFile(hot))) << round;
+        if (round >= 6) {
+            ASSERT_FALSE(cache->isCached(brickFile(cycling - 6))) << round;
+        }
+        for (int i = 0; i < 3; ++i)
+            ASSERT_TRUE(cache->isCached(brickFile(i))) << round << " " << i;
+    }
+
+    EXPECT_EQ(cache->getDirtyCount(), 3);
+    EXPECT_EQ(read(*cache, brickFile(0)), text(filled(150, 99)));
+    EXPECT_EQ(read(*cache, brickFile(1)), text(filled(150, 199)));
+    EXPECT_EQ(read(*cache, brickFile(2)), text(filled(150, 149)));
+    EXPECT_FALSE(store->getFileData(brickFile(0)));
+}
+
 TEST_F(CachedStoreTest, KeepsAFileDirtyWhileItsUploadFailsAndRetriesIt)
 {
     store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, false, kBricks);
@@ -425,6 +513,34 @@ TEST_F(CachedStoreTest, KeepsAFileDirtyWhileItsUploadFailsAndRetriesIt)
 
     EXPECT_EQ(text(store->getFileData(brickFile(3))), text(filled(64, 3)));
     EXPECT_GE(store->getOperationCount(Operation::StoreFile), 3);
+}
+
+TEST_F(CachedStoreTest, AFileTheStoreRefusesStaysDirtyIsLoggedCountedAndFailsDrainWhileOthersUpload)
+{
+    store->failOperation(Operation::StoreFile, 1, CFileSystemError::AccessDenied, true, brickFile(2));
+    const CapturedLog log;
+    const P<CCachedStore> cache = open();
+
+    for (int i = 1; i <= 3; ++i)
+        write(*cache, brickFile(i), filled(80, static_cast<zo::uint8>(i)));
+    const auto error = errorOf<CError>([&] { cache->drain(); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(messageOf(*error), "Uploading a changed brick file from the cache into the store failed.");
+    ASSERT_TRUE(error->getCause());
+    EXPECT_EQ(CFileSystemError::getProblem(error->getCause()->getProps()), CFileSystemError::AccessDenied);
+    // The others go on, and the refused file is tried again and again.
+    waitUntil([&] { return cache->getDirtyCount() == 1 && cache->getUploadFailureCount() >= 3; });
+    EXPECT_EQ(text(store->getFileData(brickFile(1))), text(filled(80, 1)));
+    EXPECT_EQ(text(store->getFileData(brickFile(3))), text(filled(80, 3)));
+    EXPECT_FALSE(store->getFileData(brickFile(2)));
+    EXPECT_TRUE(cache->isCached(brickFile(2)));
+    EXPECT_EQ(read(*cache, brickFile(2)), text(filled(80, 2)));
+    // Logged once for the run of failures, not at every retry.
+    EXPECT_EQ(log.countLines({"Uploading a brick file from the cache failed", "2.brick"}), 1);
+    EXPECT_EQ(log.countLines({"Uploading a brick file from the cache failed"}), 1);
+    EXPECT_TRUE(errorOf<CError>([&] { cache->drain(); }));
+    EXPECT_EQ(cache->getDirtyCount(), 1);
 }
 
 TEST_F(CachedStoreTest, IgnoresADamagedJournalRecord)
@@ -504,6 +620,46 @@ TEST_F(CachedStoreTest, SnapshotTakenOverTheCacheKeepsItsBytesInTheStore)
     const P<brick::CBrickDisk> snapshotFromStore =
         testsupport::openDisk(store.get(), snapshot, "secret", zo::IIOStream::AccessRead);
     EXPECT_EQ(text(testsupport::readAt(*snapshotFromStore, 0, size)), text(before));
+}
+
+TEST_F(CachedStoreTest, ZeroOfWholeBricksOfAServedDiskDeletesTheirFilesInTheStoreOnceTheSnapshotHasCopies)
+{
+    const int brickSize = testsupport::kDiskTestBrickSize;
+    const Bytes before = filled(6 * brickSize, 0x5a);
+    const CURI snapshot("mem://store/snapshot");
+    const P<CCachedStore> cache = open();
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        testsupport::writeAt(*disk, 0, before);
+        disk->flushChanges();
+    }
+    cache->drain();
+    testsupport::createLinkedChild(cache.get(), snapshot, kDisk, "secret");
+    {
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(cache.get(), kDisk, "secret");
+        disk->setAllowWritingWithParentDisk(true);
+        const P<brick::CBrickDiskBlockDevice> device(new brick::CBrickDiskBlockDevice(disk.get(), 16 * brickSize));
+        // Whole bricks 1 to 4, and parts of 0 and 5.
+        device->zero(brickSize - 10, 4 * brickSize + 20);
+        device->flush();
+    }
+    cache->drain();
+
+    const P<brick::CBrickDisk> fromStore =
+        testsupport::openDisk(store.get(), kDisk, "secret", zo::IIOStream::AccessRead);
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(static_cast<bool>(store->getFileData(testsupport::brickFileOf(*fromStore, kDisk, i))),
+                  i == 0 || i == 5)
+            << i;
+    Bytes expected = filled(6 * brickSize, 0x5a);
+    std::memset(expected.getData() + brickSize - 10, 0, static_cast<size_t>(4 * brickSize + 20));
+    EXPECT_EQ(text(testsupport::readAt(*fromStore, 0, 6 * brickSize)), text(expected));
+    // The snapshot got the old bricks before the disk dropped them.
+    const P<brick::CBrickDisk> snapshotFromStore =
+        testsupport::openDisk(store.get(), snapshot, "secret", zo::IIOStream::AccessRead);
+    for (int i = 1; i < 5; ++i)
+        EXPECT_TRUE(store->getFileData(testsupport::brickFileOf(*snapshotFromStore, snapshot, i))) << i;
+    EXPECT_EQ(text(testsupport::readAt(*snapshotFromStore, 0, 6 * brickSize)), text(before));
 }
 
 TEST_F(CachedStoreTest, LocalCacheFolderKeepsCleanAndDirtyFilesAcrossOpenings)
