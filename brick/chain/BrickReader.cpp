@@ -5,6 +5,8 @@
 #include "zo/Error.h"
 
 #include <cstring>
+#include <map>
+#include <set>
 
 namespace brick {
 
@@ -86,6 +88,42 @@ CBrickReader::Location CBrickReader::locateIn(zo::IFileSystem* fs, const std::ve
             return Location{static_cast<int>(depth), chainFolders[depth], file};
     }
     return Location();
+}
+
+std::vector<bool> CBrickReader::holdFiles(const std::vector<int64>& brickIndexes) const
+{
+    // Listing a folder costs more than asking for one file, so only folders
+    // that several of the bricks share are listed.
+    constexpr size_t kListFromBricks = 4;
+    std::map<CURI, std::vector<size_t>> byFolder;
+    std::vector<CURI> relatives;
+    relatives.reserve(brickIndexes.size());
+    for (size_t i = 0; i < brickIndexes.size(); ++i) {
+        relatives.push_back(CBrickTree::getRelativeBrickURI(m_header, brickIndexes[i]));
+        byFolder[relatives.back().getParent()].push_back(i);
+    }
+    std::vector<bool> held(brickIndexes.size(), false);
+    for (const auto& [folder, members] : byFolder) {
+        if (members.size() < kListFromBricks) {
+            for (size_t i : members)
+                held[i] = !locate(brickIndexes[i]).isHole();
+            continue;
+        }
+        for (const CURI& diskFolder : m_folders) {
+            std::set<zo::String> names;
+            try {
+                for (const zo::String& name : m_fs->listFolder(diskFolder << folder))
+                    names.insert(name);
+            } catch (const zo::CFileSystemError& e) {
+                if (e.getProblem() != zo::CFileSystemError::NotFound &&
+                    e.getProblem() != zo::CFileSystemError::NotAFolder)
+                    throw;
+            }
+            for (size_t i : members)
+                held[i] = held[i] || names.count(relatives[i].getName()) > 0;
+        }
+    }
+    return held;
 }
 
 CBrickReader::Found CBrickReader::read(int64 brickIndex, TBuffer<uint8>& dst) const

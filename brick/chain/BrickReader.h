@@ -84,6 +84,13 @@ public:
     // callers that locate bricks without the disk's key. Any thread.
     static Location locateIn(zo::IFileSystem* fs, const std::vector<zo::CURI>& chainFolders,
                              const CBrickDiskHeader& header, zo::int64 brickIndex);
+    // For each of `brickIndexes`, true when some disk of the chain holds its
+    // file (locate would not find a hole). Where several of the bricks share
+    // a folder of the brick tree, that folder is listed once per disk instead
+    // of asking for each file: one request in place of one per brick in an
+    // object store. A folder that does not exist holds nothing. Passes on the
+    // file system's other errors.
+    std::vector<bool> holdFiles(const std::vector<zo::int64>& brickIndexes) const;
 
     // Loads the file of brick `brickIndex` from the nearest disk of the
     // chain that holds it, checks and decodes it into `dst` (a buffer of one

@@ -628,11 +628,30 @@ std::vector<CBrickDiskBlockDevice::Extent> CBrickDiskBlockDevice::mapExtents(int
         throw CIOError(CIOError::EndOfData, "Range lies outside the brick disk.",
                        CProps().add("position", offset).add("size", size).add("diskSize", m_diskSize));
     const int64 end = offset + std::min(std::max<int64>(0, size), m_diskSize - offset);
+    const int64 first = offset / m_brickSize;
+    const int64 last = (end - 1) / m_brickSize;
+
+    // The cache and the store queue know the bricks being changed; the
+    // files tell the others, asked for all at once.
+    std::vector<std::optional<ExtentKind>> kinds;
+    std::vector<int64> unknown;
+    P<CBrickDisk> disk;
+    for (int64 index = first; index <= last; ++index) {
+        kinds.push_back(kindOfChangingBrick(index, disk));
+        if (!kinds.back())
+            unknown.push_back(index);
+    }
+    if (!unknown.empty()) {
+        const std::vector<bool> held = disk->getBrickReader()->holdFiles(unknown);
+        for (size_t i = 0; i < unknown.size(); ++i)
+            kinds[static_cast<size_t>(unknown[i] - first)] = held[i] ? ExtentKind::Data : ExtentKind::Hole;
+    }
+
     std::vector<Extent> extents;
     for (int64 position = offset; position < end;) {
         const int64 index = position / m_brickSize;
         const int64 brickEnd = std::min(end, (index + 1) * m_brickSize);
-        const ExtentKind kind = kindOfBrick(index);
+        const ExtentKind kind = *kinds[static_cast<size_t>(index - first)];
         if (!extents.empty() && extents.back().kind == kind)
             extents.back().length += brickEnd - position;
         else
@@ -642,31 +661,29 @@ std::vector<CBrickDiskBlockDevice::Extent> CBrickDiskBlockDevice::mapExtents(int
     return extents;
 }
 
-CBrickDiskBlockDevice::ExtentKind CBrickDiskBlockDevice::kindOfBrick(int64 index)
+std::optional<CBrickDiskBlockDevice::ExtentKind> CBrickDiskBlockDevice::kindOfChangingBrick(int64 index,
+                                                                                            P<CBrickDisk>& disk)
 {
-    P<CBrickDisk> disk;
-    {
-        std::lock_guard lock(m_mutex);
-        const auto cached = m_cache.find(index);
-        if (cached != m_cache.end()) {
-            const CachedBrick& brick = *cached->second;
-            if (brick.loading)
-                return ExtentKind::Data;
-            // A clean brick reads as it is stored, so the files tell; one
-            // being handed over may not be in the store queue yet.
-            if (brick.dirty || brick.handingOver) {
-                std::shared_lock bytes(cached->second->bytes);
-                return isAllZero(*brick.data) ? ExtentKind::Zero : ExtentKind::Data;
-            }
+    std::lock_guard lock(m_mutex);
+    disk = m_disk;
+    const auto cached = m_cache.find(index);
+    if (cached != m_cache.end()) {
+        const CachedBrick& brick = *cached->second;
+        if (brick.loading)
+            return ExtentKind::Data;
+        // A clean brick reads as it is stored, so the files tell; one being
+        // handed over may not be in the store queue yet.
+        if (brick.dirty || brick.handingOver) {
+            std::shared_lock bytes(cached->second->bytes);
+            return isAllZero(*brick.data) ? ExtentKind::Zero : ExtentKind::Data;
         }
-        if (CBrickStoreQueue* queue = m_disk->getStoreQueue()) {
-            const std::optional<CBrickStoreQueue::Store> store = queue->getStoreOf(index);
-            if (store)
-                return store->allZero ? ExtentKind::Zero : ExtentKind::Data;
-        }
-        disk = m_disk;
     }
-    return disk->getBrickReader()->locate(index).isHole() ? ExtentKind::Hole : ExtentKind::Data;
+    if (CBrickStoreQueue* queue = m_disk->getStoreQueue()) {
+        const std::optional<CBrickStoreQueue::Store> store = queue->getStoreOf(index);
+        if (store)
+            return store->allZero ? ExtentKind::Zero : ExtentKind::Data;
+    }
+    return std::nullopt;
 }
 
 // ---- Replacing the disk ---------------------------------------------------------------

@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <utility>
 #include <vector>
@@ -146,7 +147,9 @@ private:
     // A brick's worth of bytes from the pool, all zero when `zeroed`.
     BrickData newBrickData(bool zeroed) const;
     BrickData copyOf(const zo::TBuffer<uint8>& data) const;
-    ExtentKind kindOfBrick(int64 index);
+    // What the cache or the store queue says of a brick being changed, or
+    // nothing when the brick's files tell; sets `disk` to the disk served.
+    std::optional<ExtentKind> kindOfChangingBrick(int64 index, P<CBrickDisk>& disk);
 
     // Read-ahead: loads brick `index` into the cache on a loader thread of
     // the engine, unless it is there already; a failure is dropped.

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -224,6 +225,40 @@ TEST_F(BrickReader, LocatingReadsNoFile)
 
     EXPECT_EQ(reader->locate(5).depth, 2);
     EXPECT_EQ(fs->getOperationCount(Op::OpenStream), 0);
+}
+
+// 300 bricks span two leaf folders of the tree (256 bricks each); the second
+// exists only in the grandparent.
+TEST_F(BrickReader, HoldFilesAgreesWithLocateListingEachSharedFolderOncePerDisk)
+{
+    for (const auto& [folder, index] : std::vector<std::pair<const char*, int64>>{
+             {"/disk", 3}, {"/parent", 10}, {"/parent", 3}, {"/grandparent", 200}, {"/grandparent", 257}})
+        storeBrick(folder, index, testsupport::patternBytes(kBrickSize, static_cast<unsigned>(index)));
+    const P<CBrickReader> reader = makeReader();
+    std::vector<int64> indexes;
+    for (int64 index = 0; index < 300; ++index)
+        indexes.push_back(index);
+    fs->resetCounters();
+
+    const std::vector<bool> held = reader->holdFiles(indexes);
+
+    EXPECT_EQ(fs->getOperationCount(Op::ListFolder), 6);
+    EXPECT_EQ(fs->getOperationCount(Op::FileExists), 0);
+    ASSERT_EQ(held.size(), indexes.size());
+    for (size_t i = 0; i < indexes.size(); ++i)
+        EXPECT_EQ(held[i], !reader->locate(indexes[i]).isHole()) << "brick " << indexes[i];
+    EXPECT_EQ(std::count(held.begin(), held.end(), true), 4);
+}
+
+TEST_F(BrickReader, HoldFilesAsksForBricksAloneInTheirFolder)
+{
+    storeBrick("/parent", 257, testsupport::patternBytes(kBrickSize, 1));
+    const P<CBrickReader> reader = makeReader();
+    fs->resetCounters();
+
+    EXPECT_EQ(reader->holdFiles({5, 257}), (std::vector<bool>{false, true}));
+    EXPECT_EQ(fs->getOperationCount(Op::ListFolder), 0);
+    EXPECT_GT(fs->getOperationCount(Op::FileExists), 0);
 }
 
 // A writer of the parent stores a new brick there while the child is read:
