@@ -6,6 +6,7 @@
 #include "brick/backup/ChainRekeyer.h"
 #include "brick/backup/ChainSpace.h"
 #include "brick/backup/RetentionPlan.h"
+#include "brick/cache/CacheFolder.h"
 #include "brick/cache/CachedStore.h"
 #include "brick/chain/Brick.h"
 #include "brick/chain/BrickDisk.h"
