@@ -303,6 +303,28 @@ int64 CCachedStore::getCachedBytes() const
     return m_cachedBytes;
 }
 
+CacheCounters CCachedStore::getCounters() const
+{
+    std::lock_guard lock(m_mutex);
+    CacheCounters counters;
+    counters.hits = m_hits;
+    counters.misses = m_misses;
+    counters.cachedBytes = m_cachedBytes;
+    counters.dirtyFiles = static_cast<int64>(m_dirty.size());
+    for (const String& key : m_dirty) {
+        const auto found = m_entries.find(key);
+        if (found == m_entries.end())
+            continue;
+        if (found->second.change == Change::Store)
+            counters.dirtyBytes += found->second.size;
+        ++(found->second.uploading ? counters.uploading : counters.uploadQueue);
+    }
+    counters.uploadErrors = static_cast<int64>(m_uploadFailures);
+    counters.uploadRetries = m_uploadRetries;
+    counters.evictions = m_evictions;
+    return counters;
+}
+
 bool CCachedStore::isCached(const CURI& file) const
 {
     std::lock_guard lock(m_mutex);
@@ -330,6 +352,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
             Entry& entry = found->second;
             entry.lastUse = nextUse();
             ++entry.readers;
+            ++m_hits;
             lock.unlock();
             Bytes bytes;
             P<CError> error;
@@ -348,6 +371,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
         const auto fetching = m_fetches.find(key);
         if (fetching != m_fetches.end()) {
             const std::shared_future<Bytes> pending = fetching->second;
+            ++m_misses;
             lock.unlock();
             return pending.get();
         }
@@ -355,6 +379,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
     }
     std::promise<Bytes> promise;
     m_fetches[key] = promise.get_future().share();
+    ++m_misses;
     lock.unlock();
     try {
         const Bytes bytes = fetch(key);
@@ -698,6 +723,8 @@ void CCachedStore::uploaderMain()
         }
         Entry& entry = m_entries[ready];
         entry.uploading = true;
+        if (entry.failures > 0)
+            ++m_uploadRetries;
         const int64 version = entry.version;
         const Change change = entry.change;
         lock.unlock();
@@ -782,6 +809,7 @@ void CCachedStore::evictLocked()
         }
         m_cachedBytes -= m_entries[key].size;
         m_entries.erase(key);
+        ++m_evictions;
     }
 }
 
