@@ -34,6 +34,7 @@ CommandAction addKeyCommand(CLI::App& program);
 CommandAction addServeCommand(CLI::App& program);
 CommandAction addMountCommand(CLI::App& program);
 CommandAction addUnmountCommand(CLI::App& program);
+CommandAction addCacheCommand(CLI::App& program);
 
 // The most worker threads a command takes (--jobs): more only cost memory
 // and threads, since bricks are read, prepared and stored far fewer at a

@@ -47,7 +47,9 @@ struct ServeOptions {
     std::string cacheDir;
     std::string cacheSize = "1G";
     int uploadJobs = 4;
+    int maxDirty = 1024;
     bool flushToStore = false;
+    std::string statsFile;
     std::string plugin;
     CPasswordSource passwords;
 };
@@ -272,9 +274,12 @@ public:
             argv.push_back("cache-dir=" + std::filesystem::absolute(options.cacheDir).lexically_normal().string());
             argv.push_back("cache-size=" + options.cacheSize);
             argv.push_back("upload-jobs=" + std::to_string(options.uploadJobs));
+            argv.push_back("max-dirty=" + std::to_string(options.maxDirty));
             if (options.flushToStore)
                 argv.push_back("flush-to-store=true");
         }
+        if (!options.statsFile.empty())
+            argv.push_back("stats=" + std::filesystem::absolute(options.statsFile).lexically_normal().string());
         if (m_readOnly)
             argv.push_back("readonly=true");
         std::unique_ptr<CPasswordPipe> password;
@@ -539,9 +544,19 @@ void addServeOptions(CLI::App& command, ServeOptions& options)
         ->check(CLI::Range(1, 64))
         ->needs(cacheDir);
     command
+        .add_option("--max-dirty", options.maxDirty,
+                    "Changed bricks in the cache folder not yet uploaded, at most; a further write waits for an "
+                    "upload")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1 << 20))
+        ->needs(cacheDir);
+    command
         .add_flag("--flush-to-store", options.flushToStore,
                   "A flush also waits until the store holds every write before it")
         ->needs(cacheDir);
+    command.add_option("--stats", options.statsFile,
+                       "Write the server's counters (requests to the store, cache hits, uploads) into this file "
+                       "every 5 s and at the end, in the Prometheus text format");
     command.add_option("--plugin", options.plugin, "The nbdkit plugin to use (found by default)");
     options.passwords.addOptionTo(command);
 }

@@ -130,6 +130,7 @@ int main(int argc, char** argv)
     add(cli::addServeCommand);
     add(cli::addMountCommand);
     add(cli::addUnmountCommand);
+    add(cli::addCacheCommand);
 
     // CLI11 would take an unknown first word for a missing subcommand.
     if (argc > 1 && argv[1][0] != '-') {

@@ -305,6 +305,28 @@ int64 CCachedStore::getCachedBytes() const
     return m_cachedBytes;
 }
 
+CacheCounters CCachedStore::getCounters() const
+{
+    std::lock_guard lock(m_mutex);
+    CacheCounters counters;
+    counters.hits = m_hits;
+    counters.misses = m_misses;
+    counters.cachedBytes = m_cachedBytes;
+    counters.dirtyFiles = static_cast<int64>(m_dirty.size());
+    for (const String& key : m_dirty) {
+        const auto found = m_entries.find(key);
+        if (found == m_entries.end())
+            continue;
+        if (found->second.change == Change::Store)
+            counters.dirtyBytes += found->second.size;
+        ++(found->second.uploading ? counters.uploading : counters.uploadQueue);
+    }
+    counters.uploadErrors = static_cast<int64>(m_uploadFailures);
+    counters.uploadRetries = m_uploadRetries;
+    counters.evictions = m_evictions;
+    return counters;
+}
+
 bool CCachedStore::isCached(const CURI& file) const
 {
     std::lock_guard lock(m_mutex);
@@ -339,6 +361,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
             entry.lastUse = nextUse();
             ++entry.readers;
             placeLocked(key, entry);
+            ++m_hits;
             lock.unlock();
             Bytes bytes;
             P<CError> error;
@@ -359,6 +382,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
         const auto fetching = m_fetches.find(key);
         if (fetching != m_fetches.end()) {
             const std::shared_ptr<Fetch> pending = fetching->second;
+            ++m_misses;
             m_changed.wait(lock, [&] { return pending->done; });
             if (pending->error)
                 pending->error->throwClone();
@@ -368,6 +392,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
     }
     const auto pending = std::make_shared<Fetch>();
     m_fetches[key] = pending;
+    ++m_misses;
     lock.unlock();
     // The store's round trip runs without the lock, so that fetches of other
     // files go on meanwhile.
@@ -733,6 +758,8 @@ void CCachedStore::uploadUntilStopped()
         }
         Entry& entry = m_entries[ready];
         entry.uploading = true;
+        if (entry.failures > 0)
+            ++m_uploadRetries;
         const int64 version = entry.version;
         const Change change = entry.change;
         lock.unlock();
@@ -819,6 +846,7 @@ void CCachedStore::evictLocked()
         }
         m_cachedBytes -= entry.size;
         eraseEntryLocked(key);
+        ++m_evictions;
     }
 }
 

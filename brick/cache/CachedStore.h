@@ -90,6 +90,28 @@ struct CacheSettings {
     int retryDelayMillis = 1000;
 };
 
+// What a cache has done since it was opened, and what it holds now.
+struct CacheCounters {
+    // Brick reads answered from the cache folder, and those that went to the
+    // store (or waited for a fetch of the same file under way).
+    zo::int64 hits = 0;
+    zo::int64 misses = 0;
+    // Bytes of the files in the cache folder.
+    zo::int64 cachedBytes = 0;
+    // Files whose newest change the store does not hold yet, and their bytes
+    // (a deletion counts no bytes).
+    zo::int64 dirtyFiles = 0;
+    zo::int64 dirtyBytes = 0;
+    // Dirty files waiting for an uploader, and those being uploaded.
+    zo::int64 uploadQueue = 0;
+    zo::int64 uploading = 0;
+    // Uploads that failed, and uploads of a file that had failed before.
+    zo::int64 uploadErrors = 0;
+    zo::int64 uploadRetries = 0;
+    // Clean files evicted to keep the folder within its size.
+    zo::int64 evictions = 0;
+};
+
 class BRICKDISK_EXPORT CCachedStore : public zo::CForwardingFileSystem {
 public:
     // Opens the cache folder of `settings` in `cacheFs` (creating it and
@@ -119,6 +141,8 @@ public:
     int getDirtyCount() const;
     // Bytes of the files in the cache folder. Never throws.
     zo::int64 getCachedBytes() const;
+    // The counters as they are now. Any thread may call it. Never throws.
+    CacheCounters getCounters() const;
     // True when `file` (a brick file) has its bytes in the cache folder.
     bool isCached(const zo::CURI& file) const;
     // Uploads that failed since the cache opened, each retry counted. Never
@@ -230,6 +254,10 @@ private:
     std::list<zo::String> m_recency;
     zo::uint64 m_useClock = 0;
     zo::uint64 m_uploadFailures = 0;
+    zo::int64 m_hits = 0;
+    zo::int64 m_misses = 0;
+    zo::int64 m_uploadRetries = 0;
+    zo::int64 m_evictions = 0;
     zo::P<zo::CError> m_lastUploadError;
     bool m_stopping = false;
     std::unique_ptr<zo::CWorkerPool> m_uploaders;

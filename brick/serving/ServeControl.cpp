@@ -131,7 +131,10 @@ std::string getControlSocketFolder()
 
 std::string getControlSocketPath(const zo::CURI& diskFolder)
 {
-    const std::string path = getControlSocketFolder() + "/" + controlSocketName(diskFolder.toLocalPath());
+    // Normalised, so that every spelling of the disk's name ("s3://b/vm/",
+    // "s3://b//vm") finds the one server of the disk.
+    const std::string path =
+        getControlSocketFolder() + "/" + controlSocketName(diskFolder.toNormalized().toLocalPath());
     if (path.size() >= sizeof(sockaddr_un::sun_path))
         throw zo::CError("The path of the control socket is too long for a Unix socket.", zo::String(), -1,
                          zo::CProps().add("socket", path));

@@ -33,7 +33,8 @@ BRICKDISK_EXPORT std::string getControlSocketFolder();
 
 // The control socket's path for the disk in `diskFolder` (an absolute local
 // folder, "rados://POOL/path" or "s3://BUCKET/path", as the disk is named
-// everywhere else), in getControlSocketFolder(). Throws as that does, and
+// everywhere else; normalised, so that "s3://b/vm/" and "s3://b//vm" name
+// the socket of "s3://b/vm"), in getControlSocketFolder(). Throws as that does, and
 // when the path is too long for a Unix socket ("socket").
 BRICKDISK_EXPORT std::string getControlSocketPath(const zo::CURI& diskFolder);
 

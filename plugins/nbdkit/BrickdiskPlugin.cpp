@@ -8,7 +8,7 @@
 //                    [s3-virtual-host=true] [s3-no-conditional-put=true]
 //                    [s3-lock-lease=SECONDS] [s3-attempts=N]
 //                    [cache-dir=FOLDER] [cache-size=SIZE] [upload-jobs=N]
-//                    [flush-to-store=true]
+//                    [max-dirty=N] [flush-to-store=true] [stats=FILE]
 //
 // All connections share one block device, so a flush on any connection makes
 // every write acknowledged before it durable (multi-conn consistent).
@@ -237,6 +237,24 @@ int brickdiskConfig(const char* key, const char* value)
         options.uploadJobs = jobs;
         return 0;
     }
+    if (name == "max-dirty") {
+        int files = 0;
+        if (nbdkit_parse_int("max-dirty", value, &files) == -1)
+            return -1;
+        if (files < 1) {
+            nbdkit_error("max-dirty must be at least 1");
+            return -1;
+        }
+        options.maxDirtyFiles = files;
+        return 0;
+    }
+    if (name == "stats") {
+        std::unique_ptr<char, decltype(&free)> path(nbdkit_absolute_path(value), &free);
+        if (!path)
+            return -1;
+        options.statsFile = path.get();
+        return 0;
+    }
     if (name == "flush-to-store") {
         const int flag = nbdkit_parse_bool(value);
         if (flag == -1)
@@ -454,7 +472,11 @@ struct nbdkit_plugin makePlugin()
                          "cache-dir=FOLDER     Local cache of the brick files of a disk in a store.\n"
                          "cache-size=SIZE      Size the cache folder is kept within (default 1G).\n"
                          "upload-jobs=N        Uploaders from the cache to the store (default 4).\n"
-                         "flush-to-store=true  A flush waits until the store holds the writes.";
+                         "max-dirty=N          Changed bricks in the cache not yet uploaded, at most\n"
+                         "                     (default 1024); a further write waits for an upload.\n"
+                         "flush-to-store=true  A flush waits until the store holds the writes.\n"
+                         "stats=FILE           Write the server's counters (Prometheus text format)\n"
+                         "                     into FILE every 5 s and at the end.";
     plugin.magic_config_key = "disk";
     plugin.after_fork = brickdiskAfterFork;
     plugin.cleanup = brickdiskCleanup;

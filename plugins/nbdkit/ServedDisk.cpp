@@ -55,6 +55,10 @@ CServedDisk::CServedDisk(const ServeOptions& options)
       m_fs(brick::openStore(m_folder, options.stores, true, kFileSystemThreads))
 {
     checkServeOptions(options);
+    if (!options.statsFile.empty()) {
+        m_storeCounter = zo::P<brick::CCountingFileSystem>(new brick::CCountingFileSystem(m_fs.get()));
+        m_fs = m_storeCounter;
+    }
     m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder,
                                      options.readOnly ? CBrickDiskLock::ForReading : CBrickDiskLock::ForWriting);
     if (!options.cacheDir.empty()) {
@@ -64,6 +68,7 @@ CServedDisk::CServedDisk(const ServeOptions& options)
         settings.folder = zo::CURI(zo::String::fromUTF8(options.cacheDir));
         settings.maxBytes = options.cacheDirBytes;
         settings.uploadJobs = options.uploadJobs;
+        settings.maxDirtyFiles = options.maxDirtyFiles;
         const zo::P<zo::IFileSystem> cacheFs(new zo::CLocalFileSystem(kCacheFileSystemThreads));
         m_cache = zo::P<brick::CCachedStore>(new brick::CCachedStore(m_fs.get(), m_folder, cacheFs.get(), settings));
         m_fs = m_cache;
@@ -73,6 +78,9 @@ CServedDisk::CServedDisk(const ServeOptions& options)
     brick::CBrickDiskChain(m_fs.get(), m_folder).validate();
     const zo::P<CBrickDisk> disk = openDisk();
     m_device = zo::P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(disk.get(), options.cacheBytes));
+    if (!options.statsFile.empty())
+        m_stats = std::make_unique<brick::CServeStatsFile>(options.statsFile, zo::String::fromUTF8(options.diskFolder),
+                                                           m_storeCounter.get(), m_cache.get());
 }
 
 CServedDisk::~CServedDisk()

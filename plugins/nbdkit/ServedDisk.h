@@ -3,10 +3,13 @@
 #pragma once
 
 #include "brick/cache/CachedStore.h"
+#include "brick/cache/CountingFileSystem.h"
 #include "brick/chain/BrickDiskLock.h"
 #include "brick/chain/DiskStore.h"
 #include "brick/serving/BrickDiskBlockDevice.h"
+#include "brick/serving/ServeStats.h"
 
+#include <memory>
 #include <string>
 
 namespace nbdplugin {
@@ -27,8 +30,13 @@ struct ServeOptions {
     zo::int64 cacheDirBytes = brick::CacheSettings().maxBytes;
     // Uploaders of the cache.
     int uploadJobs = brick::CacheSettings().uploadJobs;
+    // Files of the cache changed and not yet uploaded, at most.
+    int maxDirtyFiles = brick::CacheSettings().maxDirtyFiles;
     // A flush also waits until the store holds every write before it.
     bool flushToStore = false;
+    // Empty: no statistics. Else the absolute path of the file that the
+    // server's counters are written into every few seconds and at the end.
+    std::string statsFile;
 };
 
 // Refuses options that do not fit together: a cache folder for a disk in a
@@ -50,11 +58,13 @@ public:
     // disk of its chain is there and made for it, opens it (reading and
     // writing unless read-only) and makes the block device. Throws the errors
     // of reaching the store, locking, the chain check and opening, such as
-    // CBrickDiskError DiskInUse or IncorrectPassword.
+    // CBrickDiskError DiskInUse or IncorrectPassword. With a statistics file
+    // it counts the requests to the store and writes the file once (throwing
+    // when that fails), then every few seconds.
     explicit CServedDisk(const ServeOptions& options);
     // Flushes and releases the disk and its lock, after the cache's uploads
-    // (those that fail stay in the cache folder for the next server); never
-    // throws.
+    // (those that fail stay in the cache folder for the next server), and
+    // writes the statistics file a last time; never throws.
     ~CServedDisk();
     CServedDisk(const CServedDisk&) = delete;
     CServedDisk& operator=(const CServedDisk&) = delete;
@@ -82,10 +92,15 @@ private:
     ServeOptions m_options;
     zo::CURI m_folder;
     zo::P<zo::IFileSystem> m_fs;
+    // Null without a statistics file; else in front of the store.
+    zo::P<brick::CCountingFileSystem> m_storeCounter;
     // Null without a cache folder; else m_fs.
     zo::P<brick::CCachedStore> m_cache;
     zo::P<brick::CBrickDiskLock> m_lock;
     zo::P<brick::CBrickDiskBlockDevice> m_device;
+    // Declared last, so it goes first, once the destructor has flushed and
+    // uploaded: its last write holds the counters of the end.
+    std::unique_ptr<brick::CServeStatsFile> m_stats;
 };
 
 } // namespace nbdplugin

@@ -40,6 +40,31 @@ TEST_F(ServeControl, SocketOfADiskLiesInTheRuntimeFolderNamedAfterItsAddress)
     EXPECT_EQ(s3, brick::getControlSocketPath(zo::CURI("s3://bucket/disks/vm")));
 }
 
+TEST_F(ServeControl, EverySpellingOfADiskAddressNamesTheSameSocket)
+{
+    for (const char* disk : {"s3://bucket/disks/vm", "rados://pool/disks/vm", "/srv/disks/vm"}) {
+        const std::string text(disk);
+        const std::string socket = brick::getControlSocketPath(zo::CURI(disk));
+        for (const std::string& spelling : {text + "/", text + "/.", text.substr(0, text.rfind('/')) + "//vm",
+                                            text.substr(0, text.rfind('/')) + "/other/../vm"})
+            EXPECT_EQ(brick::getControlSocketPath(zo::CURI(zo::String(spelling))), socket) << spelling;
+    }
+}
+
+TEST_F(ServeControl, ASnapshotRequestWithAnotherSpellingReachesTheServerOfAStoreDisk)
+{
+    std::vector<std::string> taken;
+    const brick::CSnapshotControl control(zo::CURI("s3://bucket/disks/vm"),
+                                          [&](const zo::CURI& folder) { taken.push_back(folder.toLocalPath()); });
+
+    const std::optional<std::string> answer =
+        brick::requestSnapshotFromServer(zo::CURI("s3://bucket//disks/vm/"), zo::CURI("s3://bucket/disks/snap"));
+
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(*answer, "");
+    EXPECT_EQ(taken, std::vector<std::string>{"s3://bucket/disks/snap"});
+}
+
 TEST_F(ServeControl, NoServerMeansNoAnswer)
 {
     EXPECT_FALSE(brick::requestSnapshotFromServer(zo::CURI("s3://bucket/vm"), zo::CURI("s3://bucket/snap")));

@@ -44,14 +44,23 @@ TEST_F(ServeCommandTest, ACacheFolderForADiskInALocalFolderIsRefused)
 TEST_F(ServeCommandTest, CacheOptionsWithoutACacheFolderAreAUsageError)
 {
     createDisk("disk");
-    for (const std::vector<std::string>& extra :
-         std::vector<std::vector<std::string>>{{"--cache-size", "2G"}, {"--upload-jobs", "2"}, {"--flush-to-store"}}) {
+    for (const std::vector<std::string>& extra : std::vector<std::vector<std::string>>{
+             {"--cache-size", "2G"}, {"--upload-jobs", "2"}, {"--flush-to-store"}, {"--max-dirty", "8"}}) {
         std::vector<std::string> arguments{"mount", path("disk"), path("mnt")};
         arguments.insert(arguments.end(), extra.begin(), extra.end());
         const RunResult result = run(arguments);
         EXPECT_EQ(result.exitStatus, 2) << result.err;
         EXPECT_NE(result.err.find("requires --cache-dir"), std::string::npos) << result.err;
     }
+}
+
+TEST_F(ServeCommandTest, AMaxDirtyBelowOneIsAUsageError)
+{
+    createDisk("disk");
+    const RunResult result =
+        run({"serve", path("disk"), "--socket", path("s.sock"), "--cache-dir", path("cache"), "--max-dirty", "0"});
+    EXPECT_EQ(result.exitStatus, 2) << result.err;
+    EXPECT_NE(result.err.find("--max-dirty"), std::string::npos) << result.err;
 }
 
 } // namespace

@@ -385,5 +385,53 @@ case_trim_deletes_objects() {
   cmp "$work/out" <(head -c 4194304 /dev/zero) || fail "the trimmed disk does not read zeros"
 }
 
+# A served disk's cache folder through brickdisk cache and --stats: while a
+# server holds the folder, info says so and flush and drop are refused; the
+# server is given --max-dirty and --stats; its statistics count the cache's
+# work and the store's puts; once it has stopped (uploading everything),
+# info shows no dirty brick, flush has nothing to upload and drop deletes
+# the folder.
+case_cache_commands_and_stats() {
+  local disk=$place/disk cache=$work/cache stats=$work/stats.prom server
+  make_disk "$disk" 4M
+  head -c 2097152 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$cache" --max-dirty 8 --stats "$stats"
+  server=$(pgrep -P "$serve_pid" nbdkit) || fail "no server process"
+  tr '\0' '\n' <"/proc/$server/cmdline" >"$work/server-arguments"
+  grep -qx "max-dirty=8" "$work/server-arguments" || fail "no max-dirty=8: $(cat "$work/server-arguments")"
+  grep -qx "stats=$stats" "$work/server-arguments" || fail "no stats=: $(cat "$work/server-arguments")"
+  nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  nbdcopy "$(uri_of "$work/a.sock")" "$work/read-back" || fail "reading through the server failed"
+
+  "$brickdisk" cache info "$cache" >"$work/info.log" 2>&1 || fail "cache info failed: $(cat "$work/info.log")"
+  grep -q "^disk: $disk$" "$work/info.log" || fail "info does not name the disk: $(cat "$work/info.log")"
+  grep -q "^in use: yes" "$work/info.log" || fail "info does not see the server: $(cat "$work/info.log")"
+  local action
+  for action in flush drop; do
+    if "$brickdisk" "${settings[@]}" cache "$action" "$cache" >"$work/$action.log" 2>&1; then
+      fail "cache $action ran while a server held the folder"
+    fi
+    grep -q "in use by a server" "$work/$action.log" || fail "no reason given: $(cat "$work/$action.log")"
+  done
+  stop_serving "$serve_pid" "$work/a.log"
+
+  local misses puts
+  misses=$(sed -n 's/^brickdisk_cache_misses_total{disk="[^"]*"} //p' "$stats")
+  puts=$(sed -n 's/^brickdisk_store_requests_total{disk="[^"]*",kind="put"} //p' "$stats")
+  [ -n "$misses" ] || fail "no cache counters: $(cat "$stats")"
+  [ "${puts:-0}" -ge 32 ] || fail "the 32 uploaded bricks are not counted as puts: $(cat "$stats")"
+  grep -q '^brickdisk_cache_dirty_files{disk="[^"]*"} 0$' "$stats" || fail "dirty at the end: $(cat "$stats")"
+
+  "$brickdisk" cache info "$cache" --json >"$work/info.json" 2>&1 || fail "cache info failed: $(cat "$work/info.json")"
+  grep -q '"dirtyFiles": 0' "$work/info.json" || fail "dirty after the server's end: $(cat "$work/info.json")"
+  grep -q '"inUse": false' "$work/info.json" || fail "still in use: $(cat "$work/info.json")"
+  "$brickdisk" "${settings[@]}" cache flush "$cache" >"$work/flush.log" 2>&1 || fail "flush: $(cat "$work/flush.log")"
+  grep -q "^nothing to upload" "$work/flush.log" || fail "flush uploaded something: $(cat "$work/flush.log")"
+  "$brickdisk" cache drop "$cache" >"$work/drop.log" 2>&1 || fail "drop failed: $(cat "$work/drop.log")"
+  [ -e "$cache" ] && fail "the cache folder is still there"
+  export_disk "$disk" "$work/out"
+  cmp <(head -c 2097152 "$work/out") "$work/image" || fail "the store lacks what was written"
+}
+
 "case_$case_name"
 echo "PASSED: $store $case_name"

@@ -722,5 +722,35 @@ case_plugin_checks_the_disk() {
   grep -q 'Unknown storage scheme "s3:"' "$work/b.log" || fail "the refusal does not name the scheme: $(cat "$work/b.log")"
 }
 
+# serve --stats FILE: the server's counters in the Prometheus text format,
+# written when it starts, while it serves and at its end: the bricks that a
+# write through NBD stored show as puts to the store (a folder disk has no
+# local cache, so no cache counters), and no temporary file stays beside it.
+case_serve_stats() {
+  make_disk "$work/disk" 4M --brick-size 64K
+  head -c 1048576 /dev/urandom >"$work/image"
+  "$brickdisk" serve "$work/disk" --socket "$work/s.sock" --stats "$work/stats.prom" >"$work/serve.log" 2>&1 &
+  local serve=$! i
+  cleanups+=("kill $serve 2>/dev/null")
+  for i in $(seq 1 200); do
+    grep -q '^Serving' "$work/serve.log" && break
+    sleep 0.05
+  done
+  grep -q '^Serving' "$work/serve.log" || fail "serve did not start: $(cat "$work/serve.log")"
+  grep -q '^# TYPE brickdisk_store_requests_total counter$' "$work/stats.prom" ||
+    fail "no statistics when serving began: $(cat "$work/stats.prom" 2>&1)"
+  nbdcopy --flush "$work/image" "nbd+unix:///?socket=$work/s.sock"
+  kill -INT "$serve"
+  wait "$serve" || fail "serve did not end cleanly: $(cat "$work/serve.log")"
+  local puts bytes
+  puts=$(sed -n 's/^brickdisk_store_requests_total{disk="[^"]*",kind="put"} //p' "$work/stats.prom")
+  bytes=$(sed -n 's/^brickdisk_store_bytes_total{disk="[^"]*",kind="put"} //p' "$work/stats.prom")
+  [ "${puts:-0}" -ge 16 ] || fail "the 16 bricks written are not counted as puts: $(cat "$work/stats.prom")"
+  [ "${bytes:-0}" -gt 0 ] || fail "no bytes put: $(cat "$work/stats.prom")"
+  grep -q "disk=\"$work/disk\"" "$work/stats.prom" || fail "the disk is not named: $(cat "$work/stats.prom")"
+  grep -q '^brickdisk_cache_' "$work/stats.prom" && fail "cache counters for a disk without a cache"
+  [ "$(ls -A "$work" | grep -c '^stats')" -eq 1 ] || fail "files beside the statistics: $(ls -A "$work")"
+}
+
 "case_$case_name"
 echo "PASSED: $case_name"
