@@ -683,8 +683,25 @@ void CCachedStore::deleteFile(const CURI& file, bool ignoreMissing)
     apply(key, Bytes(), true);
 }
 
+std::map<String, CCachedStore::Change> CCachedStore::dirtyChangesIn(const CURI& folder) const
+{
+    const String prefix = folder.toNormalized().toString() + "/";
+    std::map<String, Change> changes;
+    std::lock_guard lock(m_mutex);
+    for (const String& key : m_dirty) {
+        const String rest = key.StartsWith(prefix) ? key.Mid(prefix.getLength()) : String();
+        if (!rest.isEmpty() && rest.find(L'/') == String::npos)
+            changes[rest] = m_entries.at(key).change;
+    }
+    return changes;
+}
+
 zo::TList<String> CCachedStore::listFolder(const CURI& folder)
 {
+    // An upload that ends while the store is listed may be missing from the
+    // listing and no longer dirty afterwards: the changes dirty before the
+    // listing count too, overridden by those dirty after it.
+    const std::map<String, Change> before = dirtyChangesIn(folder);
     std::set<String> names;
     P<CError> missing;
     try {
@@ -695,25 +712,22 @@ zo::TList<String> CCachedStore::listFolder(const CURI& folder)
             throw;
         missing = e.clone();
     }
-    const String prefix = folder.toNormalized().toString() + "/";
-    bool changed = false;
-    {
-        std::lock_guard lock(m_mutex);
-        for (const String& key : m_dirty) {
-            if (!key.StartsWith(prefix))
-                continue;
-            const Entry& entry = m_entries[key];
-            const String rest = key.Mid(prefix.getLength());
-            if (rest.find(L'/') != String::npos)
-                continue;
-            changed = true;
-            if (entry.change == Change::Store)
-                names.insert(rest);
+    const std::map<String, Change> after = dirtyChangesIn(folder);
+    for (const std::map<String, Change>* changes : {&before, &after}) {
+        for (const auto& [name, change] : *changes) {
+            if (change == Change::Store)
+                names.insert(name);
             else
-                names.erase(rest);
+                names.erase(name);
         }
     }
-    if (missing && !changed)
+    // A deletion uploaded meanwhile may have been followed by a new store of
+    // the file, uploaded too: the store itself tells.
+    for (const auto& [name, change] : before) {
+        if (change == Change::Delete && after.count(name) == 0 && fileExists(folder << CURI(name)))
+            names.insert(name);
+    }
+    if (missing && before.empty() && after.empty())
         missing->throwClone();
     return zo::TList<String>(names.begin(), names.end());
 }

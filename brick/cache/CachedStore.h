@@ -222,6 +222,8 @@ private:
     bool brickExists(const zo::String& key, zo::int64* size);
     zo::P<zo::IFileSystemOp> post(zo::IDoneListener* listener, std::function<void()> work);
 
+    // The dirty changes of the brick files directly in `folder`, by name.
+    std::map<zo::String, Change> dirtyChangesIn(const zo::CURI& folder) const;
     void uploaderMain();
     void uploadUntilStopped();
     void upload(const zo::String& key, Change change);

@@ -104,26 +104,35 @@ std::vector<bool> CBrickReader::holdFiles(const std::vector<int64>& brickIndexes
     }
     std::vector<bool> held(brickIndexes.size(), false);
     for (const auto& [folder, members] : byFolder) {
-        if (members.size() < kListFromBricks) {
+        if (members.size() < kListFromBricks || !holdFilesListed(folder, members, relatives, held)) {
             for (size_t i : members)
                 held[i] = !locate(brickIndexes[i]).isHole();
-            continue;
-        }
-        for (const CURI& diskFolder : m_folders) {
-            std::set<zo::String> names;
-            try {
-                for (const zo::String& name : m_fs->listFolder(diskFolder << folder))
-                    names.insert(name);
-            } catch (const zo::CFileSystemError& e) {
-                if (e.getProblem() != zo::CFileSystemError::NotFound &&
-                    e.getProblem() != zo::CFileSystemError::NotAFolder)
-                    throw;
-            }
-            for (size_t i : members)
-                held[i] = held[i] || names.count(relatives[i].getName()) > 0;
         }
     }
     return held;
+}
+
+bool CBrickReader::holdFilesListed(const CURI& folder, const std::vector<size_t>& members,
+                                   const std::vector<CURI>& relatives, std::vector<bool>& held) const
+{
+    std::vector<bool> found(members.size(), false);
+    for (const CURI& diskFolder : m_folders) {
+        std::set<zo::String> names;
+        try {
+            for (const zo::String& name : m_fs->listFolder(diskFolder << folder))
+                names.insert(name);
+        } catch (const CFileSystemError& e) {
+            if (e.getProblem() != CFileSystemError::NotFound && e.getProblem() != CFileSystemError::NotAFolder)
+                return false;
+        } catch (const zo::CError&) {
+            return false;
+        }
+        for (size_t m = 0; m < members.size(); ++m)
+            found[m] = found[m] || names.count(relatives[members[m]].getName()) > 0;
+    }
+    for (size_t m = 0; m < members.size(); ++m)
+        held[members[m]] = found[m];
+    return true;
 }
 
 CBrickReader::Found CBrickReader::read(int64 brickIndex, TBuffer<uint8>& dst) const

@@ -88,8 +88,10 @@ public:
     // file (locate would not find a hole). Where several of the bricks share
     // a folder of the brick tree, that folder is listed once per disk instead
     // of asking for each file: one request in place of one per brick in an
-    // object store. A folder that does not exist holds nothing. Passes on the
-    // file system's other errors.
+    // object store. A folder that does not exist holds nothing; one that
+    // cannot be listed (a store out of reach that a cache in front of it
+    // answers for single files) is asked file by file. Passes on the errors
+    // of those questions.
     std::vector<bool> holdFiles(const std::vector<zo::int64>& brickIndexes) const;
 
     // Loads the file of brick `brickIndex` from the nearest disk of the
@@ -129,6 +131,11 @@ public:
     zo::P<zo::CMemPoolBuffer> readFile(int depth, zo::int64 brickIndex) const;
 
 private:
+    // holdFiles for the bricks `members` (positions in `relatives`, their
+    // paths in a disk folder) of the tree folder `folder`, by listing it in
+    // each disk; false, leaving `held` alone, when a listing fails.
+    bool holdFilesListed(const zo::CURI& folder, const std::vector<size_t>& members,
+                         const std::vector<zo::CURI>& relatives, std::vector<bool>& held) const;
     // The preparer lent to one call, given back when the call ends.
     class CPreparerLoan;
 
