@@ -269,8 +269,8 @@ CommandAction addCopyCommand(CLI::App& program)
     command->add_option("--snapshots", options->snapshots,
                         "all (the default), none, or a comma list of snapshot folder names (the newest ones)");
     command->add_option("-j,--jobs", options->jobs,
-                        "Brick files compared and sent at once, 1 to 256 (default: one per processor; 8 for rados:// "
-                        "and s3:// destinations)");
+                        "Brick files sent at once, 1 to 256, and four times as many compared at once (default: one "
+                        "per processor; 8 for rados:// and s3:// destinations)");
     command->add_flag("--dry-run", options->dryRun, "Print what would be sent and change nothing");
     command->add_flag("--verify", options->verify,
                       "Read back every brick file sent and every record of the copied disks, and fail when one "

@@ -6,7 +6,6 @@
 #include "brick/chain/DiskStore.h"
 #include "brick/detail/BrickFileLayout.h"
 #include "brick/detail/FolderMode.h"
-#include "brick/detail/WaitingListener.h"
 #include "brick/format/BrickDiskAuxFileBase.h"
 #include "brick/format/BrickDiskCreationTime.h"
 #include "brick/format/BrickDiskHeader.h"
@@ -15,15 +14,21 @@
 
 #include "seal/Digest.h"
 #include "zo/Buffer.h"
+#include "zo/BufferStream.h"
 #include "zo/Error.h"
+#include "zo/FileSystemQueries.h"
+#include "zo/StagedStore.h"
 #include "zo/WorkerPool.h"
 
 #include <algorithm>
 #include <exception>
+#include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <set>
+#include <utility>
 
 namespace brick {
 
@@ -37,6 +42,14 @@ namespace {
 // a SHA-256 or HMAC-SHA256 digest (an MD5 digest and a cipher's tag are
 // shorter): comparing this many last bytes compares the digests.
 constexpr int kBrickFileTailSize = layout::kIndexBoundDigestSize;
+
+// Comparisons of brick files with the destination's run this many times as
+// many at once as files are sent: each costs a small read of the last bytes
+// of a file, mostly waiting for the store's answer.
+constexpr int kComparisonsPerJob = 4;
+
+// Disks whose brick trees are listed at once ahead of their copy.
+constexpr std::size_t kDisksListedAhead = 4;
 
 // A brick file of the source and the destination's file of that brick.
 struct Candidate {
@@ -53,23 +66,52 @@ struct DiskPlan {
     bool existing = false;
 };
 
-// `size` bytes of `file` from `offset` on; `options` as for openStream.
-zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64 offset, zo::int64 size,
-                                int options = zo::IIOStream::OptionNone)
+// The first `size` bytes of `file`, read whole.
+zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64 size)
 {
-    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, options);
+    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, zo::IIOStream::OptionNone);
     zo::TBuffer<zo::uint8> bytes(static_cast<int>(size));
-    stream->seek(offset);
     stream->read(bytes.getData(), static_cast<int>(size));
     return bytes;
 }
 
-// The last bytes of a brick file, which hold its outer digest; a file
-// system over an object store fetches only those.
+// The last bytes of a brick file of `size` bytes, which hold its outer
+// digest; a file system over an object store fetches only those, in one
+// request.
 zo::TBuffer<zo::uint8> readTail(zo::IFileSystem* fs, const CURI& file, zo::int64 size)
 {
-    const zo::int64 tail = std::min<zo::int64>(size, kBrickFileTailSize);
-    return readFile(fs, file, size - tail, tail, zo::IIOStream::OptionRanges);
+    const int tail = static_cast<int>(std::min<zo::int64>(size, kBrickFileTailSize));
+    zo::TBuffer<zo::uint8> bytes(tail);
+    zo::readFileRange(fs, file, size - tail, bytes.getData(), tail);
+    return bytes;
+}
+
+// Runs `work` for each of `count` items on `threads` workers (at least one);
+// the caller's thread runs `between` as items end. The first item that
+// fails stops the workers, and so does what `between` throws; either is
+// thrown once the items under way have ended.
+void runOnWorkers(std::size_t count, int threads, const std::function<void(std::size_t)>& work,
+                  const std::function<void()>& between)
+{
+    if (count == 0)
+        return;
+    zo::CWorkerPool pool(static_cast<int>(std::min<std::size_t>(std::max(1, threads), count)));
+    for (std::size_t item = 0; item < count; ++item)
+        pool.post([&work, item](int) { work(item); });
+    std::exception_ptr stopped;
+    int ended = 0;
+    while (!pool.isStopped() && !pool.waitDone(0)) {
+        ended = pool.waitForEndedJobs(ended, -1);
+        try {
+            between();
+        } catch (...) {
+            stopped = std::current_exception();
+            pool.stop();
+        }
+    }
+    pool.wait();
+    if (stopped)
+        std::rethrow_exception(stopped);
 }
 
 // The digest type of the brick files of a disk whose header names a plain
@@ -204,14 +246,22 @@ public:
     // after every file has been sent.
     void syncBricks(const DiskPlan& disk, bool deleteOthers)
     {
-        const std::vector<CBrickTree::BrickFile> sourceBricks =
-            CBrickTree::list(m_sourceFs, disk.source, disk.header).bricks;
-        std::map<zo::int64, CBrickTree::BrickFile> held;
-        if (m_destinationFs->folderExists(disk.destination)) {
-            const CBrickTree::Listing listing = CBrickTree::list(m_destinationFs, disk.destination, disk.header);
-            for (const CBrickTree::BrickFile& brick : listing.bricks)
-                held.emplace(brick.index, brick);
+        CBrickTree::Listing sourceListing;
+        CBrickTree::Listing destinationListing;
+        const auto ahead = m_listingsAhead.find(disk.destination);
+        if (ahead != m_listingsAhead.end()) {
+            sourceListing = ahead->second.source.get();
+            destinationListing = ahead->second.destination.get();
+            m_listingsAhead.erase(ahead);
+            startListings();
+        } else {
+            sourceListing = listSource(disk);
+            destinationListing = listDestination(disk);
         }
+        const std::vector<CBrickTree::BrickFile>& sourceBricks = sourceListing.bricks;
+        std::map<zo::int64, CBrickTree::BrickFile> held;
+        for (const CBrickTree::BrickFile& brick : destinationListing.bricks)
+            held.emplace(brick.index, brick);
 
         std::vector<Candidate> candidates;
         for (const CBrickTree::BrickFile& brick : sourceBricks) {
@@ -224,6 +274,13 @@ public:
             candidates.push_back(candidate);
         }
         sendFiles(disk, candidates);
+        // The files sent are in place, bytes and names durable, only once the
+        // destination's batch is synced: before anything that makes them
+        // reachable (a record) or takes their place (a deletion).
+        if (!m_options.dryRun)
+            m_destinationFs->syncBatch();
+        if (m_options.verify && !m_options.dryRun)
+            verifySent();
         if (!deleteOthers)
             return;
         for (const auto& [index, brick] : held) {
@@ -332,6 +389,19 @@ public:
         }
     }
 
+    // Lists the brick trees of `disks`, in the source and in the
+    // destination, ahead of syncBricks, which takes them in the same order:
+    // several disks at once, as over an object store each listing mostly
+    // waits on the store's answers. A disk's tree in the destination changes
+    // only in its own syncBricks, so a listing made before still tells what
+    // the tree holds then.
+    void listAhead(const std::vector<DiskPlan>& disks)
+    {
+        m_toListAhead = disks;
+        m_nextToList = 0;
+        startListings();
+    }
+
     // Tells the copy where each disk of the source chain lands, so that the
     // links between them can be made to name those places.
     void setDestinations(std::map<CURI, CURI> destinationOf) { m_destinationOf = std::move(destinationOf); }
@@ -352,6 +422,38 @@ public:
     }
 
 private:
+    // The listings of one disk's brick trees under way (listAhead).
+    struct ListingsAhead {
+        std::future<CBrickTree::Listing> source;
+        std::future<CBrickTree::Listing> destination;
+    };
+
+    // Starts listing the next disks of listAhead's, up to kDisksListedAhead
+    // under way.
+    void startListings()
+    {
+        while (m_listingsAhead.size() < kDisksListedAhead && m_nextToList < m_toListAhead.size()) {
+            const DiskPlan& disk = m_toListAhead[m_nextToList++];
+            m_listingsAhead.emplace(
+                disk.destination,
+                ListingsAhead{std::async(std::launch::async, [this, disk] { return listSource(disk); }),
+                              std::async(std::launch::async, [this, disk] { return listDestination(disk); })});
+        }
+    }
+
+    CBrickTree::Listing listSource(const DiskPlan& disk) const
+    {
+        return CBrickTree::list(m_sourceFs, disk.source, disk.header);
+    }
+
+    // Empty for a disk whose folder the destination lacks.
+    CBrickTree::Listing listDestination(const DiskPlan& disk) const
+    {
+        if (!m_destinationFs->folderExists(disk.destination))
+            return CBrickTree::Listing();
+        return CBrickTree::list(m_destinationFs, disk.destination, disk.header);
+    }
+
     static bool isLinkRecord(const String& name)
     {
         return name == CBrickDisk::getParentLinkFileName() || name == CBrickDisk::getChildLinkFileName();
@@ -409,45 +511,73 @@ private:
         m_problems.push_back(problem);
     }
 
-    // True when the destination holds the candidate's bytes already: the
-    // same size and the same outer digest.
-    bool isHeld(const Candidate& candidate) const
+    // Makes `folder` in the destination with its missing parents, each once
+    // per copy; a new folder becomes durable with the destination's batch,
+    // as the files stored into it do.
+    void makeFolder(const CURI& folder)
     {
-        return candidate.held && candidate.held->size == candidate.brick.size &&
-            readTail(m_sourceFs, candidate.brick.path, candidate.brick.size) ==
-            readTail(m_destinationFs, candidate.held->path, candidate.held->size);
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_madeFolders.count(folder) > 0)
+                return;
+        }
+        if (!m_destinationFs->folderExists(folder)) {
+            const CURI parent = folder.getParent();
+            if (!parent.isEmpty() && parent != folder)
+                makeFolder(parent);
+            // Another sender may make it meanwhile.
+            m_destinationFs->beginCreateFolder(folder, kFolderMode, nullptr)->wait(zo::CFileSystemError::AlreadyExists);
+        }
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_madeFolders.insert(folder);
     }
 
     // Sends one brick file: read whole, checked against its outer digest
-    // where that needs no key, then stored atomically in place of whatever
-    // the destination held; with verify, read back and compared.
+    // where that needs no key, then staged to replace whatever the
+    // destination held, in place once the destination's batch is synced;
+    // with verify, noted to be read back then.
     void sendFile(const DiskPlan& disk, const CBrickTree::BrickFile& brick, const seal::IDigestType* digest)
     {
         const CURI target = disk.destination << brick.path.toRelative(disk.source);
-        const zo::TBuffer<zo::uint8> bytes = readFile(m_sourceFs, brick.path, 0, brick.size);
+        const zo::TBuffer<zo::uint8> bytes = readFile(m_sourceFs, brick.path, brick.size);
         if (digest && !matchesOuterDigest(bytes, *digest)) {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_summary.damagedFiles.push_back(brick.path);
         }
-        m_destinationFs->createFolder(target.getParent(), kFolderMode);
-        detail::replaceFileAndWait(m_destinationFs, target, bytes);
+        makeFolder(target.getParent());
+        const zo::P<zo::CBufferStream> source(new zo::CBufferStream(nullptr, 1.0));
+        source->write(bytes.getData(), bytes.getUsed());
+        source->seek(0);
+        zo::beginStoreFileStaged(m_destinationFs, target, bytes.getUsed(), source.get(), nullptr)->wait();
         if (!m_options.verify)
             return;
-        bool same = false;
-        try {
-            same = m_destinationFs->getFileInfo(target, true)->getSize() == brick.size &&
-                readFile(m_destinationFs, target, 0, brick.size) == bytes;
-        } catch (const CError& e) {
-            addProblem(target.toString(true).toUTF8() + ": " + e.getMessage().toUTF8());
-            return;
-        }
-        if (!same)
-            addProblem(target.toString(true).toUTF8() + ": the bytes read back differ from those sent");
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_sent.emplace_back(brick, target);
     }
 
-    // Compares and sends (unless in a dry run) the files on the worker
-    // threads; the caller's thread reports progress and runs the checkpoint
-    // between files.
+    // Reads back each file sent since the last call, once the destination's
+    // batch has put it in place, and compares it with its source.
+    void verifySent()
+    {
+        std::vector<std::pair<CBrickTree::BrickFile, CURI>> sent;
+        sent.swap(m_sent);
+        for (const auto& [brick, target] : sent) {
+            bool same = false;
+            try {
+                same = m_destinationFs->getFileInfo(target, true)->getSize() == brick.size &&
+                    readFile(m_destinationFs, target, brick.size) == readFile(m_sourceFs, brick.path, brick.size);
+            } catch (const CError& e) {
+                addProblem(target.toString(true).toUTF8() + ": " + e.getMessage().toUTF8());
+                continue;
+            }
+            if (!same)
+                addProblem(target.toString(true).toUTF8() + ": the bytes read back differ from those sent");
+        }
+    }
+
+    // Compares the files with the destination's, then sends (unless in a dry
+    // run) those it lacks or holds with other bytes, on worker threads; the
+    // caller's thread reports progress and runs the checkpoint between files.
     void sendFiles(const DiskPlan& disk, const std::vector<Candidate>& files)
     {
         CChainCopier::Progress progress;
@@ -463,50 +593,60 @@ private:
         const zo::P<seal::IDigestType> digest = plainDigestOf(disk.header);
 
         std::mutex mutex;
+        zo::int64 done = 0;
         zo::int64 bytes = 0;
-        const auto send = [&](const Candidate& file) {
-            const CBrickTree::BrickFile& brick = file.brick;
-            const bool held = isHeld(file);
-            if (!held && !m_options.dryRun)
-                sendFile(disk, brick, digest.get());
-            const std::lock_guard<std::mutex> lock(mutex);
-            if (held) {
+        const auto between = [&] {
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                progress.filesDone = done;
+                progress.bytesSent = bytes;
+            }
+            report();
+            if (m_options.checkpoint)
+                m_options.checkpoint();
+        };
+        const int jobs = std::max(1, m_options.jobs);
+
+        // Only a file of the same size in the destination may hold the same
+        // bytes; the digests at the ends of the two files tell.
+        std::vector<const Candidate*> comparable;
+        for (const Candidate& file : files)
+            if (file.held && file.held->size == file.brick.size)
+                comparable.push_back(&file);
+        std::set<const Candidate*> held;
+        runOnWorkers(
+            comparable.size(), kComparisonsPerJob * jobs,
+            [&](std::size_t item) {
+                const Candidate& file = *comparable[item];
+                const bool same = readTail(m_sourceFs, file.brick.path, file.brick.size) ==
+                    readTail(m_destinationFs, file.held->path, file.held->size);
+                if (!same)
+                    return;
+                const std::lock_guard<std::mutex> lock(mutex);
+                held.insert(&file);
+                ++done;
                 ++m_summary.filesSkipped;
-                m_summary.bytesSkipped += brick.size;
-            } else {
+                m_summary.bytesSkipped += file.brick.size;
+            },
+            between);
+
+        std::vector<const Candidate*> unheld;
+        for (const Candidate& file : files)
+            if (held.count(&file) == 0)
+                unheld.push_back(&file);
+        runOnWorkers(
+            unheld.size(), jobs,
+            [&](std::size_t item) {
+                const CBrickTree::BrickFile& brick = unheld[item]->brick;
+                if (!m_options.dryRun)
+                    sendFile(disk, brick, digest.get());
+                const std::lock_guard<std::mutex> lock(mutex);
+                ++done;
                 bytes += brick.size;
                 ++m_summary.filesSent;
                 m_summary.bytesSent += brick.size;
-            }
-        };
-        const int threadCount = static_cast<int>(std::min<std::size_t>(std::max(1, m_options.jobs), files.size()));
-        zo::CWorkerPool pool(threadCount);
-        for (const Candidate& file : files)
-            pool.post([&send, &file](int) { send(file); });
-
-        // The first file that fails stops the pool; the checkpoint's error
-        // stops it too.
-        std::exception_ptr stopped;
-        int ended = 0;
-        while (!pool.isStopped() && !pool.waitDone(0)) {
-            ended = pool.waitForEndedJobs(ended, -1);
-            {
-                const std::lock_guard<std::mutex> lock(mutex);
-                progress.filesDone = ended;
-                progress.bytesSent = bytes;
-            }
-            try {
-                report();
-                if (m_options.checkpoint)
-                    m_options.checkpoint();
-            } catch (...) {
-                stopped = std::current_exception();
-                pool.stop();
-            }
-        }
-        pool.wait();
-        if (stopped)
-            std::rethrow_exception(stopped);
+            },
+            between);
     }
 
     zo::IFileSystem* m_sourceFs;
@@ -517,6 +657,18 @@ private:
     std::vector<std::string> m_problems;
     // Each folder of the source chain and its place in the destination.
     std::map<CURI, CURI> m_destinationOf;
+    // Folders of the destination that the copy made or found (under m_mutex).
+    std::set<CURI> m_madeFolders;
+    // With verify, the files sent and not yet read back, and where they went
+    // (under m_mutex).
+    std::vector<std::pair<CBrickTree::BrickFile, CURI>> m_sent;
+    // The disks to list ahead, and the next one to start.
+    std::vector<DiskPlan> m_toListAhead;
+    std::size_t m_nextToList = 0;
+    // Listings started ahead and not yet taken, by the disk's folder in the
+    // destination. Last, so that it goes first: the listings under way end
+    // before anything they use goes.
+    std::map<CURI, ListingsAhead> m_listingsAhead;
 };
 
 // The snapshots of `chain` (top first) that the options choose, newest
@@ -719,6 +871,7 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     for (const CRetentionPlan::Disk& member : chain)
         destinationOf[member.folder.toNormalized()] = targetOf(member.folder);
     run.setDestinations(std::move(destinationOf));
+    run.listAhead(plan);
     // 1. The snapshots the destination holds get what their source kept.
     for (const DiskPlan& disk : plan) {
         if (!disk.existing || disk.destination == destinationTop)

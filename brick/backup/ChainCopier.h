@@ -28,8 +28,13 @@
 //      the top no longer holds are deleted, then its records are replaced;
 //   5. the creating marks are removed, the newest disk's first, so that a
 //      disk opens only once every newer disk it reads through is whole.
-// A first copy makes every disk as in step 2, the top last, then step 5. A copy cut short
-// at any point is finished by running it again. Snapshots that the source
+// A first copy makes every disk as in step 2, the top last, then step 5.
+// The brick files sent into a disk are staged (zo::beginStoreFileStaged:
+// written without a sync each) and put in place, bytes and names durable,
+// by one sync of the destination's batch (IFileSystem::syncBatch) before
+// any record or deletion that follows them: a stop, or a power cut, at any
+// point leaves every disk as described. A copy cut short at any point is
+// finished by running it again. Snapshots that the source
 // has dropped since an earlier copy stay in the destination, except its
 // newest one, which would show the top's changes: that copy is refused.
 //
@@ -73,7 +78,9 @@ public:
         // same reason the snapshots newer than the newest one the
         // destination holds are copied whatever the choice.
         std::vector<std::string> snapshotNames;
-        // Brick files compared and sent at once (at least 1).
+        // Brick files sent at once (at least 1). Comparing a brick file with
+        // the destination's reads only the last bytes of each, mostly waiting
+        // for the store: four times as many are compared at once.
         int jobs = 4;
         // Work out what would be sent and change nothing.
         bool dryRun = false;

@@ -1,5 +1,6 @@
 #include "brick/format/BrickTree.h"
 
+#include "zo/FileSystemQueries.h"
 #include "zo/String.h"
 
 #include <algorithm>
@@ -33,22 +34,22 @@ bool isTemporaryName(const std::string& name)
 void walk(zo::IFileSystem* fs, const CBrickDiskHeader& header, const zo::CURI& folder, int level, zo::int64 prefix,
           CBrickTree::Listing& listing)
 {
-    for (const zo::String& entry : fs->listFolder(folder)) {
-        const std::string name = entry.toUTF8();
-        const zo::CURI path = folder << entry;
-        const zo::P<zo::IFileInfo> info = fs->getFileInfo(path, false);
-        if (!info->exists())
-            continue; // removed while we looked, as a finished store's temporary file is
+    // One listing of the folder with the kinds and sizes (over an object
+    // store one request, not one per entry); an entry removed meanwhile, as
+    // a finished store's temporary file is, is left out.
+    for (const zo::FolderEntry& entry : zo::listFolderWithInfo(fs, folder)) {
+        const std::string name = entry.name.toUTF8();
+        const zo::CURI path = folder << entry.name;
         const int digit = CBrickTree::parseEntryName(header, level, name);
-        if (isTemporaryName(name) && !info->isFolder()) {
+        if (isTemporaryName(name) && !entry.isFolder) {
             listing.temporaryFiles.push_back(path);
-        } else if (digit < 0 || info->isFolder() != (level > 0)) {
+        } else if (digit < 0 || entry.isFolder != (level > 0)) {
             listing.unexpectedEntries.push_back(path);
         } else if (level > 0) {
             walk(fs, header, path, level - 1, prefix * header.getObjectsPerTreeLevel() + digit, listing);
         } else {
             listing.bricks.push_back(
-                CBrickTree::BrickFile{prefix * header.getObjectsPerTreeLevel() + digit, path, info->getSize()});
+                CBrickTree::BrickFile{prefix * header.getObjectsPerTreeLevel() + digit, path, entry.size});
         }
     }
 }

@@ -23,6 +23,11 @@ std::optional<IObjectStore::Level> IObjectStore::listLevelInOneRequest(const std
     return std::nullopt;
 }
 
+std::optional<IObjectStore::SizedLevel> IObjectStore::listLevelWithSizes(const std::string&, const std::string&)
+{
+    return std::nullopt;
+}
+
 void runSync(const std::function<void(IObjectStore::Done)>& call)
 {
     struct Outcome {

@@ -14,6 +14,7 @@
 #include "zo/FileSystem.h"
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -73,6 +74,19 @@ public:
     // Nothing when the store cannot list one level in a single request, or
     // the level does not fit in one; this default gives nothing.
     virtual std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix);
+    // One level below `prefix` (empty or ending in "/") with the sizes of
+    // its objects, over as many requests as its length needs: each object's
+    // name without the prefix and its size, and the names of the folders
+    // there (deeper keys); the marker `prefix` itself is left out, but
+    // `hasMarker` tells whether it exists.
+    struct SizedLevel {
+        std::map<std::string, int64> files;
+        std::set<std::string> folders;
+        bool hasMarker = false;
+    };
+    // Nothing when the store's listing does not tell the sizes of objects;
+    // this default gives nothing.
+    virtual std::optional<SizedLevel> listLevelWithSizes(const std::string& container, const std::string& prefix);
     // Takes a lock named after the object `name` without waiting (Locked,
     // with the property "holder" where known, on a conflict). The lock lasts
     // until the returned object goes, or, when the holder dies, until its

@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstring>
+#include <map>
+#include <set>
 #include <thread>
 
 namespace zo {
@@ -465,6 +468,57 @@ TList<String> CObjectStoreFileSystem::listFolder(const CURI& folder)
     for (const std::string& entry : entries)
         names.push_back(String::fromUTF8(entry));
     return names;
+}
+
+std::vector<FolderEntry> CObjectStoreFileSystem::listFolderWithInfo(const CURI& folder)
+{
+    const ObjectName name = toObjectName(folder);
+    const std::string prefix = name.key.empty() ? std::string() : name.key + "/";
+    const std::optional<IObjectStore::SizedLevel> level = m_store->listLevelWithSizes(name.container, prefix);
+    // A level with nothing in it may be a missing folder or a file:
+    // listFolder tells them apart.
+    if (!level || (!name.key.empty() && !level->hasMarker && level->files.empty() && level->folders.empty()))
+        return listFolderEntryByEntry(this, folder);
+    std::set<std::string> files;
+    for (const auto& [file, size] : level->files)
+        files.insert(file);
+    m_known->addListing(name, files, level->folders, true);
+    std::map<std::string, FolderEntry> entries;
+    for (const std::string& subfolder : level->folders)
+        entries.emplace(subfolder, FolderEntry{String::fromUTF8(subfolder), true, 0});
+    for (const auto& [file, size] : level->files)
+        entries.emplace(file, FolderEntry{String::fromUTF8(file), false, size});
+    std::vector<FolderEntry> sorted;
+    for (auto& [entryName, entry] : entries)
+        sorted.push_back(std::move(entry));
+    return sorted;
+}
+
+void CObjectStoreFileSystem::readRange(const CURI& file, int64 offset, void* bytes, int size)
+{
+    const ObjectName name = toObjectName(file);
+    if (name.key.empty())
+        throw pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file);
+    if (isInMissingFolder(name) || m_known->isListedAsMissing(name))
+        throw pathError(CFileSystemError::NotFound, "The file does not exist.", file);
+    if (size <= 0) {
+        if (!m_store->stat(name))
+            throw pathError(CFileSystemError::NotFound, "The file does not exist.", file);
+        return;
+    }
+    std::string got;
+    try {
+        got = m_store->readRange(name, offset, size);
+    } catch (const CFileSystemError& e) {
+        if (e.getProblem() == CFileSystemError::NotFound && isFolderWhereAFileIsMissing(name))
+            throw pathError(CFileSystemError::IsAFolder, "A folder cannot be opened as a file.", file);
+        throw;
+    }
+    m_known->addFile(name);
+    if (got.size() < static_cast<size_t>(size))
+        throw CIOError(CIOError::EndOfData, "The file ends before the range to read does.",
+                       CProps().add("path", file.toString(true)).add("offset", offset).add("size", size));
+    std::memcpy(bytes, got.data(), static_cast<size_t>(size));
 }
 
 P<IFileSystemLock> CObjectStoreFileSystem::lockFolder(const CURI& folder, bool exclusive)

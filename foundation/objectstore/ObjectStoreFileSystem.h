@@ -36,6 +36,7 @@
 #include "objectstore/ObjectStore.h"
 #include "zo/Export.h"
 #include "zo/FileSystem.h"
+#include "zo/FileSystemQueries.h"
 
 #include <atomic>
 #include <memory>
@@ -45,7 +46,7 @@ namespace zo {
 class CCompletionPool;
 class CKnownFolders;
 
-class BRICKDISK_EXPORT CObjectStoreFileSystem : public CBase, public IFileSystem {
+class BRICKDISK_EXPORT CObjectStoreFileSystem : public CBase, public IFileSystem, public IFileSystemQueries {
 public:
     // Over `store`, for paths that start with `scheme` + "://". The checks run
     // on `threadCount` workers (at least one). Throws CError when the threads
@@ -91,6 +92,13 @@ public:
     bool pathExists(const CURI& path) override;
     void deleteFile(const CURI& file, bool ignoreMissing) override;
     TList<String> listFolder(const CURI& folder) override;
+    // From one listing of the level with the objects' sizes, where the
+    // store gives one (IObjectStore::listLevelWithSizes), which this file
+    // system remembers, as the listing that openStream trusts; else entry by
+    // entry (listFolderEntryByEntry).
+    std::vector<FolderEntry> listFolderWithInfo(const CURI& folder) override;
+    // One ranged read of the object, without asking for its size first.
+    void readRange(const CURI& file, int64 offset, void* bytes, int size) override;
     P<IFileSystemLock> lockFolder(const CURI& folder, bool exclusive) override;
     // Stores and copies are atomic in the store and leave nothing behind: 0.
     int removeTemporaryFiles(const CURI& folder) override;

@@ -4,6 +4,7 @@
 #include "zo/Signal.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 namespace zo {
@@ -62,6 +63,24 @@ String pathOf(const ObjectName& name)
 bool succeeded(const S3Response& response)
 {
     return response.status >= 200 && response.status < 300 && response.body.find("<Error>") == std::string::npos;
+}
+
+// The raw texts (entities left as they are) of the elements `tag` of an
+// S3 XML answer, for elements that hold elements of their own.
+std::vector<std::string> rawXmlElements(const std::string& xml, const std::string& tag)
+{
+    const std::string open = "<" + tag + ">";
+    const std::string close = "</" + tag + ">";
+    std::vector<std::string> texts;
+    for (size_t at = xml.find(open); at != std::string::npos; at = xml.find(open, at)) {
+        const size_t start = at + open.size();
+        const size_t end = xml.find(close, start);
+        if (end == std::string::npos)
+            break;
+        texts.push_back(xml.substr(start, end - start));
+        at = end + close.size();
+    }
+    return texts;
 }
 
 } // namespace
@@ -290,7 +309,7 @@ void CS3ObjectStore::truncate(const ObjectName& name, int64 length)
 }
 
 void CS3ObjectStore::listPages(const std::string& container, const std::string& prefix, bool delimiter, int limit,
-                               const std::function<void(const std::string& name)>& found)
+                               const std::function<void(const std::string& name, int64 size)>& found)
 {
     checkBucket(container);
     const int pageSize = std::max(1, std::min(1000, m_client.getOptions().listPageSize));
@@ -308,13 +327,17 @@ void CS3ObjectStore::listPages(const std::string& container, const std::string& 
         const S3Response response = m_client.perform(std::move(request));
         if (response.status != 200)
             throw makeS3Error(response, "list", ObjectName{container, prefix});
-        for (const std::string& key : xmlElements(response.body, "Key")) {
-            found(key);
+        for (const std::string& object : rawXmlElements(response.body, "Contents")) {
+            const std::vector<std::string> keys = xmlElements(object, "Key");
+            const std::vector<std::string> sizes = xmlElements(object, "Size");
+            if (keys.empty())
+                continue;
+            found(keys.front(), sizes.empty() ? 0 : std::strtoll(sizes.front().c_str(), nullptr, 10));
             ++count;
         }
         for (const std::string& folder : xmlElements(response.body, "Prefix")) {
             if (folder != prefix && folder.size() > prefix.size())
-                found(folder);
+                found(folder, -1);
         }
         const std::vector<std::string> truncated = xmlElements(response.body, "IsTruncated");
         const std::vector<std::string> next = xmlElements(response.body, "NextContinuationToken");
@@ -325,14 +348,14 @@ void CS3ObjectStore::listPages(const std::string& container, const std::string& 
 TList<std::string> CS3ObjectStore::list(const std::string& container, const std::string& prefix, int limit)
 {
     TList<std::string> keys;
-    listPages(container, prefix, false, limit, [&](const std::string& key) { keys.push_back(key); });
+    listPages(container, prefix, false, limit, [&](const std::string& key, int64) { keys.push_back(key); });
     return keys;
 }
 
 TList<std::string> CS3ObjectStore::listChildren(const std::string& container, const std::string& prefix)
 {
     TList<std::string> names;
-    listPages(container, prefix, true, 0, [&](const std::string& name) {
+    listPages(container, prefix, true, 0, [&](const std::string& name, int64) {
         std::string entry = name.substr(prefix.size());
         if (!entry.empty() && entry.back() == '/')
             entry.pop_back();
@@ -368,6 +391,21 @@ std::optional<IObjectStore::Level> CS3ObjectStore::listLevelInOneRequest(const s
         if (folder.size() > prefix.size() + 1)
             level.folders.insert(folder.substr(prefix.size(), folder.size() - prefix.size() - 1));
     }
+    return level;
+}
+
+std::optional<IObjectStore::SizedLevel> CS3ObjectStore::listLevelWithSizes(const std::string& container,
+                                                                           const std::string& prefix)
+{
+    SizedLevel level;
+    listPages(container, prefix, true, 0, [&](const std::string& name, int64 size) {
+        if (size >= 0 && name == prefix)
+            level.hasMarker = true;
+        else if (size >= 0 && name.size() > prefix.size())
+            level.files.emplace(name.substr(prefix.size()), size);
+        else if (size < 0 && name.size() > prefix.size() + 1)
+            level.folders.insert(name.substr(prefix.size(), name.size() - prefix.size() - 1));
+    });
     return level;
 }
 

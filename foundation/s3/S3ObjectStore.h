@@ -40,6 +40,9 @@ public:
     TList<std::string> listChildren(const std::string& container, const std::string& prefix) override;
     // One page of that listing; nothing when the level is longer than a page.
     std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix) override;
+    // The ListObjectsV2 listing with the delimiter "/", page by page, with
+    // the sizes it gives.
+    std::optional<SizedLevel> listLevelWithSizes(const std::string& container, const std::string& prefix) override;
     // A CObjectLeaseLock with the options' lease.
     P<IFileSystemLock> lock(const ObjectName& name, bool exclusive) override;
 
@@ -49,9 +52,11 @@ public:
 private:
     // Throws NotFound, with the service's word, unless `bucket` exists.
     void checkBucket(const std::string& bucket);
-    // Lists `prefix` page by page; `delimiter` asks for one level.
+    // Lists `prefix` page by page; `delimiter` asks for one level. `found`
+    // hears each key with its object's size, and each folder of the level
+    // (a key prefix ending in "/") with the size -1.
     void listPages(const std::string& container, const std::string& prefix, bool delimiter, int limit,
-                   const std::function<void(const std::string& name)>& found);
+                   const std::function<void(const std::string& name, int64 size)>& found);
     void submitPut(const ObjectName& name, std::string bytes, bool conditional, Done done);
 
     CS3Client m_client;

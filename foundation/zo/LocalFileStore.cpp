@@ -276,6 +276,44 @@ void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrit
     placeTemporaryFile(temporary, target, targetPath, overwrite, sync);
 }
 
+std::string stageLocalFile(const CURI& file, int size, IInStream& source)
+{
+    const String targetPath = file.toString(true);
+    const CLocalEntry target = openLocalEntry(file.toLocalPath(), targetPath, "open");
+    CTemporaryFile temporary(target.folder.get(), target.name, targetPath);
+    copyFromSource(temporary.getFd(), size, source, targetPath);
+    // Only a head start for the sync that placeStagedLocalFile makes: a
+    // refusal changes nothing.
+    ::sync_file_range(temporary.getFd(), 0, 0, SYNC_FILE_RANGE_WRITE);
+    temporary.close(targetPath);
+    const std::string name = temporary.getName();
+    temporary.forget();
+    return name;
+}
+
+void placeStagedLocalFile(const CURI& file, const std::string& stagedName)
+{
+    const String targetPath = file.toString(true);
+    const CLocalEntry target = openLocalEntry(file.toLocalPath(), targetPath, "open");
+    const int folder = target.folder.get();
+    try {
+        const int fd = ::openat(folder, stagedName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0)
+            throw makeErrnoError(errno, "open", targetPath);
+        const bool failed = ::fdatasync(fd) != 0;
+        const int syncErrno = errno;
+        ::close(fd);
+        if (failed)
+            throw makeErrnoError(syncErrno, "fdatasync", targetPath);
+        checkReplaceable(target, targetPath);
+        if (::renameat(folder, stagedName.c_str(), folder, target.name.c_str()) != 0)
+            throw makeErrnoError(errno, "rename", targetPath);
+    } catch (...) {
+        ::unlinkat(folder, stagedName.c_str(), 0);
+        throw;
+    }
+}
+
 void copyLocalFile(const CURI& from, const CURI& to, bool overwrite, bool sync)
 {
     const CLocalEntry source = openLocalEntry(from.toLocalPath(), from.toString(true), "open");

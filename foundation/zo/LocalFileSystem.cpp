@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -308,8 +309,41 @@ void CLocalFileSystem::noteChangedFolder(const CURI& path, bool sync)
     m_batchFolders.insert(std::move(folder));
 }
 
+P<IFileSystemOp> CLocalFileSystem::beginStoreFileStaged(const CURI& file, int size, IInStream* source,
+                                                        IDoneListener* listener)
+{
+    checkStoreFileArguments("zo::CLocalFileSystem::beginStoreFileStaged", file, size, source);
+    // The pool's threads end before this object does (the destructor shuts
+    // the pool down), so the operation may note into it.
+    return postFileSystemOp(*m_pool, listener,
+                            [this, file, size, source = P<IInStream>(source), sync = isSyncEnabled()] {
+                                if (!sync) {
+                                    storeLocalFile(file, size, *source, true, LocalStoreSync::None);
+                                    return;
+                                }
+                                std::string name = stageLocalFile(file, size, *source);
+                                CMutexLock lock(m_batchMutex);
+                                m_staged.emplace_back(file, std::move(name));
+                            });
+}
+
 void CLocalFileSystem::syncBatch()
 {
+    std::vector<std::pair<CURI, std::string>> staged;
+    {
+        CMutexLock lock(m_batchMutex);
+        staged.swap(m_staged);
+    }
+    for (auto it = staged.begin(); it != staged.end(); ++it) {
+        try {
+            placeStagedLocalFile(it->first, it->second);
+        } catch (const CError&) {
+            CMutexLock lock(m_batchMutex);
+            m_staged.insert(m_staged.end(), std::next(it), staged.end());
+            throw;
+        }
+        noteChangedFolder(it->first, true);
+    }
     std::set<std::string> folders;
     {
         CMutexLock lock(m_batchMutex);

@@ -16,16 +16,19 @@
 #include "zo/Export.h"
 #include "zo/FileSystem.h"
 #include "zo/Mutex.h"
+#include "zo/StagedStore.h"
 
 #include <atomic>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace zo {
 
 class CCompletionPool;
 
-class BRICKDISK_EXPORT CLocalFileSystem : public CBase, public IFileSystem {
+class BRICKDISK_EXPORT CLocalFileSystem : public CBase, public IFileSystem, public IStagedStores {
 public:
     // The asynchronous operations run on `threadCount` worker threads of the
     // file system's own (at least one), which also call the listeners.
@@ -75,10 +78,18 @@ public:
     // syncBatch, once for all the stores into it.
     P<IFileSystemOp> beginStoreFileBatched(const CURI& file, int size, IInStream* source, bool overwrite,
                                            IDoneListener* listener) override;
-    // With sync on, fsync of each folder noted since the last call: the
-    // folders of batched stores and of deletions, and the parents of created
+    // With sync on, writes the temporary file of the store without a sync
+    // and keeps it for syncBatch, which syncs its bytes and renames it over
+    // `file`; with sync off, stores as beginStoreFile does.
+    P<IFileSystemOp> beginStoreFileStaged(const CURI& file, int size, IInStream* source,
+                                          IDoneListener* listener) override;
+    // With sync on: first the files of staged stores that reported success
+    // before the call, each synced (fdatasync) and renamed into place; then
+    // fsync of each folder noted since the last call: the folders of batched
+    // and staged stores and of deletions, and the parents of created
     // folders. A folder that no longer exists counts as done. On failure the
-    // folders not yet synced stay noted.
+    // staged files and folders not yet dealt with stay noted; a staged file
+    // that fails is dropped.
     void syncBatch() override;
     // mkdir with `mode`; the parent is noted for syncBatch.
     P<IFileSystemOp> beginCreateFolder(const CURI& folder, int mode, IDoneListener* listener) override;
@@ -120,6 +131,9 @@ private:
     CMutex m_batchMutex;
     // Folders whose entries changed since the last syncBatch (under m_batchMutex).
     std::set<std::string> m_batchFolders;
+    // Staged stores waiting for syncBatch: each target and the name of its
+    // temporary file in the target's folder (under m_batchMutex).
+    std::vector<std::pair<CURI, std::string>> m_staged;
     P<CCompletionPool> m_pool;
 };
 

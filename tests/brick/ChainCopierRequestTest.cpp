@@ -2,7 +2,8 @@
 // more import into the source it stores exactly the brick files that changed,
 // deletes those the source no longer holds and writes no other brick object,
 // counted by a wrapper around a file system over an object store in memory;
-// and it reads only the digests at the end of the destination's brick files.
+// it reads only the digests at the end of the destination's brick files, with
+// one request to the store per unchanged brick object.
 #include "brick/backup/ChainCopier.h"
 #include "brick/chain/BrickDisk.h"
 #include "objectstore/ObjectStoreFileSystem.h"
@@ -16,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -173,6 +175,90 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::map<std::string, zo::int64> m_bytesRead;
+};
+
+// Passes every call to an object store and counts, by key, the calls that
+// ask about one object: stat, read and readRange; and by prefix the
+// listings of one level with sizes.
+class CCountingObjectStore : public zo::CBase, public zo::IObjectStore {
+public:
+    explicit CCountingObjectStore(zo::IObjectStore* inner) : m_inner(inner) {}
+
+    void beginPut(const zo::ObjectName& name, std::string bytes, bool exclusive, Done done) override
+    {
+        m_inner->beginPut(name, std::move(bytes), exclusive, std::move(done));
+    }
+    void beginCopy(const zo::ObjectName& from, const zo::ObjectName& to, bool exclusive, Done done) override
+    {
+        m_inner->beginCopy(from, to, exclusive, std::move(done));
+    }
+    void beginRemove(const zo::ObjectName& name, Done done) override { m_inner->beginRemove(name, std::move(done)); }
+    std::optional<zo::int64> stat(const zo::ObjectName& name) override
+    {
+        note(m_stats, name.key);
+        return m_inner->stat(name);
+    }
+    std::string read(const zo::ObjectName& name) override
+    {
+        note(m_reads, name.key);
+        return m_inner->read(name);
+    }
+    std::string readRange(const zo::ObjectName& name, zo::int64 offset, int size) override
+    {
+        note(m_ranges, name.key);
+        return m_inner->readRange(name, offset, size);
+    }
+    void write(const zo::ObjectName& name, zo::int64 offset, const void* bytes, int size) override
+    {
+        m_inner->write(name, offset, bytes, size);
+    }
+    void truncate(const zo::ObjectName& name, zo::int64 length) override { m_inner->truncate(name, length); }
+    zo::TList<std::string> list(const std::string& container, const std::string& prefix, int limit) override
+    {
+        return m_inner->list(container, prefix, limit);
+    }
+    zo::TList<std::string> listChildren(const std::string& container, const std::string& prefix) override
+    {
+        return m_inner->listChildren(container, prefix);
+    }
+    std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix) override
+    {
+        return m_inner->listLevelInOneRequest(container, prefix);
+    }
+    std::optional<SizedLevel> listLevelWithSizes(const std::string& container, const std::string& prefix) override
+    {
+        note(m_sizedListings, prefix);
+        return m_inner->listLevelWithSizes(container, prefix);
+    }
+    P<zo::IFileSystemLock> lock(const zo::ObjectName& name, bool exclusive) override
+    {
+        return m_inner->lock(name, exclusive);
+    }
+
+    // The calls so far, by key (or prefix).
+    std::map<std::string, int> stats() const { return take(m_stats); }
+    std::map<std::string, int> reads() const { return take(m_reads); }
+    std::map<std::string, int> ranges() const { return take(m_ranges); }
+    std::map<std::string, int> sizedListings() const { return take(m_sizedListings); }
+
+private:
+    void note(std::map<std::string, int>& calls, const std::string& key)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++calls[key];
+    }
+    std::map<std::string, int> take(const std::map<std::string, int>& calls) const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return calls;
+    }
+
+    P<zo::IObjectStore> m_inner;
+    mutable std::mutex m_mutex;
+    std::map<std::string, int> m_stats;
+    std::map<std::string, int> m_reads;
+    std::map<std::string, int> m_ranges;
+    std::map<std::string, int> m_sizedListings;
 };
 
 void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
@@ -356,6 +442,63 @@ TEST(ChainCopierRequests, SecondCopyFetchesOnlyTheDigestsAtTheEndOfTheDestinatio
         tailsOnly += fetched > 0 ? 1 : 0;
     }
     EXPECT_GE(tailsOnly, 11);
+}
+
+// Per brick file that did not change, a second copy into a bucket asks the
+// store one thing: a ranged read of the digest at its end. The sizes that
+// tell which files to compare come from one listing with sizes per folder
+// of the brick tree, not from a request per file.
+TEST(ChainCopierRequests, SecondCopyAsksOneRangedReadPerUnchangedBrickObject)
+{
+    const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
+    const P<testsupport::CMemoryObjectStore> objects(new testsupport::CMemoryObjectStore());
+    const P<zo::CObjectStoreFileSystem> store(new zo::CObjectStoreFileSystem(objects.get(), "memory", 2));
+    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
+    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
+    testsupport::createLinkedChild(source.get(), CURI("/src/snaps/s0"), CURI("/src/disk"), kPassword);
+    writeBricks(source.get(), {1, 4, 12}, 20);
+    CChainCopier::copy(source.get(), CURI("/src/disk"), store.get(), CURI(kDestination), {});
+    const std::map<std::string, Bytes> before = sourceBrickFiles(source.get());
+    writeBricks(source.get(), {2, 9}, 30);
+    std::set<std::string> changed;
+    for (const auto& [path, bytes] : sourceBrickFiles(source.get())) {
+        const auto old = before.find(path);
+        if (old == before.end() || !(old->second == bytes))
+            changed.insert(path.substr(std::string("memory://bucket/").size()));
+    }
+    ASSERT_GE(changed.size(), 2u);
+
+    const P<CCountingObjectStore> counting(new CCountingObjectStore(objects.get()));
+    const P<zo::CObjectStoreFileSystem> fresh(new zo::CObjectStoreFileSystem(counting.get(), "memory", 2));
+    CChainCopier::Options options;
+    options.jobs = 3;
+    const CChainCopier::Summary summary =
+        CChainCopier::copy(source.get(), CURI("/src/disk"), fresh.get(), CURI(kDestination), options);
+
+    ASSERT_EQ(summary.filesSent, static_cast<zo::int64>(changed.size()));
+    const std::map<std::string, int> stats = counting->stats();
+    const std::map<std::string, int> reads = counting->reads();
+    const std::map<std::string, int> ranges = counting->ranges();
+    int unchanged = 0;
+    for (const std::string& key : objects->list("bucket", "dst/", 0)) {
+        if (key.find("/bricks/") == std::string::npos || key.back() == '/' || changed.count(key) > 0)
+            continue;
+        ++unchanged;
+        EXPECT_EQ(stats.count(key), 0u) << key;
+        EXPECT_EQ(reads.count(key), 0u) << key;
+        const auto found = ranges.find(key);
+        EXPECT_EQ(found == ranges.end() ? 0 : found->second, 1) << key;
+    }
+    EXPECT_EQ(unchanged, summary.filesSkipped);
+    // Each folder of each disk's brick tree is listed once.
+    int treeListings = 0;
+    for (const auto& [prefix, calls] : counting->sizedListings()) {
+        if (prefix.find("/bricks/") == std::string::npos)
+            continue;
+        EXPECT_EQ(calls, 1) << prefix;
+        ++treeListings;
+    }
+    EXPECT_GE(treeListings, 2);
 }
 
 } // namespace

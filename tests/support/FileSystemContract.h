@@ -8,7 +8,9 @@
 
 #include "zo/BufferStream.h"
 #include "zo/FileSystem.h"
+#include "zo/FileSystemQueries.h"
 #include "zo/Signal.h"
+#include "zo/StagedStore.h"
 
 #include <gtest/gtest.h>
 
@@ -731,6 +733,60 @@ TYPED_TEST_P(FileSystemContractTest, ListFolderOfAFileThrowsNotAFolder)
     EXPECT_EQ(thrownProblem([&] { this->fs().listFolder(this->path("a")); }), CFileSystemError::NotAFolder);
 }
 
+TYPED_TEST_P(FileSystemContractTest, ListFolderWithInfoGivesTheSortedEntriesWithTheirKindsAndSizes)
+{
+    this->fs().createFolder(this->path("list/c/grandchild"), folderMode);
+    this->fs().createFolder(this->path("list/empty"), folderMode);
+    this->writeFile(this->path("list/b.brick"), "bytes");
+    this->writeFile(this->path("list/a.brick"), "");
+    this->writeFile(this->path("list/c/deep.brick"), "deep");
+    const std::vector<FolderEntry> entries = zo::listFolderWithInfo(&this->fs(), this->path("list"));
+    ASSERT_EQ(entries.size(), 4u);
+    const std::vector<std::string> names{"a.brick", "b.brick", "c", "empty"};
+    const std::vector<bool> folders{false, false, true, true};
+    const std::vector<int64> sizes{0, 5, 0, 0};
+    for (size_t i = 0; i < entries.size(); ++i) {
+        EXPECT_EQ(entries[i].name.toUTF8(), names[i]);
+        EXPECT_EQ(entries[i].isFolder, folders[i]) << names[i];
+        EXPECT_EQ(entries[i].size, sizes[i]) << names[i];
+    }
+    EXPECT_TRUE(zo::listFolderWithInfo(&this->fs(), this->path("list/empty")).empty());
+    EXPECT_EQ(thrownProblem([&] { zo::listFolderWithInfo(&this->fs(), this->path("missing")); }),
+              CFileSystemError::NotFound);
+    EXPECT_EQ(thrownProblem([&] { zo::listFolderWithInfo(&this->fs(), this->path("list/b.brick")); }),
+              CFileSystemError::NotAFolder);
+}
+
+TYPED_TEST_P(FileSystemContractTest, StagedStoreIsInPlaceOnceTheBatchIsSynced)
+{
+    this->writeFile(this->path("s"), "old bytes");
+    const auto stage = [&](const CURI& file, const std::string& bytes) {
+        const P<IInStream> source = makeSource(bytes);
+        return zo::beginStoreFileStaged(&this->fs(), file, static_cast<int>(bytes.size()), source.get(), nullptr);
+    };
+    stage(this->path("s"), "new")->wait();
+    stage(this->path("t"), "made")->wait();
+    this->fs().syncBatch();
+    EXPECT_EQ(this->readFile(this->path("s")), "new");
+    EXPECT_EQ(this->readFile(this->path("t")), "made");
+    const P<IFileSystemOp> failed = stage(this->path("missing/u"), "x");
+    failed->waitDone(-1);
+    EXPECT_EQ(problemOf(failed->getError()), CFileSystemError::NotFound);
+}
+
+TYPED_TEST_P(FileSystemContractTest, ReadRangeReadsTheBytesOfTheRangeOrThrowsEndOfData)
+{
+    this->writeFile(this->path("r"), "0123456789");
+    char bytes[4] = {};
+    zo::readFileRange(&this->fs(), this->path("r"), 6, bytes, 4);
+    EXPECT_EQ(std::string(bytes, 4), "6789");
+    zo::readFileRange(&this->fs(), this->path("r"), 0, bytes, 2);
+    EXPECT_EQ(std::string(bytes, 2), "01");
+    EXPECT_EQ(thrownIOCode([&] { zo::readFileRange(&this->fs(), this->path("r"), 8, bytes, 4); }), CIOError::EndOfData);
+    EXPECT_EQ(thrownProblem([&] { zo::readFileRange(&this->fs(), this->path("missing"), 0, bytes, 4); }),
+              CFileSystemError::NotFound);
+}
+
 // --- completions ---
 
 TYPED_TEST_P(FileSystemContractTest, EveryListenerIsCalledExactlyOnce)
@@ -922,7 +978,9 @@ REGISTER_TYPED_TEST_SUITE_P(
     CreateFolderWhereAFileIsFailsWithAlreadyExists, ExistenceQueriesTellFilesFoldersAndMissingPathsApart,
     DeleteFileRemovesTheFile, DeleteFileOfAMissingFileSucceedsOnlyWhenMissingIsIgnored,
     ListFolderGivesTheSortedNamesOfItsFilesAndFolders, ListFolderOfAnEmptyFolderIsEmpty,
-    ListFolderOfAMissingFolderThrowsNotFound, ListFolderOfAFileThrowsNotAFolder, EveryListenerIsCalledExactlyOnce,
+    ListFolderOfAMissingFolderThrowsNotFound, ListFolderOfAFileThrowsNotAFolder,
+    ListFolderWithInfoGivesTheSortedEntriesWithTheirKindsAndSizes, ReadRangeReadsTheBytesOfTheRangeOrThrowsEndOfData,
+    StagedStoreIsInPlaceOnceTheBatchIsSynced, EveryListenerIsCalledExactlyOnce,
     WaitDoneTurnsTrueOnlyOnceTheListenerHasReturned, ListenerIsCalledOnAThreadOfTheFileSystem,
     ListenerAndSourceAreHeldUntilTheOperationEnds, OperationWithoutListenerCompletesItsHandle,
     HandleOfASuccessGivesNoErrorAndWaitReturns, HandleOfAFailureGivesItsErrorAndWaitThrowsIt,

@@ -185,6 +185,31 @@ std::optional<zo::IObjectStore::Level> CMemoryObjectStore::listLevelInOneRequest
     return level;
 }
 
+std::optional<zo::IObjectStore::SizedLevel> CMemoryObjectStore::listLevelWithSizes(const std::string& container,
+                                                                                   const std::string& prefix)
+{
+    std::lock_guard lock(m_mutex);
+    if (m_levelPageSize <= 0)
+        return std::nullopt;
+    ++m_counts.lists;
+    SizedLevel level;
+    for (const auto& [key, bytes] : m_objects) {
+        if (key.first != container || key.second.compare(0, prefix.size(), prefix) != 0)
+            continue;
+        if (key.second.size() == prefix.size()) {
+            level.hasMarker = true;
+            continue;
+        }
+        const std::string rest = key.second.substr(prefix.size());
+        const size_t slash = rest.find('/');
+        if (slash == std::string::npos)
+            level.files.emplace(rest, static_cast<zo::int64>(bytes.size()));
+        else
+            level.folders.insert(rest.substr(0, slash));
+    }
+    return level;
+}
+
 zo::P<zo::IFileSystemLock> CMemoryObjectStore::lock(const ObjectName& name, bool exclusive)
 {
     std::lock_guard lock(m_mutex);

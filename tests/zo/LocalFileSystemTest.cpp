@@ -155,6 +155,52 @@ TEST_F(LocalFileSystemTest, BatchSyncCountsAFolderRemovedSinceItsStoreAsDone)
     EXPECT_EQ(readFile(temp.path() + "/kept/00.brick"), "kept");
 }
 
+// A staged store writes a temporary file and leaves the target as it was;
+// the batch's sync puts the new bytes in place. A file system that goes
+// without a sync leaves only the temporary file, which removeTemporaryFiles
+// takes away.
+TEST_F(LocalFileSystemTest, StagedStoreReplacesTheFileOnlyAtTheBatchSync)
+{
+    EXPECT_FALSE(store(temp.uri() << "00.brick", "old", false));
+    const auto stage = [&](const std::string& bytes) {
+        P<COutcomeListener> listener(new COutcomeListener());
+        P<CSource> source(new CSource(bytes));
+        EXPECT_TRUE(fs->beginStoreFileStaged(temp.uri() << "00.brick", static_cast<int>(bytes.size()), source.get(),
+                                             listener.get())
+                        ->waitDone(waitMillis));
+        EXPECT_FALSE(listener->getError());
+    };
+    stage("new");
+    EXPECT_EQ(readFile(temp.path() + "/00.brick"), "old");
+    EXPECT_EQ(folderEntries(temp.path()).size(), 2u);
+    fs->syncBatch();
+    EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>{"00.brick"});
+    EXPECT_EQ(readFile(temp.path() + "/00.brick"), "new");
+
+    stage("never placed");
+    fs = new CLocalFileSystem();
+    EXPECT_EQ(readFile(temp.path() + "/00.brick"), "new");
+    EXPECT_EQ(fs->removeTemporaryFiles(temp.uri()), 1);
+    EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>{"00.brick"});
+}
+
+TEST_F(LocalFileSystemTest, StagedStoreIntoAMissingFolderFailsWithNotFoundAndWithSyncOffStoresAtOnce)
+{
+    P<COutcomeListener> listener(new COutcomeListener());
+    P<CSource> source(new CSource("x"));
+    EXPECT_TRUE(fs->beginStoreFileStaged(temp.uri() << "missing"
+                                                    << "00.brick",
+                                         1, source.get(), listener.get())
+                    ->waitDone(waitMillis));
+    EXPECT_EQ(problemOf(listener->getError()), CFileSystemError::NotFound);
+
+    fs->setSyncEnabled(false);
+    P<CSource> unsynced(new CSource("at once"));
+    fs->beginStoreFileStaged(temp.uri() << "00.brick", 7, unsynced.get(), nullptr)->wait();
+    EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>{"00.brick"});
+    EXPECT_EQ(readFile(temp.path() + "/00.brick"), "at once");
+}
+
 TEST_F(LocalFileSystemTest, StoreFromAShortSourceLeavesNoTemporaryFile)
 {
     P<CSource> source(new CSource("only five"));

@@ -5,6 +5,8 @@
 #include "zo/Stream.h"
 #include "zo/URI.h"
 
+#include <string>
+
 namespace zo {
 
 // How much of a store is durable when storeLocalFile returns.
@@ -23,6 +25,19 @@ enum class LocalStoreSync {
 // EndOfData when the source delivers fewer bytes, or whatever the source
 // throws; no temporary file remains then.
 void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrite, LocalStoreSync sync);
+
+// Writes exactly `size` bytes of `source` into a new temporary file next to
+// `file`, without a sync, starts writing them out to the disk without
+// waiting, and returns the temporary file's name in that folder; `file`
+// itself is not touched. Throws as storeLocalFile; no temporary file
+// remains then.
+std::string stageLocalFile(const CURI& file, int size, IInStream& source);
+
+// Makes the bytes of the temporary file `stagedName` that stageLocalFile
+// wrote for `file` durable (fdatasync), then renames it over `file`, which
+// must be a regular file or missing; the folder entry is not synced. Throws
+// CFileSystemError; the temporary file is removed then.
+void placeStagedLocalFile(const CURI& file, const std::string& stagedName);
 
 // Copies `from` to `to`, leaving `from` in place: a hard link where both lie
 // on one file system (this file system replaces files by renaming, never
