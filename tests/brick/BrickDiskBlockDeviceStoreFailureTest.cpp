@@ -3,11 +3,13 @@
 // store of it succeeds, and nothing acknowledged is ever dropped.
 #include "brick/serving/BrickDiskBlockDevice.h"
 
+#include "support/BlockDeviceTestDisk.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -29,37 +31,12 @@ using zo::int64;
 using zo::P;
 using Op = CMemoryFileSystem::Operation;
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-constexpr int kBrickCount = 12;
-constexpr int64 kDiskSize = static_cast<int64>(kBrickCount) * kBrickSize;
-const char* const kFolder = "/disks/a";
-const char* const kPassword = "pw";
+// The smallest cache (4 bricks): most bricks written over the whole disk are
+// stored when they are evicted, before any flush.
+constexpr int64 kSmallestCache = 0;
 
-class BrickDiskBlockDeviceStoreFailureTest : public ::testing::Test {
+class BrickDiskBlockDeviceStoreFailureTest : public testsupport::BlockDeviceTestDisk {
 protected:
-    void SetUp() override { testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword); }
-
-    // The smallest cache (4 bricks) by default: most bricks written over the
-    // whole disk are stored when they are evicted, before any flush.
-    P<CBrickDiskBlockDevice> openDevice(int64 cacheBytes = 0)
-    {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword);
-        return P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(disk.get(), cacheBytes));
-    }
-
-    Bytes storedBytes(int64 position, int size)
-    {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead);
-        return testsupport::readAt(*disk, position, size);
-    }
-
-    static Bytes readDevice(CBrickDiskBlockDevice& device, int64 position, int size)
-    {
-        Bytes bytes(size);
-        device.read(bytes.getData(), position, size);
-        return bytes;
-    }
-
     // Writes `bytes` over the whole disk in pieces of one and a half bricks,
     // so that some bricks are written whole and others in two parts.
     static void writeWholeDisk(CBrickDiskBlockDevice& device, const Bytes& bytes)
@@ -68,13 +45,6 @@ protected:
         for (int64 at = 0; at < kDiskSize; at += piece)
             device.write(bytes.getData() + at, at, std::min(piece, kDiskSize - at));
     }
-
-    static Bytes brickOf(const Bytes& bytes, int64 index)
-    {
-        return Bytes(bytes.getData() + index * kBrickSize, kBrickSize);
-    }
-
-    P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
 };
 
 TEST_F(BrickDiskBlockDeviceStoreFailureTest, AFailedStoreKeepsTheBrickForReadsAndTheNextFlushStoresIt)
@@ -122,7 +92,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, EveryFlushReportsTheBrickUntilItIsS
 // the next flush stores all of them.
 TEST_F(BrickDiskBlockDeviceStoreFailureTest, BricksEvictedWhileTheFileSystemIsFullAreKeptUntilStored)
 {
-    const P<CBrickDiskBlockDevice> device = openDevice();
+    const P<CBrickDiskBlockDevice> device = openDevice(kSmallestCache);
     fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, true);
     const Bytes data = testsupport::patternBytes(static_cast<int>(kDiskSize), 3);
     writeWholeDisk(*device, data);
@@ -171,7 +141,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
     // Operations made without failures: the sweep covers each of them.
     std::map<Op, int> countsWithoutFailure;
     {
-        const P<CBrickDiskBlockDevice> device = openDevice();
+        const P<CBrickDiskBlockDevice> device = openDevice(kSmallestCache);
         fs->resetCounters();
         writeWholeDisk(*device, first);
         device->flush();
@@ -190,11 +160,11 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
                     SCOPED_TRACE(std::string(CMemoryFileSystem::getOperationName(kind)) + " " + std::to_string(nth) +
                                  (persistent ? " and after" : " once") + ", problem " + std::to_string(problem));
                     fs = P<CMemoryFileSystem>(new CMemoryFileSystem(2));
-                    testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword);
+                    createTestDisk();
                     std::set<int64> reported;
                     bool stopReportedFailure = false;
                     {
-                        const P<CBrickDiskBlockDevice> device = openDevice();
+                        const P<CBrickDiskBlockDevice> device = openDevice(kSmallestCache);
                         fs->failOperation(kind, nth, problem, persistent);
                         const auto flushNoting = [&] {
                             try {
@@ -221,7 +191,8 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
                         }
                     }
                     for (int64 index = 0; index < kBrickCount; ++index) {
-                        if (storedBytes(index * kBrickSize, kBrickSize) == brickOf(expected, index))
+                        if (storedBytes(index * kBrickSize, kBrickSize) ==
+                            bricksOf(expected, static_cast<int>(index), 1))
                             continue;
                         EXPECT_TRUE(stopReportedFailure && reported.count(index) != 0)
                             << "brick " << index << " is not stored and no flush said so";
