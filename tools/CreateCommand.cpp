@@ -27,24 +27,12 @@ namespace cli {
 
 namespace {
 
-// Without --brick-size: 512 KiB bricks in a local folder; in an object store,
-// where every brick is a request and a service's work per object bounds the
-// speed, 4 MiB bricks (eight times fewer objects).
-constexpr const char* kLocalBrickSize = "512K";
-constexpr const char* kObjectStoreBrickSize = "4M";
-// Without --compression: LZ4 in a local folder, where import speed counts
-// most; in an object store, where every stored byte is paid for and the
-// network is slower than zstd at level 3, zstd-3 (about two thirds of LZ4's
-// bytes on the comparison image; docs/benchmarks.md).
-constexpr const char* kLocalCompression = "lz4";
-constexpr const char* kObjectStoreCompression = "zstd-3";
-
 struct CreateOptions {
     std::string disk;
     std::string size;
-    // Empty: kLocalBrickSize or kObjectStoreBrickSize, by where the disk is.
+    // Empty: the library's default for the disk's store.
     std::string brickSize;
-    // Empty: kLocalCompression or kObjectStoreCompression, by where the disk is.
+    // Empty: the library's default for the disk's store.
     std::string compression;
     // Empty: the library's default for the key derivation.
     std::string checksum;
@@ -71,22 +59,18 @@ std::string encryptionDescription(const brick::CBrickDiskHeader& header)
     return "encrypted with " + cipher + ", key by PKCS5-PBKDF2-HMAC-SHA1";
 }
 
-// The library's choices of the new disk, from the command line.
-brick::CBrickDisk::CreateOptions diskChoices(const CreateOptions& options, const zo::CURI& folder)
+// The library's choices of the new disk, from the command line; what is left
+// open the library decides by the disk's store.
+brick::CBrickDisk::CreateOptions diskChoices(const CreateOptions& options)
 {
     if (options.noEncryption && !options.cipher.empty())
         throw UsageError("--cipher does not go with --no-encryption");
     brick::CBrickDisk::CreateOptions choices;
     choices.diskSize = parseByteSize(options.size, "disk size");
-    const std::string brickSize = !options.brickSize.empty() ? options.brickSize
-        : isLocalFolder(folder)                              ? kLocalBrickSize
-                                                             : kObjectStoreBrickSize;
-    const zo::int64 brickBytes = parseByteSize(brickSize, "brick size");
-    // A size beyond every valid one stays invalid when it is narrowed.
-    choices.brickSize = brickBytes > brick::CBrickDiskHeaderLimits::kMaxBrickSize ? -1 : static_cast<int>(brickBytes);
-    choices.compressorID = zo::String(!options.compression.empty() ? options.compression
-                                          : isLocalFolder(folder)  ? kLocalCompression
-                                                                   : kObjectStoreCompression);
+    if (!options.brickSize.empty())
+        choices.brickSize = parseByteSize(options.brickSize, "brick size");
+    if (!options.compression.empty())
+        choices.compressorID = zo::String(options.compression);
     choices.keyDeriverID = options.kdf == "argon2id" ? brick::CBrickDiskHeader::kKeyWrappingDeriverID
                                                      : brick::CBrickDiskHeader::kPBKDF2DeriverID;
     choices.checkSumID = zo::String(options.checksum);
@@ -97,10 +81,11 @@ brick::CBrickDisk::CreateOptions diskChoices(const CreateOptions& options, const
 
 // Refuses the choices that the disk could not have as usage errors, saying
 // which option to change.
-void checkDiskChoices(const CreateOptions& options, const brick::CBrickDisk::CreateOptions& choices)
+void checkDiskChoices(const CreateOptions& options, const brick::CBrickDisk::CreateOptions& choices,
+                      const zo::CURI& folder)
 {
     try {
-        brick::CBrickDisk::checkCreateOptions(choices);
+        brick::CBrickDisk::checkCreateOptions(choices, folder);
     } catch (const zo::CError& e) {
         const zo::String field = e.getProps().lookup("field");
         if (field == "brickSize")
@@ -109,16 +94,15 @@ void checkDiskChoices(const CreateOptions& options, const brick::CBrickDisk::Cre
         if (field == "diskSize" && choices.diskSize < 1)
             throw UsageError("invalid disk size '" + options.size + "': a disk holds at least one byte");
         if (field == "diskSize") {
-            brick::CBrickDiskHeader sized;
-            sized.setDiskSize(choices.diskSize);
-            sized.setBrickSize(choices.brickSize);
-            throw UsageError("a disk of " + options.size + " needs " + std::to_string(sized.getBrickCount()) +
+            const brick::CBrickDisk::CreateOptions resolved = brick::CBrickDisk::resolveCreateOptions(choices, folder);
+            const zo::int64 bricks = brick::CBrickDiskHeader::countBricks(resolved.diskSize, *resolved.brickSize);
+            throw UsageError("a disk of " + options.size + " needs " + std::to_string(bricks) +
                              " bricks, more than the " +
                              std::to_string(brick::CBrickDiskHeaderLimits::getMaxBrickCount()) +
                              " that a disk can hold; choose larger bricks");
         }
         if (field == "compressID")
-            throw UsageError("unknown compression '" + choices.compressorID.toUTF8() +
+            throw UsageError("unknown compression '" + options.compression +
                              "': use null, lz4, lz4hc, zlib-LEVEL (0 to 9), lzma-PRESET[-EXTREME] (0 to 9, "
                              "extreme 0 or 1) or zstd-LEVEL (1 to 19)");
         if (field == "checkSumHashID")
@@ -134,8 +118,8 @@ void checkDiskChoices(const CreateOptions& options, const brick::CBrickDisk::Cre
 int runCreate(const CreateOptions& options)
 {
     const zo::CURI folder = diskFolderURI(options.disk);
-    const brick::CBrickDisk::CreateOptions choices = diskChoices(options, folder);
-    checkDiskChoices(options, choices);
+    const brick::CBrickDisk::CreateOptions choices = diskChoices(options);
+    checkDiskChoices(options, choices, folder);
 
     const zo::P<zo::IFileSystem> fs = newFileSystem(folder, true, 1);
     if (!isMissingOrEmptyFolder(fs.get(), folder))
@@ -143,9 +127,7 @@ int runCreate(const CreateOptions& options)
                          zo::CProps().add("diskFolder", folder.toString(true)));
 
     const zo::String password = options.noEncryption ? zo::String() : options.passwords.forNewDisk(options.disk);
-    brick::CBrickDisk::create(fs.get(), folder, password, choices);
-    brick::CBrickDiskHeader header;
-    header.load(fs.get(), folder);
+    const brick::CBrickDiskHeader header = brick::CBrickDisk::create(fs.get(), folder, password, choices);
     std::printf("created %s: %s in %lld bricks of %s, compression %s, %s, brick digest %s\n",
                 folder.toLocalPath().c_str(), formatBytes(header.getDiskSize()).c_str(),
                 static_cast<long long>(header.getBrickCount()), formatBytes(header.getBrickSize()).c_str(),

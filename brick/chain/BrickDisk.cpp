@@ -2,6 +2,7 @@
 
 #include "brick/Version.h"
 #include "brick/chain/BrickDiskChain.h"
+#include "brick/chain/DiskStore.h"
 #include "brick/detail/ChainWalk.h"
 #include "brick/detail/FolderMode.h"
 #include "brick/detail/PasswordBytes.h"
@@ -150,10 +151,15 @@ bool CBrickDisk::isEncryptPasswordCorrect(zo::IFileSystem* fs, const zo::CURI& d
 
 // ---- Creation ---------------------------------------------------------------
 
-CBrickDisk::CreateOptions CBrickDisk::withDefaults(const CreateOptions& options)
+CBrickDisk::CreateOptions CBrickDisk::resolveCreateOptions(const CreateOptions& options, const CURI& diskFolder)
 {
+    const bool local = getStoreKind(diskFolder.toLocalPath()) == StoreKind::LocalFolder;
     const bool wrapped = options.keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID;
     CreateOptions resolved = options;
+    if (!resolved.brickSize)
+        resolved.brickSize = local ? kLocalFolderBrickSize : kObjectStoreBrickSize;
+    if (!resolved.compressorID)
+        resolved.compressorID = String(local ? kLocalFolderCompressorID : kObjectStoreCompressorID);
     if (resolved.checkSumID.isEmpty())
         resolved.checkSumID = wrapped ? kAuthenticatedCheckSumID : "sha256";
     if (resolved.cipherID.isEmpty())
@@ -163,20 +169,20 @@ CBrickDisk::CreateOptions CBrickDisk::withDefaults(const CreateOptions& options)
     return resolved;
 }
 
-void CBrickDisk::checkCreateOptions(const CreateOptions& options)
+void CBrickDisk::checkCreateOptions(const CreateOptions& options, const CURI& diskFolder)
 {
-    const CreateOptions resolved = withDefaults(options);
-    CBrickDiskHeaderLimits::checkBrickSize(resolved.brickSize);
-    CBrickDiskHeaderLimits::checkDiskSize(resolved.diskSize, resolved.brickSize);
-    CBrickDiskHeaderLimits::checkPayloadBlockSize(resolved.payloadBlockSize, resolved.brickSize);
-    CBrickDiskHeaderLimits::checkCompressID(resolved.compressorID);
+    const CreateOptions resolved = resolveCreateOptions(options, diskFolder);
+    CBrickDiskHeaderLimits::checkBrickSize(*resolved.brickSize);
+    CBrickDiskHeaderLimits::checkDiskSize(resolved.diskSize, *resolved.brickSize);
+    CBrickDiskHeaderLimits::checkPayloadBlockSize(resolved.payloadBlockSize, *resolved.brickSize);
+    CBrickDiskHeaderLimits::checkCompressID(*resolved.compressorID);
     CBrickDiskHeaderLimits::checkNewDiskAlgorithms(resolved.keyDeriverID, resolved.checkSumID, resolved.cipherID);
 }
 
 CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolder, const CreateOptions& options)
 {
     // Nothing is made for a disk that could not be opened.
-    checkCreateOptions(options);
+    checkCreateOptions(options, diskFolder);
     fs->createFolder(diskFolder, kFolderMode);
     if (fs->fileExists(CBrickDiskHeader::getHeaderURI(diskFolder, 0)))
         throw CError("Cannot create brick disk in a folder that already contains one.", String(), -1,
@@ -184,9 +190,10 @@ CBrickDiskHeader CBrickDisk::startNewDisk(IFileSystem* fs, const CURI& diskFolde
 
     CBrickDiskHeader header;
     header.setDiskSize(options.diskSize);
-    header.setBrickSize(options.brickSize);
+    // Checked above: a valid brick size fits an int.
+    header.setBrickSize(static_cast<int>(*options.brickSize));
     header.setPayloadBlockSize(options.payloadBlockSize);
-    header.setCompressID(options.compressorID);
+    header.setCompressID(*options.compressorID);
     header.setCheckSumHashID(options.checkSumID);
     return header;
 }
@@ -227,9 +234,10 @@ void CBrickDisk::setUpDerivedKey(CBrickDiskHeader& header, const String& passwor
     header.setCipherKeyHash(TBuffer<uint8>(digest->getDigest(), digest->getSize()));
 }
 
-void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, const String& password, const CreateOptions& options)
+CBrickDiskHeader CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, const String& password,
+                                    const CreateOptions& options)
 {
-    const CreateOptions resolved = withDefaults(options);
+    const CreateOptions resolved = resolveCreateOptions(options, diskFolder);
     CBrickDiskHeader header = startNewDisk(fs, diskFolder, resolved);
     if (resolved.keyDeriverID == CBrickDiskHeader::kKeyWrappingDeriverID)
         setUpWrappedKey(header, password, resolved.cipherID, resolved.cost);
@@ -238,6 +246,7 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, const String& p
     CBrickDiskHeaderLimits::validate(header, diskFolder);
     CBrickDiskCreationTime::storeNow(fs, diskFolder);
     header.store(fs, diskFolder);
+    return header;
 }
 
 void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, int64 diskSize, int payloadBlockSize,
@@ -246,8 +255,7 @@ void CBrickDisk::createAuthenticated(IFileSystem* fs, const CURI& diskFolder, in
 {
     CreateOptions options;
     options.diskSize = diskSize;
-    if (brickSize != -1)
-        options.brickSize = brickSize;
+    options.brickSize = brickSize == -1 ? kLocalFolderBrickSize : brickSize;
     options.payloadBlockSize = payloadBlockSize;
     options.compressorID = compressorID;
     options.cipherID = cipherID;
@@ -260,8 +268,7 @@ void CBrickDisk::create(IFileSystem* fs, const CURI& diskFolder, int64 diskSize,
 {
     CreateOptions options;
     options.diskSize = diskSize;
-    if (brickSize != -1)
-        options.brickSize = brickSize;
+    options.brickSize = brickSize == -1 ? kLocalFolderBrickSize : brickSize;
     options.payloadBlockSize = payloadBlockSize;
     options.compressorID = compressorID;
     options.keyDeriverID = CBrickDiskHeader::kPBKDF2DeriverID;

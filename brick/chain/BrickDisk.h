@@ -21,6 +21,8 @@
 #include "zo/String.h"
 #include "zo/URI.h"
 
+#include <optional>
+
 namespace brick {
 
 using zo::IIOStream;
@@ -92,17 +94,33 @@ public:
 
     // ---- Creation -------------------------------------------------------
 
-    // Every choice of a new disk's header, for the create call below.
+    // Without a choice, a new disk in a local folder gets 512 KiB bricks and
+    // LZ4, where import speed counts most; in an object store (Ceph, S3),
+    // where every brick is a request, every stored byte is paid for and the
+    // network is slower than zstd at level 3, 4 MiB bricks (eight times fewer
+    // objects) and zstd-3 (about two thirds of LZ4's bytes on the comparison
+    // image; docs/benchmarks.md).
+    static constexpr int kLocalFolderBrickSize = 512 << 10;
+    static constexpr int kObjectStoreBrickSize = 4 << 20;
+    static constexpr const char* kLocalFolderCompressorID = "lz4";
+    static constexpr const char* kObjectStoreCompressorID = "zstd-3";
+
+    // Every choice of a new disk's header, for the create call below; a
+    // choice left open takes the default of the disk's store or of its key
+    // deriver (resolveCreateOptions).
     struct CreateOptions {
         // The disk's size in bytes, at least 1 and at most the bricks that
         // the brick tree addresses (CBrickDiskHeaderLimits::checkDiskSize).
         int64 diskSize = 0;
-        // A power of two from 4 KiB to 64 MiB.
-        int brickSize = 0x80000;
+        // A power of two from 4 KiB to 64 MiB, checked as given (a size
+        // beyond every valid one is refused, never narrowed); none for the
+        // default of the disk's store.
+        std::optional<int64> brickSize;
         // From 1 to the brick size.
         int payloadBlockSize = 1;
-        // An ID of CBrickDiskHeaderLimits::isValidCompressID.
-        String compressorID = "lz4";
+        // An ID of CBrickDiskHeaderLimits::isValidCompressID; none for the
+        // default of the disk's store.
+        std::optional<String> compressorID;
         // How the cipher key comes from the password:
         // CBrickDiskHeader::kKeyWrappingDeriverID (a random key wrapped
         // under an Argon2id key, authenticated bricks and an identity; see
@@ -123,23 +141,32 @@ public:
         seal::Argon2idCost cost{0, 0, 0};
     };
 
+    // `options` with every choice left open made: the brick size and the
+    // compressor by the store of `diskFolder` (brick::getStoreKind: the
+    // kLocalFolder... defaults for a local folder, the kObjectStore...
+    // defaults for Ceph and S3), the checksum, cipher and cost by the key
+    // deriver. Checks nothing, touches nothing, never throws. Any thread.
+    static CreateOptions resolveCreateOptions(const CreateOptions& options, const CURI& diskFolder);
+
     // Throws the zo::CError of CBrickDiskHeaderLimits ("field", "value")
-    // for the first choice of `options` that a new disk cannot have, in the
-    // order brick size, disk size, payload block size, compressor ID, key
-    // deriver, checksum ID and cipher ID. Touches nothing. Any thread.
-    static void checkCreateOptions(const CreateOptions& options);
+    // for the first choice of `options` (resolved for `diskFolder`) that a
+    // new disk cannot have, in the order brick size, disk size, payload
+    // block size, compressor ID, key deriver, checksum ID and cipher ID.
+    // Touches nothing. Any thread.
+    static void checkCreateOptions(const CreateOptions& options, const CURI& diskFolder);
 
     // Makes a new, empty disk in `diskFolder` (created with its missing
-    // parents) with every choice of `options` in its header, which is
-    // written once: its creation time (CBrickDiskCreationTime), then its
-    // header, each with its fallback copy. An empty password makes an
-    // unencrypted disk. Throws what checkCreateOptions throws before
-    // anything is made, zo::CInvalidArgError for a cost that Argon2id
-    // refuses, CError "Cannot create brick disk in a folder that
-    // already contains one." (with "diskFolder") when the folder holds a
-    // header already, and passes on the errors of the file system and of
-    // key derivation. Any thread.
-    static void create(IFileSystem* fs, const CURI& diskFolder, const String& password, const CreateOptions& options);
+    // parents) with every choice of `options` (resolved for `diskFolder`) in
+    // its header, which is written once: its creation time
+    // (CBrickDiskCreationTime), then its header, each with its fallback
+    // copy; returns that header. An empty password makes an unencrypted
+    // disk. Throws what checkCreateOptions throws before anything is made,
+    // zo::CInvalidArgError for a cost that Argon2id refuses, CError "Cannot
+    // create brick disk in a folder that already contains one." (with
+    // "diskFolder") when the folder holds a header already, and passes on
+    // the errors of the file system and of key derivation. Any thread.
+    static CBrickDiskHeader create(IFileSystem* fs, const CURI& diskFolder, const String& password,
+                                   const CreateOptions& options);
 
     // Makes a new, empty disk in `diskFolder` (created with its missing
     // parents): writes its creation time (CBrickDiskCreationTime), then its
@@ -349,9 +376,6 @@ protected:
     [[noreturn]] void throwIOError(zo::CIOError::Code code, const zo::CProps& props) const;
 
 private:
-    // `options` with the deriver's defaults for an empty checksum, cipher
-    // and cost.
-    static CreateOptions withDefaults(const CreateOptions& options);
     // Creates the folder of a new disk, checks that it holds no disk yet and
     // returns a default header with the choices of `options` (checked).
     static CBrickDiskHeader startNewDisk(IFileSystem* fs, const CURI& diskFolder, const CreateOptions& options);

@@ -167,9 +167,12 @@ void CBrickStoreQueue::onStorerDone(CEntry& entry, const CError* error)
     if (error)
         zo::logError(*error, "Error during background brick storing operation.", String::getEmptyString());
     const P<IDoneListener> listener = std::move(entry.listener);
+    std::function<void(int64)> failureHook;
     {
         std::lock_guard lock(m_mutex);
         noteEnded(entry, error);
+        if (error)
+            failureHook = m_failureHook;
     }
     // The entry stays unfinished while its listener runs, even if it throws.
     struct Finish {
@@ -181,8 +184,16 @@ void CBrickStoreQueue::onStorerDone(CEntry& entry, const CError* error)
             queue.noteFinished(entry);
         }
     } finish{*this, entry};
+    if (failureHook)
+        failureHook(entry.brickIndex);
     if (listener)
         listener->onDone(error);
+}
+
+void CBrickStoreQueue::setFailureHook(std::function<void(int64 brickIndex)> hook)
+{
+    std::lock_guard lock(m_mutex);
+    m_failureHook = std::move(hook);
 }
 
 void CBrickStoreQueue::noteFinished(const CEntry& entry)

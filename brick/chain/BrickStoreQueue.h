@@ -121,6 +121,15 @@ public:
     // until a store of it succeeds.
     void recordFailure(int64 brickIndex, const CError& error);
 
+    // A test seam: `hook` (empty for none) is called with the brick's index
+    // on the file system's thread of every store that fails, after the queue
+    // has recorded the failure (getStoreOf, getFailures and getUnstoredBricks
+    // show it) and before the store's listener is called; the store stays
+    // unfinished (waitForAll waits for it) until its listener has returned.
+    // It lets a test do its own steps in that moment. The hook must not
+    // throw; it may call the queue.
+    void setFailureHook(std::function<void(int64 brickIndex)> hook);
+
 private:
     class CEntry;
     using Clock = std::chrono::steady_clock;
@@ -173,6 +182,7 @@ private:
         std::optional<Store> kept;
     };
     std::map<int64, Unstored> m_unstored;
+    std::function<void(int64)> m_failureHook;
 };
 
 } // namespace brick

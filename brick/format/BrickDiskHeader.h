@@ -100,9 +100,12 @@ public:
     // The number of bricks the disk size takes (the last one may be cut
     // short), counted without overflow for any size; 0 for a header without
     // a brick size.
-    zo::int64 getBrickCount() const
+    zo::int64 getBrickCount() const { return countBricks(m_diskSize, m_brickSize); }
+    // The same for a disk of `diskSize` bytes in bricks of `brickSize` bytes
+    // (0 for a brick size below 1), for sizes not yet in a header.
+    static zo::int64 countBricks(zo::int64 diskSize, zo::int64 brickSize)
     {
-        return m_brickSize <= 0 ? 0 : m_diskSize / m_brickSize + (m_diskSize % m_brickSize != 0 ? 1 : 0);
+        return brickSize <= 0 ? 0 : diskSize / brickSize + (diskSize % brickSize != 0 ? 1 : 0);
     }
     void setDiskSize(zo::int64 diskSize) { m_diskSize = diskSize; }
     zo::String getCheckSumHashID() const { return m_checkSumHashID; }

@@ -8,7 +8,7 @@
 namespace zo {
 
 CObjectRangeStream::CObjectRangeStream(IObjectStore* store, const CURI& file, const ObjectName& name, int64 length)
-    : CStreamBase("Object stream"), m_store(store), m_uri(file), m_name(name), m_length(length)
+    : CReadOnlyStreamBase("Object stream"), m_store(store), m_uri(file), m_name(name), m_length(length)
 {}
 
 int64 CObjectRangeStream::getLength()
@@ -55,32 +55,10 @@ int CObjectRangeStream::readLax(void* dst, int size)
     return got;
 }
 
-void CObjectRangeStream::write(const void*, int, IWriteBarrier*)
-{
-    throwReadOnly();
-}
-
-void CObjectRangeStream::flush()
-{
-    checkOpen();
-}
-
-void CObjectRangeStream::setLength(int64)
-{
-    throwReadOnly();
-}
-
 void CObjectRangeStream::checkOpen() const
 {
     if (m_closed)
         throw CIOError(CIOError::StreamClosed, String(), CProps().add("uri", m_uri.toString(true)));
-}
-
-void CObjectRangeStream::throwReadOnly() const
-{
-    checkOpen();
-    throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.",
-                   CProps().add("uri", m_uri.toString(true)));
 }
 
 } // namespace zo

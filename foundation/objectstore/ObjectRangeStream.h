@@ -4,7 +4,8 @@
 // IIOStream::OptionRanges. Its length is the object's at the open; a read
 // sees the object as it is then, so an object replaced meanwhile may read
 // other bytes, or end early. Seeking, reading past the end and closing
-// behave as in CBufferStream. Used by one thread at a time.
+// behave as in CBufferStream; writing fails with CIOError ReadOnly
+// (CReadOnlyStreamBase). Used by one thread at a time.
 #pragma once
 
 #include "objectstore/ObjectStore.h"
@@ -12,7 +13,7 @@
 
 namespace zo {
 
-class CObjectRangeStream : public CStreamBase {
+class CObjectRangeStream : public CReadOnlyStreamBase {
 public:
     // Over the object `name` of `store`, `length` bytes long, opened as `file`.
     CObjectRangeStream(IObjectStore* store, const CURI& file, const ObjectName& name, int64 length);
@@ -27,14 +28,8 @@ public:
     // its errors.
     int readLax(void* dst, int size) override;
 
-    // Writing fails with CIOError ReadOnly.
-    void write(const void* src, int size, IWriteBarrier* barrier = nullptr) override;
-    void flush() override;
-    void setLength(int64 length) override;
-
 private:
-    void checkOpen() const;
-    [[noreturn]] void throwReadOnly() const;
+    void checkOpen() const override;
 
     P<IObjectStore> m_store;
     CURI m_uri;

@@ -91,7 +91,7 @@ void CBufferStream::write(const void* src, int size, IWriteBarrier*)
 {
     checkOpen();
     if (!m_writable)
-        throw CIOError(CIOError::ReadOnly, "Buffer stream is read-only.");
+        throwReadOnly();
     if (size <= 0)
         return;
     const int64 end = m_position + size;
@@ -118,7 +118,7 @@ void CBufferStream::setLength(int64 length)
 {
     checkOpen();
     if (!m_writable)
-        throw CIOError(CIOError::ReadOnly, "Buffer stream is read-only.");
+        throwReadOnly();
     if (length < 0 || length > std::numeric_limits<int>::max())
         throw CIOError(CIOError::SeekOutOfRange, String(), CProps().add("length", length));
     const int oldLength = m_writable->getUsed();

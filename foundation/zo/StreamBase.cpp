@@ -52,6 +52,11 @@ void CInStreamBase::lockRange(int64, int64, LockType)
         CError(String(m_kind) + " does not support lockRange.", String(), -1, withURI(*this, CProps())));
 }
 
+void CInStreamBase::throwReadOnly()
+{
+    throw CIOError(CIOError::ReadOnly, "The stream is open for reading only.", withURI(*this, CProps()));
+}
+
 void CStreamBase::writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteBarrier* barrier)
 {
     write(slice.getData(), slice.getSize(), barrier);
@@ -60,6 +65,23 @@ void CStreamBase::writeKeepBuffer(const TConstBufferSlice<uint8>& slice, IWriteB
 P<IWriteBarrier> CStreamBase::createWriteBarrier(IWriteBarrier*)
 {
     return P<IWriteBarrier>(new CDummyWriteBarrier());
+}
+
+void CReadOnlyStreamBase::write(const void*, int, IWriteBarrier*)
+{
+    checkOpen();
+    throwReadOnly();
+}
+
+void CReadOnlyStreamBase::setLength(int64)
+{
+    checkOpen();
+    throwReadOnly();
+}
+
+void CReadOnlyStreamBase::flush()
+{
+    checkOpen();
 }
 
 } // namespace zo

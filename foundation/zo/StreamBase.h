@@ -35,6 +35,11 @@ protected:
     // stream"); a literal, or text that outlives the stream.
     explicit CInStreamBase(const char* kind) : m_kind(kind) {}
 
+    // Refuses a write to a stream open for reading only: throws CIOError
+    // ReadOnly "The stream is open for reading only." (with "uri" when the
+    // stream has one).
+    [[noreturn]] void throwReadOnly();
+
 private:
     const char* m_kind;
 };
@@ -51,6 +56,24 @@ public:
 
 protected:
     explicit CStreamBase(const char* kind) : CInStreamBase(kind) {}
+};
+
+// Defaults of a stream that is open for reading only, for the calls of an
+// in/out stream. What is left to the stream: what CInStreamBase leaves, and
+// checkOpen.
+class BRICKDISK_EXPORT CReadOnlyStreamBase : public CStreamBase {
+public:
+    // Throw what checkOpen throws, else the error of throwReadOnly.
+    void write(const void* src, int size, IWriteBarrier* barrier = nullptr) override;
+    void setLength(int64 length) override;
+    // Nothing was written: only checkOpen.
+    void flush() override;
+
+protected:
+    explicit CReadOnlyStreamBase(const char* kind) : CStreamBase(kind) {}
+
+    // Throws CIOError StreamClosed once the stream is closed.
+    virtual void checkOpen() const = 0;
 };
 
 } // namespace zo

@@ -15,6 +15,7 @@ namespace {
 using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
 using zo::CError;
 using zo::CURI;
 using zo::IIOStream;
@@ -29,14 +30,13 @@ constexpr int64 kDiskSize = static_cast<int64>(kBrickCount) * kBrickSize;
 const char* const kFolder = "/disks/a";
 const char* const kPassword = "secret";
 // Cheap enough for tests.
-const seal::Argon2idCost kTestCost{1, 8, 1};
 
 class AuthenticatedBlockDeviceTest : public ::testing::TestWithParam<const char*> {
 protected:
     void SetUp() override
     {
-        CBrickDisk::createAuthenticated(fs.get(), CURI(kFolder), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost,
-                                        GetParam());
+        CBrickDisk::createAuthenticated(fs.get(), CURI(kFolder), kDiskSize, 1, kPassword, "lz4", kBrickSize,
+                                        kTestKdfCost, GetParam());
     }
 
     P<CBrickDiskBlockDevice> openDevice()

@@ -17,6 +17,7 @@ using brick::CBrickDisk;
 using brick::CBrickDiskError;
 using brick::CBrickDiskHeader;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
 using zo::CError;
 using zo::CURI;
 using zo::IIOStream;
@@ -27,7 +28,6 @@ constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 8 * kBrickSize;
 const char* const kPassword = "secret";
 // Cheap enough for tests; the tool's default is far costlier.
-const seal::Argon2idCost kTestCost{1, 8, 1};
 
 class AuthenticatedDisk : public ::testing::TestWithParam<const char*> {
 protected:
@@ -35,7 +35,7 @@ protected:
 
     void create(const char* folder, const char* password = kPassword)
     {
-        CBrickDisk::createAuthenticated(fs.get(), CURI(folder), kDiskSize, 1, password, "lz4", kBrickSize, kTestCost,
+        CBrickDisk::createAuthenticated(fs.get(), CURI(folder), kDiskSize, 1, password, "lz4", kBrickSize, kTestKdfCost,
                                         GetParam());
     }
     P<CBrickDisk> open(const char* folder = "/disks/a", const char* password = kPassword,
@@ -81,9 +81,9 @@ TEST_P(AuthenticatedDisk, HeaderNamesTheAuthenticatedFormat)
     EXPECT_EQ(header.getCipherID(), GetParam());
     EXPECT_EQ(header.getCipherKeyDeriverID(), "argon2id");
     EXPECT_EQ(header.getCryptoHashID(), "hkdf-sha256");
-    EXPECT_EQ(header.getCipherKeyDerivationIterations(), kTestCost.passes);
-    EXPECT_EQ(header.getCipherKeyDerivationMemoryKiB(), kTestCost.memoryKiB);
-    EXPECT_EQ(header.getCipherKeyDerivationLanes(), kTestCost.lanes);
+    EXPECT_EQ(header.getCipherKeyDerivationIterations(), kTestKdfCost.passes);
+    EXPECT_EQ(header.getCipherKeyDerivationMemoryKiB(), kTestKdfCost.memoryKiB);
+    EXPECT_EQ(header.getCipherKeyDerivationLanes(), kTestKdfCost.lanes);
     EXPECT_EQ(header.getCipherKeyDerivationSalt().getUsed(), 16);
     EXPECT_EQ(header.getWrappedCipherKey().getUsed(), 32 + 28);
 }

@@ -1,99 +1,40 @@
 // Reading ahead of readers that go through a block device in order.
 #include "brick/serving/BrickDiskBlockDevice.h"
 
+#include "support/BlockDeviceTestDisk.h"
 #include "support/BrickTestHelpers.h"
 #include "support/DiskTestHelpers.h"
-#include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
-using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using testsupport::Bytes;
 using zo::CError;
 using zo::CFileSystemError;
-using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IIOStream;
 using zo::int64;
 using zo::P;
-using Op = CMemoryFileSystem::Operation;
+using Op = zo::CMemoryFileSystem::Operation;
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-constexpr int kBrickCount = 12;
-constexpr int64 kDiskSize = static_cast<int64>(kBrickCount) * kBrickSize;
-// A cache this large reads 8 bricks ahead.
-constexpr int64 kCacheBytes = 64 * kBrickSize;
 constexpr int kBricksReadAhead = 8;
-const char* const kFolder = "/disks/a";
-const char* const kPassword = "pw";
 
-class BrickDiskBlockDeviceReadAheadTest : public ::testing::Test {
+class BrickDiskBlockDeviceReadAheadTest : public testsupport::StoredBlockDeviceTestDisk {
 protected:
-    // A disk whose every brick holds `content`, stored.
-    void SetUp() override
-    {
-        testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword);
-        const P<CBrickDiskBlockDevice> writer = openDevice();
-        writer->write(content.getData(), 0, content.getUsed());
-        writer->flush();
-    }
-
-    P<CBrickDiskBlockDevice> openDevice()
-    {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword);
-        return P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(disk.get(), kCacheBytes));
-    }
-
-    Bytes readBricks(CBrickDiskBlockDevice& device, int first, int count)
-    {
-        Bytes bytes(count * kBrickSize);
-        device.read(bytes.getData(), static_cast<int64>(first) * kBrickSize, bytes.getUsed());
-        return bytes;
-    }
-
-    Bytes contentOfBricks(const Bytes& bytes, int first, int count)
-    {
-        return Bytes(bytes.getData() + static_cast<int64>(first) * kBrickSize, count * kBrickSize);
-    }
+    BrickDiskBlockDeviceReadAheadTest() : StoredBlockDeviceTestDisk(21) {}
 
     // Reads bricks 0, 1 and 2 one by one: a run in order, which makes the
     // device read bricks 3 to 10 ahead.
     void readFirstBricksInOrder(CBrickDiskBlockDevice& device)
     {
         for (int i = 0; i < 3; ++i)
-            ASSERT_EQ(readBricks(device, i, 1), contentOfBricks(content, i, 1)) << "brick " << i;
+            ASSERT_EQ(readBricks(device, i, 1), bricksOf(content, i, 1)) << "brick " << i;
     }
-
-    // Waits until `count` brick files have been opened since the counters
-    // were reset; false when that does not happen within a generous time.
-    bool waitForOpenedFiles(int count)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (fs->getOperationCount(Op::OpenStream) < count) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
-
-    CURI brickFile(int64 index)
-    {
-        return testsupport::brickFileOf(
-            *testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead), CURI(kFolder), index);
-    }
-
-    P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
-    const Bytes content = testsupport::patternBytes(static_cast<int>(kDiskSize), 21);
 };
 
 TEST_F(BrickDiskBlockDeviceReadAheadTest, ReadsInOrderLoadTheFollowingBricksAhead)
@@ -106,13 +47,10 @@ TEST_F(BrickDiskBlockDeviceReadAheadTest, ReadsInOrderLoadTheFollowingBricksAhea
     // The bricks read ahead come from the cache, with the bytes stored:
     // each file was opened once. (Reading them in order may start the loads
     // of later bricks meanwhile.)
-    EXPECT_EQ(readBricks(*device, 3, kBricksReadAhead), contentOfBricks(content, 3, kBricksReadAhead));
-    const std::vector<std::string> log = testsupport::toStrings(fs->getOperationLog());
-    const auto disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead);
-    for (int64 index = 0; index < 3 + kBricksReadAhead; ++index) {
-        const std::string file = testsupport::brickFileOf(*disk, CURI(kFolder), index).toString(true).toUTF8();
-        EXPECT_EQ(std::count(log.begin(), log.end(), "openStream " + file), 1) << "brick " << index;
-    }
+    EXPECT_EQ(readBricks(*device, 3, kBricksReadAhead), bricksOf(content, 3, kBricksReadAhead));
+    const std::vector<int64> opens = opensPerBrick();
+    for (int64 index = 0; index < 3 + kBricksReadAhead; ++index)
+        EXPECT_EQ(opens[static_cast<size_t>(index)], 1) << "brick " << index;
 }
 
 TEST_F(BrickDiskBlockDeviceReadAheadTest, ReadingInSmallPiecesInOrderReadsAheadToo)
@@ -152,8 +90,7 @@ TEST_F(BrickDiskBlockDeviceReadAheadTest, WritesToBricksReadAheadAreReadAndStore
 
     EXPECT_EQ(readBricks(*device, 0, kBrickCount), expected);
     device->flush();
-    const P<CBrickDisk> stored = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead);
-    EXPECT_EQ(testsupport::readWholeDisk(*stored), expected);
+    EXPECT_EQ(testsupport::readWholeDisk(*openDisk(IIOStream::AccessRead)), expected);
 }
 
 TEST_F(BrickDiskBlockDeviceReadAheadTest, WritesRacingTheReadAheadOfTheirBrickWin)
@@ -182,13 +119,13 @@ TEST_F(BrickDiskBlockDeviceReadAheadTest, ABrickThatFailsToLoadAheadFailsOnlyWhe
     readFirstBricksInOrder(*device);
     ASSERT_TRUE(waitForOpenedFiles(3 + kBricksReadAhead));
 
-    EXPECT_EQ(readBricks(*device, 3, 2), contentOfBricks(content, 3, 2));
+    EXPECT_EQ(readBricks(*device, 3, 2), bricksOf(content, 3, 2));
     Bytes buffer(kBrickSize);
     EXPECT_THROW(device->read(buffer.getData(), 5 * kBrickSize, kBrickSize), CError);
 
     // Once the file reads again, so does the brick: the failure was not kept.
     fs->clearFailures();
-    EXPECT_EQ(readBricks(*device, 5, 1), contentOfBricks(content, 5, 1));
+    EXPECT_EQ(readBricks(*device, 5, 1), bricksOf(content, 5, 1));
 }
 
 } // namespace

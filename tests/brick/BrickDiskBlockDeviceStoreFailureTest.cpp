@@ -3,20 +3,28 @@
 // store of it succeeds, and nothing acknowledged is ever dropped.
 #include "brick/serving/BrickDiskBlockDevice.h"
 
+#include "brick/chain/BrickStoreQueue.h"
+#include "support/BlockDeviceTestDisk.h"
 #include "support/DiskTestHelpers.h"
+#include "zo/ForwardingFileSystem.h"
 #include "zo/MemoryFileSystem.h"
+#include "zo/Signal.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
 using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
+using brick::CBrickStoreQueue;
 using testsupport::Bytes;
 using testsupport::errorOf;
 using testsupport::messageOf;
@@ -29,37 +37,69 @@ using zo::int64;
 using zo::P;
 using Op = CMemoryFileSystem::Operation;
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-constexpr int kBrickCount = 12;
-constexpr int64 kDiskSize = static_cast<int64>(kBrickCount) * kBrickSize;
-const char* const kFolder = "/disks/a";
-const char* const kPassword = "pw";
+// The smallest cache (4 bricks): most bricks written over the whole disk are
+// stored when they are evicted, before any flush.
+constexpr int64 kSmallestCache = 0;
 
-class BrickDiskBlockDeviceStoreFailureTest : public ::testing::Test {
+// A file system that holds back the opening for reading of one chosen file
+// until the test lets it go, and signals when any of a set of files is
+// opened; everything else passes through.
+class HeldOpeningFileSystem : public zo::CForwardingFileSystem {
+public:
+    explicit HeldOpeningFileSystem(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
+
+    // From now on, opening `file` for reading waits until letGo.
+    void holdOpeningOf(const CURI& file)
+    {
+        std::lock_guard lock(m_mutex);
+        m_held = file.toString(true).toUTF8();
+    }
+    // True once the opening is held, within a generous time.
+    bool waitUntilHeld() { return m_holding.wait(kGenerousMillis); }
+    void letGo() { m_letGo.set(); }
+
+    // From now on, an opening of one of `files` sets the signal that
+    // waitUntilOneIsOpened waits for.
+    void signalOpeningOf(const std::vector<CURI>& files)
+    {
+        std::lock_guard lock(m_mutex);
+        for (const CURI& file : files)
+            m_signalled.insert(file.toString(true).toUTF8());
+    }
+    // True once one was opened, within a generous time.
+    bool waitUntilOneIsOpened() { return m_opened.wait(kGenerousMillis); }
+
+    P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override
+    {
+        bool hold = false;
+        {
+            std::lock_guard lock(m_mutex);
+            const std::string path = file.toString(true).toUTF8();
+            hold = access == IIOStream::AccessRead && path == m_held;
+            if (m_signalled.count(path) != 0)
+                m_opened.set();
+        }
+        if (hold) {
+            m_holding.set();
+            m_letGo.wait(-1);
+        }
+        return CForwardingFileSystem::openStream(file, access, options);
+    }
+
+private:
+    // What no step of a working test comes near, even on a busy machine.
+    static constexpr int kGenerousMillis = 60000;
+
+    std::mutex m_mutex;
+    std::string m_held;
+    std::set<std::string> m_signalled;
+    zo::CSignal m_holding;
+    zo::CSignal m_letGo;
+    zo::CSignal m_opened;
+};
+
+class BrickDiskBlockDeviceStoreFailureTest : public testsupport::BlockDeviceTestDisk {
 protected:
-    void SetUp() override { testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword); }
-
-    // The smallest cache (4 bricks) by default: most bricks written over the
-    // whole disk are stored when they are evicted, before any flush.
-    P<CBrickDiskBlockDevice> openDevice(int64 cacheBytes = 0)
-    {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword);
-        return P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(disk.get(), cacheBytes));
-    }
-
-    Bytes storedBytes(int64 position, int size)
-    {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, IIOStream::AccessRead);
-        return testsupport::readAt(*disk, position, size);
-    }
-
-    static Bytes readDevice(CBrickDiskBlockDevice& device, int64 position, int size)
-    {
-        Bytes bytes(size);
-        device.read(bytes.getData(), position, size);
-        return bytes;
-    }
-
     // Writes `bytes` over the whole disk in pieces of one and a half bricks,
     // so that some bricks are written whole and others in two parts.
     static void writeWholeDisk(CBrickDiskBlockDevice& device, const Bytes& bytes)
@@ -68,13 +108,6 @@ protected:
         for (int64 at = 0; at < kDiskSize; at += piece)
             device.write(bytes.getData() + at, at, std::min(piece, kDiskSize - at));
     }
-
-    static Bytes brickOf(const Bytes& bytes, int64 index)
-    {
-        return Bytes(bytes.getData() + index * kBrickSize, kBrickSize);
-    }
-
-    P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
 };
 
 TEST_F(BrickDiskBlockDeviceStoreFailureTest, AFailedStoreKeepsTheBrickForReadsAndTheNextFlushStoresIt)
@@ -122,7 +155,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, EveryFlushReportsTheBrickUntilItIsS
 // the next flush stores all of them.
 TEST_F(BrickDiskBlockDeviceStoreFailureTest, BricksEvictedWhileTheFileSystemIsFullAreKeptUntilStored)
 {
-    const P<CBrickDiskBlockDevice> device = openDevice();
+    const P<CBrickDiskBlockDevice> device = openDevice(kSmallestCache);
     fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, true);
     const Bytes data = testsupport::patternBytes(static_cast<int>(kDiskSize), 3);
     writeWholeDisk(*device, data);
@@ -154,6 +187,98 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, ANewerWriteOfAnUnstoredBrickIsWhatG
     EXPECT_EQ(readDevice(*device, 0, kBrickSize), expected);
 }
 
+// A brick whose store failed, stored again before the failed store's
+// listener ran: the listener marks the brick changed while a reader loads
+// it from its file. A flush that meets the brick then waits for the load and
+// stores what was loaded, if anything; it never hands over a brick that
+// holds no bytes yet.
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, FlushWaitsForABrickStillLoadingThatAFailedStoreMarkedChanged)
+{
+    const Bytes first = testsupport::patternBytes(kBrickSize, 8);
+    const Bytes second = testsupport::patternBytes(kBrickSize, 9);
+    const Bytes other = testsupport::patternBytes(kBrickSize, 10);
+    zo::CSignal failed;
+    zo::CSignal listenerMayRun;
+    const P<HeldOpeningFileSystem> held(new HeldOpeningFileSystem(fs.get()));
+    const P<CBrickDisk> disk = testsupport::openDisk(held.get(), CURI(kFolder), kPassword);
+    CBrickStoreQueue* queue = disk->getStoreQueue();
+    // Named now: a brick object made later would wait for the held store.
+    std::vector<CURI> files;
+    for (int64 index = 0; index <= 9; ++index)
+        files.push_back(testsupport::brickFileOf(*disk, CURI(kFolder), index));
+    // The failed store's listener waits until the test lets it run.
+    queue->setFailureHook([&](int64 index) {
+        if (index != 0 || failed.isSet())
+            return;
+        failed.set();
+        listenerMayRun.wait(-1);
+    });
+    const P<CBrickDiskBlockDevice> device(new CBrickDiskBlockDevice(disk.get(), kSmallestCache));
+    // Should a step fail, nothing stays held for the device's last flush.
+    struct LetEverythingGo {
+        zo::CSignal& listener;
+        HeldOpeningFileSystem& fs;
+        ~LetEverythingGo()
+        {
+            listener.set();
+            fs.letGo();
+        }
+    } letEverythingGo{listenerMayRun, *held};
+    const auto writeBrick = [&](int64 index, const Bytes& bytes) {
+        device->write(bytes.getData(), index * kBrickSize, kBrickSize);
+    };
+
+    // Brick 0 is evicted by the fifth brick written; its store fails.
+    writeBrick(0, first);
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
+    for (int64 index = 1; index <= 4; ++index)
+        writeBrick(index, other);
+    ASSERT_TRUE(failed.wait(-1));
+
+    // Written again and evicted again, brick 0 is stored.
+    writeBrick(0, second);
+    for (int64 index = 5; index <= 8; ++index)
+        writeBrick(index, other);
+    ASSERT_TRUE(queue->waitForStoresOf(0, -1));
+    ASSERT_TRUE(queue->getUnstoredBricks().empty());
+
+    // A reader loads brick 0 from its file and is held there, while the
+    // failed store's listener marks the brick changed.
+    held->holdOpeningOf(files[0]);
+    Bytes read;
+    std::thread reader([&] { read = readDevice(*device, 0, kBrickSize); });
+    ASSERT_TRUE(held->waitUntilHeld());
+    listenerMayRun.set();
+    ASSERT_TRUE(queue->waitForAll(-1));
+
+    // The flush hands over the bricks that hold their bytes (9, and 7 and 8
+    // written before) and is seen to do so before the load may go on.
+    writeBrick(9, other);
+    held->signalOpeningOf({files[7], files[8], files[9]});
+    P<CError> flushError;
+    std::thread flusher([&] {
+        try {
+            device->flush();
+        } catch (const CError& e) {
+            flushError = e.clone();
+        }
+    });
+    const bool flushHandedOver = held->waitUntilOneIsOpened();
+    held->letGo();
+    reader.join();
+    flusher.join();
+    queue->setFailureHook({});
+
+    EXPECT_TRUE(flushHandedOver);
+    EXPECT_FALSE(flushError) << (flushError ? flushError->toString().toUTF8() : std::string());
+    EXPECT_EQ(read, second);
+    EXPECT_TRUE(device->getUnstoredBricks().empty());
+    EXPECT_EQ(readDevice(*device, 0, kBrickSize), second);
+    EXPECT_EQ(storedBytes(0, kBrickSize), second);
+    for (int64 index = 1; index <= 9; ++index)
+        EXPECT_EQ(storedBytes(index * kBrickSize, kBrickSize), other) << "brick " << index;
+}
+
 // The fault sweep: the Nth store of a brick file, or the Nth creation of a
 // folder of the brick tree, fails (no space, or an unclassified I/O error;
 // once, or from then on). A client writes the whole disk, flushes,
@@ -171,7 +296,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
     // Operations made without failures: the sweep covers each of them.
     std::map<Op, int> countsWithoutFailure;
     {
-        const P<CBrickDiskBlockDevice> device = openDevice();
+        const P<CBrickDiskBlockDevice> device = openDevice(kSmallestCache);
         fs->resetCounters();
         writeWholeDisk(*device, first);
         device->flush();
@@ -190,11 +315,11 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
                     SCOPED_TRACE(std::string(CMemoryFileSystem::getOperationName(kind)) + " " + std::to_string(nth) +
                                  (persistent ? " and after" : " once") + ", problem " + std::to_string(problem));
                     fs = P<CMemoryFileSystem>(new CMemoryFileSystem(2));
-                    testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword);
+                    createTestDisk();
                     std::set<int64> reported;
                     bool stopReportedFailure = false;
                     {
-                        const P<CBrickDiskBlockDevice> device = openDevice();
+                        const P<CBrickDiskBlockDevice> device = openDevice(kSmallestCache);
                         fs->failOperation(kind, nth, problem, persistent);
                         const auto flushNoting = [&] {
                             try {
@@ -221,7 +346,8 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
                         }
                     }
                     for (int64 index = 0; index < kBrickCount; ++index) {
-                        if (storedBytes(index * kBrickSize, kBrickSize) == brickOf(expected, index))
+                        if (storedBytes(index * kBrickSize, kBrickSize) ==
+                            bricksOf(expected, static_cast<int>(index), 1))
                             continue;
                         EXPECT_TRUE(stopReportedFailure && reported.count(index) != 0)
                             << "brick " << index << " is not stored and no flush said so";

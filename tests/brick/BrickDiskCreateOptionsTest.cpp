@@ -1,5 +1,6 @@
 // CBrickDisk::create with CreateOptions: every choice of the header in one
-// call, checked before anything is made, and the header written once.
+// call, the choices left open made by the disk's store and key deriver,
+// checked before anything is made, and the header written once.
 #include "brick/chain/BrickDisk.h"
 
 #include "brick/format/BrickDiskHeader.h"
@@ -9,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -17,13 +20,14 @@ namespace {
 using brick::CBrickDisk;
 using brick::CBrickDiskHeader;
 using testsupport::errorOf;
+using testsupport::kTestKdfCost;
 using zo::CError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
+using zo::int64;
 using zo::P;
 using Op = zo::CMemoryFileSystem::Operation;
 
-const seal::Argon2idCost kTestCost{1, 8, 1};
 const CURI kFolder("/disk");
 
 CBrickDisk::CreateOptions optionsFor(const char* keyDeriverID)
@@ -32,7 +36,7 @@ CBrickDisk::CreateOptions optionsFor(const char* keyDeriverID)
     options.diskSize = 65536;
     options.brickSize = 4096;
     options.keyDeriverID = keyDeriverID;
-    options.cost = kTestCost;
+    options.cost = kTestKdfCost;
     return options;
 }
 
@@ -105,7 +109,7 @@ TEST_F(BrickDiskCreateOptionsTest, EmptyChoicesTakeTheDefaultsOfTheKeyDeriver)
     EXPECT_EQ(header.getCheckSumHashID(), CBrickDiskHeader::kAuthenticatedCheckSumID);
     EXPECT_EQ(header.getCipherID(), CBrickDisk::kAuthenticatedCipherID);
     EXPECT_TRUE(header.hasIdentity());
-    EXPECT_EQ(header.getCipherKeyDerivationIterations(), kTestCost.passes);
+    EXPECT_EQ(header.getCipherKeyDerivationIterations(), kTestKdfCost.passes);
     expectWritesAndReadsBack("secret");
 }
 
@@ -113,7 +117,7 @@ TEST_F(BrickDiskCreateOptionsTest, CostLeftToTheDefaultIsAcceptedForAnUnencrypte
 {
     CBrickDisk::CreateOptions options = optionsFor(CBrickDiskHeader::kKeyWrappingDeriverID);
     options.cost = seal::Argon2idCost{0, 0, 0};
-    CBrickDisk::checkCreateOptions(options);
+    CBrickDisk::checkCreateOptions(options, kFolder);
     CBrickDisk::create(fs.get(), kFolder, "", options);
     // An unencrypted disk derives nothing: only its choices show.
     const CBrickDiskHeader header = loadHeader();
@@ -140,7 +144,7 @@ TEST_F(BrickDiskCreateOptionsTest, ChoicesThatDoNotGoTogetherAreRefusedBeforeAny
         CBrickDisk::CreateOptions options = optionsFor(bad.keyDeriverID);
         options.checkSumID = bad.checkSumID;
         options.cipherID = bad.cipherID;
-        const auto checked = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options); });
+        const auto checked = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options, kFolder); });
         ASSERT_TRUE(checked);
         EXPECT_EQ(checked->getProps().lookup("field").toUTF8(), bad.field) << checked->toString().toUTF8();
         const auto created = errorOf<CError>([&] { CBrickDisk::create(fs.get(), kFolder, "secret", options); });
@@ -156,24 +160,116 @@ TEST_F(BrickDiskCreateOptionsTest, SizesOutsideTheLimitsAreRefusedInTheirOrder)
     options.brickSize = 3000;
     options.diskSize = 0;
     options.compressorID = "lz5";
-    const auto brickSize = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options); });
+    const auto brickSize = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options, kFolder); });
     ASSERT_TRUE(brickSize);
     EXPECT_EQ(brickSize->getProps().lookup("field"), "brickSize");
     options.brickSize = 4096;
-    const auto diskSize = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options); });
+    const auto diskSize = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options, kFolder); });
     ASSERT_TRUE(diskSize);
     EXPECT_EQ(diskSize->getProps().lookup("field"), "diskSize");
     // One brick more than the brick tree addresses.
     options.diskSize = brick::CBrickDiskHeaderLimits::getMaxBrickCount() * 4096 + 1;
-    const auto tooMany = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options); });
+    const auto tooMany = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options, kFolder); });
     ASSERT_TRUE(tooMany);
     EXPECT_EQ(tooMany->getProps().lookup("field"), "diskSize");
     options.diskSize = 4096;
-    const auto compressor = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options); });
+    const auto compressor = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options, kFolder); });
     ASSERT_TRUE(compressor);
     EXPECT_EQ(compressor->getProps().lookup("field"), "compressID");
     options.compressorID = "zstd-19";
-    CBrickDisk::checkCreateOptions(options);
+    CBrickDisk::checkCreateOptions(options, kFolder);
+}
+
+TEST_F(BrickDiskCreateOptionsTest, BrickSizeAndCompressorLeftOpenFollowTheDisksStore)
+{
+    const CBrickDisk::CreateOptions leftOpen;
+    const CBrickDisk::CreateOptions local = CBrickDisk::resolveCreateOptions(leftOpen, CURI("/srv/disks/vm"));
+    EXPECT_EQ(local.brickSize.value_or(0), 512 << 10);
+    EXPECT_EQ(local.compressorID.value_or(""), "lz4");
+    for (const char* objectStore : {"rados://pool/disks/vm", "s3://bucket/disks/vm"}) {
+        SCOPED_TRACE(objectStore);
+        const CBrickDisk::CreateOptions resolved = CBrickDisk::resolveCreateOptions(leftOpen, CURI(objectStore));
+        EXPECT_EQ(resolved.brickSize.value_or(0), 4 << 20);
+        EXPECT_EQ(resolved.compressorID.value_or(""), "zstd-3");
+    }
+
+    CBrickDisk::CreateOptions chosen;
+    chosen.brickSize = 8192;
+    chosen.compressorID = zo::String("null");
+    const CBrickDisk::CreateOptions kept = CBrickDisk::resolveCreateOptions(chosen, CURI("s3://bucket/disks/vm"));
+    EXPECT_EQ(kept.brickSize.value_or(0), 8192);
+    EXPECT_EQ(kept.compressorID.value_or(""), "null");
+}
+
+TEST_F(BrickDiskCreateOptionsTest, DiskInAFolderWithoutChoicesGetsHalfAMiBBricksAndLZ4)
+{
+    CBrickDisk::CreateOptions options;
+    options.diskSize = 1 << 20;
+    options.cost = kTestKdfCost;
+    const CBrickDiskHeader created = CBrickDisk::create(fs.get(), kFolder, "secret", options);
+
+    const CBrickDiskHeader header = loadHeader();
+    EXPECT_EQ(header.getBrickSize(), 512 << 10);
+    EXPECT_EQ(header.getCompressID(), "lz4");
+    // The header returned is the one stored.
+    EXPECT_EQ(created.getBrickSize(), header.getBrickSize());
+    EXPECT_EQ(created.getCompressID(), header.getCompressID());
+    EXPECT_EQ(created.getDiskSize(), header.getDiskSize());
+    EXPECT_EQ(created.getDiskID().getUsed(), header.getDiskID().getUsed());
+    EXPECT_EQ(created.getWrappedCipherKey().getUsed(), header.getWrappedCipherKey().getUsed());
+    EXPECT_TRUE(std::equal(created.getDiskID().getData(), created.getDiskID().getData() + created.getDiskID().getUsed(),
+                           header.getDiskID().getData()));
+}
+
+TEST_F(BrickDiskCreateOptionsTest, BrickSizesOutsideTheLimitsAreRefusedAsGiven)
+{
+    CBrickDisk::CreateOptions options = optionsFor(CBrickDiskHeader::kPBKDF2DeriverID);
+    for (const int64 size : {int64{-1}, int64{0}, int64{1}, int64{1024}, int64{3000}, int64{128} << 20, int64{1} << 40,
+                             (int64{1} << 40) + 4096, std::numeric_limits<int64>::max()}) {
+        SCOPED_TRACE(size);
+        options.brickSize = size;
+        const auto refused = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options, kFolder); });
+        ASSERT_TRUE(refused);
+        EXPECT_EQ(refused->getProps().lookup("field"), "brickSize");
+        // The size itself, not a narrowed one.
+        EXPECT_EQ(refused->getProps().lookup("value"), zo::toDecimalString(size));
+        EXPECT_EQ(testsupport::messageOf(*refused),
+                  "Invalid brick size: " + std::to_string(size) + " (a power of two from 4096 to 67108864).");
+    }
+    for (const int64 size : {int64{4096}, int64{1} << 20, int64{64} << 20}) {
+        options.brickSize = size;
+        EXPECT_NO_THROW(CBrickDisk::checkCreateOptions(options, kFolder)) << size;
+    }
+}
+
+TEST_F(BrickDiskCreateOptionsTest, DiskSizeIsRefusedBeyondTheBricksTheTreeAddresses)
+{
+    const int64 maxBricks = brick::CBrickDiskHeaderLimits::getMaxBrickCount();
+    CBrickDisk::CreateOptions options = optionsFor(CBrickDiskHeader::kPBKDF2DeriverID);
+    options.brickSize = 4096;
+    options.diskSize = maxBricks * 4096;
+    EXPECT_NO_THROW(CBrickDisk::checkCreateOptions(options, kFolder));
+    // 1024 TiB in 4 KiB bricks: 2^38 bricks, more than the tree holds.
+    options.diskSize = int64{1} << 50;
+    EXPECT_EQ(CBrickDiskHeader::countBricks(options.diskSize, 4096), int64{1} << 38);
+    EXPECT_GT(CBrickDiskHeader::countBricks(options.diskSize, 4096), maxBricks);
+    const auto refused = errorOf<CError>([&] { CBrickDisk::checkCreateOptions(options, kFolder); });
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->getProps().lookup("field"), "diskSize");
+    // Larger bricks hold it.
+    options.brickSize = 64 << 20;
+    EXPECT_NO_THROW(CBrickDisk::checkCreateOptions(options, kFolder));
+}
+
+TEST(BrickDiskHeaderBrickCount, CountsTheLastBrickCutShortWithoutOverflow)
+{
+    EXPECT_EQ(CBrickDiskHeader::countBricks(0, 4096), 0);
+    EXPECT_EQ(CBrickDiskHeader::countBricks(1, 4096), 1);
+    EXPECT_EQ(CBrickDiskHeader::countBricks(4096, 4096), 1);
+    EXPECT_EQ(CBrickDiskHeader::countBricks(4097, 4096), 2);
+    const int64 max = std::numeric_limits<int64>::max();
+    EXPECT_EQ(CBrickDiskHeader::countBricks(max, 64 << 20), max / (64 << 20) + 1);
+    EXPECT_EQ(CBrickDiskHeader::countBricks(4096, 0), 0);
 }
 
 } // namespace

@@ -16,6 +16,7 @@ using brick::CBrickDisk;
 using brick::CBrickFileChecker;
 using brick::CBrickTree;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
@@ -26,7 +27,6 @@ using zo::P;
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 8 * kBrickSize;
 const char* const kPassword = "secret";
-const seal::Argon2idCost kTestCost{1, 8, 1};
 
 class BrickFileCheckerTest : public ::testing::Test {
 protected:
@@ -36,7 +36,7 @@ protected:
     {
         fs = new CMemoryFileSystem();
         if (authenticated)
-            CBrickDisk::createAuthenticated(fs.get(), folder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost,
+            CBrickDisk::createAuthenticated(fs.get(), folder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestKdfCost,
                                             cipherID);
         else
             testsupport::createDisk(fs.get(), folder, kDiskSize, kPassword);

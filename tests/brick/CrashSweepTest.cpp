@@ -31,6 +31,7 @@
 
 using brick::CBrickDisk;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
 using zo::CURI;
 using zo::IFileSystem;
 using zo::IIOStream;
@@ -39,7 +40,6 @@ using zo::P;
 namespace {
 
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-const seal::Argon2idCost kTestCost{1, 8, 1};
 constexpr int kBrickCount = 12;
 constexpr zo::int64 kDiskSize = static_cast<zo::int64>(kBrickSize) * kBrickCount;
 const char* const kPassword = "crash";
@@ -319,7 +319,7 @@ enum class Format { PBKDF2, Authenticated };
 void createTopDisk(IFileSystem* fs, const char* folder, Format format)
 {
     if (format == Format::Authenticated)
-        CBrickDisk::createAuthenticated(fs, CURI(folder), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+        CBrickDisk::createAuthenticated(fs, CURI(folder), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestKdfCost);
     else
         testsupport::createDisk(fs, CURI(folder), kDiskSize, kPassword);
 }
@@ -446,7 +446,7 @@ Scenario changePasswordWithOnlyThePrimaryIntact()
 {
     Scenario scenario;
     scenario.setUp = [](IFileSystem* fs) {
-        CBrickDisk::createAuthenticated(fs, CURI("/disk"), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+        CBrickDisk::createAuthenticated(fs, CURI("/disk"), kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestKdfCost);
         storeView(fs, CURI("/disk"), makeView("............", 0), kOld, false);
         testsupport::createLinkedChild(fs, CURI("/snapshot"), CURI("/disk"), kPassword);
         storeView(fs, CURI("/disk"), kOld, kNew, false);
@@ -455,7 +455,7 @@ Scenario changePasswordWithOnlyThePrimaryIntact()
     };
     scenario.work = [](IFileSystem* fs) {
         brick::CBrickDiskKeyWrap::changePassword(fs, {CURI("/disk"), CURI("/snapshot")}, kPassword, kChangedPassword,
-                                                 kTestCost);
+                                                 kTestKdfCost);
     };
     scenario.verify = [](IFileSystem* fs, const std::string& context) {
         return expectViewWithEitherPassword(fs, "/disk", kNew, context) +

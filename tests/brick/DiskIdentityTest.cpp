@@ -22,6 +22,7 @@ using brick::CBrickDiskIdentity;
 using brick::CBrickDiskLink;
 using brick::CBrickDiskRemover;
 using testsupport::Bytes;
+using testsupport::kTestKdfCost;
 using zo::CError;
 using zo::CURI;
 using zo::IIOStream;
@@ -31,7 +32,6 @@ using zo::P;
 constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr int64 kDiskSize = 4 * kBrickSize;
 const char* const kPassword = "secret";
-const seal::Argon2idCost kTestCost{1, 8, 1};
 
 class DiskIdentity : public ::testing::Test {
 protected:
@@ -39,7 +39,8 @@ protected:
 
     void create(const char* folder, const char* password = kPassword)
     {
-        CBrickDisk::createAuthenticated(fs.get(), CURI(folder), kDiskSize, 1, password, "lz4", kBrickSize, kTestCost);
+        CBrickDisk::createAuthenticated(fs.get(), CURI(folder), kDiskSize, 1, password, "lz4", kBrickSize,
+                                        kTestKdfCost);
     }
     P<CBrickDisk> open(const char* folder, IIOStream::Access access = IIOStream::AccessReadWrite,
                        const char* password = kPassword)

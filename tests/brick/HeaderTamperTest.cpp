@@ -12,6 +12,7 @@
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/format/BrickDiskHeaderLimits.h"
 #include "brick/format/BrickDiskKeyWrap.h"
+#include "support/DiskTestHelpers.h"
 
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -34,6 +35,7 @@ using brick::CBrickDiskError;
 using brick::CBrickDiskHeader;
 using brick::CBrickDiskHeaderLimits;
 using recordtest::RecordBytes;
+using testsupport::kTestKdfCost;
 using zo::CError;
 using zo::CURI;
 using zo::IIOStream;
@@ -45,7 +47,6 @@ using zo::uint8;
 constexpr int kBrickSize = 4096;
 constexpr int64 kDiskSize = 16 * kBrickSize;
 const char* const kPassword = "secret";
-const seal::Argon2idCost kTestCost{1, 8, 1};
 const CURI kFolder("/disks/tampered");
 
 using Values = std::vector<int64>;
@@ -275,7 +276,7 @@ protected:
         if (format == Format::PBKDF2 || format == Format::Unencrypted)
             CBrickDisk::create(fs.get(), kFolder, kDiskSize, 1, password, "lz4", kBrickSize);
         else
-            CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, password, "lz4", kBrickSize, kTestCost,
+            CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, password, "lz4", kBrickSize, kTestKdfCost,
                                             format == Format::Argon2idCBC ? "aes256cbc" : "aes256gcm");
         original.load(fs.get(), kFolder);
     }
@@ -372,7 +373,7 @@ TEST_P(HeaderTamperCost, ExpensiveKeyDerivationRunsWhenAllowed)
 TEST(HeaderTamperPassword, CostlyKeyDerivationIsRefusedBeforeAPasswordChangeWritesAnything)
 {
     const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem());
-    CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+    CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestKdfCost);
     CBrickDiskHeader header;
     header.load(fs.get(), kFolder);
     header.setCipherKeyDerivationMemoryKiB(2 * 1024 * 1024);
@@ -380,7 +381,7 @@ TEST(HeaderTamperPassword, CostlyKeyDerivationIsRefusedBeforeAPasswordChangeWrit
     const P<TBuffer<uint8>> before = fs->getFileData(CBrickDiskHeader::getHeaderURI(kFolder, 0));
 
     try {
-        brick::CBrickDiskKeyWrap::changePassword(fs.get(), {kFolder}, kPassword, "new", kTestCost);
+        brick::CBrickDiskKeyWrap::changePassword(fs.get(), {kFolder}, kPassword, "new", kTestKdfCost);
         ADD_FAILURE() << "the password changed";
     } catch (const CBrickDiskError& e) {
         ADD_FAILURE() << e.toString().toUTF8();
@@ -396,7 +397,7 @@ TEST(HeaderTamperPassword, CostlyKeyDerivationIsRefusedBeforeAPasswordChangeWrit
 TEST(HeaderTamperRecord, AuthenticatedHeaderWithAnIterationCountBeyond32BitsIsRefused)
 {
     const P<zo::CMemoryFileSystem> fs(new zo::CMemoryFileSystem());
-    CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestCost);
+    CBrickDisk::createAuthenticated(fs.get(), kFolder, kDiskSize, 1, kPassword, "lz4", kBrickSize, kTestKdfCost);
     CBrickDiskHeader header;
     header.load(fs.get(), kFolder);
 

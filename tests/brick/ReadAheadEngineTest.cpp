@@ -4,15 +4,11 @@
 #include "brick/serving/BrickDiskBlockDevice.h"
 #include "brick/streams/BrickDiskStreamWithParallelReadAhead.h"
 
+#include "support/BlockDeviceTestDisk.h"
 #include "support/BrickTestHelpers.h"
-#include "support/DiskTestHelpers.h"
-#include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <chrono>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -22,70 +18,13 @@ using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using brick::CBrickDiskStreamWithParallelReadAhead;
 using testsupport::Bytes;
-using zo::CMemoryFileSystem;
-using zo::CURI;
 using zo::IIOStream;
 using zo::int64;
 using zo::P;
-using Op = CMemoryFileSystem::Operation;
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-constexpr int kBrickCount = 12;
-constexpr int64 kDiskSize = static_cast<int64>(kBrickCount) * kBrickSize;
-// A cache this large holds the whole disk and reads 8 bricks ahead.
-constexpr int64 kCacheBytes = 64 * kBrickSize;
-const char* const kFolder = "/disks/a";
-const char* const kPassword = "pw";
-
-class ReadAheadEngineTest : public ::testing::Test {
+class ReadAheadEngineTest : public testsupport::StoredBlockDeviceTestDisk {
 protected:
-    // A disk whose every brick is stored, each with other bytes.
-    void SetUp() override
-    {
-        testsupport::createDisk(fs.get(), CURI(kFolder), kDiskSize, kPassword);
-        const P<CBrickDiskBlockDevice> writer = openDevice();
-        writer->write(content.getData(), 0, content.getUsed());
-        writer->flush();
-    }
-
-    P<CBrickDisk> openDisk(IIOStream::Access access = IIOStream::AccessReadWrite)
-    {
-        return testsupport::openDisk(fs.get(), CURI(kFolder), kPassword, access);
-    }
-
-    P<CBrickDiskBlockDevice> openDevice()
-    {
-        return P<CBrickDiskBlockDevice>(new CBrickDiskBlockDevice(openDisk().get(), kCacheBytes));
-    }
-
-    // Waits until `count` brick files have been opened since the counters
-    // were reset; false when that does not happen within a generous time.
-    bool waitForOpenedFiles(int count)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (fs->getOperationCount(Op::OpenStream) < count) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
-
-    // How often each brick file was opened since the counters were reset.
-    std::vector<int64> opensPerBrick()
-    {
-        const std::vector<std::string> log = testsupport::toStrings(fs->getOperationLog());
-        const P<CBrickDisk> disk = openDisk(IIOStream::AccessRead);
-        std::vector<int64> opens;
-        for (int64 index = 0; index < kBrickCount; ++index) {
-            const std::string file = testsupport::brickFileOf(*disk, CURI(kFolder), index).toString(true).toUTF8();
-            opens.push_back(std::count(log.begin(), log.end(), "openStream " + file));
-        }
-        return opens;
-    }
-
-    P<CMemoryFileSystem> fs{new CMemoryFileSystem(2)};
-    const Bytes content = testsupport::patternBytes(static_cast<int>(kDiskSize), 33);
+    ReadAheadEngineTest() : StoredBlockDeviceTestDisk(33) {}
 };
 
 TEST_F(ReadAheadEngineTest, ExportStreamLoadsBricksAheadOfItsReader)

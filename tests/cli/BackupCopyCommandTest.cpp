@@ -20,7 +20,6 @@
 namespace clitest {
 namespace {
 
-const std::vector<std::string> kCheapKdf{"--kdf", "argon2id", "--kdf-memory", "64K", "--kdf-passes", "1"};
 constexpr size_t kDiskBytes = 2 * 1024 * 1024;
 // The brick size of the disks the fixture creates.
 constexpr size_t kBrickBytes = 64 * 1024;
@@ -46,7 +45,7 @@ protected:
     // them reads, by its path below src.
     void makeChain()
     {
-        createDisk("src/disk", "2M", kCheapKdf);
+        createDisk("src/disk", "2M", cheapKeyWrappedDiskArgs());
         std::string image = makeImage(kDiskBytes, 1);
         for (unsigned i = 1; i <= 5; ++i) {
             importNext(image);

@@ -9,15 +9,13 @@
 namespace clitest {
 namespace {
 
-const std::vector<std::string> kCheapKdf{"--kdf", "argon2id", "--kdf-memory", "64K", "--kdf-passes", "1"};
-
 class CopyCommandTest : public CliTest {
 protected:
     // The chain src/disk, src/snaps/s1, src/snaps/s0 (oldest), each view
     // with other bytes.
     void makeChain()
     {
-        createDisk("src/disk", "2M", kCheapKdf);
+        createDisk("src/disk", "2M", cheapKeyWrappedDiskArgs());
         writeFile(path("a.img"), makeImage(2 << 20, 1));
         importImage("src/disk", "a.img");
         ASSERT_EQ(runWithPassword({"snapshot", path("src/disk"), path("src/snaps/s0")}).exitStatus, 0);
@@ -98,7 +96,7 @@ TEST_F(CopyCommandTest, SecondCopySendsOnlyTheChangedFilesAndAddsTheNewSnapshot)
 // finds nothing to write.
 TEST_F(CopyCommandTest, SnapshotBesideATopCopiedUnderAnotherNameOpensAndASecondCopyWritesNothing)
 {
-    createDisk("src/disk", "2M", kCheapKdf);
+    createDisk("src/disk", "2M", cheapKeyWrappedDiskArgs());
     writeFile(path("a.img"), makeImage(2 << 20, 1));
     importImage("src/disk", "a.img");
     ASSERT_EQ(runWithPassword({"snapshot", path("src/disk"), path("src/disk-s0")}).exitStatus, 0);
@@ -156,7 +154,7 @@ TEST_F(CopyCommandTest, InterruptedOrKilledCopyIsFinishedByARunAgain)
 TEST_F(CopyCommandTest, RefusesADestinationThatHoldsAnotherDisk)
 {
     makeChain();
-    createDisk("other/disk", "2M", kCheapKdf);
+    createDisk("other/disk", "2M", cheapKeyWrappedDiskArgs());
 
     const RunResult refused = run({"copy", path("src/disk"), path("other/disk")});
 

@@ -17,8 +17,6 @@
 namespace clitest {
 namespace {
 
-const std::vector<std::string> kCheapKdf{"--kdf", "argon2id", "--kdf-memory", "64K", "--kdf-passes", "1"};
-
 struct Snapshot {
     const char* name;
     const char* created; // as the plan prints it, UTC
@@ -103,7 +101,7 @@ protected:
     // after an import that changes a few bricks, with its creation time set.
     void makeChain()
     {
-        createDisk("chain/disk", "1M", kCheapKdf);
+        createDisk("chain/disk", "1M", cheapKeyWrappedDiskArgs());
         std::string image = makeImage(1024 * 1024, 1);
         for (size_t i = 0; i < kSnapshots.size(); ++i) {
             const std::string fresh = makeImage(1024 * 1024, 10 + static_cast<unsigned>(i));

@@ -1,5 +1,6 @@
-// The defaults of CInStreamBase and CStreamBase, seen through a small stream
-// that implements only the calls the bases leave to it.
+// The defaults of CInStreamBase, CStreamBase and CReadOnlyStreamBase, seen
+// through small streams that implement only the calls the bases leave to
+// them.
 #include "zo/StreamBase.h"
 #include "zo/Error.h"
 #include "zo/URI.h"
@@ -8,7 +9,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <vector>
 
 using namespace zo;
 
@@ -126,6 +129,73 @@ TEST(StreamBase, WriteKeepBufferWritesTheSliceAndBarriersArePassed)
     const P<IWriteBarrier> barrier = stream->createWriteBarrier(nullptr);
     EXPECT_TRUE(barrier->isPassed());
     EXPECT_TRUE(barrier->wait(0));
+}
+
+// Bytes in a string that refuses writes; checkOpen is its own, the writing
+// calls come from the base.
+class CReadOnlyStringStream : public CReadOnlyStreamBase {
+public:
+    explicit CReadOnlyStringStream(CURI uri) : CReadOnlyStreamBase("Read-only string stream"), m_uri(std::move(uri)) {}
+
+    int64 getLength() override { return 3; }
+    int64 getPosition() override { return 0; }
+    CURI getURI() override { return m_uri; }
+    void seek(int64) override {}
+    void close() override { m_closed = true; }
+    int readLax(void*, int) override { return 0; }
+
+private:
+    void checkOpen() const override
+    {
+        if (m_closed)
+            throw CIOError(CIOError::StreamClosed, String());
+    }
+
+    CURI m_uri;
+    bool m_closed = false;
+};
+
+// The error `call` throws: a CIOError, or a test failure.
+P<CError> ioErrorOf(const std::function<void()>& call)
+{
+    try {
+        call();
+    } catch (const CIOError& e) {
+        return e.clone();
+    }
+    ADD_FAILURE() << "no CIOError";
+    return P<CError>();
+}
+
+TEST(StreamBase, ReadOnlyStreamRefusesWritesAndNamesItsURI)
+{
+    const P<CReadOnlyStringStream> stream(new CReadOnlyStringStream(CURI("/r")));
+    for (const auto& call :
+         std::vector<std::function<void()>>{[&] { stream->write("x", 1); }, [&] { stream->setLength(1); }}) {
+        const P<CError> error = ioErrorOf(call);
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->getCode(), CIOError::ReadOnly);
+        EXPECT_EQ(error->getMessage(), "The stream is open for reading only.");
+        EXPECT_EQ(error->getProps().lookup("uri"), "/r");
+    }
+    EXPECT_NO_THROW(stream->flush());
+
+    const P<CReadOnlyStringStream> unnamed(new CReadOnlyStringStream(CURI()));
+    const P<CError> error = ioErrorOf([&] { unnamed->write("x", 1); });
+    ASSERT_TRUE(error);
+    EXPECT_FALSE(error->getProps().contains("uri"));
+}
+
+TEST(StreamBase, ClosedReadOnlyStreamSaysItIsClosed)
+{
+    const P<CReadOnlyStringStream> stream(new CReadOnlyStringStream(CURI("/r")));
+    stream->close();
+    for (const auto& call : std::vector<std::function<void()>>{
+             [&] { stream->write("x", 1); }, [&] { stream->setLength(1); }, [&] { stream->flush(); }}) {
+        const P<CError> error = ioErrorOf(call);
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->getCode(), CIOError::StreamClosed);
+    }
 }
 
 } // namespace
