@@ -479,8 +479,10 @@ void CBrickDiskBlockDevice::keepUnstoredBytes(int64 index, const BrickData& data
 {
     std::lock_guard lock(m_mutex);
     if (unlessLaterStore) {
+        // The queue keeps a failed store's bytes until the brick is stored
+        // again: a later store, in flight or ended, holds newer bytes.
         const std::optional<CBrickStoreQueue::Store> store = m_disk->getStoreQueue()->getStoreOf(index);
-        if (store && !store->failed)
+        if (!store || !store->failed)
             return;
     }
     const auto cached = m_cache.find(index);

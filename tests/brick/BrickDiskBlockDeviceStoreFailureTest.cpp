@@ -188,11 +188,10 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, ANewerWriteOfAnUnstoredBrickIsWhatG
 }
 
 // A brick whose store failed, stored again before the failed store's
-// listener ran: the listener marks the brick changed while a reader loads
-// it from its file. A flush that meets the brick then waits for the load and
-// stores what was loaded, if anything; it never hands over a brick that
-// holds no bytes yet.
-TEST_F(BrickDiskBlockDeviceStoreFailureTest, FlushWaitsForABrickStillLoadingThatAFailedStoreMarkedChanged)
+// listener ran, while a reader loads it from its file: the late listener
+// leaves the brick alone, and the read, the flush and the disk all hold the
+// newer bytes.
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALoadingBrickAlone)
 {
     const Bytes first = testsupport::patternBytes(kBrickSize, 8);
     const Bytes second = testsupport::patternBytes(kBrickSize, 9);
@@ -277,6 +276,53 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FlushWaitsForABrickStillLoadingThat
     EXPECT_EQ(storedBytes(0, kBrickSize), second);
     for (int64 index = 1; index <= 9; ++index)
         EXPECT_EQ(storedBytes(index * kBrickSize, kBrickSize), other) << "brick " << index;
+}
+
+// A brick whose store failed, stored again and evicted before the failed
+// store's listener ran: the late listener must not bring the older bytes
+// back, or the next flush would store them over the newer ones.
+TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreNeverBringsBackOlderBytes)
+{
+    const Bytes first = testsupport::patternBytes(kBrickSize, 11);
+    const Bytes second = testsupport::patternBytes(kBrickSize, 12);
+    const Bytes other = testsupport::patternBytes(kBrickSize, 13);
+    zo::CSignal failed;
+    zo::CSignal listenerMayRun;
+    const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword);
+    CBrickStoreQueue* queue = disk->getStoreQueue();
+    queue->setFailureHook([&](int64 index) {
+        if (index != 0 || failed.isSet())
+            return;
+        failed.set();
+        listenerMayRun.wait(-1);
+    });
+    const P<CBrickDiskBlockDevice> device(new CBrickDiskBlockDevice(disk.get(), kSmallestCache));
+    struct LetTheListenerGo {
+        zo::CSignal& listener;
+        ~LetTheListenerGo() { listener.set(); }
+    } letTheListenerGo{listenerMayRun};
+    const auto writeBrick = [&](int64 index, const Bytes& bytes) {
+        device->write(bytes.getData(), index * kBrickSize, kBrickSize);
+    };
+
+    writeBrick(0, first);
+    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
+    for (int64 index = 1; index <= 4; ++index)
+        writeBrick(index, other);
+    ASSERT_TRUE(failed.wait(-1));
+    writeBrick(0, second);
+    for (int64 index = 5; index <= 8; ++index)
+        writeBrick(index, other);
+    ASSERT_TRUE(queue->waitForStoresOf(0, -1));
+    ASSERT_TRUE(queue->getUnstoredBricks().empty());
+
+    listenerMayRun.set();
+    ASSERT_TRUE(queue->waitForAll(-1));
+    device->flush();
+    queue->setFailureHook({});
+
+    EXPECT_EQ(readDevice(*device, 0, kBrickSize), second);
+    EXPECT_EQ(storedBytes(0, kBrickSize), second);
 }
 
 // The fault sweep: the Nth store of a brick file, or the Nth creation of a
