@@ -1,14 +1,14 @@
 #include "brick/cache/CachedStore.h"
 
+#include "brick/cache/detail/CacheLayout.h"
+
 #include "brick/format/BrickDiskHeader.h"
-#include "seal/Digest.h"
 #include "zo/BufferStream.h"
 #include "zo/FileSystemOp.h"
 #include "zo/Log.h"
 
 #include <algorithm>
 #include <set>
-#include <sstream>
 
 namespace brick {
 
@@ -24,30 +24,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char kOwnerFile[] = "owner";
-constexpr char kFilesFolder[] = "files";
-constexpr char kJournalFolder[] = "journal";
-constexpr char kRecordSuffix[] = ".rec";
-constexpr char kOwnerMagic[] = "brickdisk cache 1";
-constexpr char kRecordMagic[] = "brickdisk cache record 1";
 constexpr int kFolderMode = 0700;
 constexpr int kMaxRetryDelayMillis = 30000;
 // Eviction frees down to this share of the size, so that it runs in batches.
 constexpr int64 kEvictToPercent = 90;
-
-std::string sha256Hex(const std::string& text)
-{
-    const P<seal::IDigestContext> context = seal::CDigestManager().getType("sha256")->createContext();
-    context->update(text.data(), static_cast<int>(text.size()));
-    context->finish();
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    for (int i = 0; i < context->getSize(); ++i) {
-        hex += digits[context->getDigest()[i] >> 4];
-        hex += digits[context->getDigest()[i] & 15];
-    }
-    return hex;
-}
 
 P<zo::TBuffer<zo::uint8>> readAll(zo::IFileSystem* fs, const CURI& file)
 {
@@ -63,12 +43,6 @@ void storeAll(zo::IFileSystem* fs, const CURI& file, const zo::TBuffer<zo::uint8
 {
     const P<zo::IInStream> source(new zo::CBufferStream(&bytes));
     fs->beginStoreFile(file, bytes.getUsed(), source.get(), overwrite, nullptr)->wait();
-}
-
-std::string readText(zo::IFileSystem* fs, const CURI& file)
-{
-    const P<zo::TBuffer<zo::uint8>> bytes = readAll(fs, file);
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), static_cast<size_t>(bytes->getUsed()));
 }
 
 void storeText(zo::IFileSystem* fs, const CURI& file, const std::string& text)
@@ -100,8 +74,8 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
 {
     m_settings.uploadJobs = std::max(1, m_settings.uploadJobs);
     m_settings.maxDirtyFiles = std::max(1, m_settings.maxDirtyFiles);
-    m_cacheFs->createFolder(m_settings.folder << kFilesFolder, kFolderMode);
-    m_cacheFs->createFolder(m_settings.folder << kJournalFolder, kFolderMode);
+    m_cacheFs->createFolder(m_settings.folder << detail::kCacheFilesFolder, kFolderMode);
+    m_cacheFs->createFolder(m_settings.folder << detail::kCacheJournalFolder, kFolderMode);
     try {
         m_folderLock = m_cacheFs->lockFolder(m_settings.folder, true);
     } catch (const CFileSystemError& e) {
@@ -114,7 +88,7 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
     m_cacheFs->removeTemporaryFiles(m_settings.folder);
     loadJournal();
     checkOwner(diskFolder, !m_dirty.empty());
-    loadCachedFiles(m_settings.folder << kFilesFolder);
+    loadCachedFiles(m_settings.folder << detail::kCacheFilesFolder);
     m_pool = zo::CCompletionPool::create(m_settings.uploadJobs);
     m_uploaders = std::make_unique<zo::CWorkerPool>(m_settings.uploadJobs);
     // Each job loops until the cache stops, so every worker runs one.
@@ -151,22 +125,19 @@ void CCachedStore::stopUploaders() noexcept
 void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
 {
     const String disk = diskFolder.toNormalized().toString();
-    const std::string header = sha256Hex(readText(getInner(), CBrickDiskHeader::getHeaderURI(diskFolder, 0)));
-    const CURI ownerFile = m_settings.folder << kOwnerFile;
-    const std::string expected = std::string(kOwnerMagic) + "\ndisk " + disk.toUTF8() + "\nheader " + header + "\n";
+    const std::string header =
+        detail::sha256Hex(detail::readCacheText(getInner(), CBrickDiskHeader::getHeaderURI(diskFolder, 0)));
+    const CURI ownerFile = m_settings.folder << detail::kCacheOwnerFile;
+    const std::string expected = detail::formatOwnerRecord(disk.toUTF8(), header);
     if (!m_cacheFs->fileExists(ownerFile)) {
         storeText(m_cacheFs.get(), ownerFile, expected);
         return;
     }
-    const std::string recorded = readText(m_cacheFs.get(), ownerFile);
+    const std::string recorded = detail::readCacheText(m_cacheFs.get(), ownerFile);
     if (recorded == expected)
         return;
-    std::istringstream lines(recorded);
-    std::string magic, cachedDisk;
-    std::getline(lines, magic);
-    std::getline(lines, cachedDisk);
-    if (cachedDisk.rfind("disk ", 0) == 0)
-        cachedDisk.erase(0, 5);
+    std::string cachedDisk;
+    detail::parseOwnerDisk(recorded, cachedDisk);
     const String folder = m_settings.folder.toString();
     CProps props = CProps().add("cacheFolder", folder).add("diskFolder", disk).add("cachedDisk", String(cachedDisk));
     const std::string remove = "rm -r '" + folder.toUTF8() + "'";
@@ -190,44 +161,28 @@ void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
 
 CURI CCachedStore::cachePath(const String& key) const
 {
-    std::string path = key.toUTF8();
-    const size_t scheme = path.find("://");
-    if (scheme != std::string::npos)
-        path.replace(scheme, 3, "/");
-    else if (!path.empty() && path[0] == '/')
-        path = "local" + path;
-    else
-        path = "relative/" + path;
-    return CURI(m_settings.folder << kFilesFolder, String(path));
+    return detail::cachedFileOf(m_settings.folder, key.toUTF8());
 }
 
 CURI CCachedStore::recordPath(const String& key) const
 {
-    return m_settings.folder << kJournalFolder << String(sha256Hex(key.toUTF8()).substr(0, 32) + kRecordSuffix);
+    return m_settings.folder << detail::kCacheJournalFolder
+                             << String(detail::sha256Hex(key.toUTF8()).substr(0, 32) + detail::kCacheRecordSuffix);
 }
 
 void CCachedStore::writeRecord(const String& key, Change change)
 {
-    const std::string body =
-        std::string(kRecordMagic) + "\n" + (change == Change::Store ? "store" : "delete") + "\n" + key.toUTF8() + "\n";
-    storeText(m_cacheFs.get(), recordPath(key), body + sha256Hex(body) + "\n");
+    storeText(m_cacheFs.get(), recordPath(key), detail::formatJournalRecord(key.toUTF8(), change == Change::Delete));
 }
 
 void CCachedStore::loadJournal()
 {
-    const CURI journal = m_settings.folder << kJournalFolder;
+    const CURI journal = m_settings.folder << detail::kCacheJournalFolder;
     for (const String& name : m_cacheFs->listFolder(journal)) {
         const CURI record = journal << name;
-        const std::string text = readText(m_cacheFs.get(), record);
-        const size_t end = text.size() > 1 ? text.rfind('\n', text.size() - 2) : std::string::npos;
-        std::istringstream lines(text);
-        std::string magic, change, key;
-        std::getline(lines, magic);
-        std::getline(lines, change);
-        std::getline(lines, key);
-        if (end == std::string::npos || text.back() != '\n' ||
-            text.substr(end + 1) != sha256Hex(text.substr(0, end + 1)) + "\n" || magic != kRecordMagic ||
-            (change != "store" && change != "delete")) {
+        std::string key;
+        bool deletion = false;
+        if (!detail::parseJournalRecord(detail::readCacheText(m_cacheFs.get(), record), key, deletion)) {
             // A record cut short or damaged was never acknowledged: the
             // records of acknowledged changes are replaced atomically.
             zo::logLine(zo::LogLevel::Warning,
@@ -237,7 +192,7 @@ void CCachedStore::loadJournal()
         }
         const String path(key);
         Entry& entry = m_entries[path];
-        entry.change = change == "store" ? Change::Store : Change::Delete;
+        entry.change = deletion ? Change::Delete : Change::Store;
         if (entry.change == Change::Store && !m_cacheFs->fileExists(cachePath(path))) {
             // The bytes never reached the cache folder: never acknowledged.
             eraseEntryLocked(path);
@@ -259,7 +214,7 @@ void CCachedStore::loadCachedFiles(const CURI& folder)
             loadCachedFiles(path);
             continue;
         }
-        std::string relative = path.toRelative(m_settings.folder << kFilesFolder).toString().toUTF8();
+        std::string relative = path.toRelative(m_settings.folder << detail::kCacheFilesFolder).toString().toUTF8();
         if (relative.rfind("local/", 0) == 0)
             relative.erase(0, 5);
         else if (relative.rfind("relative/", 0) == 0)

@@ -1,0 +1,92 @@
+#include "brick/cache/detail/CacheLayout.h"
+
+#include "seal/Digest.h"
+
+#include <sstream>
+
+namespace brick::detail {
+
+namespace {
+
+constexpr char kOwnerMagic[] = "brickdisk cache 1";
+constexpr char kRecordMagic[] = "brickdisk cache record 1";
+
+} // namespace
+
+std::string sha256Hex(const std::string& text)
+{
+    const zo::P<seal::IDigestContext> context = seal::CDigestManager().getType("sha256")->createContext();
+    context->update(text.data(), static_cast<int>(text.size()));
+    context->finish();
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (int i = 0; i < context->getSize(); ++i) {
+        hex += digits[context->getDigest()[i] >> 4];
+        hex += digits[context->getDigest()[i] & 15];
+    }
+    return hex;
+}
+
+std::string readCacheText(zo::IFileSystem* fs, const zo::CURI& file)
+{
+    const zo::P<zo::IIOStream> stream = fs->openStream(file, zo::IIOStream::AccessRead, 0);
+    std::string text(static_cast<size_t>(stream->getLength()), '\0');
+    if (!text.empty())
+        stream->read(text.data(), static_cast<int>(text.size()));
+    return text;
+}
+
+zo::CURI cachedFileOf(const zo::CURI& folder, const std::string& key)
+{
+    std::string path = key;
+    const size_t scheme = path.find("://");
+    if (scheme != std::string::npos)
+        path.replace(scheme, 3, "/");
+    else if (!path.empty() && path[0] == '/')
+        path.insert(0, "local");
+    else
+        path.insert(0, "relative/");
+    return zo::CURI(folder << kCacheFilesFolder, zo::String(path));
+}
+
+std::string formatOwnerRecord(const std::string& disk, const std::string& headerDigest)
+{
+    return std::string(kOwnerMagic) + "\ndisk " + disk + "\nheader " + headerDigest + "\n";
+}
+
+bool parseOwnerDisk(const std::string& record, std::string& disk)
+{
+    std::istringstream lines(record);
+    std::string magic, line;
+    std::getline(lines, magic);
+    std::getline(lines, line);
+    if (magic != kOwnerMagic || line.rfind("disk ", 0) != 0)
+        return false;
+    disk = line.substr(5);
+    return true;
+}
+
+std::string formatJournalRecord(const std::string& key, bool deletion)
+{
+    const std::string body = std::string(kRecordMagic) + "\n" + (deletion ? "delete" : "store") + "\n" + key + "\n";
+    return body + sha256Hex(body) + "\n";
+}
+
+bool parseJournalRecord(const std::string& text, std::string& key, bool& deletion)
+{
+    const size_t end = text.size() > 1 ? text.rfind('\n', text.size() - 2) : std::string::npos;
+    if (end == std::string::npos || text.back() != '\n' ||
+        text.substr(end + 1) != sha256Hex(text.substr(0, end + 1)) + "\n")
+        return false;
+    std::istringstream lines(text);
+    std::string magic, change;
+    std::getline(lines, magic);
+    std::getline(lines, change);
+    std::getline(lines, key);
+    if (magic != kRecordMagic || (change != "store" && change != "delete"))
+        return false;
+    deletion = change == "delete";
+    return true;
+}
+
+} // namespace brick::detail
