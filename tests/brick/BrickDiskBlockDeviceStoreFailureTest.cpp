@@ -108,6 +108,41 @@ protected:
         for (int64 at = 0; at < kDiskSize; at += piece)
             device.write(bytes.getData() + at, at, std::min(piece, kDiskSize - at));
     }
+
+    // Holds back the listener of the first failed store of brick 0 until
+    // `listenerMayRun` is set; `failed` is set once it is held.
+    static void holdListenerOfFirstFailureOfBrickZero(CBrickStoreQueue& queue, zo::CSignal& failed,
+                                                      zo::CSignal& listenerMayRun)
+    {
+        queue.setFailureHook([&failed, &listenerMayRun](int64 index) {
+            if (index != 0 || failed.isSet())
+                return;
+            failed.set();
+            listenerMayRun.wait(-1);
+        });
+    }
+
+    // Brick 0 written as `first`, evicted by bricks 1 to 4 (`other`) and its
+    // store failed (the listener held, see above); then written as `second`,
+    // evicted by bricks 5 to 8 and stored.
+    static void storeBrickZeroAgainAfterAFailedStore(CBrickDiskBlockDevice& device, CBrickStoreQueue& queue,
+                                                     zo::CMemoryFileSystem& fs, zo::CSignal& failed, const Bytes& first,
+                                                     const Bytes& second, const Bytes& other)
+    {
+        const auto writeBrick = [&](int64 index, const Bytes& bytes) {
+            device.write(bytes.getData(), index * kBrickSize, kBrickSize);
+        };
+        writeBrick(0, first);
+        fs.failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
+        for (int64 index = 1; index <= 4; ++index)
+            writeBrick(index, other);
+        ASSERT_TRUE(failed.wait(-1));
+        writeBrick(0, second);
+        for (int64 index = 5; index <= 8; ++index)
+            writeBrick(index, other);
+        ASSERT_TRUE(queue.waitForStoresOf(0, -1));
+        ASSERT_TRUE(queue.getUnstoredBricks().empty());
+    }
 };
 
 TEST_F(BrickDiskBlockDeviceStoreFailureTest, AFailedStoreKeepsTheBrickForReadsAndTheNextFlushStoresIt)
@@ -206,12 +241,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALo
     for (int64 index = 0; index <= 9; ++index)
         files.push_back(testsupport::brickFileOf(*disk, CURI(kFolder), index));
     // The failed store's listener waits until the test lets it run.
-    queue->setFailureHook([&](int64 index) {
-        if (index != 0 || failed.isSet())
-            return;
-        failed.set();
-        listenerMayRun.wait(-1);
-    });
+    holdListenerOfFirstFailureOfBrickZero(*queue, failed, listenerMayRun);
     const P<CBrickDiskBlockDevice> device(new CBrickDiskBlockDevice(disk.get(), kSmallestCache));
     // Should a step fail, nothing stays held for the device's last flush.
     struct LetEverythingGo {
@@ -227,19 +257,9 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALo
         device->write(bytes.getData(), index * kBrickSize, kBrickSize);
     };
 
-    // Brick 0 is evicted by the fifth brick written; its store fails.
-    writeBrick(0, first);
-    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
-    for (int64 index = 1; index <= 4; ++index)
-        writeBrick(index, other);
-    ASSERT_TRUE(failed.wait(-1));
-
-    // Written again and evicted again, brick 0 is stored.
-    writeBrick(0, second);
-    for (int64 index = 5; index <= 8; ++index)
-        writeBrick(index, other);
-    ASSERT_TRUE(queue->waitForStoresOf(0, -1));
-    ASSERT_TRUE(queue->getUnstoredBricks().empty());
+    storeBrickZeroAgainAfterAFailedStore(*device, *queue, *fs, failed, first, second, other);
+    if (HasFatalFailure())
+        return;
 
     // A reader loads brick 0 from its file and is held there, while the
     // failed store's listener marks the brick changed.
@@ -290,31 +310,16 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreNeverBrin
     zo::CSignal listenerMayRun;
     const P<CBrickDisk> disk = testsupport::openDisk(fs.get(), CURI(kFolder), kPassword);
     CBrickStoreQueue* queue = disk->getStoreQueue();
-    queue->setFailureHook([&](int64 index) {
-        if (index != 0 || failed.isSet())
-            return;
-        failed.set();
-        listenerMayRun.wait(-1);
-    });
+    holdListenerOfFirstFailureOfBrickZero(*queue, failed, listenerMayRun);
     const P<CBrickDiskBlockDevice> device(new CBrickDiskBlockDevice(disk.get(), kSmallestCache));
     struct LetTheListenerGo {
         zo::CSignal& listener;
         ~LetTheListenerGo() { listener.set(); }
     } letTheListenerGo{listenerMayRun};
-    const auto writeBrick = [&](int64 index, const Bytes& bytes) {
-        device->write(bytes.getData(), index * kBrickSize, kBrickSize);
-    };
 
-    writeBrick(0, first);
-    fs->failOperation(Op::StoreFile, 1, CFileSystemError::NoSpace, false);
-    for (int64 index = 1; index <= 4; ++index)
-        writeBrick(index, other);
-    ASSERT_TRUE(failed.wait(-1));
-    writeBrick(0, second);
-    for (int64 index = 5; index <= 8; ++index)
-        writeBrick(index, other);
-    ASSERT_TRUE(queue->waitForStoresOf(0, -1));
-    ASSERT_TRUE(queue->getUnstoredBricks().empty());
+    storeBrickZeroAgainAfterAFailedStore(*device, *queue, *fs, failed, first, second, other);
+    if (HasFatalFailure())
+        return;
 
     listenerMayRun.set();
     ASSERT_TRUE(queue->waitForAll(-1));
