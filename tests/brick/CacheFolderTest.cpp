@@ -4,6 +4,7 @@
 #include "brick/cache/CacheFolder.h"
 
 #include "brick/cache/CachedStore.h"
+#include "support/CacheTestDisk.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/BufferStream.h"
 #include "zo/MemoryFileSystem.h"
@@ -15,6 +16,7 @@
 
 namespace {
 
+using namespace testsupport::cachetest;
 using brick::CacheFolderContents;
 using brick::CacheSettings;
 using brick::CCachedStore;
@@ -27,22 +29,7 @@ using zo::CURI;
 using zo::P;
 using Operation = zo::CMemoryFileSystem::Operation;
 
-const CURI kDisk("mem://store/disk");
-const CURI kBricks("mem://store/disk/bricks");
 const CURI kCacheFolder("/cache");
-
-CURI brickFile(int index)
-{
-    return kDisk << "bricks"
-                 << "a00" << zo::String(std::to_string(index) + ".brick");
-}
-
-Bytes filled(int size, zo::uint8 value)
-{
-    Bytes bytes(size);
-    std::memset(bytes.getData(), value, static_cast<size_t>(size));
-    return bytes;
-}
 
 class CacheFolderTest : public ::testing::Test {
 protected:

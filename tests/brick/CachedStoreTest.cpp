@@ -3,6 +3,7 @@
 #include "brick/chain/BrickDisk.h"
 #include "brick/format/BrickDiskHeader.h"
 #include "brick/serving/BrickDiskBlockDevice.h"
+#include "support/CacheTestDisk.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/BufferStream.h"
@@ -24,6 +25,7 @@
 
 namespace {
 
+using namespace testsupport::cachetest;
 using brick::CacheSettings;
 using brick::CCachedStore;
 using testsupport::Bytes;
@@ -36,22 +38,7 @@ using zo::CURI;
 using zo::P;
 using Operation = zo::CMemoryFileSystem::Operation;
 
-const CURI kDisk("mem://store/disk");
-const CURI kBricks("mem://store/disk/bricks");
 const CURI kCacheFolder("/cache");
-
-CURI brickFile(int index)
-{
-    return kDisk << "bricks"
-                 << "a00" << zo::String(std::to_string(index) + ".brick");
-}
-
-Bytes filled(int size, zo::uint8 value)
-{
-    Bytes bytes(size);
-    std::memset(bytes.getData(), value, static_cast<size_t>(size));
-    return bytes;
-}
 
 std::string text(const P<zo::TBuffer<zo::uint8>>& bytes)
 {

@@ -5,6 +5,7 @@
 
 #include "brick/cache/CachedStore.h"
 #include "brick/cache/CountingFileSystem.h"
+#include "support/CacheTestDisk.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/BufferStream.h"
@@ -22,6 +23,7 @@
 
 namespace {
 
+using namespace testsupport::cachetest;
 using brick::CacheSettings;
 using brick::CCachedStore;
 using brick::CCountingFileSystem;
@@ -33,25 +35,10 @@ using zo::CURI;
 using zo::P;
 using Operation = zo::CMemoryFileSystem::Operation;
 
-const CURI kDisk("mem://store/disk");
-const CURI kBricks("mem://store/disk/bricks");
 const std::string kDiskLabel = "disk=\"mem://store/disk\"";
 constexpr int kBrickBytes = 1000;
 // Long enough that only the test's own writes happen.
 constexpr std::chrono::hours kNoPeriodicWrites{1};
-
-CURI brickFile(int index)
-{
-    return kDisk << "bricks"
-                 << "a00" << zo::String(std::to_string(index) + ".brick");
-}
-
-Bytes filled(int size, zo::uint8 value)
-{
-    Bytes bytes(size);
-    std::memset(bytes.getData(), value, static_cast<size_t>(size));
-    return bytes;
-}
 
 // The values of a statistics file by series ("name{labels}"); the help and
 // type lines are checked to come before the values of their metric.

@@ -3,6 +3,7 @@
 // fetch, and a store that is unreachable for a while and then comes back.
 #include "brick/cache/CachedStore.h"
 
+#include "support/CacheTestDisk.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/BufferStream.h"
 #include "zo/ForwardingFileSystem.h"
@@ -21,6 +22,7 @@
 
 namespace {
 
+using namespace testsupport::cachetest;
 using brick::CacheSettings;
 using brick::CCachedStore;
 using testsupport::Bytes;
@@ -31,25 +33,9 @@ using zo::CURI;
 using zo::P;
 using Operation = zo::CMemoryFileSystem::Operation;
 
-const CURI kDisk("mem://store/disk");
-const CURI kBricks("mem://store/disk/bricks");
-
 // Long enough for any machine; only a cache that never lets the awaited
 // state come waits this long.
 constexpr auto kGenerousWait = std::chrono::seconds(60);
-
-CURI brickFile(int index)
-{
-    return kDisk << "bricks"
-                 << "a00" << zo::String(std::to_string(index) + ".brick");
-}
-
-Bytes filled(int size, zo::uint8 value)
-{
-    Bytes bytes(size);
-    std::memset(bytes.getData(), value, static_cast<size_t>(size));
-    return bytes;
-}
 
 std::string text(const Bytes& bytes)
 {
