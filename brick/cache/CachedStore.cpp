@@ -140,21 +140,23 @@ void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
     detail::parseOwnerDisk(recorded, cachedDisk);
     const String folder = m_settings.folder.toString();
     CProps props = CProps().add("cacheFolder", folder).add("diskFolder", disk).add("cachedDisk", String(cachedDisk));
-    const std::string remove = "rm -r '" + folder.toUTF8() + "'";
+    const std::string quoted = "'" + folder.toUTF8() + "'";
+    const std::string drop = "brickdisk cache drop " + quoted + (hasDirty ? " --discard-dirty" : "");
     if (cachedDisk != disk.toUTF8()) {
         if (hasDirty)
             throw CError(String("The cache folder belongs to another disk, " + cachedDisk +
-                                ", and holds changes of it that its store lacks. Serve that disk with this cache "
-                                "folder to upload them, or give them up with '" +
-                                remove + "'; or choose another cache folder."),
+                                ", and holds changes of it that its store lacks. Upload them with 'brickdisk cache "
+                                "flush " +
+                                quoted + "' (or by serving that disk with this cache folder), or give them up with '" +
+                                drop + "'; or choose another cache folder."),
                          String(), -1, props);
         throw CError(String("The cache folder belongs to another disk, " + cachedDisk +
-                            ". Choose another cache folder, or empty this one with '" + remove + "'."),
+                            ". Choose another cache folder, or empty this one with '" + drop + "'."),
                      String(), -1, props);
     }
     throw CError(String("The disk changed elsewhere since this cache folder was used: its header is not the one "
                         "the cache recorded. Empty the cache folder with '" +
-                        remove + "' before serving it" +
+                        drop + "' before serving it" +
                         (hasDirty ? ", which gives up the changes the cache holds for the store." : ".")),
                  String(), -1, props);
 }

@@ -408,7 +408,7 @@ TEST_F(CachedStoreTest, RefusesTheCacheFolderOfAnotherDisk)
     ASSERT_TRUE(error);
     EXPECT_NE(messageOf(*error).find("belongs to another disk, mem://store/disk."), std::string::npos)
         << messageOf(*error);
-    EXPECT_NE(messageOf(*error).find("rm -r '/cache'"), std::string::npos);
+    EXPECT_NE(messageOf(*error).find("brickdisk cache drop '/cache'"), std::string::npos);
     EXPECT_EQ(error->getProps().lookup("cachedDisk").toUTF8(), "mem://store/disk");
 }
 
