@@ -40,28 +40,6 @@ using Operation = zo::CMemoryFileSystem::Operation;
 
 const CURI kCacheFolder("/cache");
 
-std::string text(const P<zo::TBuffer<zo::uint8>>& bytes)
-{
-    return bytes ? std::string(reinterpret_cast<const char*>(bytes->getData()), static_cast<size_t>(bytes->getUsed()))
-                 : std::string("<none>");
-}
-
-std::string text(const Bytes& bytes)
-{
-    return std::string(reinterpret_cast<const char*>(bytes.getData()), static_cast<size_t>(bytes.getUsed()));
-}
-
-// Waits until `done` holds, failing the test after a minute (a hang, not a
-// slow machine).
-void waitUntil(const std::function<bool()>& done)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!done()) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "The awaited state never came.";
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-}
-
 // Keeps the lines logged while it lives (from any thread), then puts the
 // previous sink back.
 class CapturedLog {
@@ -97,35 +75,8 @@ private:
     zo::LogSink m_previous;
 };
 
-class CachedStoreTest : public ::testing::Test {
+class CachedStoreTest : public CachedStoreFixture {
 protected:
-    CachedStoreTest()
-    {
-        testsupport::createDisk(store.get(), kDisk, 1 << 20, "secret");
-        settings.folder = kCacheFolder;
-        settings.uploadJobs = 2;
-        settings.retryDelayMillis = 1;
-    }
-
-    P<CCachedStore> open(const CURI& disk = kDisk)
-    {
-        return P<CCachedStore>(new CCachedStore(store.get(), disk, cacheFs.get(), settings));
-    }
-
-    static void write(zo::IFileSystem& fs, const CURI& file, const Bytes& bytes)
-    {
-        const P<zo::IInStream> source(new zo::CBufferStream(&bytes));
-        fs.beginStoreFile(file, bytes.getUsed(), source.get(), true, nullptr)->wait();
-    }
-
-    static std::string read(zo::IFileSystem& fs, const CURI& file)
-    {
-        const P<zo::IIOStream> stream = fs.openStream(file, zo::IIOStream::AccessRead, 0);
-        Bytes bytes(static_cast<int>(stream->getLength()));
-        stream->read(bytes.getData(), bytes.getUsed());
-        return text(bytes);
-    }
-
     // Uploads fail for good until clearFailures.
     void failUploads() { store->failOperation(Operation::StoreFile, 1, CFileSystemError::NoSpace, true, kBricks); }
 
@@ -138,25 +89,6 @@ protected:
             std::this_thread::yield();
         cache = P<CCachedStore>();
     }
-
-    // Drains, tolerating failures of uploads that were under way before the
-    // store recovered.
-    static void drainEventually(CCachedStore& cache)
-    {
-        for (int attempt = 0;; ++attempt) {
-            try {
-                cache.drain();
-                return;
-            } catch (const CError&) {
-                if (attempt > 100)
-                    throw;
-            }
-        }
-    }
-
-    P<CMemoryFileSystem> store{new CMemoryFileSystem()};
-    P<CMemoryFileSystem> cacheFs{new CMemoryFileSystem()};
-    CacheSettings settings;
 };
 
 TEST_F(CachedStoreTest, FetchesABrickOnceAndReadsItFromTheCacheAfterwards)

@@ -37,30 +37,6 @@ using Operation = zo::CMemoryFileSystem::Operation;
 // state come waits this long.
 constexpr auto kGenerousWait = std::chrono::seconds(60);
 
-std::string text(const Bytes& bytes)
-{
-    return std::string(reinterpret_cast<const char*>(bytes.getData()), static_cast<size_t>(bytes.getUsed()));
-}
-
-std::string text(const P<zo::TBuffer<zo::uint8>>& bytes)
-{
-    return bytes ? text(*bytes) : std::string("<none>");
-}
-
-void write(zo::IFileSystem& fs, const CURI& file, const Bytes& bytes)
-{
-    const P<zo::IInStream> source(new zo::CBufferStream(&bytes));
-    fs.beginStoreFile(file, bytes.getUsed(), source.get(), true, nullptr)->wait();
-}
-
-std::string read(zo::IFileSystem& fs, const CURI& file)
-{
-    const P<zo::IIOStream> stream = fs.openStream(file, zo::IIOStream::AccessRead, 0);
-    Bytes bytes(static_cast<int>(stream->getLength()));
-    stream->read(bytes.getData(), bytes.getUsed());
-    return text(bytes);
-}
-
 // A store whose reads of brick files wait until `gathered` of them are under
 // way at once; a read that waits kGenerousWait in vain is counted as
 // stranded, and from then on every read goes through.
@@ -109,46 +85,7 @@ private:
     int m_stranded = 0;
 };
 
-class CachedStoreConcurrency : public ::testing::Test {
-protected:
-    CachedStoreConcurrency()
-    {
-        testsupport::createDisk(store.get(), kDisk, 1 << 20, "secret");
-        settings.folder = CURI("/cache");
-        settings.uploadJobs = 2;
-        settings.retryDelayMillis = 1;
-    }
-
-    // Waits until `done` holds; a minute without it fails the test.
-    template <class F>
-    static void waitUntil(F&& done)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + kGenerousWait;
-        while (!done()) {
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "The awaited state never came.";
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-
-    // Drains, tolerating the failures of uploads that were under way when
-    // the store came back.
-    static void drainEventually(CCachedStore& cache)
-    {
-        for (int attempt = 0;; ++attempt) {
-            try {
-                cache.drain();
-                return;
-            } catch (const CError&) {
-                if (attempt > 100)
-                    throw;
-            }
-        }
-    }
-
-    P<CMemoryFileSystem> store{new CMemoryFileSystem()};
-    P<CMemoryFileSystem> cacheFs{new CMemoryFileSystem()};
-    CacheSettings settings;
-};
+class CachedStoreConcurrency : public CachedStoreFixture {};
 
 TEST_F(CachedStoreConcurrency, FetchesDifferentBricksInParallel)
 {

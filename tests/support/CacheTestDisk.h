@@ -1,12 +1,22 @@
 // What the tests of the brick cache share: a disk in a memory store, the
-// names of its brick files, and bytes to store as them.
+// names of its brick files, bytes to store as them, and a fixture with a
+// cache in front of that store.
 #pragma once
 
+#include "brick/cache/CachedStore.h"
 #include "support/BrickTestHelpers.h"
+#include "support/DiskTestHelpers.h"
+#include "zo/BufferStream.h"
+#include "zo/Error.h"
+#include "zo/MemoryFileSystem.h"
 #include "zo/URI.h"
 
+#include <gtest/gtest.h>
+
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace testsupport::cachetest {
 
@@ -27,5 +37,79 @@ inline Bytes filled(int size, zo::uint8 value)
     std::memset(bytes.getData(), value, static_cast<size_t>(size));
     return bytes;
 }
+
+inline std::string text(const Bytes& bytes)
+{
+    return std::string(reinterpret_cast<const char*>(bytes.getData()), static_cast<size_t>(bytes.getUsed()));
+}
+
+inline std::string text(const zo::P<zo::TBuffer<zo::uint8>>& bytes)
+{
+    return bytes ? text(*bytes) : std::string("<none>");
+}
+
+// Stores `bytes` as `file` and waits for the store.
+inline void write(zo::IFileSystem& fs, const zo::CURI& file, const Bytes& bytes)
+{
+    const zo::P<zo::IInStream> source(new zo::CBufferStream(&bytes));
+    fs.beginStoreFile(file, bytes.getUsed(), source.get(), true, nullptr)->wait();
+}
+
+inline std::string read(zo::IFileSystem& fs, const zo::CURI& file)
+{
+    const zo::P<zo::IIOStream> stream = fs.openStream(file, zo::IIOStream::AccessRead, 0);
+    Bytes bytes(static_cast<int>(stream->getLength()));
+    stream->read(bytes.getData(), bytes.getUsed());
+    return text(bytes);
+}
+
+// Waits until `done` holds, failing the test after a minute (a hang, not a
+// slow machine).
+template <class Done>
+void waitUntil(Done&& done)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!done()) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "The awaited state never came.";
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// The disk in a memory store, a memory file system for the cache folder
+// "/cache", and settings with two uploaders that retry at once.
+class CachedStoreFixture : public ::testing::Test {
+protected:
+    CachedStoreFixture()
+    {
+        createDisk(store.get(), kDisk, 1 << 20, "secret");
+        settings.folder = zo::CURI("/cache");
+        settings.uploadJobs = 2;
+        settings.retryDelayMillis = 1;
+    }
+
+    zo::P<brick::CCachedStore> open(const zo::CURI& disk = kDisk)
+    {
+        return zo::P<brick::CCachedStore>(new brick::CCachedStore(store.get(), disk, cacheFs.get(), settings));
+    }
+
+    // Drains, tolerating failures of uploads that were under way before the
+    // store recovered.
+    static void drainEventually(brick::CCachedStore& cache)
+    {
+        for (int attempt = 0;; ++attempt) {
+            try {
+                cache.drain();
+                return;
+            } catch (const zo::CError&) {
+                if (attempt > 100)
+                    throw;
+            }
+        }
+    }
+
+    zo::P<zo::CMemoryFileSystem> store{new zo::CMemoryFileSystem()};
+    zo::P<zo::CMemoryFileSystem> cacheFs{new zo::CMemoryFileSystem()};
+    brick::CacheSettings settings;
+};
 
 } // namespace testsupport::cachetest
