@@ -140,7 +140,8 @@ void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
     detail::parseOwnerDisk(recorded, cachedDisk);
     const String folder = m_settings.folder.toString();
     CProps props = CProps().add("cacheFolder", folder).add("diskFolder", disk).add("cachedDisk", String(cachedDisk));
-    const std::string quoted = "'" + folder.toUTF8() + "'";
+    std::string quoted("'");
+    quoted.append(folder.toUTF8()).append("'");
     const std::string drop = "brickdisk cache drop " + quoted + (hasDirty ? " --discard-dirty" : "");
     if (cachedDisk != disk.toUTF8()) {
         if (hasDirty)

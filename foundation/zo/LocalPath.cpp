@@ -103,7 +103,7 @@ bool tryOpenLocalEntry(const std::string& path, CLocalEntry& entry)
         entry.name = trimmed.substr(slash + 1);
     }
     if (entry.name.empty())
-        entry.name = ".";
+        entry.name.assign(1, '.');
     entry.folder = CFileDescriptor(openLocalPathWithoutLinks(folder, O_RDONLY | O_DIRECTORY));
     return entry.folder.isOpen();
 }

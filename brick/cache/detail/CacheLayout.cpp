@@ -38,14 +38,16 @@ std::string readCacheText(zo::IFileSystem* fs, const zo::CURI& file)
 
 zo::CURI cachedFileOf(const zo::CURI& folder, const std::string& key)
 {
-    std::string path = key;
-    const size_t scheme = path.find("://");
+    // Each path is built by appending: GCC 12 at -O3 warns falsely about
+    // std::string's replace and insert (-Wrestrict).
+    std::string path;
+    const size_t scheme = key.find("://");
     if (scheme != std::string::npos)
-        path.replace(scheme, 3, "/");
-    else if (!path.empty() && path[0] == '/')
-        path.insert(0, "local");
+        path.append(key, 0, scheme).append("/").append(key, scheme + 3);
+    else if (!key.empty() && key[0] == '/')
+        path.append("local").append(key);
     else
-        path.insert(0, "relative/");
+        path.append("relative/").append(key);
     return zo::CURI(folder << kCacheFilesFolder, zo::String(path));
 }
 
