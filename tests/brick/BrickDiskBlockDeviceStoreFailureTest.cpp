@@ -6,6 +6,7 @@
 #include "brick/chain/BrickStoreQueue.h"
 #include "support/BlockDeviceTestDisk.h"
 #include "support/DiskTestHelpers.h"
+#include "support/SweepRounds.h"
 #include "zo/ForwardingFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 #include "zo/Signal.h"
@@ -362,7 +363,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, FailingTheNthStoreNeverLosesAnAckno
     for (const auto& [kind, count] : countsWithoutFailure) {
         for (const CFileSystemError::Problem problem : {CFileSystemError::NoSpace, CFileSystemError::Unclassified}) {
             for (const bool persistent : {false, true}) {
-                for (int nth = 1; nth <= count; ++nth) {
+                for (int nth = 1; nth <= count; nth += testsupport::sweepStep()) {
                     SCOPED_TRACE(std::string(CMemoryFileSystem::getOperationName(kind)) + " " + std::to_string(nth) +
                                  (persistent ? " and after" : " once") + ", problem " + std::to_string(problem));
                     fs = P<CMemoryFileSystem>(new CMemoryFileSystem(2));

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "CliTestFixture.h"
+#include "support/SweepRounds.h"
 
 #include "zo/URI.h"
 
@@ -99,7 +100,7 @@ TYPED_TEST_P(StoreCommandsContractTest, ImportKilledAtRandomMomentsLeavesEveryBr
     this->runOk({"snapshot", disk, snapshot});
 
     std::mt19937 random(2026);
-    for (int round = 0; round < 5 && !this->HasFailure(); ++round) {
+    for (int round = 0; round < testsupport::sweepRounds(5) && !this->HasFailure(); ++round) {
         const std::string context = "kill " + std::to_string(round + 1);
         {
             std::vector<std::string> args = lease;

@@ -34,4 +34,10 @@ constexpr int sweepStep()
     return kSanitizedBuild ? 3 : 1;
 }
 
+// The cut points that a sweep over `points` points takes with sweepStep().
+constexpr int sweepCuts(int points)
+{
+    return (points + sweepStep() - 1) / sweepStep();
+}
+
 } // namespace testsupport
