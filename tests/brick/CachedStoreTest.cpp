@@ -7,18 +7,15 @@
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/BufferStream.h"
-#include "zo/ForwardingFileSystem.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/Log.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -103,71 +100,58 @@ TEST_F(CachedStoreTest, FetchesABrickOnceAndReadsItFromTheCacheAfterwards)
     EXPECT_EQ(store->getOperationCount(Operation::OpenStream), 1);
 }
 
-// A store whose first read of a brick file waits until the test lets it go,
-// so that other readers come while it is under way.
-class HeldFirstReadStore : public zo::CForwardingFileSystem {
-public:
-    explicit HeldFirstReadStore(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
-
-    P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
-    {
-        if (CCachedStore::isBrickFile(file)) {
-            std::unique_lock lock(m_mutex);
-            if (m_reads++ == 0) {
-                m_changed.notify_all();
-                m_changed.wait(lock, [&] { return m_released; });
-            }
-        }
-        return CForwardingFileSystem::openStream(file, access, options);
-    }
-    void waitForFirstRead()
-    {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_reads > 0; });
-    }
-    // Named apart from IBase::release, which a method "release" here would
-    // hide from P<>, so that the store would never be freed.
-    void letFirstReadGo()
-    {
-        std::lock_guard lock(m_mutex);
-        m_released = true;
-        m_changed.notify_all();
-    }
-    int reads()
-    {
-        std::lock_guard lock(m_mutex);
-        return m_reads;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    int m_reads = 0;
-    bool m_released = false;
-};
-
-TEST_F(CachedStoreTest, FetchesABrickOnceForReadersAtTheSameTime)
+// The window of a listing: the dirty changes are looked at, the store is
+// listed, and an upload of a dirty file may end before the dirty changes are
+// looked at again, so that neither the store's listing nor the dirty changes
+// after it name the file. The store holds the upload until it was listed;
+// then the upload is let go and ends (the file clean) before the listing
+// returns.
+std::set<std::string> listWhileAnUploadEnds(CCachedStore& cache, HeldStore& held)
 {
-    store->setFileData(brickFile(1), filled(5000, 3));
-    const P<HeldFirstReadStore> held(new HeldFirstReadStore(store.get()));
+    held.waitForHeld();
+    EXPECT_EQ(cache.getDirtyCount(), 1);
+    held.afterNextListing([&] {
+        held.letGo();
+        cache.drain();
+    });
+    std::set<std::string> names;
+    try {
+        for (const zo::String& name : cache.listFolder(brickFile(1).getParent()))
+            names.insert(name.toUTF8());
+    } catch (...) {
+        // The uploader must not stay held when the cache closes.
+        held.letGo();
+        throw;
+    }
+    EXPECT_EQ(cache.getDirtyCount(), 0) << "The upload did not end while the store was listed.";
+    return names;
+}
+
+TEST_F(CachedStoreTest, ListingNamesAFileWrittenBeforeItWhoseUploadEndsMeanwhile)
+{
+    store->setFileData(brickFile(2), filled(200, 2));
+    const P<HeldStore> held(new HeldStore(store.get(), HeldStore::Held::Stores));
     const P<CCachedStore> cache(new CCachedStore(held.get(), kDisk, cacheFs.get(), settings));
+    write(*cache, brickFile(1), filled(300, 1));
 
-    std::vector<std::thread> readers;
-    std::vector<std::string> seen(8);
-    readers.emplace_back([&] { seen[0] = read(*cache, brickFile(1)); });
-    held->waitForFirstRead();
-    for (size_t i = 1; i < seen.size(); ++i)
-        readers.emplace_back([&, i] { seen[i] = read(*cache, brickFile(1)); });
-    // Gives the later readers the time to meet the fetch under way; without
-    // it the test only checks less, it cannot fail wrongly.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    held->letFirstReadGo();
-    for (std::thread& reader : readers)
-        reader.join();
+    const std::set<std::string> names = listWhileAnUploadEnds(*cache, *held);
 
-    for (const std::string& bytes : seen)
-        EXPECT_EQ(bytes, text(filled(5000, 3)));
-    EXPECT_EQ(held->reads(), 1);
+    EXPECT_EQ(names, (std::set<std::string>{"1.brick", "2.brick"}));
+    EXPECT_EQ(text(store->getFileData(brickFile(1))), text(filled(300, 1)));
+}
+
+TEST_F(CachedStoreTest, ListingLeavesOutAFileDeletedBeforeItWhoseDeletionIsUploadedMeanwhile)
+{
+    store->setFileData(brickFile(1), filled(300, 1));
+    store->setFileData(brickFile(2), filled(200, 2));
+    const P<HeldStore> held(new HeldStore(store.get(), HeldStore::Held::Deletions));
+    const P<CCachedStore> cache(new CCachedStore(held.get(), kDisk, cacheFs.get(), settings));
+    cache->beginDeleteFile(brickFile(1), nullptr)->wait();
+
+    const std::set<std::string> names = listWhileAnUploadEnds(*cache, *held);
+
+    EXPECT_EQ(names, (std::set<std::string>{"2.brick"}));
+    EXPECT_FALSE(store->getFileData(brickFile(1)));
 }
 
 TEST_F(CachedStoreTest, MissingBrickIsNotFoundInTheCacheAsInTheStore)

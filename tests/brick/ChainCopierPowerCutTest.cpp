@@ -6,6 +6,7 @@
 // run finishes the copy.
 #include "brick/backup/ChainCopier.h"
 #include "brick/chain/BrickDisk.h"
+#include "support/BackupTestChain.h"
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
 #include "support/PowerCutFileSystem.h"
@@ -21,6 +22,7 @@
 
 using brick::CBrickDisk;
 using brick::CChainCopier;
+using namespace testsupport::backuptest;
 using testsupport::Bytes;
 using testsupport::PowerCutFileSystem;
 using zo::CMemoryFileSystem;
@@ -29,34 +31,11 @@ using zo::P;
 
 namespace {
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-constexpr zo::int64 kDiskSize = 8 * kBrickSize;
-const char* const kPassword = "pw";
-
-void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
-{
-    const P<CBrickDisk> disk = testsupport::openDisk(fs, CURI("/src/disk"), kPassword);
-    for (int index : indexes)
-        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize,
-                             testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(index)));
-}
-
-// The chain /src/disk, /src/snaps/s1, /src/snaps/s0 (oldest).
-void makeChain(zo::IFileSystem* fs)
-{
-    testsupport::createDisk(fs, CURI("/src/disk"), kDiskSize, kPassword);
-    writeBricks(fs, {0, 1, 2, 3}, 10);
-    testsupport::createLinkedChild(fs, CURI("/src/snaps/s0"), CURI("/src/disk"), kPassword);
-    writeBricks(fs, {1, 4}, 20);
-    testsupport::createLinkedChild(fs, CURI("/src/snaps/s1"), CURI("/src/disk"), kPassword);
-    writeBricks(fs, {2, 5, 1}, 30);
-}
-
 CChainCopier::Summary copy(zo::IFileSystem* source, zo::IFileSystem* destination)
 {
     CChainCopier::Options options;
     options.jobs = 2;
-    return CChainCopier::copy(source, CURI("/src/disk"), destination, CURI("/dst/disk"), options);
+    return copyChain(source, destination, options);
 }
 
 // The disks of `folders` below `root` that open, each read whole; a disk
@@ -77,9 +56,6 @@ std::map<std::string, Bytes> readOpeningDisks(zo::IFileSystem* fs, const std::st
     return contents;
 }
 
-const std::vector<std::string> kFirstDisks{"/disk", "/snaps/s1", "/snaps/s0"};
-const std::vector<std::string> kSecondDisks{"/disk", "/snaps/s2", "/snaps/s1", "/snaps/s0"};
-
 // Copies from `source` into a copy of `files`, stopped before each changing
 // operation in turn with the power cut as `loss` says; `check` looks at the
 // destination after each stop, then a new run must make `disks` read like
@@ -90,15 +66,9 @@ void sweepCopy(CMemoryFileSystem* source, const std::map<std::string, Bytes>& fi
 {
     const std::map<std::string, Bytes> expected = readOpeningDisks(source, "/src", disks);
     ASSERT_EQ(expected.size(), disks.size());
-    const auto makeDestination = [&] {
-        const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
-        for (const auto& [path, bytes] : files)
-            fs->setFileData(CURI("/" + path), bytes);
-        return fs;
-    };
     int operations = 0;
     {
-        const P<CMemoryFileSystem> fs = makeDestination();
+        const P<CMemoryFileSystem> fs = memoryFileSystemWith(files);
         const P<PowerCutFileSystem> power(new PowerCutFileSystem(fs.get()));
         const P<testsupport::CrashingFileSystem> counting(new testsupport::CrashingFileSystem(power.get(), -1));
         copy(source, counting.get());
@@ -109,7 +79,7 @@ void sweepCopy(CMemoryFileSystem* source, const std::map<std::string, Bytes>& fi
     for (int allowed = 0; allowed < operations; ++allowed) {
         const std::string context =
             "stopped before changing operation " + std::to_string(allowed + 1) + " of " + std::to_string(operations);
-        const P<CMemoryFileSystem> fs = makeDestination();
+        const P<CMemoryFileSystem> fs = memoryFileSystemWith(files);
         {
             const P<PowerCutFileSystem> power(new PowerCutFileSystem(fs.get()));
             {
@@ -160,9 +130,7 @@ TEST(ChainCopierPowerCut, SecondCopyKeepsTheSnapshotsReadingAsBeforeAndARunFinis
     const std::map<std::string, Bytes> before = readOpeningDisks(pristine.get(), "/dst", snapshots);
     ASSERT_EQ(before.size(), 2u);
     const std::map<std::string, Bytes> files = testsupport::fileContentsBelow(pristine.get(), CURI("/"));
-    writeBricks(source.get(), {0, 6}, 40);
-    testsupport::createLinkedChild(source.get(), CURI("/src/snaps/s2"), CURI("/src/disk"), kPassword);
-    writeBricks(source.get(), {0, 2, 7}, 50);
+    changeChain(source.get());
 
     for (const PowerCutFileSystem::Loss loss :
          {PowerCutFileSystem::Loss::Everything, PowerCutFileSystem::Loss::NewFolders}) {

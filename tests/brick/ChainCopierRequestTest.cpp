@@ -7,6 +7,7 @@
 #include "brick/backup/ChainCopier.h"
 #include "brick/chain/BrickDisk.h"
 #include "objectstore/ObjectStoreFileSystem.h"
+#include "support/BackupTestChain.h"
 #include "support/DiskTestHelpers.h"
 #include "support/MemoryObjectStore.h"
 #include "zo/ForwardingFileSystem.h"
@@ -24,14 +25,16 @@
 
 using brick::CChainCopier;
 using testsupport::Bytes;
+using testsupport::backuptest::kBrickSize;
+using testsupport::backuptest::kPassword;
+using testsupport::backuptest::kSourceTop;
+using testsupport::backuptest::writeBricks;
 using zo::CURI;
 using zo::P;
 
 namespace {
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
 constexpr zo::int64 kDiskSize = 16 * kBrickSize;
-const char* const kPassword = "pw";
 const char* const kDestination = "memory://bucket/dst/disk";
 
 // Counts the calls that change files, by the path they name.
@@ -261,12 +264,20 @@ private:
     std::map<std::string, int> m_sizedListings;
 };
 
-void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
+enum class Chain { TopOnly, WithSnapshot };
+
+// Makes the disk /src/disk in `source` with bricks 0 to 11 written and,
+// for WithSnapshot, its snapshot /src/snaps/s0 and bricks 1, 4 and 12
+// written after it; then copies the chain to `top` in `destination`.
+void makeAndCopyChain(zo::IFileSystem* source, Chain chain, zo::IFileSystem* destination, const CURI& top)
 {
-    const P<brick::CBrickDisk> disk = testsupport::openDisk(fs, CURI("/src/disk"), kPassword);
-    for (int index : indexes)
-        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize,
-                             testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(index)));
+    testsupport::createDisk(source, kSourceTop, kDiskSize, kPassword);
+    writeBricks(source, kSourceTop, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
+    if (chain == Chain::WithSnapshot) {
+        testsupport::createLinkedChild(source, CURI("/src/snaps/s0"), kSourceTop, kPassword);
+        writeBricks(source, kSourceTop, {1, 4, 12}, 20);
+    }
+    CChainCopier::copy(source, kSourceTop, destination, top, {});
 }
 
 // The brick files below /src, by their path in the destination.
@@ -295,17 +306,13 @@ TEST(ChainCopierRequests, SecondCopyAfterOneMoreImportStoresOnlyTheChangedBricks
     const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
     const P<testsupport::CMemoryObjectStore> objects(new testsupport::CMemoryObjectStore());
     const P<zo::CObjectStoreFileSystem> store(new zo::CObjectStoreFileSystem(objects.get(), "memory", 2));
-    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
-    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
-    testsupport::createLinkedChild(source.get(), CURI("/src/snaps/s0"), CURI("/src/disk"), kPassword);
-    writeBricks(source.get(), {1, 4, 12}, 20);
-    CChainCopier::copy(source.get(), CURI("/src/disk"), store.get(), CURI(kDestination), {});
+    makeAndCopyChain(source.get(), Chain::WithSnapshot, store.get(), CURI(kDestination));
 
     // One more import: three bricks rewritten, one cleared.
     const std::map<std::string, Bytes> before = sourceBrickFiles(source.get());
-    writeBricks(source.get(), {2, 9, 13}, 30);
+    writeBricks(source.get(), kSourceTop, {2, 9, 13}, 30);
     {
-        const P<brick::CBrickDisk> disk = testsupport::openDisk(source.get(), CURI("/src/disk"), kPassword);
+        const P<brick::CBrickDisk> disk = testsupport::openDisk(source.get(), kSourceTop, kPassword);
         testsupport::writeAt(*disk, 5 * kBrickSize, Bytes(kBrickSize, 0));
     }
     const std::map<std::string, Bytes> after = sourceBrickFiles(source.get());
@@ -361,10 +368,8 @@ TEST(ChainCopierRequests, SecondCopyReadsOnlyTheDigestsAtTheEndOfTheDestinations
     constexpr zo::int64 kDigestSize = 32;
     const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
     const P<zo::CMemoryFileSystem> destination(new zo::CMemoryFileSystem());
-    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
-    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
-    CChainCopier::copy(source.get(), CURI("/src/disk"), destination.get(), CURI("/dst/disk"), {});
-    writeBricks(source.get(), {4}, 20);
+    makeAndCopyChain(source.get(), Chain::TopOnly, destination.get(), CURI("/dst/disk"));
+    writeBricks(source.get(), kSourceTop, {4}, 20);
     std::map<std::string, zo::int64> sizes;
     for (const auto& [path, bytes] : testsupport::fileContentsBelow(destination.get(), CURI("/dst")))
         if (path.find("/bricks/") != std::string::npos)
@@ -373,7 +378,7 @@ TEST(ChainCopierRequests, SecondCopyReadsOnlyTheDigestsAtTheEndOfTheDestinations
 
     for (const bool verify : {false, true}) {
         if (verify)
-            writeBricks(source.get(), {4}, 30);
+            writeBricks(source.get(), kSourceTop, {4}, 30);
         const P<CReadCountingFileSystem> counted(new CReadCountingFileSystem(destination.get()));
         CChainCopier::Options options;
         options.verify = verify;
@@ -413,10 +418,8 @@ TEST(ChainCopierRequests, SecondCopyFetchesOnlyTheDigestsAtTheEndOfTheDestinatio
     const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
     const P<testsupport::CMemoryObjectStore> objects(new testsupport::CMemoryObjectStore());
     const P<zo::CObjectStoreFileSystem> store(new zo::CObjectStoreFileSystem(objects.get(), "memory", 2));
-    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
-    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
-    CChainCopier::copy(source.get(), CURI("/src/disk"), store.get(), CURI(kDestination), {});
-    writeBricks(source.get(), {4}, 20);
+    makeAndCopyChain(source.get(), Chain::TopOnly, store.get(), CURI(kDestination));
+    writeBricks(source.get(), kSourceTop, {4}, 20);
     std::map<std::string, zo::int64> sizes;
     for (const std::string& key : objects->list("bucket", "dst/disk/bricks/", 0))
         if (key.back() != '/')
@@ -453,13 +456,9 @@ TEST(ChainCopierRequests, SecondCopyAsksOneRangedReadPerUnchangedBrickObject)
     const P<zo::CMemoryFileSystem> source(new zo::CMemoryFileSystem());
     const P<testsupport::CMemoryObjectStore> objects(new testsupport::CMemoryObjectStore());
     const P<zo::CObjectStoreFileSystem> store(new zo::CObjectStoreFileSystem(objects.get(), "memory", 2));
-    testsupport::createDisk(source.get(), CURI("/src/disk"), kDiskSize, kPassword);
-    writeBricks(source.get(), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 10);
-    testsupport::createLinkedChild(source.get(), CURI("/src/snaps/s0"), CURI("/src/disk"), kPassword);
-    writeBricks(source.get(), {1, 4, 12}, 20);
-    CChainCopier::copy(source.get(), CURI("/src/disk"), store.get(), CURI(kDestination), {});
+    makeAndCopyChain(source.get(), Chain::WithSnapshot, store.get(), CURI(kDestination));
     const std::map<std::string, Bytes> before = sourceBrickFiles(source.get());
-    writeBricks(source.get(), {2, 9}, 30);
+    writeBricks(source.get(), kSourceTop, {2, 9}, 30);
     std::set<std::string> changed;
     for (const auto& [path, bytes] : sourceBrickFiles(source.get())) {
         const auto old = before.find(path);

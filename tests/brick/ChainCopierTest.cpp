@@ -11,6 +11,7 @@
 #include "brick/format/BrickDiskAuxFileBase.h"
 #include "brick/format/BrickDiskCreationTime.h"
 #include "seal/KeyDerivation.h"
+#include "support/BackupTestChain.h"
 #include "support/DiskTestHelpers.h"
 #include "support/TempFolder.h"
 #include "zo/Error.h"
@@ -26,6 +27,7 @@
 
 using brick::CBrickDisk;
 using brick::CChainCopier;
+using namespace testsupport::backuptest;
 using testsupport::Bytes;
 using zo::CMemoryFileSystem;
 using zo::CURI;
@@ -33,65 +35,12 @@ using zo::P;
 
 namespace {
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-constexpr zo::int64 kDiskSize = 8 * kBrickSize;
-const char* const kPassword = "pw";
-
-void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
-{
-    const P<CBrickDisk> disk = testsupport::openDisk(fs, CURI("/src/disk"), kPassword);
-    for (int index : indexes)
-        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize,
-                             testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(index)));
-}
-
-void takeSnapshot(zo::IFileSystem* fs, const char* folder)
-{
-    testsupport::createLinkedChild(fs, CURI(folder), CURI("/src/disk"), kPassword);
-}
-
-// The chain /src/disk, /src/snaps/s1, /src/snaps/s0 (oldest).
-void makeChain(zo::IFileSystem* fs)
-{
-    testsupport::createDisk(fs, CURI("/src/disk"), kDiskSize, kPassword);
-    writeBricks(fs, {0, 1, 2, 3}, 10);
-    takeSnapshot(fs, "/src/snaps/s0");
-    writeBricks(fs, {1, 4}, 20);
-    takeSnapshot(fs, "/src/snaps/s1");
-    writeBricks(fs, {2, 5, 1}, 30);
-}
-
-// New writes and a new snapshot s2 after a first copy.
-void changeChain(zo::IFileSystem* fs)
-{
-    writeBricks(fs, {0, 6}, 40);
-    takeSnapshot(fs, "/src/snaps/s2");
-    writeBricks(fs, {0, 2, 7}, 50);
-}
-
-std::map<std::string, Bytes> readDisks(zo::IFileSystem* fs, const std::string& root,
-                                       const std::vector<std::string>& folders)
-{
-    std::map<std::string, Bytes> contents;
-    for (const std::string& folder : folders) {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs, CURI(root + folder), kPassword, zo::IIOStream::AccessRead);
-        contents[folder] = testsupport::readWholeDisk(*disk);
-    }
-    return contents;
-}
-
 std::vector<std::string> chainOf(zo::IFileSystem* fs, const char* top)
 {
     std::vector<std::string> folders;
     for (const brick::CRetentionPlan::Disk& disk : brick::CRetentionPlan::readChain(fs, CURI(top)))
         folders.push_back(disk.folder.toString(true).toUTF8());
     return folders;
-}
-
-CChainCopier::Summary copy(zo::IFileSystem* source, zo::IFileSystem* destination,
-                           const CChainCopier::Options& options = {})
-{
-    return CChainCopier::copy(source, CURI("/src/disk"), destination, CURI("/dst/disk"), options);
 }
 
 // Brick files below `root` whose bytes `other` does not hold at the same path.
@@ -116,16 +65,28 @@ std::map<std::string, Bytes> asDestinationFiles(CMemoryFileSystem* fs)
     return files;
 }
 
-const std::vector<std::string> kFirstDisks{"/disk", "/snaps/s1", "/snaps/s0"};
-const std::vector<std::string> kSecondDisks{"/disk", "/snaps/s2", "/snaps/s1", "/snaps/s0"};
+class ChainCopier : public ChainCopyFixture {
+protected:
+    // The message of the copy's refusal when `occupied` in the destination
+    // holds a disk of its own; checks that the destination kept its files.
+    std::string refusalWithADiskIn(const char* occupied)
+    {
+        makeChain(source.get());
+        testsupport::createDisk(destination.get(), CURI(occupied), kDiskSize, kPassword);
+        const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
 
-TEST(ChainCopier, CopiesEveryDiskSoEachReadsLikeItsSource)
+        const auto refused = testsupport::errorOf<zo::CError>([&] { copyChain(source.get(), destination.get()); });
+
+        EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+        return refused ? testsupport::messageOf(*refused) : std::string();
+    }
+};
+
+TEST_F(ChainCopier, CopiesEveryDiskSoEachReadsLikeItsSource)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
 
-    const CChainCopier::Summary summary = copy(source.get(), destination.get());
+    const CChainCopier::Summary summary = copyChain(source.get(), destination.get());
 
     const std::map<std::string, Bytes> sourceFiles = asDestinationFiles(source.get());
     EXPECT_EQ(summary.filesSent, countDifferingBrickFiles(sourceFiles, {}));
@@ -140,18 +101,16 @@ TEST(ChainCopier, CopiesEveryDiskSoEachReadsLikeItsSource)
               testsupport::fileContentsBelow(source.get(), CURI("/src")));
 }
 
-TEST(ChainCopier, SecondCopySendsOnlyChangedFilesAndAddsTheNewSnapshot)
+TEST_F(ChainCopier, SecondCopySendsOnlyChangedFilesAndAddsTheNewSnapshot)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
-    copy(source.get(), destination.get());
+    copyChain(source.get(), destination.get());
     changeChain(source.get());
     const int differing = countDifferingBrickFiles(asDestinationFiles(source.get()),
                                                    testsupport::fileContentsBelow(destination.get(), CURI("/")));
     ASSERT_GT(differing, 0);
 
-    const CChainCopier::Summary summary = copy(source.get(), destination.get());
+    const CChainCopier::Summary summary = copyChain(source.get(), destination.get());
 
     EXPECT_EQ(summary.filesSent, differing);
     EXPECT_GT(summary.filesSkipped, 0);
@@ -160,38 +119,34 @@ TEST(ChainCopier, SecondCopySendsOnlyChangedFilesAndAddsTheNewSnapshot)
     EXPECT_EQ(readDisks(destination.get(), "/dst", kSecondDisks), readDisks(source.get(), "/src", kSecondDisks));
     EXPECT_EQ(chainOf(destination.get(), "/dst/disk"),
               (std::vector<std::string>{"/dst/disk", "/dst/snaps/s2", "/dst/snaps/s1", "/dst/snaps/s0"}));
-    EXPECT_EQ(copy(source.get(), destination.get()).filesSent, 0);
+    EXPECT_EQ(copyChain(source.get(), destination.get()).filesSent, 0);
 }
 
-TEST(ChainCopier, CopiesTheNewSnapshotsThatTheDestinationsSnapshotsReadThroughWhateverIsChosen)
+TEST_F(ChainCopier, CopiesTheNewSnapshotsThatTheDestinationsSnapshotsReadThroughWhateverIsChosen)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
-    copy(source.get(), destination.get());
+    copyChain(source.get(), destination.get());
     changeChain(source.get());
     CChainCopier::Options options;
     options.snapshots = CChainCopier::SnapshotChoice::None;
 
-    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+    const CChainCopier::Summary summary = copyChain(source.get(), destination.get(), options);
 
     ASSERT_EQ(summary.disksMade.size(), 1u);
     EXPECT_EQ(summary.disksMade[0], CURI("/dst/snaps/s2"));
     EXPECT_EQ(readDisks(destination.get(), "/dst", kSecondDisks), readDisks(source.get(), "/src", kSecondDisks));
 }
 
-TEST(ChainCopier, RefusesToUpdateADestinationWhoseNewestSnapshotTheSourceDeleted)
+TEST_F(ChainCopier, RefusesToUpdateADestinationWhoseNewestSnapshotTheSourceDeleted)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
-    copy(source.get(), destination.get());
+    copyChain(source.get(), destination.get());
     brick::CBrickDiskRemover::remove(source.get(), CURI("/src/snaps/s1"),
                                      testsupport::diskKey(source.get(), CURI("/src/disk"), kPassword));
-    writeBricks(source.get(), {3, 4}, 60);
+    writeBricks(source.get(), kSourceTop, {3, 4}, 60);
     const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
 
-    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copyChain(source.get(), destination.get()); });
 
     ASSERT_TRUE(refused);
     EXPECT_NE(testsupport::messageOf(*refused).find("/dst/snaps/s1 is no longer in the source chain"),
@@ -199,19 +154,17 @@ TEST(ChainCopier, RefusesToUpdateADestinationWhoseNewestSnapshotTheSourceDeleted
     EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
 }
 
-TEST(ChainCopier, KeepsAnOlderSnapshotTheSourceDeletedAndItsNeighboursReadAsBefore)
+TEST_F(ChainCopier, KeepsAnOlderSnapshotTheSourceDeletedAndItsNeighboursReadAsBefore)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
     changeChain(source.get());
-    copy(source.get(), destination.get());
+    copyChain(source.get(), destination.get());
     const std::map<std::string, Bytes> before = readDisks(destination.get(), "/dst", kSecondDisks);
     brick::CBrickDiskRemover::remove(source.get(), CURI("/src/snaps/s1"),
                                      testsupport::diskKey(source.get(), CURI("/src/disk"), kPassword));
-    writeBricks(source.get(), {3, 4}, 60);
+    writeBricks(source.get(), kSourceTop, {3, 4}, 60);
 
-    copy(source.get(), destination.get());
+    copyChain(source.get(), destination.get());
 
     std::map<std::string, Bytes> after = readDisks(destination.get(), "/dst", kSecondDisks);
     EXPECT_EQ(after.at("/snaps/s2"), before.at("/snaps/s2"));
@@ -220,72 +173,48 @@ TEST(ChainCopier, KeepsAnOlderSnapshotTheSourceDeletedAndItsNeighboursReadAsBefo
     EXPECT_EQ(after.at("/disk"), readDisks(source.get(), "/src", {"/disk"}).at("/disk"));
 }
 
-TEST(ChainCopier, DryRunCountsWhatWouldBeSentAndChangesNothing)
+TEST_F(ChainCopier, DryRunCountsWhatWouldBeSentAndChangesNothing)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
     CChainCopier::Options options;
     options.dryRun = true;
 
-    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+    const CChainCopier::Summary summary = copyChain(source.get(), destination.get(), options);
 
     EXPECT_EQ(summary.filesSent, countDifferingBrickFiles(asDestinationFiles(source.get()), {}));
     EXPECT_EQ(summary.disksMade.size(), 3u);
     EXPECT_TRUE(testsupport::filesBelow(destination.get(), CURI("/")).empty());
 }
 
-TEST(ChainCopier, CopiesOnlyTheNewestSnapshotsThatAreChosen)
+TEST_F(ChainCopier, CopiesOnlyTheNewestSnapshotsThatAreChosen)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
     CChainCopier::Options options;
     options.snapshots = CChainCopier::SnapshotChoice::Listed;
     options.snapshotNames = {"s0"};
-    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get(), options); });
+    const auto refused = testsupport::errorOf<zo::CError>([&] { copyChain(source.get(), destination.get(), options); });
     ASSERT_TRUE(refused);
     EXPECT_NE(testsupport::messageOf(*refused).find("Only the newest snapshots"), std::string::npos);
 
     options.snapshotNames = {"s1"};
-    copy(source.get(), destination.get(), options);
+    copyChain(source.get(), destination.get(), options);
     EXPECT_EQ(chainOf(destination.get(), "/dst/disk"), (std::vector<std::string>{"/dst/disk", "/dst/snaps/s1"}));
     EXPECT_EQ(readDisks(destination.get(), "/dst", {"/disk", "/snaps/s1"}),
               readDisks(source.get(), "/src", {"/disk", "/snaps/s1"}));
     EXPECT_FALSE(destination->folderExists(CURI("/dst/snaps/s0")));
 }
 
-TEST(ChainCopier, RefusesADestinationThatIsAnotherDisk)
+TEST_F(ChainCopier, RefusesADestinationThatIsAnotherDisk)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
-    makeChain(source.get());
-    testsupport::createDisk(destination.get(), CURI("/dst/disk"), kDiskSize, kPassword);
-    const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
-
-    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
-
-    ASSERT_TRUE(refused);
-    EXPECT_NE(testsupport::messageOf(*refused).find("The destination holds another disk"), std::string::npos);
-    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+    EXPECT_NE(refusalWithADiskIn("/dst/disk").find("The destination holds another disk"), std::string::npos);
 }
 
-TEST(ChainCopier, RefusesASnapshotFolderThatHoldsAnotherDisk)
+TEST_F(ChainCopier, RefusesASnapshotFolderThatHoldsAnotherDisk)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
-    makeChain(source.get());
-    testsupport::createDisk(destination.get(), CURI("/dst/snaps/s0"), kDiskSize, kPassword);
-    const std::map<std::string, Bytes> before = testsupport::fileContentsBelow(destination.get(), CURI("/"));
-
-    const auto refused = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get()); });
-
-    ASSERT_TRUE(refused);
-    EXPECT_NE(testsupport::messageOf(*refused).find("/dst/snaps/s0"), std::string::npos);
-    EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/")), before);
+    EXPECT_NE(refusalWithADiskIn("/dst/snaps/s0").find("/dst/snaps/s0"), std::string::npos);
 }
 
-TEST(ChainCopier, RefusesSnapshotsThatWouldLandAboveTheStoreRootOrInTheSource)
+TEST_F(ChainCopier, RefusesSnapshotsThatWouldLandAboveTheStoreRootOrInTheSource)
 {
     const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
     makeChain(fs.get());
@@ -309,10 +238,8 @@ TEST(ChainCopier, RefusesSnapshotsThatWouldLandAboveTheStoreRootOrInTheSource)
 // A disk whose snapshot sits beside it ("/disks/vm1" linked to "../snap1")
 // copied to the top of a store ("/vm1") puts the snapshot at the top too
 // ("/snap1"), which is inside the store.
-TEST(ChainCopier, PutsASnapshotBesideTheTopAtTheTopOfTheStore)
+TEST_F(ChainCopier, PutsASnapshotBesideTheTopAtTheTopOfTheStore)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     testsupport::createDisk(source.get(), CURI("/disks/vm1"), kDiskSize, kPassword);
     {
         const P<CBrickDisk> disk = testsupport::openDisk(source.get(), CURI("/disks/vm1"), kPassword);
@@ -334,15 +261,13 @@ TEST(ChainCopier, PutsASnapshotBesideTheTopAtTheTopOfTheStore)
 // A destination named otherwise than the source's top: the snapshots beside
 // it link to the copy's top by its new name, their authenticated links still
 // open under the key, and a second copy sends only what changed.
-TEST(ChainCopier, SnapshotsOfATopCopiedUnderAnotherNameLinkToItsNewName)
+TEST_F(ChainCopier, SnapshotsOfATopCopiedUnderAnotherNameLinkToItsNewName)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     CBrickDisk::createAuthenticated(source.get(), CURI("/src/disk"), kDiskSize, 1, kPassword, "lz4", kBrickSize,
                                     seal::Argon2idCost{1, 8, 1});
-    writeBricks(source.get(), {0, 1, 2}, 10);
-    takeSnapshot(source.get(), "/src/disk-s0");
-    writeBricks(source.get(), {1, 3}, 20);
+    writeBricks(source.get(), kSourceTop, {0, 1, 2}, 10);
+    testsupport::createLinkedChild(source.get(), CURI("/src/disk-s0"), kSourceTop, kPassword);
+    writeBricks(source.get(), kSourceTop, {1, 3}, 20);
     const auto copyAsOther = [&] {
         return CChainCopier::copy(source.get(), CURI("/src/disk"), destination.get(), CURI("/dst/other"), {});
     };
@@ -360,7 +285,7 @@ TEST(ChainCopier, SnapshotsOfATopCopiedUnderAnotherNameLinkToItsNewName)
         (std::map<std::string, Bytes>{{"/other", readDisks(source.get(), "/src", {"/disk"}).at("/disk")},
                                       {"/disk-s0", readDisks(source.get(), "/src", {"/disk-s0"}).at("/disk-s0")}}));
 
-    writeBricks(source.get(), {2}, 30);
+    writeBricks(source.get(), kSourceTop, {2}, 30);
     const CChainCopier::Summary second = copyAsOther();
     EXPECT_EQ(second.filesSent, 2) << "brick 2 of the top and the snapshot's copy of its old file";
     EXPECT_EQ(second.recordsWritten, 0);
@@ -372,7 +297,7 @@ TEST(ChainCopier, SnapshotsOfATopCopiedUnderAnotherNameLinkToItsNewName)
 // A copy killed while the local file system stored a record leaves that
 // store's temporary file in the disk's folder; the next run removes it
 // instead of taking the folder for one that holds other files, and finishes.
-TEST(ChainCopier, RunAfterAKilledCopyRemovesItsTemporaryFilesAndFinishes)
+TEST_F(ChainCopier, RunAfterAKilledCopyRemovesItsTemporaryFilesAndFinishes)
 {
     const testsupport::TempFolder temp;
     const P<zo::CLocalFileSystem> fs(new zo::CLocalFileSystem(2));
@@ -412,10 +337,8 @@ TEST(ChainCopier, RunAfterAKilledCopyRemovesItsTemporaryFilesAndFinishes)
 
 // The disks of makeChain have plain MD5 digests, which need no key: a brick
 // file whose outer digest does not match is sent as it is and listed.
-TEST(ChainCopier, SendsADamagedSourceFileAsItIsAndListsIt)
+TEST_F(ChainCopier, SendsADamagedSourceFileAsItIsAndListsIt)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
     std::string damaged;
     for (const auto& [path, bytes] : testsupport::fileContentsBelow(source.get(), CURI("/src/snaps/s1")))
@@ -429,83 +352,59 @@ TEST(ChainCopier, SendsADamagedSourceFileAsItIsAndListsIt)
 
     CChainCopier::Options options;
     options.verify = true;
-    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+    const CChainCopier::Summary summary = copyChain(source.get(), destination.get(), options);
 
     ASSERT_EQ(summary.damagedFiles.size(), 1u);
     EXPECT_EQ(summary.damagedFiles[0].toString(true).toUTF8(), damaged);
     EXPECT_EQ(testsupport::fileContentsBelow(destination.get(), CURI("/dst")).at(damaged.substr(5)), bytes);
 }
 
-TEST(ChainCopier, VerifyFailsWhenSentFilesDoNotReadBack)
+TEST_F(ChainCopier, VerifyFailsWhenSentFilesDoNotReadBack)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
     CChainCopier::Options options;
     options.verify = true;
     destination->failStreamReads(CURI("/dst/snaps/s0/bricks"), zo::CFileSystemError::AccessDenied);
 
-    const auto failed = testsupport::errorOf<zo::CError>([&] { copy(source.get(), destination.get(), options); });
+    const auto failed = testsupport::errorOf<zo::CError>([&] { copyChain(source.get(), destination.get(), options); });
 
     ASSERT_TRUE(failed);
     EXPECT_NE(testsupport::messageOf(*failed).find("does not read back as sent"), std::string::npos);
     EXPECT_NE(testsupport::messageOf(*failed).find("/dst/snaps/s0/bricks"), std::string::npos);
     destination->clearFailures();
-    EXPECT_NO_THROW(copy(source.get(), destination.get(), options));
+    EXPECT_NO_THROW(copyChain(source.get(), destination.get(), options));
 }
 
 // A first copy stopped at any failing operation leaves no disk that opens
 // with other bytes than its source's: a disk not yet whole is refused (its
 // header is missing or it is marked unfinished), and a new run finishes.
-TEST(ChainCopier, FirstCopyStoppedAnywhereLeavesNoHalfDiskAndARunFinishesIt)
+TEST_F(ChainCopier, FirstCopyStoppedAnywhereLeavesNoHalfDiskAndARunFinishesIt)
 {
-    const CMemoryFileSystem::Operation kinds[] = {CMemoryFileSystem::Operation::StoreFile,
-                                                  CMemoryFileSystem::Operation::CreateFolderSync,
-                                                  CMemoryFileSystem::Operation::DeleteFileSync};
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
+    using Operation = CMemoryFileSystem::Operation;
     makeChain(source.get());
     const std::map<std::string, Bytes> expected = readDisks(source.get(), "/src", kFirstDisks);
 
-    int cutsTried = 0;
-    for (CMemoryFileSystem::Operation kind : kinds) {
-        for (int nth = 1;; ++nth) {
-            const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
-            const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
-                std::to_string(nth) + " failing";
-            fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
-            bool stopped = false;
-            try {
-                copy(source.get(), fs.get());
-            } catch (const zo::CError&) {
-                stopped = true;
-            }
-            fs->waitUntilIdle();
-            fs->clearFailures();
-            if (!stopped)
-                break;
-            ++cutsTried;
+    const int cutsTried = sweepFailingOperations(
+        {Operation::StoreFile, Operation::CreateFolderSync, Operation::DeleteFileSync}, {},
+        [&](CMemoryFileSystem* fs) { copyChain(source.get(), fs); },
+        [&](CMemoryFileSystem* fs, const std::string& context) {
             for (const std::string& disk : kFirstDisks) {
                 try {
                     const P<CBrickDisk> opened =
-                        testsupport::openDisk(fs.get(), CURI("/dst" + disk), kPassword, zo::IIOStream::AccessRead);
+                        testsupport::openDisk(fs, CURI("/dst" + disk), kPassword, zo::IIOStream::AccessRead);
                     EXPECT_EQ(testsupport::readWholeDisk(*opened), expected.at(disk)) << disk << " " << context;
                 } catch (const zo::CError&) {
                     // Not whole yet, and refused as such.
                 }
             }
-            EXPECT_NO_THROW(copy(source.get(), fs.get())) << context;
-            EXPECT_EQ(readDisks(fs.get(), "/dst", kFirstDisks), expected) << context << " and running again";
-            if (HasFailure())
-                return;
-        }
-    }
+            EXPECT_NO_THROW(copyChain(source.get(), fs)) << context;
+            EXPECT_EQ(readDisks(fs, "/dst", kFirstDisks), expected) << context << " and running again";
+        });
     EXPECT_GT(cutsTried, 20);
 }
 
-TEST(ChainCopier, StopsWhereTheCheckpointThrowsAndARunFinishes)
+TEST_F(ChainCopier, StopsWhereTheCheckpointThrowsAndARunFinishes)
 {
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> destination(new CMemoryFileSystem());
     makeChain(source.get());
     CChainCopier::Options options;
     options.jobs = 2;
@@ -515,13 +414,13 @@ TEST(ChainCopier, StopsWhereTheCheckpointThrowsAndARunFinishes)
             throw zo::CError("Stopped.");
     };
 
-    EXPECT_THROW(copy(source.get(), destination.get(), options), zo::CError);
+    EXPECT_THROW(copyChain(source.get(), destination.get(), options), zo::CError);
     EXPECT_EQ(brick::CBrickDisk::getCompletion(destination.get(), CURI("/dst/snaps/s0")),
               CBrickDisk::CreationUnfinished);
     EXPECT_FALSE(destination->pathExists(CURI("/dst/disk")));
 
     options.checkpoint = nullptr;
-    const CChainCopier::Summary summary = copy(source.get(), destination.get(), options);
+    const CChainCopier::Summary summary = copyChain(source.get(), destination.get(), options);
     EXPECT_GT(summary.filesSkipped, 0);
     EXPECT_EQ(readDisks(destination.get(), "/dst", kFirstDisks), readDisks(source.get(), "/src", kFirstDisks));
 }
@@ -529,49 +428,26 @@ TEST(ChainCopier, StopsWhereTheCheckpointThrowsAndARunFinishes)
 // Every changing operation of the destination, in turn, fails for good from
 // its nth occurrence on during a second copy: the snapshots the destination
 // held read as before, and a new run finishes the copy.
-TEST(ChainCopier, SnapshotsReadAsBeforeWhereverASecondCopyStops)
+TEST_F(ChainCopier, SnapshotsReadAsBeforeWhereverASecondCopyStops)
 {
-    const CMemoryFileSystem::Operation kinds[] = {
-        CMemoryFileSystem::Operation::StoreFile,      CMemoryFileSystem::Operation::DeleteFile,
-        CMemoryFileSystem::Operation::DeleteFileSync, CMemoryFileSystem::Operation::CreateFolderSync,
-        CMemoryFileSystem::Operation::OpenStream,     CMemoryFileSystem::Operation::ListFolder};
-    const P<CMemoryFileSystem> source(new CMemoryFileSystem());
-    const P<CMemoryFileSystem> pristine(new CMemoryFileSystem());
+    using Operation = CMemoryFileSystem::Operation;
     makeChain(source.get());
-    copy(source.get(), pristine.get());
+    copyChain(source.get(), destination.get());
     const std::vector<std::string> snapshots{"/snaps/s1", "/snaps/s0"};
-    const std::map<std::string, Bytes> before = readDisks(pristine.get(), "/dst", snapshots);
-    const std::map<std::string, Bytes> files = testsupport::fileContentsBelow(pristine.get(), CURI("/"));
+    const std::map<std::string, Bytes> before = readDisks(destination.get(), "/dst", snapshots);
+    const std::map<std::string, Bytes> files = testsupport::fileContentsBelow(destination.get(), CURI("/"));
     changeChain(source.get());
     const std::map<std::string, Bytes> expected = readDisks(source.get(), "/src", kSecondDisks);
 
-    int cutsTried = 0;
-    for (CMemoryFileSystem::Operation kind : kinds) {
-        for (int nth = 1;; ++nth) {
-            const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
-            for (const auto& [path, bytes] : files)
-                fs->setFileData(CURI("/" + path), bytes);
-            const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
-                std::to_string(nth) + " failing";
-            fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
-            bool stopped = false;
-            try {
-                copy(source.get(), fs.get());
-            } catch (const zo::CError&) {
-                stopped = true;
-            }
-            fs->waitUntilIdle();
-            fs->clearFailures();
-            if (!stopped)
-                break;
-            ++cutsTried;
-            EXPECT_EQ(readDisks(fs.get(), "/dst", snapshots), before) << context;
-            EXPECT_NO_THROW(copy(source.get(), fs.get())) << context;
-            EXPECT_EQ(readDisks(fs.get(), "/dst", kSecondDisks), expected) << context << " and running again";
-            if (HasFailure())
-                return;
-        }
-    }
+    const int cutsTried = sweepFailingOperations(
+        {Operation::StoreFile, Operation::DeleteFile, Operation::DeleteFileSync, Operation::CreateFolderSync,
+         Operation::OpenStream, Operation::ListFolder},
+        files, [&](CMemoryFileSystem* fs) { copyChain(source.get(), fs); },
+        [&](CMemoryFileSystem* fs, const std::string& context) {
+            EXPECT_EQ(readDisks(fs, "/dst", snapshots), before) << context;
+            EXPECT_NO_THROW(copyChain(source.get(), fs)) << context;
+            EXPECT_EQ(readDisks(fs, "/dst", kSecondDisks), expected) << context << " and running again";
+        });
     EXPECT_GT(cutsTried, 20);
 }
 

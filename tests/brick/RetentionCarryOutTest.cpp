@@ -5,6 +5,7 @@
 #include "brick/chain/BrickDisk.h"
 #include "brick/chain/BrickDiskChain.h"
 #include "brick/format/BrickDiskCreationTime.h"
+#include "support/BackupTestChain.h"
 #include "support/DiskTestHelpers.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
@@ -18,31 +19,24 @@
 using brick::CBrickDisk;
 using brick::CRetentionPlan;
 using testsupport::Bytes;
+using testsupport::backuptest::kDiskSize;
+using testsupport::backuptest::kPassword;
+using testsupport::backuptest::writeBricks;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::P;
 
 namespace {
 
-constexpr int kBrickSize = testsupport::kDiskTestBrickSize;
-constexpr zo::int64 kDiskSize = 8 * kBrickSize;
 constexpr zo::int64 kDay = 86400;
 // 2026-05-01 00:00:00 UTC.
 constexpr zo::int64 kFirstDay = 1777593600;
-const char* const kPassword = "pw";
-
-void writeBricks(zo::IFileSystem* fs, const std::vector<int>& indexes, unsigned seed)
-{
-    const P<CBrickDisk> disk = testsupport::openDisk(fs, CURI("/disk"), kPassword);
-    for (int index : indexes)
-        testsupport::writeAt(*disk, static_cast<zo::int64>(index) * kBrickSize,
-                             testsupport::patternBytes(kBrickSize, seed + static_cast<unsigned>(index)));
-}
+const CURI kTop("/disk");
 
 // Takes the snapshot `folder` of /disk, made at `created`.
 void takeSnapshot(zo::IFileSystem* fs, const char* folder, zo::int64 created)
 {
-    CBrickDisk::createChild(fs, CURI(folder), CURI("/disk"), CBrickDisk::linkedChild);
+    CBrickDisk::createChild(fs, CURI(folder), kTop, CBrickDisk::linkedChild);
     brick::CBrickDiskCreationTime::store(fs, CURI(folder), created);
 }
 
@@ -50,18 +44,18 @@ void takeSnapshot(zo::IFileSystem* fs, const char* folder, zo::int64 created)
 // after other bricks of the disk changed. s2 and s3 are made on the same day.
 void makeChain(zo::IFileSystem* fs)
 {
-    testsupport::createDisk(fs, CURI("/disk"), kDiskSize, kPassword);
-    writeBricks(fs, {0, 1, 2, 3}, 10);
+    testsupport::createDisk(fs, kTop, kDiskSize, kPassword);
+    writeBricks(fs, kTop, {0, 1, 2, 3}, 10);
     takeSnapshot(fs, "/s0", kFirstDay + 10 * 3600);
-    writeBricks(fs, {1, 4}, 20);
+    writeBricks(fs, kTop, {1, 4}, 20);
     takeSnapshot(fs, "/s1", kFirstDay + kDay + 10 * 3600);
-    writeBricks(fs, {2, 5}, 30);
+    writeBricks(fs, kTop, {2, 5}, 30);
     takeSnapshot(fs, "/s2", kFirstDay + 2 * kDay + 10 * 3600);
-    writeBricks(fs, {0, 5, 6}, 40);
+    writeBricks(fs, kTop, {0, 5, 6}, 40);
     takeSnapshot(fs, "/s3", kFirstDay + 2 * kDay + 12 * 3600);
-    writeBricks(fs, {3, 7}, 50);
+    writeBricks(fs, kTop, {3, 7}, 50);
     takeSnapshot(fs, "/s4", kFirstDay + 3 * kDay + 10 * 3600);
-    writeBricks(fs, {1, 6}, 60);
+    writeBricks(fs, kTop, {1, 6}, 60);
 }
 
 // Keeps the newest snapshot of each of the last three days: s4, s3 and s1.
@@ -76,12 +70,7 @@ const std::vector<std::string> kKept{"/disk", "/s4", "/s3", "/s1"};
 
 std::map<std::string, Bytes> readDisks(zo::IFileSystem* fs, const std::vector<std::string>& folders)
 {
-    std::map<std::string, Bytes> contents;
-    for (const std::string& folder : folders) {
-        const P<CBrickDisk> disk = testsupport::openDisk(fs, CURI(folder), kPassword, zo::IIOStream::AccessRead);
-        contents[folder] = testsupport::readWholeDisk(*disk);
-    }
-    return contents;
+    return testsupport::backuptest::readDisks(fs, "", folders);
 }
 
 std::vector<std::string> chainFolders(zo::IFileSystem* fs)
@@ -145,40 +134,20 @@ TEST(RetentionCarryOut, RemovesTheDisksNotKeptAndKeepsWhatTheOthersRead)
 // a fresh plan) must finish the job.
 TEST(RetentionCarryOut, KeptDisksReadAsBeforeWhereverTheRemovalsStop)
 {
-    const CMemoryFileSystem::Operation kinds[] = {
-        CMemoryFileSystem::Operation::StoreFile,  CMemoryFileSystem::Operation::MoveFile,
-        CMemoryFileSystem::Operation::DeleteFile, CMemoryFileSystem::Operation::DeleteFileSync,
-        CMemoryFileSystem::Operation::CopyFile,   CMemoryFileSystem::Operation::CreateFolder,
-        CMemoryFileSystem::Operation::OpenStream, CMemoryFileSystem::Operation::ListFolder};
+    using Operation = CMemoryFileSystem::Operation;
     const P<CMemoryFileSystem> pristine(new CMemoryFileSystem());
     makeChain(pristine.get());
     const std::map<std::string, Bytes> before = readDisks(pristine.get(), kKept);
-    const std::map<std::string, Bytes> files = testsupport::fileContentsBelow(pristine.get(), CURI("/"));
 
-    int cutsTried = 0;
-    for (CMemoryFileSystem::Operation kind : kinds) {
-        for (int nth = 1;; ++nth) {
-            const P<CMemoryFileSystem> fs(new CMemoryFileSystem());
-            for (const auto& [path, bytes] : files)
-                fs->setFileData(CURI("/" + path), bytes);
-            const std::string context = std::string("with ") + CMemoryFileSystem::getOperationName(kind) + " " +
-                std::to_string(nth) + " failing";
-            fs->failOperation(kind, nth, zo::CFileSystemError::NoSpace, true);
-            bool stopped = false;
-            try {
-                forget(fs.get());
-            } catch (const zo::CError&) {
-                stopped = true;
-            }
-            fs->waitUntilIdle();
-            fs->clearFailures();
-            if (!stopped)
-                break;
-            ++cutsTried;
-            expectSameBytes(before, readDisks(fs.get(), kKept), context);
-            EXPECT_NO_THROW(forget(fs.get())) << context;
-            EXPECT_EQ(chainFolders(fs.get()), kKept) << context;
-            expectSameBytes(before, readDisks(fs.get(), kKept), context + " and running again");
+    const int cutsTried = testsupport::backuptest::sweepFailingOperations(
+        {Operation::StoreFile, Operation::MoveFile, Operation::DeleteFile, Operation::DeleteFileSync,
+         Operation::CopyFile, Operation::CreateFolder, Operation::OpenStream, Operation::ListFolder},
+        testsupport::fileContentsBelow(pristine.get(), CURI("/")), [](CMemoryFileSystem* fs) { forget(fs); },
+        [&](CMemoryFileSystem* fs, const std::string& context) {
+            expectSameBytes(before, readDisks(fs, kKept), context);
+            EXPECT_NO_THROW(forget(fs)) << context;
+            EXPECT_EQ(chainFolders(fs), kKept) << context;
+            expectSameBytes(before, readDisks(fs, kKept), context + " and running again");
             // No link of a kept disk names a removed one any more; a removal
             // cut short once no link named the disk leaves a marked folder,
             // which `delete` finishes.
@@ -186,20 +155,17 @@ TEST(RetentionCarryOut, KeptDisksReadAsBeforeWhereverTheRemovalsStop)
                 for (const zo::String& link :
                      {CBrickDisk::getParentLinkFileName(), CBrickDisk::getChildLinkFileName()}) {
                     const std::string named =
-                        brick::CBrickDiskChain::loadLinkedFolder(fs.get(), CURI(kept), link).toString(true).toUTF8();
+                        brick::CBrickDiskChain::loadLinkedFolder(fs, CURI(kept), link).toString(true).toUTF8();
                     EXPECT_TRUE(named != "/s0" && named != "/s2") << kept << " names " << named << " " << context;
                 }
             }
             for (const char* removed : {"/s0", "/s2"}) {
-                if (!testsupport::filesBelow(fs.get(), CURI(removed)).empty()) {
-                    EXPECT_EQ(CBrickDisk::getCompletion(fs.get(), CURI(removed)), CBrickDisk::RemovalUnfinished)
+                if (!testsupport::filesBelow(fs, CURI(removed)).empty()) {
+                    EXPECT_EQ(CBrickDisk::getCompletion(fs, CURI(removed)), CBrickDisk::RemovalUnfinished)
                         << removed << " " << context;
                 }
             }
-            if (HasFailure())
-                return;
-        }
-    }
+        });
     // The sweep did cut the work short, many times over.
     EXPECT_GT(cutsTried, 20);
 }

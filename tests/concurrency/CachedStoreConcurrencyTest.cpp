@@ -112,56 +112,17 @@ TEST_F(CachedStoreConcurrency, FetchesDifferentBricksInParallel)
     }
 }
 
-// A store whose first read of a brick file waits until the test lets it go.
-class HeldFetchStore : public zo::CForwardingFileSystem {
-public:
-    explicit HeldFetchStore(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
-
-    P<zo::IIOStream> openStream(const CURI& file, zo::IIOStream::Access access, const int& options) override
-    {
-        if (CCachedStore::isBrickFile(file)) {
-            std::unique_lock lock(m_mutex);
-            ++m_reads;
-            m_changed.notify_all();
-            m_changed.wait(lock, [&] { return m_letGo; });
-        }
-        return CForwardingFileSystem::openStream(file, access, options);
-    }
-    void waitForRead()
-    {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_reads > 0; });
-    }
-    void letReadsGo()
-    {
-        std::lock_guard lock(m_mutex);
-        m_letGo = true;
-        m_changed.notify_all();
-    }
-    int reads() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_reads;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    int m_reads = 0;
-    bool m_letGo = false;
-};
-
 TEST_F(CachedStoreConcurrency, ReadersOfOneBrickShareOneFetch)
 {
     constexpr int kReaders = 6;
     store->setFileData(brickFile(7), filled(4000, 7));
-    const P<HeldFetchStore> held(new HeldFetchStore(store.get()));
+    const P<HeldStore> held(new HeldStore(store.get(), HeldStore::Held::Reads));
     const P<CCachedStore> cache(new CCachedStore(held.get(), kDisk, cacheFs.get(), settings));
 
     std::vector<std::string> seen(kReaders);
     std::vector<std::thread> readers;
     readers.emplace_back([&] { seen[0] = read(*cache, brickFile(7)); });
-    held->waitForRead();
+    held->waitForHeld();
     for (int i = 1; i < kReaders; ++i)
         readers.emplace_back([&, i] { seen[static_cast<size_t>(i)] = read(*cache, brickFile(7)); });
     // Gives the later readers the time to meet the fetch under way; the
@@ -169,11 +130,11 @@ TEST_F(CachedStoreConcurrency, ReadersOfOneBrickShareOneFetch)
     // fetched again would be counted below. Without the pause the test only
     // checks less; it cannot fail wrongly.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    held->letReadsGo();
+    held->letGo();
     for (std::thread& reader : readers)
         reader.join();
 
-    EXPECT_EQ(held->reads(), 1);
+    EXPECT_EQ(held->heldCalls(), 1);
     for (const std::string& bytes : seen)
         EXPECT_EQ(bytes, text(filled(4000, 7)));
 }
