@@ -1,11 +1,14 @@
 #include "brick/serving/ServeStats.h"
 
+#include "brick/detail/WaitingListener.h"
+
 #include "zo/Error.h"
+#include "zo/LocalFileSystem.h"
 #include "zo/Log.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <fstream>
+#include <algorithm>
+#include <filesystem>
+#include <limits>
 #include <span>
 #include <sstream>
 
@@ -31,6 +34,20 @@ std::string labelValue(const std::string& text)
             escaped += c;
     }
     return escaped;
+}
+
+// `file` in its folder with the links on the way to the folder resolved:
+// the local file system follows no link, and those the user put on the way
+// (such as /var/run to /run) are the user's own.
+zo::CURI resolveFolderOf(const std::string& file)
+{
+    const std::filesystem::path path(file);
+    std::error_code error;
+    const std::filesystem::path folder =
+        std::filesystem::canonical(path.has_parent_path() ? path.parent_path() : std::filesystem::path("."), error);
+    if (error)
+        throw zo::makeErrnoError(error.value(), "resolve the folder of", zo::String::fromUTF8(file));
+    return zo::CURI(zo::String::fromUTF8((folder / path.filename()).string()));
 }
 
 constexpr Request kAllRequests[] = {Request::Get,    Request::Put,  Request::Copy, Request::Move,
@@ -115,20 +132,21 @@ std::string formatServeStats(const zo::String& disk, const CCountingFileSystem* 
 
 CServeStatsFile::CServeStatsFile(const std::string& file, const zo::String& disk, CCountingFileSystem* store,
                                  CCachedStore* cache, std::chrono::milliseconds period)
-    : m_file(file), m_disk(disk), m_store(store), m_cache(cache), m_period(period)
+    : m_file(resolveFolderOf(file)), m_disk(disk), m_store(store), m_cache(cache),
+      m_periodMillis(static_cast<int>(
+          std::clamp<std::chrono::milliseconds::rep>(period.count(), 0, std::numeric_limits<int>::max()))),
+      m_fs(new zo::CLocalFileSystem(1))
 {
     writeNow();
-    m_thread = std::thread([this] { run(); });
+    m_writer = std::make_unique<zo::CWorkerPool>(1);
+    m_writer->post([this](int) { writePeriodically(); });
 }
 
 CServeStatsFile::~CServeStatsFile()
 {
-    {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
-    }
-    m_stop.notify_all();
-    m_thread.join();
+    m_stopping.set();
+    // Joins the worker once its write in progress has ended.
+    m_writer.reset();
     try {
         writeNow();
     } catch (const std::exception& e) {
@@ -138,31 +156,17 @@ CServeStatsFile::~CServeStatsFile()
 
 void CServeStatsFile::writeNow()
 {
-    const std::string text = formatServeStats(m_disk, m_store.get(), m_cache.get());
-    const std::string temporary = m_file + ".tmp";
     std::lock_guard lock(m_writeMutex);
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        if (!out)
-            throw zo::makeErrnoError(errno, "write the statistics file", zo::String(temporary));
-        out << text;
-        out.close();
-        if (!out)
-            throw zo::makeErrnoError(errno, "write the statistics file", zo::String(temporary));
-    }
-    if (std::rename(temporary.c_str(), m_file.c_str()) != 0) {
-        const int error = errno;
-        std::remove(temporary.c_str());
-        throw zo::makeErrnoError(error, "rename the statistics file", zo::String(m_file));
-    }
+    const std::string text = formatServeStats(m_disk, m_store.get(), m_cache.get());
+    detail::replaceFileAndWait(
+        m_fs.get(), m_file,
+        zo::TBuffer<zo::uint8>(reinterpret_cast<const zo::uint8*>(text.data()), static_cast<int>(text.size())));
 }
 
-void CServeStatsFile::run()
+void CServeStatsFile::writePeriodically()
 {
     bool failing = false;
-    std::unique_lock lock(m_mutex);
-    while (!m_stop.wait_for(lock, m_period, [this] { return m_stopping; })) {
-        lock.unlock();
+    while (!m_stopping.wait(m_periodMillis)) {
         try {
             writeNow();
             failing = false;
@@ -172,7 +176,6 @@ void CServeStatsFile::run()
                 zo::logError(e, "Writing the statistics file failed; it is tried again.", zo::String());
             failing = true;
         }
-        lock.lock();
     }
 }
 

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -328,11 +329,51 @@ TEST_F(ServeStatsTest, LabelValuesAreEscaped)
     EXPECT_NE(text.find("{disk=\"/srv/a \\\"b\\\"\\\\c\",kind=\"get\"} 0\n"), std::string::npos) << text;
 }
 
-TEST_F(ServeStatsTest, AFileThatCannotBeWrittenIsRefusedAtTheStart)
+TEST_F(ServeStatsTest, AFileInAMissingFolderIsRefusedAtTheStartWithItsPath)
 {
     const std::string missing = folder.path() + "/no/such/folder/stats.prom";
 
-    EXPECT_THROW(CServeStatsFile(missing, "mem://store/disk", counter.get(), nullptr), CFileSystemError);
+    const auto error = testsupport::errorOf<CFileSystemError>(
+        [&] { CServeStatsFile stats(missing, "mem://store/disk", counter.get(), nullptr); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProblem(), CFileSystemError::NotFound);
+    EXPECT_EQ(error->getProps().lookup("path").toUTF8(), missing);
+}
+
+TEST_F(ServeStatsTest, AFileThatCannotBeStoredIsRefusedAtTheStartWithItsPath)
+{
+    const std::filesystem::path inTheWay = std::filesystem::path(folder.path()) / "stats.prom";
+    std::filesystem::create_directory(inTheWay);
+
+    const auto error = testsupport::errorOf<CFileSystemError>(
+        [&] { CServeStatsFile stats(inTheWay.string(), "mem://store/disk", counter.get(), nullptr); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProps().lookup("path").toUTF8(),
+              (std::filesystem::canonical(folder.path()) / "stats.prom").string());
+    EXPECT_TRUE(std::filesystem::is_directory(inTheWay));
+}
+
+// The worker writes on its own, and a reader that reads the file meanwhile,
+// again and again, always finds every series in it.
+TEST_F(ServeStatsTest, TheWorkerWritesNewCountsAndReadersAlwaysFindAWholeSet)
+{
+    store->setFileData(brickFile(1), filled(kBrickBytes, 1));
+    CServeStatsFile stats(statsFile, "mem://store/disk", counter.get(), nullptr, std::chrono::milliseconds(1));
+    const std::string gets = storeSeries("brickdisk_store_requests_total", "get");
+    const size_t seriesCount = readStats(statsFile).size();
+    ASSERT_EQ(seriesCount, 10u);
+
+    readBrick(*counter, 1);
+    // What no working writer comes near, even on a busy machine.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    std::map<std::string, zo::int64> values;
+    do {
+        values = readStats(statsFile);
+        ASSERT_EQ(values.size(), seriesCount);
+    } while (values.at(gets) == 0 && std::chrono::steady_clock::now() < giveUp);
+    EXPECT_EQ(values.at(gets), 1);
 }
 
 } // namespace
