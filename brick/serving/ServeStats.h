@@ -42,11 +42,11 @@ public:
     // Writes the counters of formatServeStats(disk, store, cache) into the
     // local file `file` now, then every `period` on a worker of its own (a
     // zo::CWorkerPool of one). The links on the way to the file's folder are
-    // resolved here, once; the file itself is replaced, never followed as a
-    // link. Either of `store` and `cache` may be null; it holds references to
-    // both. Throws zo::CFileSystemError (with "path") when the folder cannot
-    // be resolved or the first write fails, so that a file that cannot be
-    // written is found at the start.
+    // resolved here, once; a file that is itself a symbolic link is never
+    // followed, and its first write fails. Either of `store` and `cache` may
+    // be null; it holds references to both. Throws zo::CFileSystemError (with
+    // "path") when the folder cannot be resolved or the first write fails,
+    // so that a file that cannot be written is found at the start.
     CServeStatsFile(const std::string& file, const zo::String& disk, CCountingFileSystem* store, CCachedStore* cache,
                     std::chrono::milliseconds period = kDefaultPeriod);
     // Stops the worker and writes the file a last time (a failure is

@@ -355,6 +355,23 @@ TEST_F(ServeStatsTest, AFileThatCannotBeStoredIsRefusedAtTheStartWithItsPath)
     EXPECT_TRUE(std::filesystem::is_directory(inTheWay));
 }
 
+// A link where the file should be could lead the server's writes anywhere:
+// it is refused, and what it points to stays as it was.
+TEST_F(ServeStatsTest, AFileThatIsALinkIsRefusedAtTheStart)
+{
+    const std::string target = folder.path() + "/elsewhere.prom";
+    std::ofstream(target) << "kept\n";
+    std::filesystem::create_symlink(target, statsFile);
+
+    EXPECT_THROW(CServeStatsFile(statsFile, "mem://store/disk", counter.get(), nullptr), CFileSystemError);
+
+    std::ifstream in(target);
+    std::string line;
+    std::getline(in, line);
+    EXPECT_EQ(line, "kept");
+    EXPECT_TRUE(std::filesystem::is_symlink(statsFile));
+}
+
 // The worker writes on its own, and a reader that reads the file meanwhile,
 // again and again, always finds every series in it.
 TEST_F(ServeStatsTest, TheWorkerWritesNewCountsAndReadersAlwaysFindAWholeSet)
