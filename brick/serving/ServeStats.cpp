@@ -1,11 +1,15 @@
 #include "brick/serving/ServeStats.h"
 
+#include "brick/detail/WaitingListener.h"
+
 #include "zo/Error.h"
+#include "zo/LocalFileSystem.h"
 #include "zo/Log.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <fstream>
+#include <algorithm>
+#include <filesystem>
+#include <limits>
+#include <span>
 #include <sstream>
 
 namespace brick {
@@ -32,91 +36,117 @@ std::string labelValue(const std::string& text)
     return escaped;
 }
 
-// Writes one metric: its help, its type and its values.
-class CMetricWriter {
-public:
-    CMetricWriter(std::ostringstream& out, const std::string& disk) : m_out(out), m_disk(labelValue(disk)) {}
-
-    void begin(const std::string& name, const char* type, const std::string& help)
-    {
-        m_name = name;
-        m_out << "# HELP " << name << ' ' << help << "\n# TYPE " << name << ' ' << type << '\n';
-    }
-    void value(zo::int64 number) { m_out << m_name << "{disk=\"" << m_disk << "\"} " << number << '\n'; }
-    void value(const char* kind, zo::int64 number)
-    {
-        m_out << m_name << "{disk=\"" << m_disk << "\",kind=\"" << kind << "\"} " << number << '\n';
-    }
-
-private:
-    std::ostringstream& m_out;
-    std::string m_disk;
-    std::string m_name;
-};
+// `file` in its folder with the links on the way to the folder resolved:
+// the local file system follows no link, and those the user put on the way
+// (such as /var/run to /run) are the user's own.
+zo::CURI resolveFolderOf(const std::string& file)
+{
+    const std::filesystem::path path(file);
+    std::error_code error;
+    const std::filesystem::path folder =
+        std::filesystem::canonical(path.has_parent_path() ? path.parent_path() : std::filesystem::path("."), error);
+    if (error)
+        throw zo::makeErrnoError(error.value(), "resolve the folder of", zo::String::fromUTF8(file));
+    return zo::CURI(zo::String::fromUTF8((folder / path.filename()).string()));
+}
 
 constexpr Request kAllRequests[] = {Request::Get,    Request::Put,  Request::Copy, Request::Move,
                                     Request::Delete, Request::List, Request::Info, Request::Folder};
+constexpr Request kMovingRequests[] = {Request::Get, Request::Put};
+
+// One metric of the text: its name, type and help, and where its values
+// come from. A metric of the store has one value per kind of request in
+// `kinds`, each labelled with its kind; a metric of the cache has one value,
+// a field of CacheCounters.
+struct Metric {
+    const char* name;
+    const char* type;
+    const char* help;
+    zo::int64 (CCountingFileSystem::*storeValue)(Request kind) const;
+    std::span<const Request> kinds;
+    zo::int64 CacheCounters::*cacheValue;
+};
+
+constexpr Metric storeMetric(const char* name, const char* help,
+                             zo::int64 (CCountingFileSystem::*value)(Request kind) const,
+                             std::span<const Request> kinds)
+{
+    return Metric{name, "counter", help, value, kinds, nullptr};
+}
+
+constexpr Metric cacheMetric(const char* name, const char* type, const char* help, zo::int64 CacheCounters::*value)
+{
+    return Metric{name, type, help, nullptr, {}, value};
+}
+
+// The metrics in the order of the text: the store's, then the cache's.
+constexpr Metric kMetrics[] = {
+    storeMetric("brickdisk_store_requests_total", "Requests made to the disk's store, by kind.",
+                &CCountingFileSystem::getRequests, kAllRequests),
+    storeMetric("brickdisk_store_bytes_total", "Bytes read from (get) and written to (put) the disk's store.",
+                &CCountingFileSystem::getBytes, kMovingRequests),
+    cacheMetric("brickdisk_cache_hits_total", "counter", "Brick reads answered from the cache folder.",
+                &CacheCounters::hits),
+    cacheMetric("brickdisk_cache_misses_total", "counter", "Brick reads that went to the store.",
+                &CacheCounters::misses),
+    cacheMetric("brickdisk_cache_bytes", "gauge", "Bytes of the files in the cache folder.",
+                &CacheCounters::cachedBytes),
+    cacheMetric("brickdisk_cache_dirty_files", "gauge", "Brick files whose newest change the store does not hold yet.",
+                &CacheCounters::dirtyFiles),
+    cacheMetric("brickdisk_cache_dirty_bytes", "gauge", "Bytes of the dirty brick files.", &CacheCounters::dirtyBytes),
+    cacheMetric("brickdisk_cache_upload_queue", "gauge", "Dirty brick files waiting for an uploader.",
+                &CacheCounters::uploadQueue),
+    cacheMetric("brickdisk_cache_uploads_in_progress", "gauge", "Brick files being uploaded now.",
+                &CacheCounters::uploading),
+    cacheMetric("brickdisk_cache_upload_errors_total", "counter", "Uploads into the store that failed.",
+                &CacheCounters::uploadErrors),
+    cacheMetric("brickdisk_cache_upload_retries_total", "counter",
+                "Uploads of a brick file whose upload had failed before.", &CacheCounters::uploadRetries),
+    cacheMetric("brickdisk_cache_evictions_total", "counter",
+                "Clean brick files evicted to keep the cache folder within its size.", &CacheCounters::evictions),
+};
 
 } // namespace
 
 std::string formatServeStats(const zo::String& disk, const CCountingFileSystem* store, const CCachedStore* cache)
 {
+    const std::string diskLabel = "disk=\"" + labelValue(disk.toUTF8()) + '"';
+    const CacheCounters counters = cache ? cache->getCounters() : CacheCounters();
     std::ostringstream out;
-    CMetricWriter metric(out, disk.toUTF8());
-    if (store) {
-        metric.begin("brickdisk_store_requests_total", "counter", "Requests made to the disk's store, by kind.");
-        for (const Request kind : kAllRequests)
-            metric.value(CCountingFileSystem::getRequestName(kind), store->getRequests(kind));
-        metric.begin("brickdisk_store_bytes_total", "counter",
-                     "Bytes read from (get) and written to (put) the disk's store.");
-        for (const Request kind : {Request::Get, Request::Put})
-            metric.value(CCountingFileSystem::getRequestName(kind), store->getBytes(kind));
-    }
-    if (cache) {
-        const CacheCounters counters = cache->getCounters();
-        metric.begin("brickdisk_cache_hits_total", "counter", "Brick reads answered from the cache folder.");
-        metric.value(counters.hits);
-        metric.begin("brickdisk_cache_misses_total", "counter", "Brick reads that went to the store.");
-        metric.value(counters.misses);
-        metric.begin("brickdisk_cache_bytes", "gauge", "Bytes of the files in the cache folder.");
-        metric.value(counters.cachedBytes);
-        metric.begin("brickdisk_cache_dirty_files", "gauge",
-                     "Brick files whose newest change the store does not hold yet.");
-        metric.value(counters.dirtyFiles);
-        metric.begin("brickdisk_cache_dirty_bytes", "gauge", "Bytes of the dirty brick files.");
-        metric.value(counters.dirtyBytes);
-        metric.begin("brickdisk_cache_upload_queue", "gauge", "Dirty brick files waiting for an uploader.");
-        metric.value(counters.uploadQueue);
-        metric.begin("brickdisk_cache_uploads_in_progress", "gauge", "Brick files being uploaded now.");
-        metric.value(counters.uploading);
-        metric.begin("brickdisk_cache_upload_errors_total", "counter", "Uploads into the store that failed.");
-        metric.value(counters.uploadErrors);
-        metric.begin("brickdisk_cache_upload_retries_total", "counter",
-                     "Uploads of a brick file whose upload had failed before.");
-        metric.value(counters.uploadRetries);
-        metric.begin("brickdisk_cache_evictions_total", "counter",
-                     "Clean brick files evicted to keep the cache folder within its size.");
-        metric.value(counters.evictions);
+    for (const Metric& metric : kMetrics) {
+        if (metric.storeValue ? !store : !cache)
+            continue;
+        out << "# HELP " << metric.name << ' ' << metric.help << "\n# TYPE " << metric.name << ' ' << metric.type
+            << '\n';
+        if (!metric.storeValue) {
+            out << metric.name << '{' << diskLabel << "} " << counters.*metric.cacheValue << '\n';
+            continue;
+        }
+        for (const Request kind : metric.kinds) {
+            out << metric.name << '{' << diskLabel << ",kind=\"" << CCountingFileSystem::getRequestName(kind) << "\"} "
+                << (store->*metric.storeValue)(kind) << '\n';
+        }
     }
     return out.str();
 }
 
 CServeStatsFile::CServeStatsFile(const std::string& file, const zo::String& disk, CCountingFileSystem* store,
                                  CCachedStore* cache, std::chrono::milliseconds period)
-    : m_file(file), m_disk(disk), m_store(store), m_cache(cache), m_period(period)
+    : m_file(resolveFolderOf(file)), m_disk(disk), m_store(store), m_cache(cache),
+      m_periodMillis(static_cast<int>(
+          std::clamp<std::chrono::milliseconds::rep>(period.count(), 0, std::numeric_limits<int>::max()))),
+      m_fs(new zo::CLocalFileSystem(1))
 {
     writeNow();
-    m_thread = std::thread([this] { run(); });
+    m_writer = std::make_unique<zo::CWorkerPool>(1);
+    m_writer->post([this](int) { writePeriodically(); });
 }
 
 CServeStatsFile::~CServeStatsFile()
 {
-    {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
-    }
-    m_stop.notify_all();
-    m_thread.join();
+    m_stopping.set();
+    // Joins the worker once its write in progress has ended.
+    m_writer.reset();
     try {
         writeNow();
     } catch (const std::exception& e) {
@@ -126,31 +156,17 @@ CServeStatsFile::~CServeStatsFile()
 
 void CServeStatsFile::writeNow()
 {
-    const std::string text = formatServeStats(m_disk, m_store.get(), m_cache.get());
-    const std::string temporary = m_file + ".tmp";
     std::lock_guard lock(m_writeMutex);
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        if (!out)
-            throw zo::makeErrnoError(errno, "write the statistics file", zo::String(temporary));
-        out << text;
-        out.close();
-        if (!out)
-            throw zo::makeErrnoError(errno, "write the statistics file", zo::String(temporary));
-    }
-    if (std::rename(temporary.c_str(), m_file.c_str()) != 0) {
-        const int error = errno;
-        std::remove(temporary.c_str());
-        throw zo::makeErrnoError(error, "rename the statistics file", zo::String(m_file));
-    }
+    const std::string text = formatServeStats(m_disk, m_store.get(), m_cache.get());
+    detail::replaceFileAndWait(
+        m_fs.get(), m_file,
+        zo::TBuffer<zo::uint8>(reinterpret_cast<const zo::uint8*>(text.data()), static_cast<int>(text.size())));
 }
 
-void CServeStatsFile::run()
+void CServeStatsFile::writePeriodically()
 {
     bool failing = false;
-    std::unique_lock lock(m_mutex);
-    while (!m_stop.wait_for(lock, m_period, [this] { return m_stopping; })) {
-        lock.unlock();
+    while (!m_stopping.wait(m_periodMillis)) {
         try {
             writeNow();
             failing = false;
@@ -160,7 +176,6 @@ void CServeStatsFile::run()
                 zo::logError(e, "Writing the statistics file failed; it is tried again.", zo::String());
             failing = true;
         }
-        lock.lock();
     }
 }
 

@@ -5,11 +5,14 @@
 
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
+#include "support/HeldOpeningFileSystem.h"
 #include "zo/MemoryFileSystem.h"
+#include "zo/Signal.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -18,6 +21,7 @@ using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using testsupport::Bytes;
 using testsupport::CrashingFileSystem;
+using testsupport::HeldOpeningFileSystem;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IFileSystem;
@@ -103,6 +107,53 @@ TEST_F(BrickDiskBlockDeviceFlushTest, EveryBrickWrittenBeforeAFlushIsStoredWhenI
         EXPECT_EQ(*atFlush[static_cast<size_t>(i)], *final) << "brick " << i;
         EXPECT_EQ(storedBrick(fs.get(), i), brickOf(newBytes, i)) << "brick " << i;
     }
+}
+
+// A brick that is read from its file while a flush comes holds no written
+// bytes: the flush stores the brick written before it and returns while the
+// read is still held, and the read then finds the brick's stored bytes.
+TEST_F(BrickDiskBlockDeviceFlushTest, AFlushStoresTheWrittenBricksWhileAnotherBrickIsStillBeingRead)
+{
+    const P<CMemoryFileSystem> fs = diskWithOldBytes();
+    const P<HeldOpeningFileSystem> held(new HeldOpeningFileSystem(fs.get()));
+    const P<CBrickDisk> disk = testsupport::openDisk(held.get(), CURI(kFolder), kPassword);
+    const CURI readFile = testsupport::brickFileOf(*disk, CURI(kFolder), 0);
+    // A cache that holds the whole disk: only the flush stores.
+    const P<CBrickDiskBlockDevice> device(new CBrickDiskBlockDevice(disk.get(), 2 * kDiskSize));
+    // Should a step fail, nothing stays held for the device's last flush.
+    struct LetGo {
+        HeldOpeningFileSystem& fs;
+        ~LetGo() { fs.letGo(); }
+    } letGo{*held};
+    const Bytes written = brickOf(newBytes, 1);
+    device->write(written.getData() + kBrickSize / 2, kBrickSize + kBrickSize / 2, kBrickSize / 2);
+
+    held->holdOpeningOf(readFile);
+    Bytes read(kBrickSize);
+    std::thread reader([&] { device->read(read.getData(), 0, kBrickSize); });
+    const bool readHeld = held->waitUntilHeld();
+    zo::CSignal flushed;
+    P<zo::CError> flushError;
+    std::thread flusher([&] {
+        try {
+            device->flush();
+        } catch (const zo::CError& e) {
+            flushError = e.clone();
+        }
+        flushed.set();
+    });
+    const bool flushedWhileReadHeld = flushed.wait(HeldOpeningFileSystem::kGenerousMillis);
+    held->letGo();
+    flusher.join();
+    reader.join();
+
+    ASSERT_TRUE(readHeld);
+    EXPECT_TRUE(flushedWhileReadHeld);
+    EXPECT_FALSE(flushError) << (flushError ? flushError->toString().toUTF8() : std::string());
+    EXPECT_EQ(storedBrick(fs.get(), 1),
+              testsupport::overlay(brickOf(oldBytes, 1), kBrickSize / 2,
+                                   Bytes(written.getData() + kBrickSize / 2, kBrickSize / 2)));
+    EXPECT_EQ(read, brickOf(oldBytes, 0));
 }
 
 TEST_F(BrickDiskBlockDeviceFlushTest, ACrashBeforeAFlushEndsLeavesEveryBrickOldOrNew)

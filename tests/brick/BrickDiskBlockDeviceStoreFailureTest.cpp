@@ -6,8 +6,8 @@
 #include "brick/chain/BrickStoreQueue.h"
 #include "support/BlockDeviceTestDisk.h"
 #include "support/DiskTestHelpers.h"
+#include "support/HeldOpeningFileSystem.h"
 #include "support/SweepRounds.h"
-#include "zo/ForwardingFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 #include "zo/Signal.h"
 
@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -28,12 +27,12 @@ using brick::CBrickDiskBlockDevice;
 using brick::CBrickStoreQueue;
 using testsupport::Bytes;
 using testsupport::errorOf;
+using testsupport::HeldOpeningFileSystem;
 using testsupport::messageOf;
 using zo::CError;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
 using zo::CURI;
-using zo::IIOStream;
 using zo::int64;
 using zo::P;
 using Op = CMemoryFileSystem::Operation;
@@ -41,63 +40,6 @@ using Op = CMemoryFileSystem::Operation;
 // The smallest cache (4 bricks): most bricks written over the whole disk are
 // stored when they are evicted, before any flush.
 constexpr int64 kSmallestCache = 0;
-
-// A file system that holds back the opening for reading of one chosen file
-// until the test lets it go, and signals when any of a set of files is
-// opened; everything else passes through.
-class HeldOpeningFileSystem : public zo::CForwardingFileSystem {
-public:
-    explicit HeldOpeningFileSystem(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
-
-    // From now on, opening `file` for reading waits until letGo.
-    void holdOpeningOf(const CURI& file)
-    {
-        std::lock_guard lock(m_mutex);
-        m_held = file.toString(true).toUTF8();
-    }
-    // True once the opening is held, within a generous time.
-    bool waitUntilHeld() { return m_holding.wait(kGenerousMillis); }
-    void letGo() { m_letGo.set(); }
-
-    // From now on, an opening of one of `files` sets the signal that
-    // waitUntilOneIsOpened waits for.
-    void signalOpeningOf(const std::vector<CURI>& files)
-    {
-        std::lock_guard lock(m_mutex);
-        for (const CURI& file : files)
-            m_signalled.insert(file.toString(true).toUTF8());
-    }
-    // True once one was opened, within a generous time.
-    bool waitUntilOneIsOpened() { return m_opened.wait(kGenerousMillis); }
-
-    P<IIOStream> openStream(const CURI& file, IIOStream::Access access, const int& options) override
-    {
-        bool hold = false;
-        {
-            std::lock_guard lock(m_mutex);
-            const std::string path = file.toString(true).toUTF8();
-            hold = access == IIOStream::AccessRead && path == m_held;
-            if (m_signalled.count(path) != 0)
-                m_opened.set();
-        }
-        if (hold) {
-            m_holding.set();
-            m_letGo.wait(-1);
-        }
-        return CForwardingFileSystem::openStream(file, access, options);
-    }
-
-private:
-    // What no step of a working test comes near, even on a busy machine.
-    static constexpr int kGenerousMillis = 60000;
-
-    std::mutex m_mutex;
-    std::string m_held;
-    std::set<std::string> m_signalled;
-    zo::CSignal m_holding;
-    zo::CSignal m_letGo;
-    zo::CSignal m_opened;
-};
 
 class BrickDiskBlockDeviceStoreFailureTest : public testsupport::BlockDeviceTestDisk {
 protected:

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -251,6 +252,76 @@ TEST_F(ServeStatsTest, TheLastWriteAtTheEndHoldsTheFinalCountsAndNoTemporaryFile
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
 }
 
+// The text that monitoring reads, line for line: every metric's help and
+// type before its values, the store's metrics before the cache's, and the
+// store's values in the order of their kinds.
+TEST_F(ServeStatsTest, TheStoreCountersKeepTheirTextByteForByte)
+{
+    store->setFileData(brickFile(1), filled(kBrickBytes, 1));
+    readBrick(*counter, 1);
+    counter->listFolder(kBricks);
+    writeBrick(*counter, 2, filled(10, 2));
+    counter->beginDeleteFile(brickFile(2), nullptr)->wait();
+
+    const std::string text = brick::formatServeStats("mem://store/disk", counter.get(), nullptr);
+
+    const std::string series = "{disk=\"mem://store/disk\",kind=";
+    EXPECT_EQ(text,
+              "# HELP brickdisk_store_requests_total Requests made to the disk's store, by kind.\n"
+              "# TYPE brickdisk_store_requests_total counter\n"
+              "brickdisk_store_requests_total" +
+                  series + "\"get\"} 1\n" + "brickdisk_store_requests_total" + series + "\"put\"} 1\n" +
+                  "brickdisk_store_requests_total" + series + "\"copy\"} 0\n" + "brickdisk_store_requests_total" +
+                  series + "\"move\"} 0\n" + "brickdisk_store_requests_total" + series + "\"delete\"} 1\n" +
+                  "brickdisk_store_requests_total" + series + "\"list\"} 1\n" + "brickdisk_store_requests_total" +
+                  series + "\"info\"} 0\n" + "brickdisk_store_requests_total" + series + "\"folder\"} 0\n" +
+                  "# HELP brickdisk_store_bytes_total Bytes read from (get) and written to (put) the disk's "
+                  "store.\n"
+                  "# TYPE brickdisk_store_bytes_total counter\n"
+                  "brickdisk_store_bytes_total" +
+                  series + "\"get\"} 1000\n" + "brickdisk_store_bytes_total" + series + "\"put\"} 10\n");
+}
+
+TEST_F(ServeStatsTest, TheCacheCountersKeepTheirTextByteForByte)
+{
+    for (int i = 0; i < 2; ++i)
+        store->setFileData(brickFile(i), filled(kBrickBytes, static_cast<zo::uint8>(i)));
+    const P<CCachedStore> cache = openCache();
+    readBrick(*cache, 0);
+    readBrick(*cache, 1);
+    readBrick(*cache, 1);
+    writeBrick(*cache, 2, filled(10, 2));
+    cache->drain();
+
+    const std::string text = brick::formatServeStats("mem://store/disk", nullptr, cache.get());
+
+    const brick::CacheCounters counters = cache->getCounters();
+    const auto metric = [](const char* name, const char* type, const char* help, zo::int64 value) {
+        return std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n" + name +
+            "{disk=\"mem://store/disk\"} " + std::to_string(value) + "\n";
+    };
+    EXPECT_EQ(
+        text,
+        metric("brickdisk_cache_hits_total", "counter", "Brick reads answered from the cache folder.", counters.hits) +
+            metric("brickdisk_cache_misses_total", "counter", "Brick reads that went to the store.", counters.misses) +
+            metric("brickdisk_cache_bytes", "gauge", "Bytes of the files in the cache folder.", counters.cachedBytes) +
+            metric("brickdisk_cache_dirty_files", "gauge",
+                   "Brick files whose newest change the store does not hold yet.", counters.dirtyFiles) +
+            metric("brickdisk_cache_dirty_bytes", "gauge", "Bytes of the dirty brick files.", counters.dirtyBytes) +
+            metric("brickdisk_cache_upload_queue", "gauge", "Dirty brick files waiting for an uploader.",
+                   counters.uploadQueue) +
+            metric("brickdisk_cache_uploads_in_progress", "gauge", "Brick files being uploaded now.",
+                   counters.uploading) +
+            metric("brickdisk_cache_upload_errors_total", "counter", "Uploads into the store that failed.",
+                   counters.uploadErrors) +
+            metric("brickdisk_cache_upload_retries_total", "counter",
+                   "Uploads of a brick file whose upload had failed before.", counters.uploadRetries) +
+            metric("brickdisk_cache_evictions_total", "counter",
+                   "Clean brick files evicted to keep the cache folder within its size.", counters.evictions));
+    EXPECT_EQ(counters.hits, 1);
+    EXPECT_EQ(counters.misses, 2);
+}
+
 TEST_F(ServeStatsTest, LabelValuesAreEscaped)
 {
     const std::string text = brick::formatServeStats("/srv/a \"b\"\\c", counter.get(), nullptr);
@@ -258,11 +329,68 @@ TEST_F(ServeStatsTest, LabelValuesAreEscaped)
     EXPECT_NE(text.find("{disk=\"/srv/a \\\"b\\\"\\\\c\",kind=\"get\"} 0\n"), std::string::npos) << text;
 }
 
-TEST_F(ServeStatsTest, AFileThatCannotBeWrittenIsRefusedAtTheStart)
+TEST_F(ServeStatsTest, AFileInAMissingFolderIsRefusedAtTheStartWithItsPath)
 {
     const std::string missing = folder.path() + "/no/such/folder/stats.prom";
 
-    EXPECT_THROW(CServeStatsFile(missing, "mem://store/disk", counter.get(), nullptr), CFileSystemError);
+    const auto error = testsupport::errorOf<CFileSystemError>(
+        [&] { CServeStatsFile stats(missing, "mem://store/disk", counter.get(), nullptr); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProblem(), CFileSystemError::NotFound);
+    EXPECT_EQ(error->getProps().lookup("path").toUTF8(), missing);
+}
+
+TEST_F(ServeStatsTest, AFileThatCannotBeStoredIsRefusedAtTheStartWithItsPath)
+{
+    const std::filesystem::path inTheWay = std::filesystem::path(folder.path()) / "stats.prom";
+    std::filesystem::create_directory(inTheWay);
+
+    const auto error = testsupport::errorOf<CFileSystemError>(
+        [&] { CServeStatsFile stats(inTheWay.string(), "mem://store/disk", counter.get(), nullptr); });
+
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProps().lookup("path").toUTF8(),
+              (std::filesystem::canonical(folder.path()) / "stats.prom").string());
+    EXPECT_TRUE(std::filesystem::is_directory(inTheWay));
+}
+
+// A link where the file should be could lead the server's writes anywhere:
+// it is refused, and what it points to stays as it was.
+TEST_F(ServeStatsTest, AFileThatIsALinkIsRefusedAtTheStart)
+{
+    const std::string target = folder.path() + "/elsewhere.prom";
+    std::ofstream(target) << "kept\n";
+    std::filesystem::create_symlink(target, statsFile);
+
+    EXPECT_THROW(CServeStatsFile(statsFile, "mem://store/disk", counter.get(), nullptr), CFileSystemError);
+
+    std::ifstream in(target);
+    std::string line;
+    std::getline(in, line);
+    EXPECT_EQ(line, "kept");
+    EXPECT_TRUE(std::filesystem::is_symlink(statsFile));
+}
+
+// The worker writes on its own, and a reader that reads the file meanwhile,
+// again and again, always finds every series in it.
+TEST_F(ServeStatsTest, TheWorkerWritesNewCountsAndReadersAlwaysFindAWholeSet)
+{
+    store->setFileData(brickFile(1), filled(kBrickBytes, 1));
+    CServeStatsFile stats(statsFile, "mem://store/disk", counter.get(), nullptr, std::chrono::milliseconds(1));
+    const std::string gets = storeSeries("brickdisk_store_requests_total", "get");
+    const size_t seriesCount = readStats(statsFile).size();
+    ASSERT_EQ(seriesCount, 10u);
+
+    readBrick(*counter, 1);
+    // What no working writer comes near, even on a busy machine.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    std::map<std::string, zo::int64> values;
+    do {
+        values = readStats(statsFile);
+        ASSERT_EQ(values.size(), seriesCount);
+    } while (values.at(gets) == 0 && std::chrono::steady_clock::now() < giveUp);
+    EXPECT_EQ(values.at(gets), 1);
 }
 
 } // namespace

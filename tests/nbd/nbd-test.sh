@@ -749,7 +749,7 @@ case_serve_stats() {
   [ "${bytes:-0}" -gt 0 ] || fail "no bytes put: $(cat "$work/stats.prom")"
   grep -q "disk=\"$work/disk\"" "$work/stats.prom" || fail "the disk is not named: $(cat "$work/stats.prom")"
   grep -q '^brickdisk_cache_' "$work/stats.prom" && fail "cache counters for a disk without a cache"
-  [ "$(ls -A "$work" | grep -c '^stats')" -eq 1 ] || fail "files beside the statistics: $(ls -A "$work")"
+  [ "$(ls -A "$work" | grep -c 'stats')" -eq 1 ] || fail "files beside the statistics: $(ls -A "$work")"
 }
 
 "case_$case_name"
