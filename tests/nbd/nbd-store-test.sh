@@ -10,6 +10,40 @@
 # prints. Every server listens on a Unix socket in the case's own folder and
 # is stopped by its pid. A case that needs what the machine lacks prints
 # "SKIPPED: reason" and exits 77 (CTest's skip code).
+#
+# The cases of nbd-shared-cases.sh run here as for folder disks, each served
+# with brickdisk serve; CASE_cached runs such a CASE with every disk it
+# serves through a local cache folder (--cache-dir). The folder cases of
+# nbd-test.sh and the cases that check the same for a disk in the store:
+#
+#   folder case                                 store case
+#   info_and_map                                info_and_map, info_and_map_cached
+#   copy_in_and_out                             copy_in_and_out, copy_in_and_out_cached
+#   fio_verify_after_restart                    fio_kill_and_verify
+#   kill_after_flush                            kill_after_flush, cache_kill_and_serve_again
+#   second_server_refused                       read_only_and_lock, two_servers_refused
+#   snapshot_unchanged_while_parent_written     snapshot_unchanged_while_parent_written,
+#                                               snapshot_unchanged_while_parent_written_cached
+#   live_snapshots                              live_snapshots, live_snapshots_cached,
+#                                               snapshot_while_serving
+#   serve_command                               serve_command, write_flush_export
+#   mount_ext4                                  mount
+#   full_file_system_keeps_writes               does not apply to a store: it fills the
+#                                               local file system that holds the disk
+#   stop_with_unstored_bricks_fails             stop_with_unstored_bricks_fails (S3 only: a
+#                                               Ceph pool cannot refuse a disk's bricks
+#                                               but not its lock)
+#   rewrite_unchanged_stores_nothing            rewrite_unchanged_stores_nothing,
+#                                               rewrite_unchanged_stores_nothing_cached
+#   mount_refuses_to_stop_while_loop_mounted    mount_refuses_to_stop_while_loop_mounted
+#   mount_edges                                 mount_edges
+#   serve_socket_safety                         serve_socket_safety
+#   serve_password                              serve_password
+#   serve_server_dies                           serve_server_dies
+#   snapshot_control_squatter                   snapshot_control_squatter
+#   plugin_checks_the_disk                      does not apply to a store: it runs nbdkit
+#                                               itself and moves a parent disk's folder
+#   serve_stats                                 serve_stats, cache_commands_and_stats
 set -euo pipefail
 
 store=$1
@@ -29,8 +63,19 @@ trap cleanup EXIT
 
 # shellcheck source=nbd-common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/nbd-common.sh"
+# shellcheck source=nbd-shared-cases.sh
+source "$(dirname "${BASH_SOURCE[0]}")/nbd-shared-cases.sh"
 
 need nbdkit nbdinfo nbdcopy
+
+# s3_request METHOD PATH [BODY]: a request to the S3 test service, signed
+# with its keys (radosgw wants the payload's digest, even of an empty body).
+s3_request() {
+  local body=${3:-}
+  curl -fsS --aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
+    -H "x-amz-content-sha256: $(printf '%s' "$body" | sha256sum | cut -d' ' -f1)" \
+    -X "$1" --data-binary "$body" "$AWS_ENDPOINT_URL/$2"
+}
 
 # Each run has a place of its own in the store, so runs never meet.
 run=nbd-${case_name//_/-}-$$-$RANDOM
@@ -39,10 +84,7 @@ s3)
   [ -n "${AWS_ENDPOINT_URL:-}" ] && [ -n "${AWS_ACCESS_KEY_ID:-}" ] ||
     skip "no S3 test service: run eval \"\$(scripts/ceph-test-cluster.sh start)\" first"
   need curl
-  # radosgw wants the payload's digest even of an empty body.
-  curl -fsS --aws-sigv4 "aws:amz:us-east-1:s3" -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
-    -H "x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855" \
-    -X PUT "$AWS_ENDPOINT_URL/$run" >/dev/null || fail "cannot create the bucket $run"
+  s3_request PUT "$run" >/dev/null || fail "cannot create the bucket $run"
   place=s3://$run
   # Short lock leases, so that the lock of a server stopped by a failed case
   # does not outlive it for long.
@@ -64,37 +106,60 @@ esac
 XDG_RUNTIME_DIR=$(mktemp -d /tmp/brickdisk-test-XXXXXX)
 export XDG_RUNTIME_DIR
 cleanups+=("rm -rf $XDG_RUNTIME_DIR")
+# The sockets of the shared cases' servers, in a folder of a short path too.
+sockets=$(mktemp -d /tmp/brickdisk-nbd-XXXXXX)
+cleanups+=("rm -rf $sockets")
 
-uri_of() { echo "nbd+unix:///?socket=$1"; }
-
-# make_disk DISK SIZE: an unencrypted disk of 64 KiB bricks.
+# make_disk DISK SIZE [create options...]: an unencrypted disk, of 64 KiB
+# bricks unless the options say otherwise.
 make_disk() {
-  "$brickdisk" "${settings[@]}" create "$1" --size "$2" --brick-size 64K --no-encryption >/dev/null ||
-    fail "cannot create $1"
+  local disk=$1 size=$2
+  shift 2
+  local options=("$@")
+  [[ " ${options[*]} " == *" --brick-size "* ]] || options+=(--brick-size 64K)
+  run_brickdisk create "$disk" --size "$size" --no-encryption "${options[@]}" >/dev/null || fail "cannot create $disk"
 }
 
-# wait_for_output LOG PATTERN PID: waits until LOG holds PATTERN or the
-# program PID has ended; true when the pattern came.
-wait_for_output() {
-  local log=$1 pattern=$2 pid=$3 i
-  for i in $(seq 1 1200); do
-    grep -q -- "$pattern" "$log" 2>/dev/null && return 0
-    kill -0 "$pid" 2>/dev/null || break
-    sleep 0.05
+# disk_at NAME: the case's disk NAME, in the run's place in the store.
+disk_at() { echo "$place/$1"; }
+
+declare -A serve_logs=()
+
+# serve NAME DISK [plugin parameters...]: brickdisk serve DISK on
+# $sockets/NAME.sock with the options that stand for the plugin's parameters,
+# through a cache folder of the disk's own when the case runs with one; sets
+# $last_pid.
+serve() {
+  local name=$1 disk=$2 parameter
+  shift 2
+  local options=()
+  for parameter in "$@"; do
+    case $parameter in
+    readonly=true) options+=(--read-only) ;;
+    cache=*) options+=(--cache "${parameter#cache=}") ;;
+    password-file=*) options+=(--password-file "${parameter#password-file=}") ;;
+    stats=*) options+=(--stats "${parameter#stats=}") ;;
+    *) fail "serve has no option for the plugin's $parameter" ;;
+    esac
   done
-  grep -q -- "$pattern" "$log" 2>/dev/null
+  [ "$with_cache" = yes ] && options+=(--cache-dir "$work/cache-${disk##*/}" --cache-size 4M)
+  serve_in_background "$name" "$disk" --socket "$sockets/$name.sock" "${options[@]}"
+  last_pid=$serve_pid
+  serve_logs[$serve_pid]=$work/$name.log
 }
 
-# serve_in_background NAME ARGS...: runs brickdisk serve ARGS... with the
-# store's settings and its output in $work/NAME.log, waits until it serves and
-# sets $serve_pid.
-serve_in_background() {
-  local name=$1
-  shift
-  "$brickdisk" "${settings[@]}" serve "$@" >"$work/$name.log" 2>&1 &
-  serve_pid=$!
-  cleanups+=("kill $serve_pid 2>/dev/null; wait $serve_pid 2>/dev/null")
-  wait_for_output "$work/$name.log" '^Serving' "$serve_pid" || fail "serve $name did not start: $(cat "$work/$name.log")"
+# stop PID: Ctrl-C on a serve started by serve, which must end cleanly.
+stop() {
+  stop_serving "$1" "${serve_logs[$1]}"
+}
+
+# kill_server PID: kills the server of a serve started by serve with -9;
+# serve then ends.
+kill_server() {
+  local server
+  server=$(pgrep -P "$1" nbdkit) || fail "no server process"
+  kill -9 "$server"
+  wait "$1" 2>/dev/null || true
 }
 
 # serve_after_kill NAME ARGS...: serve_in_background, once the lease lock of
@@ -114,26 +179,9 @@ serve_after_kill() {
   fail "serving again never started: $(cat "$work/$name.log")"
 }
 
-# stop_serving PID LOG: Ctrl-C, and serve must end cleanly.
-stop_serving() {
-  kill -INT "$1"
-  wait "$1" || fail "serve did not end cleanly: $(cat "$2")"
-}
-
 # export_disk DISK FILE: the disk's bytes.
 export_disk() {
-  "$brickdisk" "${settings[@]}" export "$1" "$2" -q 2>"$work/export.log" || fail "cannot export $1"
-}
-
-# socket_hash NAME: the hexadecimal FNV-1a hash that names the control
-# socket of the disk NAME.
-socket_hash() {
-  python3 -c '
-import sys
-h = 14695981039346656037
-for c in sys.argv[1].encode():
-    h = ((h ^ c) * 1099511628211) % 2**64
-print("%016x" % h)' "$1"
+  run_brickdisk export "$1" "$2" -q 2>"$work/export.log" || fail "cannot export $1"
 }
 
 # Written through NBD, flushed and stopped: the disk in the store holds the
@@ -166,10 +214,10 @@ case_snapshot_while_serving() {
   head -c 4194304 /dev/urandom >"$work/second"
   serve_in_background a "$disk" --socket "$work/a.sock"
   local control
-  control=$XDG_RUNTIME_DIR/serve-$(socket_hash "$disk").sock
+  control=$XDG_RUNTIME_DIR/serve-$(address_hash "$disk").sock
   [ -S "$control" ] || fail "no control socket at $control: $(ls -A "$XDG_RUNTIME_DIR")"
   nbdcopy --flush "$work/first" "$(uri_of "$work/a.sock")" || fail "writing the first image failed"
-  "$brickdisk" "${settings[@]}" snapshot "$disk" "$snap" >"$work/snapshot.log" 2>&1 ||
+  run_brickdisk snapshot "$disk" "$snap" >"$work/snapshot.log" 2>&1 ||
     fail "snapshot of the served disk failed: $(cat "$work/snapshot.log")"
   grep -q "taken by the server" "$work/snapshot.log" || fail "the server did not take the snapshot"
   nbdcopy --flush "$work/second" "$(uri_of "$work/a.sock")" || fail "writing the second image failed"
@@ -189,7 +237,7 @@ case_read_only_and_lock() {
   head -c 4194304 /dev/urandom >"$work/image"
   serve_in_background a "$disk" --socket "$work/a.sock"
   nbdcopy --flush "$work/image" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
-  if "$brickdisk" "${settings[@]}" serve "$disk" --socket "$work/b.sock" >"$work/second.log" 2>&1; then
+  if run_brickdisk serve "$disk" --socket "$work/b.sock" >"$work/second.log" 2>&1; then
     fail "a second serve of a served disk started"
   fi
   grep -q "in use by another process" "$work/second.log" || fail "no reason given: $(cat "$work/second.log")"
@@ -203,7 +251,7 @@ case_read_only_and_lock() {
   fi
   nbdcopy "$(uri_of "$work/c.sock")" "$work/read"
   cmp "$work/image" "$work/read" || fail "the disk served read-only does not read what was written"
-  if "$brickdisk" "${settings[@]}" snapshot "$disk" "$place/snap" >"$work/snapshot.log" 2>&1; then
+  if run_brickdisk snapshot "$disk" "$place/snap" >"$work/snapshot.log" 2>&1; then
     fail "a snapshot was taken while a reader served the disk"
   fi
   stop_serving "$serve_pid" "$work/c.log"
@@ -219,13 +267,8 @@ case_mount() {
   local disk=$place/disk
   make_disk "$disk" 32M
   mkdir "$work/mnt"
-  "$brickdisk" "${settings[@]}" mount "$disk" "$work/mnt" >"$work/mount.log" 2>&1 &
-  local mount=$!
-  cleanups+=("fusermount3 -u $work/mnt 2>/dev/null; kill $mount 2>/dev/null")
-  wait_for_output "$work/mount.log" '^Mounted' "$mount" || {
-    grep -qi "fuse" "$work/mount.log" && skip "FUSE mounts are not allowed here: $(cat "$work/mount.log")"
-    fail "the disk was not mounted: $(cat "$work/mount.log")"
-  }
+  mount_in_background "$disk"
+  local mount=$mount_pid
   mkfs.ext4 -q -F "$work/mnt/disk" || fail "mkfs.ext4 failed"
   "$brickdisk" unmount "$work/mnt" || fail "unmount failed"
   wait "$mount" || fail "mount did not end cleanly: $(cat "$work/mount.log")"
@@ -254,7 +297,7 @@ case_cache_kill_and_serve_again() {
   cmp "$work/image" "$work/out" || fail "the store lacks bytes flushed into the cache before the kill"
 
   make_disk "$place/other" 1M
-  if "$brickdisk" "${settings[@]}" serve "$place/other" --socket "$work/c.sock" --cache-dir "$cache" \
+  if run_brickdisk serve "$place/other" --socket "$work/c.sock" --cache-dir "$cache" \
     >"$work/c.log" 2>&1; then
     fail "the cache folder of another disk was used"
   fi
@@ -344,22 +387,17 @@ case_two_servers_refused() {
   make_disk "$disk" 4M
   make_disk "$place/other" 4M
   serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$work/cache-a"
-  if "$brickdisk" "${settings[@]}" serve "$disk" --socket "$work/b.sock" --cache-dir "$work/cache-b" \
+  if run_brickdisk serve "$disk" --socket "$work/b.sock" --cache-dir "$work/cache-b" \
     >"$work/b.log" 2>&1; then
     fail "a second server of the disk started with a cache folder of its own"
   fi
   grep -q "in use by another process" "$work/b.log" || fail "no reason given: $(cat "$work/b.log")"
-  if "$brickdisk" "${settings[@]}" serve "$place/other" --socket "$work/c.sock" --cache-dir "$work/cache-a" \
+  if run_brickdisk serve "$place/other" --socket "$work/c.sock" --cache-dir "$work/cache-a" \
     >"$work/c.log" 2>&1; then
     fail "a server of another disk started on a cache folder in use"
   fi
   grep -Eq "in use|belongs to another disk" "$work/c.log" || fail "no reason given: $(cat "$work/c.log")"
   stop_serving "$serve_pid" "$work/a.log"
-}
-
-# brick_files DISK: how many brick files the disk holds in the store.
-brick_files() {
-  "$brickdisk" "${settings[@]}" du "$1" --json | python3 -c 'import json, sys; print(json.load(sys.stdin)["totalBrickFiles"])'
 }
 
 # A trim of the whole disk through a cached server deletes its brick objects
@@ -408,7 +446,7 @@ case_cache_commands_and_stats() {
   grep -q "^in use: yes" "$work/info.log" || fail "info does not see the server: $(cat "$work/info.log")"
   local action
   for action in flush drop; do
-    if "$brickdisk" "${settings[@]}" cache "$action" "$cache" >"$work/$action.log" 2>&1; then
+    if run_brickdisk cache "$action" "$cache" >"$work/$action.log" 2>&1; then
       fail "cache $action ran while a server held the folder"
     fi
     grep -q "in use by a server" "$work/$action.log" || fail "no reason given: $(cat "$work/$action.log")"
@@ -425,7 +463,7 @@ case_cache_commands_and_stats() {
   "$brickdisk" cache info "$cache" --json >"$work/info.json" 2>&1 || fail "cache info failed: $(cat "$work/info.json")"
   grep -q '"dirtyFiles": 0' "$work/info.json" || fail "dirty after the server's end: $(cat "$work/info.json")"
   grep -q '"inUse": false' "$work/info.json" || fail "still in use: $(cat "$work/info.json")"
-  "$brickdisk" "${settings[@]}" cache flush "$cache" >"$work/flush.log" 2>&1 || fail "flush: $(cat "$work/flush.log")"
+  run_brickdisk cache flush "$cache" >"$work/flush.log" 2>&1 || fail "flush: $(cat "$work/flush.log")"
   grep -q "^nothing to upload" "$work/flush.log" || fail "flush uploaded something: $(cat "$work/flush.log")"
   "$brickdisk" cache drop "$cache" >"$work/drop.log" 2>&1 || fail "drop failed: $(cat "$work/drop.log")"
   [ -e "$cache" ] && fail "the cache folder is still there"
@@ -433,5 +471,38 @@ case_cache_commands_and_stats() {
   cmp <(head -c 2097152 "$work/out") "$work/image" || fail "the store lacks what was written"
 }
 
-"case_$case_name"
+# A server that stops while the store refuses its bricks says how many and
+# which it could not store, and serve ends with a failure. The bucket's
+# policy refuses the objects of the disk's bricks, not its lock, as a store
+# that is full or refuses a writer does; only an S3 bucket can be told so.
+case_stop_with_unstored_bricks_fails() {
+  [ "$store" = s3 ] || skip "only an S3 bucket's policy refuses a disk's bricks but not its lock"
+  local disk=$place/disk
+  make_disk "$disk" 4M
+  head -c 4194304 /dev/urandom >"$work/image"
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache 64M
+  s3_request PUT "$run?policy=" '{"Version": "2012-10-17", "Statement": [{"Effect": "Deny", "Principal": "*",
+    "Action": "s3:PutObject", "Resource": "arn:aws:s3:::'"$run"'/disk/bricks/*"}]}' >"$work/policy.log" 2>&1 ||
+    fail "cannot refuse the bricks: $(cat "$work/policy.log")"
+  nbdcopy "$work/image" "$(uri_of "$work/a.sock")" || fail "writes into the cache failed"
+  kill -INT "$serve_pid"
+  if wait "$serve_pid"; then
+    fail "serve exited 0 with bricks it could not store: $(cat "$work/a.log")"
+  fi
+  grep -q "changed bricks not stored (bricks " "$work/a.log" ||
+    fail "the server did not name the bricks it could not store: $(cat "$work/a.log")"
+  grep -q "failed as it stopped" "$work/a.log" || fail "serve did not end with an error: $(cat "$work/a.log")"
+  s3_request DELETE "$run?policy=" >/dev/null || fail "cannot take the bucket's policy back"
+  [ "$(brick_files "$disk")" = 0 ] || fail "the store took bricks although its policy refused them"
+}
+
+# CASE_cached runs a shared CASE with every disk it serves through a cache
+# folder of its own.
+with_cache=no
+if [[ $case_name == *_cached ]]; then
+  with_cache=yes
+  "case_${case_name%_cached}"
+else
+  "case_$case_name"
+fi
 echo "PASSED: $store $case_name"
