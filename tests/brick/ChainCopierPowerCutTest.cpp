@@ -10,6 +10,7 @@
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
 #include "support/PowerCutFileSystem.h"
+#include "support/SweepRounds.h"
 #include "zo/Error.h"
 #include "zo/MemoryFileSystem.h"
 
@@ -57,7 +58,8 @@ std::map<std::string, Bytes> readOpeningDisks(zo::IFileSystem* fs, const std::st
 }
 
 // Copies from `source` into a copy of `files`, stopped before each changing
-// operation in turn with the power cut as `loss` says; `check` looks at the
+// operation in turn (every sweepStep()-th in a sanitized build) with the
+// power cut as `loss` says; `check` looks at the
 // destination after each stop, then a new run must make `disks` read like
 // the source's.
 void sweepCopy(CMemoryFileSystem* source, const std::map<std::string, Bytes>& files, PowerCutFileSystem::Loss loss,
@@ -76,7 +78,7 @@ void sweepCopy(CMemoryFileSystem* source, const std::map<std::string, Bytes>& fi
         EXPECT_EQ(power->getUnsyncedChangeCount(), 0) << "changes left unsynced after the copy";
     }
     ASSERT_GT(operations, 10);
-    for (int allowed = 0; allowed < operations; ++allowed) {
+    for (int allowed = 0; allowed < operations; allowed += testsupport::sweepStep()) {
         const std::string context =
             "stopped before changing operation " + std::to_string(allowed + 1) + " of " + std::to_string(operations);
         const P<CMemoryFileSystem> fs = memoryFileSystemWith(files);
