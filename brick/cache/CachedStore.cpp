@@ -6,6 +6,7 @@
 #include "zo/BufferStream.h"
 #include "zo/FileSystemOp.h"
 #include "zo/Log.h"
+#include "zo/SyncAll.h"
 
 #include <algorithm>
 #include <set>
@@ -25,6 +26,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kFolderMode = 0700;
+// Keepers writing fetched files: local writes without a sync, so a few keep
+// up with many readers.
+constexpr int kKeepers = 2;
 constexpr int kMaxRetryDelayMillis = 30000;
 // Eviction frees down to this share of the size, so that it runs in batches.
 constexpr int64 kEvictToPercent = 90;
@@ -86,10 +90,21 @@ CCachedStore::CCachedStore(zo::IFileSystem* store, const CURI& diskFolder, zo::I
     }
     // Left by stores into the cache folder that a killed process cut short.
     m_cacheFs->removeTemporaryFiles(m_settings.folder);
+    const CURI inUse = m_settings.folder << detail::kCacheInUseFile;
+    const bool closedCleanly = !m_cacheFs->fileExists(inUse);
     loadJournal();
     checkOwner(diskFolder, !m_dirty.empty());
-    loadCachedFiles(m_settings.folder << detail::kCacheFilesFolder);
+    int dropped = 0;
+    loadCachedFiles(m_settings.folder << detail::kCacheFilesFolder, closedCleanly, dropped);
+    if (dropped > 0)
+        zo::logLine(zo::LogLevel::Warning,
+                    "The cache folder " + m_settings.folder.toString() + " was not closed cleanly: dropped " +
+                        String(std::to_string(dropped)) +
+                        " cached brick files that the store holds; they are fetched again when read.");
+    // Durable before any clean file is written without a sync.
+    storeText(m_cacheFs.get(), inUse, "A cache uses this folder, or did not close it cleanly.\n");
     m_pool = zo::CCompletionPool::create(m_settings.uploadJobs);
+    m_keepers = std::make_unique<zo::CWorkerPool>(kKeepers);
     m_uploaders = std::make_unique<zo::CWorkerPool>(m_settings.uploadJobs);
     // Each job loops until the cache stops, so every worker runs one.
     for (int i = 0; i < m_uploaders->getWorkerCount(); ++i)
@@ -109,6 +124,29 @@ CCachedStore::~CCachedStore()
 {
     m_pool->shutdown();
     stopUploaders();
+    // The fetched files still waiting are written, for the next opening.
+    m_keepers->waitDone(-1);
+    m_keepers.reset();
+    closeCleanly();
+}
+
+void CCachedStore::closeCleanly() noexcept
+{
+    try {
+        if (m_strayFile) {
+            zo::logLine(zo::LogLevel::Warning,
+                        "The cache folder " + m_settings.folder.toString() +
+                            " holds a file that may have wrong bytes; the next opening drops its clean files.");
+            return;
+        }
+        // A file system that cannot sync the folder leaves it to the next
+        // opening's check.
+        if (!zo::syncAllBelow(m_cacheFs.get(), m_settings.folder))
+            return;
+        deleteDurably(m_settings.folder << detail::kCacheInUseFile);
+    } catch (const std::exception& e) {
+        zo::logError(e, "Closing the cache folder cleanly failed; the next opening drops its clean files.", String());
+    }
 }
 
 void CCachedStore::stopUploaders() noexcept
@@ -208,13 +246,13 @@ void CCachedStore::loadJournal()
     }
 }
 
-void CCachedStore::loadCachedFiles(const CURI& folder)
+void CCachedStore::loadCachedFiles(const CURI& folder, bool trustClean, int& dropped)
 {
     for (const String& name : m_cacheFs->listFolder(folder)) {
         const CURI path = folder << name;
         const P<zo::IFileInfo> info = m_cacheFs->getFileInfo(path, false);
         if (info->isFolder()) {
-            loadCachedFiles(path);
+            loadCachedFiles(path, trustClean, dropped);
             continue;
         }
         std::string relative = path.toRelative(m_settings.folder << detail::kCacheFilesFolder).toString().toUTF8();
@@ -228,6 +266,13 @@ void CCachedStore::loadCachedFiles(const CURI& folder)
         Entry& entry = m_entries[key];
         if (entry.dirty && entry.change == Change::Delete) {
             m_cacheFs->deleteFile(path, true);
+            continue;
+        }
+        if (!trustClean && !entry.dirty) {
+            // Written without a sync before a crash: its bytes may be wrong.
+            m_cacheFs->deleteFile(path, true);
+            eraseEntryLocked(key);
+            ++dropped;
             continue;
         }
         entry.present = true;
@@ -292,6 +337,12 @@ bool CCachedStore::isCached(const CURI& file) const
     return found != m_entries.end() && found->second.present;
 }
 
+void CCachedStore::waitForKeepers()
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [&] { return m_keeps.empty(); });
+}
+
 zo::uint64 CCachedStore::getUploadFailureCount() const
 {
     std::lock_guard lock(m_mutex);
@@ -337,6 +388,12 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
                 error->throwClone();
             return bytes;
         }
+        const auto kept = m_keeps.find(key);
+        if (kept != m_keeps.end()) {
+            // Fetched, and not yet in the cache folder.
+            ++m_hits;
+            return kept->second->bytes;
+        }
         const auto fetching = m_fetches.find(key);
         if (fetching != m_fetches.end()) {
             const std::shared_ptr<Fetch> pending = fetching->second;
@@ -357,7 +414,7 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
     Bytes bytes;
     P<CError> error;
     try {
-        bytes = fetch(key);
+        bytes = readAll(getInner(), CURI(key));
     } catch (...) {
         error = zo::currentExceptionToError();
     }
@@ -366,36 +423,103 @@ CCachedStore::Bytes CCachedStore::readBrick(const String& key)
     pending->bytes = bytes;
     pending->error = error;
     m_fetches.erase(key);
+    // Changes of the file waited for the fetch, so the entry is still free.
+    if (!error)
+        queueKeepLocked(key, bytes);
     m_changed.notify_all();
     if (error)
         error->throwClone();
     return bytes;
 }
 
-CCachedStore::Bytes CCachedStore::fetch(const String& key)
+void CCachedStore::queueKeepLocked(const String& key, const Bytes& bytes)
 {
-    const Bytes bytes = readAll(getInner(), CURI(key));
+    // Too many wait: the readers have the bytes, a later read fetches again.
+    if (m_keepBytes + bytes->getUsed() > m_settings.maxWaitingFetchBytes)
+        return;
+    const auto waiting = std::make_shared<Keep>();
+    waiting->bytes = bytes;
+    m_keeps[key] = waiting;
+    m_keepBytes += bytes->getUsed();
+    m_keepers->post([this, key, waiting](int) {
+        try {
+            keep(key, waiting);
+        } catch (const std::exception& e) {
+            // Only a failure of the bookkeeping itself (memory, say) gets
+            // here; the pool must go on for the other files.
+            zo::logError(e, "A keeper of the cache failed.", String());
+        }
+    });
+}
+
+void CCachedStore::keep(const String& key, const std::shared_ptr<Keep>& waiting)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        const auto found = m_keeps.find(key);
+        // A change took the file back: its own bytes go into the folder.
+        if (found == m_keeps.end() || found->second != waiting)
+            return;
+        // Changes of the file wait from now on until the file is written.
+        waiting->writing = true;
+    }
     const CURI cached = cachePath(key);
+    P<CError> error;
+    bool stray = false;
     try {
-        m_cacheFs->createFolder(cached.getParent(), kFolderMode);
-        storeAll(m_cacheFs.get(), cached, *bytes);
-    } catch (const std::exception& e) {
+        writeUnsynced(cached, waiting->bytes);
+    } catch (...) {
+        error = zo::currentExceptionToError();
+        try {
+            m_cacheFs->deleteFile(cached, true);
+        } catch (...) {
+            stray = true;
+        }
+    }
+    if (error) {
         // The bytes are good; the cache just does not keep them this time.
-        zo::logError(e, "Keeping a fetched brick file in the cache failed.", String());
-        return bytes;
+        zo::logError(*error, "Keeping a fetched brick file in the cache failed.", String());
     }
     std::lock_guard lock(m_mutex);
-    Entry& entry = m_entries[key];
-    // A change begun meanwhile has replaced the cache file and owns the entry.
-    if (!entry.present && !entry.writing && !entry.dirty) {
+    m_keeps.erase(key);
+    m_keepBytes -= waiting->bytes->getUsed();
+    m_strayFile = m_strayFile || stray;
+    if (!error) {
+        Entry& entry = m_entries[key];
         entry.present = true;
-        entry.size = bytes->getUsed();
+        entry.size = waiting->bytes->getUsed();
         entry.lastUse = nextUse();
         m_cachedBytes += entry.size;
         placeLocked(key, entry);
         evictLocked();
     }
-    return bytes;
+    m_changed.notify_all();
+}
+
+void CCachedStore::writeUnsynced(const CURI& file, const Bytes& bytes)
+{
+    m_cacheFs->createFolder(file.getParent(), kFolderMode);
+    const P<zo::IIOStream> stream =
+        m_cacheFs->openStream(file, zo::IIOStream::AccessWrite, zo::IIOStream::OptionReplace);
+    if (bytes->getUsed() > 0)
+        stream->write(bytes->getData(), bytes->getUsed());
+    stream->close();
+}
+
+bool CCachedStore::isBeingKeptLocked(const String& key) const
+{
+    const auto found = m_keeps.find(key);
+    return found != m_keeps.end() && found->second->writing;
+}
+
+void CCachedStore::takeBackKeepLocked(const String& key)
+{
+    const auto found = m_keeps.find(key);
+    if (found == m_keeps.end())
+        return;
+    m_keepBytes -= found->second->bytes->getUsed();
+    m_keeps.erase(found);
+    m_changed.notify_all();
 }
 
 void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
@@ -405,10 +529,13 @@ void CCachedStore::change(const String& key, const Bytes& bytes, bool overwrite)
         const auto found = m_entries.find(key);
         const bool alreadyDirty = found != m_entries.end() && found->second.dirty;
         // Readers of the file finish first: a deletion would pull it away.
+        // A keeper writing the file finishes too, so that the change's bytes
+        // replace the fetched ones and never the other way round.
         return (found == m_entries.end() || (!found->second.writing && found->second.readers == 0)) &&
-            m_fetches.count(key) == 0 &&
+            m_fetches.count(key) == 0 && !isBeingKeptLocked(key) &&
             (alreadyDirty || m_dirty.size() < static_cast<size_t>(m_settings.maxDirtyFiles));
     });
+    takeBackKeepLocked(key);
     Entry& entry = m_entries[key];
     entry.writing = true;
     ++entry.version;
@@ -474,8 +601,10 @@ void CCachedStore::apply(const String& key, const Bytes& bytes, bool overwrite)
     m_changed.wait(lock, [&] {
         const auto found = m_entries.find(key);
         return (found == m_entries.end() || (!found->second.writing && found->second.readers == 0)) &&
-            m_fetches.count(key) == 0;
+            m_fetches.count(key) == 0 && !isBeingKeptLocked(key);
     });
+    // The fetched bytes are no longer the store's.
+    takeBackKeepLocked(key);
     if (m_entries.count(key) && m_entries[key].dirty) {
         // Left dirty by an earlier opening: its changes keep their order.
         lock.unlock();
@@ -526,6 +655,12 @@ bool CCachedStore::brickExists(const String& key, int64* size)
         if (found != m_entries.end() && found->second.present) {
             if (size)
                 *size = found->second.size;
+            return true;
+        }
+        const auto kept = m_keeps.find(key);
+        if (kept != m_keeps.end()) {
+            if (size)
+                *size = kept->second->bytes->getUsed();
             return true;
         }
     }

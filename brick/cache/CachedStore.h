@@ -14,12 +14,16 @@
 //                    newest change the store does not hold yet, naming the
 //                    file and the change (stored or deleted), with a SHA-256
 //                    check value. A record is replaced atomically; one whose
-//                    check value does not match is ignored.
+//                    check value does not match is ignored;
+//   in-use           there while a cache uses the folder: written durably at
+//                    opening, removed at a clean close once every file of
+//                    the folder was made durable.
 //
 // Each cached brick file is in one of three states:
 //   clean      the cache file equals the store's (or is absent); it may be
 //              evicted, least recently used first, when the folder outgrows
-//              its size;
+//              its size. A fetched file is written without a sync: it is a
+//              copy of what the store holds;
 //   dirty      a store or deletion was acknowledged to the writer once its
 //              record and the cache file were durable in the cache folder;
 //              the store does not hold it yet; it is never evicted;
@@ -37,6 +41,15 @@
 // and the next opening uploads it before it returns. The folder is locked
 // while a cache uses it.
 //
+// Clean files are written unsynced, so a crash or a power loss may leave one
+// cut short or with wrong bytes. An opening that finds "in-use" (the last
+// cache did not close cleanly) therefore deletes every cached file the
+// journal does not record as a dirty store before anything is read; the
+// dirty files were synced and keep their guarantees. A clean close makes
+// the whole folder durable first (zo::syncAllBelow), then removes "in-use";
+// a cache folder on a file system that cannot do so never closes cleanly,
+// and its clean files are fetched again after each opening.
+//
 // Files that are not brick files (headers, links, locks, creation marks) and
 // folders go straight to the store. A brick file is a "*.brick" file below a
 // "bricks" folder. Changes of the brick files of other disks (the old brick
@@ -51,12 +64,19 @@
 //
 // Fetches of brick files that are not cached run on the readers' threads,
 // several at once for different files; one fetch serves every reader of its
-// file that comes meanwhile.
+// file that comes meanwhile. The reader gets the fetched bytes at once: the
+// file is written into the cache folder afterwards by a keeper, and counts
+// as cached only once it is written; meanwhile its bytes answer reads from
+// memory. At most maxWaitingFetchBytes of fetched files wait for a keeper;
+// a file fetched beyond them is returned and not kept. A change of a file
+// waiting to be kept takes it back; a change of a file being written waits
+// until the keeper is done, then replaces it.
 //
 // Threads: every call may come from any thread; the uploaders are jobs of a
 // zo::CWorkerPool of the cache's own, one per upload job, each looping until
-// the cache stops. The asynchronous brick stores and deletions run on a
-// completion pool of the cache's own.
+// the cache stops; the keepers, a zo::CWorkerPool of the cache's own too,
+// write the fetched files. The asynchronous brick stores and deletions run on
+// a completion pool of the cache's own.
 #pragma once
 
 #include "zo/CompletionPool.h"
@@ -88,12 +108,17 @@ struct CacheSettings {
     // The wait before a failed upload is tried again; it doubles with each
     // failure of the same file, up to 30 seconds.
     int retryDelayMillis = 1000;
+    // Bytes of fetched files waiting to be written into the cache folder, at
+    // most; a file fetched beyond them is returned to its readers but not
+    // kept.
+    zo::int64 maxWaitingFetchBytes = 64ll << 20;
 };
 
 // What a cache has done since it was opened, and what it holds now.
 struct CacheCounters {
-    // Brick reads answered from the cache folder, and those that went to the
-    // store (or waited for a fetch of the same file under way).
+    // Brick reads answered by the cache (from its folder, or from a fetched
+    // file not yet written there), and those that went to the store (or
+    // waited for a fetch of the same file under way).
     zo::int64 hits = 0;
     zo::int64 misses = 0;
     // Bytes of the files in the cache folder.
@@ -117,18 +142,22 @@ public:
     // Opens the cache folder of `settings` in `cacheFs` (creating it and
     // locking it for as long as the cache lives; a folder locked by another
     // cache is refused) for the disk in `diskFolder` of `store`, whose header
-    // must be there. A folder
-    // used before for another disk, or for this disk with another header
-    // (changed elsewhere), is refused with a zo::CError that names what to do
-    // (properties "cacheFolder", "diskFolder", "cachedDisk"). The changes
-    // recorded dirty in the journal (left by a process that ended without
-    // uploading them) are uploaded before the call returns; a failing upload
-    // throws its error. Throws the cache file system's errors too. The caller
-    // should hold the disk's lock. Holds references to both file systems.
+    // must be there. A folder used before for another disk, or for this disk
+    // with another header (changed elsewhere), is refused with a zo::CError
+    // that names what to do (properties "cacheFolder", "diskFolder",
+    // "cachedDisk"). A folder whose last cache did not close cleanly loses
+    // its clean files (logged). The changes recorded dirty in the journal
+    // (left by a process that ended without uploading them) are uploaded
+    // before the call returns; a failing upload throws its error. Throws the
+    // cache file system's errors too. The caller should hold the disk's lock.
+    // Holds references to both file systems.
     CCachedStore(zo::IFileSystem* store, const zo::CURI& diskFolder, zo::IFileSystem* cacheFs,
                  const CacheSettings& settings);
     // Stops the uploaders once their current upload ends; dirty files stay
-    // in the journal and are uploaded by the next opening. Never throws.
+    // in the journal and are uploaded by the next opening. Writes the fetched
+    // files still waiting, then closes the folder cleanly (see above); a
+    // failure to do so is logged and leaves the folder to the next opening's
+    // check. Never throws.
     ~CCachedStore() override;
     CCachedStore(const CCachedStore&) = delete;
     CCachedStore& operator=(const CCachedStore&) = delete;
@@ -145,6 +174,9 @@ public:
     CacheCounters getCounters() const;
     // True when `file` (a brick file) has its bytes in the cache folder.
     bool isCached(const zo::CURI& file) const;
+    // Waits until no fetched file waits to be written into the cache folder
+    // (each written, or given up). Any thread may call it. Never throws.
+    void waitForKeepers();
     // Uploads that failed since the cache opened, each retry counted. Never
     // throws.
     zo::uint64 getUploadFailureCount() const;
@@ -162,7 +194,8 @@ public:
     zo::P<zo::IFileInfo> getFileInfo(const zo::CURI& path, bool throwIfMissing) override;
     // Brick files open for reading only (NotSupported otherwise); the bytes
     // come from the cache folder, else from the store (fetched once however
-    // many readers ask at the same time) and are kept in the cache.
+    // many readers ask at the same time) and are kept in the cache after the
+    // call returns.
     zo::P<zo::IIOStream> openStream(const zo::CURI& file, zo::IIOStream::Access access, const int& options) override;
     bool fileExists(const zo::CURI& file) override;
     bool pathExists(const zo::CURI& path) override;
@@ -200,10 +233,19 @@ private:
         Bytes bytes;
         zo::P<zo::CError> error;
     };
+    // A fetched file waiting for a keeper, or being written by one.
+    struct Keep {
+        Bytes bytes;
+        bool writing = false;
+    };
 
     void checkOwner(const zo::CURI& diskFolder, bool hasDirty);
     void loadJournal();
-    void loadCachedFiles(const zo::CURI& folder);
+    // Takes in the cached files below `folder`; without `trustClean`, deletes
+    // those that are not dirty instead, and counts them in `dropped`.
+    void loadCachedFiles(const zo::CURI& folder, bool trustClean, int& dropped);
+    // Makes the folder durable and removes "in-use". Never throws.
+    void closeCleanly() noexcept;
     zo::CURI cachePath(const zo::String& key) const;
     zo::CURI recordPath(const zo::String& key) const;
     void writeRecord(const zo::String& key, Change change);
@@ -211,7 +253,14 @@ private:
     // Brick bytes: the cache's, else fetched from the store. NotFound when
     // neither holds the file.
     Bytes readBrick(const zo::String& key);
-    Bytes fetch(const zo::String& key);
+    // Hands fetched bytes to a keeper, unless too many bytes wait already.
+    void queueKeepLocked(const zo::String& key, const Bytes& bytes);
+    // A keeper's job: writes the file unless a change took it back.
+    void keep(const zo::String& key, const std::shared_ptr<Keep>& waiting);
+    void writeUnsynced(const zo::CURI& file, const Bytes& bytes);
+    bool isBeingKeptLocked(const zo::String& key) const;
+    // Takes back a file waiting for a keeper; call it once none writes it.
+    void takeBackKeepLocked(const zo::String& key);
     // A change of a brick file (null bytes: deletion): cached and journaled
     // for the disk's own files, else made in the store.
     void apply(const zo::String& key, const Bytes& bytes, bool overwrite);
@@ -248,6 +297,11 @@ private:
     std::condition_variable m_changed;
     std::map<zo::String, Entry> m_entries;
     std::map<zo::String, std::shared_ptr<Fetch>> m_fetches;
+    std::map<zo::String, std::shared_ptr<Keep>> m_keeps;
+    zo::int64 m_keepBytes = 0;
+    // A file that may hold wrong bytes was left in the folder: the close
+    // then leaves it to the next opening's check.
+    bool m_strayFile = false;
     zo::int64 m_cachedBytes = 0;
     // The keys of the dirty entries.
     std::set<zo::String> m_dirty;
@@ -263,6 +317,7 @@ private:
     zo::P<zo::CError> m_lastUploadError;
     bool m_stopping = false;
     std::unique_ptr<zo::CWorkerPool> m_uploaders;
+    std::unique_ptr<zo::CWorkerPool> m_keepers;
 };
 
 } // namespace brick

@@ -480,4 +480,13 @@ int CLocalFileSystem::removeTemporaryFiles(const CURI& folder)
     return removeTemporaryFilesBelow(fd, folder.toLocalPath());
 }
 
+void CLocalFileSystem::syncAllBelow(const CURI& folder)
+{
+    const CFileDescriptor fd(openLocalPathWithoutLinks(folder.toLocalPath(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (!fd.isOpen())
+        throw localPathError(errno, "open", folder.toString(true));
+    if (::syncfs(fd.get()) != 0)
+        throw makeErrnoError(errno, "syncfs", folder.toString(true));
+}
+
 } // namespace zo

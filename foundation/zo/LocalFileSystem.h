@@ -17,6 +17,7 @@
 #include "zo/FileSystem.h"
 #include "zo/Mutex.h"
 #include "zo/StagedStore.h"
+#include "zo/SyncAll.h"
 
 #include <atomic>
 #include <set>
@@ -28,7 +29,7 @@ namespace zo {
 
 class CCompletionPool;
 
-class BRICKDISK_EXPORT CLocalFileSystem : public CBase, public IFileSystem, public IStagedStores {
+class BRICKDISK_EXPORT CLocalFileSystem : public CBase, public IFileSystem, public IStagedStores, public ISyncAll {
 public:
     // The asynchronous operations run on `threadCount` worker threads of the
     // file system's own (at least one), which also call the listeners.
@@ -122,6 +123,11 @@ public:
     // Removes the ".tmp-<16 hex digits>-<name>.part" files of interrupted
     // stores and copies from the tree; symbolic links are not followed.
     int removeTemporaryFiles(const CURI& folder) override;
+    // syncfs of the local file system that holds `folder`: every file written
+    // on it, below `folder` and elsewhere, reaches the disk, with sync on or
+    // off. Throws makeErrnoError's error when the folder cannot be opened or
+    // the sync fails.
+    void syncAllBelow(const CURI& folder) override;
 
 private:
     // Notes the folder that holds `path` for syncBatch, when sync is on.

@@ -31,6 +31,7 @@
 #include "zo/Stream.h"
 #include "zo/StreamBase.h"
 #include "zo/String.h"
+#include "zo/SyncAll.h"
 #include "zo/Thread.h"
 #include "zo/Time.h"
 #include "zo/URI.h"

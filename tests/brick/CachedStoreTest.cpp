@@ -95,6 +95,7 @@ TEST_F(CachedStoreTest, FetchesABrickOnceAndReadsItFromTheCacheAfterwards)
     store->resetCounters();
 
     EXPECT_EQ(read(*cache, brickFile(1)), text(filled(100, 7)));
+    cache->waitForKeepers();
     EXPECT_TRUE(cache->isCached(brickFile(1)));
     EXPECT_EQ(read(*cache, brickFile(1)), text(filled(100, 7)));
     EXPECT_EQ(store->getOperationCount(Operation::OpenStream), 1);
@@ -360,6 +361,7 @@ TEST_F(CachedStoreTest, EvictionKeepsTheSizeButNeverDropsADirtyFile)
     // A further fetch makes room: the clean files go, least recently used first.
     store->setFileData(brickFile(7), filled(100, 7));
     read(*cache, brickFile(7));
+    cache->waitForKeepers();
     EXPECT_LE(cache->getCachedBytes(), 250);
     EXPECT_TRUE(cache->isCached(brickFile(7)));
     EXPECT_FALSE(cache->isCached(brickFile(0)));
@@ -379,6 +381,7 @@ TEST_F(CachedStoreTest, ManyFilesCycleThroughASmallCacheWithoutEvictingADirtyFil
     for (int i = 0; i < 3; ++i)
         write(*cache, brickFile(i), filled(150, static_cast<zo::uint8>(i + 1)));
     read(*cache, brickFile(hot));
+    cache->waitForKeepers();
 
     for (int round = 0; round < 200; ++round) {
         const int cycling = 100 + round;
@@ -387,6 +390,7 @@ TEST_F(CachedStoreTest, ManyFilesCycleThroughASmallCacheWithoutEvictingADirtyFil
         ASSERT_EQ(read(*cache, brickFile(hot)), text(filled(100, 50)));
         if (round % 50 == 49)
             write(*cache, brickFile(round % 3), filled(150, static_cast<zo::uint8>(round)));
+        cache->waitForKeepers();
 
         ASSERT_LE(cache->getCachedBytes(), 1000) << round;
         ASSERT_TRUE(cache->isCached(brickFile(cycling))) << round;

@@ -144,6 +144,7 @@ TEST_F(ServeStatsTest, BrickReadsCountMissesAndStoreGetsThenHits)
 
     for (int i = 0; i < kReads; ++i)
         readBrick(*cache, i);
+    cache->waitForKeepers();
     stats.writeNow();
     const std::map<std::string, zo::int64> first = readStats(statsFile);
     EXPECT_EQ(first.at(misses), kReads);
@@ -210,6 +211,7 @@ TEST_F(ServeStatsTest, EvictionsKeepTheCacheWithinItsSize)
 
     for (int i = 0; i < 6; ++i)
         readBrick(*cache, i);
+    cache->waitForKeepers();
     stats.writeNow();
 
     const std::map<std::string, zo::int64> values = readStats(statsFile);
@@ -292,6 +294,7 @@ TEST_F(ServeStatsTest, TheCacheCountersKeepTheirTextByteForByte)
     readBrick(*cache, 1);
     writeBrick(*cache, 2, filled(10, 2));
     cache->drain();
+    cache->waitForKeepers();
 
     const std::string text = brick::formatServeStats("mem://store/disk", nullptr, cache.get());
 

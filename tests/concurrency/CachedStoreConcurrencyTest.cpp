@@ -106,6 +106,7 @@ TEST_F(CachedStoreConcurrency, FetchesDifferentBricksInParallel)
     EXPECT_EQ(gathering->stranded(), 0);
     EXPECT_EQ(gathering->mostInFlight(), kReaders);
     EXPECT_EQ(gathering->reads(), kReaders);
+    cache->waitForKeepers();
     for (int i = 0; i < kReaders; ++i) {
         EXPECT_EQ(seen[static_cast<size_t>(i)], text(filled(3000, static_cast<zo::uint8>(i + 1)))) << i;
         EXPECT_TRUE(cache->isCached(brickFile(i))) << i;

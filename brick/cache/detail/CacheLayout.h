@@ -13,6 +13,8 @@ constexpr char kCacheOwnerFile[] = "owner";
 constexpr char kCacheFilesFolder[] = "files";
 constexpr char kCacheJournalFolder[] = "journal";
 constexpr char kCacheRecordSuffix[] = ".rec";
+// There while a cache uses the folder, gone after a clean close.
+constexpr char kCacheInUseFile[] = "in-use";
 
 // The SHA-256 of `text` in lower-case hexadecimal.
 std::string sha256Hex(const std::string& text);
