@@ -305,7 +305,8 @@ TEST_F(ServeStatsTest, TheCacheCountersKeepTheirTextByteForByte)
     };
     EXPECT_EQ(
         text,
-        metric("brickdisk_cache_hits_total", "counter", "Brick reads answered from the cache folder.", counters.hits) +
+        metric("brickdisk_cache_hits_total", "counter",
+               "Brick reads answered by the cache, from its folder or from memory.", counters.hits) +
             metric("brickdisk_cache_misses_total", "counter", "Brick reads that went to the store.", counters.misses) +
             metric("brickdisk_cache_bytes", "gauge", "Bytes of the files in the cache folder.", counters.cachedBytes) +
             metric("brickdisk_cache_dirty_files", "gauge",
