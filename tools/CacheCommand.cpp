@@ -44,13 +44,7 @@ zo::CURI cacheFolderURI(const std::string& path)
 {
     if (path.empty())
         throw UsageError("the cache folder path is empty");
-    std::error_code ignored;
-    const std::filesystem::path given = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal();
-    const std::filesystem::path resolved = std::filesystem::weakly_canonical(given, ignored);
-    std::string absolute = (resolved.empty() ? given : resolved).string();
-    while (absolute.size() > 1 && absolute.back() == '/')
-        absolute.pop_back();
-    return zo::CURI(zo::String(absolute));
+    return zo::CLocalFileSystem::resolveUserPath(path);
 }
 
 // Who holds the cache folder now (the server that uses it); nullopt when

@@ -6,11 +6,11 @@
 #include "brick/format/BrickDiskError.h"
 #include "brick/format/BrickTree.h"
 #include "zo/Error.h"
+#include "zo/LocalFileSystem.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <filesystem>
 
 namespace cli {
 
@@ -53,13 +53,7 @@ zo::CURI diskFolderURI(const std::string& path)
     // The user's own symbolic links on the way to the disk are resolved here,
     // once: the local file system follows no link, so that links planted
     // inside a disk folder never lead out of it.
-    std::error_code ignored;
-    const std::filesystem::path given = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal();
-    const std::filesystem::path resolved = std::filesystem::weakly_canonical(given, ignored);
-    std::string absolute = (resolved.empty() ? given : resolved).string();
-    while (absolute.size() > 1 && absolute.back() == '/')
-        absolute.pop_back();
-    return zo::CURI(zo::String(absolute));
+    return zo::CLocalFileSystem::resolveUserPath(path);
 }
 
 zo::P<zo::IFileSystem> newFileSystem(const zo::CURI& folder, bool syncEnabled, int threadCount)

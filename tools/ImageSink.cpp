@@ -54,7 +54,7 @@ CImageSink::CImageSink(const std::string& path, zo::int64 size, bool force) : m_
                              zo::CProps().add("image", path));
         openTemporary();
     }
-    m_writer = std::thread([this] { writerLoop(); });
+    m_writer = zo::startThread([this] { writerLoop(); });
 }
 
 void CImageSink::openInPlace(zo::int64 size)
@@ -110,7 +110,7 @@ CImageSink::~CImageSink()
         m_stopping = true;
     }
     m_changed.notify_all();
-    m_writer.join();
+    m_writer->join();
     if (m_ownsFd)
         ::close(m_fd);
     discard();

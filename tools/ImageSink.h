@@ -20,6 +20,7 @@
 
 #include "zo/Base.h"
 #include "zo/Error.h"
+#include "zo/Thread.h"
 
 #include <condition_variable>
 #include <cstddef>
@@ -28,7 +29,6 @@
 #include <mutex>
 #include <new>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace cli {
@@ -133,7 +133,7 @@ private:
     bool m_writing = false;
     bool m_stopping = false;
     zo::P<zo::CError> m_error;
-    std::thread m_writer;
+    zo::P<zo::CThread> m_writer;
 };
 
 } // namespace cli

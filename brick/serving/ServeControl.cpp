@@ -189,7 +189,7 @@ CSnapshotControl::CSnapshotControl(const zo::CURI& diskFolder, TakeSnapshot take
         ::close(m_listener);
         throw zo::makeErrnoError(error, "listen on the control socket", zo::String(m_path));
     }
-    m_thread = std::thread([this] { serve(); });
+    m_thread = zo::startThread([this] { serve(); });
 }
 
 CSnapshotControl::~CSnapshotControl()
@@ -197,7 +197,7 @@ CSnapshotControl::~CSnapshotControl()
     const char stop = 's';
     if (::write(m_stopPipe[1], &stop, 1) != 1)
         zo::logLine(zo::LogLevel::Warning, "Stopping the control socket failed.");
-    m_thread.join();
+    m_thread->join();
     ::close(m_listener);
     ::unlink(m_path.c_str());
     ::close(m_stopPipe[0]);

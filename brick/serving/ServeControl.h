@@ -14,12 +14,12 @@
 #pragma once
 
 #include "zo/Export.h"
+#include "zo/Thread.h"
 #include "zo/URI.h"
 
 #include <functional>
 #include <optional>
 #include <string>
-#include <thread>
 
 namespace brick {
 
@@ -73,7 +73,7 @@ private:
     std::string m_path;
     int m_listener = -1;
     int m_stopPipe[2] = {-1, -1};
-    std::thread m_thread;
+    zo::P<zo::CThread> m_thread;
 };
 
 } // namespace brick

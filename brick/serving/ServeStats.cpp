@@ -7,6 +7,7 @@
 #include "zo/Log.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <limits>
 #include <span>
@@ -38,16 +39,18 @@ std::string labelValue(const std::string& text)
 
 // `file` in its folder with the links on the way to the folder resolved:
 // the local file system follows no link, and those the user put on the way
-// (such as /var/run to /run) are the user's own.
+// (such as /var/run to /run) are the user's own. The file itself is not
+// resolved, and its folder must exist.
 zo::CURI resolveFolderOf(const std::string& file)
 {
     const std::filesystem::path path(file);
+    const zo::CURI folder =
+        zo::CLocalFileSystem::resolveUserPath(path.has_parent_path() ? path.parent_path().string() : std::string("."));
     std::error_code error;
-    const std::filesystem::path folder =
-        std::filesystem::canonical(path.has_parent_path() ? path.parent_path() : std::filesystem::path("."), error);
-    if (error)
-        throw zo::makeErrnoError(error.value(), "resolve the folder of", zo::String::fromUTF8(file));
-    return zo::CURI(zo::String::fromUTF8((folder / path.filename()).string()));
+    const std::filesystem::file_status status = std::filesystem::status(folder.toLocalPath(), error);
+    if (error || !std::filesystem::exists(status))
+        throw zo::makeErrnoError(error ? error.value() : ENOENT, "resolve the folder of", zo::String::fromUTF8(file));
+    return folder << zo::String::fromUTF8(path.filename().string());
 }
 
 constexpr Request kAllRequests[] = {Request::Get,    Request::Put,  Request::Copy, Request::Move,

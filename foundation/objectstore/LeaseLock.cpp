@@ -40,26 +40,21 @@ CFileSystemError CLeaseLock::lockedError(const String& path, const String& holde
 
 void CLeaseLock::startRenewing()
 {
-    m_renewer = std::thread([this] { renewUntilStopped(); });
+    m_renewer = std::make_unique<CWorkerPool>(1);
+    m_renewer->post([this](int) { renewUntilStopped(); });
 }
 
 void CLeaseLock::stopRenewing()
 {
-    {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
-    }
-    m_stopRequested.notify_all();
-    if (m_renewer.joinable())
-        m_renewer.join();
+    m_stopping.set();
+    // Joins the worker once its renewal under way has ended.
+    m_renewer.reset();
 }
 
 void CLeaseLock::renewUntilStopped()
 {
-    const auto interval = std::chrono::milliseconds(m_leaseSeconds * 1000 / 3);
-    std::unique_lock lock(m_mutex);
-    while (!m_stopRequested.wait_for(lock, interval, [this] { return m_stopping; })) {
-        lock.unlock();
+    const int intervalMillis = m_leaseSeconds * 1000 / 3;
+    while (!m_stopping.wait(intervalMillis)) {
         try {
             renew();
             m_lastRenewalFailed = false;
@@ -67,7 +62,6 @@ void CLeaseLock::renewUntilStopped()
             m_lastRenewalFailed = true;
             logError(e, "A folder lock on an object store could not be renewed.", String());
         }
-        lock.lock();
     }
 }
 

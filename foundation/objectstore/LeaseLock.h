@@ -1,18 +1,18 @@
 // CLeaseLock: the part every object-store folder lock shares. A lock is taken
-// with a lease of `leaseSeconds`; a thread of the lock renews it every third
-// of the lease, so a holder that dies without unlocking keeps others out for
-// one lease at most. A derived lock takes the lock in its constructor, calls
-// startRenewing() once it holds it, and stopRenewing() first thing in its
-// destructor, before it unlocks.
+// with a lease of `leaseSeconds`; a worker of the lock (a CWorkerPool of one,
+// stopped by a CSignal) renews it every third of the lease, so a holder that
+// dies without unlocking keeps others out for one lease at most. A derived
+// lock takes the lock in its constructor, calls startRenewing() once it holds
+// it, and stopRenewing() first thing in its destructor, before it unlocks.
 #pragma once
 
 #include "zo/FileSystem.h"
+#include "zo/Signal.h"
+#include "zo/WorkerPool.h"
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
+#include <memory>
 #include <string>
-#include <thread>
 
 namespace zo {
 
@@ -41,10 +41,12 @@ public:
     static CFileSystemError lockedError(const String& path, const String& holder, CProps props = CProps());
 
 protected:
-    // Renews the lock; runs on the renewal thread. Its errors are logged.
+    // Renews the lock; runs on the renewal worker. Its errors are logged.
     virtual void renew() = 0;
+    // Starts the renewal worker. Throws CError when it cannot be started.
     void startRenewing();
-    // Stops and joins the renewal thread; safe to call when it never started.
+    // Stops the renewal worker and waits for a renewal under way; safe to
+    // call when it never started, and more than once. Never throws.
     void stopRenewing();
 
 private:
@@ -52,11 +54,9 @@ private:
 
     bool m_exclusive;
     int m_leaseSeconds;
-    std::mutex m_mutex;
-    std::condition_variable m_stopRequested;
-    bool m_stopping = false;
+    CSignal m_stopping;
     std::atomic<bool> m_lastRenewalFailed{false};
-    std::thread m_renewer;
+    std::unique_ptr<CWorkerPool> m_renewer;
 };
 
 } // namespace zo

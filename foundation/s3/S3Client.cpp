@@ -2,6 +2,7 @@
 
 #include "zo/Error.h"
 #include "zo/Signal.h"
+#include "zo/Thread.h"
 
 #include <curl/curl.h>
 #include <netinet/in.h>
@@ -19,7 +20,6 @@
 #include <mutex>
 #include <random>
 #include <string_view>
-#include <thread>
 
 namespace zo {
 
@@ -140,7 +140,7 @@ struct CS3Client::Loop {
     // The connections' sockets and their local ports (0 until looked up); used
     // on the loop's thread.
     std::map<curl_socket_t, int> sockets;
-    std::thread thread;
+    P<CThread> thread;
 
     explicit Loop(const CS3Client& owner) : client(owner)
     {
@@ -151,7 +151,7 @@ struct CS3Client::Loop {
         const long connections = std::max(1, client.m_options.maxConnections);
         curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, connections);
         curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, connections);
-        thread = std::thread([this] { run(); });
+        thread = startThread([this] { run(); });
     }
 
     ~Loop()
@@ -161,7 +161,7 @@ struct CS3Client::Loop {
             stopping = true;
         }
         curl_multi_wakeup(multi);
-        thread.join();
+        thread->join();
         curl_multi_cleanup(multi);
     }
 

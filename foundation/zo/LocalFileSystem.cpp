@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -258,6 +259,20 @@ bool CLocalFileSystem::isSyncEnabled() const
 void CLocalFileSystem::waitUntilIdle()
 {
     m_pool->waitUntilIdle();
+}
+
+CURI CLocalFileSystem::resolveUserPath(const std::string& path)
+{
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(std::filesystem::path(path), error);
+    if (error)
+        throw makeErrnoError(error.value(), "getcwd", String::fromUTF8(path));
+    const std::filesystem::path given = absolute.lexically_normal();
+    const std::filesystem::path resolved = std::filesystem::weakly_canonical(given, error);
+    std::string text = (error || resolved.empty() ? given : resolved).string();
+    while (text.size() > 1 && text.back() == '/')
+        text.pop_back();
+    return CURI(String::fromUTF8(text));
 }
 
 void CLocalFileSystem::syncFolder(const std::string& path)

@@ -5,7 +5,7 @@
 // an operation out of it: a path with a link as one of its folders, or as
 // the file to open, fails with "The path is, or goes through, a symbolic
 // link, which is not followed." (property "path"); callers resolve the links
-// of paths they trust (realpath) before handing them over. The queries
+// of paths they trust (resolveUserPath) before handing them over. The queries
 // describe a link itself (it exists, as neither file nor folder), and
 // deleteFile removes a link, never what it points to. Files are read and
 // written only when they are regular files: a FIFO, a device or a socket
@@ -53,6 +53,16 @@ public:
     // Waits until no operation is queued or running and every listener has
     // been called.
     void waitUntilIdle();
+
+    // The local `path` that a user gave, as this file system takes it:
+    // absolute (a relative path from the working folder), normalised,
+    // without a trailing "/", and with every symbolic link on it resolved as
+    // far as the path exists (the rest kept as given). The user's own links,
+    // which this file system would not follow, are so resolved once, here;
+    // links planted later inside the folder are still never followed.
+    // Throws makeErrnoError's error when the working folder cannot be found.
+    // Any thread may call it.
+    static CURI resolveUserPath(const std::string& path);
 
     // fsync of the local folder `path`, so that the entries made, renamed or
     // removed in it survive a crash. A file system that cannot sync folders

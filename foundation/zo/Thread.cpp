@@ -4,8 +4,23 @@
 #include "zo/Log.h"
 
 #include <exception>
+#include <utility>
 
 namespace zo {
+
+namespace {
+
+// The runnable of startThread: a function, run once.
+class CFunctionRunnable : public CBase, public IRunnable {
+public:
+    explicit CFunctionRunnable(std::function<void()> work) : m_work(std::move(work)) {}
+    void run() override { m_work(); }
+
+private:
+    std::function<void()> m_work;
+};
+
+} // namespace
 
 CThread::CThread(IRunnable* runnable, bool joinOnStop) : m_runnable(runnable), m_joinOnStop(joinOnStop)
 {}
@@ -103,6 +118,13 @@ void CThread::run()
 {
     if (m_runnable)
         m_runnable->run();
+}
+
+P<CThread> startThread(std::function<void()> work)
+{
+    const P<CThread> thread(new CThread(new CFunctionRunnable(std::move(work)), true));
+    thread->start();
+    return thread;
 }
 
 } // namespace zo

@@ -1,12 +1,13 @@
 // CThread: a thread of its own that runs an IRunnable, or the class's own
-// run() when derived from. Counted; the thread keeps its CThread alive while
-// it runs.
+// run() when derived from, or a function (startThread). Counted; the thread
+// keeps its CThread alive while it runs.
 #pragma once
 
 #include "zo/Base.h"
 #include "zo/Export.h"
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -70,5 +71,12 @@ private:
     std::atomic<bool> m_stopRequested{false};
     std::atomic<bool> m_running{false};
 };
+
+// Starts a CThread that runs `work` once and returns it. The caller keeps
+// it and joins it (join, or stop(false)) before anything `work` uses goes;
+// `work` learns of a stop only through means of its own. An exception that
+// leaves `work` is logged and ends the thread. Throws what starting a
+// thread throws (std::system_error). Any thread may call it.
+BRICKDISK_EXPORT P<CThread> startThread(std::function<void()> work);
 
 } // namespace zo

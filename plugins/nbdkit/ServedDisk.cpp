@@ -65,7 +65,9 @@ CServedDisk::CServedDisk(const ServeOptions& options)
         // Opened under the lock: what a killed server left in the cache is
         // uploaded before anything reads the disk.
         brick::CacheSettings settings;
-        settings.folder = zo::CURI(zo::String::fromUTF8(options.cacheDir));
+        // The user's own links on the way to the folder are resolved once,
+        // here: the local file system follows none.
+        settings.folder = zo::CLocalFileSystem::resolveUserPath(options.cacheDir);
         settings.maxBytes = options.cacheDirBytes;
         settings.uploadJobs = options.uploadJobs;
         settings.maxDirtyFiles = options.maxDirtyFiles;

@@ -5,7 +5,7 @@
 
 #include "support/CrashingFileSystem.h"
 #include "support/DiskTestHelpers.h"
-#include "support/HeldOpeningFileSystem.h"
+#include "support/HeldFileSystem.h"
 #include "zo/MemoryFileSystem.h"
 #include "zo/Signal.h"
 
@@ -21,7 +21,7 @@ using brick::CBrickDisk;
 using brick::CBrickDiskBlockDevice;
 using testsupport::Bytes;
 using testsupport::CrashingFileSystem;
-using testsupport::HeldOpeningFileSystem;
+using testsupport::HeldFileSystem;
 using zo::CMemoryFileSystem;
 using zo::CURI;
 using zo::IFileSystem;
@@ -115,20 +115,20 @@ TEST_F(BrickDiskBlockDeviceFlushTest, EveryBrickWrittenBeforeAFlushIsStoredWhenI
 TEST_F(BrickDiskBlockDeviceFlushTest, AFlushStoresTheWrittenBricksWhileAnotherBrickIsStillBeingRead)
 {
     const P<CMemoryFileSystem> fs = diskWithOldBytes();
-    const P<HeldOpeningFileSystem> held(new HeldOpeningFileSystem(fs.get()));
+    const P<HeldFileSystem> held(new HeldFileSystem(fs.get()));
     const P<CBrickDisk> disk = testsupport::openDisk(held.get(), CURI(kFolder), kPassword);
     const CURI readFile = testsupport::brickFileOf(*disk, CURI(kFolder), 0);
     // A cache that holds the whole disk: only the flush stores.
     const P<CBrickDiskBlockDevice> device(new CBrickDiskBlockDevice(disk.get(), 2 * kDiskSize));
     // Should a step fail, nothing stays held for the device's last flush.
     struct LetGo {
-        HeldOpeningFileSystem& fs;
+        HeldFileSystem& fs;
         ~LetGo() { fs.letGo(); }
     } letGo{*held};
     const Bytes written = brickOf(newBytes, 1);
     device->write(written.getData() + kBrickSize / 2, kBrickSize + kBrickSize / 2, kBrickSize / 2);
 
-    held->holdOpeningOf(readFile);
+    held->holdCallsThat(HeldFileSystem::callsOn(HeldFileSystem::Call::OpenForReading, readFile));
     Bytes read(kBrickSize);
     std::thread reader([&] { device->read(read.getData(), 0, kBrickSize); });
     const bool readHeld = held->waitUntilHeld();
@@ -142,7 +142,7 @@ TEST_F(BrickDiskBlockDeviceFlushTest, AFlushStoresTheWrittenBricksWhileAnotherBr
         }
         flushed.set();
     });
-    const bool flushedWhileReadHeld = flushed.wait(HeldOpeningFileSystem::kGenerousMillis);
+    const bool flushedWhileReadHeld = flushed.wait(HeldFileSystem::kGenerousMillis);
     held->letGo();
     flusher.join();
     reader.join();

@@ -6,7 +6,7 @@
 #include "brick/chain/BrickStoreQueue.h"
 #include "support/BlockDeviceTestDisk.h"
 #include "support/DiskTestHelpers.h"
-#include "support/HeldOpeningFileSystem.h"
+#include "support/HeldFileSystem.h"
 #include "support/SweepRounds.h"
 #include "zo/MemoryFileSystem.h"
 #include "zo/Signal.h"
@@ -27,7 +27,7 @@ using brick::CBrickDiskBlockDevice;
 using brick::CBrickStoreQueue;
 using testsupport::Bytes;
 using testsupport::errorOf;
-using testsupport::HeldOpeningFileSystem;
+using testsupport::HeldFileSystem;
 using testsupport::messageOf;
 using zo::CError;
 using zo::CFileSystemError;
@@ -176,7 +176,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALo
     const Bytes other = testsupport::patternBytes(kBrickSize, 10);
     zo::CSignal failed;
     zo::CSignal listenerMayRun;
-    const P<HeldOpeningFileSystem> held(new HeldOpeningFileSystem(fs.get()));
+    const P<HeldFileSystem> held(new HeldFileSystem(fs.get()));
     const P<CBrickDisk> disk = testsupport::openDisk(held.get(), CURI(kFolder), kPassword);
     CBrickStoreQueue* queue = disk->getStoreQueue();
     // Named now: a brick object made later would wait for the held store.
@@ -189,7 +189,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALo
     // Should a step fail, nothing stays held for the device's last flush.
     struct LetEverythingGo {
         zo::CSignal& listener;
-        HeldOpeningFileSystem& fs;
+        HeldFileSystem& fs;
         ~LetEverythingGo()
         {
             listener.set();
@@ -206,7 +206,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALo
 
     // A reader loads brick 0 from its file and is held there, while the
     // failed store's listener marks the brick changed.
-    held->holdOpeningOf(files[0]);
+    held->holdCallsThat(HeldFileSystem::callsOn(HeldFileSystem::Call::OpenForReading, files[0]));
     Bytes read;
     std::thread reader([&] { read = readDevice(*device, 0, kBrickSize); });
     ASSERT_TRUE(held->waitUntilHeld());
@@ -216,7 +216,11 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALo
     // The flush hands over the bricks that hold their bytes (9, and 7 and 8
     // written before) and is seen to do so before the load may go on.
     writeBrick(9, other);
-    held->signalOpeningOf({files[7], files[8], files[9]});
+    held->signalCallsThat([&files](HeldFileSystem::Call call, const CURI& path) {
+        const bool opening =
+            call == HeldFileSystem::Call::OpenForReading || call == HeldFileSystem::Call::OpenForWriting;
+        return opening && (path == files[7] || path == files[8] || path == files[9]);
+    });
     P<CError> flushError;
     std::thread flusher([&] {
         try {
@@ -225,7 +229,7 @@ TEST_F(BrickDiskBlockDeviceStoreFailureTest, LateListenerOfAFailedStoreLeavesALo
             flushError = e.clone();
         }
     });
-    const bool flushHandedOver = held->waitUntilOneIsOpened();
+    const bool flushHandedOver = held->waitUntilSignalled();
     held->letGo();
     reader.join();
     flusher.join();

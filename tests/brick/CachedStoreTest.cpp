@@ -5,6 +5,7 @@
 #include "brick/serving/BrickDiskBlockDevice.h"
 #include "support/CacheTestDisk.h"
 #include "support/DiskTestHelpers.h"
+#include "support/HeldFileSystem.h"
 #include "support/TempFolder.h"
 #include "zo/BufferStream.h"
 #include "zo/LocalFileSystem.h"
@@ -27,6 +28,7 @@ using brick::CacheSettings;
 using brick::CCachedStore;
 using testsupport::Bytes;
 using testsupport::errorOf;
+using testsupport::HeldFileSystem;
 using testsupport::messageOf;
 using zo::CError;
 using zo::CFileSystemError;
@@ -107,9 +109,9 @@ TEST_F(CachedStoreTest, FetchesABrickOnceAndReadsItFromTheCacheAfterwards)
 // after it name the file. The store holds the upload until it was listed;
 // then the upload is let go and ends (the file clean) before the listing
 // returns.
-std::set<std::string> listWhileAnUploadEnds(CCachedStore& cache, HeldStore& held)
+std::set<std::string> listWhileAnUploadEnds(CCachedStore& cache, HeldFileSystem& held)
 {
-    held.waitForHeld();
+    EXPECT_TRUE(held.waitUntilHeld()) << "No upload was held.";
     EXPECT_EQ(cache.getDirtyCount(), 1);
     held.afterNextListing([&] {
         held.letGo();
@@ -131,7 +133,8 @@ std::set<std::string> listWhileAnUploadEnds(CCachedStore& cache, HeldStore& held
 TEST_F(CachedStoreTest, ListingNamesAFileWrittenBeforeItWhoseUploadEndsMeanwhile)
 {
     store->setFileData(brickFile(2), filled(200, 2));
-    const P<HeldStore> held(new HeldStore(store.get(), HeldStore::Held::Stores));
+    const P<HeldFileSystem> held(new HeldFileSystem(store.get()));
+    held->holdCallsThat(brickFileCalls(HeldFileSystem::Call::Store));
     const P<CCachedStore> cache(new CCachedStore(held.get(), kDisk, cacheFs.get(), settings));
     write(*cache, brickFile(1), filled(300, 1));
 
@@ -145,7 +148,8 @@ TEST_F(CachedStoreTest, ListingLeavesOutAFileDeletedBeforeItWhoseDeletionIsUploa
 {
     store->setFileData(brickFile(1), filled(300, 1));
     store->setFileData(brickFile(2), filled(200, 2));
-    const P<HeldStore> held(new HeldStore(store.get(), HeldStore::Held::Deletions));
+    const P<HeldFileSystem> held(new HeldFileSystem(store.get()));
+    held->holdCallsThat(brickFileCalls(HeldFileSystem::Call::Delete));
     const P<CCachedStore> cache(new CCachedStore(held.get(), kDisk, cacheFs.get(), settings));
     cache->beginDeleteFile(brickFile(1), nullptr)->wait();
 

@@ -5,6 +5,7 @@
 
 #include "support/CacheTestDisk.h"
 #include "support/DiskTestHelpers.h"
+#include "support/HeldFileSystem.h"
 #include "zo/BufferStream.h"
 #include "zo/ForwardingFileSystem.h"
 #include "zo/MemoryFileSystem.h"
@@ -26,6 +27,7 @@ using namespace testsupport::cachetest;
 using brick::CacheSettings;
 using brick::CCachedStore;
 using testsupport::Bytes;
+using testsupport::HeldFileSystem;
 using zo::CError;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
@@ -117,13 +119,14 @@ TEST_F(CachedStoreConcurrency, ReadersOfOneBrickShareOneFetch)
 {
     constexpr int kReaders = 6;
     store->setFileData(brickFile(7), filled(4000, 7));
-    const P<HeldStore> held(new HeldStore(store.get(), HeldStore::Held::Reads));
+    const P<HeldFileSystem> held(new HeldFileSystem(store.get()));
+    held->holdCallsThat(brickFileCalls(HeldFileSystem::Call::OpenForReading));
     const P<CCachedStore> cache(new CCachedStore(held.get(), kDisk, cacheFs.get(), settings));
 
     std::vector<std::string> seen(kReaders);
     std::vector<std::thread> readers;
     readers.emplace_back([&] { seen[0] = read(*cache, brickFile(7)); });
-    held->waitForHeld();
+    EXPECT_TRUE(held->waitUntilHeld()) << "The fetch was not held.";
     for (int i = 1; i < kReaders; ++i)
         readers.emplace_back([&, i] { seen[static_cast<size_t>(i)] = read(*cache, brickFile(7)); });
     // Gives the later readers the time to meet the fetch under way; the

@@ -231,3 +231,21 @@ TEST(CThread, ManyThreadsRunAndStop)
     for (auto& thread : threads)
         EXPECT_TRUE(thread->runEnded.load());
 }
+
+TEST(CThread, StartThreadRunsTheFunctionOnAThreadOfItsOwnUntilJoined)
+{
+    CSignal gate;
+    std::thread::id runThread;
+    bool ended = false;
+    const P<CThread> thread = zo::startThread([&] {
+        runThread = std::this_thread::get_id();
+        gate.wait(-1);
+        ended = true;
+    });
+    EXPECT_TRUE(thread->isRunning());
+    gate.set();
+    thread->join();
+    EXPECT_FALSE(thread->isRunning());
+    EXPECT_TRUE(ended) << "join returned before the function ended";
+    EXPECT_NE(runThread, std::this_thread::get_id());
+}

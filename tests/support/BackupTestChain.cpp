@@ -1,6 +1,7 @@
 #include "support/BackupTestChain.h"
 
 #include "brick/chain/BrickDisk.h"
+#include "support/SweepRounds.h"
 #include "zo/Error.h"
 
 namespace testsupport::backuptest {
@@ -40,7 +41,7 @@ int sweepFailingOperations(const std::vector<zo::CMemoryFileSystem::Operation>& 
 {
     int cutShort = 0;
     for (const zo::CMemoryFileSystem::Operation kind : kinds) {
-        for (int nth = 1;; ++nth) {
+        for (int nth = 1;; nth += sweepStep()) {
             const zo::P<zo::CMemoryFileSystem> fs = memoryFileSystemWith(files);
             const std::string context = std::string("with ") + zo::CMemoryFileSystem::getOperationName(kind) + " " +
                 std::to_string(nth) + " failing";

@@ -36,7 +36,8 @@ std::map<std::string, Bytes> readDisks(zo::IFileSystem* fs, const std::string& r
 // fileContentsBelow gives them for "/").
 zo::P<zo::CMemoryFileSystem> memoryFileSystemWith(const std::map<std::string, Bytes>& files);
 
-// For each operation kind of `kinds` and nth = 1, 2, ...: `run` is given a
+// For each operation kind of `kinds` and nth = 1, 2, ... (every
+// sweepStep()-th: 1, 4, 7, ... in a sanitized build): `run` is given a
 // memory file system holding `files` whose nth operation of that kind, and
 // every later one, fails; a run that ends without a zo::CError ends the
 // kind's sweep. After each run cut short, `check` looks at the file system

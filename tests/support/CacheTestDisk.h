@@ -1,32 +1,28 @@
 // What the tests of the brick cache share: a disk in a memory store, the
 // names of its brick files, bytes to store as them, a fixture with a cache
-// in front of that store, a store that holds the cache's calls of one kind
-// until the test lets them go, and a cache file system that holds the
-// writes of chosen files.
+// in front of that store, the cache's calls on brick files chosen for a
+// HeldFileSystem in front of the store, and a cache file system that holds
+// the writes of chosen files.
 #pragma once
 
 #include "brick/cache/CachedStore.h"
 #include "support/BrickTestHelpers.h"
 #include "support/DiskTestHelpers.h"
+#include "support/HeldFileSystem.h"
 #include "zo/BufferStream.h"
 #include "zo/Error.h"
-#include "zo/ForwardingFileSystem.h"
 #include "zo/MemoryFileSystem.h"
-#include "zo/Signal.h"
 #include "zo/URI.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
-#include <utility>
 
 namespace testsupport::cachetest {
 
@@ -122,79 +118,15 @@ protected:
     brick::CacheSettings settings;
 };
 
-// A store in front of `inner` whose calls of one kind on brick files wait,
-// each on the thread that made it, until the test lets them go: the reads
-// (a fetch of the cache), the stores or the deletions (an upload). Once let
-// go, every later call goes through at once. Any thread may call it.
-class HeldStore : public zo::CForwardingFileSystem {
-public:
-    enum class Held { Reads, Stores, Deletions };
-
-    HeldStore(zo::IFileSystem* inner, Held held) : CForwardingFileSystem(inner), m_held(held) {}
-
-    zo::P<zo::IIOStream> openStream(const zo::CURI& file, zo::IIOStream::Access access, const int& options) override
-    {
-        holdIf(Held::Reads, file);
-        return CForwardingFileSystem::openStream(file, access, options);
-    }
-    zo::P<zo::IFileSystemOp> beginStoreFile(const zo::CURI& file, int size, zo::IInStream* source, bool overwrite,
-                                            zo::IDoneListener* listener) override
-    {
-        holdIf(Held::Stores, file);
-        return CForwardingFileSystem::beginStoreFile(file, size, source, overwrite, listener);
-    }
-    zo::P<zo::IFileSystemOp> beginDeleteFile(const zo::CURI& file, zo::IDoneListener* listener) override
-    {
-        holdIf(Held::Deletions, file);
-        return CForwardingFileSystem::beginDeleteFile(file, listener);
-    }
-    // The store's listing; the action set by afterNextListing runs once the
-    // store was listed, before the listing is returned.
-    zo::TList<zo::String> listFolder(const zo::CURI& folder) override
-    {
-        zo::TList<zo::String> names = CForwardingFileSystem::listFolder(folder);
-        std::function<void()> action;
-        {
-            std::lock_guard lock(m_mutex);
-            action.swap(m_afterListing);
-        }
-        if (action)
-            action();
-        return names;
-    }
-
-    // Waits until a call was held.
-    void waitForHeld() { m_reached.wait(-1); }
-    // Lets the held calls go, and every later one. Named apart from
-    // IBase::release, which a method "release" here would hide from P<>.
-    void letGo() { m_letGo.set(); }
-    // The calls of the held kind on brick files so far.
-    int heldCalls() const { return m_calls.load(); }
-    // `action` runs once, in the next listing, after the store was listed.
-    void afterNextListing(std::function<void()> action)
-    {
-        std::lock_guard lock(m_mutex);
-        m_afterListing = std::move(action);
-    }
-
-private:
-    void holdIf(Held kind, const zo::CURI& file)
-    {
-        if (kind != m_held || !brick::CCachedStore::isBrickFile(file))
-            return;
-        ++m_calls;
-        m_reached.set();
-        m_letGo.wait(-1);
-    }
-
-    const Held m_held;
-    std::atomic<int> m_calls{0};
-    zo::CSignal m_reached;
-    zo::CSignal m_letGo;
-    std::mutex m_mutex;
-    // Guarded by m_mutex.
-    std::function<void()> m_afterListing;
-};
+// Chooses, for a HeldFileSystem in front of the store, the calls of `call`
+// on brick files: a fetch of the cache reads one, an upload stores or
+// deletes one.
+inline HeldFileSystem::Choice brickFileCalls(HeldFileSystem::Call call)
+{
+    return [call](HeldFileSystem::Call made, const zo::CURI& path) {
+        return made == call && brick::CCachedStore::isBrickFile(path);
+    };
+}
 
 // A cache file system whose first write of each chosen file (a store, or an
 // opening for writing) waits, on the thread that made it, until the test

@@ -280,6 +280,31 @@ TEST_F(LocalFileSystemTest, RelativePathsAreRelativeToTheWorkingFolder)
     EXPECT_TRUE(fs->fileExists(relativeFolder << "rel"));
 }
 
+TEST_F(LocalFileSystemTest, AUserPathHasItsLinksResolvedAsFarAsItExists)
+{
+    const std::filesystem::path real = std::filesystem::canonical(temp.path());
+    std::filesystem::create_directory(real / "real");
+    std::filesystem::create_directory_symlink(real / "real", real / "link");
+
+    EXPECT_EQ(CLocalFileSystem::resolveUserPath(temp.path() + "/link").toString(true).toUTF8(),
+              (real / "real").string());
+    EXPECT_EQ(CLocalFileSystem::resolveUserPath(temp.path() + "//link/./new/../disk/").toString(true).toUTF8(),
+              (real / "real" / "disk").string());
+    EXPECT_EQ(CLocalFileSystem::resolveUserPath("/").toString(true).toUTF8(), "/");
+}
+
+TEST_F(LocalFileSystemTest, ARelativeUserPathIsResolvedFromTheWorkingFolder)
+{
+    const CURI workingFolder(String(std::filesystem::current_path().string()));
+    const CURI relativeFolder = temp.uri().toRelative(workingFolder);
+    ASSERT_FALSE(relativeFolder.isAbsolute());
+
+    EXPECT_EQ(CLocalFileSystem::resolveUserPath((relativeFolder << "missing").toString(true).toUTF8())
+                  .toString(true)
+                  .toUTF8(),
+              (std::filesystem::canonical(temp.path()) / "missing").string());
+}
+
 TEST_F(LocalFileSystemTest, ErrorsNameThePathTheActionAndTheErrno)
 {
     const CURI missing = temp.uri() << "missing";
