@@ -75,6 +75,9 @@ echo "making the chain and the restic repository"
 bd create src/disk --size 2G "${pw[@]}" >/dev/null
 export RESTIC_PASSWORD_FILE=$work/password RESTIC_FROM_PASSWORD_FILE=$work/password
 export RESTIC_CACHE_DIR=$work/restic-cache
+# brickdisk keeps the records of its copies (what each bucket holds) here,
+# not in the user's cache folder.
+export XDG_CACHE_HOME=$work/cache
 restic -r restic-src init --repository-version 2 >/dev/null
 versions=(image.raw v1.raw v2.raw v3.raw)
 for i in 0 1 2 3; do

@@ -5,6 +5,7 @@
 #include "brick/backup/ChainCopier.h"
 #include "brick/backup/ChainRekeyer.h"
 #include "brick/backup/ChainSpace.h"
+#include "brick/backup/CopyRecord.h"
 #include "brick/backup/RetentionPlan.h"
 #include "brick/cache/CacheFolder.h"
 #include "brick/cache/CachedStore.h"

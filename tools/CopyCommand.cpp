@@ -1,7 +1,8 @@
 // brickdisk copy SOURCE DEST: copies a disk and the snapshots of its chain
 // from any store to any store as they are stored, without the password (see
 // brick::CChainCopier); a second copy to the same DEST sends only what
-// changed and adds the new snapshots. With --rekey, every brick is decoded
+// changed and adds the new snapshots (over S3 helped by a record of what
+// earlier copies learned, kept in the user's cache folder). With --rekey, every brick is decoded
 // and encoded anew under a new disk key and password (brick::CChainRekeyer),
 // into a new DEST.
 #include "Commands.h"
@@ -22,6 +23,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -64,6 +66,20 @@ void chooseSnapshots(const std::string& text, brick::CChainCopier::Options& copy
             copy.snapshotNames.push_back(name);
     if (copy.snapshotNames.empty())
         throw UsageError("--snapshots needs all, none or a comma list of snapshot folder names");
+}
+
+// The folder of the copies' records (brick::CCopyRecord) in the user's
+// cache folder: $XDG_CACHE_HOME/brickdisk, else ~/.cache/brickdisk; none
+// when neither names an absolute folder.
+zo::CURI copyRecordFolder()
+{
+    const char* cache = std::getenv("XDG_CACHE_HOME");
+    if (cache && *cache == '/')
+        return zo::CURI(zo::String::fromUTF8(std::string(cache) + "/brickdisk"));
+    const char* home = std::getenv("HOME");
+    if (home && *home == '/')
+        return zo::CURI(zo::String::fromUTF8(std::string(home) + "/.cache/brickdisk"));
+    return zo::CURI();
 }
 
 std::string describe(const zo::CURI& folder)
@@ -195,6 +211,7 @@ int runCopy(const CopyOptions& options)
     copy.jobs = options.jobs ? *options.jobs : (isLocalFolder(destination) ? defaultJobCount() : 8);
     copy.dryRun = options.dryRun;
     copy.verify = options.verify;
+    copy.recordFolder = copyRecordFolder();
     copy.checkpoint = throwIfInterrupted;
 
     // Two stores at once: one file system each.

@@ -1,5 +1,6 @@
 #include "brick/backup/ChainCopier.h"
 
+#include "brick/backup/CopyRecord.h"
 #include "brick/backup/RetentionPlan.h"
 #include "brick/chain/BrickDisk.h"
 #include "brick/chain/BrickDiskChain.h"
@@ -17,6 +18,7 @@
 #include "zo/BufferStream.h"
 #include "zo/Error.h"
 #include "zo/FileSystemQueries.h"
+#include "zo/Log.h"
 #include "zo/StagedStore.h"
 #include "zo/WorkerPool.h"
 
@@ -28,6 +30,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <string>
 #include <utility>
 
 namespace brick {
@@ -78,12 +81,20 @@ zo::TBuffer<zo::uint8> readFile(zo::IFileSystem* fs, const CURI& file, zo::int64
 // The last bytes of a brick file of `size` bytes, which hold its outer
 // digest; a file system over an object store fetches only those, in one
 // request.
-zo::TBuffer<zo::uint8> readTail(zo::IFileSystem* fs, const CURI& file, zo::int64 size)
+std::string readTail(zo::IFileSystem* fs, const CURI& file, zo::int64 size)
 {
     const int tail = static_cast<int>(std::min<zo::int64>(size, kBrickFileTailSize));
-    zo::TBuffer<zo::uint8> bytes(tail);
-    zo::readFileRange(fs, file, size - tail, bytes.getData(), tail);
+    std::string bytes(static_cast<std::size_t>(tail), '\0');
+    zo::readFileRange(fs, file, size - tail, bytes.data(), tail);
     return bytes;
+}
+
+// The last bytes of a brick file read whole, as readTail reads them.
+std::string tailOf(const zo::TBuffer<zo::uint8>& bytes)
+{
+    const int tail = std::min(bytes.getUsed(), kBrickFileTailSize);
+    return std::string(reinterpret_cast<const char*>(bytes.getData()) + bytes.getUsed() - tail,
+                       static_cast<std::size_t>(tail));
 }
 
 // Runs `work` for each of `count` items on `threads` workers (at least one);
@@ -234,9 +245,13 @@ CError copyError(const String& message, const CURI& source, const CURI& destinat
 
 class CCopyRun {
 public:
-    CCopyRun(zo::IFileSystem* sourceFs, zo::IFileSystem* destinationFs, const CChainCopier::Options& options)
+    CCopyRun(zo::IFileSystem* sourceFs, zo::IFileSystem* destinationFs, const CURI& destination,
+             const CChainCopier::Options& options)
         : m_sourceFs(sourceFs), m_destinationFs(destinationFs), m_options(options)
-    {}
+    {
+        if (!options.recordFolder.isEmpty())
+            m_record = CCopyRecord::load(options.recordFolder, destination);
+    }
 
     CChainCopier::Summary& summary() { return m_summary; }
     const std::vector<std::string>& problems() const { return m_problems; }
@@ -259,6 +274,7 @@ public:
             destinationListing = listDestination(disk);
         }
         const std::vector<CBrickTree::BrickFile>& sourceBricks = sourceListing.bricks;
+        noteWhetherTagsAreGiven(destinationListing);
         std::map<zo::int64, CBrickTree::BrickFile> held;
         for (const CBrickTree::BrickFile& brick : destinationListing.bricks)
             held.emplace(brick.index, brick);
@@ -277,8 +293,10 @@ public:
         // The files sent are in place, bytes and names durable, only once the
         // destination's batch is synced: before anything that makes them
         // reachable (a record) or takes their place (a deletion).
-        if (!m_options.dryRun)
+        if (!m_options.dryRun) {
             m_destinationFs->syncBatch();
+            learnTagsOfSent();
+        }
         if (m_options.verify && !m_options.dryRun)
             verifySent();
         if (!deleteOthers)
@@ -406,6 +424,31 @@ public:
     // links between them can be made to name those places.
     void setDestinations(std::map<CURI, CURI> destinationOf) { m_destinationOf = std::move(destinationOf); }
 
+    // Writes what the copy learned of the destination's brick files into
+    // the record, unless in a dry run. After a whole copy (`whole`) the
+    // record keeps only the tags of the files that the destination holds as
+    // the copy leaves them, so that it does not grow with every change. A
+    // record that cannot be written is logged: it only makes the next copy
+    // ask the destination more.
+    void keepRecord(bool whole)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_record || m_options.dryRun)
+            return;
+        if (whole)
+            m_record->keepOnly(m_heldTags);
+        if (!m_record->isChanged())
+            return;
+        try {
+            m_record->store(m_options.recordFolder);
+        } catch (const std::exception& e) {
+            zo::logError(e,
+                         "Keeping the record of this copy failed; the next copy reads the digest of each brick file "
+                         "in the destination.",
+                         String());
+        }
+    }
+
     // Reads back every record of `disk` in the destination.
     void verifyRecords(const DiskPlan& disk)
     {
@@ -422,6 +465,16 @@ public:
     }
 
 private:
+    // A brick file sent: where it went, its size and its last bytes.
+    struct SentFile {
+        CURI target;
+        zo::int64 size;
+        std::string tail;
+    };
+
+    // Whether the destination's listings tell content tags.
+    enum class Tags { Unknown, Given, NotGiven };
+
     // The listings of one disk's brick trees under way (listAhead).
     struct ListingsAhead {
         std::future<CBrickTree::Listing> source;
@@ -549,10 +602,112 @@ private:
         source->write(bytes.getData(), bytes.getUsed());
         source->seek(0);
         zo::beginStoreFileStaged(m_destinationFs, target, bytes.getUsed(), source.get(), nullptr)->wait();
-        if (!m_options.verify)
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_record)
+            m_sentForTags.push_back(SentFile{target, brick.size, tailOf(bytes)});
+        if (m_options.verify)
+            m_sent.emplace_back(brick, target);
+    }
+
+    // Notes, from the first listing of the destination that holds brick
+    // files, whether its listings give content tags.
+    void noteWhetherTagsAreGiven(const CBrickTree::Listing& listing)
+    {
+        if (m_destinationTags != Tags::Unknown || listing.bricks.empty())
+            return;
+        const bool given = std::any_of(listing.bricks.begin(), listing.bricks.end(),
+                                       [](const CBrickTree::BrickFile& file) { return !file.contentTag.isEmpty(); });
+        m_destinationTags = given ? Tags::Given : Tags::NotGiven;
+    }
+
+    // Lists the folders of the files sent since the last call, once the
+    // destination's batch has put them in place, and notes in the record the
+    // tag that each file got, with its size and last bytes: a later copy
+    // finds them held without asking. Over a destination whose listings give
+    // no tags, one folder is listed to tell, then no more. A listing that
+    // fails is logged and only leaves its files out of the record.
+    void learnTagsOfSent()
+    {
+        std::vector<SentFile> sent;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            sent.swap(m_sentForTags);
+        }
+        if (sent.empty() || m_destinationTags == Tags::NotGiven)
+            return;
+        std::map<CURI, std::vector<const SentFile*>> byFolder;
+        for (const SentFile& file : sent)
+            byFolder[file.target.getParent()].push_back(&file);
+        const std::vector<std::pair<CURI, std::vector<const SentFile*>>> folders(byFolder.begin(), byFolder.end());
+        std::size_t first = 0;
+        if (m_destinationTags == Tags::Unknown) {
+            learnTagsIn(folders[0].first, folders[0].second);
+            first = 1;
+            if (m_destinationTags == Tags::NotGiven)
+                return;
+        }
+        runOnWorkers(
+            folders.size() - first, kComparisonsPerJob * std::max(1, m_options.jobs),
+            [&](std::size_t item) { learnTagsIn(folders[first + item].first, folders[first + item].second); },
+            [&] {
+                if (m_options.checkpoint)
+                    m_options.checkpoint();
+            });
+    }
+
+    // Notes the tags that one listing of `folder` gives `files`, sent into it.
+    void learnTagsIn(const CURI& folder, const std::vector<const SentFile*>& files)
+    {
+        std::vector<zo::FolderEntry> listed;
+        try {
+            listed = zo::listFolderWithInfo(m_destinationFs, folder);
+        } catch (const CError& e) {
+            zo::logError(e, "Listing the brick files sent failed; the next copy reads their digests.", String());
+            return;
+        }
+        std::map<std::string, const zo::FolderEntry*> byName;
+        for (const zo::FolderEntry& entry : listed)
+            byName.emplace(entry.name.toUTF8(), &entry);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        bool tagged = false;
+        for (const SentFile* file : files) {
+            const auto found = byName.find(file->target.getName().toUTF8());
+            if (found == byName.end() || found->second->isFolder || found->second->size != file->size ||
+                found->second->contentTag.isEmpty())
+                continue;
+            tagged = true;
+            const std::string tag = found->second->contentTag.toUTF8();
+            m_record->note(tag, file->size, file->tail);
+            m_heldTags.insert(tag);
+        }
+        if (m_destinationTags == Tags::Unknown)
+            m_destinationTags = tagged ? Tags::Given : Tags::NotGiven;
+    }
+
+    // True when the record maps `tag` to a file of `size` bytes that ends
+    // with `tail`: the destination's file of that tag holds the same bytes as
+    // the source's.
+    bool isRecordedAs(const String& tag, zo::int64 size, const std::string& tail)
+    {
+        if (tag.isEmpty())
+            return false;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const CCopyRecord::Entry* entry = m_record ? m_record->find(tag.toUTF8()) : nullptr;
+        return entry && entry->size == size && entry->tail == tail;
+    }
+
+    // Notes that the destination's file with `tag` and `size` ends with
+    // `tail`, read from it; with `held`, that the copy leaves it in place.
+    void noteHeldTail(const String& tag, zo::int64 size, const std::string& tail, bool held)
+    {
+        if (tag.isEmpty())
             return;
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_sent.emplace_back(brick, target);
+        if (!m_record)
+            return;
+        m_record->note(tag.toUTF8(), size, tail);
+        if (held)
+            m_heldTags.insert(tag.toUTF8());
     }
 
     // Reads back each file sent since the last call, once the destination's
@@ -608,7 +763,9 @@ private:
         const int jobs = std::max(1, m_options.jobs);
 
         // Only a file of the same size in the destination may hold the same
-        // bytes; the digests at the ends of the two files tell.
+        // bytes; the digests at the ends of the two files tell. The record
+        // tells the destination's digest of a file by its content tag without
+        // asking; any other is read.
         std::vector<const Candidate*> comparable;
         for (const Candidate& file : files)
             if (file.held && file.held->size == file.brick.size)
@@ -618,8 +775,15 @@ private:
             comparable.size(), kComparisonsPerJob * jobs,
             [&](std::size_t item) {
                 const Candidate& file = *comparable[item];
-                const bool same = readTail(m_sourceFs, file.brick.path, file.brick.size) ==
-                    readTail(m_destinationFs, file.held->path, file.held->size);
+                const std::string tail = readTail(m_sourceFs, file.brick.path, file.brick.size);
+                bool same = isRecordedAs(file.held->contentTag, file.held->size, tail);
+                if (!same) {
+                    const std::string heldTail = readTail(m_destinationFs, file.held->path, file.held->size);
+                    same = heldTail == tail;
+                    noteHeldTail(file.held->contentTag, file.held->size, heldTail, same);
+                } else {
+                    noteHeldTail(file.held->contentTag, file.held->size, tail, true);
+                }
                 if (!same)
                     return;
                 const std::lock_guard<std::mutex> lock(mutex);
@@ -662,6 +826,19 @@ private:
     // With verify, the files sent and not yet read back, and where they went
     // (under m_mutex).
     std::vector<std::pair<CBrickTree::BrickFile, CURI>> m_sent;
+    // What the copy knows of the destination's brick files by their content
+    // tags (Options::recordFolder); none without a record folder. Under
+    // m_mutex.
+    std::optional<CCopyRecord> m_record;
+    // The tags of the brick files that the destination holds as the copy
+    // leaves them, as far as the copy has listed them (under m_mutex).
+    std::set<std::string> m_heldTags;
+    // With a record, the files sent whose tags are not listed yet (under
+    // m_mutex).
+    std::vector<SentFile> m_sentForTags;
+    // Told by the first listing of brick files in the destination; changed
+    // on the caller's thread only.
+    Tags m_destinationTags = Tags::Unknown;
     // The disks to list ahead, and the next one to start.
     std::vector<DiskPlan> m_toListAhead;
     std::size_t m_nextToList = 0;
@@ -738,6 +915,51 @@ void checkSnapshotFolder(zo::IFileSystem* fs, const DiskPlan& disk, const CURI& 
         throw copyError("The destination's folder " + disk.destination.toString(true) + " of the snapshot " +
                             disk.source.toString(true) + " holds another disk or other files: move them away first.",
                         sourceFolder, destinationFolder);
+}
+
+// Carries out `plan` (oldest snapshot first, the top last): the steps in
+// ChainCopier.h, 1 to 5.
+void carryOut(CCopyRun& run, const std::vector<DiskPlan>& plan, const std::set<CURI>& copiedDisks, bool existingTop,
+              zo::IFileSystem* destinationFs, const CURI& destinationTop)
+{
+    // 1. The snapshots the destination holds get what their source kept.
+    for (const DiskPlan& disk : plan) {
+        if (!disk.existing || disk.destination == destinationTop)
+            continue;
+        run.syncBricks(disk, false);
+        run.syncRecord(disk, CBrickDiskCreationTime::getFileName(), false);
+        run.syncRecord(disk, headerRecordName(), false);
+    }
+    // 2. New disks, the oldest first (on a first copy the top too, last).
+    for (const DiskPlan& disk : plan)
+        if (!disk.existing)
+            run.makeDisk(disk, copiedDisks);
+    if (existingTop) {
+        // 3. The new snapshots are tied in: the top's child link, then each
+        // snapshot whose newer disk is one of the source's takes the
+        // source's parent link.
+        const DiskPlan& topPlan = plan.back();
+        run.syncChildLink(topPlan, copiedDisks);
+        for (const DiskPlan& disk : plan) {
+            if (!disk.existing || disk.destination == destinationTop)
+                continue;
+            const CURI parent =
+                CBrickDiskChain::loadLinkedFolder(destinationFs, disk.destination, CBrickDisk::getParentLinkFileName());
+            const bool parentFromSource = std::any_of(
+                plan.begin(), plan.end(), [&](const DiskPlan& other) { return other.destination == parent; });
+            if (parentFromSource)
+                run.syncRecord(disk, CBrickDisk::getParentLinkFileName(), false);
+        }
+        // 4. The top's brick files, then its records.
+        run.syncBricks(topPlan, true);
+        run.syncRecord(topPlan, CBrickDiskCreationTime::getFileName(), false);
+        run.syncRecord(topPlan, headerRecordName(), false);
+    }
+
+    // 5. The marks go, the top's first: a disk opens only once every newer
+    // disk it reads through is whole.
+    for (auto it = plan.rbegin(); it != plan.rend(); ++it)
+        run.finishDisk(*it);
 }
 
 } // namespace
@@ -865,51 +1087,21 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     for (const DiskPlan& disk : plan)
         copiedDisks.insert(disk.destination);
 
-    CCopyRun run(sourceFs, destinationFs, options);
+    CCopyRun run(sourceFs, destinationFs, destinationTop, options);
     run.summary().snapshotsLeftOut = leftOut;
     std::map<CURI, CURI> destinationOf;
     for (const CRetentionPlan::Disk& member : chain)
         destinationOf[member.folder.toNormalized()] = targetOf(member.folder);
     run.setDestinations(std::move(destinationOf));
     run.listAhead(plan);
-    // 1. The snapshots the destination holds get what their source kept.
-    for (const DiskPlan& disk : plan) {
-        if (!disk.existing || disk.destination == destinationTop)
-            continue;
-        run.syncBricks(disk, false);
-        run.syncRecord(disk, CBrickDiskCreationTime::getFileName(), false);
-        run.syncRecord(disk, headerRecordName(), false);
+    try {
+        carryOut(run, plan, copiedDisks, existingTop, destinationFs, destinationTop);
+    } catch (...) {
+        // What the copy learned of the destination before it stopped holds.
+        run.keepRecord(false);
+        throw;
     }
-    // 2. New disks, the oldest first (on a first copy the top too, last).
-    for (const DiskPlan& disk : plan)
-        if (!disk.existing)
-            run.makeDisk(disk, copiedDisks);
-    if (existingTop) {
-        // 3. The new snapshots are tied in: the top's child link, then each
-        // snapshot whose newer disk is one of the source's takes the
-        // source's parent link.
-        const DiskPlan& topPlan = plan.back();
-        run.syncChildLink(topPlan, copiedDisks);
-        for (const DiskPlan& disk : plan) {
-            if (!disk.existing || disk.destination == destinationTop)
-                continue;
-            const CURI parent =
-                CBrickDiskChain::loadLinkedFolder(destinationFs, disk.destination, CBrickDisk::getParentLinkFileName());
-            const bool parentFromSource = std::any_of(
-                plan.begin(), plan.end(), [&](const DiskPlan& other) { return other.destination == parent; });
-            if (parentFromSource)
-                run.syncRecord(disk, CBrickDisk::getParentLinkFileName(), false);
-        }
-        // 4. The top's brick files, then its records.
-        run.syncBricks(topPlan, true);
-        run.syncRecord(topPlan, CBrickDiskCreationTime::getFileName(), false);
-        run.syncRecord(topPlan, headerRecordName(), false);
-    }
-
-    // 5. The marks go, the top's first: a disk opens only once every newer
-    // disk it reads through is whole.
-    for (auto it = plan.rbegin(); it != plan.rend(); ++it)
-        run.finishDisk(*it);
+    run.keepRecord(true);
 
     if (options.verify && !options.dryRun) {
         for (const DiskPlan& disk : plan)

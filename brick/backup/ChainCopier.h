@@ -14,7 +14,8 @@
 // files that it lacks or holds with other bytes (by size and the outer digest
 // at the end of each brick file), adds the snapshots made since, newest
 // last, and keeps every disk that was already there reading what it read
-// before, at every moment:
+// before, at every moment (how it learns the destination's digests: see
+// Options::recordFolder):
 //   1. the snapshots the destination holds get the brick files that their
 //      source kept for them since (those equal what they read through their
 //      newer disks, so nothing changes for them);
@@ -82,6 +83,17 @@ public:
         // the destination's reads only the last bytes of each, mostly waiting
         // for the store: four times as many are compared at once.
         int jobs = 4;
+        // A local folder where copies keep what they learned of each
+        // destination's brick files (CCopyRecord, one file per destination),
+        // or empty for none. Over a store whose listing tells a tag of each
+        // file's bytes (S3's ETag), a brick file that the destination holds
+        // with a tag that the record maps to the source file's size and outer
+        // digest is skipped without a request to the destination; any other
+        // is compared by reading its digest, as without a record. The record
+        // is written after the copy (also after one that failed), unless in a
+        // dry run; a record that is missing, old, damaged or cannot be
+        // written only makes copies ask the destination more.
+        zo::CURI recordFolder;
         // Work out what would be sent and change nothing.
         bool dryRun = false;
         // Read back every brick file sent and every record of the copied

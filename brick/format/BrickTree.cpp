@@ -48,8 +48,8 @@ void walk(zo::IFileSystem* fs, const CBrickDiskHeader& header, const zo::CURI& f
         } else if (level > 0) {
             walk(fs, header, path, level - 1, prefix * header.getObjectsPerTreeLevel() + digit, listing);
         } else {
-            listing.bricks.push_back(
-                CBrickTree::BrickFile{prefix * header.getObjectsPerTreeLevel() + digit, path, entry.size});
+            listing.bricks.push_back(CBrickTree::BrickFile{prefix * header.getObjectsPerTreeLevel() + digit, path,
+                                                           entry.size, entry.contentTag});
         }
     }
 }

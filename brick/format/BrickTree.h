@@ -21,6 +21,9 @@ public:
         zo::int64 index;
         zo::CURI path;
         zo::int64 size;
+        // The store's tag of the file's bytes, where its listing gives one
+        // (zo::FolderEntry::contentTag); else empty.
+        zo::String contentTag;
     };
 
     struct Listing {

@@ -78,9 +78,11 @@ public:
     // its objects, over as many requests as its length needs: each object's
     // name without the prefix and its size, and the names of the folders
     // there (deeper keys); the marker `prefix` itself is left out, but
-    // `hasMarker` tells whether it exists.
+    // `hasMarker` tells whether it exists. Where the listing tells a tag of
+    // an object's bytes (S3's ETag), `tags` holds it by the object's name.
     struct SizedLevel {
         std::map<std::string, int64> files;
+        std::map<std::string, std::string> tags;
         std::set<std::string> folders;
         bool hasMarker = false;
     };

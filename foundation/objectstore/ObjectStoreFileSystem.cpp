@@ -485,9 +485,13 @@ std::vector<FolderEntry> CObjectStoreFileSystem::listFolderWithInfo(const CURI& 
     m_known->addListing(name, files, level->folders, true);
     std::map<std::string, FolderEntry> entries;
     for (const std::string& subfolder : level->folders)
-        entries.emplace(subfolder, FolderEntry{String::fromUTF8(subfolder), true, 0});
-    for (const auto& [file, size] : level->files)
-        entries.emplace(file, FolderEntry{String::fromUTF8(file), false, size});
+        entries.emplace(subfolder, FolderEntry{String::fromUTF8(subfolder), true, 0, String()});
+    for (const auto& [file, size] : level->files) {
+        const auto tag = level->tags.find(file);
+        entries.emplace(file,
+                        FolderEntry{String::fromUTF8(file), false, size,
+                                    tag == level->tags.end() ? String() : String::fromUTF8(tag->second)});
+    }
     std::vector<FolderEntry> sorted;
     for (auto& [entryName, entry] : entries)
         sorted.push_back(std::move(entry));

@@ -94,8 +94,9 @@ public:
     TList<String> listFolder(const CURI& folder) override;
     // From one listing of the level with the objects' sizes, where the
     // store gives one (IObjectStore::listLevelWithSizes), which this file
-    // system remembers, as the listing that openStream trusts; else entry by
-    // entry (listFolderEntryByEntry).
+    // system remembers, as the listing that openStream trusts, with the
+    // objects' tags as content tags; else entry by entry
+    // (listFolderEntryByEntry).
     std::vector<FolderEntry> listFolderWithInfo(const CURI& folder) override;
     // One ranged read of the object, without asking for its size first.
     void readRange(const CURI& file, int64 offset, void* bytes, int size) override;

@@ -59,6 +59,14 @@ String pathOf(const ObjectName& name)
     return String::fromUTF8("s3://" + name.container + "/" + name.key);
 }
 
+// An ETag without the double quotes around it.
+std::string unquoted(const std::string& tag)
+{
+    if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"')
+        return tag.substr(1, tag.size() - 2);
+    return tag;
+}
+
 // S3 may answer a copy with 200 and an error in the body.
 bool succeeded(const S3Response& response)
 {
@@ -308,8 +316,9 @@ void CS3ObjectStore::truncate(const ObjectName& name, int64 length)
     runSync([&](Done done) { submitPut(name, std::move(content), false, std::move(done)); });
 }
 
-void CS3ObjectStore::listPages(const std::string& container, const std::string& prefix, bool delimiter, int limit,
-                               const std::function<void(const std::string& name, int64 size)>& found)
+void CS3ObjectStore::listPages(
+    const std::string& container, const std::string& prefix, bool delimiter, int limit,
+    const std::function<void(const std::string& name, int64 size, const std::string& tag)>& found)
 {
     checkBucket(container);
     const int pageSize = std::max(1, std::min(1000, m_client.getOptions().listPageSize));
@@ -330,14 +339,16 @@ void CS3ObjectStore::listPages(const std::string& container, const std::string& 
         for (const std::string& object : rawXmlElements(response.body, "Contents")) {
             const std::vector<std::string> keys = xmlElements(object, "Key");
             const std::vector<std::string> sizes = xmlElements(object, "Size");
+            const std::vector<std::string> tags = xmlElements(object, "ETag");
             if (keys.empty())
                 continue;
-            found(keys.front(), sizes.empty() ? 0 : std::strtoll(sizes.front().c_str(), nullptr, 10));
+            found(keys.front(), sizes.empty() ? 0 : std::strtoll(sizes.front().c_str(), nullptr, 10),
+                  tags.empty() ? std::string() : unquoted(tags.front()));
             ++count;
         }
         for (const std::string& folder : xmlElements(response.body, "Prefix")) {
             if (folder != prefix && folder.size() > prefix.size())
-                found(folder, -1);
+                found(folder, -1, std::string());
         }
         const std::vector<std::string> truncated = xmlElements(response.body, "IsTruncated");
         const std::vector<std::string> next = xmlElements(response.body, "NextContinuationToken");
@@ -348,14 +359,15 @@ void CS3ObjectStore::listPages(const std::string& container, const std::string& 
 TList<std::string> CS3ObjectStore::list(const std::string& container, const std::string& prefix, int limit)
 {
     TList<std::string> keys;
-    listPages(container, prefix, false, limit, [&](const std::string& key, int64) { keys.push_back(key); });
+    listPages(container, prefix, false, limit,
+              [&](const std::string& key, int64, const std::string&) { keys.push_back(key); });
     return keys;
 }
 
 TList<std::string> CS3ObjectStore::listChildren(const std::string& container, const std::string& prefix)
 {
     TList<std::string> names;
-    listPages(container, prefix, true, 0, [&](const std::string& name, int64) {
+    listPages(container, prefix, true, 0, [&](const std::string& name, int64, const std::string&) {
         std::string entry = name.substr(prefix.size());
         if (!entry.empty() && entry.back() == '/')
             entry.pop_back();
@@ -398,13 +410,16 @@ std::optional<IObjectStore::SizedLevel> CS3ObjectStore::listLevelWithSizes(const
                                                                            const std::string& prefix)
 {
     SizedLevel level;
-    listPages(container, prefix, true, 0, [&](const std::string& name, int64 size) {
-        if (size >= 0 && name == prefix)
+    listPages(container, prefix, true, 0, [&](const std::string& name, int64 size, const std::string& tag) {
+        if (size >= 0 && name == prefix) {
             level.hasMarker = true;
-        else if (size >= 0 && name.size() > prefix.size())
+        } else if (size >= 0 && name.size() > prefix.size()) {
             level.files.emplace(name.substr(prefix.size()), size);
-        else if (size < 0 && name.size() > prefix.size() + 1)
+            if (!tag.empty())
+                level.tags.emplace(name.substr(prefix.size()), tag);
+        } else if (size < 0 && name.size() > prefix.size() + 1) {
             level.folders.insert(name.substr(prefix.size(), name.size() - prefix.size() - 1));
+        }
     });
     return level;
 }

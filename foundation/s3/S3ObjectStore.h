@@ -41,7 +41,7 @@ public:
     // One page of that listing; nothing when the level is longer than a page.
     std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix) override;
     // The ListObjectsV2 listing with the delimiter "/", page by page, with
-    // the sizes it gives.
+    // the sizes and the ETags (unquoted) it gives.
     std::optional<SizedLevel> listLevelWithSizes(const std::string& container, const std::string& prefix) override;
     // A CObjectLeaseLock with the options' lease.
     P<IFileSystemLock> lock(const ObjectName& name, bool exclusive) override;
@@ -53,10 +53,11 @@ private:
     // Throws NotFound, with the service's word, unless `bucket` exists.
     void checkBucket(const std::string& bucket);
     // Lists `prefix` page by page; `delimiter` asks for one level. `found`
-    // hears each key with its object's size, and each folder of the level
-    // (a key prefix ending in "/") with the size -1.
+    // hears each key with its object's size and ETag (unquoted; empty when
+    // the answer has none), and each folder of the level (a key prefix
+    // ending in "/") with the size -1 and no tag.
     void listPages(const std::string& container, const std::string& prefix, bool delimiter, int limit,
-                   const std::function<void(const std::string& name, int64 size)>& found);
+                   const std::function<void(const std::string& name, int64 size, const std::string& tag)>& found);
     void submitPut(const ObjectName& name, std::string bytes, bool conditional, Done done);
 
     CS3Client m_client;

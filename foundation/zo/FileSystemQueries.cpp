@@ -15,7 +15,7 @@ std::vector<FolderEntry> listFolderEntryByEntry(IFileSystem* fs, const CURI& fol
     for (const String& name : fs->listFolder(folder)) {
         const P<IFileInfo> info = fs->getFileInfo(folder << name, false);
         if (info->exists())
-            entries.push_back(FolderEntry{name, info->isFolder(), info->isFolder() ? 0 : info->getSize()});
+            entries.push_back(FolderEntry{name, info->isFolder(), info->isFolder() ? 0 : info->getSize(), String()});
     }
     return entries;
 }

@@ -22,6 +22,11 @@ struct FolderEntry {
     bool isFolder = false;
     // Length in bytes of a file (0 for a folder).
     int64 size = 0;
+    // The store's tag of the file's bytes as its listing gives it (over S3
+    // the ETag, without its quotes: the MD5 of an object stored by one PUT);
+    // a file stored again with other bytes gets another tag. Empty where the
+    // file system gives none (a local folder, a Ceph pool, a folder).
+    String contentTag;
 };
 
 // Implemented by a file system that answers the questions below itself; its
@@ -32,12 +37,14 @@ public:
     virtual void readRange(const CURI& file, int64 offset, void* bytes, int size) = 0;
 };
 
-// The entries of `folder` on `fs` with their kinds and sizes, sorted by name:
+// The entries of `folder` on `fs` with their kinds, sizes and, where the file
+// system's listing gives them, content tags, sorted by name:
 // NotFound when the folder is missing, NotAFolder when it is a file. An
 // entry removed while the folder is listed is left out.
 BRICKDISK_EXPORT std::vector<FolderEntry> listFolderWithInfo(IFileSystem* fs, const CURI& folder);
-// The same, always with listFolder and a getFileInfo for each name: what
-// listFolderWithInfo asks of a file system without IFileSystemQueries.
+// The same, always with listFolder and a getFileInfo for each name (so with
+// no content tags): what listFolderWithInfo asks of a file system without
+// IFileSystemQueries.
 BRICKDISK_EXPORT std::vector<FolderEntry> listFolderEntryByEntry(IFileSystem* fs, const CURI& folder);
 
 // Reads `size` bytes of the file `file` on `fs` from `offset` on into

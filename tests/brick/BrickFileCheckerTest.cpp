@@ -54,7 +54,7 @@ protected:
     {
         const CURI path = testsupport::brickFileOf(*open(), folder, index);
         const P<zo::TBuffer<zo::uint8>> bytes = fs->getFileData(path);
-        return {index, path, bytes ? bytes->getUsed() : 0};
+        return {index, path, bytes ? bytes->getUsed() : 0, zo::String()};
     }
     std::string checkWithoutKey(const CBrickTree::BrickFile& file)
     {

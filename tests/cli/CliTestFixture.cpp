@@ -1,6 +1,7 @@
 #include "CliTestFixture.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +12,9 @@ namespace clitest {
 CliTest::CliTest()
 {
     writeFile(path("pw"), std::string(kPassword) + "\n");
+    // The program keeps its records (those of copies) in the test's folder,
+    // never in the user's own cache folder.
+    ::setenv("XDG_CACHE_HOME", path("cache").c_str(), 1);
 }
 
 std::string CliTest::path(const std::string& name) const

@@ -1,6 +1,7 @@
 // The fixture of the command-line tests: a temporary folder with a password
-// file, helpers that make images and disks in it, and helpers that look at
-// the files of a disk folder the way a user would.
+// file, which also holds the programs' cache folder ("cache", given to them
+// as XDG_CACHE_HOME), helpers that make images and disks in it, and helpers
+// that look at the files of a disk folder the way a user would.
 #pragma once
 
 #include "ProgramRunner.h"

@@ -757,6 +757,29 @@ TYPED_TEST_P(FileSystemContractTest, ListFolderWithInfoGivesTheSortedEntriesWith
               CFileSystemError::NotAFolder);
 }
 
+// A content tag, where the file system's listing gives one, stands for the
+// bytes: a file stored again with other bytes gets another; a folder has
+// none.
+TYPED_TEST_P(FileSystemContractTest, ListFolderWithInfoGivesAFileStoredWithOtherBytesAnotherContentTag)
+{
+    this->fs().createFolder(this->path("tags/sub"), folderMode);
+    this->writeFile(this->path("tags/a"), "first bytes");
+    const auto tagOf = [&](const std::string& name) {
+        for (const FolderEntry& entry : zo::listFolderWithInfo(&this->fs(), this->path("tags")))
+            if (entry.name.toUTF8() == name)
+                return entry.contentTag.toUTF8();
+        return std::string("no such entry");
+    };
+    EXPECT_EQ(tagOf("sub"), "");
+    const std::string first = tagOf("a");
+    this->writeFile(this->path("tags/a"), "other bytes");
+    const std::string other = tagOf("a");
+    ASSERT_NE(first, "no such entry");
+    if (!first.empty() || !other.empty()) {
+        EXPECT_NE(first, other);
+    }
+}
+
 TYPED_TEST_P(FileSystemContractTest, StagedStoreIsInPlaceOnceTheBatchIsSynced)
 {
     this->writeFile(this->path("s"), "old bytes");
@@ -979,12 +1002,13 @@ REGISTER_TYPED_TEST_SUITE_P(
     DeleteFileRemovesTheFile, DeleteFileOfAMissingFileSucceedsOnlyWhenMissingIsIgnored,
     ListFolderGivesTheSortedNamesOfItsFilesAndFolders, ListFolderOfAnEmptyFolderIsEmpty,
     ListFolderOfAMissingFolderThrowsNotFound, ListFolderOfAFileThrowsNotAFolder,
-    ListFolderWithInfoGivesTheSortedEntriesWithTheirKindsAndSizes, ReadRangeReadsTheBytesOfTheRangeOrThrowsEndOfData,
-    StagedStoreIsInPlaceOnceTheBatchIsSynced, EveryListenerIsCalledExactlyOnce,
-    WaitDoneTurnsTrueOnlyOnceTheListenerHasReturned, ListenerIsCalledOnAThreadOfTheFileSystem,
-    ListenerAndSourceAreHeldUntilTheOperationEnds, OperationWithoutListenerCompletesItsHandle,
-    HandleOfASuccessGivesNoErrorAndWaitReturns, HandleOfAFailureGivesItsErrorAndWaitThrowsIt,
-    WaitWithAToleratedProblemThrowsOnlyOtherProblems, DroppingTheLastReferenceInAListenerStillCompletesQueuedOperations,
-    DestroyingTheFileSystemWaitsForQueuedOperations);
+    ListFolderWithInfoGivesTheSortedEntriesWithTheirKindsAndSizes,
+    ListFolderWithInfoGivesAFileStoredWithOtherBytesAnotherContentTag,
+    ReadRangeReadsTheBytesOfTheRangeOrThrowsEndOfData, StagedStoreIsInPlaceOnceTheBatchIsSynced,
+    EveryListenerIsCalledExactlyOnce, WaitDoneTurnsTrueOnlyOnceTheListenerHasReturned,
+    ListenerIsCalledOnAThreadOfTheFileSystem, ListenerAndSourceAreHeldUntilTheOperationEnds,
+    OperationWithoutListenerCompletesItsHandle, HandleOfASuccessGivesNoErrorAndWaitReturns,
+    HandleOfAFailureGivesItsErrorAndWaitThrowsIt, WaitWithAToleratedProblemThrowsOnlyOtherProblems,
+    DroppingTheLastReferenceInAListenerStillCompletesQueuedOperations, DestroyingTheFileSystemWaitsForQueuedOperations);
 
 } // namespace

@@ -1,7 +1,10 @@
 #include "support/MemoryObjectStore.h"
 
+#include "seal/Digest.h"
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
 namespace testsupport {
 
@@ -13,6 +16,22 @@ namespace {
 CFileSystemError objectError(int errnoValue, const char* action, const ObjectName& name)
 {
     return zo::makeErrnoError(errnoValue, action, zo::String::fromUTF8("memory://" + name.container + "/" + name.key));
+}
+
+// The MD5 of `bytes` in lower-case hexadecimal: the ETag that an S3 service
+// gives an object stored by one PUT.
+std::string md5Hex(const std::string& bytes)
+{
+    const zo::P<seal::IDigestContext> context = seal::CDigestManager().getType("md5")->createContext();
+    context->update(bytes.data(), static_cast<int>(bytes.size()));
+    context->finish();
+    std::string hex;
+    for (int i = 0; i < context->getSize(); ++i) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", context->getDigest()[i]);
+        hex += digits;
+    }
+    return hex;
 }
 
 } // namespace
@@ -202,10 +221,12 @@ std::optional<zo::IObjectStore::SizedLevel> CMemoryObjectStore::listLevelWithSiz
         }
         const std::string rest = key.second.substr(prefix.size());
         const size_t slash = rest.find('/');
-        if (slash == std::string::npos)
+        if (slash == std::string::npos) {
             level.files.emplace(rest, static_cast<zo::int64>(bytes.size()));
-        else
+            level.tags.emplace(rest, md5Hex(bytes));
+        } else {
             level.folders.insert(rest.substr(0, slash));
+        }
     }
     return level;
 }

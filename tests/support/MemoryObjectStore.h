@@ -45,8 +45,9 @@ public:
     // A level of up to the page size's names (setLevelPageSize), counted as
     // a list.
     std::optional<Level> listLevelInOneRequest(const std::string& container, const std::string& prefix) override;
-    // The whole level with the objects' sizes, counted as one list; nothing
-    // when the level page size is 0, as listLevelInOneRequest.
+    // The whole level with the objects' sizes and, as an S3 service gives
+    // them, their tags (the hexadecimal MD5 of their bytes), counted as one
+    // list; nothing when the level page size is 0, as listLevelInOneRequest.
     std::optional<SizedLevel> listLevelWithSizes(const std::string& container, const std::string& prefix) override;
     // A lock that lives as long as the returned object (no lease).
     zo::P<zo::IFileSystemLock> lock(const zo::ObjectName& name, bool exclusive) override;

@@ -5,10 +5,12 @@
 #include "objectstore/ObjectStoreFileSystem.h"
 #include "support/MemoryObjectStore.h"
 #include "zo/BufferStream.h"
+#include "zo/FileSystemQueries.h"
 #include "zo/Signal.h"
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -438,6 +440,32 @@ TEST_F(ObjectStoreFileSystemTest, AListingTheStoreRefusesFallsBackToTheFolderMar
         EXPECT_EQ(calls.stats, 1) << "the marker of disk/b00.brick/";
     }
     EXPECT_EQ(openToRead(*fs, path("disk/bricks")), CFileSystemError::IsAFolder);
+}
+
+// The store's listing tells each object's tag (here, as S3 gives it, the
+// MD5 of its bytes): files of the same bytes share it, a file stored again
+// with other bytes gets another one, folders have none.
+TEST_F(ObjectStoreFileSystemTest, AListingWithInfoGivesEachFileTheStoresTagOfItsBytes)
+{
+    fs->createFolder(path("disk/bricks/a00"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/bricks/b00.brick"), "hello", true), -1);
+    ASSERT_EQ(store(*fs, path("disk/bricks/b01.brick"), "hello", true), -1);
+    ASSERT_EQ(store(*fs, path("disk/bricks/b02.brick"), "other", true), -1);
+
+    std::map<std::string, std::string> tags;
+    for (const FolderEntry& entry : listFolderWithInfo(fs.get(), path("disk/bricks")))
+        tags[entry.name.toUTF8()] = entry.contentTag.toUTF8();
+
+    EXPECT_EQ(tags.at("b00.brick"), "5d41402abc4b2a76b9719d911017c592");
+    EXPECT_EQ(tags.at("b01.brick"), tags.at("b00.brick"));
+    EXPECT_NE(tags.at("b02.brick"), tags.at("b00.brick"));
+    EXPECT_EQ(tags.at("a00"), "");
+    ASSERT_EQ(store(*fs, path("disk/bricks/b00.brick"), "hellO", true), -1);
+    for (const FolderEntry& entry : listFolderWithInfo(fs.get(), path("disk/bricks"))) {
+        if (entry.name == String("b00.brick")) {
+            EXPECT_NE(entry.contentTag.toUTF8(), "5d41402abc4b2a76b9719d911017c592");
+        }
+    }
 }
 
 TEST_F(ObjectStoreFileSystemTest, APathWhoseDotDotClimbsAboveItsContainerIsRefused)
