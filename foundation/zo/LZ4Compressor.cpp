@@ -1,6 +1,7 @@
 #include "zo/LZ4Compressor.h"
 
 #include "zo/Error.h"
+#include "zo/detail/CompressibilitySample.h"
 
 #include <lz4.h>
 #include <lz4hc.h>
@@ -14,16 +15,9 @@ namespace {
 
 constexpr int SizePrefixBytes = 4;
 
-// Whether a block is worth the high-compression search is judged on a sample:
-// SampleCount pieces of SamplePieceBytes spread evenly over the block, each
-// compressed alone by LZ4's fast compressor. Blocks smaller than
-// SampledBlockBytes are compressed without asking.
-constexpr int SamplePieceBytes = 4096;
-constexpr int SampleCount = 8;
-constexpr int SampledBlockBytes = 4 * SampleCount * SamplePieceBytes;
-// A sample that shrinks by less than one part in SampleGainDivisor marks its
-// block as incompressible.
-constexpr int SampleGainDivisor = 32;
+// A block whose sample shrinks by less than one part in IncompressibleGainDivisor
+// is written as literals, without the high-compression search.
+constexpr int IncompressibleGainDivisor = 32;
 
 void checkBuffers(const char* where, const void* src, int srcSize, const void* dst, int dstCapacity)
 {
@@ -88,19 +82,8 @@ bool CLZ4Compressor::looksIncompressible(const uint8* src, int srcSize)
 {
     // The fast compressor is not asked: it skips ahead ever faster where it
     // finds no match, which costs less than the sample would.
-    if (!m_highCompression || srcSize < SampledBlockBytes)
-        return false;
-    m_sample.resize(static_cast<size_t>(LZ4_compressBound(SamplePieceBytes)));
-    void* const state = getState(m_fastState, LZ4_sizeofState());
-    const int64 stride = (srcSize - SamplePieceBytes) / (SampleCount - 1);
-    int64 sampled = 0;
-    for (int i = 0; i < SampleCount; ++i) {
-        const char* const piece = reinterpret_cast<const char*>(src + i * stride);
-        sampled += LZ4_compress_fast_extState(state, piece, reinterpret_cast<char*>(m_sample.data()), SamplePieceBytes,
-                                              static_cast<int>(m_sample.size()), 1);
-    }
-    const int64 sampleBytes = int64(SampleCount) * SamplePieceBytes;
-    return sampled > sampleBytes - sampleBytes / SampleGainDivisor;
+    return m_highCompression &&
+        detail::sampleGainsLessThan(src, srcSize, IncompressibleGainDivisor, m_sampleState, m_sample);
 }
 
 int CLZ4Compressor::getMaxCompressedSize(int sourceSize)

@@ -50,6 +50,7 @@ private:
     bool m_highCompression;
     std::vector<uint64> m_fastState;
     std::vector<uint64> m_highState;
+    std::vector<uint64> m_sampleState;
     std::vector<uint8> m_sample;
 };
 

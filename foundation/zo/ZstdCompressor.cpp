@@ -1,15 +1,41 @@
 #include "zo/ZstdCompressor.h"
 
 #include "zo/Error.h"
+#include "zo/detail/CompressibilitySample.h"
 
 #include <zstd.h>
 #include <zstd_errors.h>
 
 #include <climits>
+#include <vector>
 
 namespace zo {
 
 namespace {
+
+// A block whose sample shrinks by less than one part in QuickGainDivisor is
+// compressed at QuickLevel. On such blocks (random bytes with a little
+// structure, text of hexadecimal or base64 digits) the higher levels search
+// long for matches that are not there and end no smaller: measured with
+// libzstd 1.5.4 on 4 MiB blocks, level 3 ran at 170 MB/s where level 1 ran
+// at 380 MB/s into 0.4 % fewer bytes, and on hexadecimal text 5 times as
+// fast into 4 % fewer. On the bricks of an ext4 image of system files the
+// sample picks 14 of 1991 bricks of 512 KiB and the stored bytes grow by
+// 0.02 %.
+constexpr int QuickGainDivisor = 10;
+constexpr int QuickLevel = 1;
+
+// The smallest window that holds the whole block, so that the quick level
+// still finds a repeat anywhere in it, as the higher levels' larger windows
+// would.
+int windowLogCovering(int blockSize)
+{
+    const ZSTD_bounds bounds = ZSTD_cParam_getBounds(ZSTD_c_windowLog);
+    int log = bounds.lowerBound;
+    while (log < bounds.upperBound && (int64(1) << log) < blockSize)
+        ++log;
+    return log;
+}
 
 void checkBuffers(const char* where, const void* src, int srcSize, const void* dst, int dstCapacity)
 {
@@ -42,6 +68,8 @@ void checkSetting(size_t result)
 struct CZstdCompressor::Contexts {
     ZSTD_CCtx* compressor = nullptr;
     ZSTD_DCtx* decompressor = nullptr;
+    std::vector<uint64> sampleState;
+    std::vector<uint8> sample;
 
     Contexts() = default;
     Contexts(const Contexts&) = delete;
@@ -82,9 +110,14 @@ int CZstdCompressor::compress(const void* src, int srcSize, void* dst, int dstCa
         context = ZSTD_createCCtx();
         if (!context)
             throw CError("zstd compression could not start.", String(), -1, zstdProps(0));
-        checkSetting(ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, m_level));
         checkSetting(ZSTD_CCtx_setParameter(context, ZSTD_c_checksumFlag, 1));
     }
+    const bool quick = m_level > QuickLevel &&
+        detail::sampleGainsLessThan(static_cast<const uint8*>(src), srcSize, QuickGainDivisor, m_contexts->sampleState,
+                                    m_contexts->sample);
+    checkSetting(ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, quick ? QuickLevel : m_level));
+    // 0 gives the level's own window back.
+    checkSetting(ZSTD_CCtx_setParameter(context, ZSTD_c_windowLog, quick ? windowLogCovering(srcSize) : 0));
     // zstd writes the original size into the frame, as it knows it here.
     const size_t result =
         ZSTD_compress2(context, dst, static_cast<size_t>(dstCapacity), src, static_cast<size_t>(srcSize));

@@ -1,5 +1,5 @@
 // Blocks to compress in the compressor tests: zeros, text-like and random
-// bytes, all reproducible from a seed.
+// bytes, hexadecimal digits, all reproducible from a seed.
 #pragma once
 
 #include <cstdint>
@@ -47,6 +47,18 @@ inline Bytes textLike(int size, unsigned seed)
             column = 0;
     }
     bytes.resize(static_cast<size_t>(size));
+    return bytes;
+}
+
+// Random bytes written as hexadecimal digits: no repeats worth a match, but
+// only 16 distinct byte values, which zstd's entropy coding halves.
+inline Bytes hexDigits(int size, unsigned seed)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::mt19937 rng(seed);
+    Bytes bytes(static_cast<size_t>(size));
+    for (auto& b : bytes)
+        b = static_cast<std::uint8_t>(digits[rng() % 16]);
     return bytes;
 }
 
