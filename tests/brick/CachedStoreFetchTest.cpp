@@ -23,6 +23,7 @@ namespace {
 using namespace testsupport::cachetest;
 using brick::CCachedStore;
 using testsupport::Bytes;
+using testsupport::HeldFileSystem;
 using testsupport::LogCapture;
 using zo::CFileSystemError;
 using zo::CMemoryFileSystem;
@@ -62,14 +63,14 @@ protected:
     // A cache over the held cache file system.
     P<CCachedStore> openHeld() { return P<CCachedStore>(new CCachedStore(store.get(), kDisk, held.get(), settings)); }
 
-    const P<HeldCacheWrites> held{new HeldCacheWrites(cacheFs.get())};
+    const P<HeldFileSystem> held{new HeldFileSystem(cacheFs.get())};
 };
 
 TEST_F(CachedStoreFetchTest, ReaderGetsAFetchedBrickWhileItsCacheFileIsStillBeingWritten)
 {
     store->setFileData(brickFile(1), filled(300, 1));
     const P<CCachedStore> cache = openHeld();
-    held->holdFirstWriteOf("1.brick");
+    held->holdCallsThat(HeldFileSystem::firstWritesOf({"1.brick"}));
     store->resetCounters();
 
     std::future<std::string> reading = std::async(std::launch::async, [&] { return read(*cache, brickFile(1)); });
@@ -77,7 +78,7 @@ TEST_F(CachedStoreFetchTest, ReaderGetsAFetchedBrickWhileItsCacheFileIsStillBein
         held->letGo();
         FAIL() << "The reader waited for the cache file.";
     }
-    held->waitForHeld(1);
+    ASSERT_TRUE(held->waitUntilHeldCalls(1));
     EXPECT_FALSE(cache->isCached(brickFile(1)));
     // A second reader meanwhile gets the same bytes without a second fetch.
     const std::string again = read(*cache, brickFile(1));
@@ -96,9 +97,9 @@ TEST_F(CachedStoreFetchTest, WriteOfABrickWhileItsFetchedFileIsWrittenKeepsTheWr
 {
     store->setFileData(brickFile(1), filled(300, 1));
     const P<CCachedStore> cache = openHeld();
-    held->holdFirstWriteOf("1.brick");
+    held->holdCallsThat(HeldFileSystem::firstWritesOf({"1.brick"}));
     EXPECT_EQ(read(*cache, brickFile(1)), text(filled(300, 1)));
-    held->waitForHeld(1);
+    ASSERT_TRUE(held->waitUntilHeldCalls(1));
     const Bytes written = filled(200, 2);
     const P<zo::IInStream> source(new zo::CBufferStream(&written));
 
@@ -124,11 +125,10 @@ TEST_F(CachedStoreFetchTest, WriteOfABrickWhoseFetchedFileWaitsForAKeeperTakesTh
     store->setFileData(brickFile(9), filled(90, 9));
     const P<CCachedStore> cache = openHeld();
     // Both keepers busy with other files: the fetched brick 1 waits.
-    held->holdFirstWriteOf("8.brick");
-    held->holdFirstWriteOf("9.brick");
+    held->holdCallsThat(HeldFileSystem::firstWritesOf({"8.brick", "9.brick"}));
     read(*cache, brickFile(8));
     read(*cache, brickFile(9));
-    held->waitForHeld(2);
+    ASSERT_TRUE(held->waitUntilHeldCalls(2));
     EXPECT_EQ(read(*cache, brickFile(1)), text(filled(300, 1)));
 
     write(*cache, brickFile(1), filled(200, 2));
@@ -148,9 +148,9 @@ TEST_F(CachedStoreFetchTest, FetchedBrickBeyondTheWaitingBoundIsReturnedButNotKe
     store->setFileData(brickFile(1), filled(100, 1));
     store->setFileData(brickFile(2), filled(100, 2));
     const P<CCachedStore> cache = openHeld();
-    held->holdFirstWriteOf("1.brick");
+    held->holdCallsThat(HeldFileSystem::firstWritesOf({"1.brick"}));
     read(*cache, brickFile(1));
-    held->waitForHeld(1);
+    ASSERT_TRUE(held->waitUntilHeldCalls(1));
     store->resetCounters();
 
     EXPECT_EQ(read(*cache, brickFile(2)), text(filled(100, 2)));

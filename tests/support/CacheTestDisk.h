@@ -1,8 +1,7 @@
 // What the tests of the brick cache share: a disk in a memory store, the
 // names of its brick files, bytes to store as them, a fixture with a cache
-// in front of that store, the cache's calls on brick files chosen for a
-// HeldFileSystem in front of the store, and a cache file system that holds
-// the writes of chosen files.
+// in front of that store, and the cache's calls on brick files chosen for a
+// HeldFileSystem in front of the store.
 #pragma once
 
 #include "brick/cache/CachedStore.h"
@@ -17,10 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -127,68 +123,5 @@ inline HeldFileSystem::Choice brickFileCalls(HeldFileSystem::Call call)
         return made == call && brick::CCachedStore::isBrickFile(path);
     };
 }
-
-// A cache file system whose first write of each chosen file (a store, or an
-// opening for writing) waits, on the thread that made it, until the test
-// lets it go; every other call passes through, and once let go every write
-// does. Files are chosen by name ("1.brick"), wherever they lie. Any thread
-// may call it.
-class HeldCacheWrites : public zo::CForwardingFileSystem {
-public:
-    explicit HeldCacheWrites(zo::IFileSystem* inner) : CForwardingFileSystem(inner) {}
-
-    // From now on, the first write of a file named `name` waits until letGo.
-    void holdFirstWriteOf(const std::string& name)
-    {
-        std::lock_guard lock(m_mutex);
-        m_chosen.insert(name);
-    }
-    // Waits until `count` writes are held at once.
-    void waitForHeld(int count)
-    {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_holding >= count; });
-    }
-    // Lets the held writes go, and every later one.
-    void letGo()
-    {
-        std::lock_guard lock(m_mutex);
-        m_letGo = true;
-        m_changed.notify_all();
-    }
-
-    zo::P<zo::IIOStream> openStream(const zo::CURI& file, zo::IIOStream::Access access, const int& options) override
-    {
-        if (access != zo::IIOStream::AccessRead)
-            holdIfChosen(file);
-        return CForwardingFileSystem::openStream(file, access, options);
-    }
-    zo::P<zo::IFileSystemOp> beginStoreFile(const zo::CURI& file, int size, zo::IInStream* source, bool overwrite,
-                                            zo::IDoneListener* listener) override
-    {
-        holdIfChosen(file);
-        return CForwardingFileSystem::beginStoreFile(file, size, source, overwrite, listener);
-    }
-
-private:
-    void holdIfChosen(const zo::CURI& file)
-    {
-        std::unique_lock lock(m_mutex);
-        // Only the first write of a chosen name is held.
-        if (m_chosen.erase(file.getName().toUTF8()) == 0)
-            return;
-        ++m_holding;
-        m_changed.notify_all();
-        m_changed.wait(lock, [&] { return m_letGo; });
-        --m_holding;
-    }
-
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    // Guarded by m_mutex.
-    std::set<std::string> m_chosen;
-    int m_holding = 0;
-    bool m_letGo = false;
-};
 
 } // namespace testsupport::cachetest

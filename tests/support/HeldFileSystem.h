@@ -10,8 +10,13 @@
 #include "zo/URI.h"
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <set>
+#include <string>
 #include <utility>
 
 namespace testsupport {
@@ -40,6 +45,25 @@ public:
         return [call, file](Call made, const zo::CURI& path) { return made == call && path == file; };
     }
 
+    // The first write (an opening for writing, or a store) of each file whose
+    // name is in `names`, wherever it lies; later writes of those files and
+    // every other call are not chosen.
+    static Choice firstWritesOf(std::set<std::string> names)
+    {
+        struct Pending {
+            std::mutex mutex;
+            std::set<std::string> names;
+        };
+        const auto pending = std::make_shared<Pending>();
+        pending->names = std::move(names);
+        return [pending](Call made, const zo::CURI& path) {
+            if (made != Call::OpenForWriting && made != Call::Store)
+                return false;
+            std::lock_guard lock(pending->mutex);
+            return pending->names.erase(path.getName().toUTF8()) > 0;
+        };
+    }
+
     // From now on, a call that `choice` picks waits, on the thread that made
     // it, until letGo; once let go, every later call goes through at once.
     void holdCallsThat(Choice choice)
@@ -49,6 +73,14 @@ public:
     }
     // True once a call was held, within `millis` (-1: no limit).
     bool waitUntilHeld(int millis = kGenerousMillis) { return m_holding.wait(millis); }
+    // True once `count` calls were picked for holding, within `millis`:
+    // before letGo, that many wait at once.
+    bool waitUntilHeldCalls(int count, int millis = kGenerousMillis)
+    {
+        std::unique_lock lock(m_mutex);
+        return m_heldChanged.wait_for(lock, std::chrono::milliseconds(millis),
+                                      [&] { return m_heldCalls.load() >= count; });
+    }
     // Lets the held calls go, and every later one. Named apart from
     // IBase::release, which a method "release" here would hide from P<>.
     void letGo() { m_letGo.set(); }
@@ -116,7 +148,11 @@ private:
             m_signal.set();
         if (!held || !held(call, path))
             return;
-        ++m_heldCalls;
+        {
+            std::lock_guard lock(m_mutex);
+            ++m_heldCalls;
+        }
+        m_heldChanged.notify_all();
         m_holding.set();
         m_letGo.wait(-1);
     }
@@ -127,6 +163,8 @@ private:
     Choice m_signalled;
     std::function<void()> m_afterListing;
 
+    std::condition_variable m_heldChanged;
+    // Changed under m_mutex, so that waitUntilHeldCalls misses no change.
     std::atomic<int> m_heldCalls{0};
     zo::CSignal m_holding;
     zo::CSignal m_letGo;
