@@ -147,11 +147,11 @@ void addForceShareOption(CLI::App& command, bool& forceShare)
 namespace {
 
 zo::P<brick::CBrickDiskLock> acquireLock(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
-                                         bool offersForceShare)
+                                         bool offersForceShare, const zo::String& writeMark = zo::String())
 {
     zo::P<brick::CBrickDiskLock> lock;
     try {
-        lock = brick::CBrickDiskLock::acquire(fs, folder, mode);
+        lock = brick::CBrickDiskLock::acquire(fs, folder, mode, writeMark);
     } catch (const brick::CBrickDiskError& e) {
         if (e.getErrorCode() != brick::CBrickDiskError::DiskInUse)
             throw;
@@ -178,6 +178,12 @@ zo::P<brick::CBrickDiskLock> acquireLock(zo::IFileSystem* fs, const zo::CURI& fo
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode)
 {
     return acquireLock(fs, folder, mode, false);
+}
+
+zo::P<brick::CBrickDiskLock> lockDiskForWriting(zo::IFileSystem* fs, const zo::CURI& folder,
+                                                const zo::String& writeMark)
+{
+    return acquireLock(fs, folder, brick::CBrickDiskLock::ForWriting, false, writeMark);
 }
 
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
