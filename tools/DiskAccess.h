@@ -98,6 +98,11 @@ zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folde
 zo::P<brick::CBrickDiskLock> lockDiskForWriting(zo::IFileSystem* fs, const zo::CURI& folder,
                                                 const zo::String& writeMark);
 
+// Takes the disk's lock for `mode` for a moment, to refuse a disk in use as
+// lockDisk does, and releases it; a writing lock leaves the disk's write
+// mark as it is (brick::CBrickDiskLock::acquireKeepingWriteMark).
+void checkDiskFree(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode);
+
 // The same for a command that has --force-share (addForceShareOption): a
 // reader with `forceShare` takes no lock and gets null, and the error of a
 // reader of a disk in use adds a hint at --force-share.

@@ -11,10 +11,8 @@
 #include "Units.h"
 #include "UsageError.h"
 
-#include "brick/cache/CacheFolder.h"
 #include "brick/chain/BrickDisk.h"
 #include "zo/Error.h"
-#include "zo/LocalFileSystem.h"
 
 #include <CLI/CLI.hpp>
 
@@ -235,15 +233,6 @@ std::vector<std::string> storeParameters(const zo::CURI& folder)
     return {};
 }
 
-// The ID of the cache folder `cacheDir`; empty without one, or for a new one.
-zo::String cacheFolderId(const std::string& cacheDir)
-{
-    if (cacheDir.empty())
-        return zo::String();
-    const zo::P<zo::IFileSystem> cacheFs(new zo::CLocalFileSystem(1));
-    return brick::readCacheFolderId(cacheFs.get(), zo::CLocalFileSystem::resolveUserPath(cacheDir));
-}
-
 // A running nbdkit serving one disk.
 class CServer {
 public:
@@ -267,13 +256,10 @@ public:
         // A disk in use is refused here, naming its holder as every command
         // does, before anything of a running server (its socket) is touched.
         // The server takes the lock itself once it runs.
-        // A writing lock writes the disk's write mark: the cache folder's ID,
-        // as the server's own lock does, lest the cache take this probe for
-        // a writer without it.
-        if (m_readOnly)
-            lockDisk(fs.get(), folder, brick::CBrickDiskLock::ForReading);
-        else
-            lockDiskForWriting(fs.get(), folder, cacheFolderId(options.cacheDir));
+        // The disk's write mark is left as it is: the server's cache checks
+        // it for writers without the cache.
+        checkDiskFree(fs.get(), folder,
+                      m_readOnly ? brick::CBrickDiskLock::ForReading : brick::CBrickDiskLock::ForWriting);
 
         std::vector<std::string> argv{"nbdkit", "-f", "--exit-with-parent"};
         if (m_socket.empty()) {

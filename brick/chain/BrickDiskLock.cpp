@@ -123,6 +123,17 @@ P<CBrickDiskLock> CBrickDiskLock::acquire(zo::IFileSystem* fs, const CURI& diskF
         throw zo::CInvalidArgError("CBrickDiskLock::acquire",
                                    "A write mark is printable text without white space, at most 64 characters.",
                                    zo::CProps().add("writeMark", writeMark));
+    return CBrickDiskLock::lock(fs, diskFolder, mode, &writeMark);
+}
+
+P<CBrickDiskLock> CBrickDiskLock::acquireKeepingWriteMark(zo::IFileSystem* fs, const CURI& diskFolder, Mode mode)
+{
+    return CBrickDiskLock::lock(fs, diskFolder, mode, nullptr);
+}
+
+P<CBrickDiskLock> CBrickDiskLock::lock(zo::IFileSystem* fs, const CURI& diskFolder, Mode mode,
+                                       const zo::String* writeMark)
+{
     P<CBrickDiskLock> lock(new CBrickDiskLock(mode));
     lock->m_diskLock = lockDiskFolder(fs, diskFolder, mode == ForWriting);
     const bool marked = isInStore(diskFolder) && holdsHeader(fs, diskFolder);
@@ -147,8 +158,8 @@ P<CBrickDiskLock> CBrickDiskLock::acquire(zo::IFileSystem* fs, const CURI& diskF
     lock->m_removedTemporaryFiles = fs->removeTemporaryFiles(diskFolder);
     if (lock->m_childLock)
         lock->m_removedTemporaryFiles += fs->removeTemporaryFiles(childFolder);
-    if (marked) {
-        lock->m_writeMark = writeMark.isEmpty() ? newRandomMark() : writeMark;
+    if (marked && writeMark) {
+        lock->m_writeMark = writeMark->isEmpty() ? newRandomMark() : *writeMark;
         storeWriteMark(fs, diskFolder, lock->m_writeMark);
     }
     return lock;

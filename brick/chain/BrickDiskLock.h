@@ -53,6 +53,12 @@ public:
     static zo::P<CBrickDiskLock> acquire(zo::IFileSystem* fs, const zo::CURI& diskFolder, Mode mode,
                                          const zo::String& writeMark = zo::String());
 
+    // As acquire, but a writing lock leaves the disk's write mark as it is
+    // (getWriteMark is then the previous mark): for a program that takes the
+    // lock only to find out whether the disk is free, and writes nothing
+    // under it, so that it does not hide an earlier writer from a cache.
+    static zo::P<CBrickDiskLock> acquireKeepingWriteMark(zo::IFileSystem* fs, const zo::CURI& diskFolder, Mode mode);
+
     // The longest write mark.
     static constexpr int kMaxWriteMarkLength = 64;
     // "write.brickmark", in the disk's folder.
@@ -80,6 +86,9 @@ public:
 
 private:
     explicit CBrickDiskLock(Mode mode) : m_mode(mode) {}
+    // `writeMark` null: the mark is left as it is.
+    static zo::P<CBrickDiskLock> lock(zo::IFileSystem* fs, const zo::CURI& diskFolder, Mode mode,
+                                      const zo::String* writeMark);
 
     Mode m_mode;
     zo::P<zo::IFileSystemLock> m_diskLock;

@@ -215,6 +215,19 @@ TEST_F(BrickDiskWriteMarkTest, AReaderLeavesTheMarkAndTellsIt)
     EXPECT_EQ(markInStore(kDisk).toUTF8(), "mark-1");
 }
 
+TEST_F(BrickDiskWriteMarkTest, AWriterThatOnlyChecksTheDiskIsFreeLeavesTheMark)
+{
+    CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting, "mark-1");
+
+    const P<CBrickDiskLock> writer =
+        CBrickDiskLock::acquireKeepingWriteMark(fs.get(), kDisk, CBrickDiskLock::ForWriting);
+
+    EXPECT_TRUE(writer->isHeld());
+    EXPECT_EQ(writer->getPreviousWriteMark().toUTF8(), "mark-1");
+    EXPECT_EQ(writer->getWriteMark().toUTF8(), "mark-1");
+    EXPECT_EQ(markInStore(kDisk).toUTF8(), "mark-1");
+}
+
 TEST_F(BrickDiskWriteMarkTest, AWriterOfAParentLeavesTheMarkOfItsChild)
 {
     CBrickDiskLock::acquire(fs.get(), kSnapshot, CBrickDiskLock::ForWriting, "child-mark");
