@@ -92,6 +92,15 @@ TEST_F(CachedStoreWriteMarkTest, ANewFolderGetsAnIdThatItsServersWriteAsTheDisks
     EXPECT_NE(ownerRecord().find("mark " + id.toUTF8() + "\n"), std::string::npos) << ownerRecord();
 }
 
+TEST_F(CachedStoreWriteMarkTest, AMissingFolderOrOneThatIsNoCacheFolderHasNoId)
+{
+    EXPECT_TRUE(brick::readCacheFolderId(cacheFs.get(), kCacheFolder).isEmpty());
+    cacheFs->createFolder(kCacheFolder, 0700);
+    setOwnerRecord("not an owner record\nid 0123456789abcdef0123456789abcdef\n");
+
+    EXPECT_TRUE(brick::readCacheFolderId(cacheFs.get(), kCacheFolder).isEmpty());
+}
+
 TEST_F(CachedStoreWriteMarkTest, AcceptsADiskWrittenOnlyThroughTheFolderAcrossOpenings)
 {
     P<CCachedStore> cache = openServed();
