@@ -36,7 +36,8 @@ protected:
     P<CCachedStore> openServed(CBrickDiskLock::Mode mode = CBrickDiskLock::ForWriting)
     {
         lock = P<CBrickDiskLock>();
-        lock = CBrickDiskLock::acquire(store.get(), kDisk, mode, brick::readCacheFolderId(cacheFs.get(), kCacheFolder));
+        lock =
+            CBrickDiskLock::acquire(store.get(), kDisk, mode, brick::readCacheFolderId(cacheFs.get(), settings.folder));
         settings.diskMarkBefore = lock->getPreviousWriteMark();
         settings.diskMark = lock->getWriteMark();
         return open();
@@ -210,6 +211,20 @@ TEST_F(CachedStoreWriteMarkTest, AnOwnerRecordWithoutIdIsAcceptedOnceAndUpgraded
     cache = P<CCachedStore>();
     writeElsewhere();
     const auto error = errorOf<CError>([&] { openServed(); });
+    ASSERT_TRUE(error);
+    EXPECT_NE(messageOf(*error).find("written without this cache folder"), std::string::npos) << messageOf(*error);
+}
+
+TEST_F(CachedStoreWriteMarkTest, TwoFoldersUsedInTurnForOneDiskRefuseEachOther)
+{
+    openServed();
+    settings.folder = CURI("/other-cache");
+    openServed();
+    openServed();
+    settings.folder = kCacheFolder;
+
+    const auto error = errorOf<CError>([&] { openServed(); });
+
     ASSERT_TRUE(error);
     EXPECT_NE(messageOf(*error).find("written without this cache folder"), std::string::npos) << messageOf(*error);
 }
