@@ -156,10 +156,15 @@ int runFlush(const CacheOptions& options)
     loadDiskHeader(store.get(), disk);
     // The changes are the disk's newest bytes: nobody else may write it
     // meanwhile, as while a server uploads them.
-    const zo::P<brick::CBrickDiskLock> lock = lockDisk(store.get(), disk, brick::CBrickDiskLock::ForWriting);
+    // Its lock writes the folder's ID as the disk's write mark, as a server
+    // of the folder does.
+    const zo::P<brick::CBrickDiskLock> lock =
+        lockDiskForWriting(store.get(), disk, brick::readCacheFolderId(cacheFs.get(), folder));
     brick::CacheSettings settings;
     settings.folder = folder;
     settings.uploadJobs = options.uploadJobs;
+    settings.diskMarkBefore = lock->getPreviousWriteMark();
+    settings.diskMark = lock->getWriteMark();
     // Opening the cache uploads every change its journal records before it
     // returns, and throws the error of an upload that fails.
     const zo::P<brick::CCachedStore> cache(new brick::CCachedStore(store.get(), disk, cacheFs.get(), settings));

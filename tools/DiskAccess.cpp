@@ -146,12 +146,17 @@ void addForceShareOption(CLI::App& command, bool& forceShare)
 
 namespace {
 
+// Empty: a writing lock writes a new random write mark.
+const zo::String kNewWriteMark;
+
+// `writeMark` null: the lock leaves the disk's write mark as it is.
 zo::P<brick::CBrickDiskLock> acquireLock(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
-                                         bool offersForceShare)
+                                         bool offersForceShare, const zo::String* writeMark)
 {
     zo::P<brick::CBrickDiskLock> lock;
     try {
-        lock = brick::CBrickDiskLock::acquire(fs, folder, mode);
+        lock = writeMark ? brick::CBrickDiskLock::acquire(fs, folder, mode, *writeMark)
+                         : brick::CBrickDiskLock::acquireKeepingWriteMark(fs, folder, mode);
     } catch (const brick::CBrickDiskError& e) {
         if (e.getErrorCode() != brick::CBrickDiskError::DiskInUse)
             throw;
@@ -177,7 +182,18 @@ zo::P<brick::CBrickDiskLock> acquireLock(zo::IFileSystem* fs, const zo::CURI& fo
 
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode)
 {
-    return acquireLock(fs, folder, mode, false);
+    return acquireLock(fs, folder, mode, false, &kNewWriteMark);
+}
+
+zo::P<brick::CBrickDiskLock> lockDiskForWriting(zo::IFileSystem* fs, const zo::CURI& folder,
+                                                const zo::String& writeMark)
+{
+    return acquireLock(fs, folder, brick::CBrickDiskLock::ForWriting, false, &writeMark);
+}
+
+void checkDiskFree(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode)
+{
+    acquireLock(fs, folder, mode, false, nullptr);
 }
 
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,
@@ -185,7 +201,7 @@ zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folde
 {
     if (forceShare && mode == brick::CBrickDiskLock::ForReading)
         return zo::P<brick::CBrickDiskLock>();
-    return acquireLock(fs, folder, mode, true);
+    return acquireLock(fs, folder, mode, true, &kNewWriteMark);
 }
 
 std::vector<zo::CURI> parentDiskFolders(zo::IFileSystem* fs, const zo::CURI& folder)

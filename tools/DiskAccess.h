@@ -93,6 +93,16 @@ void addForceShareOption(CLI::App& command, bool& forceShare);
 // stderr. For commands without --force-share.
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode);
 
+// The same for a writer that writes `writeMark` as the disk's write mark (a
+// served disk's cache folder's ID; see brick::CBrickDiskLock::acquire).
+zo::P<brick::CBrickDiskLock> lockDiskForWriting(zo::IFileSystem* fs, const zo::CURI& folder,
+                                                const zo::String& writeMark);
+
+// Takes the disk's lock for `mode` for a moment, to refuse a disk in use as
+// lockDisk does, and releases it; a writing lock leaves the disk's write
+// mark as it is (brick::CBrickDiskLock::acquireKeepingWriteMark).
+void checkDiskFree(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode);
+
 // The same for a command that has --force-share (addForceShareOption): a
 // reader with `forceShare` takes no lock and gets null, and the error of a
 // reader of a disk in use adds a hint at --force-share.

@@ -256,7 +256,10 @@ public:
         // A disk in use is refused here, naming its holder as every command
         // does, before anything of a running server (its socket) is touched.
         // The server takes the lock itself once it runs.
-        lockDisk(fs.get(), folder, m_readOnly ? brick::CBrickDiskLock::ForReading : brick::CBrickDiskLock::ForWriting);
+        // The disk's write mark is left as it is: the server's cache checks
+        // it for writers without the cache.
+        checkDiskFree(fs.get(), folder,
+                      m_readOnly ? brick::CBrickDiskLock::ForReading : brick::CBrickDiskLock::ForWriting);
 
         std::vector<std::string> argv{"nbdkit", "-f", "--exit-with-parent"};
         if (m_socket.empty()) {

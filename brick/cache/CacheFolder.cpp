@@ -39,11 +39,11 @@ CacheFolderContents readCacheFolder(zo::IFileSystem* cacheFs, const CURI& folder
     if (!cacheFs->folderExists(folder))
         throw CError("The cache folder does not exist.", String(), -1, props);
     const CURI ownerFile = folder << detail::kCacheOwnerFile;
-    std::string disk;
-    if (!cacheFs->fileExists(ownerFile) || !detail::parseOwnerDisk(detail::readCacheText(cacheFs, ownerFile), disk))
+    detail::OwnerRecord owner;
+    if (!cacheFs->fileExists(ownerFile) || !detail::parseOwnerRecord(detail::readCacheText(cacheFs, ownerFile), owner))
         throw CError("The folder is not a cache folder: it has no owner record of a cache.", String(), -1, props);
     CacheFolderContents contents;
-    contents.disk = String(disk);
+    contents.disk = String(owner.disk);
     const CURI files = folder << detail::kCacheFilesFolder;
     if (cacheFs->folderExists(files))
         countFiles(cacheFs, files, contents);
@@ -71,6 +71,17 @@ CacheFolderContents readCacheFolder(zo::IFileSystem* cacheFs, const CURI& folder
                   return a.file < b.file;
               });
     return contents;
+}
+
+String readCacheFolderId(zo::IFileSystem* cacheFs, const CURI& folder)
+{
+    const CURI ownerFile = folder << detail::kCacheOwnerFile;
+    if (!cacheFs->fileExists(ownerFile))
+        return String();
+    detail::OwnerRecord owner;
+    if (!detail::parseOwnerRecord(detail::readCacheText(cacheFs, ownerFile), owner))
+        return String();
+    return String(owner.id);
 }
 
 } // namespace brick

@@ -44,4 +44,11 @@ struct CacheFolderContents {
 // Any thread may call it.
 BRICKDISK_EXPORT CacheFolderContents readCacheFolder(zo::IFileSystem* cacheFs, const zo::CURI& folder);
 
+// The cache folder's own ID, which its servers pass to their writing lock of
+// the disk as its write mark (CBrickDiskLock::acquire; see CCachedStore).
+// Empty when the folder does not exist, holds no owner record, or one made
+// before the ID existed. Throws the file system's errors. Any thread may
+// call it.
+BRICKDISK_EXPORT zo::String readCacheFolderId(zo::IFileSystem* cacheFs, const zo::CURI& folder);
+
 } // namespace brick

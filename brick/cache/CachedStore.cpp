@@ -61,6 +61,51 @@ CFileSystemError notFound(const CURI& file)
                             CError("The file does not exist.", String(), -1, CProps().add("path", file.toString())));
 }
 
+// Refuses the cache folder of `settings` unless its owner record `owner` is
+// that of `disk` with the header digest `header`, and the disk was not
+// written without the folder since.
+void refuseUnlessOwner(const CacheSettings& settings, const String& disk, const std::string& header,
+                       const detail::OwnerRecord& owner, bool hasDirty)
+{
+    // The disk was written only through this folder since its last opening
+    // when the mark it held before this opening's lock is one this folder
+    // knows: its own ID, which every lock of its servers writes, or the mark
+    // the last opening recorded (the lock of a folder's first opening wrote
+    // a random one, as the folder had no ID yet). Any other writer leaves a
+    // mark of its own. A kill between a lock writing the folder's ID and the
+    // opening recording it leaves the ID in the disk, which is accepted: no
+    // crash makes a false refusal. A folder made before the ID existed has
+    // no record to compare with and is accepted once.
+    const std::string markBefore = settings.diskMarkBefore.toUTF8();
+    const bool writtenThroughThisFolder =
+        owner.id.empty() || markBefore == owner.id || markBefore == owner.expectedMark;
+    if (owner.disk == disk.toUTF8() && owner.headerDigest == header && writtenThroughThisFolder)
+        return;
+    const String folder = settings.folder.toString();
+    CProps props = CProps().add("cacheFolder", folder).add("diskFolder", disk).add("cachedDisk", String(owner.disk));
+    std::string quoted("'");
+    quoted.append(folder.toUTF8()).append("'");
+    const std::string drop = "brickdisk cache drop " + quoted + (hasDirty ? " --discard-dirty" : "");
+    if (owner.disk != disk.toUTF8()) {
+        if (hasDirty)
+            throw CError(String("The cache folder belongs to another disk, " + owner.disk +
+                                ", and holds changes of it that its store lacks. Upload them with 'brickdisk cache "
+                                "flush " +
+                                quoted + "' (or by serving that disk with this cache folder), or give them up with '" +
+                                drop + "'; or choose another cache folder."),
+                         String(), -1, props);
+        throw CError(String("The cache folder belongs to another disk, " + owner.disk +
+                            ". Choose another cache folder, or empty this one with '" + drop + "'."),
+                     String(), -1, props);
+    }
+    const std::string reason = owner.headerDigest != header ? "its header is not the one the cache recorded"
+                                                            : "it was written without this cache folder";
+    throw CError(String("The disk changed elsewhere since this cache folder was used: " + reason +
+                        ". Empty the cache folder with '" + drop + "' before serving it" +
+                        (hasDirty ? ", which gives up the changes the cache holds for the store." : ".")),
+                 String(), -1, props);
+}
+
 } // namespace
 
 bool CCachedStore::isBrickFile(const CURI& path)
@@ -166,38 +211,25 @@ void CCachedStore::checkOwner(const CURI& diskFolder, bool hasDirty)
     const std::string header =
         detail::sha256Hex(detail::readCacheText(getInner(), CBrickDiskHeader::getHeaderURI(diskFolder, 0)));
     const CURI ownerFile = m_settings.folder << detail::kCacheOwnerFile;
-    const std::string expected = detail::formatOwnerRecord(disk.toUTF8(), header);
-    if (!m_cacheFs->fileExists(ownerFile)) {
-        storeText(m_cacheFs.get(), ownerFile, expected);
-        return;
+    const bool isNew = !m_cacheFs->fileExists(ownerFile);
+    const std::string recorded = isNew ? std::string() : detail::readCacheText(m_cacheFs.get(), ownerFile);
+    detail::OwnerRecord owner;
+    if (!isNew) {
+        detail::parseOwnerRecord(recorded, owner);
+        refuseUnlessOwner(m_settings, disk, header, owner, hasDirty);
     }
-    const std::string recorded = detail::readCacheText(m_cacheFs.get(), ownerFile);
-    if (recorded == expected)
-        return;
-    std::string cachedDisk;
-    detail::parseOwnerDisk(recorded, cachedDisk);
-    const String folder = m_settings.folder.toString();
-    CProps props = CProps().add("cacheFolder", folder).add("diskFolder", disk).add("cachedDisk", String(cachedDisk));
-    std::string quoted("'");
-    quoted.append(folder.toUTF8()).append("'");
-    const std::string drop = "brickdisk cache drop " + quoted + (hasDirty ? " --discard-dirty" : "");
-    if (cachedDisk != disk.toUTF8()) {
-        if (hasDirty)
-            throw CError(String("The cache folder belongs to another disk, " + cachedDisk +
-                                ", and holds changes of it that its store lacks. Upload them with 'brickdisk cache "
-                                "flush " +
-                                quoted + "' (or by serving that disk with this cache folder), or give them up with '" +
-                                drop + "'; or choose another cache folder."),
-                         String(), -1, props);
-        throw CError(String("The cache folder belongs to another disk, " + cachedDisk +
-                            ". Choose another cache folder, or empty this one with '" + drop + "'."),
-                     String(), -1, props);
-    }
-    throw CError(String("The disk changed elsewhere since this cache folder was used: its header is not the one "
-                        "the cache recorded. Empty the cache folder with '" +
-                        drop + "' before serving it" +
-                        (hasDirty ? ", which gives up the changes the cache holds for the store." : ".")),
-                 String(), -1, props);
+    owner.disk = disk.toUTF8();
+    owner.headerDigest = header;
+    // A folder made before the ID existed gets one now.
+    if (owner.id.empty())
+        owner.id = detail::newCacheFolderId();
+    m_folderId = String(owner.id);
+    owner.expectedMark = m_settings.diskMark.toUTF8();
+    const std::string updated = detail::formatOwnerRecord(owner);
+    // Durable before anything is served, so that the next opening expects
+    // the mark this opening's lock left.
+    if (updated != recorded)
+        storeText(m_cacheFs.get(), ownerFile, updated);
 }
 
 CURI CCachedStore::cachePath(const String& key) const

@@ -4,9 +4,12 @@
 //
 // It keeps brick files as they are stored (encrypted and authenticated; it
 // never sees plain bytes) in a cache folder of `cacheFs`:
-//   owner            the disk's name and a SHA-256 of its header, written when
-//                    the folder is first used; another disk, or the same disk
-//                    with another header, is refused;
+//   owner            the disk's name, a SHA-256 of its header, the folder's own
+//                    random ID and the write mark the cache expects the disk
+//                    to hold (see "Writers without the cache" below), written
+//                    when the folder is first used; another disk, the same
+//                    disk with another header, or one written without this
+//                    folder since, is refused;
 //   files/...        the cached brick files, one per brick file of the store,
 //                    under a path made of the store's path ("s3://b/d/x"
 //                    becomes "files/s3/b/d/x");
@@ -49,6 +52,17 @@
 // the whole folder durable first (zo::syncAllBelow), then removes "in-use";
 // a cache folder on a file system that cannot do so never closes cleanly,
 // and its clean files are fetched again after each opening.
+//
+// Writers without the cache: every writing lock of a disk in a store
+// replaces the disk's write mark (CBrickDiskLock). The servers of a cache
+// folder, and "brickdisk cache flush", pass the folder's ID
+// (readCacheFolderId) as the mark their lock writes; any other writer writes
+// a mark of its own. An opening accepts the disk when the mark it held before
+// the opening's lock is the folder's ID or the mark the folder recorded at its
+// last opening, and records the mark the disk holds now; any other mark means
+// the disk gained bricks the clean files of the folder may not show, and the
+// folder is refused. A folder made before the ID existed is accepted once and
+// given one.
 //
 // Files that are not brick files (headers, links, locks, creation marks) and
 // folders go straight to the store. A brick file is a "*.brick" file below a
@@ -112,6 +126,13 @@ struct CacheSettings {
     // most; a file fetched beyond them is returned to its readers but not
     // kept.
     zo::int64 maxWaitingFetchBytes = 64ll << 20;
+    // The disk's write marks as the caller's lock of the disk saw them
+    // (CBrickDiskLock): the one the disk held before the lock replaced it
+    // (getPreviousWriteMark) and the one it holds now (getWriteMark). Both
+    // the same for a lock taken for reading; both empty for a disk without
+    // marks.
+    zo::String diskMarkBefore;
+    zo::String diskMark;
 };
 
 // What a cache has done since it was opened, and what it holds now.
@@ -145,7 +166,10 @@ public:
     // must be there. A folder used before for another disk, or for this disk
     // with another header (changed elsewhere), is refused with a zo::CError
     // that names what to do (properties "cacheFolder", "diskFolder",
-    // "cachedDisk"). A folder whose last cache did not close cleanly loses
+    // "cachedDisk"); so is a folder whose disk was written without it since
+    // its last opening, as settings.diskMarkBefore tells (see "Writers
+    // without the cache" above). The folder then records settings.diskMark
+    // as the mark it expects, durably, before the call returns. A folder whose last cache did not close cleanly loses
     // its clean files (logged). The changes recorded dirty in the journal
     // (left by a process that ended without uploading them) are uploaded
     // before the call returns; a failing upload throws its error. Throws the
@@ -172,6 +196,10 @@ public:
     zo::int64 getCachedBytes() const;
     // The counters as they are now. Any thread may call it. Never throws.
     CacheCounters getCounters() const;
+    // The cache folder's own ID (readCacheFolderId), which the disk's writing
+    // locks taken while the cache serves it should write as the disk's write
+    // mark. Never throws.
+    const zo::String& getFolderId() const { return m_folderId; }
     // True when `file` (a brick file) has its bytes in the cache folder.
     bool isCached(const zo::CURI& file) const;
     // Waits until no fetched file waits to be written into the cache folder
@@ -239,6 +267,9 @@ private:
         bool writing = false;
     };
 
+    // Refuses the folder unless its owner record is that of the disk, with
+    // the same header, and the disk was not written without the folder since;
+    // then records the disk's mark now as the one expected.
     void checkOwner(const zo::CURI& diskFolder, bool hasDirty);
     void loadJournal();
     // Takes in the cached files below `folder`; without `trustClean`, deletes
@@ -290,6 +321,7 @@ private:
     CacheSettings m_settings;
     // The disk's folder and "/": its brick files are the ones written here.
     zo::String m_diskPrefix;
+    zo::String m_folderId;
     zo::P<zo::IFileSystemLock> m_folderLock;
     zo::P<zo::CCompletionPool> m_pool;
 

@@ -1,5 +1,6 @@
 #include "ServedDisk.h"
 
+#include "brick/cache/CacheFolder.h"
 #include "brick/chain/BrickDiskChain.h"
 #include "zo/LocalFileSystem.h"
 #include "zo/Log.h"
@@ -59,20 +60,29 @@ CServedDisk::CServedDisk(const ServeOptions& options)
         m_storeCounter = zo::P<brick::CCountingFileSystem>(new brick::CCountingFileSystem(m_fs.get()));
         m_fs = m_storeCounter;
     }
-    m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder,
-                                     options.readOnly ? CBrickDiskLock::ForReading : CBrickDiskLock::ForWriting);
+    brick::CacheSettings settings;
+    zo::P<zo::IFileSystem> cacheFs;
+    // Read before the lock, which writes it as the disk's write mark.
     if (!options.cacheDir.empty()) {
-        // Opened under the lock: what a killed server left in the cache is
-        // uploaded before anything reads the disk.
-        brick::CacheSettings settings;
         // The user's own links on the way to the folder are resolved once,
         // here: the local file system follows none.
         settings.folder = zo::CLocalFileSystem::resolveUserPath(options.cacheDir);
+        cacheFs = zo::P<zo::IFileSystem>(new zo::CLocalFileSystem(kCacheFileSystemThreads));
+        m_writeMark = brick::readCacheFolderId(cacheFs.get(), settings.folder);
+    }
+    m_lock = CBrickDiskLock::acquire(
+        m_fs.get(), m_folder, options.readOnly ? CBrickDiskLock::ForReading : CBrickDiskLock::ForWriting, m_writeMark);
+    if (!options.cacheDir.empty()) {
+        // Opened under the lock: what a killed server left in the cache is
+        // uploaded before anything reads the disk.
         settings.maxBytes = options.cacheDirBytes;
         settings.uploadJobs = options.uploadJobs;
         settings.maxDirtyFiles = options.maxDirtyFiles;
-        const zo::P<zo::IFileSystem> cacheFs(new zo::CLocalFileSystem(kCacheFileSystemThreads));
+        settings.diskMarkBefore = m_lock->getPreviousWriteMark();
+        settings.diskMark = m_lock->getWriteMark();
         m_cache = zo::P<brick::CCachedStore>(new brick::CCachedStore(m_fs.get(), m_folder, cacheFs.get(), settings));
+        // A new folder has its ID now: the locks taken while serving write it.
+        m_writeMark = m_cache->getFolderId();
         m_fs = m_cache;
     }
     // A parent that is missing or was not made for this disk would show
@@ -136,7 +146,7 @@ void CServedDisk::takeSnapshot(const zo::CURI& snapshotFolder)
         // The lock now covers the new child, which writers must keep off.
         // Locks of one process exclude each other too: the old one goes first.
         m_lock = zo::P<CBrickDiskLock>();
-        m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder, CBrickDiskLock::ForWriting);
+        m_lock = CBrickDiskLock::acquire(m_fs.get(), m_folder, CBrickDiskLock::ForWriting, m_writeMark);
         return reopened;
     });
 }

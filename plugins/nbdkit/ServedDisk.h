@@ -54,7 +54,8 @@ public:
     // Reaches the disk's store (brick::openStore, durable stores), locks the
     // disk (for writing, or shared for reading), with a cache folder opens
     // the cache over the store (which first uploads what a killed server
-    // left in it, and refuses the cache folder of another disk), checks that every parent
+    // left in it, and refuses the cache folder of another disk or of a disk
+    // written without it since), checks that every parent
     // disk of its chain is there and made for it, opens it (reading and
     // writing unless read-only) and makes the block device. Throws the errors
     // of reaching the store, locking, the chain check and opening, such as
@@ -96,6 +97,9 @@ private:
     zo::P<brick::CCountingFileSystem> m_storeCounter;
     // Null without a cache folder; else m_fs.
     zo::P<brick::CCachedStore> m_cache;
+    // The write mark that the disk's writing locks write: the cache folder's
+    // ID; empty (a random mark) without a cache folder, or with a new one.
+    zo::String m_writeMark;
     zo::P<brick::CBrickDiskLock> m_lock;
     zo::P<brick::CBrickDiskBlockDevice> m_device;
     // Declared last, so it goes first, once the destructor has flushed and

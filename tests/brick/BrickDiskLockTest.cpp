@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <string>
 
 using brick::CBrickDisk;
 using brick::CBrickDiskError;
@@ -141,6 +142,137 @@ TEST_F(BrickDiskLockTest, AWriterWhoseChildLinkCannotBeReadFailsAndKeepsNoLock)
     EXPECT_THROW(lock("/disk", CBrickDiskLock::ForWriting), zo::CError);
     EXPECT_TRUE(lock("/disk", CBrickDiskLock::ForReading)->isHeld());
     EXPECT_TRUE(lock("/snapshot", CBrickDiskLock::ForWriting)->isHeld());
+}
+
+std::string text(const P<zo::TBuffer<zo::uint8>>& bytes)
+{
+    return bytes ? std::string(reinterpret_cast<const char*>(bytes->getData()), static_cast<size_t>(bytes->getUsed()))
+                 : std::string("<none>");
+}
+
+void setText(zo::CMemoryFileSystem& fs, const CURI& file, const std::string& text)
+{
+    fs.setFileData(
+        file, zo::TBuffer<zo::uint8>(reinterpret_cast<const zo::uint8*>(text.data()), static_cast<int>(text.size())));
+}
+
+// The write marks of a disk in a store, named by its address.
+class BrickDiskWriteMarkTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        testsupport::createDisk(fs.get(), kDisk, kDiskSize, "pw");
+        CBrickDisk::createChild(fs.get(), kSnapshot, kDisk, CBrickDisk::linkedChild);
+    }
+    zo::String markInStore(const CURI& disk) { return CBrickDiskLock::readWriteMark(fs.get(), disk); }
+
+    const CURI kDisk{"mem://store/disk"};
+    const CURI kSnapshot{"mem://store/snapshot"};
+    P<zo::CMemoryFileSystem> fs{new zo::CMemoryFileSystem()};
+};
+
+TEST_F(BrickDiskWriteMarkTest, AWriterReplacesTheMarkWithANewRandomOneEachTime)
+{
+    EXPECT_TRUE(markInStore(kDisk).isEmpty());
+
+    zo::String first;
+    {
+        const P<CBrickDiskLock> writer = CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting);
+        EXPECT_TRUE(writer->getPreviousWriteMark().isEmpty());
+        first = writer->getWriteMark();
+        EXPECT_EQ(first.toUTF8().size(), 32u);
+        EXPECT_EQ(markInStore(kDisk), first);
+        EXPECT_EQ(text(fs->getFileData(kDisk << "write.brickmark")), first.toUTF8() + "\n");
+    }
+    const P<CBrickDiskLock> second = CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting);
+
+    EXPECT_EQ(second->getPreviousWriteMark(), first);
+    EXPECT_NE(second->getWriteMark(), first);
+    EXPECT_EQ(markInStore(kDisk), second->getWriteMark());
+}
+
+TEST_F(BrickDiskWriteMarkTest, AWriterWritesTheMarkItIsGiven)
+{
+    CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting);
+    const zo::String before = markInStore(kDisk);
+
+    const P<CBrickDiskLock> writer =
+        CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting, "0123456789abcdef0123456789abcdef");
+
+    EXPECT_EQ(writer->getPreviousWriteMark(), before);
+    EXPECT_EQ(writer->getWriteMark().toUTF8(), "0123456789abcdef0123456789abcdef");
+    EXPECT_EQ(markInStore(kDisk).toUTF8(), "0123456789abcdef0123456789abcdef");
+}
+
+TEST_F(BrickDiskWriteMarkTest, AReaderLeavesTheMarkAndTellsIt)
+{
+    CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting, "mark-1");
+
+    const P<CBrickDiskLock> reader = CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForReading, "mark-2");
+
+    EXPECT_EQ(reader->getPreviousWriteMark().toUTF8(), "mark-1");
+    EXPECT_EQ(reader->getWriteMark().toUTF8(), "mark-1");
+    EXPECT_EQ(markInStore(kDisk).toUTF8(), "mark-1");
+}
+
+TEST_F(BrickDiskWriteMarkTest, AWriterThatOnlyChecksTheDiskIsFreeLeavesTheMark)
+{
+    CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting, "mark-1");
+
+    const P<CBrickDiskLock> writer =
+        CBrickDiskLock::acquireKeepingWriteMark(fs.get(), kDisk, CBrickDiskLock::ForWriting);
+
+    EXPECT_TRUE(writer->isHeld());
+    EXPECT_EQ(writer->getPreviousWriteMark().toUTF8(), "mark-1");
+    EXPECT_EQ(writer->getWriteMark().toUTF8(), "mark-1");
+    EXPECT_EQ(markInStore(kDisk).toUTF8(), "mark-1");
+}
+
+TEST_F(BrickDiskWriteMarkTest, AWriterOfAParentLeavesTheMarkOfItsChild)
+{
+    CBrickDiskLock::acquire(fs.get(), kSnapshot, CBrickDiskLock::ForWriting, "child-mark");
+
+    CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting);
+
+    EXPECT_EQ(markInStore(kSnapshot).toUTF8(), "child-mark");
+}
+
+TEST_F(BrickDiskWriteMarkTest, AFolderWithoutADiskGetsNoMark)
+{
+    const CURI empty("mem://store/new");
+    fs->createFolder(empty, 0777);
+
+    CBrickDiskLock::acquire(fs.get(), empty, CBrickDiskLock::ForWriting);
+
+    EXPECT_FALSE(fs->fileExists(empty << "write.brickmark"));
+}
+
+TEST_F(BrickDiskWriteMarkTest, ARecordThatIsNoMarkReadsAsUnreadable)
+{
+    setText(*fs, kDisk << "write.brickmark", "two words\n");
+
+    EXPECT_EQ(CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForReading)->getPreviousWriteMark().toUTF8(),
+              "unreadable");
+}
+
+TEST_F(BrickDiskWriteMarkTest, AMarkWithWhiteSpaceIsRefused)
+{
+    EXPECT_TRUE(testsupport::errorOf<zo::CInvalidArgError>(
+        [&] { CBrickDiskLock::acquire(fs.get(), kDisk, CBrickDiskLock::ForWriting, "two words"); }));
+    EXPECT_TRUE(markInStore(kDisk).isEmpty());
+}
+
+TEST(BrickDiskLockLocal, AWriterLeavesNoMarkInALocalFolder)
+{
+    testsupport::TempFolder temp;
+    const P<zo::IFileSystem> fs(new zo::CLocalFileSystem(2));
+    const CURI disk = temp.uri() << "disk";
+    testsupport::createDisk(fs.get(), disk, kDiskSize, "pw");
+
+    const P<CBrickDiskLock> writer = CBrickDiskLock::acquire(fs.get(), disk, CBrickDiskLock::ForWriting);
+
+    EXPECT_TRUE(writer->getWriteMark().isEmpty());
+    EXPECT_FALSE(std::filesystem::exists(disk.toLocalPath() + "/write.brickmark"));
 }
 
 TEST(BrickDiskLockLocal, WritingRemovesTheLeftoversOfInterruptedStoresInTheDiskAndItsChild)

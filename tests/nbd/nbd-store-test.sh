@@ -20,7 +20,8 @@
 #   info_and_map                                info_and_map, info_and_map_cached
 #   copy_in_and_out                             copy_in_and_out, copy_in_and_out_cached
 #   fio_verify_after_restart                    fio_kill_and_verify
-#   kill_after_flush                            kill_after_flush, cache_kill_and_serve_again
+#   kill_after_flush                            kill_after_flush, cache_kill_and_serve_again,
+#                                               cache_refuses_disk_written_elsewhere
 #   second_server_refused                       read_only_and_lock, two_servers_refused
 #   snapshot_unchanged_while_parent_written     snapshot_unchanged_while_parent_written,
 #                                               snapshot_unchanged_while_parent_written_cached
@@ -302,6 +303,39 @@ case_cache_kill_and_serve_again() {
     fail "the cache folder of another disk was used"
   fi
   grep -q "belongs to another disk" "$work/c.log" || fail "no reason given: $(cat "$work/c.log")"
+}
+
+# A cache folder serves its disk again after its own servers wrote it, a
+# snapshot taken while it served included; once another program wrote the
+# disk without it, the folder is refused, and serves again once dropped.
+case_cache_refuses_disk_written_elsewhere() {
+  local disk=$place/disk snap=$place/snap cache=$work/cache
+  make_disk "$disk" 4M
+  head -c 4194304 /dev/urandom >"$work/first"
+  head -c 4194304 /dev/urandom >"$work/second"
+  serve_in_background a "$disk" --socket "$work/a.sock" --cache-dir "$cache"
+  nbdcopy --flush "$work/first" "$(uri_of "$work/a.sock")" || fail "writing through the server failed"
+  run_brickdisk snapshot "$disk" "$snap" >"$work/snapshot.log" 2>&1 ||
+    fail "snapshot of the served disk failed: $(cat "$work/snapshot.log")"
+  stop_serving "$serve_pid" "$work/a.log"
+  serve_in_background b "$disk" --socket "$work/b.sock" --cache-dir "$cache"
+  stop_serving "$serve_pid" "$work/b.log"
+
+  run_brickdisk import "$disk" "$work/second" -q >"$work/import.log" 2>&1 ||
+    fail "import without the cache failed: $(cat "$work/import.log")"
+  if timeout 60 "$brickdisk" "${settings[@]}" serve "$disk" --socket "$work/c.sock" --cache-dir "$cache" >"$work/c.log" 2>&1; then
+    fail "the cache folder served a disk written without it"
+  fi
+  grep -q "it was written without this cache folder" "$work/c.log" || fail "no reason given: $(cat "$work/c.log")"
+  grep -q "brickdisk cache drop '$cache'" "$work/c.log" || fail "no command given: $(cat "$work/c.log")"
+
+  run_brickdisk cache drop "$cache" >"$work/drop.log" 2>&1 || fail "cache drop failed: $(cat "$work/drop.log")"
+  serve_in_background d "$disk" --socket "$work/d.sock" --cache-dir "$cache"
+  nbdcopy "$(uri_of "$work/d.sock")" "$work/out" || fail "reading through the server failed"
+  stop_serving "$serve_pid" "$work/d.log"
+  cmp "$work/second" "$work/out" || fail "the server did not read what the other program wrote"
+  export_disk "$snap" "$work/snap.img"
+  cmp "$work/first" "$work/snap.img" || fail "the snapshot does not hold what was written before it"
 }
 
 # fio writes verifiable blocks through a cached server and flushes; a second

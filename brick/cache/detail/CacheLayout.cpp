@@ -1,6 +1,7 @@
 #include "brick/cache/detail/CacheLayout.h"
 
 #include "seal/Digest.h"
+#include "seal/Random.h"
 
 #include <sstream>
 
@@ -11,6 +12,27 @@ namespace {
 constexpr char kOwnerMagic[] = "brickdisk cache 1";
 constexpr char kRecordMagic[] = "brickdisk cache record 1";
 
+std::string hexOf(const unsigned char* bytes, int size)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (int i = 0; i < size; ++i) {
+        hex += digits[bytes[i] >> 4];
+        hex += digits[bytes[i] & 15];
+    }
+    return hex;
+}
+
+// The rest of `line` after `word` and a space; false when it does not start
+// so.
+bool valueAfter(const std::string& line, const std::string& word, std::string& value)
+{
+    if (line.rfind(word + " ", 0) != 0)
+        return false;
+    value = line.substr(word.size() + 1);
+    return true;
+}
+
 } // namespace
 
 std::string sha256Hex(const std::string& text)
@@ -18,13 +40,7 @@ std::string sha256Hex(const std::string& text)
     const zo::P<seal::IDigestContext> context = seal::CDigestManager().getType("sha256")->createContext();
     context->update(text.data(), static_cast<int>(text.size()));
     context->finish();
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    for (int i = 0; i < context->getSize(); ++i) {
-        hex += digits[context->getDigest()[i] >> 4];
-        hex += digits[context->getDigest()[i] & 15];
-    }
-    return hex;
+    return hexOf(context->getDigest(), context->getSize());
 }
 
 std::string readCacheText(zo::IFileSystem* fs, const zo::CURI& file)
@@ -51,21 +67,35 @@ zo::CURI cachedFileOf(const zo::CURI& folder, const std::string& key)
     return zo::CURI(folder << kCacheFilesFolder, zo::String(path));
 }
 
-std::string formatOwnerRecord(const std::string& disk, const std::string& headerDigest)
+std::string formatOwnerRecord(const OwnerRecord& owner)
 {
-    return std::string(kOwnerMagic) + "\ndisk " + disk + "\nheader " + headerDigest + "\n";
+    return std::string(kOwnerMagic) + "\ndisk " + owner.disk + "\nheader " + owner.headerDigest + "\nid " + owner.id +
+        "\nmark " + owner.expectedMark + "\n";
 }
 
-bool parseOwnerDisk(const std::string& record, std::string& disk)
+bool parseOwnerRecord(const std::string& text, OwnerRecord& owner)
 {
-    std::istringstream lines(record);
+    std::istringstream lines(text);
     std::string magic, line;
     std::getline(lines, magic);
     std::getline(lines, line);
-    if (magic != kOwnerMagic || line.rfind("disk ", 0) != 0)
+    if (magic != kOwnerMagic || !valueAfter(line, "disk", owner.disk))
         return false;
-    disk = line.substr(5);
+    owner.headerDigest.clear();
+    owner.id.clear();
+    owner.expectedMark.clear();
+    while (std::getline(lines, line)) {
+        if (!valueAfter(line, "header", owner.headerDigest) && !valueAfter(line, "id", owner.id))
+            valueAfter(line, "mark", owner.expectedMark);
+    }
     return true;
+}
+
+std::string newCacheFolderId()
+{
+    unsigned char bytes[16];
+    seal::fillRandomBytes(bytes, sizeof(bytes));
+    return hexOf(bytes, sizeof(bytes));
 }
 
 std::string formatJournalRecord(const std::string& key, bool deletion)

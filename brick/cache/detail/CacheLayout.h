@@ -27,10 +27,23 @@ std::string readCacheText(zo::IFileSystem* fs, const zo::CURI& file);
 // "files/local/srv/d/x", a relative "d/x" is "files/relative/d/x".
 zo::CURI cachedFileOf(const zo::CURI& folder, const std::string& key);
 
-// The owner record: the disk's name and the SHA-256 of its header.
-std::string formatOwnerRecord(const std::string& disk, const std::string& headerDigest);
-// The disk an owner record names; false for text that is no owner record.
-bool parseOwnerDisk(const std::string& record, std::string& disk);
+// The owner record: the disk's name, the SHA-256 of its header, the cache
+// folder's own ID (random, made with the folder) and the write mark the cache
+// expects the disk to hold (CBrickDiskLock's "write.brickmark"; empty for a
+// disk that holds none). Records written before the ID existed hold only the
+// disk and the header.
+struct OwnerRecord {
+    std::string disk;
+    std::string headerDigest;
+    // Empty in a record written before the ID existed.
+    std::string id;
+    std::string expectedMark;
+};
+std::string formatOwnerRecord(const OwnerRecord& owner);
+// The owner record in `text`; false for text that is no owner record.
+bool parseOwnerRecord(const std::string& text, OwnerRecord& owner);
+// A new random ID of a cache folder: 32 lower-case hexadecimal digits.
+std::string newCacheFolderId();
 
 // A journal record: a change of the store's file `key` (a store, or a
 // deletion) with a check value over the lines before it.
