@@ -624,8 +624,10 @@ private:
     // destination's batch has put them in place, and notes in the record the
     // tag that each file got, with its size and last bytes: a later copy
     // finds them held without asking. Over a destination whose listings give
-    // no tags, one folder is listed to tell, then no more. A listing that
-    // fails is logged and only leaves its files out of the record.
+    // no tags, folders are listed one at a time until one tells, then no
+    // more. A listing that fails is logged and only leaves its files out of
+    // the record. Whether tags are given is settled here, on the caller's
+    // thread; the workers only report what their listing showed.
     void learnTagsOfSent()
     {
         std::vector<SentFile> sent;
@@ -640,12 +642,14 @@ private:
             byFolder[file.target.getParent()].push_back(&file);
         const std::vector<std::pair<CURI, std::vector<const SentFile*>>> folders(byFolder.begin(), byFolder.end());
         std::size_t first = 0;
-        if (m_destinationTags == Tags::Unknown) {
-            learnTagsIn(folders[0].first, folders[0].second);
-            first = 1;
-            if (m_destinationTags == Tags::NotGiven)
-                return;
+        while (m_destinationTags == Tags::Unknown && first < folders.size()) {
+            const std::optional<bool> tagged = learnTagsIn(folders[first].first, folders[first].second);
+            ++first;
+            if (tagged)
+                m_destinationTags = *tagged ? Tags::Given : Tags::NotGiven;
         }
+        if (m_destinationTags != Tags::Given)
+            return;
         runOnWorkers(
             folders.size() - first, kComparisonsPerJob * std::max(1, m_options.jobs),
             [&](std::size_t item) { learnTagsIn(folders[first + item].first, folders[first + item].second); },
@@ -655,15 +659,17 @@ private:
             });
     }
 
-    // Notes the tags that one listing of `folder` gives `files`, sent into it.
-    void learnTagsIn(const CURI& folder, const std::vector<const SentFile*>& files)
+    // Notes the tags that one listing of `folder` gives `files`, sent into
+    // it. Tells whether the listing gave any of them a tag; nothing when the
+    // listing failed.
+    std::optional<bool> learnTagsIn(const CURI& folder, const std::vector<const SentFile*>& files)
     {
         std::vector<zo::FolderEntry> listed;
         try {
             listed = zo::listFolderWithInfo(m_destinationFs, folder);
         } catch (const CError& e) {
             zo::logError(e, "Listing the brick files sent failed; the next copy reads their digests.", String());
-            return;
+            return std::nullopt;
         }
         std::map<std::string, const zo::FolderEntry*> byName;
         for (const zo::FolderEntry& entry : listed)
@@ -680,8 +686,7 @@ private:
             m_record->note(tag, file->size, file->tail);
             m_heldTags.insert(tag);
         }
-        if (m_destinationTags == Tags::Unknown)
-            m_destinationTags = tagged ? Tags::Given : Tags::NotGiven;
+        return tagged;
     }
 
     // True when the record maps `tag` to a file of `size` bytes that ends
@@ -836,8 +841,9 @@ private:
     // With a record, the files sent whose tags are not listed yet (under
     // m_mutex).
     std::vector<SentFile> m_sentForTags;
-    // Told by the first listing of brick files in the destination; changed
-    // on the caller's thread only.
+    // Told by the first listing of the destination that shows brick files;
+    // read and settled on the caller's thread only (noteWhetherTagsAreGiven,
+    // learnTagsOfSent).
     Tags m_destinationTags = Tags::Unknown;
     // The disks to list ahead, and the next one to start.
     std::vector<DiskPlan> m_toListAhead;

@@ -11,14 +11,13 @@
 #include "support/BackupTestChain.h"
 #include "support/CountingObjectStore.h"
 #include "support/DiskTestHelpers.h"
+#include "support/LocalFile.h"
 #include "support/MemoryObjectStore.h"
 #include "support/TempFolder.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -26,6 +25,8 @@
 using brick::CChainCopier;
 using brick::CCopyRecord;
 using testsupport::CCountingObjectStore;
+using testsupport::readLocalFile;
+using testsupport::writeLocalFile;
 using testsupport::backuptest::kBrickSize;
 using testsupport::backuptest::kPassword;
 using testsupport::backuptest::kSourceTop;
@@ -37,18 +38,6 @@ namespace {
 
 constexpr zo::int64 kDiskSize = 16 * kBrickSize;
 const char* const kDestination = "memory://bucket/dst/disk";
-
-std::string readLocalFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-void writeLocalFile(const std::string& path, const std::string& bytes)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << bytes;
-}
 
 class ChainCopierRecord : public ::testing::Test {
 protected:
