@@ -523,9 +523,13 @@ private:
         }
     }
 
+    // Folders of one disk's brick tree listed at once: as many as files are
+    // sent at once.
+    int treeFoldersListedAtOnce() const { return std::max(1, m_options.jobs); }
+
     CBrickTree::Listing listSource(const DiskPlan& disk) const
     {
-        return CBrickTree::list(m_sourceFs, disk.source, disk.header);
+        return CBrickTree::list(m_sourceFs, disk.source, disk.header, treeFoldersListedAtOnce());
     }
 
     // Empty for a disk whose folder the destination lacks.
@@ -533,7 +537,7 @@ private:
     {
         if (!m_destinationFs->folderExists(disk.destination))
             return CBrickTree::Listing();
-        return CBrickTree::list(m_destinationFs, disk.destination, disk.header);
+        return CBrickTree::list(m_destinationFs, disk.destination, disk.header, treeFoldersListedAtOnce());
     }
 
     static bool isLinkRecord(const String& name)
