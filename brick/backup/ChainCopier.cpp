@@ -2,6 +2,7 @@
 
 #include "brick/backup/CopyRecord.h"
 #include "brick/backup/RetentionPlan.h"
+#include "brick/backup/detail/RecordReadCache.h"
 #include "brick/chain/BrickDisk.h"
 #include "brick/chain/BrickDiskChain.h"
 #include "brick/chain/DiskStore.h"
@@ -67,6 +68,9 @@ struct DiskPlan {
     CBrickDiskHeader header;
     // The destination holds it as a member of its chain already.
     bool existing = false;
+    // How the destination's folder was found before the copy: Finished for
+    // a folder without marks (or none).
+    CBrickDisk::Completion completion = CBrickDisk::Finished;
 };
 
 // The first `size` bytes of `file`, read whole.
@@ -245,9 +249,11 @@ CError copyError(const String& message, const CURI& source, const CURI& destinat
 
 class CCopyRun {
 public:
-    CCopyRun(zo::IFileSystem* sourceFs, zo::IFileSystem* destinationFs, const CURI& destination,
-             const CChainCopier::Options& options)
-        : m_sourceFs(sourceFs), m_destinationFs(destinationFs), m_options(options)
+    // `records` reads the destination's records (over `destinationFs`) for
+    // their comparisons; the copy changes them through `destinationFs`.
+    CCopyRun(zo::IFileSystem* sourceFs, zo::IFileSystem* destinationFs, detail::CRecordReadCache* records,
+             const CURI& destination, const CChainCopier::Options& options)
+        : m_sourceFs(sourceFs), m_destinationFs(destinationFs), m_records(records), m_options(options)
     {
         if (!options.recordFolder.isEmpty())
             m_record = CCopyRecord::load(options.recordFolder, destination);
@@ -315,9 +321,9 @@ public:
     void syncRecord(const DiskPlan& disk, const String& name, bool deleteMissing)
     {
         if (!recordExists(m_sourceFs, disk.source, name)) {
-            if (deleteMissing && recordExists(m_destinationFs, disk.destination, name)) {
+            if (deleteMissing && heldRecord(disk.destination, name).exists) {
                 if (!m_options.dryRun)
-                    deleteRecord(m_destinationFs, disk.destination, name);
+                    deleteHeldRecord(disk.destination, name);
                 ++m_summary.recordsWritten;
             }
             return;
@@ -328,18 +334,14 @@ public:
             return;
         }
         const zo::P<zo::TBuffer<zo::uint8>> payload = CBrickDiskAuxFileBase::loadAuxFile(m_sourceFs, disk.source, name);
-        if (recordExists(m_destinationFs, disk.destination, name)) {
-            bool same = false;
-            try {
-                same = *CBrickDiskAuxFileBase::loadAuxFile(m_destinationFs, disk.destination, name) == *payload;
-            } catch (const CError&) {
-                // A record that does not load is written again.
-            }
-            if (same)
-                return;
-        }
-        if (!m_options.dryRun)
+        // A record that does not load (no payload) is written again.
+        const HeldRecord held = heldRecord(disk.destination, name);
+        if (held.payload && *held.payload == *payload)
+            return;
+        if (!m_options.dryRun) {
+            forgetHeldRecord(disk.destination, name);
             CBrickDiskAuxFileBase::storeAuxFile(m_destinationFs, disk.destination, name, *payload);
+        }
         ++m_summary.recordsWritten;
     }
 
@@ -354,6 +356,7 @@ public:
         const String mark = CBrickDisk::getCreatingMarkFileName();
         if (!m_options.dryRun) {
             m_destinationFs->createFolder(disk.destination, kFolderMode);
+            forgetHeldRecord(disk.destination, mark);
             if (!recordExists(m_destinationFs, disk.destination, mark)) {
                 // The mark names the disk's parent, as createChild's does;
                 // the top names itself.
@@ -385,9 +388,13 @@ public:
     // the destination are whole.
     void finishDisk(const DiskPlan& disk)
     {
+        // The copy marks only the disks it makes: a disk that the
+        // destination held whole before keeps no mark to look for.
+        if (disk.existing && disk.completion == CBrickDisk::Finished)
+            return;
         if (!m_options.dryRun &&
             CBrickDisk::getCompletion(m_destinationFs, disk.destination) == CBrickDisk::CreationUnfinished)
-            deleteRecord(m_destinationFs, disk.destination, CBrickDisk::getCreatingMarkFileName());
+            deleteHeldRecord(disk.destination, CBrickDisk::getCreatingMarkFileName());
     }
 
     // The child link is copied when the disk it names is copied too; a disk
@@ -400,9 +407,9 @@ public:
             destinationDisks.count((disk.destination << sourceChild.toRelative(disk.source)).toNormalized()) > 0;
         if (copied) {
             syncRecord(disk, child, true);
-        } else if (recordExists(m_destinationFs, disk.destination, child)) {
+        } else if (heldRecord(disk.destination, child).exists) {
             if (!m_options.dryRun)
-                deleteRecord(m_destinationFs, disk.destination, child);
+                deleteHeldRecord(disk.destination, child);
             ++m_summary.recordsWritten;
         }
     }
@@ -418,6 +425,21 @@ public:
         m_toListAhead = disks;
         m_nextToList = 0;
         startListings();
+    }
+
+    // The folder that the destination's link record `name` of `disk` names,
+    // or empty when it has none; throws as CBrickDiskLink::load does for a
+    // record that does not load.
+    CURI heldLinkTarget(const DiskPlan& disk, const String& name)
+    {
+        const HeldRecord held = heldRecord(disk.destination, name);
+        if (!held.exists)
+            return CURI();
+        if (!held.payload)
+            return CBrickDiskChain::loadLinkedFolder(m_records, disk.destination, name);
+        CBrickDiskLink link;
+        link.loadPayload(*held.payload);
+        return (disk.destination << link.getTargetURI()).toNormalized();
     }
 
     // Tells the copy where each disk of the source chain lands, so that the
@@ -475,6 +497,13 @@ private:
     // Whether the destination's listings tell content tags.
     enum class Tags { Unknown, Given, NotGiven };
 
+    // A record of a disk in the destination.
+    struct HeldRecord {
+        bool exists = false;
+        // Its payload; null for one missing or that does not load.
+        zo::P<zo::TBuffer<zo::uint8>> payload;
+    };
+
     // The listings of one disk's brick trees under way (listAhead).
     struct ListingsAhead {
         std::future<CBrickTree::Listing> source;
@@ -494,9 +523,13 @@ private:
         }
     }
 
+    // Folders of one disk's brick tree listed at once: as many as files are
+    // sent at once.
+    int treeFoldersListedAtOnce() const { return std::max(1, m_options.jobs); }
+
     CBrickTree::Listing listSource(const DiskPlan& disk) const
     {
-        return CBrickTree::list(m_sourceFs, disk.source, disk.header);
+        return CBrickTree::list(m_sourceFs, disk.source, disk.header, treeFoldersListedAtOnce());
     }
 
     // Empty for a disk whose folder the destination lacks.
@@ -504,7 +537,7 @@ private:
     {
         if (!m_destinationFs->folderExists(disk.destination))
             return CBrickTree::Listing();
-        return CBrickTree::list(m_destinationFs, disk.destination, disk.header);
+        return CBrickTree::list(m_destinationFs, disk.destination, disk.header, treeFoldersListedAtOnce());
     }
 
     static bool isLinkRecord(const String& name)
@@ -539,23 +572,62 @@ private:
     // leaving one that names the same folder and disks as it is.
     void syncLink(const DiskPlan& disk, const String& name, const CBrickDiskLink& link)
     {
-        if (recordExists(m_destinationFs, disk.destination, name)) {
+        // A record that does not load (no payload) is written again.
+        const HeldRecord record = heldRecord(disk.destination, name);
+        if (record.payload) {
             CBrickDiskLink held;
             bool same = false;
             try {
-                held.load(m_destinationFs, disk.destination, name);
+                held.loadPayload(*record.payload);
                 same = held.getTargetURI().toNormalized() == link.getTargetURI() &&
                     held.getHolderID() == link.getHolderID() && held.getLinkedID() == link.getLinkedID() &&
                     held.getTag() == link.getTag();
             } catch (const CError&) {
-                // A record that does not load is written again.
+                // Nor does one that is no link.
             }
             if (same)
                 return;
         }
-        if (!m_options.dryRun)
+        if (!m_options.dryRun) {
+            forgetHeldRecord(disk.destination, name);
             link.store(m_destinationFs, disk.destination, name);
+        }
         ++m_summary.recordsWritten;
+    }
+
+    // The record `name` of the destination's disk in `folder`, as the
+    // copy's record cache has it: read once for the whole copy, also by the
+    // checks and the walk of the destination's chain before it. Only this
+    // copy changes the destination's records while it runs (the caller holds
+    // the destination's exclusive lock), and it forgets each record it
+    // writes or deletes (forgetHeldRecord, deleteHeldRecord) before it does.
+    // Passes on the file system's errors.
+    HeldRecord heldRecord(const CURI& folder, const String& name) const
+    {
+        HeldRecord held;
+        held.exists = recordExists(m_records, folder, name);
+        if (!held.exists)
+            return held;
+        try {
+            held.payload = CBrickDiskAuxFileBase::loadAuxFile(m_records, folder, name);
+        } catch (const CError&) {
+            // Held but damaged: no payload.
+        }
+        return held;
+    }
+
+    // Forgets what the copy read of a record that it is about to write.
+    void forgetHeldRecord(const CURI& folder, const String& name)
+    {
+        for (int copy = 0; copy < 2; ++copy)
+            m_records->forget(CBrickDiskAuxFileBase::getAuxFileURI(folder, name, copy));
+    }
+
+    // Deletes the destination's record `name` of the disk in `folder`.
+    void deleteHeldRecord(const CURI& folder, const String& name)
+    {
+        forgetHeldRecord(folder, name);
+        deleteRecord(m_destinationFs, folder, name);
     }
 
     void addProblem(const std::string& problem)
@@ -624,8 +696,10 @@ private:
     // destination's batch has put them in place, and notes in the record the
     // tag that each file got, with its size and last bytes: a later copy
     // finds them held without asking. Over a destination whose listings give
-    // no tags, one folder is listed to tell, then no more. A listing that
-    // fails is logged and only leaves its files out of the record.
+    // no tags, folders are listed one at a time until one tells, then no
+    // more. A listing that fails is logged and only leaves its files out of
+    // the record. Whether tags are given is settled here, on the caller's
+    // thread; the workers only report what their listing showed.
     void learnTagsOfSent()
     {
         std::vector<SentFile> sent;
@@ -640,12 +714,14 @@ private:
             byFolder[file.target.getParent()].push_back(&file);
         const std::vector<std::pair<CURI, std::vector<const SentFile*>>> folders(byFolder.begin(), byFolder.end());
         std::size_t first = 0;
-        if (m_destinationTags == Tags::Unknown) {
-            learnTagsIn(folders[0].first, folders[0].second);
-            first = 1;
-            if (m_destinationTags == Tags::NotGiven)
-                return;
+        while (m_destinationTags == Tags::Unknown && first < folders.size()) {
+            const std::optional<bool> tagged = learnTagsIn(folders[first].first, folders[first].second);
+            ++first;
+            if (tagged)
+                m_destinationTags = *tagged ? Tags::Given : Tags::NotGiven;
         }
+        if (m_destinationTags != Tags::Given)
+            return;
         runOnWorkers(
             folders.size() - first, kComparisonsPerJob * std::max(1, m_options.jobs),
             [&](std::size_t item) { learnTagsIn(folders[first + item].first, folders[first + item].second); },
@@ -655,15 +731,17 @@ private:
             });
     }
 
-    // Notes the tags that one listing of `folder` gives `files`, sent into it.
-    void learnTagsIn(const CURI& folder, const std::vector<const SentFile*>& files)
+    // Notes the tags that one listing of `folder` gives `files`, sent into
+    // it. Tells whether the listing gave any of them a tag; nothing when the
+    // listing failed.
+    std::optional<bool> learnTagsIn(const CURI& folder, const std::vector<const SentFile*>& files)
     {
         std::vector<zo::FolderEntry> listed;
         try {
             listed = zo::listFolderWithInfo(m_destinationFs, folder);
         } catch (const CError& e) {
             zo::logError(e, "Listing the brick files sent failed; the next copy reads their digests.", String());
-            return;
+            return std::nullopt;
         }
         std::map<std::string, const zo::FolderEntry*> byName;
         for (const zo::FolderEntry& entry : listed)
@@ -680,8 +758,7 @@ private:
             m_record->note(tag, file->size, file->tail);
             m_heldTags.insert(tag);
         }
-        if (m_destinationTags == Tags::Unknown)
-            m_destinationTags = tagged ? Tags::Given : Tags::NotGiven;
+        return tagged;
     }
 
     // True when the record maps `tag` to a file of `size` bytes that ends
@@ -815,6 +892,7 @@ private:
 
     zo::IFileSystem* m_sourceFs;
     zo::IFileSystem* m_destinationFs;
+    detail::CRecordReadCache* m_records;
     const CChainCopier::Options& m_options;
     CChainCopier::Summary m_summary;
     std::mutex m_mutex;
@@ -836,8 +914,9 @@ private:
     // With a record, the files sent whose tags are not listed yet (under
     // m_mutex).
     std::vector<SentFile> m_sentForTags;
-    // Told by the first listing of brick files in the destination; changed
-    // on the caller's thread only.
+    // Told by the first listing of the destination that shows brick files;
+    // read and settled on the caller's thread only (noteWhetherTagsAreGiven,
+    // learnTagsOfSent).
     Tags m_destinationTags = Tags::Unknown;
     // The disks to list ahead, and the next one to start.
     std::vector<DiskPlan> m_toListAhead;
@@ -895,15 +974,17 @@ void checkSameDisk(const CBrickDiskHeader& source, const CBrickDiskHeader& desti
 
 // Throws when the folder of a snapshot in the destination holds anything but
 // that snapshot, or the same snapshot cut short in the making by an earlier
-// copy: a disk of another key or ID, or files of no disk.
-void checkSnapshotFolder(zo::IFileSystem* fs, const DiskPlan& disk, const CURI& sourceFolder,
-                         const CURI& destinationFolder)
+// copy: a disk of another key or ID, or files of no disk. Returns how the
+// folder was found: Finished for one without marks or none.
+CBrickDisk::Completion checkSnapshotFolder(zo::IFileSystem* fs, const DiskPlan& disk, const CURI& sourceFolder,
+                                           const CURI& destinationFolder)
 {
     if (!fs->folderExists(disk.destination))
-        return;
+        return CBrickDisk::Finished;
     const bool hasHeader = fs->fileExists(CBrickDiskHeader::getHeaderURI(disk.destination, 0)) ||
         fs->fileExists(CBrickDiskHeader::getHeaderURI(disk.destination, 1));
-    const bool marked = CBrickDisk::getCompletion(fs, disk.destination) == CBrickDisk::CreationUnfinished;
+    const CBrickDisk::Completion completion = CBrickDisk::getCompletion(fs, disk.destination);
+    const bool marked = completion == CBrickDisk::CreationUnfinished;
     bool same = !hasHeader && (marked || !holdsFiles(fs, disk.destination));
     if (hasHeader && (disk.existing || marked)) {
         CBrickDiskHeader header;
@@ -915,12 +996,13 @@ void checkSnapshotFolder(zo::IFileSystem* fs, const DiskPlan& disk, const CURI& 
         throw copyError("The destination's folder " + disk.destination.toString(true) + " of the snapshot " +
                             disk.source.toString(true) + " holds another disk or other files: move them away first.",
                         sourceFolder, destinationFolder);
+    return completion;
 }
 
 // Carries out `plan` (oldest snapshot first, the top last): the steps in
 // ChainCopier.h, 1 to 5.
 void carryOut(CCopyRun& run, const std::vector<DiskPlan>& plan, const std::set<CURI>& copiedDisks, bool existingTop,
-              zo::IFileSystem* destinationFs, const CURI& destinationTop)
+              const CURI& destinationTop)
 {
     // 1. The snapshots the destination holds get what their source kept.
     for (const DiskPlan& disk : plan) {
@@ -943,8 +1025,7 @@ void carryOut(CCopyRun& run, const std::vector<DiskPlan>& plan, const std::set<C
         for (const DiskPlan& disk : plan) {
             if (!disk.existing || disk.destination == destinationTop)
                 continue;
-            const CURI parent =
-                CBrickDiskChain::loadLinkedFolder(destinationFs, disk.destination, CBrickDisk::getParentLinkFileName());
+            const CURI parent = run.heldLinkTarget(disk, CBrickDisk::getParentLinkFileName());
             const bool parentFromSource = std::any_of(
                 plan.begin(), plan.end(), [&](const DiskPlan& other) { return other.destination == parent; });
             if (parentFromSource)
@@ -985,18 +1066,21 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     CBrickDiskHeader topHeader;
     topHeader.load(sourceFs, sourceTop);
 
-    // What the destination holds already: its chain, top first.
+    // What the destination holds already: its chain, top first. Its records
+    // are read through one cache for the whole copy: the checks, the walk
+    // of its chain and the comparisons ask about the same records.
+    const zo::P<detail::CRecordReadCache> records(new detail::CRecordReadCache(destinationFs));
     bool existingTop = false;
     if (destinationFs->pathExists(destinationTop)) {
         if (!destinationFs->folderExists(destinationTop))
             throw copyError("The destination is a file, not a folder.", sourceTop, destinationTop);
         removeLeftovers(destinationFs, destinationTop, options);
-        const bool hasHeader = destinationFs->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 0)) ||
-            destinationFs->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 1));
-        const CBrickDisk::Completion completion = CBrickDisk::getCompletion(destinationFs, destinationTop);
+        const bool hasHeader = records->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 0)) ||
+            records->fileExists(CBrickDiskHeader::getHeaderURI(destinationTop, 1));
+        const CBrickDisk::Completion completion = CBrickDisk::getCompletion(records.get(), destinationTop);
         if (hasHeader) {
             CBrickDiskHeader header;
-            header.load(destinationFs, destinationTop);
+            header.load(records.get(), destinationTop);
             checkSameDisk(topHeader, header, sourceTop, destinationTop);
         } else if (completion == CBrickDisk::Finished && holdsFiles(destinationFs, destinationTop)) {
             throw copyError("The destination holds files but no disk: copy into an empty folder.", sourceTop,
@@ -1006,7 +1090,7 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     }
     std::vector<CURI> destinationChain;
     if (existingTop)
-        for (const CRetentionPlan::Disk& disk : CRetentionPlan::readChain(destinationFs, destinationTop))
+        for (const CRetentionPlan::Disk& disk : CRetentionPlan::readChain(records.get(), destinationTop))
             destinationChain.push_back(disk.folder.toNormalized());
     const std::set<CURI> destinationDisks(destinationChain.begin(), destinationChain.end());
 
@@ -1077,17 +1161,30 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
             leftOut.push_back(disk.source);
             continue;
         }
-        if (disk.destination != destinationTop) {
-            removeLeftovers(destinationFs, disk.destination, options);
-            checkSnapshotFolder(destinationFs, disk, sourceTop, destinationTop);
-        }
         plan.push_back(disk);
     }
+    // The snapshots' folders are cleared of leftovers and checked all at
+    // once: each touches its own folder only and changes nothing that
+    // another's check reads, so they need no order. The first refusal in
+    // the plan's order is the one thrown, once every check has ended.
+    std::vector<std::future<CBrickDisk::Completion>> checks;
+    for (const DiskPlan& disk : plan)
+        checks.push_back(std::async(disk.destination == destinationTop ? std::launch::deferred : std::launch::async,
+                                    [&disk, destinationFs, &records, &options, &sourceTop, &destinationTop] {
+                                        if (disk.destination == destinationTop)
+                                            return CBrickDisk::Finished;
+                                        removeLeftovers(destinationFs, disk.destination, options);
+                                        return checkSnapshotFolder(records.get(), disk, sourceTop, destinationTop);
+                                    }));
+    for (auto& check : checks)
+        check.wait();
+    for (std::size_t i = 0; i < plan.size(); ++i)
+        plan[i].completion = checks[i].get();
     std::set<CURI> copiedDisks = destinationDisks;
     for (const DiskPlan& disk : plan)
         copiedDisks.insert(disk.destination);
 
-    CCopyRun run(sourceFs, destinationFs, destinationTop, options);
+    CCopyRun run(sourceFs, destinationFs, records.get(), destinationTop, options);
     run.summary().snapshotsLeftOut = leftOut;
     std::map<CURI, CURI> destinationOf;
     for (const CRetentionPlan::Disk& member : chain)
@@ -1095,7 +1192,7 @@ CChainCopier::Summary CChainCopier::copy(zo::IFileSystem* sourceFs, const CURI& 
     run.setDestinations(std::move(destinationOf));
     run.listAhead(plan);
     try {
-        carryOut(run, plan, copiedDisks, existingTop, destinationFs, destinationTop);
+        carryOut(run, plan, copiedDisks, existingTop, destinationTop);
     } catch (...) {
         // What the copy learned of the destination before it stopped holds.
         run.keepRecord(false);

@@ -58,8 +58,12 @@ void CBrickDiskLink::store(zo::IFileSystem* fs, const CURI& diskFolder, const zo
 
 void CBrickDiskLink::load(zo::IFileSystem* fs, const CURI& diskFolder, const zo::String& fileName)
 {
-    const P<zo::TBuffer<zo::uint8>> payload = loadAuxFile(fs, diskFolder, fileName);
-    const P<zo::CBufferStream> stream(new zo::CBufferStream(static_cast<const zo::TBuffer<zo::uint8>*>(payload.get())));
+    loadPayload(*loadAuxFile(fs, diskFolder, fileName));
+}
+
+void CBrickDiskLink::loadPayload(const zo::TBuffer<zo::uint8>& payload)
+{
+    const P<zo::CBufferStream> stream(new zo::CBufferStream(&payload));
     zo::CDataInStream in(stream.get());
     if (!record::readFileIDMatches(in, kLinkFileID))
         throw zo::CError("brickdisk link file does not start with correct file ID.");

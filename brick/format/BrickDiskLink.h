@@ -64,6 +64,10 @@ public:
     // 16, 16 and 32 bytes; bytes that are not those leave the link without
     // an identity.
     void load(zo::IFileSystem* fs, const zo::CURI& diskFolder, const zo::String& fileName);
+    // Sets the link from a link record's payload as
+    // CBrickDiskAuxFileBase::loadAuxFile gives it; throws as load does for
+    // the payload's content.
+    void loadPayload(const zo::TBuffer<zo::uint8>& payload);
 
 private:
     zo::CURI m_target;

@@ -4,6 +4,7 @@
 #include "zo/String.h"
 
 #include <algorithm>
+#include <future>
 #include <vector>
 
 namespace brick {
@@ -29,29 +30,74 @@ bool isTemporaryName(const std::string& name)
     return name.rfind(kTemporaryPrefix, 0) == 0;
 }
 
-// Walks one folder of the tree at `level` (the file level is 0); `prefix` is
-// the index so far, counted in units of the entries at this level.
-void walk(zo::IFileSystem* fs, const CBrickDiskHeader& header, const zo::CURI& folder, int level, zo::int64 prefix,
-          CBrickTree::Listing& listing)
+// A folder of the tree still to list: its path, its level (the file level
+// is 0) and the index so far, counted in units of the entries at its level.
+struct TreeFolder {
+    zo::CURI path;
+    int level;
+    zo::int64 prefix;
+};
+
+// What the listing of one folder of the tree found.
+struct FolderFound {
+    std::vector<TreeFolder> folders;
+    CBrickTree::Listing listing;
+};
+
+// Lists one folder of the tree. One listing with the kinds and sizes (over
+// an object store one request, not one per entry); an entry removed
+// meanwhile, as a finished store's temporary file is, is left out.
+FolderFound listTreeFolder(zo::IFileSystem* fs, const CBrickDiskHeader& header, const TreeFolder& folder)
 {
-    // One listing of the folder with the kinds and sizes (over an object
-    // store one request, not one per entry); an entry removed meanwhile, as
-    // a finished store's temporary file is, is left out.
-    for (const zo::FolderEntry& entry : zo::listFolderWithInfo(fs, folder)) {
+    FolderFound found;
+    for (const zo::FolderEntry& entry : zo::listFolderWithInfo(fs, folder.path)) {
         const std::string name = entry.name.toUTF8();
-        const zo::CURI path = folder << entry.name;
-        const int digit = CBrickTree::parseEntryName(header, level, name);
-        if (isTemporaryName(name) && !entry.isFolder) {
-            listing.temporaryFiles.push_back(path);
-        } else if (digit < 0 || entry.isFolder != (level > 0)) {
-            listing.unexpectedEntries.push_back(path);
-        } else if (level > 0) {
-            walk(fs, header, path, level - 1, prefix * header.getObjectsPerTreeLevel() + digit, listing);
-        } else {
-            listing.bricks.push_back(CBrickTree::BrickFile{prefix * header.getObjectsPerTreeLevel() + digit, path,
-                                                           entry.size, entry.contentTag});
-        }
+        const zo::CURI path = folder.path << entry.name;
+        const int digit = CBrickTree::parseEntryName(header, folder.level, name);
+        const zo::int64 index = folder.prefix * header.getObjectsPerTreeLevel() + digit;
+        if (isTemporaryName(name) && !entry.isFolder)
+            found.listing.temporaryFiles.push_back(path);
+        else if (digit < 0 || entry.isFolder != (folder.level > 0))
+            found.listing.unexpectedEntries.push_back(path);
+        else if (folder.level > 0)
+            found.folders.push_back(TreeFolder{path, folder.level - 1, index});
+        else
+            found.listing.bricks.push_back(CBrickTree::BrickFile{index, path, entry.size, entry.contentTag});
     }
+    return found;
+}
+
+// Lists `folders`, up to `atOnce` at a time, each on a thread of its own
+// when more than one; the first error is thrown once all have ended. The
+// answers are in the order of `folders`.
+std::vector<FolderFound> listTreeFolders(zo::IFileSystem* fs, const CBrickDiskHeader& header,
+                                         const std::vector<TreeFolder>& folders, int atOnce)
+{
+    std::vector<FolderFound> found;
+    found.reserve(folders.size());
+    if (atOnce <= 1) {
+        for (const TreeFolder& folder : folders)
+            found.push_back(listTreeFolder(fs, header, folder));
+        return found;
+    }
+    for (std::size_t first = 0; first < folders.size(); first += static_cast<std::size_t>(atOnce)) {
+        const std::size_t end = std::min(folders.size(), first + static_cast<std::size_t>(atOnce));
+        std::vector<std::future<FolderFound>> listings;
+        for (std::size_t i = first; i < end; ++i)
+            listings.push_back(std::async(std::launch::async, [fs, &header, &folder = folders[i]] {
+                return listTreeFolder(fs, header, folder);
+            }));
+        for (std::future<FolderFound>& listing : listings)
+            listing.wait();
+        for (std::future<FolderFound>& listing : listings)
+            found.push_back(listing.get());
+    }
+    return found;
+}
+
+bool byPath(const zo::CURI& a, const zo::CURI& b)
+{
+    return a.toString(true).toUTF8() < b.toString(true).toUTF8();
 }
 
 } // namespace
@@ -64,7 +110,8 @@ zo::int64 CBrickTree::Listing::totalBrickBytes() const
     return total;
 }
 
-CBrickTree::Listing CBrickTree::list(zo::IFileSystem* fs, const zo::CURI& diskFolder, const CBrickDiskHeader& header)
+CBrickTree::Listing CBrickTree::list(zo::IFileSystem* fs, const zo::CURI& diskFolder, const CBrickDiskHeader& header,
+                                     int foldersListedAtOnce)
 {
     Listing listing;
     const zo::CURI root = diskFolder << kRootFolder;
@@ -73,10 +120,29 @@ CBrickTree::Listing CBrickTree::list(zo::IFileSystem* fs, const zo::CURI& diskFo
             listing.unexpectedEntries.push_back(root);
         return listing;
     }
+    // Level by level from the root: the folders of one level are listed
+    // together, as over an object store each listing mostly waits on the
+    // store's answer.
+    std::vector<TreeFolder> level;
     if (header.getTreeLevels() > 0)
-        walk(fs, header, root, header.getTreeLevels() - 1, 0, listing);
+        level.push_back(TreeFolder{root, header.getTreeLevels() - 1, 0});
+    while (!level.empty()) {
+        std::vector<TreeFolder> below;
+        for (FolderFound& found : listTreeFolders(fs, header, level, foldersListedAtOnce)) {
+            below.insert(below.end(), found.folders.begin(), found.folders.end());
+            for (BrickFile& brick : found.listing.bricks)
+                listing.bricks.push_back(std::move(brick));
+            listing.temporaryFiles.insert(listing.temporaryFiles.end(), found.listing.temporaryFiles.begin(),
+                                          found.listing.temporaryFiles.end());
+            listing.unexpectedEntries.insert(listing.unexpectedEntries.end(), found.listing.unexpectedEntries.begin(),
+                                             found.listing.unexpectedEntries.end());
+        }
+        level.swap(below);
+    }
     std::sort(listing.bricks.begin(), listing.bricks.end(),
               [](const BrickFile& a, const BrickFile& b) { return a.index < b.index; });
+    std::sort(listing.temporaryFiles.begin(), listing.temporaryFiles.end(), byPath);
+    std::sort(listing.unexpectedEntries.begin(), listing.unexpectedEntries.end(), byPath);
     return listing;
 }
 

@@ -38,10 +38,16 @@ public:
     };
 
     // Walks the tree of `diskFolder` (shaped by `header`) with
-    // IFileSystem::listFolder. A disk that never stored a brick (no "bricks")
-    // gives an empty listing; a "bricks" that is no folder is unexpected.
-    // Passes on the file system's errors.
-    static Listing list(zo::IFileSystem* fs, const zo::CURI& diskFolder, const CBrickDiskHeader& header);
+    // IFileSystem::listFolder, level by level, listing up to
+    // `foldersListedAtOnce` folders of a level at once, each on a thread of
+    // its own when more than one (`fs` must then allow calls from any
+    // thread). A disk that never stored a brick (no "bricks") gives an empty
+    // listing; a "bricks" that is no folder is unexpected. The temporary
+    // files and unexpected entries are in the order of their paths. Passes
+    // on the file system's errors (the first, once the listings under way
+    // have ended).
+    static Listing list(zo::IFileSystem* fs, const zo::CURI& diskFolder, const CBrickDiskHeader& header,
+                        int foldersListedAtOnce = 1);
 
     // The file of brick `brickIndex` of any disk with `header`'s tree shape,
     // relative to its folder: "bricks/<level T-1>/.../<level 1>/<level

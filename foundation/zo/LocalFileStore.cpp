@@ -291,10 +291,19 @@ std::string stageLocalFile(const CURI& file, int size, IInStream& source)
     return name;
 }
 
-void placeStagedLocalFile(const CURI& file, const std::string& stagedName)
+void placeStagedLocalFile(const CURI& file, const std::string& stagedName, StagedFolder& open)
 {
     const String targetPath = file.toString(true);
-    const CLocalEntry target = openLocalEntry(file.toLocalPath(), targetPath, "open");
+    const std::string parent = file.getParent().toString(true).toUTF8();
+    CLocalEntry target;
+    if (open.folder.isOpen() && open.path == parent) {
+        target.folder = std::move(open.folder);
+        target.name = file.getName().toUTF8();
+    } else {
+        target = openLocalEntry(file.toLocalPath(), targetPath, "open");
+    }
+    // Kept open for the next file only once this one is placed.
+    open.path.clear();
     const int folder = target.folder.get();
     try {
         const int fd = ::openat(folder, stagedName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
@@ -312,6 +321,8 @@ void placeStagedLocalFile(const CURI& file, const std::string& stagedName)
         ::unlinkat(folder, stagedName.c_str(), 0);
         throw;
     }
+    open.folder = std::move(target.folder);
+    open.path = parent;
 }
 
 void copyLocalFile(const CURI& from, const CURI& to, bool overwrite, bool sync)

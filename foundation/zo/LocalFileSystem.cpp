@@ -349,9 +349,15 @@ void CLocalFileSystem::syncBatch()
         CMutexLock lock(m_batchMutex);
         staged.swap(m_staged);
     }
+    // In the order of their paths, so that the files of one folder follow
+    // one another and the folder is opened once for them.
+    std::sort(staged.begin(), staged.end(), [](const auto& a, const auto& b) {
+        return a.first.toString(true).toUTF8() < b.first.toString(true).toUTF8();
+    });
+    StagedFolder open;
     for (auto it = staged.begin(); it != staged.end(); ++it) {
         try {
-            placeStagedLocalFile(it->first, it->second);
+            placeStagedLocalFile(it->first, it->second, open);
         } catch (const CError&) {
             CMutexLock lock(m_batchMutex);
             m_staged.insert(m_staged.end(), std::next(it), staged.end());

@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 using brick::CBrickDisk;
 using brick::CBrickDiskChain;
 using brick::CBrickTree;
@@ -132,6 +135,38 @@ TEST_F(BrickDiskChainTest, TreeListingGivesEveryBrickFileWithItsIndexAndSizeAndW
     ASSERT_EQ(listing.unexpectedEntries.size(), 1u);
     EXPECT_EQ(listing.unexpectedEntries[0].getName().toUTF8(), "notes.txt");
     EXPECT_EQ(listing.temporaryFiles.size(), 1u);
+}
+
+// Listing the folders of each level of the tree at once finds what listing
+// them one at a time finds, in the same order.
+TEST_F(BrickDiskChainTest, TreeListedSeveralFoldersAtOnceGivesWhatOneAtATimeGives)
+{
+    const CBrickDiskChain base(fs.get(), CURI("/disks/base"));
+    const CURI brick5 = CURI("/disks/base") << CBrickTree::getRelativeBrickURI(base.getHeader(), 5);
+    fs->setFileData(brick5.getParent() << "notes.txt", testsupport::patternBytes(3, 1));
+    fs->setFileData(brick5.getParent().getParent() << "a7f", testsupport::patternBytes(3, 1));
+    fs->setFileData(brick5.getParent() << ".tmp-0123456789abcdef-05.brick.part", testsupport::patternBytes(3, 1));
+    const auto paths = [](const std::vector<CURI>& uris) {
+        std::vector<std::string> texts;
+        for (const CURI& uri : uris)
+            texts.push_back(uri.toString(true).toUTF8());
+        return texts;
+    };
+
+    const CBrickTree::Listing one = CBrickTree::list(fs.get(), CURI("/disks/base"), base.getHeader(), 1);
+    const CBrickTree::Listing several = CBrickTree::list(fs.get(), CURI("/disks/base"), base.getHeader(), 4);
+
+    ASSERT_EQ(one.bricks.size(), 2u);
+    ASSERT_EQ(several.bricks.size(), one.bricks.size());
+    for (std::size_t i = 0; i < one.bricks.size(); ++i) {
+        EXPECT_EQ(several.bricks[i].index, one.bricks[i].index);
+        EXPECT_EQ(several.bricks[i].path.toString(true).toUTF8(), one.bricks[i].path.toString(true).toUTF8());
+        EXPECT_EQ(several.bricks[i].size, one.bricks[i].size);
+    }
+    EXPECT_EQ(paths(one.unexpectedEntries).size(), 2u);
+    EXPECT_EQ(paths(several.unexpectedEntries), paths(one.unexpectedEntries));
+    EXPECT_EQ(paths(one.temporaryFiles).size(), 1u);
+    EXPECT_EQ(paths(several.temporaryFiles), paths(one.temporaryFiles));
 }
 
 TEST_F(BrickDiskChainTest, OnlyTheTreesOwnSpellingOfANameCounts)

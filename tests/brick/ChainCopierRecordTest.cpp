@@ -11,21 +11,23 @@
 #include "support/BackupTestChain.h"
 #include "support/CountingObjectStore.h"
 #include "support/DiskTestHelpers.h"
+#include "support/LocalFile.h"
 #include "support/MemoryObjectStore.h"
 #include "support/TempFolder.h"
 #include "zo/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 using brick::CChainCopier;
 using brick::CCopyRecord;
 using testsupport::CCountingObjectStore;
+using testsupport::readLocalFile;
+using testsupport::writeLocalFile;
 using testsupport::backuptest::kBrickSize;
 using testsupport::backuptest::kPassword;
 using testsupport::backuptest::kSourceTop;
@@ -37,18 +39,6 @@ namespace {
 
 constexpr zo::int64 kDiskSize = 16 * kBrickSize;
 const char* const kDestination = "memory://bucket/dst/disk";
-
-std::string readLocalFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-void writeLocalFile(const std::string& path, const std::string& bytes)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << bytes;
-}
 
 class ChainCopierRecord : public ::testing::Test {
 protected:
@@ -304,6 +294,49 @@ TEST_F(ChainCopierRecord, DestinationWithoutTagsKeepsNoRecord)
     EXPECT_EQ(second.filesSent, 1);
     EXPECT_EQ(second.filesSkipped, 2);
     EXPECT_TRUE(readLocalFile(CCopyRecord::getFileURI(m_records.uri(), CURI("/dst/disk")).toLocalPath()).empty());
+}
+
+// A copy that sends nothing asks the store about each record of each disk
+// once (whether it exists and its bytes, or whether its fallback copy
+// exists), checks each disk's folder and its brick tree's, and lists each
+// folder of the brick trees once: the checks, the walk of the
+// destination's chain and the comparisons share what they read.
+TEST_F(ChainCopierRecord, CopyThatSendsNothingAsksAboutEachRecordAndTreeFolderOnce)
+{
+    makeAndCopyChain(m_records.uri());
+    std::set<std::string> disks;
+    std::set<std::string> treeFolders;
+    for (const std::string& key : m_objects->list("bucket", "dst/", 0)) {
+        const std::size_t bricks = key.find("/bricks/");
+        if (key.size() > 15 && key.compare(key.size() - 15, 15, "/disk.brickdisk") == 0 &&
+            key.find("/fallback/") == std::string::npos)
+            disks.insert(key.substr(0, key.size() - 15));
+        if (bricks == std::string::npos || key.back() == '/')
+            continue;
+        for (std::size_t end = key.find('/', bricks + 1); end != std::string::npos; end = key.find('/', end + 1))
+            treeFolders.insert(key.substr(0, end + 1));
+    }
+    ASSERT_EQ(disks.size(), 2u);
+    ASSERT_GE(treeFolders.size(), 2u * 2u);
+
+    const P<CCountingObjectStore> counting(new CCountingObjectStore(m_objects.get()));
+    const P<zo::CObjectStoreFileSystem> fresh(new zo::CObjectStoreFileSystem(counting.get(), "memory", 2));
+    const CChainCopier::Summary summary = copy(fresh.get(), m_records.uri());
+
+    ASSERT_EQ(summary.filesSent, 0);
+    ASSERT_EQ(summary.recordsWritten, 0);
+    const std::vector<std::string> requests = counting->requests();
+    const std::multiset<std::string> asked(requests.begin(), requests.end());
+    for (const std::string& request : asked)
+        EXPECT_EQ(asked.count(request), 1u) << request;
+    // Per disk, its six records (header, creation time, parent and child
+    // links, creating and removing marks): two requests each, a look and a
+    // read of one that exists or a look at each copy of one that does not.
+    // The top's folder is looked at as a file and as a folder, each
+    // snapshot's as a folder; each brick tree's root is looked at, then
+    // each of its folders listed.
+    const std::size_t expected = 6 * 2 * disks.size() + (1 + disks.size()) + disks.size() + treeFolders.size();
+    EXPECT_EQ(requests.size(), expected);
 }
 
 } // namespace

@@ -3,32 +3,21 @@
 // or made for another destination loads empty; tags that a line cannot hold
 // are not noted.
 #include "brick/backup/CopyRecord.h"
+#include "support/LocalFile.h"
 #include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 using brick::CCopyRecord;
+using testsupport::readLocalFile;
+using testsupport::writeLocalFile;
 using zo::CURI;
 
 namespace {
 
 const CURI kDestination("s3://bucket/backups/vm");
-
-std::string readLocalFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-void writeLocalFile(const std::string& path, const std::string& bytes)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << bytes;
-}
 
 CCopyRecord twoEntries()
 {

@@ -184,6 +184,35 @@ TEST_F(LocalFileSystemTest, StagedStoreReplacesTheFileOnlyAtTheBatchSync)
     EXPECT_EQ(folderEntries(temp.path()), std::vector<std::string>{"00.brick"});
 }
 
+// Files staged into several folders, in no order of folder, each land in
+// their own folder at the batch's sync (which takes each folder once for
+// the files in it), and a folder that is gone by then fails only its files.
+TEST_F(LocalFileSystemTest, StagedStoresIntoSeveralFoldersEachLandInTheirOwnFolderAtTheBatchSync)
+{
+    fs->createFolder(temp.uri() << "a", 0777);
+    fs->createFolder(temp.uri() << "b", 0777);
+    fs->createFolder(temp.uri() << "gone", 0777);
+    std::vector<P<CSource>> sources;
+    for (const std::string name : {"a/01", "b/01", "a/02", "gone/01", "b/02", "a/03"}) {
+        sources.push_back(P<CSource>(new CSource(name)));
+        fs->beginStoreFileStaged(temp.uri() << String(name + ".brick"), static_cast<int>(name.size()),
+                                 sources.back().get(), nullptr)
+            ->wait();
+    }
+    const std::vector<std::string> staged = folderEntries(temp.path() + "/gone");
+    ASSERT_EQ(staged.size(), 1u);
+    ASSERT_EQ(::unlink((temp.path() + "/gone/" + staged.front()).c_str()), 0);
+    ASSERT_EQ(::rmdir((temp.path() + "/gone").c_str()), 0);
+
+    EXPECT_THROW(fs->syncBatch(), CFileSystemError);
+    fs->syncBatch();
+
+    EXPECT_EQ(folderEntries(temp.path() + "/a"), (std::vector<std::string>{"01.brick", "02.brick", "03.brick"}));
+    EXPECT_EQ(folderEntries(temp.path() + "/b"), (std::vector<std::string>{"01.brick", "02.brick"}));
+    for (const std::string name : {"a/01", "a/02", "a/03", "b/01", "b/02"})
+        EXPECT_EQ(readFile(temp.path() + "/" + name + ".brick"), name);
+}
+
 TEST_F(LocalFileSystemTest, StagedStoreIntoAMissingFolderFailsWithNotFoundAndWithSyncOffStoresAtOnce)
 {
     P<COutcomeListener> listener(new COutcomeListener());

@@ -4,6 +4,7 @@
 
 #include "zo/Stream.h"
 #include "zo/URI.h"
+#include "zo/detail/LocalPath.h"
 
 #include <string>
 
@@ -33,11 +34,20 @@ void storeLocalFile(const CURI& file, int size, IInStream& source, bool overwrit
 // remains then.
 std::string stageLocalFile(const CURI& file, int size, IInStream& source);
 
+// The folder of the staged file placed last, kept open by
+// placeStagedLocalFile for the next one when it lies in the same folder.
+struct StagedFolder {
+    std::string path;
+    CFileDescriptor folder;
+};
+
 // Makes the bytes of the temporary file `stagedName` that stageLocalFile
 // wrote for `file` durable (fdatasync), then renames it over `file`, which
-// must be a regular file or missing; the folder entry is not synced. Throws
-// CFileSystemError; the temporary file is removed then.
-void placeStagedLocalFile(const CURI& file, const std::string& stagedName);
+// must be a regular file or missing; the folder entry is not synced. The
+// folder is taken from `open` when the last file placed lay in it too, and
+// left there open. Throws CFileSystemError; the temporary file is removed
+// then.
+void placeStagedLocalFile(const CURI& file, const std::string& stagedName, StagedFolder& open);
 
 // Copies `from` to `to`, leaving `from` in place: a hard link where both lie
 // on one file system (this file system replaces files by renaming, never
