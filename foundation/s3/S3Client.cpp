@@ -207,8 +207,9 @@ struct CS3Client::Loop {
     // Called by curl for each header line of a response. When the headers of
     // a response with a body are through, its connection acknowledges them at
     // once: a service that writes the headers and then a short body (radosgw:
-    // error documents, small objects) holds that body back until the headers
-    // are acknowledged (Nagle's algorithm), and Linux delays the
+    // error documents, small objects) or the last piece of a chunked body
+    // (radosgw: every listing) holds those bytes back until what it sent
+    // before is acknowledged (Nagle's algorithm), and Linux delays the
     // acknowledgement on a connection that both sends and receives by up to
     // 40 ms, which made each such response cost 40 ms.
     static size_t onHeaderLine(char* line, size_t size, size_t count, void* transfer)
@@ -216,11 +217,16 @@ struct CS3Client::Loop {
         Transfer& t = *static_cast<Transfer*>(transfer);
         const std::string_view text(line, size * count);
         constexpr std::string_view lengthHeader = "content-length:";
+        constexpr std::string_view encodingHeader = "transfer-encoding:";
         if (startsWithIgnoringCase(text, lengthHeader)) {
             const long long length = std::strtoll(line + lengthHeader.size(), nullptr, 10);
             t.bodyFollows = length > 0;
             if (length > 0 && length <= maxReservedBody)
                 t.response.body.reserve(static_cast<size_t>(length));
+        } else if (startsWithIgnoringCase(text, encodingHeader)) {
+            // A chunked body has no length up front: it follows, however
+            // short it turns out.
+            t.bodyFollows = true;
         } else if (text == "\r\n" && t.bodyFollows) {
             static_cast<Loop*>(t.loop)->acknowledgeAtOnce(t.localPort);
         }
