@@ -219,7 +219,11 @@ void CObjectStoreFileSystem::checkNotAFolder(const ObjectName& name, const CURI&
 
 bool CObjectStoreFileSystem::putFolderMarker(const ObjectName& name, const CURI& folder)
 {
-    if (m_store->stat(name))
+    // What this process made or listed of the folder around it may already
+    // tell that no file is in the way: a folder made level by level then
+    // costs one write per level.
+    const bool fileMayBeInTheWay = !isInMissingFolder(name) && !m_known->isListedAsMissing(name);
+    if (fileMayBeInTheWay && m_store->stat(name))
         throw pathError(CFileSystemError::AlreadyExists, "A file is in the way of the folder.", folder);
     try {
         runSync(

@@ -148,11 +148,32 @@ TEST_F(ObjectStoreFileSystemTest, StoreIntoAMissingFolderInAFolderItCreatedFails
 TEST_F(ObjectStoreFileSystemTest, CreatingAFolderAsksOnlyForAFileInTheWayAndWritesTheMarker)
 {
     fs->createFolder(path("disk"), folderMode);
-    const auto calls = callsOf([&] { EXPECT_EQ(createFolderAsync(*fs, path("disk/bricks")), -1); });
+    const P<CObjectStoreFileSystem> other = makeFileSystem(objects.get());
+    ASSERT_TRUE(other->folderExists(path("disk")));
+    const auto calls = callsOf([&] { EXPECT_EQ(createFolderAsync(*other, path("disk/bricks")), -1); });
     EXPECT_EQ(calls.stats, 1);
     EXPECT_EQ(calls.puts, 1);
     EXPECT_EQ(calls.total(), 2);
     EXPECT_TRUE(objects->holds(object("disk/bricks/")));
+}
+
+TEST_F(ObjectStoreFileSystemTest, CreatingFoldersInsideAFolderMadeHereWritesTheirMarkersAlone)
+{
+    fs->createFolder(path("disk"), folderMode);
+    const auto calls = callsOf([&] { fs->createFolder(path("disk/bricks/a00/b00"), folderMode); });
+    EXPECT_EQ(calls.puts, 3);
+    EXPECT_EQ(calls.total(), 3);
+    EXPECT_TRUE(objects->holds(object("disk/bricks/a00/b00/")));
+}
+
+TEST_F(ObjectStoreFileSystemTest, AFileStoredHereIsStillInTheWayOfAFolder)
+{
+    fs->createFolder(path("disk"), folderMode);
+    ASSERT_EQ(store(*fs, path("disk/bricks"), "a file", true), -1);
+    const auto calls =
+        callsOf([&] { EXPECT_THROW(fs->createFolder(path("disk/bricks"), folderMode), CFileSystemError); });
+    EXPECT_EQ(calls.puts, 0);
+    EXPECT_FALSE(objects->holds(object("disk/bricks/")));
 }
 
 TEST_F(ObjectStoreFileSystemTest, ReplacingAFileItFoundCostsTheWriteAlone)
