@@ -109,8 +109,10 @@ int makeChild(const ChildOptions& options, brick::CBrickDisk::ChildType type, co
                          zo::CProps().add("diskFolder", child.toString(true)));
     if (type == brick::CBrickDisk::linkedChild && takenByServer(fs.get(), parent, child))
         return 0;
-    // Making a child rewrites the parent's link to its child.
-    const zo::P<brick::CBrickDiskLock> lock = lockDisk(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
+    // Making a child rewrites the parent's link to its child, and none of
+    // the parent's bricks.
+    const zo::P<brick::CBrickDiskLock> lock =
+        lockDiskKeepingWriteMark(fs.get(), parent, brick::CBrickDiskLock::ForWriting);
     const zo::TCryptBuffer<zo::uint8> key = keyForLinks(fs.get(), parent, options.passwords);
     try {
         brick::CBrickDisk::createChild(fs.get(), child, parent, type, key);

@@ -191,9 +191,15 @@ zo::P<brick::CBrickDiskLock> lockDiskForWriting(zo::IFileSystem* fs, const zo::C
     return acquireLock(fs, folder, brick::CBrickDiskLock::ForWriting, false, &writeMark);
 }
 
+zo::P<brick::CBrickDiskLock> lockDiskKeepingWriteMark(zo::IFileSystem* fs, const zo::CURI& folder,
+                                                      brick::CBrickDiskLock::Mode mode)
+{
+    return acquireLock(fs, folder, mode, false, nullptr);
+}
+
 void checkDiskFree(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode)
 {
-    acquireLock(fs, folder, mode, false, nullptr);
+    lockDiskKeepingWriteMark(fs, folder, mode);
 }
 
 zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folder, brick::CBrickDiskLock::Mode mode,

@@ -98,6 +98,13 @@ zo::P<brick::CBrickDiskLock> lockDisk(zo::IFileSystem* fs, const zo::CURI& folde
 zo::P<brick::CBrickDiskLock> lockDiskForWriting(zo::IFileSystem* fs, const zo::CURI& folder,
                                                 const zo::String& writeMark);
 
+// The same for a writer that changes none of the disk's bricks (making a
+// child rewrites only the disk's link to it): the disk's write mark stays as
+// it is, so that the cache folder of a server of the disk still takes it
+// (brick::CBrickDiskLock::acquireKeepingWriteMark).
+zo::P<brick::CBrickDiskLock> lockDiskKeepingWriteMark(zo::IFileSystem* fs, const zo::CURI& folder,
+                                                      brick::CBrickDiskLock::Mode mode);
+
 // Takes the disk's lock for `mode` for a moment, to refuse a disk in use as
 // lockDisk does, and releases it; a writing lock leaves the disk's write
 // mark as it is (brick::CBrickDiskLock::acquireKeepingWriteMark).
