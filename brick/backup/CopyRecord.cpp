@@ -31,19 +31,6 @@ constexpr zo::int64 kMaxRecordSize = 256 * 1024 * 1024;
 // A record tells what a user's destinations hold: their folder is theirs.
 constexpr int kRecordFolderMode = 0700;
 
-std::string toHex(std::string_view bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(bytes.size() * 2);
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        hex += digits[byte >> 4];
-        hex += digits[byte & 15];
-    }
-    return hex;
-}
-
 int hexValue(char c)
 {
     if (c >= '0' && c <= '9')
@@ -74,8 +61,7 @@ std::string sha256Hex(std::string_view text)
     const zo::P<seal::IDigestContext> context = seal::CDigestManager().getType("sha256")->createContext();
     context->update(text.data(), static_cast<int>(text.size()));
     context->finish();
-    return toHex(std::string_view(reinterpret_cast<const char*>(context->getDigest()),
-                                  static_cast<std::size_t>(context->getSize())));
+    return zo::toHexDigits(context->getDigest(), static_cast<std::size_t>(context->getSize()));
 }
 
 bool isRecordableTag(const std::string& tag)
@@ -173,7 +159,8 @@ void CCopyRecord::store(const zo::CURI& folder) const
 {
     std::string text = std::string(kFirstLine) + "\n" + kDestinationField + destinationName(m_destination) + "\n";
     for (const auto& [tag, entry] : m_entries)
-        text += tag + " " + std::to_string(entry.size) + " " + toHex(entry.tail) + "\n";
+        text +=
+            tag + " " + std::to_string(entry.size) + " " + zo::toHexDigits(entry.tail.data(), entry.tail.size()) + "\n";
     text += kCheckField + sha256Hex(text) + "\n";
     const zo::CURI file = getFileURI(folder, m_destination);
     try {

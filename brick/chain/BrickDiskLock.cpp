@@ -74,13 +74,7 @@ zo::String newRandomMark()
 {
     unsigned char bytes[16];
     seal::fillRandomBytes(bytes, sizeof(bytes));
-    static const char digits[] = "0123456789abcdef";
-    std::string mark;
-    for (const unsigned char byte : bytes) {
-        mark += digits[byte >> 4];
-        mark += digits[byte & 15];
-    }
-    return zo::String(mark);
+    return zo::String(zo::toHexDigits(bytes, sizeof(bytes)));
 }
 
 void storeWriteMark(zo::IFileSystem* fs, const CURI& diskFolder, const zo::String& mark)

@@ -49,13 +49,7 @@ std::string sha256Hex(const std::string& bytes)
     unsigned int length = 0;
     if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) != 1)
         throw CError("OpenSSL could not hash a request body.");
-    static const char* hex = "0123456789abcdef";
-    std::string text;
-    for (unsigned int i = 0; i < length; ++i) {
-        text += hex[digest[i] >> 4];
-        text += hex[digest[i] & 15];
-    }
-    return text;
+    return toHexDigits(digest, length);
 }
 
 size_t appendBody(char* data, size_t size, size_t count, void* response)

@@ -170,6 +170,19 @@ String toHexString(int value)
     return String(std::string_view(buf, static_cast<size_t>(res.ptr - buf)));
 }
 
+std::string toHexDigits(const void* bytes, size_t size)
+{
+    static const char digits[] = "0123456789abcdef";
+    const auto* const in = static_cast<const unsigned char*>(bytes);
+    std::string hex;
+    hex.reserve(size * 2);
+    for (size_t i = 0; i < size; ++i) {
+        hex += digits[in[i] >> 4];
+        hex += digits[in[i] & 15];
+    }
+    return hex;
+}
+
 int64 parseInt64(const String& text, bool allowTrailing)
 {
     const std::string s = text.toUTF8();

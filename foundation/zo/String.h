@@ -80,6 +80,9 @@ BRICKDISK_EXPORT String toDecimalString(int64 value);
 // Lower-case hexadecimal text of `value` without prefix or padding; negative
 // values show their 32-bit two's complement.
 BRICKDISK_EXPORT String toHexString(int value);
+// Two lower-case hexadecimal digits for each of the `size` bytes at `bytes`,
+// in order: the usual text of a digest, key or random ID.
+BRICKDISK_EXPORT std::string toHexDigits(const void* bytes, size_t size);
 // Parses a decimal number with an optional sign. `allowTrailing` false: the
 // whole text must be the number. Throws CInvalidArgError on bad text or overflow.
 BRICKDISK_EXPORT int64 parseInt64(const String& text, bool allowTrailing);

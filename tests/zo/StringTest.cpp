@@ -204,6 +204,13 @@ TEST(ToHexString, WritesLowerCaseWithoutPrefixOrPadding)
     EXPECT_EQ(zo::toHexString(std::numeric_limits<int>::max()), "7fffffff");
 }
 
+TEST(ToHexDigits, WritesTwoLowerCaseDigitsForEachByteInOrder)
+{
+    const unsigned char bytes[] = {0x00, 0x0f, 0xa5, 0xff, 0x10};
+    EXPECT_EQ(zo::toHexDigits(bytes, sizeof(bytes)), "000fa5ff10");
+    EXPECT_EQ(zo::toHexDigits(bytes, 0), "");
+}
+
 TEST(ToHexString, WritesNegativeValuesAsTwosComplement)
 {
     EXPECT_EQ(zo::toHexString(-1), "ffffffff");

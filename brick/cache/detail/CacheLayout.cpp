@@ -12,17 +12,6 @@ namespace {
 constexpr char kOwnerMagic[] = "brickdisk cache 1";
 constexpr char kRecordMagic[] = "brickdisk cache record 1";
 
-std::string hexOf(const unsigned char* bytes, int size)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    for (int i = 0; i < size; ++i) {
-        hex += digits[bytes[i] >> 4];
-        hex += digits[bytes[i] & 15];
-    }
-    return hex;
-}
-
 // The rest of `line` after `word` and a space; false when it does not start
 // so.
 bool valueAfter(const std::string& line, const std::string& word, std::string& value)
@@ -40,7 +29,7 @@ std::string sha256Hex(const std::string& text)
     const zo::P<seal::IDigestContext> context = seal::CDigestManager().getType("sha256")->createContext();
     context->update(text.data(), static_cast<int>(text.size()));
     context->finish();
-    return hexOf(context->getDigest(), context->getSize());
+    return zo::toHexDigits(context->getDigest(), static_cast<size_t>(context->getSize()));
 }
 
 std::string readCacheText(zo::IFileSystem* fs, const zo::CURI& file)
@@ -95,7 +84,7 @@ std::string newCacheFolderId()
 {
     unsigned char bytes[16];
     seal::fillRandomBytes(bytes, sizeof(bytes));
-    return hexOf(bytes, sizeof(bytes));
+    return zo::toHexDigits(bytes, sizeof(bytes));
 }
 
 std::string formatJournalRecord(const std::string& key, bool deletion)
