@@ -56,10 +56,44 @@ alive() {
 # against a reused process id).
 ours() { [ "$(readlink "/proc/$1/exe" 2>/dev/null)" = "$2" ]; }
 
+# The ports a cluster chose are claimed in $claims (a folder per port that
+# names the cluster's folder) until the cluster stops: clusters started at the
+# same time (the fault tests each start one) never choose the same port, and
+# the port of a radosgw stopped for a fault test stays its cluster's, where
+# another cluster would otherwise start its own gateway with the same keys.
+claims=/tmp/brickdisk-ceph-ports
+
+# free_port FROM: the first port from FROM on that nothing listens on and no
+# running cluster claimed; claims it for the cluster in $dir.
 free_port() {
-    local port=$1
-    while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+    local port=$1 owner
+    mkdir -p "$claims"
+    while true; do
+        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+            if mkdir "$claims/$port" 2>/dev/null; then
+                echo "$dir" >"$claims/$port/owner"
+                break
+            fi
+            owner=$(cat "$claims/$port/owner" 2>/dev/null || true)
+            # The claim of a cluster whose folder is gone is taken over.
+            if [ -n "$owner" ] && [ ! -d "$owner" ]; then
+                rm -rf "${claims:?}/$port"
+                continue
+            fi
+        fi
+        port=$((port + 1))
+    done
     echo "$port"
+}
+
+# Gives up the ports claimed for the cluster in $dir.
+release_ports() {
+    local claim
+    for claim in "$claims"/*; do
+        if [ "$(cat "$claim/owner" 2>/dev/null || true)" = "$dir" ]; then
+            rm -rf "$claim"
+        fi
+    done
 }
 
 # launch NAME PROGRAM ARGS...: a daemon in the foreground of its own session.
@@ -260,6 +294,7 @@ stop_cluster() {
         tac "$pids" | while read -r name pid program; do stop_daemon "$name" "$pid" "$program"; done
         rm -f "$pids"
     fi
+    release_ports
     case "$dir" in
     /tmp/?* | /var/tmp/?*) rm -rf "$dir" ;;
     *) [ -d "$dir" ] && echo "ceph-test-cluster: not removing $dir (outside /tmp)" >&2 ;;
